@@ -1,0 +1,30 @@
+#pragma once
+
+#include <string>
+#include <utility>
+
+#include "tidegate/endpoint.h"
+
+namespace tidegate {
+
+/// Tells where an agent that is reached over TCP listens.
+///
+/// Implemented by the application, or left out: `METRICS::DummyServiceDiscovery` names the local
+/// machine. An object given to `METRICS::MetricClient::Init` must come from `new`; the client
+/// deletes it. Its operations are called from threads that make a registry and from flush threads.
+class ServiceDiscoveryBase {
+ public:
+  explicit ServiceDiscoveryBase(std::string service_name) : name(std::move(service_name)) {}
+  virtual ~ServiceDiscoveryBase() = default;
+
+  /// Prepares the look-up of the service `service`. False when it is unknown.
+  virtual bool LookUp(std::string service) = 0;
+  /// Fills one address of the service and how often a failed exchange with it may be tried again.
+  /// False when there is none.
+  virtual bool GetOne(Endpoint& endpoint, signed char& retry_count) = 0;
+
+  /// The service that is looked up.
+  std::string name;
+};
+
+}  // namespace tidegate

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tidegate/metric_tag.h"
+
+namespace tidegate {
+
+/// What the library asks of the platform that a service runs on: the tags that the platform
+/// insists on, the identity of the service and the address of the local agent.
+///
+/// Implemented by the application, or left out: `METRICS::DummyVendor` describes a plain machine.
+/// Ownership: a vendor given to `METRICS::MetricClient::Init` must come from `new`; the client
+/// deletes it. A vendor named by a `MetricRegistryCfg` is only borrowed for the call.
+/// Threads: `ImmutableTags`, `RewritableTags` and `GetSenderOutPath` are called from any thread
+/// that makes a registry and from the flush threads, possibly at the same time; `GetPSM` and
+/// `EnableMonitor` only from `Init`. The library never holds one of its table locks meanwhile.
+/// Operations that say "not called by the library" are there for the application's own use.
+class VendorInterface {
+ public:
+  virtual ~VendorInterface() = default;
+
+  /// Not called by the library.
+  virtual bool Initialized() = 0;
+  /// Not called by the library.
+  virtual void Init() = 0;
+  /// Not called by the library.
+  virtual bool Check(std::vector<std::string> values) = 0;
+  /// Not called by the library.
+  virtual int GetRunEnv() = 0;
+  /// Tags that every registry carries and that nothing overrides. Not validated.
+  /// The reference must stay good for the life of the vendor.
+  virtual std::vector<MetricTag>& ImmutableTags() = 0;
+  /// Tags that every registry carries unless its own tags name the same key. As above.
+  virtual std::vector<MetricTag>& RewritableTags() = 0;
+  /// Not called by the library.
+  virtual std::vector<std::string> TagKeys() = 0;
+  /// Not called by the library.
+  virtual std::string GetIDC() = 0;
+  /// Identity of the service. If it is not empty, packets carry it as their "project_id".
+  virtual std::string GetPSM() = 0;
+  /// Not called by the library.
+  virtual bool HasConfiger() = 0;
+  /// Not called by the library.
+  virtual std::string GetConfigerUrl() = 0;
+  /// Path of the agent's Unix domain socket, asked for at each (re)connect. At most 107 bytes
+  /// are used.
+  virtual std::string GetSenderOutPath() = 0;
+  /// Not called by the library.
+  virtual int GetSenderOutType() = 0;
+  /// Whether the library is to report its own metrics; `CoreInitCfg::force_self_monitor` goes
+  /// before it.
+  virtual bool EnableMonitor() = 0;
+};
+
+}  // namespace tidegate

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "codec/tag_kv.h"
+
+namespace lattice_kit::codec {
+
+/// Offset basis of the 32-bit FNV hash: the seed of a hash from scratch.
+constexpr uint32_t kFNVOffsetBasis = 0x811c9dc5U;
+constexpr uint32_t kFNVPrime = 0x01000193U;
+
+/// 32-bit FNV-1a hash of the bytes of `s`, continued from `seed`
+/// (G. Fowler, L. C. Noll, K.-P. Vo, "The FNV Non-Cryptographic Hash Algorithm").
+/// Hashes chain: the hash of a text is that of its tail seeded with that of its head.
+inline uint32_t StrFNVHash(const std::string& s, uint32_t seed) {
+  uint32_t hash = seed;
+  for (const char c : s) {
+    hash = (hash ^ static_cast<unsigned char>(c)) * kFNVPrime;
+  }
+  return hash;
+}
+
+/// As `StrFNVHash`, then one zero byte, which keeps neighbouring strings apart.
+inline uint32_t DelimitedFNVHash(const std::string& s, uint32_t seed) {
+  return StrFNVHash(s, seed) * kFNVPrime;
+}
+
+/// Hash of a list of strings, boundaries included.
+uint32_t StrVecFNVHash(const std::vector<std::string>& v);
+
+/// Hash of a tag list: keys and values in list order, boundaries included. It is the tag hash of
+/// a series in packets.
+uint32_t TagVecFNVHash(const std::vector<TagKV>& v);
+
+}  // namespace lattice_kit::codec

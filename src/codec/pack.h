@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <type_traits>
+
+namespace lattice_kit::codec {
+
+/// Growable byte buffer that packets are built in, front to back.
+///
+/// Integers and doubles are stored as they stand in memory, which is little-endian on every
+/// platform of the library. Not thread-safe. Owns its memory; not copyable. Lengths are signed
+/// 32-bit numbers; memory exhaustion ends the process.
+class Pack {
+ public:
+  /// Allocates `initial_capacity` bytes.
+  explicit Pack(int32_t initial_capacity);
+  ~Pack();
+  Pack(const Pack&) = delete;
+  Pack& operator=(const Pack&) = delete;
+
+  int32_t Used() const { return static_cast<int32_t>(cursor - begin); }
+
+  /// Makes room for `n` more bytes and one to spare: a write that would fill the buffer exactly
+  /// also grows it, by multiples of 1024.
+  void Reserve(int32_t n) {
+    if (capacity - Used() <= n) {
+      Grow(n);
+    }
+  }
+
+  /// Appends a number of fixed width.
+  template <class T>
+  void Put(T value) {
+    static_assert(std::is_arithmetic_v<T>);
+    Reserve(static_cast<int32_t>(sizeof(T)));
+    std::memcpy(cursor, &value, sizeof(T));
+    cursor += sizeof(T);
+  }
+
+  /// Appends `n` raw bytes.
+  void PutRaw(const void* data, int32_t n);
+
+  /// Overwrites the number at `offset`. REQUIRES: it was written before.
+  template <class T>
+  void Patch(uint32_t offset, T value) {
+    static_assert(std::is_arithmetic_v<T>);
+    std::memcpy(begin + offset, &value, sizeof(T));
+  }
+
+  /// Empties the buffer; one that grew beyond `METRICS::kMetricSendBufSize` is cut back to
+  /// `METRICS::kMetricMaxMsgLen`.
+  void Clear();
+
+  /// The bytes written so far.
+  std::string Bytes() const { return std::string(begin, cursor); }
+
+  char* begin;       ///< start of the allocation
+  char* cursor;      ///< next byte to write
+  int32_t capacity;  ///< bytes allocated
+
+ private:
+  void Grow(int32_t n);
+  void Reallocate(int32_t new_capacity);
+};
+
+}  // namespace lattice_kit::codec

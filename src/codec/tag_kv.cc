@@ -1,0 +1,20 @@
+#include "codec/tag_kv.h"
+
+#include <cstdint>
+
+#include "codec/pack.h"
+
+namespace lattice_kit::codec {
+
+void EncodeText(const std::string& s, Pack& pack) {
+  const auto length = static_cast<uint32_t>(s.size());
+  pack.Put(length);
+  pack.PutRaw(s.data(), static_cast<int32_t>(length));
+}
+
+void Encode(const TagKV& tag, Pack& pack) {
+  EncodeText(tag.key, pack);
+  EncodeText(tag.value, pack);
+}
+
+}  // namespace lattice_kit::codec

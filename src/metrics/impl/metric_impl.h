@@ -1,0 +1,122 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "codec/pack.h"
+#include "codec/tag_kv.h"
+#include "metrics/histo_util.h"
+#include "metrics/metric_collector_item.h"
+#include "tidegate/metric_tag.h"
+#include "util/metric_common.h"
+#include "util/metric_error_code.h"
+#include "util/metric_export.h"
+
+namespace METRICS {
+
+class Metric;
+class MetricCollectorBase;
+class MetricCollectorFactory;
+
+/// The shared item that stands for every failure: emitting on it does nothing and answers 70.
+/// Never destroyed.
+METRICS_API std::shared_ptr<MetricCollectorItem> DummyItem();
+
+/// What stands between a caller's tags and a series, by the kind of the metric.
+///
+/// Threads: the `With...` family from any thread; it takes no lock but the collector's and, for a
+/// series that exists, allocates nothing. Owned by its `Metric`.
+class METRICS_API MetricImpl {
+ public:
+  using ItemPtr = std::shared_ptr<MetricCollectorItem>;
+
+  MetricImpl(const std::string& tenant, const std::string& name, Metric* metric,
+             const std::vector<std::string>&& tag_names);
+  virtual ~MetricImpl();
+  MetricImpl(const MetricImpl&) = delete;
+  MetricImpl& operator=(const MetricImpl&) = delete;
+
+  /// Gets the collector and puts the metric into service; 17 if there is none to be had.
+  virtual ReturnCode InitCollector();
+  virtual ItemPtr GetOrCreate(const std::vector<std::string>& tag_values);
+  /// Drops all series.
+  virtual ReturnCode ClearCollector();
+  virtual unsigned long GetSeriesCount();
+  virtual unsigned long GetDPCount();
+  virtual void InitHisto(HistoUtilBase& histo);
+  virtual MetricCoItemType Type();
+
+  // Never null: the dummy item stands for any failure. See `Metric` for the forms.
+  ItemPtr WithTags(const std::vector<tidegate::MetricTag>& tags);
+  ItemPtr WithTagValues(const std::vector<std::string>& values);
+  ItemPtr WithTagMap(const std::unordered_map<std::string, std::string>& tags);
+
+  /// Puts the value of each tag at the place of its name. 37 for too many tags, 53 for a bad
+  /// value, 50 for an unknown key.
+  ReturnCode GetTagValueVec(const std::vector<tidegate::MetricTag>& tags,
+                            std::vector<std::string>& values);
+  /// Counts a failed emission on the metric and gives the dummy item.
+  ItemPtr GetDummyItem();
+  static ItemPtr GetMetricDummyItem(Metric* metric);
+
+  /// Builds the list of tags that every series carries in packets, from the declared names and
+  /// `const_tags`.
+  void PrepareSendTagKV(const std::vector<tidegate::MetricTag>& const_tags);
+  /// Finds the place of each declared name in that list.
+  void PrepareTagIdx();
+  /// Writes the tags of a series in their packet form to `out`: hash, number of texts, texts.
+  /// Computes `tag_hash` if it is 0.
+  void EncodeTagBlock(const std::vector<std::string>& tag_values, int32_t& tag_hash,
+                      lattice_kit::codec::Pack& out) const;
+
+  /// Takes the collector out of the factory, if this metric put it there and it still stands.
+  void DeregisterCollector();
+
+  std::atomic<MetricState> state_{MetricState::INIT};  ///< also stored by the registry
+  const std::string tenant_;
+  const std::string name_;
+  std::vector<std::string> tag_names_;  ///< sorted; the order of all vectors of tag values
+  const uint16_t tag_count_;
+  // Constant once the metric is in service.
+  std::vector<uint16_t> tag_index_;  ///< from the place of a name to its place in `send_tags_`
+  std::vector<lattice_kit::codec::TagKV> send_tags_;  ///< sorted; declared tags without values
+  Metric* const metric_;
+  const std::shared_ptr<MetricCollectorFactory> collector_factory_;
+  std::shared_ptr<MetricCollectorBase> collector_;
+
+ private:
+  /// False when no emission may pass; then with a line unless the metric is still being made.
+  bool PassStateGate() const;
+  bool RefuseMoreThanDeclared(size_t count) const;
+  /// The work buffer of this thread, all values "-".
+  std::vector<std::string>& PreparePool() const;
+
+  /// The metric that `collector_` was made for, if it is another of the same full name: items
+  /// point at it.
+  std::shared_ptr<Metric> collector_owner_;
+  std::atomic<bool> registered_{false};  ///< this metric's collector stands in the factory
+};
+
+/// The implementation of ordinary metrics: suffixes appear as they are emitted.
+class METRICS_API SuffixedMetricImpl final : public MetricImpl {
+ public:
+  using MetricImpl::MetricImpl;
+  ~SuffixedMetricImpl() override;
+
+  void InitHisto(HistoUtilBase& histo) override;
+  MetricCoItemType Type() override { return MetricCoItemType::kCoItemSuffix; }
+
+  /// The histogram bounds: none, or the whole list once it is set.
+  const std::vector<double>& Bounds() const;
+
+ private:
+  std::vector<double> bounds_;  ///< written by the one thread that took `bounds_taken_`
+  std::atomic<bool> bounds_taken_{false};
+  std::atomic<bool> bounds_ready_{false};
+};
+
+}  // namespace METRICS

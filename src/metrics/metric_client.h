@@ -1,0 +1,87 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+
+#include "metrics/metric.h"
+#include "metrics/metric_configer.h"
+#include "metrics/metric_registry.h"
+#include "tidegate/mconfiger_impl_base.h"
+#include "tidegate/service_discovery_base.h"
+#include "tidegate/vendor_interface.h"
+#include "util/metric_common.h"
+#include "util/metric_error_code.h"
+#include "util/metric_export.h"
+#include "util/metric_log.h"
+
+namespace METRICS {
+
+class MetricCollectorFactory;
+class MetricFactory;
+class MetricSenderManager;
+
+/// The root of the library: a service makes one, calls `Init`, asks it for registries and
+/// metrics, and ends it.
+///
+/// Threads: `CreateRegistry` and `CreateMetric` from any thread; `Init`, `Exit`, `FlushAndExit`,
+/// `AtFork` and the destructor not at the same time as anything else on this client. After `Init`
+/// there is one flush thread per tenant that has a registry.
+/// Ownership: the client owns everything that it hands out as raw pointers; these dangle once it
+/// has ended, and items that callers hold must be dropped before.
+/// Ending: `Exit` and the destructor flush nothing; `FlushAndExit` first sends what the cells
+/// hold. Both wait for the flush threads: up to 200 ms for a sleeping one, up to the end of its
+/// flush for a working one. Values emitted after the last flush are lost.
+class METRICS_API MetricClient {
+ public:
+  /// What `CreateMetric` answers: `metric` is null unless `code` is 0.
+  struct CreateMetricResult {
+    Metric* metric;
+    ReturnCode code;
+  };
+
+  MetricClient();
+  ~MetricClient();
+  MetricClient(const MetricClient&) = delete;
+  MetricClient& operator=(const MetricClient&) = delete;
+
+  /// Brings the client into service. Takes the three objects over: they must come from `new` and
+  /// are deleted when the client ends. Null for `vendor` and `discovery` selects `DummyVendor`
+  /// and `DummyServiceDiscovery`. REQUIRES: `configer_impl` is not null. 83 when an object cannot
+  /// be made; destroy the client then.
+  ///
+  /// Reads METRICS_MAX_METRICS_PER_REGISTRY, once in the life of the process.
+  ReturnCode Init(tidegate::MConfigerImplBase* configer_impl, tidegate::VendorInterface* vendor,
+                  tidegate::ServiceDiscoveryBase* discovery, const CoreInitCfg& cfg);
+
+  /// Finds or makes a registry. One that exists under the tenant and prefix is given as it is:
+  /// the rest of `cfg` does not count then. Two threads that race on a new one: the slower may get
+  /// 19.
+  ReturnCode CreateRegistry(MetricRegistry*& registry, MetricRegistryCfg cfg);
+  /// Finds or makes a registry and a metric in it, as above.
+  CreateMetricResult CreateMetric(MetricRegistryCfg registry_cfg, MetricInstanceCfg metric_cfg);
+
+  /// Stops all threads and drops everything, unflushed values too. Safe twice. Always 0.
+  ReturnCode Exit();
+  /// Sends what the cells hold, then as `Exit`. A flush that was running meanwhile counts as the
+  /// last one. REQUIRES: `Init` was called.
+  void FlushAndExit();
+  /// For the child of a `fork`, to be called by the application before anything else of this
+  /// client: drops everything without touching the parent's threads, connections or data; nothing
+  /// is sent. `Init` may be called again afterwards. REQUIRES: `Init` was called.
+  void AtFork();
+
+  // Set by `Init`, read by the parts of the library, null otherwise.
+  std::shared_ptr<MetricCollectorFactory> collector_factory_;
+  std::shared_ptr<MetricFactory> metric_factory_;
+  std::unique_ptr<MetricConfiger> configer_;
+  std::unique_ptr<MetricSenderManager> sender_manager_;
+
+ private:
+  void ShutDownFactories();
+  void ReleaseFactories();
+
+  pid_t init_pid_ = 0;  ///< the process that called `Init`
+};
+
+}  // namespace METRICS

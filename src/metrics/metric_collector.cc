@@ -1,0 +1,129 @@
+#include "metrics/metric_collector.h"
+
+#include "codec/pack.h"
+#include "metrics/metric.h"
+#include "metrics/metric_client.h"
+#include "metrics/metric_collector_factory.h"
+#include "metrics/metric_configer.h"
+#include "util/metric_log.h"
+#include "util/metric_string_util.h"
+
+namespace METRICS {
+namespace {
+
+using lattice_kit::codec::Pack;
+
+// What a series is accounted for in `cache_mem_` beside its strings, when it is made and when it
+// is erased.
+constexpr unsigned long kCreatedSeriesBytes = 112;
+constexpr unsigned long kErasedSeriesBytes = 56;
+
+constexpr int32_t kTagScratchBytes = 64;
+
+}  // namespace
+
+MetricCollectorBase::MetricCollectorBase(MetricCollectorFactory* factory, Metric* metric)
+    : factory_(factory),
+      metric_(metric),
+      co_type_(metric->kind_),
+      name_(metric->name_),
+      pre_encode_tags_(factory->client_->configer_->pre_encode_tags_),
+      metric_ref_(metric->weak_from_this()) {}
+
+MetricCollectorBase::~MetricCollectorBase() { metric_ = nullptr; }
+
+ReturnCode MetricCollectorBase::Init() { return ReturnCode::kOk; }
+std::vector<Series> MetricCollectorBase::GetAll() { return {}; }
+unsigned long MetricCollectorBase::SeriesSize() { return 0; }
+unsigned long MetricCollectorBase::DPSize() { return 0; }
+ReturnCode MetricCollectorBase::Clear() { return ReturnCode::kOk; }
+void MetricCollectorBase::Erase(const std::vector<std::string>& /*tag_values*/) {}
+std::shared_ptr<MetricCollectorItem> MetricCollectorBase::GetOrCreate(
+    const std::vector<std::string>& /*tag_values*/) {
+  return nullptr;
+}
+uint32_t MetricCollectorBase::Id() { return 0; }
+
+HashMapCollector::HashMapCollector(MetricCollectorFactory* factory, Metric* metric)
+    : MetricCollectorBase(factory, metric),
+      series_(std::make_unique<SeriesMap>(factory->total_series_)) {}
+
+HashMapCollector::~HashMapCollector() { metric_ = nullptr; }
+
+std::vector<Series> HashMapCollector::GetAll() { return series_->GetAll(); }
+
+unsigned long HashMapCollector::SeriesSize() { return series_->Size(); }
+
+unsigned long HashMapCollector::DPSize() {
+  unsigned long cells = 0;
+  for (const Series& series : GetAll()) {
+    cells += series.second->Size();
+  }
+  return cells;
+}
+
+ReturnCode HashMapCollector::Clear() {
+  series_->Clear();
+  return ReturnCode::kOk;
+}
+
+void HashMapCollector::Erase(const std::vector<std::string>& tag_values) {
+  const std::shared_ptr<Metric> metric = PinMetric();
+  const std::shared_ptr<MetricCollectorItem> item = series_->Erase(tag_values);
+  if (item != nullptr && metric != nullptr) {
+    metric->cache_mem_.fetch_sub(GetSize(tag_values) + item->MemSize() + kErasedSeriesBytes);
+  }
+}
+
+std::shared_ptr<MetricCollectorItem> HashMapCollector::GetOrCreate(
+    const std::vector<std::string>& tag_values) {
+  std::shared_ptr<MetricCollectorItem> item = series_->Get(tag_values);
+  return item != nullptr ? item : CreateSeries(tag_values);
+}
+
+std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateSeries(
+    const std::vector<std::string>& tag_values) {
+  const unsigned long count = factory_->total_series_.load();
+  if (count >= factory_->max_series_) {
+    // The line names the default quota, whatever the configured one is.
+    METRICS_LOG_WARN("TotalSeriesCount reach maximum, count: %lu quota: %d\n", count, 10000000);
+    return MetricImpl::GetMetricDummyItem(metric_);
+  }
+  if (metric_ == nullptr) {
+    return DummyItem();
+  }
+  std::shared_ptr<MetricCollectorItem> item = MakeItem(tag_values);
+  if (item == nullptr) {
+    METRICS_LOG_ERROR("Internal Error for Unknown Collector Type: %d\n",
+                      static_cast<int>(co_type_));
+    return MetricImpl::GetMetricDummyItem(metric_);
+  }
+  if (series_->Insert(tag_values, item) != ReturnCode::kOk) {
+    std::shared_ptr<MetricCollectorItem> winner = series_->Get(tag_values);
+    // The winner may have been cleared already; this item then serves as its cleared twin.
+    return winner != nullptr ? winner : item;
+  }
+  metric_->cache_mem_.fetch_add(GetSize(tag_values) + kCreatedSeriesBytes);
+  if (LogLevel() == 0) {
+    DebugMsg(tag_values, "Create a Item in Collector: %s with DataBase type: %d", name_.c_str(),
+             static_cast<int>(item->Type()));
+  }
+  return item;
+}
+
+std::shared_ptr<MetricCollectorItem> HashMapCollector::MakeItem(
+    const std::vector<std::string>& tag_values) {
+  int32_t tag_hash = 0;
+  std::string encoded_tags;
+  if (pre_encode_tags_) {
+    Pack scratch(kTagScratchBytes);
+    metric_->impl_->EncodeTagBlock(tag_values, tag_hash, scratch);
+    encoded_tags = scratch.Bytes();
+  }
+  if (co_type_ == MetricCoItemType::kCoItemSuffix) {
+    return std::make_shared<MetricSuffixArray>(metric_, tag_hash, encoded_tags);
+  }
+  return nullptr;
+}
+
+}  // namespace METRICS

@@ -1,0 +1,120 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "metrics/metric_data.h"
+#include "metrics/metric_method.h"
+#include "util/metric_common.h"
+#include "util/metric_error_code.h"
+#include "util/metric_export.h"
+#include "util/metric_lock.h"
+
+namespace METRICS {
+
+class Metric;
+
+using CellPtr = std::shared_ptr<MetricBasicData>;
+using CellMap = std::unordered_map<std::string, CellPtr>;
+
+/// Seconds without an emission after which a series counts as idle.
+constexpr long kExpireAfterSeconds = 7200;
+
+/// The handle of one series: one vector of tag values of one metric. Callers get it from the
+/// `With...` family of `Metric`, emit on it and may keep it, as long as the metric exists.
+///
+/// Threads: all operations from any thread. Ownership: by shared pointer, of the collector and of
+/// callers. An item that the library has dropped (the metric was cleared, or the series idle for
+/// more than 7200 seconds) goes on taking emissions, which are lost. The base class is the dummy
+/// item that callers get after a failure: emitting on it does nothing and answers 70.
+class METRICS_API MetricCollectorItem {
+ public:
+  MetricCollectorItem(Metric* metric, const int& tag_hash, const std::string& encoded_tags)
+      : metric_(metric), tag_hash_(tag_hash), encoded_tags_(encoded_tags) {}
+  virtual ~MetricCollectorItem();
+  MetricCollectorItem(const MetricCollectorItem&) = delete;
+  MetricCollectorItem& operator=(const MetricCollectorItem&) = delete;
+
+  /// Emits a list of values, each to the cell that its name tells. See the item kinds.
+  virtual ReturnCode Emit(std::vector<MetricFieldValue>&& values);
+  virtual ReturnCode Emit(const std::vector<MetricFieldValue>& values);
+  /// Emits one number where the series has a single cell.
+  virtual ReturnCode Emit(double& value);
+  /// Emits numbers by field name.
+  virtual ReturnCode EmitMap(const std::unordered_map<std::string, double>& values);
+  /// The cells by name: a copy of the table, sharing the live cells.
+  virtual CellMap Fields();
+  /// The single cell of a series that has but one.
+  virtual CellPtr Data();
+  /// Number of cells.
+  virtual size_t Size();
+  /// Estimate of the bytes that names and pointers of the cells occupy.
+  virtual size_t MemSize();
+  virtual MetricCoItemType Type();
+
+  /// Makes the cell for `type`; `bucket_count` counts for histograms alone. An unknown type gives
+  /// an error line and the no-op cell.
+  static CellPtr CreateData(const MetricsType& type, bool use_ckms, unsigned short bucket_count);
+
+  /// The shared no-op cell, and the shared empty table. Never destroyed.
+  static CellPtr NoopDataPtr();
+  static CellMap& NoopFields();
+
+  // Written by emitting threads and, for `active_`, by the expiry; read by flush and expiry. A
+  // stale reading delays an expiry, no more.
+  std::atomic<int64_t> last_update_{0};  ///< second of the last successful emission
+  std::atomic<bool> active_{true};       ///< false: idle, and left out of flushes
+
+  // Constant after construction, but for `tag_hash_`, which the flush thread fills in once if the
+  // tags are not encoded ahead.
+  Metric* const metric_;  ///< not owned
+  int32_t tag_hash_;
+  const std::string encoded_tags_;
+
+ protected:
+  /// What every successful emission of `count` values ends with.
+  void MarkUpdated(size_t count);
+};
+
+/// The item of ordinary metrics: its cells appear on first sight, one per suffix.
+///
+/// The type that a suffix is first emitted with stays; values of another type are dropped with a
+/// Warn line. Emitting on known suffixes takes the item's read lock once per value and allocates
+/// nothing.
+class METRICS_API MetricSuffixArray final : public MetricCollectorItem {
+ public:
+  MetricSuffixArray(Metric* metric, const int& tag_hash, const std::string& encoded_tags)
+      : MetricCollectorItem(metric, tag_hash, encoded_tags) {}
+  ~MetricSuffixArray() override;
+
+  using MetricCollectorItem::Emit;
+  /// 0, or the code of the first value whose suffix was refused: the values ahead of it are
+  /// emitted then, the ones behind it are not.
+  ReturnCode Emit(std::vector<MetricFieldValue>&& values) override;
+  ReturnCode Emit(const std::vector<MetricFieldValue>& values) override;
+  CellMap Fields() override;
+  size_t Size() override;
+  size_t MemSize() override;
+  MetricCoItemType Type() override { return MetricCoItemType::kCoItemSuffix; }
+
+ private:
+  /// False when there is no cell for the value's suffix yet.
+  bool EmitToKnown(const MetricFieldValue& value);
+  ReturnCode EmitToNew(const MetricFieldValue& value);
+  ReturnCode CreateSuffix(const std::string& name, const MetricsType& type)
+      METRICS_REQUIRES(rwlock_);
+  static void DoEmit(const CellMap::value_type& node, const MetricFieldValue& value);
+
+  RwLock rwlock_;
+  /// A cell is never replaced or removed while the item lives.
+  CellMap suffixes_ METRICS_GUARDED_BY(rwlock_);
+};
+
+/// Whether `item` has had no emission for more than 7200 seconds at second `now`.
+bool CheckExpire(const std::shared_ptr<MetricCollectorItem>& item, const long& now);
+
+}  // namespace METRICS

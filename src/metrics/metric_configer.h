@@ -1,0 +1,107 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tidegate/mconfiger_impl_base.h"
+#include "tidegate/service_discovery_base.h"
+#include "tidegate/vendor_interface.h"
+#include "util/metric_common.h"
+#include "util/metric_error_code.h"
+#include "util/metric_export.h"
+
+namespace METRICS {
+
+class MetricClient;
+
+/// Settings of a client, given to `MetricClient::Init`, which reads them and keeps no reference.
+struct CoreInitCfg {
+  /// Report the library's own metrics whatever `VendorInterface::EnableMonitor` says.
+  bool force_self_monitor = false;
+  /// Drop series that had no emission for more than 7200 seconds.
+  bool enable_expire = true;
+  /// Encode the tags of a series once, when it is made, instead of at every flush: faster
+  /// flushes for some hundred bytes per series.
+  bool pre_encode_tags = false;
+  /// Pause between two rounds of self monitoring, in milliseconds.
+  int32_t monitor_interval = 15000;
+  /// Flush interval of the library's own metrics, in seconds.
+  int32_t monitor_flush_interval = 60;
+  /// Sets the pause between two passes over idle series, and nothing else: a tenth of this
+  /// number, in milliseconds. The default looks about once a minute.
+  int32_t expire_seconds = 600000;
+  /// Quota of series over all metrics of the client. At the quota, known series go on and new
+  /// ones get the dummy item.
+  uint64_t max_total_series = 10000000;
+};
+
+/// The vendor of a plain machine with a local agent: no tags, no identity, and the agent's socket
+/// at "/opt/tmp/sock/metric_seqpacket.sock".
+class METRICS_API DummyVendor final : public tidegate::VendorInterface {
+ public:
+  bool Initialized() override { return true; }
+  void Init() override {}
+  bool Check(std::vector<std::string> /*values*/) override { return true; }
+  int GetRunEnv() override { return 0; }
+  std::vector<tidegate::MetricTag>& ImmutableTags() override { return immutable_tags_; }
+  std::vector<tidegate::MetricTag>& RewritableTags() override { return rewritable_tags_; }
+  std::vector<std::string> TagKeys() override { return {}; }
+  std::string GetIDC() override { return {}; }
+  std::string GetPSM() override { return {}; }
+  bool HasConfiger() override { return false; }
+  std::string GetConfigerUrl() override { return {}; }
+  std::string GetSenderOutPath() override { return "/opt/tmp/sock/metric_seqpacket.sock"; }
+  int GetSenderOutType() override { return 0; }
+  bool EnableMonitor() override { return false; }
+
+ private:
+  std::vector<tidegate::MetricTag> immutable_tags_;
+  std::vector<tidegate::MetricTag> rewritable_tags_;
+};
+
+/// The discovery of a plain machine: the agent listens on 127.0.0.1 port 9867.
+class METRICS_API DummyServiceDiscovery final : public tidegate::ServiceDiscoveryBase {
+ public:
+  using ServiceDiscoveryBase::ServiceDiscoveryBase;
+
+  bool LookUp(std::string /*service*/) override { return true; }
+  bool GetOne(tidegate::Endpoint& endpoint, signed char& retry_count) override;
+};
+
+/// The resolved settings of a client and the environment objects, which it owns.
+///
+/// Written by `Init` before any thread that reads it starts; read without a lock afterwards, and
+/// destroyed after all of those have been joined.
+class METRICS_API MetricConfiger {
+ public:
+  explicit MetricConfiger(MetricClient* client);
+  ~MetricConfiger();
+  MetricConfiger(const MetricConfiger&) = delete;
+  MetricConfiger& operator=(const MetricConfiger&) = delete;
+
+  /// Takes the three objects over; null for `vendor` and `discovery` selects the dummies.
+  /// REQUIRES: `impl` is not null. Always 0.
+  ReturnCode Init(tidegate::MConfigerImplBase* impl, tidegate::VendorInterface* vendor,
+                  tidegate::ServiceDiscoveryBase* discovery, const CoreInitCfg& cfg);
+  /// Deletes the environment objects, after `MConfigerImplBase::Stop`.
+  void Exit();
+
+  MetricSenderType sender_type_ = MetricSenderType::kSenderUnixDomain;
+  std::unique_ptr<tidegate::ServiceDiscoveryBase> discovery_;
+  std::unique_ptr<tidegate::VendorInterface> vendor_;
+  int32_t flush_interval_ = 30;  ///< seconds, for registries that name none
+  bool enable_monitor_ = false;
+  bool enable_expire_ = false;
+  bool pre_encode_tags_ = false;
+  int32_t monitor_interval_ = 15;
+  int32_t monitor_flush_interval_ = 60;
+  int32_t expire_seconds_ = 7200;
+  MetricClient* client_;  ///< not owned
+  std::unique_ptr<tidegate::MConfigerImplBase> impl_;
+  std::string psm_;    ///< identity of the service
+  std::string extra_;  ///< free for the application
+};
+
+}  // namespace METRICS

@@ -1,0 +1,81 @@
+#include "metrics/metric_data.h"
+
+#include <cmath>
+#include <limits>
+
+#include "metrics/histo_util.h"
+
+namespace METRICS {
+
+const double MetricBasicData::d_nan_ = std::numeric_limits<double>::quiet_NaN();
+
+const SendRes SingleFieldMetricBasicData::no_flush_res_{false, {}, 0.0, 1};
+const SendRes MetricMeter::no_flush_res_{false, {}, 0.0, 2};
+const SendRes MetricDeltaCounter::no_flush_res_{false, {}, 0.0, 3};
+
+void MetricBasicData::Emit(const long& /*value*/) {}
+void MetricBasicData::Emit(const double& /*value*/) {}
+SendRes MetricBasicData::Send(const unsigned int& /*interval*/) { return {false, {}, 0.0, 1}; }
+MetricsType MetricBasicData::Type() { return MetricsType::kUnknown; }
+
+void MetricGauge::Emit(const long& value) { Emit(static_cast<double>(value)); }
+
+void MetricGauge::Emit(const double& value) { value_.store(value, std::memory_order_relaxed); }
+
+SendRes MetricGauge::Send(const unsigned int& /*interval*/) {
+  // Not an exchange: a value stored in between is lost, which a gauge may do.
+  const double value = value_.load(std::memory_order_relaxed);
+  value_.store(d_nan_, std::memory_order_relaxed);
+  if (std::isnan(value)) {
+    return no_flush_res_;
+  }
+  return {false, {value}, 0.0, 1};
+}
+
+SendRes MetricRate::Send(const unsigned int& interval) {
+  if (Quiet()) {
+    return no_flush_res_;
+  }
+  // Subtracted, not zeroed: what lands in between belongs to the next interval.
+  const long integers = long_sum_.load();
+  long_sum_.fetch_sub(integers);
+  const double reals = double_sum_.load();
+  FetchSubD(double_sum_, reals);
+  idle_flushes_.fetch_add(1);
+  return {false, {(static_cast<double>(integers) + reals) / interval}, 0.0, 1};
+}
+
+SendRes MetricCounter::Send(const unsigned int& /*interval*/) {
+  Reading reading{};
+  if (!Read(reading)) {
+    return no_flush_res_;
+  }
+  return {reading.first, {reading.total}, reading.prev, 1};
+}
+
+SendRes MetricMeter::Send(const unsigned int& interval) {
+  Reading reading{};
+  if (!Read(reading)) {
+    return no_flush_res_;
+  }
+  const double increase = reading.total - reading.prev;
+  return {reading.first, {reading.total, increase / interval}, reading.prev, 1};
+}
+
+SendRes MetricDeltaCounter::Send(const unsigned int& interval) {
+  Reading reading{};
+  if (!Read(reading)) {
+    return no_flush_res_;
+  }
+  const double increase = reading.total - reading.prev;
+  return {reading.first, {reading.total, increase / interval, increase}, reading.prev, 1};
+}
+
+HistoUtilBase::HistoUtilBase(std::vector<double> ascending_bounds)
+    : bounds(std::move(ascending_bounds)) {}
+
+HistoUtilBase::~HistoUtilBase() = default;
+
+bool HistoUtilBase::Check() const { return bounds.size() <= kMaxBounds; }
+
+}  // namespace METRICS

@@ -1,0 +1,302 @@
+#include "metrics/metric_encoder.h"
+
+#include "metrics/metric.h"
+#include "metrics/metric_client.h"
+#include "metrics/metric_configer.h"
+#include "metrics/metric_registry.h"
+#include "metrics/metric_sender.h"
+#include "util/metric_clock_util.h"
+#include "util/metric_log.h"
+
+namespace METRICS {
+
+using lattice_kit::codec::FieldInfo;
+using lattice_kit::codec::Pack;
+using lattice_kit::codec::TagKV;
+
+const char* const kAccountIdKey = lattice_kit::codec::kCodecAccountID;
+const char* const kProjectIdKey = lattice_kit::codec::kCodecProjectID;
+
+namespace {
+
+// The codec header: offsets of what is patched, and its constants.
+constexpr uint32_t kHeaderLenOffset = 9;
+constexpr uint32_t kBodyLenOffset = 13;
+constexpr uint32_t kSendTimeOffset = 22;
+constexpr uint32_t kBlockCountOffset = 42;
+constexpr uint32_t kSeriesCountOffset = 46;
+
+constexpr uint64_t kMagic = 0x6d65747269637332;  // "2scirtem"
+constexpr uint8_t kVersion = 4;
+constexpr uint32_t kFormatWord = 15;
+constexpr char kSdkVersion[] = "1.0.4";
+
+// The header of a block.
+constexpr uint32_t kBlockSeriesOffset = 4;
+
+constexpr int32_t kTagScratchBytes = 64;
+constexpr uint32_t kValueBytes = sizeof(double);
+
+void PutBytes(Pack& pack, const std::string& bytes) {
+  pack.PutRaw(bytes.data(), static_cast<int32_t>(bytes.size()));
+}
+
+}  // namespace
+
+bool CheckSendRes(MetricsType type, const std::vector<double>& values, unsigned long expected) {
+  if (values.empty()) {
+    return false;
+  }
+  if (values.size() != expected) {
+    METRICS_LOG_WARN("Invalid Metric[%d] array size [require: %lu actual: %lu]\n",
+                     static_cast<int>(type), expected, values.size());
+    return false;
+  }
+  return true;
+}
+
+MetricEncoderBase::MetricEncoderBase(MetricSender* sender, const std::string& name)
+    : sender_(sender), name_(name), pre_encode_tags(sender->client_->configer_->pre_encode_tags_) {}
+
+MetricEncoderBase::~MetricEncoderBase() { sender_ = nullptr; }
+
+MetricEncoder::MetricEncoder(MetricSender* sender, const std::string& name)
+    : MetricEncoderBase(sender, name) {}
+
+MetricEncoder::~MetricEncoder() = default;
+
+void MetricEncoder::Init(const std::string& account, const std::string& project,
+                         const std::string& psm) {
+  tenant_tags_.emplace_back(kAccountIdKey, account);
+  tenant_tags_.emplace_back(kProjectIdKey, psm.empty() ? project : psm);
+  EncodeCodecHeader(name_);
+}
+
+void MetricEncoder::EncodeCodecHeader(const std::string& tenant) {
+  EPacket scratch(kMetricMaxMsgLen);
+  scratch.Put(kMagic);
+  scratch.Put(kVersion);
+  scratch.Put(uint32_t{0});  // header_len
+  scratch.Put(uint32_t{0});  // body_len
+  scratch.Put(uint8_t{0});
+  scratch.Put(uint32_t{0});
+  scratch.Put(int64_t{0});  // send_time_ms
+  scratch.Put(int64_t{0});
+  scratch.Put(kFormatWord);
+  scratch.Put(uint32_t{0});  // block_count
+  scratch.Put(uint32_t{0});  // series_count
+  scratch.EncodeString(tenant);
+  EncodeTenantTags(scratch);
+  scratch.EncodeString(kSdkVersion);
+  header_len_ = static_cast<uint32_t>(scratch.Used());
+  scratch.Patch(kHeaderLenOffset, header_len_);
+  codec_header_ = scratch.Bytes();
+}
+
+void MetricEncoder::EncodeTenantTags(EPacket& packet) {
+  packet.Put(static_cast<uint32_t>(2 * tenant_tags_.size()));
+  for (const TagKV& tag : tenant_tags_) {
+    packet.EncodeString(tag.key);
+    packet.EncodeString(tag.value);
+  }
+}
+
+void MetricEncoder::PackCollector(
+    const std::vector<std::shared_ptr<MetricCollectorBase>>& collectors) {
+  for (const std::shared_ptr<MetricCollectorBase>& collector : collectors) {
+    metric_ = collector->PinMetric();
+    std::shared_ptr<MetricRegistry> registry =
+        metric_ == nullptr ? nullptr : metric_->PinRegistry();
+    if (registry == nullptr) {
+      continue;
+    }
+    METRICS_LOG_INFO("Sender[%s]Collector %s has %lu series at ts: %ld\n", name_.c_str(),
+                     collector->name_.c_str(), collector->SeriesSize(), sender_->last_flush_ts_);
+    if (registry != registry_) {
+      registry_ = std::move(registry);
+      interval_ = registry_->FlushInterval();
+      CleanUpPackage();
+      RePackFromRegistry(pack_);
+    }
+    PackMetric(collector);
+  }
+  CleanUpPackage();
+  // Nothing is locked here: the last pin of a metric or registry destroys it.
+  metric_.reset();
+  registry_.reset();
+}
+
+void MetricEncoder::PackMetric(const std::shared_ptr<MetricCollectorBase>& collector) {
+  const std::vector<Series> items = collector->GetAll();
+  if (items.empty()) {
+    METRICS_LOG_DEBUG("Sender[%s]Collector [%s] has no series.\n", name_.c_str(),
+                      collector->name_.c_str());
+    return;
+  }
+  switch (collector->co_type_) {
+    case MetricCoItemType::kCoItemSuffix:
+      PackSuffixedMetric(items);
+      return;
+    case MetricCoItemType::kCoItemField:
+    case MetricCoItemType::kCoItemCompatible:
+    case MetricCoItemType::kCoItemUnknown:
+      break;
+  }
+  METRICS_LOG_WARN("Sender[%s]Internal Error with co_type: %d\n", name_.c_str(),
+                   static_cast<int>(collector->co_type_));
+}
+
+void MetricEncoder::Reset(MetricDataPack& pack) {
+  pack.header_offset = 0;
+  pack.block_series = 0;
+  pack.series_count = 0;
+  pack.block_count = 0;
+  pack.cursor = pack.begin;
+}
+
+void MetricEncoder::RePackFromRegistry(MetricDataPack& pack) {
+  Reset(pack);
+  PutBytes(pack, codec_header_);
+}
+
+void MetricEncoder::RefillBeforeSend(MetricDataPack& pack, int16_t& metric_num, int16_t& series_num,
+                                     bool close) {
+  pack.Patch(kSendTimeOffset, WallMillis());
+  if (close) {
+    RefillMetricHeader(pack);
+  }
+  pack.Patch(kBodyLenOffset, static_cast<uint32_t>(pack.Used()) - header_len_);
+  pack.Patch(kBlockCountOffset, pack.block_count);
+  pack.Patch(kSeriesCountOffset, pack.series_count);
+  metric_num = static_cast<int16_t>(pack.block_count);
+  series_num = static_cast<int16_t>(pack.series_count);
+  pack.header_offset = 0;
+  pack.block_series = 0;
+  pack.series_count = 0;
+  pack.block_count = 0;
+}
+
+void MetricEncoder::StampAndSend(MetricDataPack& pack, bool close) {
+  MetricSender::Statistic& statistic = sender_->statistic_;
+  RefillBeforeSend(pack, statistic.metric_num, statistic.series_num, close);
+  sender_->SendToSocket(pack.begin, pack.Used());
+}
+
+bool MetricEncoder::CheckMsgLenAndSend(MetricDataPack& pack, bool close) {
+  if (!pack.AtSizeLimit()) {
+    return false;
+  }
+  StampAndSend(pack, close);
+  return true;
+}
+
+void MetricEncoder::CleanUpPackage() {
+  if (pack_.series_count > 0) {
+    StampAndSend(pack_, false);
+  }
+  if (prev_pack_.series_count > 0) {
+    StampAndSend(prev_pack_, false);
+  }
+}
+
+std::string MetricEncoder::EncodeTagKV(const std::vector<std::string>& tags, int32_t& tag_hash) {
+  const MetricImpl& impl = *metric_->impl_;
+  if (impl.tag_index_.size() != tags.size()) {
+    METRICS_LOG_ERROR("Internal Error with Tag storage!!!!\n");
+    return {};
+  }
+  Pack scratch(kTagScratchBytes);
+  impl.EncodeTagBlock(tags, tag_hash, scratch);
+  return scratch.Bytes();
+}
+
+void MetricEncoder::EncodeCurrentTagKV(const std::vector<std::string>& tags, int32_t& tag_hash) {
+  cur_tag_kv_ = EncodeTagKV(tags, tag_hash);
+}
+
+std::string MetricEncoder::PrePack(const std::vector<FieldInfo>& fields) {
+  EPacket scratch(kMetricMaxMsgLen);
+  scratch.Put(static_cast<uint32_t>(fields.size()));
+  for (const FieldInfo& field : fields) {
+    scratch.EncodeString(field.name);
+    scratch.Put(field.type);
+  }
+  return scratch.Bytes();
+}
+
+void MetricEncoder::EncodeMetricHeader(MetricDataPack& pack, MetricsType type, unsigned int hash,
+                                       const std::string& name, const std::string& fields,
+                                       long timestamp, bool save) {
+  pack.header_offset = static_cast<uint32_t>(pack.Used());
+  pack.Put(uint32_t{0});  // block_len
+  pack.Put(uint32_t{0});  // series in block
+  pack.Put(static_cast<uint8_t>(type));
+  pack.Put(hash);
+  pack.Put(static_cast<int64_t>(timestamp));
+  pack.EncodeString(name);
+  if (fields.empty()) {
+    pack.Put(uint32_t{0});
+  } else {
+    PutBytes(pack, fields);
+  }
+  if (save) {
+    pack.header_copy.clear();
+    const char* const start = pack.begin + pack.header_offset;
+    pack.CopyTo(pack.header_copy, start, static_cast<unsigned int>(pack.cursor - start));
+  }
+}
+
+void MetricEncoder::RefillMetricHeader(MetricDataPack& pack) {
+  if (pack.header_offset == 0) {
+    return;
+  }
+  pack.Patch(pack.header_offset, static_cast<uint32_t>(pack.Used()) - pack.header_offset);
+  pack.Patch(pack.header_offset + kBlockSeriesOffset, pack.block_series);
+  pack.header_offset = 0;
+  pack.block_series = 0;
+  ++pack.block_count;
+}
+
+void MetricEncoder::CopyFromCurrentMetricHeader(MetricDataPack& pack) {
+  pack.header_offset = static_cast<uint32_t>(pack.Used());
+  PutBytes(pack, pack.header_copy);
+}
+
+void MetricEncoder::EncodeOneSeriesValue(MetricDataPack& pack, const std::string& tag_block,
+                                         const std::vector<int>& field_indexes,
+                                         const std::vector<double>& values) {
+  if (values.empty()) {
+    return;
+  }
+  PutBytes(pack, tag_block);
+  pack.Put(static_cast<uint32_t>(field_indexes.size()));
+  for (const int index : field_indexes) {
+    pack.Put(static_cast<uint32_t>(index));
+  }
+  pack.Put(static_cast<uint32_t>(values.size()));
+  for (const double value : values) {
+    pack.Put(kValueBytes);
+    pack.Put(value);
+  }
+  ++pack.series_count;
+  ++pack.block_series;
+}
+
+void MetricEncoder::EncodeOneSeriesMetric(MetricDataPack& pack, MetricsType type,
+                                          const unsigned int& hash, const std::string& name,
+                                          const std::string& fields, const std::string& tag_block,
+                                          const std::vector<double>& values, long timestamp) {
+  EncodeMetricHeader(pack, type, hash, name, fields, timestamp, false);
+  EncodeOneSeriesValue(pack, tag_block, {}, values);
+  RefillMetricHeader(pack);
+}
+
+void MetricEncoder::EncodeOneSeriesMetric(MetricDataPack& pack, MetricsType type,
+                                          const unsigned int& hash, const std::string& name,
+                                          const std::vector<FieldInfo>& fields,
+                                          const std::string& tag_block,
+                                          const std::vector<double>& values, long timestamp) {
+  EncodeOneSeriesMetric(pack, type, hash, name, PrePack(fields), tag_block, values, timestamp);
+}
+
+}  // namespace METRICS

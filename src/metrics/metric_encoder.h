@@ -1,0 +1,149 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "codec/tag_kv.h"
+#include "metrics/metric_collector.h"
+#include "metrics/metric_packet.h"
+#include "util/metric_common.h"
+#include "util/metric_export.h"
+
+namespace METRICS {
+
+class Metric;
+class MetricRegistry;
+class MetricSender;
+
+/// Keys of the two tags that say whose data a packet holds.
+extern const char* const kAccountIdKey;
+extern const char* const kProjectIdKey;
+
+constexpr unsigned long kMetricSummaryArraySize = 10;
+constexpr unsigned long kMetricMeterArraySize = 2;
+constexpr unsigned long kMetricDeltaCounterArrSize = 3;
+
+/// Turns the collectors of a flush into packets and hands them to its sender.
+class METRICS_API MetricEncoderBase {
+ public:
+  MetricEncoderBase(MetricSender* sender, const std::string& name);
+  virtual ~MetricEncoderBase();
+  MetricEncoderBase(const MetricEncoderBase&) = delete;
+  MetricEncoderBase& operator=(const MetricEncoderBase&) = delete;
+
+  /// Called once: the identity that every packet carries. A `psm` that is not empty takes the
+  /// place of `project`.
+  virtual void Init(const std::string& account, const std::string& project,
+                    const std::string& psm) = 0;
+  /// A whole flush: drains the cells of `collectors` and sends what they report.
+  virtual void PackCollector(
+      const std::vector<std::shared_ptr<MetricCollectorBase>>& collectors) = 0;
+
+  MetricSender* sender_;       ///< not owned
+  const std::string name_;     ///< the tenant
+  const bool pre_encode_tags;  ///< items hold their tags in packet form
+};
+
+/// The encoder of the packet format.
+///
+/// Runs on its sender's thread alone, and after that has been joined on the thread that stops it.
+/// Two packets grow side by side: one of the flush's boundary, and one of the interval before it
+/// for counters that begin or resume. A packet is sent when it has reached 262143 bytes, when the
+/// registry changes and at the end; a series record is never split, so a packet can be longer.
+/// What a cell has reported is gone from it, whether or not the packet arrives.
+class METRICS_API MetricEncoder final : public MetricEncoderBase {
+ public:
+  using SuffixOf = std::string& (*)(const unsigned long&);
+
+  MetricEncoder(MetricSender* sender, const std::string& name);
+  ~MetricEncoder() override;
+
+  void Init(const std::string& account, const std::string& project,
+            const std::string& psm) override;
+  void PackCollector(const std::vector<std::shared_ptr<MetricCollectorBase>>& collectors) override;
+
+  /// Column list of a block in its packet form.
+  static std::string PrePack(const std::vector<lattice_kit::codec::FieldInfo>& fields);
+
+  // The parts of a metric block.
+
+  /// Opens a block. `fields` is a result of `PrePack`, or empty. `save` keeps a copy of the
+  /// header in the pack.
+  static void EncodeMetricHeader(MetricDataPack& pack, MetricsType type, unsigned int hash,
+                                 const std::string& name, const std::string& fields, long timestamp,
+                                 bool save);
+  /// Closes the open block, if there is one.
+  static void RefillMetricHeader(MetricDataPack& pack);
+  /// Opens the block whose header was saved again, in a new packet.
+  static void CopyFromCurrentMetricHeader(MetricDataPack& pack);
+  /// Writes one series record; nothing without `values`.
+  static void EncodeOneSeriesValue(MetricDataPack& pack, const std::string& tag_block,
+                                   const std::vector<int>& field_indexes,
+                                   const std::vector<double>& values);
+  /// A whole block of one series record.
+  static void EncodeOneSeriesMetric(MetricDataPack& pack, MetricsType type,
+                                    const unsigned int& hash, const std::string& name,
+                                    const std::string& fields, const std::string& tag_block,
+                                    const std::vector<double>& values, long timestamp);
+  static void EncodeOneSeriesMetric(MetricDataPack& pack, MetricsType type,
+                                    const unsigned int& hash, const std::string& name,
+                                    const std::vector<lattice_kit::codec::FieldInfo>& fields,
+                                    const std::string& tag_block, const std::vector<double>& values,
+                                    long timestamp);
+  /// Rewinds the pack, keeping its buffer.
+  static void Reset(MetricDataPack& pack);
+
+  // Names of the numbers of cells that report several. REQUIRES: `idx` is below the array's size.
+  static std::string& ConvertIdxToMeterSuffix(const unsigned long& idx);
+  static std::string& ConvertIdxToDeltaCounter(const unsigned long& idx);
+  /// Builds the tables behind these, which are never destroyed.
+  static void PrepareSuffixTables();
+
+ private:
+  void EncodeCodecHeader(const std::string& tenant);
+  void EncodeTenantTags(EPacket& packet);
+  void PackMetric(const std::shared_ptr<MetricCollectorBase>& collector);
+  /// Sends what both packets hold.
+  void CleanUpPackage();
+  void RePackFromRegistry(MetricDataPack& pack);
+  /// Stamps a packet that is about to be sent; `close` closes an open block.
+  void RefillBeforeSend(MetricDataPack& pack, int16_t& metric_num, int16_t& series_num, bool close);
+  void StampAndSend(MetricDataPack& pack, bool close);
+  /// Sends the packet if it has reached the size limit.
+  bool CheckMsgLenAndSend(MetricDataPack& pack, bool close);
+  std::string EncodeTagKV(const std::vector<std::string>& tags, int32_t& tag_hash);
+  void EncodeCurrentTagKV(const std::vector<std::string>& tags, int32_t& tag_hash);
+
+  // Suffixed metrics.
+  void PackSuffixedMetric(const std::vector<Series>& items);
+  void PackSuffix(const std::string& suffix, const CellPtr& cell);
+  void EncodeMetricWithSuffix(const CellPtr& data, const std::string& suffix,
+                              const MetricsType& type, const unsigned long& array_size,
+                              SuffixOf convert);
+  void EncodePreviousInterval(double prev_value, const std::string& suffix, const MetricsType& type,
+                              SuffixOf convert);
+  void DoPackSuffixMetric(MetricDataPack& pack, const std::vector<double>& values,
+                          const std::string& suffix, const MetricsType& type, SuffixOf convert,
+                          long timestamp);
+  bool DoPackSuffixToMultiField(MetricDataPack& pack, const std::vector<double>& values,
+                                const std::string& suffix, const MetricsType& type, long timestamp);
+
+  MetricDataPack pack_;       ///< of the flush's boundary
+  MetricDataPack prev_pack_;  ///< of the interval before; restarted when it is first needed
+  uint32_t header_len_ = 0;
+  std::shared_ptr<MetricRegistry>
+      registry_;                    ///< whose metrics the packets hold; null between flushes
+  std::shared_ptr<Metric> metric_;  ///< being packed; null otherwise
+  int32_t interval_ = 30;           ///< seconds, of `registry_`
+  std::vector<lattice_kit::codec::TagKV> tenant_tags_;
+  std::string codec_header_;
+  std::string cur_tag_kv_;  ///< tags of the series being packed, in packet form
+};
+
+/// Whether a cell reported what its type asks for: false when `values` is empty, and, with a Warn
+/// line, when its size is not `expected`.
+bool CheckSendRes(MetricsType type, const std::vector<double>& values, unsigned long expected);
+
+}  // namespace METRICS

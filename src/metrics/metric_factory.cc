@@ -1,0 +1,215 @@
+#include "metrics/metric_factory.h"
+
+#include <utility>
+
+#include "metrics/metric_client.h"
+#include "metrics/metric_configer.h"
+#include "metrics/metric_sender_manager.h"
+#include "util/fork_guard.h"
+#include "util/metric_clock_util.h"
+#include "util/metric_log.h"
+#include "util/metric_string_util.h"
+
+namespace METRICS {
+namespace {
+
+constexpr size_t kMaxRegistryTags = 255;
+
+std::string KeyOf(const std::string& tenant, const std::string& prefix) {
+  return tenant + "." + prefix;
+}
+
+}  // namespace
+
+MetricFactory::MetricFactory(MetricClient* client) : client_(client) {
+  state_.exchange(MetricState::READY);
+}
+
+MetricFactory::~MetricFactory() {
+  state_.store(MetricState::SHUTDOWN, std::memory_order_relaxed);
+  Clear();
+  client_ = nullptr;
+  METRICS_LOG_DEBUG("MetricFactory Destructor.\n");
+}
+
+ReturnCode MetricFactory::CreateRegistry(MetricRegistry*& registry, std::string prefix,
+                                         const std::vector<tidegate::MetricTag>&& tags,
+                                         std::string tenant, tidegate::VendorInterface* vendor,
+                                         int flush_interval, MetricSenderType sender_type) {
+  const std::string key = KeyOf(tenant, prefix);
+  registry = nullptr;
+  {
+    const ReadGuard guard(rwlock_);
+    if (Find(key) != nullptr) {
+      METRICS_LOG_CODE(ReturnCode::kObjectExisted);
+      return ReturnCode::kObjectExisted;
+    }
+  }
+  ReturnCode code = CheckDefinition(prefix, tags, tenant, flush_interval);
+  if (code != ReturnCode::kOk) {
+    METRICS_LOG_CODE(code);
+    return code;
+  }
+  code = Insert(registry, key, tenant, prefix, CheckFlushInterval(flush_interval));
+  if (code != ReturnCode::kOk) {
+    METRICS_LOG_CODE(code);
+    return code;
+  }
+  // Neither the vendor nor the sender is called with the table's lock held.
+  registry->GenrateTagsOnRegistry(std::move(tags),
+                                  vendor != nullptr ? vendor : client_->configer_->vendor_.get());
+  client_->sender_manager_->CreateSender(tenant, sender_type);
+  return ReturnCode::kOk;
+}
+
+ReturnCode MetricFactory::CheckDefinition(const std::string& prefix,
+                                          const std::vector<tidegate::MetricTag>& tags,
+                                          const std::string& tenant, int flush_interval) {
+  if (tags.size() > kMaxRegistryTags) {
+    return ReturnCode::kMaxTagPair;
+  }
+  if (!IsValidKey(tenant) || !IsValidKeyOrEmpty(prefix)) {
+    return ReturnCode::kInvalidString;
+  }
+  std::vector<std::string> keys;
+  keys.reserve(tags.size());
+  for (const tidegate::MetricTag& tag : tags) {
+    if (!IsValidKey(tag.key) || !IsValidValue(tag.value)) {
+      return ReturnCode::kInvalidString;
+    }
+    keys.push_back(tag.key);
+  }
+  if (!CheckDuplicatedString(keys)) {
+    return ReturnCode::kDuplicatedTagName;
+  }
+  return flush_interval < 1 ? ReturnCode::kNotSupported : ReturnCode::kOk;
+}
+
+ReturnCode MetricFactory::Insert(MetricRegistry*& registry, const std::string& key,
+                                 const std::string& tenant, const std::string& prefix,
+                                 int flush_interval) {
+  const WriteGuard guard(rwlock_);
+  if (registries_.size() >= kMaxRegistries) {
+    return ReturnCode::kMaxRegistry;
+  }
+  if (Find(key) != nullptr) {
+    return ReturnCode::kObjectExisted;
+  }
+  std::shared_ptr<MetricRegistry>& made = registries_[key];
+  made = MetricRegistry::Make(tenant, prefix, client_, flush_interval);
+  METRICS_LOG_DEBUG("Create new registry[%s  %s] flush interval[%ds]\n", tenant.c_str(),
+                    prefix.c_str(), flush_interval);
+  registry = made.get();
+  return ReturnCode::kOk;
+}
+
+ReturnCode MetricFactory::CreateRegistry(MetricRegistry*& registry, std::string prefix,
+                                         const std::vector<tidegate::MetricTag>&& tags,
+                                         std::string tenant) {
+  return CreateRegistry(registry, std::move(prefix), std::move(tags), std::move(tenant),
+                        client_->configer_->flush_interval_);
+}
+
+ReturnCode MetricFactory::CreateRegistry(MetricRegistry*& registry, std::string prefix,
+                                         const std::vector<tidegate::MetricTag>&& tags,
+                                         std::string tenant, int flush_interval) {
+  const MetricConfiger& configer = *client_->configer_;
+  return CreateRegistry(registry, std::move(prefix), std::move(tags), std::move(tenant),
+                        configer.vendor_.get(), flush_interval, configer.sender_type_);
+}
+
+ReturnCode MetricFactory::CreateRegistry(MetricRegistry*& registry, MetricRegistryCfg cfg) {
+  return CreateRegistry(registry, std::move(cfg.prefix), std::move(cfg.tags), std::move(cfg.tenant),
+                        cfg.vendor, cfg.flush_interval, cfg.sender_type);
+}
+
+MetricRegistry* MetricFactory::Find(const std::string& key) const {
+  const auto found = registries_.find(key);
+  return found == registries_.end() ? nullptr : found->second.get();
+}
+
+ReturnCode MetricFactory::GetRegistry(MetricRegistry*& registry, std::string prefix,
+                                      std::string tenant) {
+  const std::string key = KeyOf(tenant, prefix);
+  const ReadGuard guard(rwlock_);
+  registry = Find(key);
+  return registry == nullptr ? ReturnCode::kObjectNotExisted : ReturnCode::kOk;
+}
+
+ReturnCode MetricFactory::RemoveRegistry(std::string prefix, std::string tenant) {
+  const std::string key = KeyOf(tenant, prefix);
+  const WriteGuard guard(rwlock_);
+  const auto found = registries_.find(key);
+  if (found == registries_.end()) {
+    METRICS_LOG_CODE(ReturnCode::kObjectNotExisted);
+    return ReturnCode::kObjectNotExisted;
+  }
+  found->second->Clear();
+  registries_.erase(found);
+  return ReturnCode::kOk;
+}
+
+ReturnCode MetricFactory::Block(const std::string& tenant, const std::string& prefix) {
+  METRICS_LOG_DEBUG("Try to block registry[%s.%s]\n", tenant.c_str(), prefix.c_str());
+  const std::string key = KeyOf(tenant, prefix);
+  const ReadGuard guard(rwlock_);
+  MetricRegistry* const registry = Find(key);
+  return registry == nullptr ? ReturnCode::kObjectNotExisted : registry->Block();
+}
+
+ReturnCode MetricFactory::UnBlock(const std::string& tenant, const std::string& prefix) {
+  METRICS_LOG_DEBUG("Try to unblock registry[%s.%s]\n", tenant.c_str(), prefix.c_str());
+  const std::string key = KeyOf(tenant, prefix);
+  const ReadGuard guard(rwlock_);
+  MetricRegistry* const registry = Find(key);
+  return registry == nullptr ? ReturnCode::kObjectNotExisted : registry->UnBlock();
+}
+
+std::vector<std::string> MetricFactory::GetAllRegistryNames() const {
+  std::vector<std::string> names;
+  const ReadGuard guard(rwlock_);
+  names.reserve(registries_.size());
+  for (const auto& [key, registry] : registries_) {
+    names.push_back(key);
+  }
+  return names;
+}
+
+std::vector<std::shared_ptr<MetricRegistry>> MetricFactory::GetAllRegistry() const {
+  std::vector<std::shared_ptr<MetricRegistry>> all;
+  const ReadGuard guard(rwlock_);
+  all.reserve(registries_.size());
+  for (const auto& [key, registry] : registries_) {
+    all.push_back(registry);
+  }
+  return all;
+}
+
+void MetricFactory::Clear() {
+  const WriteGuard guard(rwlock_);
+  for (const auto& [key, registry] : registries_) {
+    registry->Clear();
+  }
+  registries_.clear();
+}
+
+void MetricFactory::AtFork() {
+  const WriteGuard guard(rwlock_);
+  state_.exchange(MetricState::SHUTDOWN);
+  METRICS_LOG_INFO("MetricFactory AtFork.\n");
+  for (const auto& [key, registry] : registries_) {
+    registry->AtFork();
+  }
+  registries_.clear();
+}
+
+void MetricFactory::RepairAfterFork() {
+  if (rwlock_.ReinitAfterFork()) {
+    Abandon(registries_);
+  }
+  for (const auto& [key, registry] : registries_) {
+    registry->RepairAfterFork();
+  }
+}
+
+}  // namespace METRICS

@@ -1,0 +1,339 @@
+#include "metrics/metric_registry.h"
+
+#include <algorithm>
+#include <set>
+#include <utility>
+
+#include "metrics/global_resources_limit.h"
+#include "metrics/metric_client.h"
+#include "util/fork_guard.h"
+#include "util/metric_log.h"
+#include "util/metric_string_util.h"
+#include "util/metric_tag_util.h"
+
+namespace METRICS {
+namespace {
+
+constexpr size_t kMaxTagNames = 255;
+constexpr uint16_t kMaxColumns = 1024;
+
+bool IsValidTag(const tidegate::MetricTag& tag) {
+  return IsValidKey(tag.key) && IsValidValue(tag.value);
+}
+
+std::vector<std::string> KeysOf(const std::vector<tidegate::MetricTag>& tags) {
+  std::vector<std::string> keys;
+  keys.reserve(tags.size());
+  for (const tidegate::MetricTag& tag : tags) {
+    keys.push_back(tag.key);
+  }
+  return keys;
+}
+
+/// How many columns a field of type `type` takes in a row.
+size_t ColumnsOf(const MetricFieldCfg& field) {
+  switch (field.type) {
+    case MetricsType::kMeter:
+      return 2;
+    case MetricsType::kTimer:
+      return 10;
+    case MetricsType::kHistogram:
+      return field.histo->bounds.size() + 2;
+    case MetricsType::kDeltaCounter:
+      return 3;
+    default:
+      return 1;
+  }
+}
+
+bool IsFieldType(MetricsType type) {
+  return type != MetricsType::kUnknown && type != MetricsType::kMultiField &&
+         type < MetricsType::kTypeEnd;
+}
+
+}  // namespace
+
+std::shared_ptr<MetricRegistry> MetricRegistry::Make(const std::string& tenant,
+                                                     const std::string& prefix,
+                                                     MetricClient* client, int flush_interval) {
+  auto registry = std::make_shared<MetricRegistry>(tenant, prefix, client, flush_interval);
+  registry->self_ = registry;
+  return registry;
+}
+
+MetricRegistry::MetricRegistry(const std::string& tenant, const std::string& prefix,
+                               MetricClient* client, int flush_interval)
+    : tenant_(tenant), prefix_(prefix), client_(client), flush_interval_(flush_interval) {
+  state_.exchange(MetricState::READY);
+}
+
+MetricRegistry::~MetricRegistry() {
+  state_.store(MetricState::SHUTDOWN, std::memory_order_relaxed);
+}
+
+ReturnCode MetricRegistry::CreateMetric(Metric*& metric, const MetricInstanceCfg& cfg) {
+  const MetricCoItemType kind =
+      cfg.fields.empty() ? MetricCoItemType::kCoItemSuffix : MetricCoItemType::kCoItemField;
+  return CreateMetric(metric, MetricInitCfg{kind, cfg});
+}
+
+ReturnCode MetricRegistry::CreateMetric(Metric*& metric, std::string name,
+                                        std::vector<std::string>&& tag_names,
+                                        HistoUtilBase* histo) {
+  MetricInstanceCfg cfg;
+  cfg.name = std::move(name);
+  cfg.tag_names = std::move(tag_names);
+  cfg.histo = histo;
+  return CreateMetric(metric, MetricInitCfg{MetricCoItemType::kCoItemSuffix, std::move(cfg)});
+}
+
+ReturnCode MetricRegistry::CreateMetric(Metric*& metric, MetricInitCfg init) {
+  metric = nullptr;
+  MetricInstanceCfg& cfg = init.cfg;
+  ReturnCode code = CheckDefinition(cfg);
+  if (code != ReturnCode::kOk) {
+    METRICS_LOG_CODE(code);
+    return code;
+  }
+  const std::string full_name = prefix_.empty() ? cfg.name : prefix_ + "." + cfg.name;
+  std::shared_ptr<Metric> made;
+  const WriteGuard guard(rwlock_);
+  if (metrics_.count(cfg.name) != 0) {
+    METRICS_LOG_CODE(ReturnCode::kObjectExisted);
+    return ReturnCode::kObjectExisted;
+  }
+  made = std::make_shared<Metric>(full_name, this, init.kind);
+  code = made->Init(std::move(cfg.tag_names), std::move(cfg.const_tags), std::move(cfg.fields),
+                    cfg.histo);
+  if (code != ReturnCode::kOk) {
+    METRICS_LOG_WARN("Error when metric init: %s\n", MetricGetErrorCodeStr(code));
+    return code;
+  }
+  if (state_.load() != MetricState::READY) {
+    code = ReturnCode::kObjectBlocked;
+  } else if (AtMetricLimit()) {
+    code = ReturnCode::kMaxMetric;
+  }
+  if (code != ReturnCode::kOk) {
+    // A flush may hold the metric for a while; its collector goes at once.
+    made->impl_->DeregisterCollector();
+    METRICS_LOG_CODE(code);
+    return code;
+  }
+  metric = made.get();
+  metrics_.emplace(cfg.name, std::move(made));
+  METRICS_LOG_DEBUG("Create new metric tenant[%s] metric_name[%s.%s]\n", tenant_.c_str(),
+                    prefix_.c_str(), cfg.name.c_str());
+  return ReturnCode::kOk;
+}
+
+ReturnCode MetricRegistry::CheckDefinition(const MetricInstanceCfg& cfg) const {
+  if (!IsValidKey(cfg.name)) {
+    return ReturnCode::kInvalidString;
+  }
+  if (cfg.tag_names.size() > kMaxTagNames) {
+    return ReturnCode::kMaxTagPair;
+  }
+  if (!CheckDuplicatedString(cfg.tag_names)) {
+    return ReturnCode::kDuplicatedTagName;
+  }
+  const std::vector<tidegate::MetricTag> inserted = InsertedTags();
+  for (const std::string& name : cfg.tag_names) {
+    if (!IsValidKey(name)) {
+      return ReturnCode::kInvalidString;
+    }
+    if (!CheckWithInsertedTags(name, inserted)) {
+      return ReturnCode::kTagConflict;
+    }
+  }
+  const ReturnCode code = CheckConstTags(cfg, inserted);
+  if (code != ReturnCode::kOk) {
+    return code;
+  }
+  if (cfg.histo != nullptr && !cfg.histo->Check()) {
+    return ReturnCode::kMaxHistoBucket;
+  }
+  return CheckMetricFieldCfg(cfg.fields);
+}
+
+ReturnCode MetricRegistry::CheckConstTags(const MetricInstanceCfg& cfg,
+                                          const std::vector<tidegate::MetricTag>& inserted) const {
+  for (const tidegate::MetricTag& tag : cfg.const_tags) {
+    if (!IsValidTag(tag)) {
+      return ReturnCode::kInvalidString;
+    }
+    const bool declared =
+        std::find(cfg.tag_names.begin(), cfg.tag_names.end(), tag.key) != cfg.tag_names.end();
+    if (declared || !CheckWithInsertedTags(tag.key, inserted)) {
+      return ReturnCode::kTagConflict;
+    }
+  }
+  return CheckDuplicatedString(KeysOf(cfg.const_tags)) ? ReturnCode::kOk
+                                                       : ReturnCode::kDuplicatedTagName;
+}
+
+bool MetricRegistry::AtMetricLimit() const {
+  const uint64_t global =
+      __atomic_load_n(&GetGlobalResourcesLimit().max_metrics_per_registry, __ATOMIC_RELAXED);
+  const int limit = global != 0 ? static_cast<int>(global) : GetRegistryMetricLimit();
+  return metrics_.size() >= static_cast<size_t>(limit);
+}
+
+ReturnCode MetricRegistry::GetMetric(Metric*& metric, std::string name) {
+  const ReadGuard guard(rwlock_);
+  const auto found = metrics_.find(name);
+  metric = found == metrics_.end() ? nullptr : found->second.get();
+  return metric == nullptr ? ReturnCode::kObjectNotExisted : ReturnCode::kOk;
+}
+
+void MetricRegistry::Retire(Metric& metric) {
+  MetricImpl& impl = *metric.impl_;
+  impl.state_.store(MetricState::SHUTDOWN);
+  impl.ClearCollector();
+  impl.DeregisterCollector();
+  impl.tag_names_.clear();
+}
+
+ReturnCode MetricRegistry::RemoveMetric(std::string name) {
+  const WriteGuard guard(rwlock_);
+  const auto found = metrics_.find(name);
+  if (found == metrics_.end()) {
+    return ReturnCode::kObjectNotExisted;
+  }
+  Retire(*found->second);
+  metrics_.erase(found);
+  METRICS_LOG_WARN("Metric Remove: tenant[%s] %s.%s\n", tenant_.c_str(), prefix_.c_str(),
+                   name.c_str());
+  return ReturnCode::kOk;
+}
+
+std::vector<std::string> MetricRegistry::GetAllMetricNames() const {
+  std::vector<std::string> names;
+  const ReadGuard guard(rwlock_);
+  names.reserve(metrics_.size());
+  for (const auto& [name, metric] : metrics_) {
+    names.push_back(name);
+  }
+  return names;
+}
+
+std::vector<std::shared_ptr<Metric>> MetricRegistry::GetAllMetric() const {
+  std::vector<std::shared_ptr<Metric>> metrics;
+  const ReadGuard guard(rwlock_);
+  metrics.reserve(metrics_.size());
+  for (const auto& [name, metric] : metrics_) {
+    metrics.push_back(metric);
+  }
+  return metrics;
+}
+
+ReturnCode MetricRegistry::Block() {
+  const WriteGuard guard(rwlock_);
+  state_.exchange(MetricState::BLOCKED);
+  METRICS_LOG_DEBUG("Block MetricRegistry tenant[%s], prefix[%s], metric size[%ld]\n",
+                    tenant_.c_str(), prefix_.c_str(), static_cast<long>(metrics_.size()));
+  for (const auto& [name, metric] : metrics_) {
+    metric->impl_->state_.store(MetricState::BLOCKED);
+    metric->impl_->ClearCollector();
+  }
+  return ReturnCode::kOk;
+}
+
+ReturnCode MetricRegistry::UnBlock() {
+  const WriteGuard guard(rwlock_);
+  state_.exchange(MetricState::READY);
+  METRICS_LOG_DEBUG("UnBlock MetricRegistry tenant[%s], prefix[%s], metric size[%ld]\n",
+                    tenant_.c_str(), prefix_.c_str(), static_cast<long>(metrics_.size()));
+  for (const auto& [name, metric] : metrics_) {
+    metric->impl_->state_.store(MetricState::READY);
+  }
+  return ReturnCode::kOk;
+}
+
+ReturnCode MetricRegistry::Clear() {
+  const WriteGuard guard(rwlock_);
+  state_.exchange(MetricState::SHUTDOWN);
+  METRICS_LOG_DEBUG("MetricRegistry Clear tenant[%s], prefix[%s], metric size[%ld]\n",
+                    tenant_.c_str(), prefix_.c_str(), static_cast<long>(metrics_.size()));
+  for (const auto& [name, metric] : metrics_) {
+    Retire(*metric);
+  }
+  metrics_.clear();
+  return ReturnCode::kOk;
+}
+
+void MetricRegistry::AtFork() {
+  const WriteGuard guard(rwlock_);
+  state_.exchange(MetricState::SHUTDOWN);
+  metrics_.clear();
+}
+
+void MetricRegistry::RepairAfterFork() {
+  if (rwlock_.ReinitAfterFork()) {
+    Abandon(metrics_);
+    Abandon(tags_);
+  }
+}
+
+void MetricRegistry::GenrateTagsOnRegistry(const std::vector<tidegate::MetricTag>&& global_tags,
+                                           tidegate::VendorInterface* vendor) {
+  std::vector<tidegate::MetricTag> merged;
+  MergeTags(global_tags, vendor->RewritableTags(), merged);
+  std::vector<tidegate::MetricTag> tags;
+  MergeTags(vendor->ImmutableTags(), merged, tags);
+  std::sort(tags.begin(), tags.end());
+  const WriteGuard guard(rwlock_);
+  tags_.swap(tags);
+}
+
+void MetricRegistry::MergeTags(const std::vector<tidegate::MetricTag>& first,
+                               const std::vector<tidegate::MetricTag>& second,
+                               std::vector<tidegate::MetricTag>& out) {
+  out.insert(out.end(), first.begin(), first.end());
+  std::set<std::string> keys;
+  for (const tidegate::MetricTag& tag : first) {
+    keys.insert(tag.key);
+  }
+  for (const tidegate::MetricTag& tag : second) {
+    if (keys.count(tag.key) == 0) {
+      out.push_back(tag);
+    }
+  }
+}
+
+std::vector<tidegate::MetricTag> MetricRegistry::InsertedTags() const {
+  const ReadGuard guard(rwlock_);
+  return tags_;
+}
+
+ReturnCode CheckMetricFieldCfg(const std::vector<MetricFieldCfg>& fields) {
+  size_t columns = 0;
+  ReturnCode code = ReturnCode::kOk;
+  for (const MetricFieldCfg& field : fields) {
+    if (!IsValidKey(field.name)) {
+      code = ReturnCode::kInvalidString;
+    } else if (!IsFieldType(field.type)) {
+      code = ReturnCode::kInvalidMetricType;
+    } else if (field.histo != nullptr && !field.histo->Check()) {
+      code = ReturnCode::kMaxHistoBucket;
+    }
+    if (code != ReturnCode::kOk) {
+      break;
+    }
+    if (field.histo == nullptr && field.type == MetricsType::kHistogram) {
+      METRICS_LOG_WARN("Histogram Type has No config, ingored.\n");
+      continue;
+    }
+    columns += ColumnsOf(field);
+  }
+  // The low 16 bits are what counts.
+  if (code == ReturnCode::kOk && static_cast<uint16_t>(columns) > kMaxColumns) {
+    code = ReturnCode::kFieldNumExceeded;
+  }
+  if (code != ReturnCode::kOk) {
+    METRICS_LOG_CODE(code);
+  }
+  return code;
+}
+
+}  // namespace METRICS

@@ -1,0 +1,148 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "metrics/histo_util.h"
+#include "metrics/metric.h"
+#include "tidegate/metric_tag.h"
+#include "tidegate/vendor_interface.h"
+#include "util/metric_common.h"
+#include "util/metric_error_code.h"
+#include "util/metric_export.h"
+#include "util/metric_lock.h"
+
+namespace METRICS {
+
+class MetricClient;
+
+/// Describes a registry.
+struct MetricRegistryCfg {
+  std::string prefix;                     ///< first part of the metric names; may be empty
+  std::vector<tidegate::MetricTag> tags;  ///< carried by all metrics; at most 255
+  std::string tenant;                     ///< owner of the data, selects the sender; not empty
+  tidegate::VendorInterface* vendor = nullptr;  ///< borrowed for the call; null: the client's
+  int32_t flush_interval = 30;  ///< seconds: 1, 5, 10, 15, 30 or 60; other positive ones become 30
+  /// Counts for the first registry of a tenant only.
+  MetricSenderType sender_type = MetricSenderType::kSenderUnixDomain;
+};
+
+/// Describes a metric.
+struct MetricInstanceCfg {
+  std::string name;                    ///< without the registry's prefix; unique in the registry
+  std::vector<std::string> tag_names;  ///< their values come with each emission; at most 255
+  std::vector<tidegate::MetricTag> const_tags;  ///< tags with fixed values
+  std::vector<MetricFieldCfg> fields;           ///< not empty: a row of fields per series
+  HistoUtilBase* histo = nullptr;               ///< histogram bounds; only read by the call
+};
+
+/// A named group of metrics under one tenant and prefix, with the tags and the flush interval that
+/// they share.
+///
+/// Threads: all operations from any thread, under one reader-writer lock. Owned by the factory;
+/// the caller's pointer is good until the registry is removed or the client ends.
+class METRICS_API MetricRegistry {
+ public:
+  /// A metric with its kind said outright.
+  struct MetricInitCfg {
+    MetricCoItemType kind = MetricCoItemType::kCoItemUnknown;
+    MetricInstanceCfg cfg;
+  };
+
+  /// The way registries are made: it gives the registry its reference to itself.
+  static std::shared_ptr<MetricRegistry> Make(const std::string& tenant, const std::string& prefix,
+                                              MetricClient* client, int flush_interval);
+  MetricRegistry(const std::string& tenant, const std::string& prefix, MetricClient* client,
+                 int flush_interval);
+  ~MetricRegistry();
+  MetricRegistry(const MetricRegistry&) = delete;
+  MetricRegistry& operator=(const MetricRegistry&) = delete;
+
+  /// Makes a metric after checking its whole definition; nothing changes when it is refused, and
+  /// `metric` is null then. See docs for the order of the checks and their codes.
+  ReturnCode CreateMetric(Metric*& metric, MetricInitCfg cfg);
+  /// A suffixed metric, or one with a row of fields if the definition names any.
+  ReturnCode CreateMetric(Metric*& metric, const MetricInstanceCfg& cfg);
+  /// A suffixed metric.
+  ReturnCode CreateMetric(Metric*& metric, std::string name, std::vector<std::string>&& tag_names,
+                          HistoUtilBase* histo);
+  /// The metric `name`; 20 and null when there is none.
+  ReturnCode GetMetric(Metric*& metric, std::string name);
+  /// Drops the metric with its series and what they had not flushed. The caller must have stopped
+  /// emitting on it. 20 when there is none.
+  ReturnCode RemoveMetric(std::string name);
+
+  std::vector<std::string> GetAllMetricNames() const;
+  std::vector<std::shared_ptr<Metric>> GetAllMetric() const;
+
+  /// Refuses emissions and drops all series until `UnBlock`; the metrics stay. Always 0.
+  ReturnCode Block();
+  ReturnCode UnBlock();
+  /// Removes all metrics. Always 0.
+  ReturnCode Clear();
+  /// For the child of a fork: forgets all metrics.
+  void AtFork();
+  /// In a forked child, ahead of everything else: see `MetricCollectorFactory::RepairAfterFork`.
+  void RepairAfterFork() METRICS_NO_THREAD_SAFETY;
+
+  /// Merges the tags that metrics inherit: the vendor's immutable ones go before `global_tags`,
+  /// and those before the vendor's rewritable ones.
+  void GenrateTagsOnRegistry(const std::vector<tidegate::MetricTag>&& global_tags,
+                             tidegate::VendorInterface* vendor);
+  /// Appends to `out` all of `first` and those of `second` whose key `first` lacks.
+  static void MergeTags(const std::vector<tidegate::MetricTag>& first,
+                        const std::vector<tidegate::MetricTag>& second,
+                        std::vector<tidegate::MetricTag>& out);
+
+  const std::string& Tenant() const { return tenant_; }
+  const std::string& Prefix() const { return prefix_; }
+  /// A copy: the tags may still be published when a registry is found by another thread.
+  std::vector<tidegate::MetricTag> InsertedTags() const;
+  const std::vector<tidegate::MetricTag>& InsertedTagsLocked() const METRICS_NO_THREAD_SAFETY {
+    return tags_;
+  }
+  int FlushInterval() const { return flush_interval_; }
+  std::weak_ptr<MetricRegistry> WeakSelf() const { return self_; }
+
+  const std::string tenant_;
+  const std::string prefix_;
+  MetricClient* const client_;    ///< not owned
+  const int32_t flush_interval_;  ///< seconds
+  std::atomic<MetricState> state_{MetricState::INIT};
+
+ private:
+  ReturnCode CheckDefinition(const MetricInstanceCfg& cfg) const;
+  ReturnCode CheckConstTags(const MetricInstanceCfg& cfg,
+                            const std::vector<tidegate::MetricTag>& inserted) const;
+  bool AtMetricLimit() const METRICS_REQUIRES(rwlock_);
+  /// What every removal of a metric does ahead of taking it out of the table.
+  static void Retire(Metric& metric);
+
+  mutable RwLock rwlock_;
+  std::vector<tidegate::MetricTag> tags_ METRICS_GUARDED_BY(rwlock_);  ///< merged, sorted by key
+  /// By name without prefix.
+  std::unordered_map<std::string, std::shared_ptr<Metric>> metrics_ METRICS_GUARDED_BY(rwlock_);
+  std::weak_ptr<MetricRegistry> self_;  ///< written once by `Make`
+};
+
+/// Checks field declarations: 53 for a name, 52 for a type, 36 for bounds, 38 for more than 1024
+/// columns in all.
+METRICS_API ReturnCode CheckMetricFieldCfg(const std::vector<MetricFieldCfg>& fields);
+
+/// Limit of metrics per registry from the environment variable METRICS_MAX_METRICS_PER_REGISTRY,
+/// which is read once; 1024 if it does not hold a positive number.
+METRICS_API inline int GetRegistryMetricLimit() {
+  constexpr int kDefaultLimit = 1024;
+  static const int from_environment = [] {
+    const char* const text = std::getenv("METRICS_MAX_METRICS_PER_REGISTRY");
+    return text == nullptr ? 0 : static_cast<int>(std::strtol(text, nullptr, 10));
+  }();
+  return from_environment > 0 ? from_environment : kDefaultLimit;
+}
+
+}  // namespace METRICS

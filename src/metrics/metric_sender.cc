@@ -1,0 +1,198 @@
+#include "metrics/metric_sender.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <limits>
+#include <utility>
+
+#include "metrics/metric_client.h"
+#include "metrics/metric_configer.h"
+#include "metrics/metric_encoder.h"
+#include "util/fork_guard.h"
+#include "util/metric_clock_util.h"
+#include "util/metric_log.h"
+
+namespace METRICS {
+namespace {
+
+constexpr int kMillisPerSecond = 1000;
+constexpr int kPollMillis = 200;
+constexpr int kMaxInterval = std::numeric_limits<int32_t>::max() / kMillisPerSecond;
+constexpr int kIntervalTries = 3;
+
+using std::chrono::steady_clock;
+
+}  // namespace
+
+MetricSender::MetricSender(const std::string& tenant, MetricClient* client)
+    : tenant_(tenant),
+      client_(client),
+      collector_factory_(client->collector_factory_),
+      encoder_(std::make_shared<MetricEncoder>(this, tenant)) {
+  // Last: the thread touches nothing virtual until a leaf class's `Init` lets it go.
+  thread_ = std::thread(&MetricSender::Send, this, tenant);
+}
+
+MetricSender::~MetricSender() { client_ = nullptr; }
+
+ReturnCode MetricSender::SocketInit() { return ReturnCode::kOk; }
+
+int MetricSender::AdjustSleepStep(int interval_ms) {
+  constexpr int kShortPeriod = 6;
+  constexpr int kShortStep = 5;
+  return interval_ms < kShortPeriod ? kShortStep : kPollMillis;
+}
+
+void MetricSender::Send(std::string tenant) {
+  ::pthread_setname_np(::pthread_self(), "ms_sender");
+  if (collector_factory_ == nullptr) {
+    METRICS_LOG_WARN("Sender[%s] start fialed, internal error with nullptr.\n", tenant.c_str());
+    return;
+  }
+  FetchTenantInterval(tenant);
+  while (state_.load(std::memory_order_acquire) == MetricState::INIT) {
+    SleepMillis(kPollMillis);
+  }
+  const int interval = interval_.load();
+  if (interval < 1 || interval > kMaxInterval) {
+    METRICS_LOG_WARN("Sender[%s] start fialed, internal error with interval less than 0.\n",
+                     tenant.c_str());
+    return;
+  }
+  Loop(tenant, interval * kMillisPerSecond);
+}
+
+void MetricSender::FetchTenantInterval(const std::string& tenant) {
+  for (int attempt = 0; attempt < kIntervalTries && state_.load() != MetricState::SHUTDOWN;
+       ++attempt) {
+    const auto [found, interval] = client_->configer_->impl_->GetTenantInterval(tenant);
+    if (found) {
+      interval_.exchange(interval);
+      METRICS_LOG_INFO("tenant config interval: tenant= %s, interval= %d\n", tenant.c_str(),
+                       interval);
+      return;
+    }
+  }
+}
+
+void MetricSender::Loop(const std::string& tenant, int period_ms) {
+  const int step_ms = AdjustSleepStep(period_ms);
+  while (Running()) {
+    work_state_ = WorkState::kSleeping;
+    int left_ms = 0;
+    if (!SleepToBoundary(tenant, last_flush_ts_, left_ms, period_ms, step_ms)) {
+      return;
+    }
+    work_state_ = WorkState::kSlept;
+    METRICS_LOG_DEBUG("flush timestamp[%lds], left inteval[%dms]\n", last_flush_ts_, left_ms);
+    if (!Running()) {
+      return;
+    }
+    work_state_ = WorkState::kWorking;
+    if (!DoPackAndSend()) {
+      return;
+    }
+  }
+}
+
+bool MetricSender::SleepToBoundary(const std::string& tenant, int64_t& flush_ts, int& left_ms,
+                                   int period_ms, int step_ms) {
+  const int64_t now_ms = WallMillis();
+  left_ms = static_cast<int>(period_ms - now_ms % period_ms);
+  if (!SyncMilliStepSleep(left_ms, step_ms, state_)) {
+    return false;
+  }
+  // The boundary that was aimed at, whatever the sleep really took.
+  const int64_t boundary_ms = (now_ms + left_ms) / period_ms * period_ms;
+  const int64_t boundary = boundary_ms / kMillisPerSecond;
+  if (flush_ts != 0 && boundary - flush_ts > period_ms / kMillisPerSecond) {
+    METRICS_LOG_WARN("Sender[%s]Last send timeout, last_timetamp: %ld, now: %ld\n", tenant.c_str(),
+                     flush_ts, boundary);
+  }
+  flush_ts = boundary;
+  return true;
+}
+
+bool MetricSender::AdjustTime(const std::string& tenant, long& flush_ts, int& left_ms,
+                              const int& interval) {
+  const int period_ms = interval * kMillisPerSecond;
+  return SleepToBoundary(tenant, flush_ts, left_ms, period_ms, AdjustSleepStep(period_ms));
+}
+
+bool MetricSender::DoPackAndSend() {
+  if (collector_factory_->state_.load(std::memory_order_relaxed) != MetricState::READY) {
+    return false;
+  }
+  const CollectorList collectors =
+      collector_factory_->GetTenantSendCollector(tenant_, interval_.load(), last_flush_ts_);
+  METRICS_LOG_DEBUG("Get Tenant Collectors num: %ld\n", static_cast<long>(collectors.size()));
+  encoder_->PackCollector(collectors);
+  return true;
+}
+
+void MetricSender::ReleaseThread() {
+  if (!thread_.joinable()) {
+    return;
+  }
+  if (InForkTeardown()) {
+    Abandon(thread_);
+    if (work_state_ == WorkState::kWorking) {
+      Abandon(encoder_);  // the parent's thread was in the middle of changing it
+    }
+  } else {
+    thread_.join();
+  }
+}
+
+void MetricSender::CloseSocket() {
+  if (sock_ >= 0) {
+    ::close(sock_);
+    sock_ = -1;
+  }
+}
+
+void MetricSender::Exit() {
+  const auto start = steady_clock::now();
+  state_.store(MetricState::SHUTDOWN);
+  ReleaseThread();
+  CloseSocket();
+  METRICS_LOG_WARN("MetricSender[%s] Exit, interval: %d, exit cost: %ldms\n", tenant_.c_str(),
+                   interval_.load(), MillisSince(start));
+}
+
+void MetricSender::FlushAndExit() {
+  const auto start = steady_clock::now();
+  METRICS_LOG_WARN("Sender[%s] enter FlushAndExit\n", tenant_.c_str());
+  ReleaseThread();
+  METRICS_LOG_WARN("Sender[%s] thread joined as state %s[0:Idle,1:Sleeping,2:Slept,3:Working]\n",
+                   tenant_.c_str(), std::to_string(static_cast<int>(work_state_)).c_str());
+  // A flush that was running has just done what this one would do.
+  if (work_state_ != WorkState::kWorking) {
+    FlushRest();
+  }
+  CloseSocket();
+  METRICS_LOG_WARN("MetricSender[%s] FlushAndExit, interval: %d, exit cost: %ldms\n",
+                   tenant_.c_str(), interval_.load(), MillisSince(start));
+}
+
+void MetricSender::FlushRest() {
+  const int interval = interval_.load();
+  if (work_state_ == WorkState::kSlept) {
+    last_flush_ts_ -= interval;
+  }
+  if (last_flush_ts_ == 0) {
+    const int64_t now_s = WallMillis() / kMillisPerSecond;
+    last_flush_ts_ = interval > 0 ? now_s - now_s % interval : now_s;
+  }
+  METRICS_LOG_WARN("Sender[%s] GatherForFlush as previous flush timestamp: %ld\n", tenant_.c_str(),
+                   last_flush_ts_);
+  const auto by_second = collector_factory_->GatherForFlush(tenant_, interval, last_flush_ts_);
+  for (const auto& [second, collectors] : by_second) {
+    last_flush_ts_ = second;
+    encoder_->PackCollector(collectors);
+  }
+}
+
+}  // namespace METRICS

@@ -1,0 +1,104 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "metrics/metric_collector_factory.h"
+#include "util/metric_common.h"
+#include "util/metric_error_code.h"
+#include "util/metric_export.h"
+
+namespace METRICS {
+
+class MetricClient;
+class MetricEncoderBase;
+
+/// The flush engine of one tenant: a thread "ms_sender" that sleeps to the next wall-clock multiple
+/// of the tenant's interval, counted from the epoch, and has the collectors that are due encoded
+/// and sent. Leaf classes add the transport.
+///
+/// Threads: the flush thread owns `last_flush_ts_`, `work_state_`, the encoder and the socket while
+/// it lives; others touch them only after joining it. `state_` is the one stop signal: the thread
+/// polls it at least every 200 ms while it sleeps, and not at all while it flushes.
+/// A flush that overruns its period misses the boundaries that pass meanwhile; none is reported
+/// twice, and what the cells gathered goes out at the next one.
+class METRICS_API MetricSender {
+ public:
+  /// Counts of the packet that is about to be sent, written by the encoder.
+  struct Statistic {
+    int16_t metric_num = 0;
+    int16_t series_num = 0;
+  };
+
+  /// What the flush thread last did; the numbers stand in the log.
+  enum class WorkState : uint8_t {
+    kIdle = 0,      ///< the loop was not entered
+    kSleeping = 1,  ///< on its way to a boundary
+    kSlept = 2,     ///< the boundary is taken, its flush not begun
+    kWorking = 3,   ///< flushing
+  };
+
+  /// Starts the flush thread, which waits for the leaf class's `Init`.
+  MetricSender(const std::string& tenant, MetricClient* client);
+  /// REQUIRES: the leaf class has joined the thread.
+  virtual ~MetricSender();
+  MetricSender(const MetricSender&) = delete;
+  MetricSender& operator=(const MetricSender&) = delete;
+
+  /// Gives the encoder its identity, makes the socket and lets the flush thread go.
+  virtual ReturnCode Init() = 0;
+  /// Stops without a last flush and closes the socket. Waits for the thread. Safe twice.
+  virtual void Exit();
+  /// For the child of a fork: forgets the thread.
+  virtual void AtFork() = 0;
+  /// Delivers one packet of `len` bytes, or drops it; the caller cannot tell.
+  virtual void SendToSocket(char* buf, int len) = 0;
+  /// Makes and connects the socket, closing an old one.
+  virtual ReturnCode SocketInit();
+
+  /// Body of the flush thread.
+  void Send(std::string tenant);
+  /// Sleeps to the next boundary of `interval` seconds and puts it into `flush_ts`. False when the
+  /// sleep was given up.
+  bool AdjustTime(const std::string& tenant, long& flush_ts, int& left_ms, const int& interval);
+  /// Length of a slice of sleep for a period, both in milliseconds.
+  static int AdjustSleepStep(int interval_ms);
+  /// One flush of what is due at `last_flush_ts_`. False: the thread must end.
+  bool DoPackAndSend();
+  void DoNothing() {}
+  /// Stops with a last flush of everything, on the calling thread. REQUIRES: `state_` was set to
+  /// SHUTDOWN before.
+  void FlushAndExit();
+
+  Statistic statistic_;
+  const std::string tenant_;
+  std::atomic<int32_t> interval_{30};  ///< seconds; the running thread keeps what it started with
+  int64_t last_flush_ts_ = 0;  ///< the boundary in work, seconds since the epoch; 0: none yet
+  MetricClient* client_;       ///< not owned
+  std::shared_ptr<MetricCollectorFactory> collector_factory_;
+  std::shared_ptr<MetricEncoderBase> encoder_;
+  /// READY, stored with release order by `Init`, publishes what `Init` has made.
+  volatile std::atomic<MetricState> state_{MetricState::INIT};
+  WorkState work_state_ = WorkState::kIdle;
+  std::thread thread_;
+  int32_t sock_ = -1;
+
+ protected:
+  void CloseSocket();
+  /// Lets the thread go: joined, or abandoned where it does not exist, with what it was changing.
+  void ReleaseThread();
+
+ private:
+  void FetchTenantInterval(const std::string& tenant);
+  bool Running() const { return state_.load(std::memory_order_acquire) == MetricState::READY; }
+  /// Sleeps to the next boundary and stores it in `flush_ts`, with a line if one was missed.
+  bool SleepToBoundary(const std::string& tenant, int64_t& flush_ts, int& left_ms, int period_ms,
+                       int step_ms);
+  void Loop(const std::string& tenant, int period_ms);
+  void FlushRest();
+};
+
+}  // namespace METRICS

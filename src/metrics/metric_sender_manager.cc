@@ -1,0 +1,132 @@
+#include "metrics/metric_sender_manager.h"
+
+#include <utility>
+
+#include "metrics/metric_unix_domain_sender.h"
+#include "util/fork_guard.h"
+#include "util/metric_log.h"
+
+namespace METRICS {
+
+MetricSenderManager::MetricSenderManager(MetricClient* client) : client_(client) {}
+
+MetricSenderManager::~MetricSenderManager() {
+  Exit();
+  client_ = nullptr;
+  METRICS_LOG_DEBUG("MetricSenderManager Destructor.\n");
+}
+
+ReturnCode MetricSenderManager::CreateSender(const std::string& tenant, MetricSenderType type) {
+  const WriteGuard guard(mutex_);
+  if (senders_.count(tenant) != 0) {
+    METRICS_LOG_WARN("Sender of [%s] already exist, CreateSender skipped.\n", tenant.c_str());
+    return ReturnCode::kObjectExisted;
+  }
+  if (type != MetricSenderType::kSenderUnixDomain) {
+    METRICS_LOG_ERROR("Sender of [%s] not created: TCP delivery is not supported.\n",
+                      tenant.c_str());
+    return ReturnCode::kNotSupported;
+  }
+  auto made = std::make_unique<MetricUnixDomainSender>(tenant, client_);
+  MetricSender& sender = *made;
+  table_changing_.store(true);
+  senders_.emplace(tenant, std::move(made));
+  table_changing_.store(false);
+  sender.Init();
+  return ReturnCode::kOk;
+}
+
+ReturnCode MetricSenderManager::GetSender(MetricSender*& sender, std::string tenant) {
+  const WriteGuard guard(mutex_);
+  const auto found = senders_.find(tenant);
+  sender = found == senders_.end() ? nullptr : found->second.get();
+  return sender == nullptr ? ReturnCode::kObjectNotExisted : ReturnCode::kOk;
+}
+
+ReturnCode MetricSenderManager::RemoveSender(std::string tenant) {
+  const WriteGuard guard(mutex_);
+  const auto found = senders_.find(tenant);
+  if (found == senders_.end()) {
+    return ReturnCode::kObjectNotExisted;
+  }
+  found->second->Exit();
+  table_changing_.store(true);
+  senders_.erase(found);
+  table_changing_.store(false);
+  return ReturnCode::kOk;
+}
+
+void MetricSenderManager::StopAll() {
+  for (const auto& [tenant, sender] : senders_) {
+    sender->state_.exchange(MetricState::SHUTDOWN);
+  }
+}
+
+void MetricSenderManager::DeleteAll() {
+  for (auto& [tenant, sender] : senders_) {
+    sender.reset();
+  }
+  senders_.clear();
+}
+
+// The number in the closing lines of these three is taken after the table was emptied.
+
+void MetricSenderManager::Exit() {
+  const WriteGuard guard(mutex_);
+  StopAll();
+  DeleteAll();
+  METRICS_LOG_WARN("MetricSenderManager Exit, sender num: %lu\n", senders_.size());
+}
+
+void MetricSenderManager::FlushAndExit() {
+  const WriteGuard guard(mutex_);
+  StopAll();
+  for (const auto& [tenant, sender] : senders_) {
+    sender->FlushAndExit();
+  }
+  DeleteAll();
+  METRICS_LOG_WARN("MetricSenderManager FlushAndExit, sender num: %lu\n", senders_.size());
+}
+
+void MetricSenderManager::AtFork() {
+  const WriteGuard guard(mutex_);
+  for (const auto& [tenant, sender] : senders_) {
+    sender->AtFork();
+  }
+  DeleteAll();
+  METRICS_LOG_WARN("MetricSenderManager AtFork, sender num: %lu\n", senders_.size());
+}
+
+void MetricSenderManager::RepairAfterFork() {
+  mutex_.ReinitAfterFork();
+  if (table_changing_.exchange(false)) {
+    Abandon(senders_);
+  }
+}
+
+ReturnCode MetricSenderManager::UpdateSenderInterval(
+    std::unordered_map<std::string, int>& intervals) {
+  const WriteGuard guard(mutex_);
+  for (const auto& [tenant, sender] : senders_) {
+    const auto found = intervals.find(tenant);
+    if (found == intervals.end()) {
+      continue;
+    }
+    sender->interval_.store(found->second);
+    METRICS_LOG_WARN("Sender[%s] modify flush interval from %d to %d\n", tenant.c_str(),
+                     sender->interval_.load(), found->second);
+  }
+  return ReturnCode::kOk;
+}
+
+std::vector<std::string> MetricSenderManager::GetAllTenant() {
+  const WriteGuard guard(mutex_);
+  std::vector<std::string> tenants;
+  tenants.reserve(senders_.size());
+  for (const auto& [tenant, sender] : senders_) {
+    tenants.push_back(tenant);
+  }
+  return tenants;
+}
+
+}  // namespace METRICS

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "metrics/metric_sender.h"
+#include "util/metric_common.h"
+#include "util/metric_error_code.h"
+#include "util/metric_export.h"
+#include "util/metric_lock.h"
+
+namespace METRICS {
+
+class MetricClient;
+
+/// One sender per tenant.
+///
+/// Threads: all operations from any thread; one mutex is held from their first to their last step,
+/// joins and socket work included. Flush threads never take it. Owns the senders.
+class METRICS_API MetricSenderManager {
+ public:
+  explicit MetricSenderManager(MetricClient* client);
+  ~MetricSenderManager();
+  MetricSenderManager(const MetricSenderManager&) = delete;
+  MetricSenderManager& operator=(const MetricSenderManager&) = delete;
+
+  /// Makes and initialises the sender of `tenant`. 0 also if its socket could not be made: it then
+  /// stands in the table without ever flushing. 19 when there is one already. 70, and no sender,
+  /// for TCP, which this version does not deliver over.
+  ReturnCode CreateSender(const std::string& tenant, MetricSenderType type);
+  /// 20 and null when there is none. The sender stays the manager's.
+  ReturnCode GetSender(MetricSender*& sender, std::string tenant);
+  /// Stops and deletes one, without a last flush. 20 when there is none.
+  ReturnCode RemoveSender(std::string tenant);
+  /// Stops all at once, then deletes them; nothing is flushed.
+  void Exit();
+  /// Stops all at once, then lets one after the other make its last flush on the calling thread.
+  void FlushAndExit();
+  /// For the child of a fork.
+  void AtFork();
+  /// In a forked child, ahead of everything else: see `MetricCollectorFactory::RepairAfterFork`.
+  void RepairAfterFork() METRICS_NO_THREAD_SAFETY;
+  /// Stores new intervals, in seconds and not validated, for the tenants that have a sender. A
+  /// running thread keeps its period. Always 0.
+  ReturnCode UpdateSenderInterval(std::unordered_map<std::string, int>& intervals);
+  std::vector<std::string> GetAllTenant();
+
+  MetricClient* client_;  ///< not owned
+
+ private:
+  using Table = std::unordered_map<std::string, std::unique_ptr<MetricSender>>;
+
+  void StopAll() METRICS_REQUIRES(mutex_);
+  /// Deletes the senders in the table's order.
+  void DeleteAll() METRICS_REQUIRES(mutex_);
+
+  Mutex mutex_;
+  Table senders_ METRICS_GUARDED_BY(mutex_);
+  /// True while the table itself is being changed, which is but a moment of what the mutex covers.
+  std::atomic<bool> table_changing_{false};
+};
+
+}  // namespace METRICS

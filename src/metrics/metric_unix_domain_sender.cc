@@ -1,0 +1,132 @@
+#include "metrics/metric_unix_domain_sender.h"
+
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "metrics/metric_client.h"
+#include "metrics/metric_configer.h"
+#include "metrics/metric_encoder.h"
+#include "util/metric_clock_util.h"
+#include "util/metric_log.h"
+#include "util/metric_size_limits.h"
+
+namespace METRICS {
+namespace {
+
+constexpr int kAttempts = 3;
+constexpr int kPauseMillis = 10;
+constexpr suseconds_t kSendTimeoutMicros = 100000;
+
+}  // namespace
+
+MetricUnixDomainSender::MetricUnixDomainSender(const std::string& tenant, MetricClient* client)
+    : MetricSender(tenant, client) {}
+
+MetricUnixDomainSender::~MetricUnixDomainSender() { MetricSender::Exit(); }
+
+ReturnCode MetricUnixDomainSender::Init() {
+  const MetricConfiger& configer = *client_->configer_;
+  encoder_->Init(configer.impl_->account_id, configer.impl_->project_id, configer.psm_);
+  const ReturnCode code = SocketInit();
+  if (code != ReturnCode::kOk) {
+    METRICS_LOG_CODE(code);
+    return code;
+  }
+  state_.store(MetricState::READY, std::memory_order_release);
+  METRICS_LOG_INFO("MetricUnixDomainSender ready with socket: %s\n", addr_.sun_path);
+  return ReturnCode::kOk;
+}
+
+ReturnCode MetricUnixDomainSender::SocketInit() {
+  addr_ = {};
+  if (sock_ > 0) {
+    METRICS_LOG_WARN("Sender[%s] UDS reconnect, close old socket: %d\n", tenant_.c_str(), sock_);
+    ::close(sock_);
+  }
+  sock_ = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
+  if (sock_ < 0) {
+    METRICS_LOG_ERROR("Sender[%s] Create Socket Fd Fail.\n", tenant_.c_str());
+    return ReturnCode::kCreateSocketFailed;
+  }
+  SetSocketOptions();
+  ConnectToAgent();
+  return ReturnCode::kOk;
+}
+
+void MetricUnixDomainSender::SetSocketOptions() {
+  const int buffer_size = kMetricSendBufSize;
+  int result = ::setsockopt(sock_, SOL_SOCKET, SO_SNDBUF, &buffer_size, sizeof(buffer_size));
+  if (result != 0) {
+    METRICS_LOG_ERROR("Sender[%s] Set Socket Send Buf Fail with ret: %d\n", tenant_.c_str(),
+                      result);
+  }
+  const timeval timeout{0, kSendTimeoutMicros};
+  result = ::setsockopt(sock_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+  if (result < 0) {
+    METRICS_LOG_ERROR("Sender[%s] Set Socket Send Timeout Fail with ret: %d\n", tenant_.c_str(),
+                      result);
+  }
+}
+
+void MetricUnixDomainSender::ConnectToAgent() {
+  addr_.sun_family = AF_UNIX;
+  // Asked anew each time: the platform may move the agent. A longer path is cut.
+  const std::string path = client_->configer_->vendor_->GetSenderOutPath();
+  path.copy(addr_.sun_path, sizeof(addr_.sun_path) - 1);
+  METRICS_LOG_INFO("Sender[%s] set socket path: %s\n", tenant_.c_str(), addr_.sun_path);
+  if (::connect(sock_, reinterpret_cast<const sockaddr*>(&addr_), sizeof(addr_)) < 0) {
+    METRICS_LOG_ERROR("Sender[%s] UDS connect to socket fail, errno: %s\n", tenant_.c_str(),
+                      std::strerror(errno));
+  }
+}
+
+int MetricUnixDomainSender::TrySend(const char* buf, int len) const {
+  const ssize_t sent = ::sendto(sock_, buf, static_cast<size_t>(len), 0,
+                                reinterpret_cast<const sockaddr*>(&addr_), sizeof(addr_));
+  // Saved before any line is printed: that may change it.
+  const int error = errno;
+  return static_cast<int>(sent) == len ? 0 : error;
+}
+
+void MetricUnixDomainSender::Reconnect(int error) {
+  METRICS_LOG_WARN("Sender[%s] Send fail with errno[%d]: %s, try to reconnect.\n", tenant_.c_str(),
+                   error, std::strerror(error));
+  SocketInit();
+}
+
+void MetricUnixDomainSender::SendToSocket(char* buf, int len) {
+  for (int attempt = 1; attempt <= kAttempts; ++attempt) {
+    const int error = TrySend(buf, len);
+    if (error == 0) {
+      if (attempt == 1) {
+        METRICS_LOG_DEBUG("Send %d bytes in ts: %ld at attempt: %d\n", len, last_flush_ts_,
+                          attempt);
+      } else {
+        METRICS_LOG_INFO("Sender[%s] Send %d bytes in ts: %ld  at attempt: %d\n", tenant_.c_str(),
+                         len, last_flush_ts_, attempt);
+      }
+      return;
+    }
+    if (attempt > 1) {
+      SleepMillis(kPauseMillis);
+    }
+    if (attempt < kAttempts) {
+      Reconnect(error);
+    }
+  }
+}
+
+void MetricUnixDomainSender::AtFork() {
+  state_.store(MetricState::SHUTDOWN);
+  ReleaseThread();
+  // Not before the thread is gone: it reads it.
+  client_ = nullptr;
+  METRICS_LOG_WARN("MetricUnixDomainSender[%s] AtFork, interval: %d\n", tenant_.c_str(),
+                   interval_.load());
+}
+
+}  // namespace METRICS

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <sys/un.h>
+
+#include <string>
+
+#include "metrics/metric_sender.h"
+
+namespace METRICS {
+
+/// Delivers each packet as one message on a Unix domain SOCK_SEQPACKET socket.
+///
+/// A packet gets at most three tries, with a reconnect between them, and is dropped then: at most
+/// three send time-outs of 100 ms and two pauses of 10 ms, plus the reconnects. A sender may be in
+/// service while no agent listens; nothing but the next packet makes it reconnect.
+/// A peer that went away can raise SIGPIPE in the process; the application decides what it does.
+class METRICS_API MetricUnixDomainSender final : public MetricSender {
+ public:
+  MetricUnixDomainSender(const std::string& tenant, MetricClient* client);
+  ~MetricUnixDomainSender() override;
+
+  /// 66 when no descriptor can be had; the sender then never flushes.
+  ReturnCode Init() override;
+  void AtFork() override;
+  void SendToSocket(char* buf, int len) override;
+  ReturnCode SocketInit() override;
+
+  sockaddr_un addr_{};  ///< rebuilt by every `SocketInit`
+
+ private:
+  void SetSocketOptions();
+  void ConnectToAgent();
+  /// 0, or the errno of the failure.
+  int TrySend(const char* buf, int len) const;
+  /// What a failed attempt that is followed by another one does.
+  void Reconnect(int error);
+};
+
+}  // namespace METRICS

@@ -1,0 +1,66 @@
+#include "util/metric_clock_util.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+
+#include "util/metric_log.h"
+
+namespace METRICS {
+
+// Never destroyed: a thread may still make a registry while the process exits.
+const std::vector<int>& kValidFlushInterval = *new std::vector<int>{1, 5, 10, 15, 30, 60};
+
+int CheckFlushInterval(const int& interval) {
+  constexpr int kDefaultInterval = 30;
+  if (std::find(kValidFlushInterval.begin(), kValidFlushInterval.end(), interval) !=
+      kValidFlushInterval.end()) {
+    return interval;
+  }
+  METRICS_LOG_WARN("Input flush interval invalid, should be {1,5,10,15,30,60}, use 30 instead.\n");
+  return kDefaultInterval;
+}
+
+bool SyncMilliStepSleep(const int& total_ms, const int& step_ms,
+                        volatile std::atomic<MetricState>& state) {
+  int done = step_ms;
+  bool running = state.load() == MetricState::READY;
+  while (done < total_ms) {
+    if (!running) {
+      return false;
+    }
+    if (step_ms > 0) {
+      SleepMillis(step_ms);
+    }
+    done += step_ms;
+    running = state.load() == MetricState::READY;
+  }
+  if (!running) {
+    return false;
+  }
+  const int rest = total_ms - done + step_ms;
+  if (rest >= 1) {
+    SleepMillis(rest);
+  }
+  return true;
+}
+
+void SleepMillis(int ms) {
+  timespec left{ms / 1000, static_cast<long>(ms % 1000) * 1000000};
+  while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+}
+
+int64_t WallMillis() {
+  using std::chrono::nanoseconds;
+  const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<nanoseconds>(since_epoch).count() / 1000000;
+}
+
+int64_t MillisSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                               start)
+      .count();
+}
+
+}  // namespace METRICS

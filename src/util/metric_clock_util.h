@@ -1,0 +1,34 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <vector>
+
+#include "util/metric_common.h"
+
+namespace METRICS {
+
+/// The legal flush intervals in seconds.
+extern const std::vector<int>& kValidFlushInterval;
+
+/// `interval` if it is in `kValidFlushInterval`; otherwise 30, with a Warn line.
+int CheckFlushInterval(const int& interval);
+
+/// Sleeps `total_ms` milliseconds in slices of `step_ms` while `state` is READY. False as soon as
+/// it is seen to be another at the end of a slice. The last slice is not looked behind: a stop
+/// that comes during it is for the caller to see, and costs at most one slice. Signals do not
+/// shorten the sleep. The arguments are read anew at each use.
+bool SyncMilliStepSleep(const int& total_ms, const int& step_ms,
+                        volatile std::atomic<MetricState>& state);
+
+/// Sleeps `ms` milliseconds, through signals.
+void SleepMillis(int ms);
+
+/// Wall clock in whole milliseconds since the epoch.
+int64_t WallMillis();
+
+/// Whole milliseconds on the steady clock since `start`.
+int64_t MillisSince(std::chrono::steady_clock::time_point start);
+
+}  // namespace METRICS

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <cstdint>
+
+namespace METRICS {
+
+/// Initial capacity of a packet buffer in bytes, and the length at which a packet is sent.
+constexpr int32_t kMetricMaxMsgLen = 262143;
+
+/// Send buffer of the agent's socket in bytes; a scratch buffer that grew beyond it is cut back.
+constexpr int32_t kMetricSendBufSize = 409600;
+
+}  // namespace METRICS
