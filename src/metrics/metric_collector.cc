@@ -6,6 +6,7 @@
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_configer.h"
 #include "util/metric_log.h"
+#include "util/metric_size_limits.h"
 #include "util/metric_string_util.h"
 
 namespace METRICS {
@@ -17,8 +18,6 @@ using lattice_kit::codec::Pack;
 // is erased.
 constexpr unsigned long kCreatedSeriesBytes = 112;
 constexpr unsigned long kErasedSeriesBytes = 56;
-
-constexpr int32_t kTagScratchBytes = 64;
 
 }  // namespace
 
@@ -120,8 +119,15 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::MakeItem(
     metric_->impl_->EncodeTagBlock(tag_values, tag_hash, scratch);
     encoded_tags = scratch.Bytes();
   }
-  if (co_type_ == MetricCoItemType::kCoItemSuffix) {
-    return std::make_shared<MetricSuffixArray>(metric_, tag_hash, encoded_tags);
+  switch (co_type_) {
+    case MetricCoItemType::kCoItemSuffix:
+      return std::make_shared<MetricSuffixArray>(metric_, tag_hash, encoded_tags);
+    case MetricCoItemType::kCoItemField:
+      return std::make_shared<MetricFieldArray>(metric_, tag_hash, encoded_tags);
+    case MetricCoItemType::kCoItemCompatible:
+      return std::make_shared<MetricCompatibleItem>(metric_, tag_hash, encoded_tags);
+    case MetricCoItemType::kCoItemUnknown:
+      break;
   }
   return nullptr;
 }

@@ -3,15 +3,26 @@
 #include <cmath>
 #include <limits>
 
-#include "metrics/histo_util.h"
-
 namespace METRICS {
 
 const double MetricBasicData::d_nan_ = std::numeric_limits<double>::quiet_NaN();
 
 const SendRes SingleFieldMetricBasicData::no_flush_res_{false, {}, 0.0, 1};
-const SendRes MetricMeter::no_flush_res_{false, {}, 0.0, 2};
-const SendRes MetricDeltaCounter::no_flush_res_{false, {}, 0.0, 3};
+const SendRes MetricMeter::no_flush_res_{false, {}, 0.0, kMetricMeterArraySize};
+const SendRes MetricDeltaCounter::no_flush_res_{false, {}, 0.0, kMetricDeltaCounterArrSize};
+
+uint32_t PreviousPointWidth(MetricsType type) {
+  switch (type) {
+    case MetricsType::kCounter:
+      return 1;
+    case MetricsType::kMeter:
+      return kMetricMeterArraySize;
+    case MetricsType::kDeltaCounter:
+      return kMetricDeltaCounterArrSize;
+    default:
+      return 0;
+  }
+}
 
 void MetricBasicData::Emit(const long& /*value*/) {}
 void MetricBasicData::Emit(const double& /*value*/) {}
@@ -70,12 +81,5 @@ SendRes MetricDeltaCounter::Send(const unsigned int& interval) {
   const double increase = reading.total - reading.prev;
   return {reading.first, {reading.total, increase / interval, increase}, reading.prev, 1};
 }
-
-HistoUtilBase::HistoUtilBase(std::vector<double> ascending_bounds)
-    : bounds(std::move(ascending_bounds)) {}
-
-HistoUtilBase::~HistoUtilBase() = default;
-
-bool HistoUtilBase::Check() const { return bounds.size() <= kMaxBounds; }
 
 }  // namespace METRICS

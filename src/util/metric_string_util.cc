@@ -3,7 +3,9 @@
 #include <tmmintrin.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
+#include <limits>
 #include <set>
 
 namespace METRICS {
@@ -109,6 +111,15 @@ bool CheckDuplicatedString(const std::vector<std::string>& v) {
   std::set<std::string> seen;
   return std::all_of(v.begin(), v.end(),
                      [&seen](const std::string& s) { return seen.insert(s).second; });
+}
+
+std::string FormatFixed(double value) {
+  constexpr int kDecimals = 6;
+  std::string text(std::numeric_limits<double>::max_exponent10 + kDecimals + 3, '\0');
+  const auto [end, error] = std::to_chars(text.data(), text.data() + text.size(), value,
+                                          std::chars_format::fixed, kDecimals);
+  text.resize(error == std::errc() ? static_cast<size_t>(end - text.data()) : 0);
+  return text;
 }
 
 unsigned long GetSize(const std::vector<std::string>& v) {

@@ -90,6 +90,12 @@ unsigned long MetricImpl::GetDPCount() { return collector_ != nullptr ? collecto
 
 void MetricImpl::InitHisto(HistoUtilBase& /*histo*/) {}
 
+void MetricImpl::InitField(const std::vector<MetricFieldCfg>&& /*fields*/) {}
+
+ReturnCode MetricImpl::CEmit(double /*value*/, std::vector<std::string>&& /*tag_pairs*/) {
+  return ReturnCode::kNotSupported;
+}
+
 MetricCoItemType MetricImpl::Type() { return MetricCoItemType::kCoItemUnknown; }
 
 MetricImpl::ItemPtr MetricImpl::WithTags(const std::vector<tidegate::MetricTag>& tags) {
@@ -127,6 +133,10 @@ MetricImpl::ItemPtr MetricImpl::WithTagMap(
     }
   }
   return GetOrCreate(pool);
+}
+
+MetricImpl::ItemPtr MetricImpl::WithCompatibleTags(const std::vector<std::string>& tag_pairs) {
+  return PassStateGate() ? GetOrCreate(tag_pairs) : GetDummyItem();
 }
 
 ReturnCode MetricImpl::GetTagValueVec(const std::vector<tidegate::MetricTag>& tags,
