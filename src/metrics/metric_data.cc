@@ -3,15 +3,14 @@
 #include <cmath>
 #include <limits>
 
-#include "metrics/histo_util.h"
-
 namespace METRICS {
 
 const double MetricBasicData::d_nan_ = std::numeric_limits<double>::quiet_NaN();
 
-const SendRes SingleFieldMetricBasicData::no_flush_res_{false, {}, 0.0, 1};
-const SendRes MetricMeter::no_flush_res_{false, {}, 0.0, 2};
-const SendRes MetricDeltaCounter::no_flush_res_{false, {}, 0.0, 3};
+// Never destroyed: a flush may still run while the process exits.
+const SendRes& SingleFieldMetricBasicData::no_flush_res_ = *new SendRes{false, {}, 0.0, 1};
+const SendRes& MetricMeter::no_flush_res_ = *new SendRes{false, {}, 0.0, 2};
+const SendRes& MetricDeltaCounter::no_flush_res_ = *new SendRes{false, {}, 0.0, 3};
 
 void MetricBasicData::Emit(const long& /*value*/) {}
 void MetricBasicData::Emit(const double& /*value*/) {}
@@ -70,12 +69,5 @@ SendRes MetricDeltaCounter::Send(const unsigned int& interval) {
   const double increase = reading.total - reading.prev;
   return {reading.first, {reading.total, increase / interval, increase}, reading.prev, 1};
 }
-
-HistoUtilBase::HistoUtilBase(std::vector<double> ascending_bounds)
-    : bounds(std::move(ascending_bounds)) {}
-
-HistoUtilBase::~HistoUtilBase() = default;
-
-bool HistoUtilBase::Check() const { return bounds.size() <= kMaxBounds; }
 
 }  // namespace METRICS
