@@ -13,7 +13,7 @@ uint32_t StrVecFNVHash(const std::vector<std::string>& v) {
 uint32_t TagVecFNVHash(const std::vector<TagKV>& v) {
   uint32_t hash = kFNVOffsetBasis;
   for (const TagKV& tag : v) {
-    hash = DelimitedFNVHash(tag.value, DelimitedFNVHash(tag.key, hash));
+    hash = TagFNVHash(tag.key, tag.value, hash);
   }
   return hash;
 }

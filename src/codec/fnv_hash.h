@@ -28,6 +28,11 @@ inline uint32_t DelimitedFNVHash(const std::string& s, uint32_t seed) {
   return StrFNVHash(s, seed) * kFNVPrime;
 }
 
+/// Adds a tag to the hash of a tag list.
+inline uint32_t TagFNVHash(const std::string& key, const std::string& value, uint32_t seed) {
+  return DelimitedFNVHash(value, DelimitedFNVHash(key, seed));
+}
+
 /// Hash of a list of strings, boundaries included.
 uint32_t StrVecFNVHash(const std::vector<std::string>& v);
 

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "metrics/metric_data.h"
-#include "util/metric_export.h"
 #include "util/metric_lock.h"
 
 namespace METRICS {
@@ -18,7 +17,7 @@ namespace METRICS {
 ///
 /// Threads: one mutex serialises everything; every 500th sample pays for a merge. The memory of
 /// the summary is kept from interval to interval. NaNs count, and go through the sum.
-class METRICS_API CKMSQuantiles {
+class CKMSQuantiles {
  public:
   /// A percentile that is aimed at, and its allowed error.
   struct Quantile {

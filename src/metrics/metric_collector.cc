@@ -1,6 +1,5 @@
 #include "metrics/metric_collector.h"
 
-#include "codec/pack.h"
 #include "metrics/metric.h"
 #include "metrics/metric_client.h"
 #include "metrics/metric_collector_factory.h"
@@ -11,8 +10,6 @@
 
 namespace METRICS {
 namespace {
-
-using lattice_kit::codec::Pack;
 
 // What a series is accounted for in `cache_mem_` beside its strings, when it is made and when it
 // is erased.
@@ -47,7 +44,7 @@ HashMapCollector::HashMapCollector(MetricCollectorFactory* factory, Metric* metr
     : MetricCollectorBase(factory, metric),
       series_(std::make_unique<SeriesMap>(factory->total_series_)) {}
 
-HashMapCollector::~HashMapCollector() { metric_ = nullptr; }
+HashMapCollector::~HashMapCollector() = default;
 
 std::vector<Series> HashMapCollector::GetAll() { return series_->GetAll(); }
 
@@ -77,7 +74,10 @@ void HashMapCollector::Erase(const std::vector<std::string>& tag_values) {
 std::shared_ptr<MetricCollectorItem> HashMapCollector::GetOrCreate(
     const std::vector<std::string>& tag_values) {
   std::shared_ptr<MetricCollectorItem> item = series_->Get(tag_values);
-  return item != nullptr ? item : CreateSeries(tag_values);
+  if (item != nullptr) {
+    return item;
+  }
+  return CreateSeries(tag_values);
 }
 
 std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateSeries(
@@ -115,9 +115,7 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::MakeItem(
   int32_t tag_hash = 0;
   std::string encoded_tags;
   if (pre_encode_tags_) {
-    Pack scratch(kTagScratchBytes);
-    metric_->impl_->EncodeTagBlock(tag_values, tag_hash, scratch);
-    encoded_tags = scratch.Bytes();
+    encoded_tags = metric_->impl_->EncodeTagBlock(tag_values, tag_hash);
   }
   switch (co_type_) {
     case MetricCoItemType::kCoItemSuffix:

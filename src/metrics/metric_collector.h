@@ -12,7 +12,6 @@
 #include "util/fork_guard.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
-#include "util/metric_export.h"
 #include "util/metric_lock.h"
 #include "util/metric_string_util.h"
 
@@ -200,7 +199,7 @@ using Series = SeriesMap::KeyedValue;
 /// Threads: all operations from any thread. Owned by the collector factory and by the metric that
 /// uses it; a flush holds copies. The metric may be gone while a collector is still held:
 /// whoever is not emitting through the metric pins it first.
-class METRICS_API MetricCollectorBase {
+class MetricCollectorBase {
  public:
   MetricCollectorBase(MetricCollectorFactory* factory, Metric* metric);
   virtual ~MetricCollectorBase();
@@ -241,7 +240,7 @@ class METRICS_API MetricCollectorBase {
 ///
 /// A known series costs one hash, one read lock and one copy of a shared pointer. Threads that
 /// race past the quota test can exceed the quota by their number.
-class METRICS_API HashMapCollector final : public MetricCollectorBase {
+class HashMapCollector final : public MetricCollectorBase {
  public:
   HashMapCollector(MetricCollectorFactory* factory, Metric* metric);
   ~HashMapCollector() override;

@@ -38,25 +38,41 @@ MetricCollectorFactory::~MetricCollectorFactory() {
 }
 
 CollectorPtr MetricCollectorFactory::CreateCollector(const std::string& tenant,
-                                                     const std::string& name, Metric* metric) {
+                                                     const std::string& name, Metric* metric,
+                                                     std::shared_ptr<Metric>* owner) {
   if (state_.load(std::memory_order_relaxed) != MetricState::READY) {
     return nullptr;
   }
+  // These die behind the guard: a metric that goes takes the lock.
+  CollectorPtr replaced;
+  std::shared_ptr<Metric> pin;
   const WriteGuard guard(rwlock_);
   const auto [names, new_tenant] = tenants_.try_emplace(tenant);
   if (new_tenant) {
     METRICS_LOG_DEBUG("Create Tenant Collector: %s\n", tenant.c_str());
   }
-  CollectorPtr& collector = names->second[name];
-  if (collector == nullptr) {
-    collector = std::make_shared<HashMapCollector>(this, metric);
-    collector->Init();
-    METRICS_LOG_DEBUG(
-        "Create Metric Collector: %s, collector "
-        "type[0:unknown,1:suffix,2:fileds,3:compatible]: %d\n",
-        name.c_str(), static_cast<int>(metric->kind_));
-    ++total_collectors_;
+  const auto found = names->second.find(name);
+  if (found != names->second.end()) {
+    pin = found->second->PinMetric();
+    if (pin != nullptr) {
+      if (owner != nullptr) {
+        *owner = pin;
+      }
+      return found->second;
+    }
+    // Its metric is being destroyed and will look for it in vain.
+    replaced = std::move(found->second);
+    names->second.erase(found);
+    --total_collectors_;
   }
+  CollectorPtr collector = std::make_shared<HashMapCollector>(this, metric);
+  collector->Init();
+  names->second.emplace(name, collector);
+  ++total_collectors_;
+  METRICS_LOG_DEBUG(
+      "Create Metric Collector: %s, collector "
+      "type[0:unknown,1:suffix,2:fileds,3:compatible]: %d\n",
+      name.c_str(), static_cast<int>(metric->kind_));
   return collector;
 }
 

@@ -11,7 +11,6 @@
 #include "metrics/metric_collector.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
-#include "util/metric_export.h"
 #include "util/metric_lock.h"
 
 namespace METRICS {
@@ -28,7 +27,7 @@ using CollectorList = std::vector<CollectorPtr>;
 /// Threads: all operations from any thread; one reader-writer lock, which emissions never take.
 /// Shared by the client, the metrics and the senders. The lists that it hands out hold collectors
 /// only: a metric or registry that ends meanwhile is found out by pinning it again.
-class METRICS_API MetricCollectorFactory {
+class MetricCollectorFactory {
  public:
   /// `max_series` is the quota of series over all collectors.
   MetricCollectorFactory(MetricClient* client, const unsigned long& max_series);
@@ -37,8 +36,11 @@ class METRICS_API MetricCollectorFactory {
   MetricCollectorFactory& operator=(const MetricCollectorFactory&) = delete;
 
   /// The collector that stands under `tenant` and `name`, made for `metric` if there is none;
-  /// null once the factory is shut down. REQUIRES: `metric` is owned by a shared pointer.
-  CollectorPtr CreateCollector(const std::string& tenant, const std::string& name, Metric* metric);
+  /// null once the factory is shut down. One that was made for another metric of the same full
+  /// name comes with that metric in `owner`, which whoever emits on it must keep: the series point
+  /// at it. REQUIRES: `metric` is owned by a shared pointer.
+  CollectorPtr CreateCollector(const std::string& tenant, const std::string& name, Metric* metric,
+                               std::shared_ptr<Metric>* owner = nullptr);
 
   /// Takes a collector out; it dies with its last holder. `kObjectNotExisted` when unknown.
   ReturnCode RemoveCollector(const std::string& tenant, const std::string& name);
@@ -69,11 +71,9 @@ class METRICS_API MetricCollectorFactory {
   /// without walking it if a thread of the parent was changing it.
   void RepairAfterFork() METRICS_NO_THREAD_SAFETY;
 
-  // Read by collectors on the emission path.
   std::atomic<unsigned long> total_series_{0};  ///< changed by the collectors' tables
   MetricClient* client_;                        ///< not owned
-  const unsigned long max_series_;
-  // Guarded by `rwlock_`; `collector_kind_` 0 is the hash table, and the only kind there is.
+  const unsigned long max_series_;              ///< the quota
   using NameMap = std::unordered_map<std::string, CollectorPtr>;
   std::unordered_map<std::string, NameMap> tenants_ METRICS_GUARDED_BY(rwlock_);
   int32_t total_collectors_ METRICS_GUARDED_BY(rwlock_) = 0;

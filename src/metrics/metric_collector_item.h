@@ -29,9 +29,9 @@ constexpr long kExpireAfterSeconds = 7200;
 /// `With...` family of `Metric`, emit on it and may keep it, as long as the metric exists.
 ///
 /// Threads: all operations from any thread. Ownership: by shared pointer, of the collector and of
-/// callers. An item that the library has dropped (the metric was cleared, or the series idle for
-/// more than 7200 seconds) goes on taking emissions, which are lost. The base class is the dummy
-/// item that callers get after a failure: emitting on it does nothing and answers 70.
+/// callers. An item that the library has dropped (its registry was blocked, or the series idle
+/// for more than 7200 seconds) goes on taking emissions, which are lost. The base class is the
+/// dummy item that callers get after a failure: emitting on it does nothing and answers 70.
 class METRICS_API MetricCollectorItem {
  public:
   MetricCollectorItem(Metric* metric, const int& tag_hash, const std::string& encoded_tags)
@@ -93,6 +93,7 @@ class METRICS_API MetricSuffixArray final : public MetricCollectorItem {
   ~MetricSuffixArray() override;
 
   using MetricCollectorItem::Emit;
+  // The temporary's form is overridden too: it saves a second virtual call.
   /// 0, or the code of the first value whose suffix was refused: the values ahead of it are
   /// emitted then, the ones behind it are not.
   ReturnCode Emit(std::vector<MetricFieldValue>&& values) override;

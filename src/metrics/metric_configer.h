@@ -39,7 +39,7 @@ struct CoreInitCfg {
 
 /// The vendor of a plain machine with a local agent: no tags, no identity, and the agent's socket
 /// at "/opt/tmp/sock/metric_seqpacket.sock".
-class METRICS_API DummyVendor final : public tidegate::VendorInterface {
+class METRICS_API DummyVendor : public tidegate::VendorInterface {
  public:
   bool Initialized() override { return true; }
   void Init() override {}
@@ -62,7 +62,7 @@ class METRICS_API DummyVendor final : public tidegate::VendorInterface {
 };
 
 /// The discovery of a plain machine: the agent listens on 127.0.0.1 port 9867.
-class METRICS_API DummyServiceDiscovery final : public tidegate::ServiceDiscoveryBase {
+class METRICS_API DummyServiceDiscovery : public tidegate::ServiceDiscoveryBase {
  public:
   using ServiceDiscoveryBase::ServiceDiscoveryBase;
 
@@ -74,7 +74,7 @@ class METRICS_API DummyServiceDiscovery final : public tidegate::ServiceDiscover
 ///
 /// Written by `Init` before any thread that reads it starts; read without a lock afterwards, and
 /// destroyed after all of those have been joined.
-class METRICS_API MetricConfiger {
+class MetricConfiger {
  public:
   explicit MetricConfiger(MetricClient* client);
   ~MetricConfiger();

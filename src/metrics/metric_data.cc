@@ -7,9 +7,11 @@ namespace METRICS {
 
 const double MetricBasicData::d_nan_ = std::numeric_limits<double>::quiet_NaN();
 
-const SendRes SingleFieldMetricBasicData::no_flush_res_{false, {}, 0.0, 1};
-const SendRes MetricMeter::no_flush_res_{false, {}, 0.0, kMetricMeterArraySize};
-const SendRes MetricDeltaCounter::no_flush_res_{false, {}, 0.0, kMetricDeltaCounterArrSize};
+// Never destroyed: a flush may still run while the process exits.
+const SendRes& SingleFieldMetricBasicData::no_flush_res_ = *new SendRes{false, {}, 0.0, 1};
+const SendRes& MetricMeter::no_flush_res_ = *new SendRes{false, {}, 0.0, kMetricMeterArraySize};
+const SendRes& MetricDeltaCounter::no_flush_res_ =
+    *new SendRes{false, {}, 0.0, kMetricDeltaCounterArrSize};
 
 uint32_t PreviousPointWidth(MetricsType type) {
   switch (type) {
@@ -19,9 +21,16 @@ uint32_t PreviousPointWidth(MetricsType type) {
       return kMetricMeterArraySize;
     case MetricsType::kDeltaCounter:
       return kMetricDeltaCounterArrSize;
-    default:
-      return 0;
+    case MetricsType::kUnknown:
+    case MetricsType::kGauge:
+    case MetricsType::kRate:
+    case MetricsType::kTimer:
+    case MetricsType::kHistogram:
+    case MetricsType::kMultiField:
+    case MetricsType::kTypeEnd:
+      break;
   }
+  return 0;
 }
 
 void MetricBasicData::Emit(const long& /*value*/) {}

@@ -6,7 +6,6 @@
 
 #include "util/metric_common.h"
 #include "util/metric_data_util.h"
-#include "util/metric_export.h"
 
 namespace METRICS {
 
@@ -37,7 +36,7 @@ struct SendRes {
 /// Threads: `Emit` from any thread, `Send` from one flushing thread at a time. Held by shared
 /// pointer. Emission never fails; numbers go to a sum of integers and a sum of doubles that meet
 /// only when the cell is drained, so integers stay exact up to 64 bits until then.
-class METRICS_API MetricBasicData {
+class MetricBasicData {
  public:
   virtual ~MetricBasicData() = default;
 
@@ -52,14 +51,14 @@ class METRICS_API MetricBasicData {
 };
 
 /// Level of the cells that report a single number.
-class METRICS_API SingleFieldMetricBasicData : public MetricBasicData {
+class SingleFieldMetricBasicData : public MetricBasicData {
  public:
   /// What a quiet interval reports.
-  static const SendRes no_flush_res_;
+  static const SendRes& no_flush_res_;
 };
 
 /// The last value of the interval; an interval without one is quiet. NaN is no value.
-class METRICS_API MetricGauge final : public SingleFieldMetricBasicData {
+class MetricGauge final : public SingleFieldMetricBasicData {
  public:
   void Emit(const long& value) override;
   void Emit(const double& value) override;
@@ -100,7 +99,7 @@ class AddingCell : public Base {
 };
 
 /// Sum of the interval per second.
-class METRICS_API MetricRate final : public AddingCell<SingleFieldMetricBasicData> {
+class MetricRate final : public AddingCell<SingleFieldMetricBasicData> {
  public:
   SendRes Send(const unsigned int& interval) override;
   MetricsType Type() override { return MetricsType::kRate; }
@@ -141,29 +140,28 @@ class TotalCell : public AddingCell<Base> {
 };
 
 /// Running total.
-class METRICS_API MetricCounter final : public TotalCell<SingleFieldMetricBasicData, double> {
+class MetricCounter final : public TotalCell<SingleFieldMetricBasicData, double> {
  public:
   SendRes Send(const unsigned int& interval) override;
   MetricsType Type() override { return MetricsType::kCounter; }
 };
 
 /// Running total, and its increase per second.
-class METRICS_API MetricMeter final : public TotalCell<MetricBasicData, double> {
+class MetricMeter final : public TotalCell<MetricBasicData, double> {
  public:
   SendRes Send(const unsigned int& interval) override;
   MetricsType Type() override { return MetricsType::kMeter; }
 
-  static const SendRes no_flush_res_;
+  static const SendRes& no_flush_res_;
 };
 
 /// Running total, its increase per second, and its increase.
-class METRICS_API MetricDeltaCounter final
-    : public TotalCell<MetricBasicData, std::atomic<double>> {
+class MetricDeltaCounter final : public TotalCell<MetricBasicData, std::atomic<double>> {
  public:
   SendRes Send(const unsigned int& interval) override;
   MetricsType Type() override { return MetricsType::kDeltaCounter; }
 
-  static const SendRes no_flush_res_;
+  static const SendRes& no_flush_res_;
 };
 
 }  // namespace METRICS

@@ -14,9 +14,6 @@ using lattice_kit::codec::FieldInfo;
 using lattice_kit::codec::Pack;
 using lattice_kit::codec::TagKV;
 
-const char* const kAccountIdKey = lattice_kit::codec::kCodecAccountID;
-const char* const kProjectIdKey = lattice_kit::codec::kCodecProjectID;
-
 namespace {
 
 // The codec header: offsets of what is patched, and its constants.
@@ -150,10 +147,7 @@ void MetricEncoder::PackMetric(const std::shared_ptr<MetricCollectorBase>& colle
 }
 
 void MetricEncoder::Reset(MetricDataPack& pack) {
-  pack.header_offset = 0;
-  pack.block_series = 0;
-  pack.series_count = 0;
-  pack.block_count = 0;
+  pack.ZeroCounters();
   pack.cursor = pack.begin;
 }
 
@@ -173,10 +167,7 @@ void MetricEncoder::RefillBeforeSend(MetricDataPack& pack, int16_t& metric_num, 
   pack.Patch(kSeriesCountOffset, pack.series_count);
   metric_num = static_cast<int16_t>(pack.block_count);
   series_num = static_cast<int16_t>(pack.series_count);
-  pack.header_offset = 0;
-  pack.block_series = 0;
-  pack.series_count = 0;
-  pack.block_count = 0;
+  pack.ZeroCounters();
 }
 
 void MetricEncoder::StampAndSend(MetricDataPack& pack, bool close) {
@@ -208,9 +199,7 @@ std::string MetricEncoder::EncodeTagKV(const std::vector<std::string>& tags, int
     METRICS_LOG_ERROR("Internal Error with Tag storage!!!!\n");
     return {};
   }
-  Pack scratch(kTagScratchBytes);
-  impl.EncodeTagBlock(tags, tag_hash, scratch);
-  return scratch.Bytes();
+  return impl.EncodeTagBlock(tags, tag_hash);
 }
 
 void MetricEncoder::EncodeCurrentTagKV(const std::vector<std::string>& tags,

@@ -9,7 +9,6 @@
 #include "metrics/metric_collector.h"
 #include "metrics/metric_packet.h"
 #include "util/metric_common.h"
-#include "util/metric_export.h"
 
 namespace METRICS {
 
@@ -18,11 +17,13 @@ class MetricRegistry;
 class MetricSender;
 
 /// Keys of the two tags that say whose data a packet holds.
-extern const char* const kAccountIdKey;
-extern const char* const kProjectIdKey;
+constexpr char ACCOUNT_ID_KEY[] = "account_id";
+constexpr char PROJECT_ID_KEY[] = "project_id";
+constexpr const char* kAccountIdKey = ACCOUNT_ID_KEY;
+constexpr const char* kProjectIdKey = PROJECT_ID_KEY;
 
 /// Turns the collectors of a flush into packets and hands them to its sender.
-class METRICS_API MetricEncoderBase {
+class MetricEncoderBase {
  public:
   MetricEncoderBase(MetricSender* sender, const std::string& name);
   virtual ~MetricEncoderBase();
@@ -49,7 +50,7 @@ class METRICS_API MetricEncoderBase {
 /// for counters that begin or resume. A packet is sent when it has reached 262143 bytes, when the
 /// registry changes and at the end; a series record is never split, so a packet can be longer.
 /// What a cell has reported is gone from it, whether or not the packet arrives.
-class METRICS_API MetricEncoder final : public MetricEncoderBase {
+class MetricEncoder final : public MetricEncoderBase {
  public:
   using SuffixOf = std::string& (*)(const unsigned long&);
 

@@ -50,14 +50,17 @@ ReturnCode MetricFactory::CreateRegistry(MetricRegistry*& registry, std::string 
     METRICS_LOG_CODE(code);
     return code;
   }
-  code = Insert(registry, key, tenant, prefix, CheckFlushInterval(flush_interval));
+  // Kept: another thread may remove the registry while it is being finished.
+  std::shared_ptr<MetricRegistry> made;
+  code = Insert(made, key, tenant, prefix, CheckFlushInterval(flush_interval));
   if (code != ReturnCode::kOk) {
     METRICS_LOG_CODE(code);
     return code;
   }
+  registry = made.get();
   // Neither the vendor nor the sender is called with the table's lock held.
-  registry->GenrateTagsOnRegistry(std::move(tags),
-                                  vendor != nullptr ? vendor : client_->configer_->vendor_.get());
+  made->GenrateTagsOnRegistry(std::move(tags),
+                              vendor != nullptr ? vendor : client_->configer_->vendor_.get());
   client_->sender_manager_->CreateSender(tenant, sender_type);
   return ReturnCode::kOk;
 }
@@ -85,7 +88,7 @@ ReturnCode MetricFactory::CheckDefinition(const std::string& prefix,
   return flush_interval < 1 ? ReturnCode::kNotSupported : ReturnCode::kOk;
 }
 
-ReturnCode MetricFactory::Insert(MetricRegistry*& registry, const std::string& key,
+ReturnCode MetricFactory::Insert(std::shared_ptr<MetricRegistry>& registry, const std::string& key,
                                  const std::string& tenant, const std::string& prefix,
                                  int flush_interval) {
   const WriteGuard guard(rwlock_);
@@ -95,11 +98,10 @@ ReturnCode MetricFactory::Insert(MetricRegistry*& registry, const std::string& k
   if (Find(key) != nullptr) {
     return ReturnCode::kObjectExisted;
   }
-  std::shared_ptr<MetricRegistry>& made = registries_[key];
-  made = MetricRegistry::Make(tenant, prefix, client_, flush_interval);
+  registry = MetricRegistry::Make(tenant, prefix, client_, flush_interval);
+  registries_.emplace(key, registry);
   METRICS_LOG_DEBUG("Create new registry[%s  %s] flush interval[%ds]\n", tenant.c_str(),
                     prefix.c_str(), flush_interval);
-  registry = made.get();
   return ReturnCode::kOk;
 }
 

@@ -77,8 +77,8 @@ class METRICS_API MetricFactory {
                                     const std::vector<tidegate::MetricTag>& tags,
                                     const std::string& tenant, int flush_interval);
   MetricRegistry* Find(const std::string& key) const METRICS_REQUIRES_SHARED(rwlock_);
-  ReturnCode Insert(MetricRegistry*& registry, const std::string& key, const std::string& tenant,
-                    const std::string& prefix, int flush_interval);
+  ReturnCode Insert(std::shared_ptr<MetricRegistry>& registry, const std::string& key,
+                    const std::string& tenant, const std::string& prefix, int flush_interval);
 
   mutable RwLock rwlock_;
   Table registries_ METRICS_GUARDED_BY(rwlock_);

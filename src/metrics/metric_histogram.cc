@@ -1,18 +1,8 @@
 #include "metrics/metric_histogram.h"
 
 #include <cmath>
-#include <utility>
-
-#include "metrics/histo_util.h"
 
 namespace METRICS {
-
-HistoUtilBase::HistoUtilBase(std::vector<double> ascending_bounds)
-    : bounds(std::move(ascending_bounds)) {}
-
-HistoUtilBase::~HistoUtilBase() = default;
-
-bool HistoUtilBase::Check() const { return bounds.size() <= kMaxBounds; }
 
 short GetHistoIndex(const double& value, const std::vector<double>& bounds) {
   if (bounds.empty() || value < bounds[0]) {

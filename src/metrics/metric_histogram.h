@@ -7,7 +7,6 @@
 #include "metrics/metric_data.h"
 #include "util/metric_common.h"
 #include "util/metric_data_util.h"
-#include "util/metric_export.h"
 #include "util/metric_lock.h"
 
 namespace METRICS {
@@ -17,7 +16,7 @@ constexpr short kNoHistoBucket = -32768;
 
 /// The bucket of `value`: the last bound that is not above it. `kNoHistoBucket` below the first
 /// bound and without bounds; a NaN belongs to the last bucket.
-METRICS_API short GetHistoIndex(const double& value, const std::vector<double>& bounds);
+short GetHistoIndex(const double& value, const std::vector<double>& bounds);
 
 /// Counts samples by value range and adds them up. Bucket i holds the samples from bound i
 /// (inclusive) to bound i + 1 (exclusive), the last one all from its bound on; a sample below the
@@ -27,7 +26,7 @@ METRICS_API short GetHistoIndex(const double& value, const std::vector<double>& 
 /// excludes them, so that sum and counts belong to the same samples. Samples that add up to 0.0
 /// count as a quiet interval and are reported with the next one that does not. NaN and infinity go
 /// through the sum as IEEE 754 says, and stay in it.
-class METRICS_API MetricHistogram final : public MetricBasicData {
+class MetricHistogram final : public MetricBasicData {
  public:
   explicit MetricHistogram(unsigned short bucket_count);
   ~MetricHistogram() override;

@@ -16,4 +16,11 @@ void EPacket::CopyTo(std::string& out, const char* start, unsigned int len) cons
   out.assign(start, len);
 }
 
+void MetricDataPack::ZeroCounters() {
+  header_offset = 0;
+  block_series = 0;
+  series_count = 0;
+  block_count = 0;
+}
+
 }  // namespace METRICS

@@ -27,6 +27,8 @@ class MetricDataPack : public EPacket {
 
   bool AtSizeLimit() const { return Used() >= kMetricMaxMsgLen; }
 
+  void ZeroCounters();
+
   uint32_t header_offset = 0;  ///< of the open block; 0: none is open
   uint32_t block_series = 0;   ///< series records in the open block
   uint32_t series_count = 0;   ///< series records in the packet

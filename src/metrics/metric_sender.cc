@@ -132,31 +132,34 @@ bool MetricSender::DoPackAndSend() {
   return true;
 }
 
-void MetricSender::ReleaseThread() {
-  if (!thread_.joinable()) {
+void MetricSender::JoinThread() {
+  if (thread_.joinable()) {
+    thread_.join();
+  }
+}
+
+void MetricSender::StopThread() {
+  const MetricState before = state_.exchange(MetricState::SHUTDOWN);
+  if (!InForkTeardown()) {
+    JoinThread();
     return;
   }
-  if (InForkTeardown()) {
-    Abandon(thread_);
-    if (work_state_ == WorkState::kWorking) {
-      Abandon(encoder_);  // the parent's thread was in the middle of changing it
-    }
-  } else {
-    thread_.join();
+  Abandon(thread_);
+  // A thread of the parent may have been in the middle of changing the encoder.
+  if (before == MetricState::INIT || work_state_ == WorkState::kWorking) {
+    Abandon(encoder_);
   }
 }
 
 void MetricSender::CloseSocket() {
   if (sock_ >= 0) {
-    ::close(sock_);
-    sock_ = -1;
+    ::close(std::exchange(sock_, -1));
   }
 }
 
 void MetricSender::Exit() {
   const auto start = steady_clock::now();
-  state_.store(MetricState::SHUTDOWN);
-  ReleaseThread();
+  StopThread();
   CloseSocket();
   METRICS_LOG_WARN("MetricSender[%s] Exit, interval: %d, exit cost: %ldms\n", tenant_.c_str(),
                    interval_.load(), MillisSince(start));
@@ -165,10 +168,11 @@ void MetricSender::Exit() {
 void MetricSender::FlushAndExit() {
   const auto start = steady_clock::now();
   METRICS_LOG_WARN("Sender[%s] enter FlushAndExit\n", tenant_.c_str());
-  ReleaseThread();
+  JoinThread();
   METRICS_LOG_WARN("Sender[%s] thread joined as state %s[0:Idle,1:Sleeping,2:Slept,3:Working]\n",
                    tenant_.c_str(), std::to_string(static_cast<int>(work_state_)).c_str());
-  // A flush that was running has just done what this one would do.
+  // A flush that was running meanwhile was the last one: what it had not due, and what came in
+  // after its boundary, is lost.
   if (work_state_ != WorkState::kWorking) {
     FlushRest();
   }
@@ -182,6 +186,7 @@ void MetricSender::FlushRest() {
   if (work_state_ == WorkState::kSlept) {
     last_flush_ts_ -= interval;
   }
+  work_state_ = WorkState::kWorking;
   if (last_flush_ts_ == 0) {
     const int64_t now_s = WallMillis() / kMillisPerSecond;
     last_flush_ts_ = interval > 0 ? now_s - now_s % interval : now_s;

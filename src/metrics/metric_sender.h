@@ -9,7 +9,6 @@
 #include "metrics/metric_collector_factory.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
-#include "util/metric_export.h"
 
 namespace METRICS {
 
@@ -25,7 +24,7 @@ class MetricEncoderBase;
 /// polls it at least every 200 ms while it sleeps, and not at all while it flushes.
 /// A flush that overruns its period misses the boundaries that pass meanwhile; none is reported
 /// twice, and what the cells gathered goes out at the next one.
-class METRICS_API MetricSender {
+class MetricSender {
  public:
   /// Counts of the packet that is about to be sent, written by the encoder.
   struct Statistic {
@@ -62,7 +61,7 @@ class METRICS_API MetricSender {
   /// Body of the flush thread.
   void Send(std::string tenant);
   /// Sleeps to the next boundary of `interval` seconds and puts it into `flush_ts`. False when the
-  /// sleep was given up.
+  /// sleep was given up. REQUIRES: `interval` is 1 to 2147483.
   bool AdjustTime(const std::string& tenant, long& flush_ts, int& left_ms, const int& interval);
   /// Length of a slice of sleep for a period, both in milliseconds.
   static int AdjustSleepStep(int interval_ms);
@@ -88,8 +87,9 @@ class METRICS_API MetricSender {
 
  protected:
   void CloseSocket();
-  /// Lets the thread go: joined, or abandoned where it does not exist, with what it was changing.
-  void ReleaseThread();
+  /// Stops the thread and joins it, or abandons it where it does not exist, with what it was
+  /// changing.
+  void StopThread();
 
  private:
   void FetchTenantInterval(const std::string& tenant);
@@ -98,6 +98,7 @@ class METRICS_API MetricSender {
   bool SleepToBoundary(const std::string& tenant, int64_t& flush_ts, int& left_ms, int period_ms,
                        int step_ms);
   void Loop(const std::string& tenant, int period_ms);
+  void JoinThread();
   void FlushRest();
 };
 

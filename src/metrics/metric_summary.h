@@ -8,7 +8,6 @@
 #include "metrics/metric_ckms_quantiles.h"
 #include "metrics/metric_data.h"
 #include "util/metric_common.h"
-#include "util/metric_export.h"
 #include "util/metric_lock.h"
 
 namespace METRICS {
@@ -25,7 +24,7 @@ std::vector<double> SummarizeSamples(double* samples, size_t count);
 /// samples, four blocks of each size. Samples are never moved until they are drained.
 ///
 /// Not thread-safe. Owns its blocks. Memory exhaustion ends the process.
-class METRICS_API ChainedVector {
+class ChainedVector {
  public:
   ChainedVector() = default;
   ~ChainedVector();
@@ -74,16 +73,16 @@ class METRICS_API ChainedVector {
 
 /// Base of the cells that tell the distribution of an interval's samples by the ten numbers of
 /// `SummarizeSamples`. Samples are never filtered: NaN and infinity count and go through the sum.
-class METRICS_API MetricSummaryData : public MetricBasicData {
+class MetricSummaryData : public MetricBasicData {
  public:
   MetricsType Type() override { return MetricsType::kTimer; }
 
   /// What a quiet interval reports.
-  static const SendRes no_flush_res_;
+  static const SendRes& no_flush_res_;
 };
 
 /// Exact summary over one growing array. `CreateData` makes `MetricSummaryVecV2` instead.
-class METRICS_API MetricSummaryVecV1 final : public MetricSummaryData {
+class MetricSummaryVecV1 final : public MetricSummaryData {
  public:
   ~MetricSummaryVecV1() override;
 
@@ -100,7 +99,7 @@ class METRICS_API MetricSummaryVecV1 final : public MetricSummaryData {
 ///
 /// An emission takes the cell's mutex and allocates once per block. The flush holds the mutex only
 /// to take the chain away; it sorts on its own thread. All memory is freed at every flush.
-class METRICS_API MetricSummaryVecV2 final : public MetricSummaryData {
+class MetricSummaryVecV2 final : public MetricSummaryData {
  public:
   ~MetricSummaryVecV2() override;
 
@@ -116,7 +115,7 @@ class METRICS_API MetricSummaryVecV2 final : public MetricSummaryData {
 };
 
 /// Estimating summary in bounded memory; see `CKMSQuantiles`.
-class METRICS_API MetricSummaryCKMS final : public MetricSummaryData {
+class MetricSummaryCKMS final : public MetricSummaryData {
  public:
   MetricSummaryCKMS();
   ~MetricSummaryCKMS() override;

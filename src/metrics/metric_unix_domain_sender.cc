@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "metrics/metric_client.h"
 #include "metrics/metric_configer.h"
@@ -36,8 +37,10 @@ ReturnCode MetricUnixDomainSender::Init() {
     METRICS_LOG_CODE(code);
     return code;
   }
+  // From the store on, the flush thread may reconnect.
+  const std::string path = addr_.sun_path;
   state_.store(MetricState::READY, std::memory_order_release);
-  METRICS_LOG_INFO("MetricUnixDomainSender ready with socket: %s\n", addr_.sun_path);
+  METRICS_LOG_INFO("MetricUnixDomainSender ready with socket: %s\n", path.c_str());
   return ReturnCode::kOk;
 }
 
@@ -45,7 +48,9 @@ ReturnCode MetricUnixDomainSender::SocketInit() {
   addr_ = {};
   if (sock_ > 0) {
     METRICS_LOG_WARN("Sender[%s] UDS reconnect, close old socket: %d\n", tenant_.c_str(), sock_);
-    ::close(sock_);
+    // Forgotten ahead of being closed: a child forked in between must not close a number that
+    // the application has been given meanwhile.
+    ::close(std::exchange(sock_, -1));
   }
   sock_ = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
   if (sock_ < 0) {
@@ -84,12 +89,12 @@ void MetricUnixDomainSender::ConnectToAgent() {
   }
 }
 
-int MetricUnixDomainSender::TrySend(const char* buf, int len) const {
+bool MetricUnixDomainSender::TrySend(const char* buf, int len, int& error) const {
   const ssize_t sent = ::sendto(sock_, buf, static_cast<size_t>(len), 0,
                                 reinterpret_cast<const sockaddr*>(&addr_), sizeof(addr_));
   // Saved before any line is printed: that may change it.
-  const int error = errno;
-  return static_cast<int>(sent) == len ? 0 : error;
+  error = errno;
+  return static_cast<int>(sent) == len;
 }
 
 void MetricUnixDomainSender::Reconnect(int error) {
@@ -100,8 +105,8 @@ void MetricUnixDomainSender::Reconnect(int error) {
 
 void MetricUnixDomainSender::SendToSocket(char* buf, int len) {
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
-    const int error = TrySend(buf, len);
-    if (error == 0) {
+    int error = 0;
+    if (TrySend(buf, len, error)) {
       if (attempt == 1) {
         METRICS_LOG_DEBUG("Send %d bytes in ts: %ld at attempt: %d\n", len, last_flush_ts_,
                           attempt);
@@ -121,8 +126,7 @@ void MetricUnixDomainSender::SendToSocket(char* buf, int len) {
 }
 
 void MetricUnixDomainSender::AtFork() {
-  state_.store(MetricState::SHUTDOWN);
-  ReleaseThread();
+  StopThread();
   // Not before the thread is gone: it reads it.
   client_ = nullptr;
   METRICS_LOG_WARN("MetricUnixDomainSender[%s] AtFork, interval: %d\n", tenant_.c_str(),

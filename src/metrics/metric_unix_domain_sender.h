@@ -14,7 +14,7 @@ namespace METRICS {
 /// three send time-outs of 100 ms and two pauses of 10 ms, plus the reconnects. A sender may be in
 /// service while no agent listens; nothing but the next packet makes it reconnect.
 /// A peer that went away can raise SIGPIPE in the process; the application decides what it does.
-class METRICS_API MetricUnixDomainSender final : public MetricSender {
+class MetricUnixDomainSender final : public MetricSender {
  public:
   MetricUnixDomainSender(const std::string& tenant, MetricClient* client);
   ~MetricUnixDomainSender() override;
@@ -30,8 +30,8 @@ class METRICS_API MetricUnixDomainSender final : public MetricSender {
  private:
   void SetSocketOptions();
   void ConnectToAgent();
-  /// 0, or the errno of the failure.
-  int TrySend(const char* buf, int len) const;
+  /// Whether the whole packet was taken; `error` is the errno of the call.
+  bool TrySend(const char* buf, int len, int& error) const;
   /// What a failed attempt that is followed by another one does.
   void Reconnect(int error);
 };

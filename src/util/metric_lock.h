@@ -14,7 +14,6 @@
 #define METRICS_GUARDED_BY(x) METRICS_THREAD_ATTR(guarded_by(x))
 #define METRICS_REQUIRES(...) METRICS_THREAD_ATTR(requires_capability(__VA_ARGS__))
 #define METRICS_REQUIRES_SHARED(...) METRICS_THREAD_ATTR(requires_shared_capability(__VA_ARGS__))
-#define METRICS_EXCLUDES(...) METRICS_THREAD_ATTR(locks_excluded(__VA_ARGS__))
 #define METRICS_NO_THREAD_SAFETY METRICS_THREAD_ATTR(no_thread_safety_analysis)
 
 namespace METRICS {

@@ -3,20 +3,22 @@
 #include <algorithm>
 
 #include "codec/fnv_hash.h"
+#include "codec/pack.h"
 #include "metrics/metric.h"
 #include "metrics/metric_client.h"
 #include "metrics/metric_collector.h"
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_registry.h"
 #include "util/metric_log.h"
+#include "util/metric_size_limits.h"
 #include "util/metric_string_util.h"
 
 namespace METRICS {
 
-using lattice_kit::codec::DelimitedFNVHash;
 using lattice_kit::codec::EncodeText;
 using lattice_kit::codec::kFNVOffsetBasis;
 using lattice_kit::codec::Pack;
+using lattice_kit::codec::TagFNVHash;
 using lattice_kit::codec::TagKV;
 
 namespace {
@@ -51,16 +53,12 @@ ReturnCode MetricImpl::InitCollector() {
   if (state_.load() != MetricState::INIT) {
     return ReturnCode::kOk;
   }
-  collector_ = collector_factory_->CreateCollector(tenant_, name_, metric_);
+  collector_ = collector_factory_->CreateCollector(tenant_, name_, metric_, &collector_owner_);
   if (collector_ == nullptr) {
     METRICS_LOG_WARN("Metric %s Get New Collector Fail\n", name_.c_str());
     return ReturnCode::kAllocCollectorError;
   }
-  if (collector_->metric_ == metric_) {
-    registered_.store(true);
-  } else {
-    collector_owner_ = collector_->PinMetric();
-  }
+  registered_.store(collector_owner_ == nullptr);
   state_.store(MetricState::READY, std::memory_order_release);
   return ReturnCode::kOk;
 }
@@ -222,11 +220,11 @@ void MetricImpl::PrepareTagIdx() {
   }
 }
 
-void MetricImpl::EncodeTagBlock(const std::vector<std::string>& tag_values, int32_t& tag_hash,
-                                Pack& out) const {
+std::string MetricImpl::EncodeTagBlock(const std::vector<std::string>& tag_values,
+                                       int32_t& tag_hash) const {
   const size_t declared = tag_values.size() == tag_index_.size() ? tag_values.size() : 0;
   const bool compute_hash = tag_hash == 0;
-  const auto head = static_cast<uint32_t>(out.Used());
+  Pack out(kTagScratchBytes);
   out.Put(tag_hash);
   out.Put(static_cast<uint32_t>(2 * send_tags_.size()));
   uint32_t hash = kFNVOffsetBasis;
@@ -238,13 +236,14 @@ void MetricImpl::EncodeTagBlock(const std::vector<std::string>& tag_values, int3
     EncodeText(key, out);
     EncodeText(value, out);
     if (compute_hash) {
-      hash = DelimitedFNVHash(value, DelimitedFNVHash(key, hash));
+      hash = TagFNVHash(key, value, hash);
     }
   }
   if (compute_hash) {
     tag_hash = static_cast<int32_t>(hash);
-    out.Patch(head, tag_hash);
+    out.Patch(0, tag_hash);
   }
+  return out.Bytes();
 }
 
 SuffixedMetricImpl::~SuffixedMetricImpl() = default;

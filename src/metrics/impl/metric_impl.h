@@ -7,7 +7,6 @@
 #include <unordered_map>
 #include <vector>
 
-#include "codec/pack.h"
 #include "codec/tag_kv.h"
 #include "metrics/histo_util.h"
 #include "metrics/metric_collector_item.h"
@@ -74,10 +73,9 @@ class METRICS_API MetricImpl {
   void PrepareSendTagKV(const std::vector<tidegate::MetricTag>& const_tags);
   /// Finds the place of each declared name in that list.
   void PrepareTagIdx();
-  /// Writes the tags of a series in their packet form to `out`: hash, number of texts, texts.
-  /// Computes `tag_hash` if it is 0.
-  void EncodeTagBlock(const std::vector<std::string>& tag_values, int32_t& tag_hash,
-                      lattice_kit::codec::Pack& out) const;
+  /// The tags of a series in their packet form: hash, number of texts, texts. Computes `tag_hash`
+  /// if it is 0.
+  std::string EncodeTagBlock(const std::vector<std::string>& tag_values, int32_t& tag_hash) const;
 
   /// Takes the collector out of the factory, if this metric put it there and it still stands.
   void DeregisterCollector();

@@ -1,0 +1,30 @@
+# tidegate_build_flags: warnings and sanitizers for the project's own targets. Linked privately, so
+# that nothing of it reaches a user of the library.
+
+add_library(tidegate_build_flags INTERFACE)
+
+target_compile_options(
+  tidegate_build_flags
+  INTERFACE -Wall
+            -Wextra
+            -Wpedantic
+            -Wshadow
+            -Wconversion
+            -Werror=format
+            $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+            $<$<BOOL:${TIDEGATE_WERROR}>:-Werror>)
+
+if(TIDEGATE_SANITIZE STREQUAL "address")
+  set(tidegate_sanitizer_flags -fsanitize=address,undefined -fno-sanitize-recover=all
+                               -fno-omit-frame-pointer)
+elseif(TIDEGATE_SANITIZE STREQUAL "thread")
+  set(tidegate_sanitizer_flags -fsanitize=thread -fno-omit-frame-pointer)
+elseif(TIDEGATE_SANITIZE STREQUAL "")
+  set(tidegate_sanitizer_flags "")
+else()
+  message(FATAL_ERROR "TIDEGATE_SANITIZE is \"${TIDEGATE_SANITIZE}\"; "
+                      "it must be empty, address or thread.")
+endif()
+
+target_compile_options(tidegate_build_flags INTERFACE ${tidegate_sanitizer_flags})
+target_link_options(tidegate_build_flags INTERFACE ${tidegate_sanitizer_flags})

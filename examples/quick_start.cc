@@ -1,0 +1,63 @@
+// quick_start [SOCKET_PATH]: one metric, a few numbers, a last flush.
+
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <utility>
+
+#include "metrics/metric_client.h"
+
+using METRICS::Incr;
+using METRICS::IncrCounter;
+using METRICS::WithSuffix;
+
+// The settings of this service: a flush every 10 seconds for every tenant.
+class Settings : public tidegate::MConfigerImplBase {
+ public:
+  void Start() override {}
+  void Stop() override {}
+  std::pair<bool, int> GetTenantInterval(const std::string& /*tenant*/) override {
+    return {true, 10};
+  }
+  std::string GetSinkName() override { return {}; }
+};
+
+// A plain machine whose agent listens at `path`. A service whose agent listens at the default path
+// passes null instead.
+class Machine : public METRICS::DummyVendor {
+ public:
+  explicit Machine(std::string path) : path_(std::move(path)) {}
+  std::string GetSenderOutPath() override { return path_; }
+
+ private:
+  std::string path_;
+};
+
+int main(int argc, char** argv) {
+  std::signal(SIGPIPE, SIG_IGN);   // an agent that goes away must not end the service
+  METRICS::g_metricsLogLevel = 3;  // of the library's lines on standard output, errors only
+
+  METRICS::MetricClient client;
+  client.Init(new Settings, argc > 1 ? new Machine(argv[1]) : nullptr, nullptr, {});
+
+  METRICS::MetricRegistryCfg registry;
+  registry.tenant = "shop";
+  registry.prefix = "shop.web";
+  registry.flush_interval = 10;
+  METRICS::MetricInstanceCfg definition;
+  definition.name = "requests";
+  definition.tag_names = {"method", "status"};
+  const auto [requests, code] = client.CreateMetric(registry, definition);
+  if (requests == nullptr) {
+    std::fprintf(stderr, "no metric: %s\n", METRICS::MetricGetErrorCodeStr(code));
+    return 1;
+  }
+
+  for (int i = 0; i < 100; ++i) {
+    requests->WithTags({{"method", "get"}, {"status", "200"}})
+        ->Emit({Incr(1), WithSuffix("bytes", IncrCounter(512))});
+  }
+  requests->WithTags({{"method", "get"}, {"status", "404"}})->Emit({Incr(1)});
+
+  client.FlushAndExit();
+}

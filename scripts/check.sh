@@ -1,0 +1,69 @@
+#!/usr/bin/env bash
+# Checks beyond the tests. Without arguments all of them, else those that are named:
+#   format   the sources are as clang-format writes them
+#   clang    builds clean with clang and its thread-safety analysis
+#   tidy     clang-tidy finds nothing
+#   asan     the suite under the address and undefined behaviour sanitizers
+#   tsan     the suite under the thread sanitizer
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+# sources <folder...> -- <name pattern...>: the matching files, each ended by a zero byte.
+sources() {
+  local folders=() patterns=()
+  while [[ $1 != -- ]]; do
+    folders+=("$ROOT/$1")
+    shift
+  done
+  shift
+  for pattern in "$@"; do
+    patterns+=(-o -name "$pattern")
+  done
+  find "${folders[@]}" -type f \( "${patterns[@]:1}" \) -print0 | sort -z
+}
+
+check_format() {
+  step "checking the format"
+  sources include src tools tests bench examples -- '*.h' '*.cc' |
+    xargs -0 clang-format --dry-run -Werror
+}
+
+check_clang() {
+  build clang
+}
+
+# Reads the compile commands of the clang build, so the flags are ones that clang knows.
+check_tidy() {
+  step "configuring build/clang"
+  (cd "$ROOT" && quietly cmake --preset clang)
+  step "running clang-tidy"
+  sources src tools examples bench tests -- '*.cc' |
+    xargs -0 -n 1 -P "$JOBS" clang-tidy -p "$ROOT/build/clang" --quiet 2> >(
+      grep -v 'warnings\? generated\.$\|^Suppressed\|^Use -header-filter' >&2 || true)
+}
+
+check_asan() {
+  build asan
+  run_tests asan
+}
+
+check_tsan() {
+  build tsan
+  run_tests tsan
+}
+
+if (($# == 0)); then
+  set -- format clang tidy asan tsan
+fi
+for name in "$@"; do
+  case $name in
+    format | clang | tidy | asan | tsan) ;;
+    *) die "unknown check \"$name\"; there are: format clang tidy asan tsan" ;;
+  esac
+done
+
+need_packages "${BUILD_PACKAGES[@]}" "${CHECK_PACKAGES[@]}"
+for name in "$@"; do
+  "check_$name"
+done
+step "clean: $*"

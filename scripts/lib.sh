@@ -1,0 +1,73 @@
+# shellcheck shell=bash disable=SC2034 # the scripts that source this file use its variables
+# Shared by the scripts of this folder and by .ci/run: source it, do not run it.
+
+ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+JOBS=${JOBS:-2}
+
+BUILD_PACKAGES=(g++ cmake ninja-build ccache zlib1g-dev libgtest-dev libgmock-dev libbenchmark-dev
+  libcli11-dev nlohmann-json3-dev)
+CHECK_PACKAGES=(clang clang-format clang-tidy)
+
+# step <text>: says in one line what comes next.
+step() { printf '==> %s\n' "$*"; }
+
+die() {
+  printf 'error: %s\n' "$*" >&2
+  exit 1
+}
+
+# quietly <command...>: runs it and shows what it printed only if it fails.
+quietly() {
+  local log status=0
+  log=$(mktemp)
+  "$@" >"$log" 2>&1 </dev/null || status=$?
+  if ((status != 0)); then
+    cat "$log" >&2
+    printf 'error: "%s" failed with status %d\n' "$*" "$status" >&2
+  fi
+  rm -f "$log"
+  return "$status"
+}
+
+is_installed() {
+  [[ $(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null) == installed ]]
+}
+
+# need_packages <package...>: installs those Debian packages that are missing.
+need_packages() {
+  local package missing=() as_root=()
+  for package in "$@"; do
+    is_installed "$package" || missing+=("$package")
+  done
+  ((${#missing[@]} > 0)) || return 0
+
+  if ((EUID != 0)); then
+    command -v sudo >/dev/null || die "root or sudo is needed to install: ${missing[*]}"
+    as_root=(sudo)
+  fi
+  step "installing ${missing[*]}"
+  quietly "${as_root[@]}" apt-get update -q
+  quietly "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+    apt-get install -y -q --no-install-recommends "${missing[@]}"
+}
+
+# build <preset> [target...]: configures and builds; without a target everything.
+build() {
+  local preset=$1
+  shift
+  step "configuring build/$preset"
+  (cd "$ROOT" && quietly cmake --preset "$preset")
+  step "building build/$preset"
+  (cd "$ROOT" && quietly cmake --build --preset "$preset" -j "$JOBS" ${1:+--target "$@"})
+}
+
+# run_tests <preset>: the whole suite. ctest's own output ends with its summary; it says which tests
+# were skipped, but not why.
+run_tests() {
+  local status=0
+  step "testing build/$1"
+  (cd "$ROOT" && ctest --preset "$1" -j "$JOBS" </dev/null) || status=$?
+  awk '/: Skipped$/ { getline; print "skipped: " $0 }' \
+    "$ROOT/build/$1/Testing/Temporary/LastTest.log" | sort -u
+  return "$status"
+}

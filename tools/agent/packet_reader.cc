@@ -1,0 +1,321 @@
+#include "agent/packet_reader.h"
+
+#include <cstring>
+#include <iterator>
+
+namespace tidegate::agent {
+namespace {
+
+constexpr char kMagic[] = {'2', 's', 'c', 'i', 'r', 't', 'e', 'm'};
+constexpr uint8_t kVersion = 4;
+constexpr uint32_t kFormatWord = 15;
+constexpr uint8_t kMultiField = 7;
+constexpr uint8_t kLastWireType = 8;
+constexpr uint8_t kDoubleField = 0;
+constexpr uint32_t kValueSize = 8;
+
+// The fewest bytes that one element of each kind takes. A count that cannot fit into the bytes that
+// are left is refused before room is made for it.
+constexpr size_t kMinString = 4;
+constexpr size_t kMinField = kMinString + 1;
+constexpr size_t kIndexBytes = 4;
+constexpr size_t kValueBytes = 4 + kValueSize;
+constexpr size_t kMinSeries = 4 + 4 + 4 + 4 + kValueBytes;  // a hash, three counts, a value
+
+// Reads primitives front to back. A failed read records where and why; nothing may be read after
+// it.
+class Cursor {
+ public:
+  Cursor(const unsigned char* data, size_t size, ReadError* error)
+      : data_(data), end_(size), error_(error) {}
+
+  size_t offset() const { return offset_; }
+  size_t remaining() const { return end_ - offset_; }
+
+  // Moves the end to `end`, which lies between the offset and the size of the data.
+  void SetEnd(size_t end) { end_ = end; }
+
+  bool Fail(size_t offset, std::string reason) {
+    error_->offset = offset;
+    error_->reason = std::move(reason);
+    return false;
+  }
+
+  bool ReadU8(const char* what, uint8_t* value) {
+    const unsigned char* bytes = Take(1, what);
+    if (bytes == nullptr) return false;
+    *value = bytes[0];
+    return true;
+  }
+
+  bool ReadU32(const char* what, uint32_t* value) {
+    const unsigned char* bytes = Take(4, what);
+    if (bytes == nullptr) return false;
+    *value = static_cast<uint32_t>(LittleEndian(bytes, 4));
+    return true;
+  }
+
+  bool ReadI64(const char* what, int64_t* value) {
+    const unsigned char* bytes = Take(8, what);
+    if (bytes == nullptr) return false;
+    *value = static_cast<int64_t>(LittleEndian(bytes, 8));
+    return true;
+  }
+
+  bool ReadF64(const char* what, double* value) {
+    const unsigned char* bytes = Take(8, what);
+    if (bytes == nullptr) return false;
+    const uint64_t bits = LittleEndian(bytes, 8);
+    std::memcpy(value, &bits, sizeof(bits));
+    return true;
+  }
+
+  bool ReadString(const char* what, std::string* value) {
+    const size_t start = offset_;
+    uint32_t length = 0;
+    if (!ReadU32(what, &length)) return false;
+    if (length > remaining()) {
+      return Fail(start, std::string(what) + " has the length " + std::to_string(length) +
+                             ", but " + std::to_string(remaining()) + " bytes are left");
+    }
+    value->assign(reinterpret_cast<const char*>(data_ + offset_), length);
+    offset_ += length;
+    return true;
+  }
+
+  // A count of elements that take at least `min_bytes` each.
+  bool ReadCount(const char* what, size_t min_bytes, uint32_t* count) {
+    const size_t start = offset_;
+    if (!ReadU32(what, count)) return false;
+    if (*count > remaining() / min_bytes) {
+      return Fail(start, std::string(what) + " is " + std::to_string(*count) + ", but " +
+                             std::to_string(remaining()) + " bytes are left");
+    }
+    return true;
+  }
+
+  // Bytes that must be exactly `expected`.
+  bool Expect(const char* what, const char* expected, size_t size) {
+    const size_t start = offset_;
+    const unsigned char* bytes = Take(size, what);
+    if (bytes == nullptr) return false;
+    if (std::memcmp(bytes, expected, size) == 0) return true;
+    return Fail(start, std::string("wrong ") + what);
+  }
+
+  bool ExpectU8(const char* what, uint8_t expected) {
+    const size_t start = offset_;
+    uint8_t value = 0;
+    return ReadU8(what, &value) && CheckEqual(start, what, value, expected);
+  }
+
+  bool ExpectU32(const char* what, uint32_t expected) {
+    const size_t start = offset_;
+    uint32_t value = 0;
+    return ReadU32(what, &value) && CheckEqual(start, what, value, expected);
+  }
+
+  bool CheckEqual(size_t offset, const char* what, uint64_t value, uint64_t expected) {
+    if (value == expected) return true;
+    return Fail(offset, std::string(what) + " is " + std::to_string(value) + " instead of " +
+                            std::to_string(expected));
+  }
+
+ private:
+  static uint64_t LittleEndian(const unsigned char* bytes, int width) {
+    uint64_t value = 0;
+    for (int i = width - 1; i >= 0; --i) value = value << 8 | bytes[i];
+    return value;
+  }
+
+  const unsigned char* Take(size_t size, const char* what) {
+    if (size > remaining()) {
+      Fail(offset_, std::string("cut off in ") + what);
+      return nullptr;
+    }
+    const unsigned char* bytes = data_ + offset_;
+    offset_ += size;
+    return bytes;
+  }
+
+  const unsigned char* data_;
+  size_t offset_ = 0;
+  size_t end_;
+  ReadError* error_;
+};
+
+bool ReadTags(Cursor* in, const char* what, std::vector<Tag>* tags) {
+  const size_t start = in->offset();
+  uint32_t words = 0;
+  if (!in->ReadCount(what, kMinString, &words)) return false;
+  if (words % 2 != 0) {
+    return in->Fail(start, std::string(what) + " is odd: " + std::to_string(words));
+  }
+  tags->resize(words / 2);
+  for (Tag& tag : *tags) {
+    if (!in->ReadString("tag key", &tag.key) || !in->ReadString("tag value", &tag.value)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool ReadFields(Cursor* in, std::vector<Field>* fields) {
+  uint32_t count = 0;
+  if (!in->ReadCount("field count", kMinField, &count)) return false;
+  fields->resize(count);
+  for (Field& field : *fields) {
+    if (!in->ReadString("field name", &field.name) || !in->ExpectU8("field type", kDoubleField)) {
+      return false;
+    }
+    field.type = kDoubleField;
+  }
+  return true;
+}
+
+bool ReadIndexes(Cursor* in, const Block& block, std::vector<uint32_t>* indexes) {
+  const size_t start = in->offset();
+  uint32_t count = 0;
+  if (!in->ReadCount("index count", kIndexBytes, &count)) return false;
+  if (count > 0 && block.wire_type != kMultiField) {
+    return in->Fail(start, "field indexes in a block of type " + std::to_string(block.wire_type));
+  }
+  if (count > block.fields.size()) {
+    return in->Fail(start, "index count is " + std::to_string(count) + " with " +
+                               std::to_string(block.fields.size()) + " fields");
+  }
+  indexes->resize(count);
+  std::vector<bool> seen(count > 0 ? block.fields.size() : 0);
+  for (uint32_t& index : *indexes) {
+    const size_t at = in->offset();
+    if (!in->ReadU32("field index", &index)) return false;
+    if (index >= block.fields.size()) {
+      return in->Fail(at, "field index " + std::to_string(index) + " with " +
+                              std::to_string(block.fields.size()) + " fields");
+    }
+    if (seen[index]) return in->Fail(at, "field index " + std::to_string(index) + " comes twice");
+    seen[index] = true;
+  }
+  return true;
+}
+
+bool ReadValues(Cursor* in, const Block& block, Series* record) {
+  const size_t start = in->offset();
+  uint32_t count = 0;
+  if (!in->ReadCount("value count", kValueBytes, &count)) return false;
+  const size_t expected = block.fields.empty()      ? 1
+                          : record->indexes.empty() ? block.fields.size()
+                                                    : record->indexes.size();
+  if (!in->CheckEqual(start, "value count", count, expected)) return false;
+  record->values.resize(count);
+  for (double& value : record->values) {
+    if (!in->ExpectU32("value prefix", kValueSize) || !in->ReadF64("value", &value)) return false;
+  }
+  return true;
+}
+
+bool ReadSeries(Cursor* in, const Block& block, Series* record) {
+  return in->ReadU32("tag hash", &record->tag_hash) &&
+         ReadTags(in, "tag word count", &record->tags) &&
+         ReadIndexes(in, block, &record->indexes) && ReadValues(in, block, record);
+}
+
+bool ReadWireType(Cursor* in, uint8_t* wire_type) {
+  const size_t start = in->offset();
+  if (!in->ReadU8("wire_type", wire_type)) return false;
+  if (*wire_type >= 1 && *wire_type <= kLastWireType) return true;
+  return in->Fail(start, "unknown wire_type " + std::to_string(*wire_type));
+}
+
+bool ReadBlock(Cursor* in, size_t packet_end, Block* block) {
+  const size_t start = in->offset();
+  uint32_t block_len = 0;
+  if (!in->ReadU32("block_len", &block_len)) return false;
+  if (block_len < in->offset() - start || block_len > packet_end - start) {
+    return in->Fail(start, "block_len is " + std::to_string(block_len) + ", but " +
+                               std::to_string(packet_end - start) + " bytes are left");
+  }
+  const size_t end = start + block_len;
+  in->SetEnd(end);
+
+  uint32_t series_count = 0;
+  if (!in->ReadCount("series in block", kMinSeries, &series_count) ||
+      !ReadWireType(in, &block->wire_type) || !in->ReadU32("name_hash", &block->name_hash) ||
+      !in->ReadI64("timestamp", &block->timestamp) || !in->ReadString("name", &block->name) ||
+      !ReadFields(in, &block->fields)) {
+    return false;
+  }
+  // Grows as records are read: the field list may leave far fewer bytes than the count was held to.
+  for (uint32_t i = 0; i < series_count; ++i) {
+    if (!ReadSeries(in, *block, &block->series.emplace_back())) return false;
+  }
+  if (in->offset() != end) {
+    return in->Fail(start, "block_len is " + std::to_string(block_len) +
+                               ", but the last series record ends after " +
+                               std::to_string(in->offset() - start));
+  }
+  in->SetEnd(packet_end);
+  return true;
+}
+
+constexpr size_t kHeaderLenOffset = 9;
+constexpr size_t kBodyLenOffset = 13;
+constexpr size_t kBlockCountOffset = 42;
+constexpr size_t kSeriesCountOffset = 46;
+
+bool ReadHeader(Cursor* in, Packet* packet) {
+  if (!in->Expect("magic", kMagic, sizeof(kMagic)) || !in->ExpectU8("version", kVersion) ||
+      !in->ReadU32("header_len", &packet->header_len) ||
+      !in->ReadU32("body_len", &packet->body_len) || !in->ExpectU8("reserved byte", 0) ||
+      !in->ExpectU32("reserved word", 0) || !in->ReadI64("send_time_ms", &packet->send_time_ms) ||
+      !in->ExpectU32("reserved word", 0) || !in->ExpectU32("reserved word", 0) ||
+      !in->ExpectU32("format_word", kFormatWord) ||
+      !in->ReadU32("block_count", &packet->block_count) ||
+      !in->ReadU32("series_count", &packet->series_count) ||
+      !in->ReadString("tenant", &packet->tenant) ||
+      !ReadTags(in, "tenant tag word count", &packet->tenant_tags) ||
+      !in->ReadString("sdk_version", &packet->sdk_version)) {
+    return false;
+  }
+  packet->version = kVersion;
+  packet->format_word = kFormatWord;
+  return in->CheckEqual(kHeaderLenOffset, "header_len", packet->header_len, in->offset()) &&
+         in->CheckEqual(kBodyLenOffset, "body_len", packet->body_len, in->remaining());
+}
+
+bool ReadBlocks(Cursor* in, size_t packet_end, Packet* packet) {
+  size_t series = 0;
+  while (in->remaining() > 0) {
+    Block& block = packet->blocks.emplace_back();
+    if (!ReadBlock(in, packet_end, &block)) return false;
+    series += block.series.size();
+  }
+  return in->CheckEqual(kBlockCountOffset, "block_count", packet->block_count,
+                        packet->blocks.size()) &&
+         in->CheckEqual(kSeriesCountOffset, "series_count", packet->series_count, series);
+}
+
+}  // namespace
+
+bool ReadPacket(const void* data, size_t size, Packet* packet, ReadError* error) {
+  Cursor in(static_cast<const unsigned char*>(data), size, error);
+  Packet result;
+  if (!ReadHeader(&in, &result) || !ReadBlocks(&in, size, &result)) return false;
+  *packet = std::move(result);
+  return true;
+}
+
+std::string Block::FieldName(const Series& record, size_t i) const {
+  if (fields.empty()) return {};
+  return fields[record.indexes.empty() ? i : record.indexes[i]].name;
+}
+
+const char* WireTypeName(uint8_t wire_type) {
+  static constexpr const char* kNames[] = {"unknown",   "gauge",       "rate",
+                                           "counter",   "meter",       "timer",
+                                           "histogram", "multi_field", "delta_counter"};
+  static_assert(std::size(kNames) == kLastWireType + 1);
+  return kNames[wire_type <= kLastWireType ? wire_type : 0];
+}
+
+}  // namespace tidegate::agent

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string>
+
+#include "agent/packet_reader.h"
+
+// Points for people and scripts: one line per series record, made of what the packet says and
+// nothing else, so that equal packets give equal lines. Numbers read back as the same double, and
+// are written alike in every locale. Safe from any number of threads.
+
+namespace tidegate::agent {
+
+// Appends a line such as
+//   1700000000 t1 gauge svc.lat{dc=b,host=a} 1.5
+//   1700000000 t1 delta_counter svc.req{} counter=3 rate=0.1 delta=3
+// with timestamp, tenant, type, name, tags as sent, and the value or the fields. A string that is
+// empty, or holds anything but plain printable ASCII, stands in double quotes with C escapes.
+// REQUIRES: `block` is one of the packet's blocks, and `record` one of the block's series.
+void AppendText(const Packet& packet, const Block& block, const Series& record, std::string* out);
+
+// Appends the same as one line of JSON:
+//   {"timestamp":1700000000,"tenant":"t1","type":"gauge","name":"svc.lat",
+//    "tags":{"dc":"b","host":"a"},"value":1.5}
+// with "fields", an object, instead of "value" in a block with fields. NaN and the infinities are
+// the strings "nan", "inf" and "-inf"; bytes that are not UTF-8 become U+FFFD. A key that was sent
+// twice comes twice. REQUIRES as for AppendText.
+void AppendJson(const Packet& packet, const Block& block, const Series& record, std::string* out);
+
+}  // namespace tidegate::agent

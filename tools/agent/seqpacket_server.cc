@@ -1,0 +1,260 @@
+#include "agent/seqpacket_server.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <iterator>
+#include <system_error>
+#include <utility>
+
+namespace tidegate::agent {
+namespace {
+
+constexpr int kBurst = 64;               // messages of one client before the next has its turn
+constexpr int kAcceptRetryMillis = 100;  // while accepting fails
+
+std::string ErrnoText() { return std::generic_category().message(errno); }
+
+int NewSocket() { return socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); }
+
+bool MakeAddress(const std::string& path, sockaddr_un* address, std::string* error) {
+  if (path.empty()) {
+    *error = "the socket path is empty";
+    return false;
+  }
+  if (path.size() >= sizeof(address->sun_path)) {
+    *error = "the socket path is too long, " + std::to_string(path.size()) + " of at most " +
+             std::to_string(sizeof(address->sun_path) - 1) + " bytes: " + path;
+    return false;
+  }
+  *address = {};
+  address->sun_family = AF_UNIX;
+  std::memcpy(address->sun_path, path.c_str(), path.size() + 1);
+  return true;
+}
+
+const sockaddr* AsSockaddr(const sockaddr_un* address) {
+  return reinterpret_cast<const sockaddr*>(address);
+}
+
+// Removes the socket file of a process that is gone; an empty place is fine as well.
+bool MakeRoom(const sockaddr_un& address, std::string* error) {
+  const std::string path = address.sun_path;
+  struct stat info;
+  if (lstat(path.c_str(), &info) != 0) {
+    if (errno == ENOENT) return true;
+    *error = "cannot look at " + path + ": " + ErrnoText();
+    return false;
+  }
+  if (!S_ISSOCK(info.st_mode)) {
+    *error = path + " exists and is not a socket";
+    return false;
+  }
+  const UniqueFd probe(NewSocket());
+  // EAGAIN is a full listen queue, EPROTOTYPE a bound socket of another kind.
+  if (connect(probe.get(), AsSockaddr(&address), sizeof(address)) == 0 || errno == EAGAIN ||
+      errno == EPROTOTYPE) {
+    *error = "another process is listening on " + path;
+    return false;
+  }
+  if (errno != ECONNREFUSED && errno != ENOENT) {
+    *error = "cannot tell whether " + path + " is in use: " + ErrnoText();
+    return false;
+  }
+  if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+    *error = "cannot remove the stale socket " + path + ": " + ErrnoText();
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+SeqpacketServer::SeqpacketServer(MessageHandler on_message, WarningHandler on_warning)
+    : on_message_(std::move(on_message)),
+      on_warning_(std::move(on_warning)),
+      buffer_(kMaxMessageSize),
+      epoll_(epoll_create1(EPOLL_CLOEXEC)),
+      stop_event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+SeqpacketServer::~SeqpacketServer() { RemoveSocketFile(); }
+
+bool SeqpacketServer::Listen(const std::string& path, std::string* error) {
+  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+  if (!folder.empty()) {
+    std::error_code failure;
+    std::filesystem::create_directories(folder, failure);
+    if (failure) {
+      *error = "cannot make the folder " + folder.string() + ": " + failure.message();
+      return false;
+    }
+  }
+  // Of two agents that start together, each could take the socket that the other has bound but not
+  // yet listens on for a stale one. A lock on the folder leaves no file behind; where the folder
+  // cannot be opened, that small risk stays.
+  const UniqueFd lock(
+      open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (lock.valid()) flock(lock.get(), LOCK_EX);
+
+  if (!Bind(path, error)) return false;
+  if (!Watch(stop_event_.get(), true) || !Watch(listener_.get(), true)) {
+    *error = "cannot watch the socket: " + ErrnoText();
+    return false;
+  }
+  return true;
+}
+
+bool SeqpacketServer::Bind(const std::string& path, std::string* error) {
+  sockaddr_un address;
+  if (!MakeAddress(path, &address, error) || !MakeRoom(address, error)) return false;
+  listener_ = UniqueFd(NewSocket());
+  struct stat info;
+  if (!listener_.valid() || bind(listener_.get(), AsSockaddr(&address), sizeof(address)) != 0 ||
+      lstat(path.c_str(), &info) != 0) {
+    *error = "cannot make the socket " + path + ": " + ErrnoText();
+    return false;
+  }
+  path_ = path;
+  socket_device_ = info.st_dev;
+  socket_inode_ = info.st_ino;
+  if (listen(listener_.get(), SOMAXCONN) != 0) {
+    *error = "cannot listen on " + path + ": " + ErrnoText();
+    return false;
+  }
+  return true;
+}
+
+bool SeqpacketServer::Run(std::string* error) {
+  bool running = true;
+  while (running && !handler_ended_) {
+    epoll_event events[64];
+    const int count = epoll_wait(epoll_.get(), events, static_cast<int>(std::size(events)),
+                                 accept_paused_ ? kAcceptRetryMillis : -1);
+    if (count < 0 && errno != EINTR) {
+      *error = "cannot wait for clients: " + ErrnoText();
+      return false;
+    }
+    if (accept_paused_) AcceptPending();
+    for (int i = 0; i < count && !handler_ended_; ++i) {
+      const int fd = events[i].data.fd;
+      if (fd == stop_event_.get()) {
+        running = false;
+      } else if (fd == listener_.get()) {
+        AcceptPending();
+      } else if (ReadSome(fd) == ReadResult::kGone) {
+        clients_.erase(fd);
+      }
+    }
+  }
+  Drain();
+  return true;
+}
+
+void SeqpacketServer::Stop() {
+  const int saved_errno = errno;
+  const uint64_t one = 1;
+  // Can only fail when the event has been set more often than anyone could.
+  [[maybe_unused]] const ssize_t written = write(stop_event_.get(), &one, sizeof(one));
+  errno = saved_errno;
+}
+
+bool SeqpacketServer::Watch(int fd, bool ready_to_read) {
+  epoll_event event = {};
+  event.events = ready_to_read ? uint32_t{EPOLLIN} : 0;
+  event.data.fd = fd;
+  return epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event) == 0 ||
+         epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
+void SeqpacketServer::AcceptPending() {
+  for (;;) {
+    UniqueFd client(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!client.valid()) {
+      if (errno == EINTR || errno == ECONNABORTED) continue;
+      // EINVAL is the end of the queue of a listener that was shut down.
+      PauseAccepting(errno != EAGAIN && errno != EINVAL);
+      return;
+    }
+    // Makes every message carry its sender's credentials, which tells an empty message from the
+    // end of the connection.
+    const int on = 1;
+    setsockopt(client.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof(on));
+    const int fd = client.get();
+    if (Watch(fd, true)) {
+      clients_[fd] = std::move(client);
+    } else {
+      on_warning_("cannot serve a client: " + ErrnoText());
+    }
+  }
+}
+
+void SeqpacketServer::PauseAccepting(bool pause) {
+  if (pause == accept_paused_) return;
+  if (pause) on_warning_("cannot accept a client, new clients wait: " + ErrnoText());
+  accept_paused_ = pause;
+  Watch(listener_.get(), !pause);
+}
+
+SeqpacketServer::ReadResult SeqpacketServer::ReadSome(int fd) {
+  for (int i = 0; i < kBurst; ++i) {
+    iovec part = {buffer_.data(), buffer_.size()};
+    // Room for the credentials and nothing else: descriptors that a client passes are dropped.
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
+    msghdr header = {};
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    header.msg_control = control;
+    header.msg_controllen = sizeof(control);
+    const ssize_t received = recvmsg(fd, &header, MSG_TRUNC);
+    if (received < 0) {
+      if (errno == EINTR) continue;
+      return errno == EAGAIN ? ReadResult::kIdle : ReadResult::kGone;
+    }
+    if (received == 0 && header.msg_controllen == 0) return ReadResult::kGone;
+    const size_t sent_size = static_cast<size_t>(received);
+    if (!on_message_({buffer_.data(), std::min(sent_size, buffer_.size()), sent_size})) {
+      handler_ended_ = true;
+      return ReadResult::kGone;
+    }
+  }
+  return ReadResult::kMore;
+}
+
+void SeqpacketServer::Drain() {
+  RemoveSocketFile();
+  // From here on clients can neither connect nor send, so what is queued has an end.
+  shutdown(listener_.get(), SHUT_RD);
+  // Clients that did not fit into the free descriptors have their turn once others are closed.
+  for (AcceptPending(); !clients_.empty(); AcceptPending()) {
+    for (const auto& [fd, client] : clients_) {
+      shutdown(fd, SHUT_RD);
+      while (!handler_ended_ && ReadSome(fd) == ReadResult::kMore) {
+      }
+    }
+    clients_.clear();
+  }
+}
+
+void SeqpacketServer::RemoveSocketFile() {
+  if (path_.empty()) return;
+  struct stat info;
+  // Someone may have put another socket in its place.
+  if (lstat(path_.c_str(), &info) == 0 && info.st_dev == socket_device_ &&
+      info.st_ino == socket_inode_) {
+    unlink(path_.c_str());
+  }
+  path_.clear();
+}
+
+}  // namespace tidegate::agent

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "agent/unique_fd.h"
+
+namespace tidegate::agent {
+
+// Receives messages from any number of clients on a SOCK_SEQPACKET unix path. It knows nothing of
+// what the messages hold.
+//
+// Threads: one thread calls Listen and Run, and the handlers run on it; Stop may come from any
+// thread and from a signal handler. Owns its descriptors and the socket file. A message above
+// kMaxMessageSize is handed over cut; clients that find no free descriptor wait in the listen
+// queue.
+class SeqpacketServer {
+ public:
+  static constexpr size_t kMaxMessageSize = 1 << 20;  // bytes
+
+  struct Message {
+    const char* data;  // valid during the call only
+    size_t size;       // bytes at `data`
+    size_t sent_size;  // bytes that the client sent; more than `size` if the message was cut
+  };
+  // Answers false to end Run at once.
+  using MessageHandler = std::function<bool(const Message&)>;
+  // Gets one line about trouble that does not end the server.
+  using WarningHandler = std::function<void(const std::string&)>;
+
+  SeqpacketServer(MessageHandler on_message, WarningHandler on_warning);
+  ~SeqpacketServer();  // closes everything and removes the socket file
+  SeqpacketServer(const SeqpacketServer&) = delete;
+  SeqpacketServer& operator=(const SeqpacketServer&) = delete;
+
+  // Opens the socket, once per object. Makes the missing folders of `path` and takes the place of a
+  // socket file that nobody listens on; anything else that stands at `path` is left alone and is an
+  // error. Returns false and says why in `error`.
+  bool Listen(const std::string& path, std::string* error);
+
+  // Serves until Stop, or until the handler answers false; then removes the socket file and closes
+  // all connections. After Stop no client can connect or send any more, and what the clients had
+  // sent by then is still handed to the handler. Returns false, with `error`, if it could not go
+  // on. REQUIRES: Listen succeeded.
+  bool Run(std::string* error);
+
+  // Ends Run, also one that starts later. Does not wait. Safe twice, and in a signal handler.
+  void Stop();
+
+ private:
+  enum class ReadResult { kMore, kIdle, kGone };
+
+  bool Bind(const std::string& path, std::string* error);
+  bool Watch(int fd, bool ready_to_read);
+  void AcceptPending();
+  void PauseAccepting(bool pause);
+  ReadResult ReadSome(int fd);
+  void Drain();
+  void RemoveSocketFile();
+
+  const MessageHandler on_message_;
+  const WarningHandler on_warning_;
+  std::vector<char> buffer_;  // kMaxMessageSize bytes
+  UniqueFd epoll_;
+  UniqueFd stop_event_;
+  UniqueFd listener_;
+  std::unordered_map<int, UniqueFd> clients_;
+  bool accept_paused_ = false;  // the listener is not watched, it would be ready all the time
+  bool handler_ended_ = false;  // the handler has answered false
+  std::string path_;            // empty while there is no socket file of ours
+  dev_t socket_device_ = 0;     // which file at path_ is ours
+  ino_t socket_inode_ = 0;
+};
+
+}  // namespace tidegate::agent
