@@ -155,14 +155,17 @@ void MetricEncoder::EncodePreviousInterval(double prev_value, const std::string&
 void MetricEncoder::DoPackSuffixMetric(MetricDataPack& pack, const std::vector<double>& values,
                                        const std::string& suffix, const MetricsType& type,
                                        SuffixOf convert, long timestamp) {
+  // A summary in single numbers is a set of gauges to the receiver.
+  const MetricsType wire_type = type == MetricsType::kTimer ? MetricsType::kGauge : type;
   for (unsigned long i = 0; i < values.size(); ++i) {
     std::string tail;
     AppendPart(tail, suffix);
     if (convert != nullptr) {
       AppendPart(tail, convert(i));
     }
-    EncodeOneSeriesMetric(pack, type, StrFNVHash(tail, metric_->name_hash_), metric_->name_ + tail,
-                          std::string(), cur_tag_kv_, {values[i]}, timestamp);
+    EncodeOneSeriesMetric(pack, wire_type, StrFNVHash(tail, metric_->name_hash_),
+                          metric_->name_ + tail, std::string(), cur_tag_kv_, {values[i]},
+                          timestamp);
   }
 }
 
