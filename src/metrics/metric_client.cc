@@ -7,7 +7,9 @@
 
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_encoder.h"
+#include "metrics/metric_expire_checker.h"
 #include "metrics/metric_factory.h"
+#include "metrics/metric_self_monitor.h"
 #include "metrics/metric_sender_manager.h"
 #include "util/fork_guard.h"
 
@@ -54,12 +56,19 @@ ReturnCode MetricClient::Init(tidegate::MConfigerImplBase* configer_impl,
   RunOneTimeInitialisations();
   init_pid_ = ::getpid();
   if (!MakeMember(collector_factory_, this, cfg.max_total_series) || !MakeMember(configer_, this) ||
-      !MakeMember(metric_factory_, this) || !MakeMember(sender_manager_, this)) {
+      !MakeMember(expire_checker_, this) || !MakeMember(metric_factory_, this) ||
+      !MakeMember(self_monitor_, this) || !MakeMember(sender_manager_, this)) {
     return ReturnCode::kNewObjectFail;
   }
   const ReturnCode code = configer_->Init(configer_impl, vendor, discovery, cfg);
   if (code != ReturnCode::kOk) {
     METRICS_LOG_WARN("%s\n", MetricGetErrorCodeStr(code));
+  }
+  if (configer_->enable_monitor_) {
+    self_monitor_->Start();
+  }
+  if (configer_->enable_expire_) {
+    expire_checker_->Start(configer_->expire_seconds_);
   }
   return ReturnCode::kOk;
 }
@@ -95,6 +104,14 @@ void MetricClient::ShutDownFactories() {
   }
 }
 
+void MetricClient::ReleaseServices() {
+  // The threads end with their owners, so that nobody reads the environment objects when the
+  // configer goes.
+  std::exchange(self_monitor_, nullptr).reset();
+  std::exchange(expire_checker_, nullptr).reset();
+  std::exchange(configer_, nullptr).reset();
+}
+
 void MetricClient::ReleaseFactories() {
   // Each member is null before its object goes.
   std::exchange(metric_factory_, nullptr).reset();
@@ -103,10 +120,8 @@ void MetricClient::ReleaseFactories() {
 
 ReturnCode MetricClient::Exit() {
   ShutDownFactories();
-  // The threads end with the sender manager, so that nobody reads the environment objects when
-  // the configer goes.
   std::exchange(sender_manager_, nullptr).reset();
-  std::exchange(configer_, nullptr).reset();
+  ReleaseServices();
   ReleaseFactories();
   return ReturnCode::kOk;
 }
@@ -114,7 +129,7 @@ ReturnCode MetricClient::Exit() {
 void MetricClient::FlushAndExit() {
   sender_manager_->FlushAndExit();
   ShutDownFactories();
-  std::exchange(configer_, nullptr).reset();
+  ReleaseServices();
   ReleaseFactories();
 }
 
@@ -128,10 +143,18 @@ void MetricClient::AtFork() {
     collector_factory_->RepairAfterFork();
   }
   sender_manager_->AtFork();
+  if (configer_->enable_monitor_) {
+    self_monitor_->AtFork();
+  }
+  if (configer_->enable_expire_) {
+    expire_checker_->AtFork();
+  }
   metric_factory_->AtFork();
   collector_factory_->AtFork();
   std::exchange(sender_manager_, nullptr).reset();
   std::exchange(configer_, nullptr).reset();
+  std::exchange(self_monitor_, nullptr).reset();
+  std::exchange(expire_checker_, nullptr).reset();
   ReleaseFactories();
 }
 

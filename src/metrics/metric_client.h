@@ -18,7 +18,9 @@
 namespace METRICS {
 
 class MetricCollectorFactory;
+class MetricExpireChecker;
 class MetricFactory;
+class MetricSelfMonitor;
 class MetricSenderManager;
 
 /// The root of the library: a service makes one, calls `Init`, asks it for registries and
@@ -26,12 +28,12 @@ class MetricSenderManager;
 ///
 /// Threads: `CreateRegistry` and `CreateMetric` from any thread; `Init`, `Exit`, `FlushAndExit`,
 /// `AtFork` and the destructor not at the same time as anything else on this client. After `Init`
-/// there is one flush thread per tenant that has a registry.
-/// Ownership: the client owns everything that it hands out as raw pointers; these dangle once it
-/// has ended, and items that callers hold must be dropped before.
-/// Ending: `Exit` and the destructor flush nothing; `FlushAndExit` first sends what the cells
-/// hold. Both wait for the flush threads: up to 200 ms for a sleeping one, up to the end of its
-/// flush for a working one. Values emitted after the last flush are lost.
+/// there is one flush thread per tenant that has a registry, and one thread each for expiry and
+/// self monitoring where they are enabled. Ownership: the client owns everything that it hands out
+/// as raw pointers; these dangle once it has ended, and items that callers hold must be dropped
+/// before. Ending: `Exit` and the destructor flush nothing; `FlushAndExit` first sends what the
+/// cells hold. Both wait for the flush threads: up to 200 ms for a sleeping one, up to the end of
+/// its flush for a working one. Values emitted after the last flush are lost.
 class METRICS_API MetricClient {
  public:
   /// What `CreateMetric` answers: `metric` is null unless `code` is 0.
@@ -75,10 +77,13 @@ class METRICS_API MetricClient {
   std::shared_ptr<MetricCollectorFactory> collector_factory_;
   std::shared_ptr<MetricFactory> metric_factory_;
   std::unique_ptr<MetricConfiger> configer_;
+  std::unique_ptr<MetricExpireChecker> expire_checker_;
+  std::unique_ptr<MetricSelfMonitor> self_monitor_;
   std::unique_ptr<MetricSenderManager> sender_manager_;
 
  private:
   void ShutDownFactories();
+  void ReleaseServices();
   void ReleaseFactories();
 
   pid_t init_pid_ = 0;  ///< the process that called `Init`

@@ -120,11 +120,15 @@ CellMap& MetricCollectorItem::NoopFields() {
   return fields;
 }
 
-void MetricCollectorItem::MarkUpdated(size_t count) {
+void MetricCollectorItem::Refresh() {
   last_update_.store(::time(nullptr), std::memory_order_relaxed);
   if (!active_.load(std::memory_order_relaxed)) {
     active_.exchange(true);
   }
+}
+
+void MetricCollectorItem::MarkUpdated(size_t count) {
+  Refresh();
   metric_->emit_success_.fetch_add(count, std::memory_order_relaxed);
 }
 

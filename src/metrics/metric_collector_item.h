@@ -65,6 +65,9 @@ class METRICS_API MetricCollectorItem {
   static CellPtr NoopDataPtr();
   static CellMap& NoopFields();
 
+  /// Marks the series as alive now, for cells that are fed directly.
+  void Refresh();
+
   // Written by emitting threads and, for `active_`, by the expiry; read by flush and expiry. A
   // stale reading delays an expiry, no more.
   std::atomic<int64_t> last_update_{0};  ///< second of the last successful emission

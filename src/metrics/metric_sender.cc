@@ -10,6 +10,7 @@
 #include "metrics/metric_client.h"
 #include "metrics/metric_configer.h"
 #include "metrics/metric_encoder.h"
+#include "metrics/metric_self_monitor.h"
 #include "util/fork_guard.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
@@ -30,7 +31,8 @@ MetricSender::MetricSender(const std::string& tenant, MetricClient* client)
     : tenant_(tenant),
       client_(client),
       collector_factory_(client->collector_factory_),
-      encoder_(std::make_shared<MetricEncoder>(this, tenant)) {
+      encoder_(std::make_shared<MetricEncoder>(this, tenant)),
+      monitor_enabled_(client->configer_->enable_monitor_) {
   // Last: the thread touches nothing virtual until a leaf class's `Init` lets it go.
   thread_ = std::thread(&MetricSender::Send, this, tenant);
 }
@@ -125,11 +127,80 @@ bool MetricSender::DoPackAndSend() {
   if (collector_factory_->state_.load(std::memory_order_relaxed) != MetricState::READY) {
     return false;
   }
+  const int64_t start = WallMicros();
   const CollectorList collectors =
       collector_factory_->GetTenantSendCollector(tenant_, interval_.load(), last_flush_ts_);
   METRICS_LOG_DEBUG("Get Tenant Collectors num: %ld\n", static_cast<long>(collectors.size()));
   encoder_->PackCollector(collectors);
+  if (monitor_enabled_.load(std::memory_order_relaxed)) {
+    client_->self_monitor_->EmitForSenderLatency(tenant_, "tenant", WallMicros() - start);
+    // Both outlive the expiry, also on a sender that sends or drops nothing for hours.
+    UpdateStatTime(true);
+    UpdateStatTime(false);
+  }
   return true;
+}
+
+void MetricSender::InitStat() {
+  if (!monitor_enabled_.load(std::memory_order_relaxed)) {
+    return;
+  }
+  if (client_ == nullptr) {
+    monitor_enabled_.store(false, std::memory_order_relaxed);
+    return;
+  }
+  const MetricSelfMonitor& monitor = *client_->self_monitor_;
+  const auto bind = [&](const char* cause, const char* field,
+                        AtomicSharedPtr<MetricCollectorItem>& item,
+                        AtomicSharedPtr<MetricBasicData>& cell) {
+    std::shared_ptr<MetricCollectorItem> series = item.Load();
+    cell.Store(
+        monitor.InitSenderMonitorData({{"tenant", tenant_}, {"cause", cause}}, field, series));
+    item.Store(std::move(series));
+  };
+  Statistic& stat = statistic_;
+  bind("send", "bytes", stat.send_item, stat.send_bytes);
+  bind("drop", "bytes", stat.drop_item, stat.drop_bytes);
+  bind("send", "metrics", stat.send_item, stat.send_metrics);
+  bind("drop", "metrics", stat.drop_item, stat.drop_metrics);
+  bind("send", "series", stat.send_item, stat.send_series);
+  bind("drop", "series", stat.drop_item, stat.drop_series);
+  UpdateStatTime(true);
+  UpdateStatTime(false);
+}
+
+void MetricSender::UpdateStatTime(bool success) {
+  const std::shared_ptr<MetricCollectorItem> item =
+      success ? statistic_.send_item.Load() : statistic_.drop_item.Load();
+  if (item != nullptr) {
+    item->Refresh();
+  }
+}
+
+void MetricSender::AccountPacket(bool delivered, int bytes, int64_t started_micros) {
+  const auto add = [](const AtomicSharedPtr<MetricBasicData>& cell, long amount) {
+    const std::shared_ptr<MetricBasicData> data = cell.Load();
+    if (data != nullptr) {
+      data->Emit(amount);
+    }
+  };
+  const int64_t now = WallMicros();
+  const Statistic& stat = statistic_;
+  add(delivered ? stat.send_bytes : stat.drop_bytes, bytes);
+  add(delivered ? stat.send_metrics : stat.drop_metrics, stat.metric_num);
+  add(delivered ? stat.send_series : stat.drop_series, stat.series_num);
+  client_->self_monitor_->EmitForSenderLatency(tenant_, "package", now - started_micros);
+}
+
+void MetricSender::IdentifyEncoder() {
+  const MetricConfiger& configer = *client_->configer_;
+  encoder_->Init(configer.impl_->account_id, configer.impl_->project_id, configer.psm_);
+}
+
+void MetricSender::ForgetParent() {
+  StopThread();
+  // Not before the thread is gone: it reads it.
+  client_ = nullptr;
 }
 
 void MetricSender::JoinThread() {

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "metrics/metric_collector_factory.h"
+#include "util/atomic_shared_ptr.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
 
@@ -26,8 +27,18 @@ class MetricEncoderBase;
 /// twice, and what the cells gathered goes out at the next one.
 class MetricSender {
  public:
-  /// Counts of the packet that is about to be sent, written by the encoder.
+  /// What the sender reports on itself. The handles are bound by `InitStat`, stay null without self
+  /// monitoring and are read by the flush thread; the counts are of the packet that is about to be
+  /// sent and written by the encoder.
   struct Statistic {
+    AtomicSharedPtr<MetricCollectorItem> send_item;
+    AtomicSharedPtr<MetricCollectorItem> drop_item;
+    AtomicSharedPtr<MetricBasicData> send_bytes;
+    AtomicSharedPtr<MetricBasicData> drop_bytes;
+    AtomicSharedPtr<MetricBasicData> send_metrics;
+    AtomicSharedPtr<MetricBasicData> send_series;
+    AtomicSharedPtr<MetricBasicData> drop_metrics;
+    AtomicSharedPtr<MetricBasicData> drop_series;
     int16_t metric_num = 0;
     int16_t series_num = 0;
   };
@@ -68,6 +79,10 @@ class MetricSender {
   /// One flush of what is due at `last_flush_ts_`. False: the thread must end.
   bool DoPackAndSend();
   void DoNothing() {}
+  /// Binds the handles of `statistic_` to the self monitor's series. May run twice.
+  void InitStat();
+  /// Marks the series of sent or dropped packets as alive: its cells are fed directly.
+  void UpdateStatTime(bool success);
   /// Stops with a last flush of everything, on the calling thread. REQUIRES: `state_` was set to
   /// SHUTDOWN before.
   void FlushAndExit();
@@ -83,6 +98,7 @@ class MetricSender {
   volatile std::atomic<MetricState> state_{MetricState::INIT};
   WorkState work_state_ = WorkState::kIdle;
   std::thread thread_;
+  std::atomic<bool> monitor_enabled_;  ///< report on itself
   int32_t sock_ = -1;
 
  protected:
@@ -90,6 +106,12 @@ class MetricSender {
   /// Stops the thread and joins it, or abandons it where it does not exist, with what it was
   /// changing.
   void StopThread();
+  /// What the leaf classes' `AtFork` share.
+  void ForgetParent();
+  /// Gives the encoder whom it sends for.
+  void IdentifyEncoder();
+  /// Accounts for a packet that was delivered or dropped, and for the time that it took.
+  void AccountPacket(bool delivered, int bytes, int64_t started_micros);
 
  private:
   void FetchTenantInterval(const std::string& tenant);

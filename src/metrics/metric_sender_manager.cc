@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "metrics/metric_tcp_sender.h"
 #include "metrics/metric_unix_domain_sender.h"
 #include "util/fork_guard.h"
 #include "util/metric_log.h"
@@ -22,12 +23,12 @@ ReturnCode MetricSenderManager::CreateSender(const std::string& tenant, MetricSe
     METRICS_LOG_WARN("Sender of [%s] already exist, CreateSender skipped.\n", tenant.c_str());
     return ReturnCode::kObjectExisted;
   }
-  if (type != MetricSenderType::kSenderUnixDomain) {
-    METRICS_LOG_ERROR("Sender of [%s] not created: TCP delivery is not supported.\n",
-                      tenant.c_str());
-    return ReturnCode::kNotSupported;
+  std::unique_ptr<MetricSender> made;
+  if (type == MetricSenderType::kSenderUnixDomain) {
+    made = std::make_unique<MetricUnixDomainSender>(tenant, client_);
+  } else {
+    made = std::make_unique<MetricTcpSender>(tenant, client_);
   }
-  auto made = std::make_unique<MetricUnixDomainSender>(tenant, client_);
   MetricSender& sender = *made;
   table_changing_.store(true);
   senders_.emplace(tenant, std::move(made));

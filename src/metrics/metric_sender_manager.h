@@ -27,8 +27,7 @@ class METRICS_API MetricSenderManager {
   MetricSenderManager& operator=(const MetricSenderManager&) = delete;
 
   /// Makes and initialises the sender of `tenant`. 0 also if its socket could not be made: it then
-  /// stands in the table without ever flushing. 19 when there is one already. 70, and no sender,
-  /// for TCP, which this version does not deliver over.
+  /// stands in the table without ever flushing. 19 when there is one already.
   ReturnCode CreateSender(const std::string& tenant, MetricSenderType type);
   /// 20 and null when there is none. The sender stays the manager's.
   ReturnCode GetSender(MetricSender*& sender, std::string tenant);

@@ -10,7 +10,7 @@
 
 #include "metrics/metric_client.h"
 #include "metrics/metric_configer.h"
-#include "metrics/metric_encoder.h"
+#include "metrics/metric_self_monitor.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
 #include "util/metric_size_limits.h"
@@ -30,8 +30,7 @@ MetricUnixDomainSender::MetricUnixDomainSender(const std::string& tenant, Metric
 MetricUnixDomainSender::~MetricUnixDomainSender() { MetricSender::Exit(); }
 
 ReturnCode MetricUnixDomainSender::Init() {
-  const MetricConfiger& configer = *client_->configer_;
-  encoder_->Init(configer.impl_->account_id, configer.impl_->project_id, configer.psm_);
+  IdentifyEncoder();
   const ReturnCode code = SocketInit();
   if (code != ReturnCode::kOk) {
     METRICS_LOG_CODE(code);
@@ -39,6 +38,7 @@ ReturnCode MetricUnixDomainSender::Init() {
   }
   // From the store on, the flush thread may reconnect.
   const std::string path = addr_.sun_path;
+  InitStat();
   state_.store(MetricState::READY, std::memory_order_release);
   METRICS_LOG_INFO("MetricUnixDomainSender ready with socket: %s\n", path.c_str());
   return ReturnCode::kOk;
@@ -100,12 +100,30 @@ bool MetricUnixDomainSender::TrySend(const char* buf, int len, int& error) const
 void MetricUnixDomainSender::Reconnect(int error) {
   METRICS_LOG_WARN("Sender[%s] Send fail with errno[%d]: %s, try to reconnect.\n", tenant_.c_str(),
                    error, std::strerror(error));
+  CountFailure(error);
   SocketInit();
 }
 
+void MetricUnixDomainSender::CountFailure(int error) const {
+  client_->self_monitor_->EmitForSenderFial(tenant_, std::strerror(error));
+}
+
 void MetricUnixDomainSender::SendToSocket(char* buf, int len) {
+  const int64_t start = WallMicros();
+  int error = 0;
+  const bool delivered = Deliver(buf, len, error);
+  if (!monitor_enabled_.load(std::memory_order_relaxed)) {
+    return;
+  }
+  AccountPacket(delivered, len, start);
+  if (!delivered) {
+    CountFailure(error);
+  }
+  UpdateStatTime(delivered);
+}
+
+bool MetricUnixDomainSender::Deliver(const char* buf, int len, int& error) {
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
-    int error = 0;
     if (TrySend(buf, len, error)) {
       if (attempt == 1) {
         METRICS_LOG_DEBUG("Send %d bytes in ts: %ld at attempt: %d\n", len, last_flush_ts_,
@@ -114,7 +132,7 @@ void MetricUnixDomainSender::SendToSocket(char* buf, int len) {
         METRICS_LOG_INFO("Sender[%s] Send %d bytes in ts: %ld  at attempt: %d\n", tenant_.c_str(),
                          len, last_flush_ts_, attempt);
       }
-      return;
+      return true;
     }
     if (attempt > 1) {
       SleepMillis(kPauseMillis);
@@ -123,12 +141,11 @@ void MetricUnixDomainSender::SendToSocket(char* buf, int len) {
       Reconnect(error);
     }
   }
+  return false;
 }
 
 void MetricUnixDomainSender::AtFork() {
-  StopThread();
-  // Not before the thread is gone: it reads it.
-  client_ = nullptr;
+  ForgetParent();
   METRICS_LOG_WARN("MetricUnixDomainSender[%s] AtFork, interval: %d\n", tenant_.c_str(),
                    interval_.load());
 }

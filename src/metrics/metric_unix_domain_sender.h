@@ -34,6 +34,9 @@ class MetricUnixDomainSender final : public MetricSender {
   bool TrySend(const char* buf, int len, int& error) const;
   /// What a failed attempt that is followed by another one does.
   void Reconnect(int error);
+  /// Up to three attempts, with a line for the one that delivered; `error` is that of the last.
+  bool Deliver(const char* buf, int len, int& error);
+  void CountFailure(int error) const;
 };
 
 }  // namespace METRICS

@@ -51,10 +51,12 @@ void SleepMillis(int ms) {
   }
 }
 
-int64_t WallMillis() {
+int64_t WallMillis() { return WallMicros() / 1000; }
+
+int64_t WallMicros() {
   using std::chrono::nanoseconds;
   const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<nanoseconds>(since_epoch).count() / 1000000;
+  return std::chrono::duration_cast<nanoseconds>(since_epoch).count() / 1000;
 }
 
 int64_t MillisSince(std::chrono::steady_clock::time_point start) {

@@ -28,6 +28,9 @@ void SleepMillis(int ms);
 /// Wall clock in whole milliseconds since the epoch.
 int64_t WallMillis();
 
+/// Wall clock in whole microseconds since the epoch.
+int64_t WallMicros();
+
 /// Whole milliseconds on the steady clock since `start`.
 int64_t MillisSince(std::chrono::steady_clock::time_point start);
 

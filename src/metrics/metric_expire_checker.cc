@@ -1,0 +1,124 @@
+#include "metrics/metric_expire_checker.h"
+
+#include <pthread.h>
+
+#include <ctime>
+
+#include "metrics/metric_client.h"
+#include "util/fork_guard.h"
+#include "util/metric_clock_util.h"
+#include "util/metric_log.h"
+
+namespace METRICS {
+namespace {
+
+constexpr int kScaledFrom = 11;
+constexpr int kScale = 10;
+constexpr double kWorthwhileShare = 0.25;
+constexpr int kSliceMillis = 5;
+
+}  // namespace
+
+MetricExpireChecker::MetricExpireChecker(MetricClient* client) : client_(client) {}
+
+MetricExpireChecker::~MetricExpireChecker() {
+  Exit();
+  client_ = nullptr;
+  METRICS_LOG_DEBUG("MetricExpireChecker Destructor.\n");
+}
+
+void MetricExpireChecker::Start(const int& seconds) {
+  if (state_.load() != MetricState::INIT) {
+    return;
+  }
+  check_interval_ = seconds >= kScaledFrom ? seconds / kScale : seconds;
+  const std::shared_ptr<MetricCollectorFactory> factory = client_->collector_factory_;
+  if (factory == nullptr) {
+    METRICS_LOG_WARN("MetricExpireChecker start fialed, internal error with nullptr.\n");
+    return;
+  }
+  thread_ = std::thread([this, factory, interval = check_interval_] {
+    // The thread may be here ahead of the store below.
+    while (state_.load() == MetricState::INIT) {
+      std::this_thread::yield();
+    }
+    DoCheck(factory, interval);
+  });
+  state_.exchange(MetricState::READY);
+}
+
+void MetricExpireChecker::DoCheck(std::shared_ptr<MetricCollectorFactory> factory, int interval) {
+  ::pthread_setname_np(::pthread_self(), "ms_expirer");
+  while (state_.load() == MetricState::READY &&
+         factory->state_.load(std::memory_order_relaxed) == MetricState::READY) {
+    const long now = ::time(nullptr);
+    const CollectorList collectors = factory->GetAll();
+    for (const CollectorPtr& collector : collectors) {
+      CheckCollector(collector, now);
+    }
+    if (!SyncMilliStepSleep(interval, kSliceMillis, state_)) {
+      return;
+    }
+  }
+}
+
+void MetricExpireChecker::CheckCollector(const CollectorPtr& collector, long now) {
+  expired_.clear();
+  const auto limit =
+      static_cast<size_t>(static_cast<double>(collector->SeriesSize()) * kWorthwhileShare);
+  for (const auto& [tag_values, item] : collector->GetAll()) {
+    const bool expired = CheckExpire(item, now);
+    item->active_.exchange(!expired);
+    if (expired) {
+      expired_.emplace_back(tag_values, item);
+    }
+  }
+  if (expired_.size() >= limit) {
+    DoClean(collector, now);
+  }
+}
+
+void MetricExpireChecker::DoClean(const CollectorPtr& collector, const long& now) {
+  if (expired_.empty()) {
+    return;
+  }
+  size_t erased = 0;
+  for (const auto& [tag_values, item] : expired_) {
+    // A series that came back since the walk stays.
+    if (CheckExpire(item, now)) {
+      collector->Erase(tag_values);
+      ++erased;
+    } else {
+      item->active_.exchange(true);
+    }
+  }
+  METRICS_LOG_WARN("%lu of %lu Series Expired in Collecotor: %s\n", erased, expired_.size(),
+                   collector->name_.c_str());
+  expired_.clear();
+}
+
+void MetricExpireChecker::Exit() {
+  if (state_.load() != MetricState::READY) {
+    return;
+  }
+  state_.exchange(MetricState::SHUTDOWN);
+  if (thread_.joinable()) {
+    thread_.join();
+  }
+}
+
+void MetricExpireChecker::AtFork() {
+  if (state_.load() != MetricState::READY) {
+    return;
+  }
+  state_.exchange(MetricState::SHUTDOWN);
+  if (InForkTeardown()) {
+    Abandon(thread_);
+    Abandon(expired_);
+  } else if (thread_.joinable()) {
+    thread_.join();
+  }
+  client_ = nullptr;
+}
+
+}  // namespace METRICS

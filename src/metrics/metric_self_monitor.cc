@@ -1,0 +1,248 @@
+#include "metrics/metric_self_monitor.h"
+
+#include <pthread.h>
+
+#include <ctime>
+#include <utility>
+
+#include "metrics/metric.h"
+#include "metrics/metric_client.h"
+#include "metrics/metric_configer.h"
+#include "metrics/metric_factory.h"
+#include "metrics/metric_registry.h"
+#include "metrics/metric_sender.h"
+#include "metrics/metric_sender_manager.h"
+#include "util/fork_guard.h"
+#include "util/metric_clock_util.h"
+#include "util/metric_log.h"
+
+namespace METRICS {
+namespace {
+
+constexpr char kTenant[] = "inf.metrics";
+constexpr char kPrefix[] = "inf.tidegate";
+constexpr char kVersionTag[] = "sdk_version";
+constexpr char kVersion[] = "1.0.4";
+constexpr int kDefaultIntervalMillis = 15;
+constexpr int kSliceMillis = 5;
+
+MetricRegistryCfg RegistryCfg(int flush_interval) {
+  MetricRegistryCfg cfg;
+  cfg.prefix = kPrefix;
+  cfg.tags = {{"component", "quelltd"}, {"language", "cpp"}};
+  cfg.tenant = kTenant;
+  cfg.flush_interval = flush_interval;
+  return cfg;
+}
+
+/// One number under the empty suffix.
+std::vector<MetricFieldValue> Nameless(MetricsType type, long number) {
+  MetricFieldValue value = WithSuffix("");
+  value.type = type;
+  value.value.integer = number;
+  return {std::move(value)};
+}
+
+ReturnCode MakeMetric(MetricRegistry& registry, const char* name,
+                      std::vector<std::string> tag_names, std::vector<MetricFieldCfg> fields,
+                      std::atomic<Metric*>& target) {
+  MetricInstanceCfg cfg;
+  cfg.name = name;
+  cfg.tag_names = std::move(tag_names);
+  cfg.fields = std::move(fields);
+  Metric* metric = nullptr;
+  const ReturnCode code = registry.CreateMetric(metric, cfg);
+  target.store(metric, std::memory_order_release);
+  return code;
+}
+
+void LogIfFailed(ReturnCode code) {
+  if (code != ReturnCode::kOk) {
+    METRICS_LOG_WARN("%s\n", MetricGetErrorCodeStr(code));
+  }
+}
+
+/// Emits one number on a series of `metric`; nothing before it is made.
+void EmitOn(const std::atomic<Metric*>& target, const std::vector<tidegate::MetricTag>& tags,
+            MetricsType type, long number) {
+  Metric* const metric = target.load(std::memory_order_acquire);
+  if (metric == nullptr) {
+    return;
+  }
+  LogIfFailed(metric->WithTags(tags)->Emit(Nameless(type, number)));
+}
+
+}  // namespace
+
+MetricSelfMonitor::MetricSelfMonitor(MetricClient* client) : client_(client) {}
+
+MetricSelfMonitor::~MetricSelfMonitor() {
+  Exit();
+  client_ = nullptr;
+  METRICS_LOG_DEBUG("MetricSelfMonitor Destructor.\n");
+}
+
+ReturnCode MetricSelfMonitor::Start() {
+  const MetricConfiger* const configer = client_->configer_.get();
+  const ReturnCode code = MakeMetrics();
+  if (code != ReturnCode::kOk) {
+    METRICS_LOG_CODE(code);
+    return code;
+  }
+  BindOwnSender();
+  interval_ = configer != nullptr ? configer->monitor_interval_ : kDefaultIntervalMillis;
+  if (state_.load() != MetricState::INIT) {
+    return ReturnCode::kOk;
+  }
+  state_.exchange(MetricState::READY);
+  thread_ = std::thread(&MetricSelfMonitor::ClickLoop, this, client_->metric_factory_, interval_);
+  METRICS_LOG_INFO("Self Monitor started\n");
+  return ReturnCode::kOk;
+}
+
+ReturnCode MetricSelfMonitor::MakeMetrics() {
+  ReturnCode code = client_->metric_factory_->CreateRegistry(
+      registry_, RegistryCfg(client_->configer_->monitor_flush_interval_));
+  if (code == ReturnCode::kOk) {
+    code = MakeVersion();
+  }
+  if (code == ReturnCode::kOk) {
+    code = MakeMetric(*registry_, "metric", {"metric_name"},
+                      {{"emit.success", MetricsType::kRate},
+                       {"emit.fail", MetricsType::kRate},
+                       {"cache.series", MetricsType::kGauge},
+                       {"cache.mem", MetricsType::kGauge}},
+                      statistic_.metric_stat);
+  }
+  if (code == ReturnCode::kOk) {
+    code = MakeMetric(*registry_, "sender", {"tenant", "cause"},
+                      {{"bytes", MetricsType::kRate},
+                       {"metrics", MetricsType::kRate},
+                       {"series", MetricsType::kRate}},
+                      statistic_.sender_stat);
+  }
+  if (code == ReturnCode::kOk) {
+    code = MakeLatency();
+  }
+  if (code == ReturnCode::kOk) {
+    code = MakeMetric(*registry_, "sender.fail", {"tenant", "status"}, {}, statistic_.sender_fail);
+  }
+  return code;
+}
+
+ReturnCode MetricSelfMonitor::MakeVersion() {
+  Metric* version = nullptr;
+  ReturnCode code = registry_->CreateMetric(version, "version", {kVersionTag}, nullptr);
+  if (code != ReturnCode::kOk) {
+    return code;
+  }
+  statistic_.version_item = version->WithTags({{kVersionTag, kVersion}});
+  code = statistic_.version_item->Emit(Nameless(MetricsType::kGauge, 1));
+  if (code == ReturnCode::kOk) {
+    statistic_.version_data = statistic_.version_item->Fields()[""];
+  }
+  return code;
+}
+
+ReturnCode MetricSelfMonitor::MakeLatency() {
+  // Marked before any sender can see it.
+  std::atomic<Metric*> made{nullptr};
+  const ReturnCode code = MakeMetric(*registry_, "sender.latency", {"tenant", "name"}, {}, made);
+  Metric* const metric = made.load();
+  if (metric != nullptr) {
+    metric->SetMultiFieldSummary(true);
+  }
+  statistic_.sender_latency.store(metric, std::memory_order_release);
+  return code;
+}
+
+void MetricSelfMonitor::BindOwnSender() {
+  MetricSender* sender = nullptr;
+  LogIfFailed(client_->sender_manager_->GetSender(sender, kTenant));
+  if (sender != nullptr) {
+    sender->InitStat();
+  }
+}
+
+void MetricSelfMonitor::ClickLoop(std::shared_ptr<MetricFactory> factory, int interval) {
+  ::pthread_setname_np(::pthread_self(), "ms_monitor");
+  const long heartbeat = 1;
+  while (state_.load() == MetricState::READY) {
+    statistic_.version_data->Emit(heartbeat);
+    statistic_.version_item->Refresh();
+    if (!EmitForMetric(factory) || !SyncMilliStepSleep(interval, kSliceMillis, state_)) {
+      return;
+    }
+  }
+}
+
+bool MetricSelfMonitor::EmitForMetric(std::shared_ptr<MetricFactory>& factory) {
+  if (factory->state_.load(std::memory_order_relaxed) != MetricState::READY) {
+    return false;
+  }
+  Metric* const stat_metric = statistic_.metric_stat.load(std::memory_order_acquire);
+  for (const std::shared_ptr<MetricRegistry>& registry : factory->GetAllRegistry()) {
+    for (const std::shared_ptr<Metric>& metric : registry->GetAllMetric()) {
+      LogIfFailed(metric->EmitStat(stat_metric));
+    }
+  }
+  return true;
+}
+
+std::shared_ptr<MetricCollectorItem> MetricSelfMonitor::InitSelfMonitorItem(
+    Metric* metric, std::vector<tidegate::MetricTag>&& tags) const {
+  return metric == nullptr ? nullptr : metric->WithTags(tags);
+}
+
+std::shared_ptr<MetricBasicData> MetricSelfMonitor::InitSenderMonitorData(
+    std::vector<tidegate::MetricTag>&& tags, const std::string& field,
+    std::shared_ptr<MetricCollectorItem>& item) const {
+  if (item == nullptr) {
+    item = InitSelfMonitorItem(statistic_.sender_stat.load(std::memory_order_acquire),
+                               std::move(tags));
+  }
+  return item == nullptr ? nullptr : item->Fields()[field];
+}
+
+void MetricSelfMonitor::Exit() {
+  if (state_.load() != MetricState::READY) {
+    return;
+  }
+  state_.exchange(MetricState::SHUTDOWN);
+  if (thread_.joinable()) {
+    thread_.join();
+  }
+  LogIfFailed(client_->metric_factory_->RemoveRegistry(kPrefix, kTenant));
+  registry_ = nullptr;
+  statistic_.version_data.reset();
+  statistic_.version_item.reset();
+  statistic_.metric_stat.store(nullptr);
+  statistic_.sender_stat.store(nullptr);
+  statistic_.sender_fail.store(nullptr);
+  METRICS_LOG_INFO("Self Monitor stoped.\n");
+}
+
+void MetricSelfMonitor::AtFork() {
+  if (state_.load() == MetricState::READY) {
+    state_.exchange(MetricState::SHUTDOWN);
+    if (InForkTeardown()) {
+      Abandon(thread_);
+    } else if (thread_.joinable()) {
+      thread_.join();
+    }
+    client_ = nullptr;
+  }
+  METRICS_LOG_INFO("Self Monitor AtFork.\n");
+}
+
+void MetricSelfMonitor::EmitForSenderLatency(const std::string& tenant, const std::string& name,
+                                             long value) {
+  EmitOn(statistic_.sender_latency, {{"tenant", tenant}, {"name", name}}, MetricsType::kTimer,
+         value);
+}
+
+void MetricSelfMonitor::EmitForSenderFial(const std::string& tenant, const std::string& status) {
+  EmitOn(statistic_.sender_fail, {{"tenant", tenant}, {"status", status}}, MetricsType::kRate, 1);
+}
+
+}  // namespace METRICS

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "metrics/metric_collector_item.h"
+#include "tidegate/metric_tag.h"
+#include "util/metric_common.h"
+#include "util/metric_error_code.h"
+
+namespace METRICS {
+
+class Metric;
+class MetricClient;
+class MetricFactory;
+class MetricRegistry;
+
+/// The library's reports on itself, as ordinary metrics under the tenant "inf.metrics" and the
+/// prefix "inf.tidegate": "version" (a heartbeat), "metric" (series, memory and emissions of each
+/// metric), "sender" (bytes, metrics and series sent and dropped), "sender.latency" (microseconds
+/// of flushes and packets) and "sender.fail" (failed sends by the error's text).
+///
+/// Threads: `Start`, `Exit` and `AtFork` on the client's threads; "ms_monitor" keeps the heartbeat
+/// and walks the registries; the flush threads report through `EmitForSender...`. A stop costs at
+/// most 5 ms and what is left of a walk.
+class MetricSelfMonitor {
+ public:
+  /// What the loop and the senders write into. Set by `Start` and cleared by `Exit`; read by other
+  /// threads meanwhile.
+  struct Statistic {
+    std::shared_ptr<MetricBasicData> version_data;  ///< of the loop alone
+    std::shared_ptr<MetricCollectorItem> version_item;
+    std::atomic<Metric*> metric_stat{nullptr};
+    std::atomic<Metric*> sender_stat{nullptr};
+    std::atomic<Metric*> sender_latency{nullptr};
+    std::atomic<Metric*> sender_fail{nullptr};
+  };
+
+  explicit MetricSelfMonitor(MetricClient* client);
+  ~MetricSelfMonitor();
+  MetricSelfMonitor(const MetricSelfMonitor&) = delete;
+  MetricSelfMonitor& operator=(const MetricSelfMonitor&) = delete;
+
+  /// Makes the registry, its metrics and the thread. The code of the first failure.
+  ReturnCode Start();
+  /// Body of the thread; `interval` is the pause in milliseconds.
+  void ClickLoop(std::shared_ptr<MetricFactory> factory, int interval);
+  /// Reports every metric's statistics once. False when the factory is shut down.
+  bool EmitForMetric(std::shared_ptr<MetricFactory>& factory);
+  /// The series of `tags` in `metric`; null without a metric.
+  std::shared_ptr<MetricCollectorItem> InitSelfMonitorItem(
+      Metric* metric, std::vector<tidegate::MetricTag>&& tags) const;
+  /// The cell `field` of the sender series of `tags`, null if there is none. Fills `item` first if
+  /// it is null.
+  std::shared_ptr<MetricBasicData> InitSenderMonitorData(
+      std::vector<tidegate::MetricTag>&& tags, const std::string& field,
+      std::shared_ptr<MetricCollectorItem>& item) const;
+  /// Stops the thread and removes the registry. Does nothing unless it is running.
+  void Exit();
+  /// For the child of a fork: forgets the thread.
+  void AtFork();
+
+  /// Reports `value` microseconds for a flush (`name` "tenant") or a packet ("package").
+  void EmitForSenderLatency(const std::string& tenant, const std::string& name, long value);
+  /// Counts a failed send under the error's text.
+  void EmitForSenderFial(const std::string& tenant, const std::string& status);
+
+  volatile std::atomic<MetricState> state_{MetricState::INIT};
+  std::thread thread_;
+  Statistic statistic_;
+  MetricRegistry* registry_ = nullptr;  ///< not owned
+  MetricClient* client_;                ///< not owned
+  int32_t interval_ = 1;                ///< milliseconds
+
+ private:
+  ReturnCode MakeMetrics();
+  ReturnCode MakeVersion();
+  ReturnCode MakeLatency();
+  /// Lets the sender of these metrics report on itself, which it could not when it was made.
+  void BindOwnSender();
+};
+
+}  // namespace METRICS
