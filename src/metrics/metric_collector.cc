@@ -40,6 +40,36 @@ std::shared_ptr<MetricCollectorItem> MetricCollectorBase::GetOrCreate(
 }
 uint32_t MetricCollectorBase::Id() { return 0; }
 
+bool MetricCollectorBase::AtSeriesQuota() const {
+  const unsigned long count = factory_->total_series_.load();
+  if (count < factory_->max_series_) {
+    return false;
+  }
+  // The line names the default quota, whatever the configured one is.
+  METRICS_LOG_WARN("TotalSeriesCount reach maximum, count: %lu quota: %d\n", count, 10000000);
+  return true;
+}
+
+std::shared_ptr<MetricCollectorItem> MetricCollectorBase::MakeItem(
+    const std::vector<std::string>& tag_values, bool encode_tags) const {
+  int32_t tag_hash = 0;
+  std::string encoded_tags;
+  if (encode_tags) {
+    encoded_tags = metric_->impl_->EncodeTagBlock(tag_values, tag_hash);
+  }
+  switch (co_type_) {
+    case MetricCoItemType::kCoItemSuffix:
+      return std::make_shared<MetricSuffixArray>(metric_, tag_hash, encoded_tags);
+    case MetricCoItemType::kCoItemField:
+      return std::make_shared<MetricFieldArray>(metric_, tag_hash, encoded_tags);
+    case MetricCoItemType::kCoItemCompatible:
+      return std::make_shared<MetricCompatibleItem>(metric_, tag_hash, encoded_tags);
+    case MetricCoItemType::kCoItemUnknown:
+      break;
+  }
+  return nullptr;
+}
+
 HashMapCollector::HashMapCollector(MetricCollectorFactory* factory, Metric* metric)
     : MetricCollectorBase(factory, metric),
       series_(std::make_unique<SeriesMap>(factory->total_series_)) {}
@@ -50,7 +80,7 @@ std::vector<Series> HashMapCollector::GetAll() { return series_->GetAll(); }
 
 unsigned long HashMapCollector::SeriesSize() { return series_->Size(); }
 
-unsigned long HashMapCollector::DPSize() {
+unsigned long MetricCollectorBase::CountCells() {
   unsigned long cells = 0;
   for (const Series& series : GetAll()) {
     cells += series.second->Size();
@@ -82,16 +112,13 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::GetOrCreate(
 
 std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateSeries(
     const std::vector<std::string>& tag_values) {
-  const unsigned long count = factory_->total_series_.load();
-  if (count >= factory_->max_series_) {
-    // The line names the default quota, whatever the configured one is.
-    METRICS_LOG_WARN("TotalSeriesCount reach maximum, count: %lu quota: %d\n", count, 10000000);
+  if (AtSeriesQuota()) {
     return MetricImpl::GetMetricDummyItem(metric_);
   }
   if (metric_ == nullptr) {
     return DummyItem();
   }
-  std::shared_ptr<MetricCollectorItem> item = MakeItem(tag_values);
+  std::shared_ptr<MetricCollectorItem> item = MakeItem(tag_values, pre_encode_tags_);
   if (item == nullptr) {
     METRICS_LOG_ERROR("Internal Error for Unknown Collector Type: %d\n",
                       static_cast<int>(co_type_));
@@ -108,26 +135,6 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateSeries(
              static_cast<int>(item->Type()));
   }
   return item;
-}
-
-std::shared_ptr<MetricCollectorItem> HashMapCollector::MakeItem(
-    const std::vector<std::string>& tag_values) {
-  int32_t tag_hash = 0;
-  std::string encoded_tags;
-  if (pre_encode_tags_) {
-    encoded_tags = metric_->impl_->EncodeTagBlock(tag_values, tag_hash);
-  }
-  switch (co_type_) {
-    case MetricCoItemType::kCoItemSuffix:
-      return std::make_shared<MetricSuffixArray>(metric_, tag_hash, encoded_tags);
-    case MetricCoItemType::kCoItemField:
-      return std::make_shared<MetricFieldArray>(metric_, tag_hash, encoded_tags);
-    case MetricCoItemType::kCoItemCompatible:
-      return std::make_shared<MetricCompatibleItem>(metric_, tag_hash, encoded_tags);
-    case MetricCoItemType::kCoItemUnknown:
-      break;
-  }
-  return nullptr;
 }
 
 }  // namespace METRICS

@@ -222,6 +222,12 @@ class MetricCollectorBase {
       const std::vector<std::string>& tag_values);
   virtual uint32_t Id();
 
+  /// A new item of this collector's kind, which is in no table yet; null for an unknown kind.
+  /// `encode_tags`: with its tags encoded ahead.
+  std::shared_ptr<MetricCollectorItem> MakeItem(const std::vector<std::string>& tag_values,
+                                                bool encode_tags) const;
+  /// Whether the series quota is reached, with a Warn line if so.
+  bool AtSeriesQuota() const;
   /// The metric, kept alive by the result; null when it is being destroyed.
   std::shared_ptr<Metric> PinMetric() const { return metric_ref_.lock(); }
 
@@ -231,6 +237,9 @@ class MetricCollectorBase {
   const MetricCoItemType co_type_;
   const std::string name_;
   const bool pre_encode_tags_;  ///< encode a series' tags once, when it is made
+
+ protected:
+  unsigned long CountCells();
 
  private:
   const std::weak_ptr<Metric> metric_ref_;
@@ -247,7 +256,7 @@ class HashMapCollector final : public MetricCollectorBase {
 
   std::vector<Series> GetAll() override;
   unsigned long SeriesSize() override;
-  unsigned long DPSize() override;
+  unsigned long DPSize() override { return CountCells(); }
   ReturnCode Clear() override;
   void Erase(const std::vector<std::string>& tag_values) override;
   std::shared_ptr<MetricCollectorItem> GetOrCreate(
@@ -256,7 +265,6 @@ class HashMapCollector final : public MetricCollectorBase {
 
  private:
   std::shared_ptr<MetricCollectorItem> CreateSeries(const std::vector<std::string>& tag_values);
-  std::shared_ptr<MetricCollectorItem> MakeItem(const std::vector<std::string>& tag_values);
 
   const std::unique_ptr<SeriesMap> series_;
 };

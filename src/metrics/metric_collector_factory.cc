@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "metrics/metric.h"
+#include "metrics/metric_kdtree_collector.h"
 #include "metrics/metric_registry.h"
 #include "util/fork_guard.h"
 #include "util/metric_log.h"
@@ -65,7 +66,12 @@ CollectorPtr MetricCollectorFactory::CreateCollector(const std::string& tenant,
     names->second.erase(found);
     --total_collectors_;
   }
-  CollectorPtr collector = std::make_shared<HashMapCollector>(this, metric);
+  CollectorPtr collector;
+  if (collector_kind_ != 0) {
+    collector = std::make_shared<KDTreeCollector>(this, metric);
+  } else {
+    collector = std::make_shared<HashMapCollector>(this, metric);
+  }
   collector->Init();
   names->second.emplace(name, collector);
   ++total_collectors_;

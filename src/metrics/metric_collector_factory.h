@@ -76,6 +76,8 @@ class MetricCollectorFactory {
   const unsigned long max_series_;              ///< the quota
   using NameMap = std::unordered_map<std::string, CollectorPtr>;
   std::unordered_map<std::string, NameMap> tenants_ METRICS_GUARDED_BY(rwlock_);
+  /// 0: new collectors are `HashMapCollector`s, else `KDTreeCollector`s. Nothing sets it.
+  uint32_t collector_kind_ = 0;
   int32_t total_collectors_ METRICS_GUARDED_BY(rwlock_) = 0;
   std::atomic<MetricState> state_{MetricState::INIT};
 

@@ -70,7 +70,11 @@ void MetricImpl::DeregisterCollector() {
 }
 
 MetricImpl::ItemPtr MetricImpl::GetOrCreate(const std::vector<std::string>& tag_values) {
-  return collector_->GetOrCreate(tag_values);
+  ItemPtr item = collector_->GetOrCreate(tag_values);
+  if (item == nullptr) {
+    return GetDummyItem();
+  }
+  return item;
 }
 
 ReturnCode MetricImpl::ClearCollector() {

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "metrics/metric_collector.h"
+#include "util/metric_kdtree.h"
+
+namespace METRICS {
+
+/// A collector over 512 trees, chosen by a hash of the tag values. Stands beside `HashMapCollector`
+/// for builds that give the factory's `collector_kind_` another default; its series do not expire.
+///
+/// At the series quota a new series gives a null item. Tags are always encoded ahead.
+class KDTreeCollector final : public MetricCollectorBase {
+ public:
+  KDTreeCollector(MetricCollectorFactory* factory, Metric* metric);
+  ~KDTreeCollector() override;
+
+  /// Makes the trees.
+  ReturnCode Init() override;
+  std::vector<Series> GetAll() override;
+  unsigned long SeriesSize() override;
+  unsigned long DPSize() override { return CountCells(); }
+  ReturnCode Clear() override;
+  std::shared_ptr<MetricCollectorItem> GetOrCreate(
+      const std::vector<std::string>& tag_values) override;
+  uint32_t Id() override { return 3; }
+
+ private:
+  size_t dimension_ = 0;
+  std::vector<KDTree> trees_;
+};
+
+}  // namespace METRICS

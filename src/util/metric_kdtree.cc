@@ -1,0 +1,150 @@
+#include "util/metric_kdtree.h"
+
+#include <string_view>
+
+#include "metrics/metric_collector_factory.h"
+#include "metrics/metric_collector_item.h"
+#include "metrics/metric_kdtree_collector.h"
+#include "util/fork_guard.h"
+#include "util/metric_log.h"
+#include "util/metric_string_util.h"
+
+namespace METRICS {
+namespace {
+
+std::string_view ValueAt(const std::vector<std::string>& values, size_t place) {
+  return place < values.size() ? std::string_view(values[place]) : std::string_view();
+}
+
+}  // namespace
+
+KDTree::KDTree(MetricCoItemType co_type, size_t dimension, Metric* metric,
+               KDTreeCollector* collector)
+    : co_type_(co_type), dimension_(dimension), metric_(metric), collector_(collector) {}
+
+KDTree::~KDTree() {
+  if (InForkTeardown() && rwlock_.ReinitAfterFork()) {
+    return;  // a thread of the parent was taking the nodes apart
+  }
+  Clear();
+}
+
+KDTree::KDTree(KDTree&& other) noexcept
+    : co_type_(other.co_type_),
+      dimension_(other.dimension_),
+      metric_(other.metric_),
+      collector_(other.collector_) {
+  TakeFrom(other);
+}
+
+KDTree& KDTree::operator=(KDTree&& other) noexcept {
+  if (this != &other) {
+    Clear();
+    co_type_ = other.co_type_;
+    dimension_ = other.dimension_;
+    metric_ = other.metric_;
+    collector_ = other.collector_;
+    TakeFrom(other);
+  }
+  return *this;
+}
+
+void KDTree::TakeFrom(KDTree& other) {
+  root_.exchange(other.root_.exchange(nullptr));
+  all_nodes_.exchange(other.all_nodes_.exchange(nullptr));
+  size_.exchange(other.size_.exchange(0));
+}
+
+bool KDTree::SortsBefore(const std::vector<std::string>& a, const std::vector<std::string>& b,
+                         size_t depth) const {
+  const size_t place = dimension_ == 0 ? a.size() + b.size() : depth % dimension_;
+  return ValueAt(a, place) < ValueAt(b, place);
+}
+
+std::atomic<KDTree::TreeNode*>* KDTree::Descend(std::atomic<TreeNode*>* slot,
+                                                const std::vector<std::string>& tag_values,
+                                                size_t& depth) const {
+  for (TreeNode* node = slot->load(); node != nullptr; node = slot->load()) {
+    if (METRICS::operator==(node->tag_values, tag_values)) {
+      return slot;
+    }
+    slot = SortsBefore(tag_values, node->tag_values, depth) ? &node->left : &node->right;
+    ++depth;
+  }
+  return slot;
+}
+
+KDTree::ItemPtr KDTree::GetOrCreate(const std::vector<std::string>& tag_values) {
+  MetricCollectorFactory& factory = *collector_->factory_;
+  const ReadGuard guard(rwlock_);
+  size_t depth = 0;
+  std::atomic<TreeNode*>* slot = Descend(&root_, tag_values, depth);
+  if (const TreeNode* const found = slot->load(); found != nullptr) {
+    return found->item;
+  }
+  if (collector_->AtSeriesQuota()) {
+    return nullptr;
+  }
+  const std::shared_ptr<TreeNode> made = NewNode(tag_values);
+  if (made == nullptr) {
+    return nullptr;
+  }
+  // A slot that another thread fills first is descended from: the key may stand there by now.
+  for (TreeNode* winner = nullptr; !slot->compare_exchange_strong(winner, made.get());
+       winner = nullptr) {
+    slot = Descend(slot, tag_values, depth);
+    if (const TreeNode* const found = slot->load(); found != nullptr) {
+      return found->item;
+    }
+  }
+  made->self = made;
+  LinkIntoChain(made.get());
+  size_.fetch_add(1);
+  factory.total_series_.fetch_add(1);
+  if (LogLevel() == 0) {
+    DebugMsg(tag_values, "Create a Item in KDTree with DataBase type: %d",
+             static_cast<int>(made->item->Type()));
+  }
+  return made->item;
+}
+
+std::shared_ptr<KDTree::TreeNode> KDTree::NewNode(
+    const std::vector<std::string>& tag_values) const {
+  ItemPtr item = collector_->MakeItem(tag_values, true);
+  if (item == nullptr) {
+    METRICS_LOG_ERROR("Internal Error for Unknown MetricCoItemType: %d\n",
+                      static_cast<int>(co_type_));
+    return nullptr;
+  }
+  return std::make_shared<TreeNode>(tag_values, std::move(item));
+}
+
+void KDTree::LinkIntoChain(TreeNode* node) {
+  node->next_node = all_nodes_.load();
+  while (!all_nodes_.compare_exchange_weak(node->next_node, node)) {
+  }
+}
+
+std::vector<KDTree::KeyedItem> KDTree::GetAll() {
+  std::vector<KeyedItem> all;
+  const ReadGuard guard(rwlock_);
+  all.reserve(Size());
+  for (TreeNode* node = all_nodes_.load(); node != nullptr; node = node->next_node) {
+    all.emplace_back(node->tag_values, ItemPtr(node->self, node->item.get()));
+  }
+  return all;
+}
+
+void KDTree::Clear() {
+  const WriteGuard guard(rwlock_);
+  TreeNode* node = all_nodes_.exchange(nullptr);
+  root_.exchange(nullptr);
+  collector_->factory_->total_series_.fetch_sub(size_.exchange(0));
+  while (node != nullptr) {
+    TreeNode* const next = node->next_node;
+    const std::shared_ptr<TreeNode> dropped = std::move(node->self);
+    node = next;
+  }
+}
+
+}  // namespace METRICS

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "util/metric_common.h"
+#include "util/metric_lock.h"
+
+namespace METRICS {
+
+class KDTreeCollector;
+class Metric;
+class MetricCollectorItem;
+
+/// A binary tree of series that branches on one tag value per level.
+///
+/// Threads: look-ups and insertions share the lock and run in parallel: an insertion writes a null
+/// child pointer once, by compare-exchange, and a node never moves. `Clear` excludes them. Nodes
+/// are never removed singly and the tree is never balanced. Owns its nodes; a series that `GetAll`
+/// handed out keeps its node alive.
+class KDTree {
+ public:
+  using ItemPtr = std::shared_ptr<MetricCollectorItem>;
+  /// A key and its item; the pointer keeps both alive.
+  using KeyedItem = std::pair<const std::vector<std::string>&, ItemPtr>;
+
+  /// `dimension` is how many tag values are branched on; a key that has fewer compares as if the
+  /// missing ones were empty.
+  KDTree(MetricCoItemType co_type, size_t dimension, Metric* metric, KDTreeCollector* collector);
+  ~KDTree();
+  /// Leaves `other` empty.
+  KDTree(KDTree&& other) noexcept;
+  KDTree& operator=(KDTree&& other) noexcept;
+  KDTree(const KDTree&) = delete;
+  KDTree& operator=(const KDTree&) = delete;
+
+  /// The item of the series, made on first sight; null at the series quota.
+  ItemPtr GetOrCreate(const std::vector<std::string>& tag_values);
+  /// All series, newest first.
+  std::vector<KeyedItem> GetAll();
+  size_t Size() const { return size_.load(); }
+  bool IsEmpty() const { return root_.load() == nullptr; }
+  size_t Dimension() const { return dimension_; }
+  /// Drops all series, and takes them out of the factory's count.
+  void Clear();
+
+ private:
+  struct TreeNode {
+    TreeNode(const std::vector<std::string>& key, ItemPtr series)
+        : tag_values(key), item(std::move(series)) {}
+
+    const std::vector<std::string> tag_values;
+    const ItemPtr item;
+    std::atomic<TreeNode*> left{nullptr};   ///< smaller in this level's dimension
+    std::atomic<TreeNode*> right{nullptr};  ///< equal or greater
+    TreeNode* next_node = nullptr;          ///< chain of all nodes, newest first
+    std::shared_ptr<TreeNode> self;         ///< the tree's hold on the node
+  };
+
+  /// Whether `a` sorts before `b` at the level `depth`.
+  bool SortsBefore(const std::vector<std::string>& a, const std::vector<std::string>& b,
+                   size_t depth) const;
+  /// The slot below `slot` where `tag_values` stands or belongs; `depth` goes along.
+  std::atomic<TreeNode*>* Descend(std::atomic<TreeNode*>* slot,
+                                  const std::vector<std::string>& tag_values, size_t& depth) const;
+  /// A node that nobody else sees yet, or null.
+  std::shared_ptr<TreeNode> NewNode(const std::vector<std::string>& tag_values) const;
+  void LinkIntoChain(TreeNode* node);
+  void TakeFrom(KDTree& other);
+
+  MetricCoItemType co_type_;
+  size_t dimension_;
+  Metric* metric_;              ///< not owned
+  KDTreeCollector* collector_;  ///< not owned
+  std::atomic<TreeNode*> root_{nullptr};
+  std::atomic<TreeNode*> all_nodes_{nullptr};
+  std::atomic<size_t> size_{0};
+  RwLock rwlock_;
+};
+
+}  // namespace METRICS
