@@ -10,6 +10,7 @@
 #include "metrics/metric_factory.h"
 #include "metrics/metric_sender_manager.h"
 #include "util/fork_guard.h"
+#include "util/metric_log.h"
 
 namespace METRICS {
 namespace {
