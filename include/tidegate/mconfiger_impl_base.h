@@ -26,7 +26,7 @@ class MConfigerImplBase {
   virtual void Stop() = 0;
   /// The flush interval of `tenant` in whole seconds, with `first` telling whether there is one;
   /// 30 seconds hold otherwise. Asked at most three times when the tenant's first registry is
-  /// made, and never again.
+  /// made, and never again. Must not call the client, which may be waiting for the flush thread.
   virtual std::pair<bool, int> GetTenantInterval(const std::string& tenant) = 0;
   /// Names the fallback service to look up for tenants that are delivered over TCP.
   virtual std::string GetSinkName() = 0;

@@ -15,8 +15,9 @@ namespace tidegate {
 /// deletes it. A vendor named by a `MetricRegistryCfg` is only borrowed for the call.
 /// Threads: `ImmutableTags`, `RewritableTags` and `GetSenderOutPath` are called from any thread
 /// that makes a registry and from the flush threads, possibly at the same time; `GetPSM` and
-/// `EnableMonitor` only from `Init`. The library never holds one of its table locks meanwhile.
-/// Operations that say "not called by the library" are there for the application's own use.
+/// `EnableMonitor` only from `Init`. None of them may call the client: senders are made, and
+/// stopped, under the lock of the table of senders. Operations that say "not called by the library"
+/// are there for the application's own use.
 class VendorInterface {
  public:
   virtual ~VendorInterface() = default;

@@ -12,6 +12,7 @@
 #include "metrics/metric_self_monitor.h"
 #include "metrics/metric_sender_manager.h"
 #include "util/fork_guard.h"
+#include "util/metric_log.h"
 
 namespace METRICS {
 namespace {

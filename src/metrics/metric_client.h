@@ -13,7 +13,7 @@
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
 #include "util/metric_export.h"
-#include "util/metric_log.h"
+#include "util/metric_log_level.h"
 
 namespace METRICS {
 
@@ -49,8 +49,8 @@ class METRICS_API MetricClient {
 
   /// Brings the client into service. Takes the three objects over: they must come from `new` and
   /// are deleted when the client ends. Null for `vendor` and `discovery` selects `DummyVendor`
-  /// and `DummyServiceDiscovery`. REQUIRES: `configer_impl` is not null. 83 when an object cannot
-  /// be made; destroy the client then.
+  /// and `DummyServiceDiscovery`. REQUIRES: `configer_impl` is not null, and the client is new or
+  /// has ended. 83 when an object cannot be made; destroy the client then.
   ///
   /// Reads METRICS_MAX_METRICS_PER_REGISTRY, once in the life of the process.
   ReturnCode Init(tidegate::MConfigerImplBase* configer_impl, tidegate::VendorInterface* vendor,
@@ -66,11 +66,11 @@ class METRICS_API MetricClient {
   /// Stops all threads and drops everything, unflushed values too. Safe twice. Always 0.
   ReturnCode Exit();
   /// Sends what the cells hold, then as `Exit`. A flush that was running meanwhile counts as the
-  /// last one. REQUIRES: `Init` was called.
+  /// last one. REQUIRES: the client is in service.
   void FlushAndExit();
   /// For the child of a `fork`, to be called by the application before anything else of this
   /// client: drops everything without touching the parent's threads, connections or data; nothing
-  /// is sent. `Init` may be called again afterwards. REQUIRES: `Init` was called.
+  /// is sent. `Init` may be called again afterwards. REQUIRES: the client is in service.
   void AtFork();
 
   // Set by `Init`, read by the parts of the library, null otherwise.

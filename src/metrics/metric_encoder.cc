@@ -92,8 +92,7 @@ void MetricEncoder::EncodeCodecHeader(const std::string& tenant) {
 void MetricEncoder::EncodeTenantTags(EPacket& packet) {
   packet.Put(static_cast<uint32_t>(2 * tenant_tags_.size()));
   for (const TagKV& tag : tenant_tags_) {
-    packet.EncodeString(tag.key);
-    packet.EncodeString(tag.value);
+    lattice_kit::codec::Encode(tag, packet);
   }
 }
 

@@ -1,5 +1,6 @@
 #include "metrics/metric_factory.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "metrics/metric_client.h"
@@ -9,6 +10,7 @@
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
+#include "util/metric_tag_util.h"
 
 namespace METRICS {
 namespace {
@@ -74,15 +76,10 @@ ReturnCode MetricFactory::CheckDefinition(const std::string& prefix,
   if (!IsValidKey(tenant) || !IsValidKeyOrEmpty(prefix)) {
     return ReturnCode::kInvalidString;
   }
-  std::vector<std::string> keys;
-  keys.reserve(tags.size());
-  for (const tidegate::MetricTag& tag : tags) {
-    if (!IsValidKey(tag.key) || !IsValidValue(tag.value)) {
-      return ReturnCode::kInvalidString;
-    }
-    keys.push_back(tag.key);
+  if (!std::all_of(tags.begin(), tags.end(), IsValidTag)) {
+    return ReturnCode::kInvalidString;
   }
-  if (!CheckDuplicatedString(keys)) {
+  if (!CheckDuplicatedString(KeysOf(tags))) {
     return ReturnCode::kDuplicatedTagName;
   }
   return flush_interval < 1 ? ReturnCode::kNotSupported : ReturnCode::kOk;

@@ -17,19 +17,6 @@ namespace {
 constexpr size_t kMaxTagNames = 255;
 constexpr uint16_t kMaxColumns = 1024;
 
-bool IsValidTag(const tidegate::MetricTag& tag) {
-  return IsValidKey(tag.key) && IsValidValue(tag.value);
-}
-
-std::vector<std::string> KeysOf(const std::vector<tidegate::MetricTag>& tags) {
-  std::vector<std::string> keys;
-  keys.reserve(tags.size());
-  for (const tidegate::MetricTag& tag : tags) {
-    keys.push_back(tag.key);
-  }
-  return keys;
-}
-
 /// How many columns a field of type `type` takes in a row.
 size_t ColumnsOf(const MetricFieldCfg& field) {
   switch (field.type) {
@@ -188,7 +175,7 @@ ReturnCode MetricRegistry::GetMetric(Metric*& metric, std::string name) {
 
 void MetricRegistry::Retire(Metric& metric) {
   MetricImpl& impl = *metric.impl_;
-  impl.state_.store(MetricState::SHUTDOWN);
+  impl.state_.store(MetricState::SHUTDOWN, std::memory_order_relaxed);
   impl.ClearCollector();
   impl.DeregisterCollector();
   impl.tag_names_.clear();
@@ -233,7 +220,7 @@ ReturnCode MetricRegistry::Block() {
   METRICS_LOG_DEBUG("Block MetricRegistry tenant[%s], prefix[%s], metric size[%ld]\n",
                     tenant_.c_str(), prefix_.c_str(), static_cast<long>(metrics_.size()));
   for (const auto& [name, metric] : metrics_) {
-    metric->impl_->state_.store(MetricState::BLOCKED);
+    metric->impl_->state_.store(MetricState::BLOCKED, std::memory_order_relaxed);
     metric->impl_->ClearCollector();
   }
   return ReturnCode::kOk;
@@ -245,7 +232,7 @@ ReturnCode MetricRegistry::UnBlock() {
   METRICS_LOG_DEBUG("UnBlock MetricRegistry tenant[%s], prefix[%s], metric size[%ld]\n",
                     tenant_.c_str(), prefix_.c_str(), static_cast<long>(metrics_.size()));
   for (const auto& [name, metric] : metrics_) {
-    metric->impl_->state_.store(MetricState::READY);
+    metric->impl_->state_.store(MetricState::READY, std::memory_order_release);
   }
   return ReturnCode::kOk;
 }

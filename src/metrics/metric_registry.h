@@ -64,7 +64,10 @@ class METRICS_API MetricRegistry {
   MetricRegistry& operator=(const MetricRegistry&) = delete;
 
   /// Makes a metric after checking its whole definition; nothing changes when it is refused, and
-  /// `metric` is null then. See docs for the order of the checks and their codes.
+  /// `metric` is null then. In the order of the checks: 53 bad name, 35 more than 255 tag names, 51
+  /// a tag name twice, 53 or 49 a tag name that is bad or inherited, 53, 49 or 51 a constant tag
+  /// that is bad, inherited or declared, or twice, 36 bounds, 53, 52, 36 or 38 fields, 19 exists,
+  /// 82 or 17 no implementation or collector, 22 registry not in service, 34 registry full.
   ReturnCode CreateMetric(Metric*& metric, MetricInitCfg cfg);
   /// A suffixed metric, or one with a row of fields if the definition names any.
   ReturnCode CreateMetric(Metric*& metric, const MetricInstanceCfg& cfg);
@@ -103,6 +106,7 @@ class METRICS_API MetricRegistry {
   const std::string& Prefix() const { return prefix_; }
   /// A copy: the tags may still be published when a registry is found by another thread.
   std::vector<tidegate::MetricTag> InsertedTags() const;
+  /// REQUIRES: the caller holds the registry's lock, as `CreateMetric` does around `Metric::Init`.
   const std::vector<tidegate::MetricTag>& InsertedTagsLocked() const METRICS_NO_THREAD_SAFETY {
     return tags_;
   }

@@ -7,15 +7,9 @@
 #include <vector>
 
 #include "util/metric_error_code.h"
-#include "util/metric_export.h"
+#include "util/metric_log_level.h"
 
 namespace METRICS {
-
-/// Gate of the library's log lines on standard output: 0 prints everything, 1 (the default) hides
-/// debug, 2 hides info too, 3 leaves only errors, 4 and above is silent.
-///
-/// The application may store to it at any time from any thread; the library only reads it.
-extern METRICS_API std::atomic<uint8_t> g_metricsLogLevel;
 
 inline uint8_t LogLevel() { return g_metricsLogLevel.load(std::memory_order_relaxed); }
 

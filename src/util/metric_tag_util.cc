@@ -4,7 +4,22 @@
 #include <set>
 #include <unordered_map>
 
+#include "util/metric_string_util.h"
+
 namespace METRICS {
+
+bool IsValidTag(const tidegate::MetricTag& tag) {
+  return IsValidKey(tag.key) && IsValidValue(tag.value);
+}
+
+std::vector<std::string> KeysOf(const std::vector<tidegate::MetricTag>& tags) {
+  std::vector<std::string> keys;
+  keys.reserve(tags.size());
+  for (const tidegate::MetricTag& tag : tags) {
+    keys.push_back(tag.key);
+  }
+  return keys;
+}
 
 bool CheckWithInsertedTags(const std::string& key, const std::vector<tidegate::MetricTag>& tags) {
   return std::none_of(tags.begin(), tags.end(),

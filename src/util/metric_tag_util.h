@@ -7,6 +7,12 @@
 
 namespace METRICS {
 
+/// Whether key and value of `tag` are legal and not empty.
+bool IsValidTag(const tidegate::MetricTag& tag);
+
+/// The keys of `tags`, in their order.
+std::vector<std::string> KeysOf(const std::vector<tidegate::MetricTag>& tags);
+
 /// True when `key` is the key of no tag in `tags`, so that it may be added to them.
 bool CheckWithInsertedTags(const std::string& key, const std::vector<tidegate::MetricTag>& tags);
 

@@ -23,9 +23,12 @@ using lattice_kit::codec::TagKV;
 
 namespace {
 
-// Its strings keep their capacity from emission to emission. Every use fills it anew, and the
-// collector copies what it keeps.
-thread_local std::vector<std::string> tag_value_pool;
+// Work buffers by number of tags, so that their strings keep their capacity from emission to
+// emission. Every use fills one anew, and the collector copies what it keeps.
+thread_local std::vector<std::vector<std::string>> tag_value_pool;
+
+// Never destroyed: a thread may still emit while the process exits.
+const std::string& kMissingValue = *new std::string("-");
 
 }  // namespace
 
@@ -197,8 +200,13 @@ bool MetricImpl::RefuseMoreThanDeclared(size_t count) const {
 }
 
 std::vector<std::string>& MetricImpl::PreparePool() const {
-  tag_value_pool.assign(tag_count_, std::string(1, '-'));
-  return tag_value_pool;
+  std::vector<std::vector<std::string>>& pools = tag_value_pool;
+  if (pools.size() <= tag_count_) {
+    pools.resize(tag_count_ + size_t{1});
+  }
+  std::vector<std::string>& pool = pools[tag_count_];
+  pool.assign(tag_count_, kMissingValue);
+  return pool;
 }
 
 void MetricImpl::PrepareSendTagKV(const std::vector<tidegate::MetricTag>& const_tags) {
