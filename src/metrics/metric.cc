@@ -79,15 +79,15 @@ ReturnCode Metric::SetHistogram(HistoUtilBase* histo) {
   if (kind_ != MetricCoItemType::kCoItemSuffix) {
     return ReturnCode::kNotSupported;
   }
-  if (!GetHistogram().empty()) {
-    METRICS_LOG_WARN("Reset Histogram is NOT allowed.\n");
-    return ReturnCode::kNotSupported;
-  }
-  if (!histo->Check()) {
+  const bool unset = GetHistogram().empty();
+  if (unset && !histo->Check()) {
     METRICS_LOG_CODE(ReturnCode::kMaxHistoBucket);
     return ReturnCode::kMaxHistoBucket;
   }
-  impl_->InitHisto(*histo);
+  if (!unset || !static_cast<SuffixedMetricImpl&>(*impl_).TakeBounds(histo->bounds)) {
+    METRICS_LOG_WARN("Reset Histogram is NOT allowed.\n");
+    return ReturnCode::kNotSupported;
+  }
   return ReturnCode::kOk;
 }
 

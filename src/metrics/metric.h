@@ -68,10 +68,11 @@ class METRICS_API Metric : public std::enable_shared_from_this<Metric> {
   /// 36 if `histo` refuses itself.
   ReturnCode SetHistogram(HistoUtilBase* histo);
   /// Emits on a compatible metric: `tag_pairs` is a flat list, key, value, key, value. 70 for
-  /// another kind or when the metric is blocked, 35 for an odd number or more than 510 strings, 53
-  /// for a bad key or value.
+  /// another kind, when the metric is blocked and at the series quota, 35 for an odd number or more
+  /// than 510 strings, 53 for a bad key or value.
   ReturnCode CEmit(double value, std::vector<std::string>&& tag_pairs);
-  /// Data type of a compatible metric: a gauge, rate, counter, meter or timer.
+  /// Data type of a compatible metric: a gauge, rate, counter, meter or timer. To be set before the
+  /// first emission, whose series keep what they find; without it all emissions are dropped.
   void SetCompatibleType(MetricsType type) { compatible_type_.store(type); }
   /// Summaries travel as one row of fields instead of one gauge per number.
   void SetMultiFieldSummary(bool on) { multi_field_summary_.store(on); }

@@ -36,6 +36,7 @@ CKMSQuantiles::CKMSQuantiles()
 CKMSQuantiles::~CKMSQuantiles() {
   if (InForkTeardown() && mutex_.ReinitAfterFork()) {
     Abandon(sample_);
+    Abandon(merged_);
   }
 }
 
@@ -91,8 +92,8 @@ size_t CKMSQuantiles::KeptSamples() {
   return sample_.size();
 }
 
-double CKMSQuantiles::allowableError(int rank) const {
-  const auto n = static_cast<int>(sample_.size());
+double CKMSQuantiles::allowableError(int rank, size_t kept) const {
+  const auto n = static_cast<int>(kept);
   double min_error = n + 1;
   for (const Quantile& target : quantiles_) {
     const double error = target.quantile * n >= rank ? target.u * (n - rank) : target.v * rank;
@@ -101,6 +102,9 @@ double CKMSQuantiles::allowableError(int rank) const {
   return min_error;
 }
 
+// The algorithm inserts into the list in place. Here it is merged into a second one, which gives
+// the same list in one pass: `merged_` is the part ahead of the place of insertion, `read` where
+// the part behind it begins in the old list.
 bool CKMSQuantiles::insertBatch() {
   if (buffer_count_ == 0) {
     return false;
@@ -111,46 +115,58 @@ bool CKMSQuantiles::insertBatch() {
     sample_.emplace_back(buffer_[0], 1, 0);
     start = 1;
   }
-  size_t item = 0;
-  size_t idx = 1;
+  size_t kept = sample_.size();
+  merged_.clear();
+  merged_.reserve(kept + buffer_count_);
+  merged_.push_back(sample_.front());
+  size_t read = 1;
   for (size_t i = start; i < buffer_count_; ++i) {
     const double value = buffer_[i];
-    while (idx < sample_.size() && sample_[item].value < value) {
-      item = idx;
-      ++idx;
+    while (read < sample_.size() && merged_.back().value < value) {
+      merged_.push_back(sample_[read++]);
     }
-    if (sample_[item].value > value) {
-      --idx;
+    if (merged_.back().value > value) {
+      merged_.pop_back();
+      --read;
     }
-    const bool near_an_end = idx == 1 || idx + 1 == sample_.size();
+    const size_t place = merged_.size();
+    const bool near_an_end = place == 1 || place + 1 == kept;
     const int delta =
-        near_an_end ? 0
-                    : static_cast<int>(std::floor(allowableError(static_cast<int>(idx) + 1))) + 1;
-    sample_.insert(sample_.begin() + static_cast<std::ptrdiff_t>(idx), Item(value, 1, delta));
-    item = idx;
-    ++idx;
+        near_an_end
+            ? 0
+            : static_cast<int>(std::floor(allowableError(static_cast<int>(place) + 1, kept))) + 1;
+    merged_.emplace_back(value, 1, delta);
+    ++kept;
   }
+  merged_.insert(merged_.end(), sample_.begin() + static_cast<std::ptrdiff_t>(read), sample_.end());
+  sample_.swap(merged_);
   buffer_count_ = 0;
   return true;
 }
 
+// The algorithm erases merged items as it goes. Here they are marked by a distance of 0, which no
+// item has, and taken out at the end; places count without the marked ones.
 void CKMSQuantiles::compress() {
   if (sample_.size() < 2) {
     return;
   }
   // One thinning pass: what was merged is not looked at again.
+  size_t removed = 0;
   size_t next = 0;
-  size_t idx = 1;
-  while (idx < sample_.size()) {
-    const size_t prev = next;
+  for (size_t idx = 1; idx < sample_.size() - removed; ++idx) {
+    Item& left = sample_[next + removed];
     next = idx;
-    ++idx;
-    const int sum = sample_[prev].g + sample_[next].g + sample_[next].delta;
-    if (sum <= allowableError(static_cast<int>(next))) {
-      sample_[next].g += sample_[prev].g;
-      sample_.erase(sample_.begin() + static_cast<std::ptrdiff_t>(prev));
+    Item& right = sample_[next + removed];
+    const int sum = left.g + right.g + right.delta;
+    if (sum <= allowableError(static_cast<int>(next), sample_.size() - removed)) {
+      right.g += left.g;
+      left.g = 0;
+      ++removed;
     }
   }
+  sample_.erase(
+      std::remove_if(sample_.begin(), sample_.end(), [](const Item& item) { return item.g == 0; }),
+      sample_.end());
 }
 
 double CKMSQuantiles::get(double q) {
@@ -159,8 +175,9 @@ double CKMSQuantiles::get(double q) {
   if (sample_.empty()) {
     return std::numeric_limits<double>::quiet_NaN();
   }
-  const auto desired = static_cast<int>(q * static_cast<double>(count_));
-  const double bound = allowableError(desired) * 0.5 + desired;
+  constexpr double kMaxRank = std::numeric_limits<int>::max();
+  const auto desired = static_cast<int>(std::min(q * static_cast<double>(count_), kMaxRank));
+  const double bound = allowableError(desired, sample_.size()) * 0.5 + desired;
   int rank_min = 0;
   for (size_t i = 0; i + 1 < sample_.size(); ++i) {
     const Item& next = sample_[i + 1];

@@ -1,5 +1,6 @@
 #include "metrics/metric_collector_item.h"
 
+#include <algorithm>
 #include <ctime>
 #include <utility>
 
@@ -31,13 +32,21 @@ void EmitNumber(MetricBasicData& cell, const MetricFieldValue& value) {
   }
 }
 
+/// A number into a histogram cell.
+template <class Number>
+void EmitSample(MetricBasicData& cell, const Number& number, const std::vector<double>& bounds) {
+  const short index = GetHistoIndex(static_cast<double>(number), bounds);
+  static_cast<MetricHistogram&>(cell).Emit(index, number);
+}
+
 /// A value into a histogram cell.
-void EmitSample(MetricBasicData& cell, const MetricFieldValue& value,
-                const std::vector<double>& bounds) {
-  auto& histogram = static_cast<MetricHistogram&>(cell);
-  const double sample =
-      value.is_integer ? static_cast<double>(value.value.integer) : value.value.real;
-  histogram.Emit(GetHistoIndex(sample, bounds), sample);
+void EmitSampleValue(MetricBasicData& cell, const MetricFieldValue& value,
+                     const std::vector<double>& bounds) {
+  if (value.is_integer) {
+    EmitSample(cell, value.value.integer, bounds);
+  } else {
+    EmitSample(cell, value.value.real, bounds);
+  }
 }
 
 /// Adds the point of the interval before to `row`, for a field whose columns end before `end`.
@@ -47,6 +56,14 @@ void AppendPrevious(MetricsType type, uint32_t end, double prev_value, MultiFiel
     row.prev_fields.push_back(end - width + i);
     row.prev_values.push_back(i == 0 ? prev_value : 0.0);
   }
+}
+
+const MetricFieldInfo* FindLast(const std::string& name,
+                                const std::vector<MetricFieldInfo>& fields) {
+  const auto found =
+      std::find_if(fields.rbegin(), fields.rend(),
+                   [&name](const MetricFieldInfo& field) { return field.name == name; });
+  return found == fields.rend() ? nullptr : &*found;
 }
 
 size_t MemSizeOf(const CellMap& cells) {
@@ -204,7 +221,7 @@ void MetricSuffixArray::DoEmit(const CellMap::value_type& node, const MetricFiel
     return;
   }
   if (type == MetricsType::kHistogram) {
-    EmitSample(*node.second, value, metric_->GetHistogram());
+    EmitSampleValue(*node.second, value, metric_->GetHistogram());
   } else {
     EmitNumber(*node.second, value);
   }
@@ -274,7 +291,7 @@ void MetricFieldArray::DoEmit(const CellMap::value_type& node, const MetricField
     return;
   }
   if (type == MetricsType::kHistogram) {
-    EmitSample(*node.second, value, FindHistogram(value.name, metric_->GetFieldInfo()));
+    EmitSampleValue(*node.second, value, FindHistogram(value.name, metric_->GetFieldInfo()));
   } else {
     EmitNumber(*node.second, value);
   }
@@ -288,8 +305,7 @@ ReturnCode MetricFieldArray::EmitMap(const std::unordered_map<std::string, doubl
     }
     MetricBasicData& cell = *found->second;
     if (cell.Type() == MetricsType::kHistogram) {
-      const std::vector<double>& bounds = FindHistogram(name, metric_->GetFieldInfo());
-      static_cast<MetricHistogram&>(cell).Emit(GetHistoIndex(number, bounds), number);
+      EmitSample(cell, number, FindHistogram(name, metric_->GetFieldInfo()));
     } else {
       cell.Emit(number);
     }
@@ -304,9 +320,17 @@ size_t MetricFieldArray::MemSize() { return MemSizeOf(fields_); }
 
 MultiFieldSendRes MetricFieldArray::Send(const std::vector<MetricFieldInfo>& fields) {
   const auto interval = static_cast<unsigned int>(metric_->registry_->FlushInterval());
+  // With two fields of one name the cell is the last one's; the others stay quiet.
+  const bool shared_names = field_count_ < fields.size();
   MultiFieldSendRes row;
+  row.values.reserve(fields.size());
+  row.value_fields.reserve(fields.size());
   uint32_t column = 0;
   for (const MetricFieldInfo& field : fields) {
+    if (shared_names && FindLast(field.name, fields) != &field) {
+      column += ColumnsOf(field.type, field.bounds.size());
+      continue;
+    }
     const SendRes res = fields_.find(field.name)->second->Send(interval);
     if (res.values.empty()) {
       column += res.field_width;  // a quiet field keeps its columns

@@ -30,8 +30,10 @@ constexpr long kExpireAfterSeconds = 7200;
 ///
 /// Threads: all operations from any thread. Ownership: by shared pointer, of the collector and of
 /// callers. An item that the library has dropped (its registry was blocked, or the series idle
-/// for more than 7200 seconds) goes on taking emissions, which are lost. The base class is the
-/// dummy item that callers get after a failure: emitting on it does nothing and answers 70.
+/// for more than 7200 seconds) goes on taking emissions, which are lost; its
+/// timers keep their samples until it is dropped, so take the item again after `UnBlock`. The base
+/// class is the dummy item that callers get after a failure: emitting on it does nothing and
+/// answers 70.
 class METRICS_API MetricCollectorItem {
  public:
   MetricCollectorItem(Metric* metric, const int& tag_hash, const std::string& encoded_tags)

@@ -52,7 +52,7 @@ void MetricEncoder::EncodeCurrentCompatibleMetricHeader(MetricDataPack& pack, Me
     return;
   }
   std::string fields;
-  if (type == MetricsType::kTimer && metric_->multi_field_summary_.load()) {
+  if (type == MetricsType::kTimer) {  // only as a row does a timer share a block
     std::vector<FieldInfo> columns;
     for (const std::string& name : Metric::GetCompatibleFieldInfo()) {
       columns.emplace_back(name, kCodecValueDouble);

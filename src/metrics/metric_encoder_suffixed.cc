@@ -186,6 +186,9 @@ bool MetricEncoder::DoPackSuffixToMultiField(MetricDataPack& pack,
                                              const std::vector<double>& values,
                                              const std::string& suffix, const MetricsType& type,
                                              long timestamp) {
+  if (values.empty()) {
+    return false;
+  }
   const std::vector<FieldInfo> fields = RowFieldsOf(type);
   if (!CheckSendRes(type, values, fields.size())) {
     return false;

@@ -89,7 +89,11 @@ void ChainedVector::FreeHead() {
 }
 
 std::vector<double> ChainedVector::Send() {
-  const std::unique_ptr<double[]> flat(new double[size_]);
+  size_t samples = 0;  // the blocks' own counts, which do not wrap
+  for (const Block* block = head_; block != nullptr; block = block->next) {
+    samples += block->used;
+  }
+  const std::unique_ptr<double[]> flat(new double[samples]);
   size_t copied = 0;
   while (head_ != nullptr) {
     std::memcpy(flat.get() + copied, head_->Samples(), head_->used * sizeof(double));
@@ -142,7 +146,7 @@ void MetricSummaryVecV2::Emit(const double& value) {
 
 SendRes MetricSummaryVecV2::Send(const unsigned int& /*interval*/) {
   ChainedVector samples = TakeSamples();
-  if (samples.Size() == 0) {
+  if (samples.IsEmpty()) {
     return no_flush_res_;
   }
   return {false, samples.Send(), 0.0, 1};

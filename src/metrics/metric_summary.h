@@ -36,13 +36,14 @@ class ChainedVector {
 
   /// Appends a sample; allocates only when the newest block is full.
   void Add(double value) {
-    if (head_ != nullptr && head_->used != block_sizes_[block_index_]) {
+    if (head_ != nullptr && head_->used != head_->capacity) {
       head_->Samples()[head_->used++] = value;
       ++size_;
       return;
     }
     AddBlock(value);
   }
+  bool IsEmpty() const { return head_ == nullptr; }
   uint32_t Size() const { return size_; }
   size_t BlockCount() const;
   /// The ten numbers of `SummarizeSamples`; leaves the store as new. REQUIRES: there are samples.
@@ -95,7 +96,8 @@ class MetricSummaryVecV1 final : public MetricSummaryData {
   Mutex mutex_;
 };
 
-/// Exact summary: keeps every sample of the interval, 8 bytes each.
+/// Exact summary: keeps every sample of the interval, 8 bytes each. Where no flush comes (an item
+/// that was kept across `Block`, or a sender that never runs) it keeps them until the item goes.
 ///
 /// An emission takes the cell's mutex and allocates once per block. The flush holds the mutex only
 /// to take the chain away; it sorts on its own thread. All memory is freed at every flush.

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
-#include <limits>
 #include <set>
 
 namespace METRICS {
@@ -115,11 +114,16 @@ bool CheckDuplicatedString(const std::vector<std::string>& v) {
 
 std::string FormatFixed(double value) {
   constexpr int kDecimals = 6;
-  std::string text(std::numeric_limits<double>::max_exponent10 + kDecimals + 3, '\0');
-  const auto [end, error] = std::to_chars(text.data(), text.data() + text.size(), value,
-                                          std::chars_format::fixed, kDecimals);
-  text.resize(error == std::errc() ? static_cast<size_t>(end - text.data()) : 0);
-  return text;
+  std::string text(15, '\0');  // short numbers need no allocation
+  while (true) {
+    const auto [end, error] = std::to_chars(text.data(), text.data() + text.size(), value,
+                                            std::chars_format::fixed, kDecimals);
+    if (error == std::errc()) {
+      text.resize(static_cast<size_t>(end - text.data()));
+      return text;
+    }
+    text.resize(2 * text.size());
+  }
 }
 
 unsigned long GetSize(const std::vector<std::string>& v) {

@@ -5,9 +5,9 @@
 
 #include "agent/packet_reader.h"
 
-// Points for people and scripts: one line per series record, made of what the packet says and
-// nothing else, so that equal packets give equal lines. Numbers read back as the same double, and
-// are written alike in every locale. Safe from any number of threads.
+// Points for people and scripts: one line per series record, or per ten that are one timer, made of
+// what the packet says and nothing else, so that equal packets give equal lines. Numbers read back
+// as the same double, and are written alike in every locale. Safe from any number of threads.
 
 namespace tidegate::agent {
 

@@ -260,12 +260,18 @@ std::string MetricImpl::EncodeTagBlock(const std::vector<std::string>& tag_value
 
 SuffixedMetricImpl::~SuffixedMetricImpl() = default;
 
-void SuffixedMetricImpl::InitHisto(HistoUtilBase& histo) {
-  if (histo.bounds.empty() || bounds_taken_.exchange(true)) {
-    return;
+void SuffixedMetricImpl::InitHisto(HistoUtilBase& histo) { TakeBounds(histo.bounds); }
+
+bool SuffixedMetricImpl::TakeBounds(const std::vector<double>& bounds) {
+  if (bounds.empty()) {
+    return true;
   }
-  bounds_ = histo.bounds;
+  if (bounds_taken_.exchange(true)) {
+    return false;
+  }
+  bounds_ = bounds;
   bounds_ready_.store(true, std::memory_order_release);
+  return true;
 }
 
 const std::vector<double>& SuffixedMetricImpl::Bounds() const {

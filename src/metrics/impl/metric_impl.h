@@ -114,6 +114,8 @@ class METRICS_API SuffixedMetricImpl final : public MetricImpl {
   void InitHisto(HistoUtilBase& histo) override;
   MetricCoItemType Type() override { return MetricCoItemType::kCoItemSuffix; }
 
+  /// Sets the bounds; false when there are some already. An empty list sets nothing.
+  bool TakeBounds(const std::vector<double>& bounds);
   /// The histogram bounds: none, or the whole list once it is set.
   const std::vector<double>& Bounds() const;
 
