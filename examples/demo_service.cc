@@ -22,7 +22,11 @@ using METRICS::Incr;
 using METRICS::IncrCounter;
 using METRICS::IncrMeter;
 using METRICS::Metric;
+using METRICS::MetricsType;
+using METRICS::Observe;
+using METRICS::Stat;
 using METRICS::Store;
+using METRICS::WithField;
 using METRICS::WithSuffix;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
@@ -78,12 +82,23 @@ bool Parse(int argc, char** argv, Options* options) {
   return options->seconds > 0;
 }
 
+// Every kind of metric that there is.
+struct Metrics {
+  Metric* requests;     // suffixes: a rate, a counter of bytes, a timer of ten gauges
+  Metric* connections;  // a meter
+  Metric* upstream;     // a timer that travels as one row, its percentiles estimated
+  Metric* sizes;        // a histogram
+  Metric* queue;        // a gauge
+  Metric* orders;       // a delta counter
+  Metric* clerk;        // a row of declared fields
+  Metric* cache;        // a compatible gauge: its tags are named at emission
+};
+
 // The shop: requests come in, some of them leave an order in the queue, and a clerk packs orders.
 // Its threads run until the time is up.
 class Shop {
  public:
-  Shop(Metric* requests, Metric* connections, Metric* queue, Metric* orders)
-      : requests_(requests), connections_(connections), queue_(queue), orders_(orders) {}
+  explicit Shop(const Metrics& metrics) : metrics_(metrics) {}
 
   void Run(std::chrono::seconds time) {
     const steady_clock::time_point end = steady_clock::now() + time;
@@ -112,16 +127,21 @@ class Shop {
     std::discrete_distribution<size_t> method({4, 1});
     std::discrete_distribution<size_t> status({95, 4, 1});
     std::uniform_int_distribution<int> size(200, 5000);
+    std::lognormal_distribution<double> micros(6.0, 0.8);
     std::uniform_int_distribution<int> pause_ms(1, 5);
     while (steady_clock::now() < end) {
       const size_t chosen = method(random);
       const int bytes = size(random);
-      requests_->WithTags({{"method", kMethods[chosen]}, {"status", kStatuses[status(random)]}})
-          ->Emit({Incr(1), WithSuffix("bytes", IncrCounter(bytes))});
+      metrics_.requests
+          ->WithTags({{"method", kMethods[chosen]}, {"status", kStatuses[status(random)]}})
+          ->Emit({Incr(1), WithSuffix("bytes", IncrCounter(bytes)), Observe(micros(random))});
+      metrics_.upstream->WithTags({{"service", "catalog"}})->Emit({Observe(micros(random) / 2)});
+      metrics_.sizes->WithTags({})->Emit({Stat(bytes)});
       ++request_total_;
       byte_total_ += bytes;
       if (request_total_ % 10 == 0) {
-        connections_->WithTags({})->Emit({IncrMeter(1)});
+        metrics_.connections->WithTags({})->Emit({IncrMeter(1)});
+        metrics_.cache->CEmit(static_cast<double>(request_total_), {"cache", "catalog"});
         ++connection_total_;
       }
       if (chosen == 1) {
@@ -131,23 +151,22 @@ class Shop {
     }
   }
 
-  // Works on one series and keeps its item, which saves the look-up.
+  // Works on one series of each metric and keeps its item, which saves the look-up.
   void PackOrders(steady_clock::time_point end) {
-    const auto depth = queue_->WithTags({{"queue", "orders"}});
-    const auto packed = orders_->WithTags({{"queue", "orders"}});
+    const auto depth = metrics_.queue->WithTags({{"queue", "orders"}});
+    const auto packed = metrics_.orders->WithTags({{"queue", "orders"}});
+    const auto clerk = metrics_.clerk->WithTags({{"clerk", "ann"}});
     while (steady_clock::now() < end) {
       const int waiting = queued_.exchange(0);
       depth->Emit({Store(waiting)});
       packed->Emit({Add(waiting)});
+      clerk->Emit({WithField("batch", Store(waiting)), WithField("packed", IncrCounter(waiting))});
       order_total_ += waiting;
       std::this_thread::sleep_for(milliseconds(100));
     }
   }
 
-  Metric* const requests_;
-  Metric* const connections_;
-  Metric* const queue_;
-  Metric* const orders_;
+  const Metrics metrics_;
   std::atomic<int> queued_{0};
   std::atomic<long> request_total_{0};
   std::atomic<long> byte_total_{0};
@@ -155,23 +174,71 @@ class Shop {
   std::atomic<long> order_total_{0};
 };
 
-// Finds or makes the metric `name` in the registry `prefix`; there is no service without it.
-Metric* MakeMetric(METRICS::MetricClient& client, const std::string& prefix,
-                   const std::string& name, std::vector<std::string> tag_names) {
-  METRICS::MetricRegistryCfg registry;
-  registry.tenant = "demo";
-  registry.prefix = prefix;
-  registry.flush_interval = kFlushSeconds;
-  METRICS::MetricInstanceCfg definition;
-  definition.name = name;
-  definition.tag_names = std::move(tag_names);
-  const auto [metric, code] = client.CreateMetric(registry, definition);
-  if (metric == nullptr) {
-    std::fprintf(stderr, "demo_service: %s: %s\n", name.c_str(),
-                 METRICS::MetricGetErrorCodeStr(code));
-    std::exit(1);
+// Makes metrics of one registry; there is no service without them.
+class Maker {
+ public:
+  Maker(METRICS::MetricClient& client, const std::string& prefix) {
+    METRICS::MetricRegistryCfg cfg;
+    cfg.tenant = "demo";
+    cfg.prefix = prefix;
+    cfg.flush_interval = kFlushSeconds;
+    Check(client.CreateRegistry(registry_, cfg));
   }
-  return metric;
+
+  Metric* Make(const METRICS::MetricInstanceCfg& definition) {
+    Metric* metric = nullptr;
+    Check(registry_->CreateMetric(metric, definition));
+    return metric;
+  }
+  Metric* Make(const std::string& name, std::vector<std::string> tag_names) {
+    METRICS::MetricInstanceCfg definition;
+    definition.name = name;
+    definition.tag_names = std::move(tag_names);
+    return Make(definition);
+  }
+  Metric* MakeCompatible(const std::string& name, MetricsType type) {
+    METRICS::MetricRegistry::MetricInitCfg init;
+    init.kind = METRICS::MetricCoItemType::kCoItemCompatible;
+    init.cfg.name = name;
+    Metric* metric = nullptr;
+    Check(registry_->CreateMetric(metric, init));
+    metric->SetCompatibleType(type);
+    return metric;
+  }
+
+ private:
+  static void Check(METRICS::ReturnCode code) {
+    if (code != METRICS::ReturnCode::kOk) {
+      std::fprintf(stderr, "demo_service: %s\n", METRICS::MetricGetErrorCodeStr(code));
+      std::exit(1);
+    }
+  }
+
+  METRICS::MetricRegistry* registry_ = nullptr;
+};
+
+Metrics MakeMetrics(METRICS::MetricClient& client) {
+  Maker web(client, "shop.web");
+  Maker jobs(client, "shop.jobs");
+  METRICS::HistoUtilBase size_bounds({0, 500, 1000, 2000, 4000});
+  METRICS::MetricInstanceCfg sizes;
+  sizes.name = "sizes";
+  sizes.histo = &size_bounds;
+  METRICS::MetricInstanceCfg clerk;
+  clerk.name = "clerk";
+  clerk.tag_names = {"clerk"};
+  clerk.fields = {{"batch", MetricsType::kGauge}, {"packed", MetricsType::kCounter}};
+  Metrics metrics{web.Make("requests", {"method", "status"}),
+                  web.Make("connections", {}),
+                  web.Make("upstream", {"service"}),
+                  web.Make(sizes),
+                  jobs.Make("queue", {"queue"}),
+                  jobs.Make("orders", {"queue"}),
+                  jobs.Make(clerk),
+                  web.MakeCompatible("cache", MetricsType::kGauge)};
+  metrics.upstream->SetMultiFieldSummary(true);
+  metrics.upstream->SetUseCkms(true);
+  return metrics;
 }
 
 }  // namespace
@@ -187,10 +254,7 @@ int main(int argc, char** argv) {
 
   METRICS::MetricClient client;
   client.Init(new Settings, new Machine(options.socket_path), nullptr, {});
-  Shop shop(MakeMetric(client, "shop.web", "requests", {"method", "status"}),
-            MakeMetric(client, "shop.web", "connections", {}),
-            MakeMetric(client, "shop.jobs", "queue", {"queue"}),
-            MakeMetric(client, "shop.jobs", "orders", {"queue"}));
+  Shop shop(MakeMetrics(client));
   shop.Run(std::chrono::seconds(options.seconds));
   client.FlushAndExit();
   shop.PrintTotals();

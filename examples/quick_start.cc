@@ -9,6 +9,7 @@
 
 using METRICS::Incr;
 using METRICS::IncrCounter;
+using METRICS::Observe;
 using METRICS::WithSuffix;
 
 // The settings of this service: a flush every 10 seconds for every tenant.
@@ -55,7 +56,7 @@ int main(int argc, char** argv) {
 
   for (int i = 0; i < 100; ++i) {
     requests->WithTags({{"method", "get"}, {"status", "200"}})
-        ->Emit({Incr(1), WithSuffix("bytes", IncrCounter(512))});
+        ->Emit({Incr(1), WithSuffix("bytes", IncrCounter(512)), Observe(120.5 + i)});
   }
   requests->WithTags({{"method", "get"}, {"status", "404"}})->Emit({Incr(1)});
 

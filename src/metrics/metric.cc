@@ -3,9 +3,12 @@
 #include <utility>
 
 #include "codec/fnv_hash.h"
+#include "metrics/impl/metric_compatible_impl.h"
+#include "metrics/impl/metric_multi_field_impl.h"
 #include "metrics/metric_registry.h"
 #include "util/metric_data_util.h"
 #include "util/metric_log.h"
+#include "util/metric_string_util.h"
 
 namespace METRICS {
 
@@ -13,6 +16,8 @@ using lattice_kit::codec::kFNVOffsetBasis;
 using lattice_kit::codec::StrFNVHash;
 
 namespace {
+
+constexpr size_t kMaxCompatibleStrings = 510;
 
 MetricFieldValue StatValue(const char* name, MetricsType type, unsigned long number) {
   MetricFieldValue value = WithSuffix(name);
@@ -34,15 +39,15 @@ Metric::~Metric() { registry_ = nullptr; }
 
 ReturnCode Metric::Init(const std::vector<std::string>&& tag_names,
                         const std::vector<tidegate::MetricTag>&& const_tags,
-                        const std::vector<MetricFieldCfg>&& /*fields*/, HistoUtilBase* histo) {
-  if (kind_ != MetricCoItemType::kCoItemSuffix) {
+                        const std::vector<MetricFieldCfg>&& fields, HistoUtilBase* histo) {
+  impl_ = MakeImpl(std::move(tag_names));
+  if (impl_ == nullptr) {
     return ReturnCode::kInternalError;
   }
-  impl_ =
-      std::make_unique<SuffixedMetricImpl>(registry_->Tenant(), name_, this, std::move(tag_names));
   if (histo != nullptr) {
     impl_->InitHisto(*histo);
   }
+  impl_->InitField(std::move(fields));
   tags_ = const_tags;
   std::vector<tidegate::MetricTag> all_tags = const_tags;
   const std::vector<tidegate::MetricTag>& inserted = registry_->InsertedTagsLocked();
@@ -52,6 +57,21 @@ ReturnCode Metric::Init(const std::vector<std::string>&& tag_names,
   return impl_->InitCollector();
 }
 
+std::unique_ptr<MetricImpl> Metric::MakeImpl(const std::vector<std::string>&& tag_names) {
+  const std::string& tenant = registry_->Tenant();
+  switch (kind_) {
+    case MetricCoItemType::kCoItemSuffix:
+      return std::make_unique<SuffixedMetricImpl>(tenant, name_, this, std::move(tag_names));
+    case MetricCoItemType::kCoItemField:
+      return std::make_unique<MultiFieldMetricImpl>(tenant, name_, this, std::move(tag_names));
+    case MetricCoItemType::kCoItemCompatible:
+      return std::make_unique<MetricCompatibleImpl>(tenant, name_, this, std::move(tag_names));
+    case MetricCoItemType::kCoItemUnknown:
+      break;
+  }
+  return nullptr;
+}
+
 ReturnCode Metric::SetHistogram(HistoUtilBase* histo) {
   if (histo == nullptr) {
     return ReturnCode::kNullptr;
@@ -59,15 +79,15 @@ ReturnCode Metric::SetHistogram(HistoUtilBase* histo) {
   if (kind_ != MetricCoItemType::kCoItemSuffix) {
     return ReturnCode::kNotSupported;
   }
-  if (!GetHistogram().empty()) {
-    METRICS_LOG_WARN("Reset Histogram is NOT allowed.\n");
-    return ReturnCode::kNotSupported;
-  }
-  if (!histo->Check()) {
+  const bool unset = GetHistogram().empty();
+  if (unset && !histo->Check()) {
     METRICS_LOG_CODE(ReturnCode::kMaxHistoBucket);
     return ReturnCode::kMaxHistoBucket;
   }
-  impl_->InitHisto(*histo);
+  if (!unset || !static_cast<SuffixedMetricImpl&>(*impl_).TakeBounds(histo->bounds)) {
+    METRICS_LOG_WARN("Reset Histogram is NOT allowed.\n");
+    return ReturnCode::kNotSupported;
+  }
   return ReturnCode::kOk;
 }
 
@@ -80,6 +100,49 @@ const std::vector<double>& Metric::GetHistogram() {
 const std::vector<double>& Metric::NoopHistogram() {
   static const std::vector<double>& none = *new std::vector<double>();
   return none;
+}
+
+const std::vector<MetricFieldInfo>& Metric::GetFieldInfo() const {
+  return kind_ == MetricCoItemType::kCoItemField
+             ? static_cast<const MultiFieldMetricImpl&>(*impl_).field_infos_
+             : NoopFieldInfo();
+}
+
+const std::string& Metric::GetCodecFieldInfo() const {
+  return kind_ == MetricCoItemType::kCoItemField
+             ? static_cast<const MultiFieldMetricImpl&>(*impl_).codec_field_info_
+             : NoopStr();
+}
+
+const std::array<std::string, 10>& Metric::GetCompatibleFieldInfo() {
+  return MetricCompatibleImpl::timer_field_info_;
+}
+
+const std::vector<MetricFieldInfo>& Metric::NoopFieldInfo() {
+  static const std::vector<MetricFieldInfo>& none = *new std::vector<MetricFieldInfo>();
+  return none;
+}
+
+const std::string& Metric::NoopStr() {
+  static const std::string& none = *new std::string();
+  return none;
+}
+
+ReturnCode Metric::CEmit(double value, std::vector<std::string>&& tag_pairs) {
+  if (kind_ != MetricCoItemType::kCoItemCompatible) {
+    return ReturnCode::kNotSupported;
+  }
+  if (tag_pairs.size() > kMaxCompatibleStrings || tag_pairs.size() % 2 != 0) {
+    METRICS_LOG_CODE(ReturnCode::kMaxTagPair);
+    return ReturnCode::kMaxTagPair;
+  }
+  for (size_t i = 0; i < tag_pairs.size(); i += 2) {
+    if (!IsValidKey(tag_pairs[i]) || !IsValidValue(tag_pairs[i + 1])) {
+      METRICS_LOG_CODE(ReturnCode::kInvalidString);
+      return ReturnCode::kInvalidString;
+    }
+  }
+  return impl_->CEmit(value, std::move(tag_pairs));
 }
 
 ReturnCode Metric::EmitStat(Metric* stat_metric) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -19,6 +20,7 @@
 namespace METRICS {
 
 class MetricRegistry;
+struct MetricFieldInfo;
 
 /// One declared field of a metric that carries a row of fields.
 struct MetricFieldCfg {
@@ -65,7 +67,12 @@ class METRICS_API Metric : public std::enable_shared_from_this<Metric> {
   /// read by the call. 81 without `histo`, 70 for another kind or if there are bounds already,
   /// 36 if `histo` refuses itself.
   ReturnCode SetHistogram(HistoUtilBase* histo);
-  /// Data type of a compatible metric.
+  /// Emits on a compatible metric: `tag_pairs` is a flat list, key, value, key, value. 70 for
+  /// another kind, when the metric is blocked and at the series quota, 35 for an odd number or more
+  /// than 510 strings, 53 for a bad key or value.
+  ReturnCode CEmit(double value, std::vector<std::string>&& tag_pairs);
+  /// Data type of a compatible metric: a gauge, rate, counter, meter or timer. To be set before the
+  /// first emission, whose series keep what they find; without it all emissions are dropped.
   void SetCompatibleType(MetricsType type) { compatible_type_.store(type); }
   /// Summaries travel as one row of fields instead of one gauge per number.
   void SetMultiFieldSummary(bool on) { multi_field_summary_.store(on); }
@@ -79,13 +86,21 @@ class METRICS_API Metric : public std::enable_shared_from_this<Metric> {
                   const std::vector<MetricFieldCfg>&& fields, HistoUtilBase* histo);
   /// The bounds, or an empty list; a list that was seen once stays as it is.
   const std::vector<double>& GetHistogram();
+  /// The declared fields of a metric with a row of fields, or an empty list.
+  const std::vector<MetricFieldInfo>& GetFieldInfo() const;
+  /// The columns of that row in their packet form, or an empty string.
+  const std::string& GetCodecFieldInfo() const;
+  /// Names of the numbers of a compatible timer.
+  static const std::array<std::string, 10>& GetCompatibleFieldInfo();
   /// Reports the statistics of this metric on `stat_metric`, under the tag "metric_name".
   ReturnCode EmitStat(Metric* stat_metric);
   /// The registry, kept alive by the result; null when it is being destroyed.
   std::shared_ptr<MetricRegistry> PinRegistry() const { return registry_ref_.lock(); }
 
-  /// An empty list, never destroyed.
+  // Empty, never destroyed.
   static const std::vector<double>& NoopHistogram();
+  static const std::vector<MetricFieldInfo>& NoopFieldInfo();
+  static const std::string& NoopStr();
 
   const std::string name_;
   const uint32_t name_hash_;  ///< of the full name; seed of the hashes of its suffixes
@@ -104,6 +119,9 @@ class METRICS_API Metric : public std::enable_shared_from_this<Metric> {
   std::unique_ptr<MetricImpl> impl_;            ///< made by `Init`, never replaced
 
  private:
+  /// The implementation of this kind, or null for an unknown one.
+  std::unique_ptr<MetricImpl> MakeImpl(const std::vector<std::string>&& tag_names);
+
   const std::weak_ptr<MetricRegistry> registry_ref_;
 };
 

@@ -22,6 +22,8 @@ void RunOneTimeInitialisations() {
   MetricCollectorItem::NoopDataPtr();
   MetricCollectorItem::NoopFields();
   Metric::NoopHistogram();
+  Metric::NoopFieldInfo();
+  Metric::NoopStr();
   GetRegistryMetricLimit();
   MetricEncoder::PrepareSuffixTables();
 }

@@ -5,6 +5,7 @@
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_configer.h"
 #include "util/metric_log.h"
+#include "util/metric_size_limits.h"
 #include "util/metric_string_util.h"
 
 namespace METRICS {
@@ -116,8 +117,15 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::MakeItem(
   if (pre_encode_tags_) {
     encoded_tags = metric_->impl_->EncodeTagBlock(tag_values, tag_hash);
   }
-  if (co_type_ == MetricCoItemType::kCoItemSuffix) {
-    return std::make_shared<MetricSuffixArray>(metric_, tag_hash, encoded_tags);
+  switch (co_type_) {
+    case MetricCoItemType::kCoItemSuffix:
+      return std::make_shared<MetricSuffixArray>(metric_, tag_hash, encoded_tags);
+    case MetricCoItemType::kCoItemField:
+      return std::make_shared<MetricFieldArray>(metric_, tag_hash, encoded_tags);
+    case MetricCoItemType::kCoItemCompatible:
+      return std::make_shared<MetricCompatibleItem>(metric_, tag_hash, encoded_tags);
+    case MetricCoItemType::kCoItemUnknown:
+      break;
   }
   return nullptr;
 }

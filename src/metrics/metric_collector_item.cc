@@ -1,8 +1,14 @@
 #include "metrics/metric_collector_item.h"
 
+#include <algorithm>
 #include <ctime>
+#include <utility>
 
+#include "metrics/impl/metric_multi_field_impl.h"
 #include "metrics/metric.h"
+#include "metrics/metric_histogram.h"
+#include "metrics/metric_registry.h"
+#include "metrics/metric_summary.h"
 #include "util/fork_guard.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
@@ -10,9 +16,14 @@
 namespace METRICS {
 namespace {
 
-/// What a suffix is accounted for in the statistic beside its name.
-constexpr size_t kSuffixPointerBytes = 16;
+/// What a cell is accounted for in the statistic beside its name.
+constexpr size_t kCellPointerBytes = 16;
 
+unsigned short BucketsOf(const std::vector<double>& bounds) {
+  return static_cast<unsigned short>(bounds.size());
+}
+
+/// A value into a cell of its type that is no histogram.
 void EmitNumber(MetricBasicData& cell, const MetricFieldValue& value) {
   if (value.is_integer) {
     cell.Emit(value.value.integer);
@@ -21,13 +32,54 @@ void EmitNumber(MetricBasicData& cell, const MetricFieldValue& value) {
   }
 }
 
+/// A number into a histogram cell.
+template <class Number>
+void EmitSample(MetricBasicData& cell, const Number& number, const std::vector<double>& bounds) {
+  const short index = GetHistoIndex(static_cast<double>(number), bounds);
+  static_cast<MetricHistogram&>(cell).Emit(index, number);
+}
+
+/// A value into a histogram cell.
+void EmitSampleValue(MetricBasicData& cell, const MetricFieldValue& value,
+                     const std::vector<double>& bounds) {
+  if (value.is_integer) {
+    EmitSample(cell, value.value.integer, bounds);
+  } else {
+    EmitSample(cell, value.value.real, bounds);
+  }
+}
+
+/// Adds the point of the interval before to `row`, for a field whose columns end before `end`.
+void AppendPrevious(MetricsType type, uint32_t end, double prev_value, MultiFieldSendRes& row) {
+  const uint32_t width = PreviousPointWidth(type);
+  for (uint32_t i = 0; i < width; ++i) {
+    row.prev_fields.push_back(end - width + i);
+    row.prev_values.push_back(i == 0 ? prev_value : 0.0);
+  }
+}
+
+const MetricFieldInfo* FindLast(const std::string& name,
+                                const std::vector<MetricFieldInfo>& fields) {
+  const auto found =
+      std::find_if(fields.rbegin(), fields.rend(),
+                   [&name](const MetricFieldInfo& field) { return field.name == name; });
+  return found == fields.rend() ? nullptr : &*found;
+}
+
+size_t MemSizeOf(const CellMap& cells) {
+  size_t size = 0;
+  for (const auto& [name, cell] : cells) {
+    size += name.size() + kCellPointerBytes;
+  }
+  return size;
+}
+
 }  // namespace
 
 MetricCollectorItem::~MetricCollectorItem() = default;
 
 ReturnCode MetricCollectorItem::Emit(std::vector<MetricFieldValue>&& values) {
-  const std::vector<MetricFieldValue>& by_reference = values;
-  return Emit(by_reference);
+  return Emit(std::as_const(values));
 }
 
 ReturnCode MetricCollectorItem::Emit(const std::vector<MetricFieldValue>& /*values*/) {
@@ -46,8 +98,8 @@ size_t MetricCollectorItem::Size() { return 0; }
 size_t MetricCollectorItem::MemSize() { return 0; }
 MetricCoItemType MetricCollectorItem::Type() { return MetricCoItemType::kCoItemUnknown; }
 
-CellPtr MetricCollectorItem::CreateData(const MetricsType& type, bool /*use_ckms*/,
-                                        unsigned short /*bucket_count*/) {
+CellPtr MetricCollectorItem::CreateData(const MetricsType& type, bool use_ckms,
+                                        unsigned short bucket_count) {
   switch (type) {
     case MetricsType::kGauge:
       return std::make_shared<MetricGauge>();
@@ -57,10 +109,15 @@ CellPtr MetricCollectorItem::CreateData(const MetricsType& type, bool /*use_ckms
       return std::make_shared<MetricCounter>();
     case MetricsType::kMeter:
       return std::make_shared<MetricMeter>();
+    case MetricsType::kTimer:
+      if (use_ckms) {
+        return std::make_shared<MetricSummaryCKMS>();
+      }
+      return std::make_shared<MetricSummaryVecV2>();
+    case MetricsType::kHistogram:
+      return std::make_shared<MetricHistogram>(bucket_count);
     case MetricsType::kDeltaCounter:
       return std::make_shared<MetricDeltaCounter>();
-    case MetricsType::kTimer:
-    case MetricsType::kHistogram:
     case MetricsType::kUnknown:
     case MetricsType::kMultiField:
     case MetricsType::kTypeEnd:
@@ -95,8 +152,7 @@ MetricSuffixArray::~MetricSuffixArray() {
 }
 
 ReturnCode MetricSuffixArray::Emit(std::vector<MetricFieldValue>&& values) {
-  const std::vector<MetricFieldValue>& by_reference = values;
-  return Emit(by_reference);
+  return Emit(std::as_const(values));
 }
 
 ReturnCode MetricSuffixArray::Emit(const std::vector<MetricFieldValue>& values) {
@@ -143,10 +199,10 @@ ReturnCode MetricSuffixArray::CreateSuffix(const std::string& name, const Metric
     METRICS_LOG_CODE(ReturnCode::kInvalidString);
     return ReturnCode::kInvalidString;
   }
-  const size_t buckets = type == MetricsType::kHistogram ? metric_->GetHistogram().size() : 0;
-  suffixes_[name] = CreateData(type, metric_->use_ckms_.load(std::memory_order_relaxed),
-                               static_cast<unsigned short>(buckets));
-  metric_->cache_mem_.fetch_add(name.size() + kSuffixPointerBytes, std::memory_order_relaxed);
+  const unsigned short buckets =
+      type == MetricsType::kHistogram ? BucketsOf(metric_->GetHistogram()) : 0;
+  suffixes_[name] = CreateData(type, metric_->use_ckms_.load(std::memory_order_relaxed), buckets);
+  metric_->cache_mem_.fetch_add(name.size() + kCellPointerBytes, std::memory_order_relaxed);
   metric_->cache_series_.fetch_add(1, std::memory_order_relaxed);
   METRICS_LOG_DEBUG("Create Suffix: name[%s] type[%s] in metric[%s]\n", name.c_str(),
                     CovMetricTypeToStr(type), metric_->name_.c_str());
@@ -160,7 +216,11 @@ void MetricSuffixArray::DoEmit(const CellMap::value_type& node, const MetricFiel
                      static_cast<int>(type), static_cast<int>(value.type));
     return;
   }
-  EmitNumber(*node.second, value);
+  if (type == MetricsType::kHistogram) {
+    EmitSampleValue(*node.second, value, metric_->GetHistogram());
+  } else {
+    EmitNumber(*node.second, value);
+  }
 }
 
 CellMap MetricSuffixArray::Fields() {
@@ -175,11 +235,138 @@ size_t MetricSuffixArray::Size() {
 
 size_t MetricSuffixArray::MemSize() {
   const ReadGuard guard(rwlock_);
-  size_t size = 0;
-  for (const auto& [name, cell] : suffixes_) {
-    size += name.size() + kSuffixPointerBytes;
+  return MemSizeOf(suffixes_);
+}
+
+MetricFieldArray::MetricFieldArray(Metric* metric, const int& tag_hash,
+                                   const std::string& encoded_tags)
+    : MetricCollectorItem(metric, tag_hash, encoded_tags) {
+  CreateField(metric->GetFieldInfo(), metric);
+  field_count_ = fields_.size();
+}
+
+void MetricFieldArray::CreateField(const std::vector<MetricFieldInfo>& fields,
+                                   Metric* const& metric) {
+  const bool use_ckms = metric->use_ckms_.load(std::memory_order_relaxed);
+  fields_.reserve(fields.size());
+  for (const MetricFieldInfo& field : fields) {
+    fields_[field.name] = CreateData(field.type, use_ckms, BucketsOf(field.bounds));
+    metric->cache_mem_.fetch_add(field.name.size() + kCellPointerBytes, std::memory_order_relaxed);
+    METRICS_LOG_DEBUG("Create Field: name[%s] type[%s] in metric[%s]\n", field.name.c_str(),
+                      CovMetricTypeToStr(field.type), metric->name_.c_str());
   }
-  return size;
+  metric->cache_series_.fetch_add(1, std::memory_order_relaxed);
+}
+
+ReturnCode MetricFieldArray::Emit(std::vector<MetricFieldValue>&& values) {
+  return Emit(std::as_const(values));
+}
+
+ReturnCode MetricFieldArray::Emit(const std::vector<MetricFieldValue>& values) {
+  if (values.size() > field_count_) {
+    metric_->emit_fail_.fetch_add(1, std::memory_order_relaxed);
+    return ReturnCode::kInvalidParamNumber;
+  }
+  for (const MetricFieldValue& value : values) {
+    const auto found = fields_.find(value.name);
+    if (found == fields_.end()) {
+      METRICS_LOG_WARN("Error Field Name: %s\n", value.name.c_str());
+      continue;
+    }
+    DoEmit(*found, value);
+  }
+  MarkUpdated(1);
+  return ReturnCode::kOk;
+}
+
+void MetricFieldArray::DoEmit(const CellMap::value_type& node, const MetricFieldValue& value) {
+  const MetricsType type = node.second->Type();
+  if (value.type != type) {
+    METRICS_LOG_WARN("Field: %s type mismatch[pre: %d cur: %d]\n", value.name.c_str(),
+                     static_cast<int>(type), static_cast<int>(value.type));
+    return;
+  }
+  if (type == MetricsType::kHistogram) {
+    EmitSampleValue(*node.second, value, FindHistogram(value.name, metric_->GetFieldInfo()));
+  } else {
+    EmitNumber(*node.second, value);
+  }
+}
+
+ReturnCode MetricFieldArray::EmitMap(const std::unordered_map<std::string, double>& values) {
+  for (const auto& [name, number] : values) {
+    const auto found = fields_.find(name);
+    if (found == fields_.end()) {
+      continue;
+    }
+    MetricBasicData& cell = *found->second;
+    if (cell.Type() == MetricsType::kHistogram) {
+      EmitSample(cell, number, FindHistogram(name, metric_->GetFieldInfo()));
+    } else {
+      cell.Emit(number);
+    }
+  }
+  MarkUpdated(1);
+  return ReturnCode::kOk;
+}
+
+CellMap MetricFieldArray::Fields() { return fields_; }
+
+size_t MetricFieldArray::MemSize() { return MemSizeOf(fields_); }
+
+MultiFieldSendRes MetricFieldArray::Send(const std::vector<MetricFieldInfo>& fields) {
+  const auto interval = static_cast<unsigned int>(metric_->registry_->FlushInterval());
+  // With two fields of one name the cell is the last one's; the others stay quiet.
+  const bool shared_names = field_count_ < fields.size();
+  MultiFieldSendRes row;
+  row.values.reserve(fields.size());
+  row.value_fields.reserve(fields.size());
+  uint32_t column = 0;
+  for (const MetricFieldInfo& field : fields) {
+    if (shared_names && FindLast(field.name, fields) != &field) {
+      column += ColumnsOf(field.type, field.bounds.size());
+      continue;
+    }
+    const SendRes res = fields_.find(field.name)->second->Send(interval);
+    if (res.values.empty()) {
+      column += res.field_width;  // a quiet field keeps its columns
+      continue;
+    }
+    for (const double value : res.values) {
+      row.value_fields.push_back(column++);
+      row.values.push_back(value);
+    }
+    if (res.need_prev) {
+      AppendPrevious(field.type, column, res.prev_value, row);
+    }
+  }
+  return row;
+}
+
+MetricCompatibleItem::MetricCompatibleItem(Metric* metric, const int& tag_hash,
+                                           const std::string& encoded_tags)
+    : MetricCollectorItem(metric, tag_hash, encoded_tags),
+      data_(CreateData(metric->compatible_type_.load(),
+                       metric->use_ckms_.load(std::memory_order_relaxed), 0)) {
+  metric->cache_mem_.fetch_add(kCellPointerBytes, std::memory_order_relaxed);
+  METRICS_LOG_DEBUG("Create CompatibleItem: type[%s] in metric[%s]\n",
+                    CovMetricTypeToStr(metric->compatible_type_.load()), metric->name_.c_str());
+}
+
+ReturnCode MetricCompatibleItem::Emit(double& value) {
+  data_->Emit(std::as_const(value));
+  MarkUpdated(1);
+  return ReturnCode::kOk;
+}
+
+const std::vector<double>& FindHistogram(const std::string& name,
+                                         const std::vector<MetricFieldInfo>& fields) {
+  for (const MetricFieldInfo& field : fields) {
+    if (field.name == name) {
+      return field.bounds;
+    }
+  }
+  return Metric::NoopHistogram();
 }
 
 bool CheckExpire(const std::shared_ptr<MetricCollectorItem>& item, const long& now) {

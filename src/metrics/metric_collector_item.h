@@ -17,6 +17,7 @@
 namespace METRICS {
 
 class Metric;
+struct MetricFieldInfo;
 
 using CellPtr = std::shared_ptr<MetricBasicData>;
 using CellMap = std::unordered_map<std::string, CellPtr>;
@@ -29,8 +30,10 @@ constexpr long kExpireAfterSeconds = 7200;
 ///
 /// Threads: all operations from any thread. Ownership: by shared pointer, of the collector and of
 /// callers. An item that the library has dropped (its registry was blocked, or the series idle
-/// for more than 7200 seconds) goes on taking emissions, which are lost. The base class is the
-/// dummy item that callers get after a failure: emitting on it does nothing and answers 70.
+/// for more than 7200 seconds) goes on taking emissions, which are lost; its
+/// timers keep their samples until it is dropped, so take the item again after `UnBlock`. The base
+/// class is the dummy item that callers get after a failure: emitting on it does nothing and
+/// answers 70.
 class METRICS_API MetricCollectorItem {
  public:
   MetricCollectorItem(Metric* metric, const int& tag_hash, const std::string& encoded_tags)
@@ -69,11 +72,11 @@ class METRICS_API MetricCollectorItem {
   std::atomic<int64_t> last_update_{0};  ///< second of the last successful emission
   std::atomic<bool> active_{true};       ///< false: idle, and left out of flushes
 
-  // Constant after construction, but for `tag_hash_`, which the flush thread fills in once if the
-  // tags are not encoded ahead.
+  // Constant after construction, unless the tags are not encoded ahead: then the flush thread, and
+  // it alone, fills in the hash once, and for compatible metrics the tags too.
   Metric* const metric_;  ///< not owned
   int32_t tag_hash_;
-  const std::string encoded_tags_;
+  std::string encoded_tags_;
 
  protected:
   /// What every successful emission of `count` values ends with.
@@ -108,12 +111,70 @@ class METRICS_API MetricSuffixArray final : public MetricCollectorItem {
   ReturnCode EmitToNew(const MetricFieldValue& value);
   ReturnCode CreateSuffix(const std::string& name, const MetricsType& type)
       METRICS_REQUIRES(rwlock_);
-  static void DoEmit(const CellMap::value_type& node, const MetricFieldValue& value);
+  void DoEmit(const CellMap::value_type& node, const MetricFieldValue& value);
 
   RwLock rwlock_;
   /// A cell is never replaced or removed while the item lives.
   CellMap suffixes_ METRICS_GUARDED_BY(rwlock_);
 };
+
+/// What `MetricFieldArray::Send` reports of one interval: numbers with the columns they belong to.
+struct MultiFieldSendRes {
+  std::vector<double> values;
+  std::vector<double> prev_values;  ///< of the interval before, for fields that ask for them
+  std::vector<uint32_t> value_fields;
+  std::vector<uint32_t> prev_fields;
+};
+
+/// The item of a metric with a row of declared fields, one cell per field name.
+///
+/// The cells are made with the item and never change, so nothing here takes a lock. A value for
+/// an unknown field or of another type than declared is dropped with a Warn line.
+class METRICS_API MetricFieldArray final : public MetricCollectorItem {
+ public:
+  MetricFieldArray(Metric* metric, const int& tag_hash, const std::string& encoded_tags);
+
+  using MetricCollectorItem::Emit;
+  /// 0, or 54 when there are more values than fields: none is emitted then.
+  ReturnCode Emit(std::vector<MetricFieldValue>&& values) override;
+  ReturnCode Emit(const std::vector<MetricFieldValue>& values) override;
+  /// Unknown names are ignored, types are not checked. Always 0.
+  ReturnCode EmitMap(const std::unordered_map<std::string, double>& values) override;
+  CellMap Fields() override;
+  /// 1: a row counts as one, however many fields it has.
+  size_t Size() override { return 1; }
+  size_t MemSize() override;
+  MetricCoItemType Type() override { return MetricCoItemType::kCoItemField; }
+
+  /// Drains all cells in the order of `fields`, the metric's declaration. On the flush thread.
+  MultiFieldSendRes Send(const std::vector<MetricFieldInfo>& fields);
+
+ private:
+  void CreateField(const std::vector<MetricFieldInfo>& fields, Metric* const& metric);
+  void DoEmit(const CellMap::value_type& node, const MetricFieldValue& value);
+
+  CellMap fields_;
+  size_t field_count_ = 0;
+};
+
+/// The item of a compatible metric: one cell.
+class METRICS_API MetricCompatibleItem final : public MetricCollectorItem {
+ public:
+  MetricCompatibleItem(Metric* metric, const int& tag_hash, const std::string& encoded_tags);
+
+  using MetricCollectorItem::Emit;
+  ReturnCode Emit(double& value) override;
+  CellPtr Data() override { return data_; }
+  size_t Size() override { return 1; }
+  MetricCoItemType Type() override { return MetricCoItemType::kCoItemCompatible; }
+
+ private:
+  const CellPtr data_;
+};
+
+/// The bounds of the first field named `name`, or an empty list.
+const std::vector<double>& FindHistogram(const std::string& name,
+                                         const std::vector<MetricFieldInfo>& fields);
 
 /// Whether `item` has had no emission for more than 7200 seconds at second `now`.
 bool CheckExpire(const std::shared_ptr<MetricCollectorItem>& item, const long& now);

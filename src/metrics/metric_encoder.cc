@@ -133,7 +133,11 @@ void MetricEncoder::PackMetric(const std::shared_ptr<MetricCollectorBase>& colle
       PackSuffixedMetric(items);
       return;
     case MetricCoItemType::kCoItemField:
+      PackMultiFeildMetric(items);
+      return;
     case MetricCoItemType::kCoItemCompatible:
+      PackCompatibleMetric(items);
+      return;
     case MetricCoItemType::kCoItemUnknown:
       break;
   }
@@ -197,12 +201,17 @@ std::string MetricEncoder::EncodeTagKV(const std::vector<std::string>& tags, int
   return impl.EncodeTagBlock(tags, tag_hash);
 }
 
-void MetricEncoder::EncodeCurrentTagKV(const std::vector<std::string>& tags, int32_t& tag_hash) {
-  cur_tag_kv_ = EncodeTagKV(tags, tag_hash);
+void MetricEncoder::EncodeCurrentTagKV(const std::vector<std::string>& tags,
+                                       MetricCollectorItem& item) {
+  if (pre_encode_tags) {
+    cur_tag_kv_ = item.encoded_tags_;
+  } else {
+    cur_tag_kv_ = EncodeTagKV(tags, item.tag_hash_);
+  }
 }
 
 std::string MetricEncoder::PrePack(const std::vector<FieldInfo>& fields) {
-  EPacket scratch(kMetricMaxMsgLen);
+  EPacket scratch(kTagScratchBytes);
   scratch.Put(static_cast<uint32_t>(fields.size()));
   for (const FieldInfo& field : fields) {
     scratch.EncodeString(field.name);
@@ -250,15 +259,15 @@ void MetricEncoder::CopyFromCurrentMetricHeader(MetricDataPack& pack) {
 }
 
 void MetricEncoder::EncodeOneSeriesValue(MetricDataPack& pack, const std::string& tag_block,
-                                         const std::vector<int>& field_indexes,
+                                         const std::vector<uint32_t>& field_indexes,
                                          const std::vector<double>& values) {
   if (values.empty()) {
     return;
   }
   PutBytes(pack, tag_block);
   pack.Put(static_cast<uint32_t>(field_indexes.size()));
-  for (const int index : field_indexes) {
-    pack.Put(static_cast<uint32_t>(index));
+  for (const uint32_t index : field_indexes) {
+    pack.Put(index);
   }
   pack.Put(static_cast<uint32_t>(values.size()));
   for (const double value : values) {

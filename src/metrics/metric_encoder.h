@@ -22,10 +22,6 @@ constexpr char PROJECT_ID_KEY[] = "project_id";
 constexpr const char* kAccountIdKey = ACCOUNT_ID_KEY;
 constexpr const char* kProjectIdKey = PROJECT_ID_KEY;
 
-constexpr unsigned long kMetricSummaryArraySize = 10;
-constexpr unsigned long kMetricMeterArraySize = 2;
-constexpr unsigned long kMetricDeltaCounterArrSize = 3;
-
 /// Turns the collectors of a flush into packets and hands them to its sender.
 class MetricEncoderBase {
  public:
@@ -81,7 +77,7 @@ class MetricEncoder final : public MetricEncoderBase {
   static void CopyFromCurrentMetricHeader(MetricDataPack& pack);
   /// Writes one series record; nothing without `values`.
   static void EncodeOneSeriesValue(MetricDataPack& pack, const std::string& tag_block,
-                                   const std::vector<int>& field_indexes,
+                                   const std::vector<uint32_t>& field_indexes,
                                    const std::vector<double>& values);
   /// A whole block of one series record.
   static void EncodeOneSeriesMetric(MetricDataPack& pack, MetricsType type,
@@ -97,6 +93,7 @@ class MetricEncoder final : public MetricEncoderBase {
   static void Reset(MetricDataPack& pack);
 
   // Names of the numbers of cells that report several. REQUIRES: `idx` is below the array's size.
+  static std::string& ConvertIdxToTimerSuffix(const unsigned long& idx);
   static std::string& ConvertIdxToMeterSuffix(const unsigned long& idx);
   static std::string& ConvertIdxToDeltaCounter(const unsigned long& idx);
   /// Builds the tables behind these, which are never destroyed.
@@ -115,7 +112,8 @@ class MetricEncoder final : public MetricEncoderBase {
   /// Sends the packet if it has reached the size limit.
   bool CheckMsgLenAndSend(MetricDataPack& pack, bool close);
   std::string EncodeTagKV(const std::vector<std::string>& tags, int32_t& tag_hash);
-  void EncodeCurrentTagKV(const std::vector<std::string>& tags, int32_t& tag_hash);
+  /// Puts the tags of the series into `cur_tag_kv_`.
+  void EncodeCurrentTagKV(const std::vector<std::string>& tags, MetricCollectorItem& item);
 
   // Suffixed metrics.
   void PackSuffixedMetric(const std::vector<Series>& items);
@@ -123,13 +121,37 @@ class MetricEncoder final : public MetricEncoderBase {
   void EncodeMetricWithSuffix(const CellPtr& data, const std::string& suffix,
                               const MetricsType& type, const unsigned long& array_size,
                               SuffixOf convert);
+  /// Whether a cell of type `type` goes out as one row of numbers.
+  bool IsRow(const MetricsType& type) const;
+  /// REQUIRES: `PreviousPointWidth(type)` is not 0.
   void EncodePreviousInterval(double prev_value, const std::string& suffix, const MetricsType& type,
                               SuffixOf convert);
   void DoPackSuffixMetric(MetricDataPack& pack, const std::vector<double>& values,
                           const std::string& suffix, const MetricsType& type, SuffixOf convert,
                           long timestamp);
+  std::vector<lattice_kit::codec::FieldInfo> RowFieldsOf(const MetricsType& type) const;
   bool DoPackSuffixToMultiField(MetricDataPack& pack, const std::vector<double>& values,
                                 const std::string& suffix, const MetricsType& type, long timestamp);
+
+  // Metrics with a row of fields.
+  void PackMultiFeildMetric(const std::vector<Series>& items);
+  void EncodeRowHeader(MetricDataPack& pack, long timestamp, bool save);
+  /// Sends `pack_` at the size limit and opens its block again, unless this was the `last` series.
+  void ContinueBlockIfSent(bool last);
+  void EncodeMultiFieldSeries(const std::vector<std::string>& tags,
+                              const std::shared_ptr<MetricCollectorItem>& item);
+  void EncodeMultiFieldExtendSeries(const MultiFieldSendRes& res);
+
+  // Compatible metrics.
+  void PackCompatibleMetric(const std::vector<Series>& items);
+  void EncodeCurrentCompatibleMetricHeader(MetricDataPack& pack, MetricsType type);
+  void EncodeCompatible(const MetricsType& type, const std::vector<Series>& items,
+                        unsigned long array_size);
+  void EncodeCompatibleWithSuffix(const MetricsType& type, const std::vector<Series>& items);
+  void EncodeExtendCompatibleSeries(const MetricsType& type, double prev_value);
+  /// Builds the tags of a series once, from its pairs and the registry's tags; of equal keys one
+  /// is kept.
+  void EncodeCompatibleMetricTagKV(const Series& series);
 
   MetricDataPack pack_;       ///< of the flush's boundary
   MetricDataPack prev_pack_;  ///< of the interval before; restarted when it is first needed

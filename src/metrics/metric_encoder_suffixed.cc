@@ -20,6 +20,12 @@ namespace {
 using SuffixTable = std::vector<std::string>;
 
 // Never destroyed: a flush may still run while the process exits.
+SuffixTable& TimerSuffixes() {
+  static SuffixTable& table = *new SuffixTable{"min",   "max",   "avg",   "sum",   "counter",
+                                               "pct50", "pct90", "pct95", "pct99", "pct999"};
+  return table;
+}
+
 SuffixTable& MeterSuffixes() {
   static SuffixTable& table = *new SuffixTable{"", "rate"};
   return table;
@@ -39,6 +45,10 @@ void AppendPart(std::string& tail, const std::string& part) {
 
 }  // namespace
 
+std::string& MetricEncoder::ConvertIdxToTimerSuffix(const unsigned long& idx) {
+  return TimerSuffixes()[idx];
+}
+
 std::string& MetricEncoder::ConvertIdxToMeterSuffix(const unsigned long& idx) {
   return MeterSuffixes()[idx];
 }
@@ -48,6 +58,7 @@ std::string& MetricEncoder::ConvertIdxToDeltaCounter(const unsigned long& idx) {
 }
 
 void MetricEncoder::PrepareSuffixTables() {
+  TimerSuffixes();
   MeterSuffixes();
   DeltaCounterSuffixes();
 }
@@ -58,11 +69,7 @@ void MetricEncoder::PackSuffixedMetric(const std::vector<Series>& items) {
     if (!item.active_.load(std::memory_order_relaxed)) {
       continue;
     }
-    if (pre_encode_tags) {
-      cur_tag_kv_ = item.encoded_tags_;
-    } else {
-      EncodeCurrentTagKV(series.first, item.tag_hash_);
-    }
+    EncodeCurrentTagKV(series.first, item);
     const CellMap fields = item.Fields();
     for (const auto& [suffix, cell] : fields) {
       PackSuffix(suffix, cell);
@@ -84,12 +91,16 @@ void MetricEncoder::PackSuffix(const std::string& suffix, const CellPtr& cell) {
     case MetricsType::kMeter:
       EncodeMetricWithSuffix(cell, suffix, type, kMetricMeterArraySize, &ConvertIdxToMeterSuffix);
       return;
+    case MetricsType::kTimer:
+      EncodeMetricWithSuffix(cell, suffix, type, kMetricSummaryArraySize, &ConvertIdxToTimerSuffix);
+      return;
+    case MetricsType::kHistogram:
+      EncodeMetricWithSuffix(cell, suffix, type, 0, nullptr);
+      return;
     case MetricsType::kDeltaCounter:
       EncodeMetricWithSuffix(cell, suffix, type, kMetricDeltaCounterArrSize,
                              &ConvertIdxToDeltaCounter);
       return;
-    case MetricsType::kTimer:
-    case MetricsType::kHistogram:
     case MetricsType::kUnknown:
     case MetricsType::kMultiField:
     case MetricsType::kTypeEnd:
@@ -104,7 +115,7 @@ void MetricEncoder::EncodeMetricWithSuffix(const CellPtr& data, const std::strin
                                            SuffixOf convert) {
   const SendRes res = data->Send(static_cast<unsigned int>(interval_));
   const long timestamp = sender_->last_flush_ts_;
-  if (type == MetricsType::kDeltaCounter) {
+  if (IsRow(type)) {
     if (!DoPackSuffixToMultiField(pack_, res.values, suffix, type, timestamp)) {
       return;
     }
@@ -114,31 +125,24 @@ void MetricEncoder::EncodeMetricWithSuffix(const CellPtr& data, const std::strin
     }
     DoPackSuffixMetric(pack_, res.values, suffix, type, convert, timestamp);
   }
-  if (res.need_prev) {
+  if (res.need_prev && PreviousPointWidth(type) != 0) {
+    METRICS_LOG_DEBUG("Pack a prev interval value for counter/meter/deltacounter.\n");
     EncodePreviousInterval(res.prev_value, suffix, type, convert);
   }
 }
 
+bool MetricEncoder::IsRow(const MetricsType& type) const {
+  return type == MetricsType::kDeltaCounter || type == MetricsType::kHistogram ||
+         (type == MetricsType::kTimer && metric_->multi_field_summary_.load());
+}
+
 void MetricEncoder::EncodePreviousInterval(double prev_value, const std::string& suffix,
                                            const MetricsType& type, SuffixOf convert) {
-  std::vector<double> row;
-  switch (type) {
-    case MetricsType::kDeltaCounter:
-      row = {prev_value, 0.0, 0.0};
-      break;
-    case MetricsType::kMeter:
-      row = {prev_value, 0.0};
-      break;
-    case MetricsType::kCounter:
-      row = {prev_value};
-      break;
-    default:
-      return;
-  }
+  std::vector<double> row(PreviousPointWidth(type), 0.0);
+  row.front() = prev_value;
   if (prev_pack_.series_count == 0) {
     RePackFromRegistry(prev_pack_);
   }
-  METRICS_LOG_DEBUG("Pack a prev interval value for counter/meter/deltacounter.\n");
   const long timestamp = sender_->last_flush_ts_ - interval_;
   if (type == MetricsType::kDeltaCounter) {
     DoPackSuffixToMultiField(prev_pack_, row, suffix, type, timestamp);
@@ -151,23 +155,41 @@ void MetricEncoder::EncodePreviousInterval(double prev_value, const std::string&
 void MetricEncoder::DoPackSuffixMetric(MetricDataPack& pack, const std::vector<double>& values,
                                        const std::string& suffix, const MetricsType& type,
                                        SuffixOf convert, long timestamp) {
+  // A summary in single numbers is a set of gauges to the receiver.
+  const MetricsType wire_type = type == MetricsType::kTimer ? MetricsType::kGauge : type;
   for (unsigned long i = 0; i < values.size(); ++i) {
     std::string tail;
     AppendPart(tail, suffix);
     if (convert != nullptr) {
       AppendPart(tail, convert(i));
     }
-    EncodeOneSeriesMetric(pack, type, StrFNVHash(tail, metric_->name_hash_), metric_->name_ + tail,
-                          std::string(), cur_tag_kv_, {values[i]}, timestamp);
+    EncodeOneSeriesMetric(pack, wire_type, StrFNVHash(tail, metric_->name_hash_),
+                          metric_->name_ + tail, std::string(), cur_tag_kv_, {values[i]},
+                          timestamp);
   }
+}
+
+std::vector<FieldInfo> MetricEncoder::RowFieldsOf(const MetricsType& type) const {
+  std::vector<FieldInfo> fields;
+  const std::string no_name;
+  if (type == MetricsType::kDeltaCounter) {
+    MultiFieldMetricImpl::GenerateDeltaCounterField(fields, no_name);
+  } else if (type == MetricsType::kHistogram) {
+    MultiFieldMetricImpl::GenerateHistogramField(fields, no_name, metric_->GetHistogram());
+  } else {
+    MultiFieldMetricImpl::GenerateSummaryField(fields, no_name);
+  }
+  return fields;
 }
 
 bool MetricEncoder::DoPackSuffixToMultiField(MetricDataPack& pack,
                                              const std::vector<double>& values,
                                              const std::string& suffix, const MetricsType& type,
                                              long timestamp) {
-  std::vector<FieldInfo> fields;
-  MultiFieldMetricImpl::GenerateDeltaCounterField(fields, std::string());
+  if (values.empty()) {
+    return false;
+  }
+  const std::vector<FieldInfo> fields = RowFieldsOf(type);
   if (!CheckSendRes(type, values, fields.size())) {
     return false;
   }

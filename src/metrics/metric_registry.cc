@@ -6,6 +6,7 @@
 
 #include "metrics/global_resources_limit.h"
 #include "metrics/metric_client.h"
+#include "metrics/metric_data.h"
 #include "util/fork_guard.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
@@ -16,22 +17,6 @@ namespace {
 
 constexpr size_t kMaxTagNames = 255;
 constexpr uint16_t kMaxColumns = 1024;
-
-/// How many columns a field of type `type` takes in a row.
-size_t ColumnsOf(const MetricFieldCfg& field) {
-  switch (field.type) {
-    case MetricsType::kMeter:
-      return 2;
-    case MetricsType::kTimer:
-      return 10;
-    case MetricsType::kHistogram:
-      return field.histo->bounds.size() + 2;
-    case MetricsType::kDeltaCounter:
-      return 3;
-    default:
-      return 1;
-  }
-}
 
 bool IsFieldType(MetricsType type) {
   return type != MetricsType::kUnknown && type != MetricsType::kMultiField &&
@@ -311,7 +296,7 @@ ReturnCode CheckMetricFieldCfg(const std::vector<MetricFieldCfg>& fields) {
       METRICS_LOG_WARN("Histogram Type has No config, ingored.\n");
       continue;
     }
-    columns += ColumnsOf(field);
+    columns += ColumnsOf(field.type, field.histo != nullptr ? field.histo->bounds.size() : 0);
   }
   // The low 16 bits are what counts.
   if (code == ReturnCode::kOk && static_cast<uint16_t>(columns) > kMaxColumns) {

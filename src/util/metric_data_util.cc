@@ -3,7 +3,9 @@
 #include <sched.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <array>
+#include <cmath>
 #include <memory>
 #include <stdexcept>
 
@@ -86,6 +88,12 @@ unsigned long GetStatValue(std::atomic<unsigned long>& counter) {
   const unsigned long value = counter.load();
   counter.fetch_sub(value);
   return value;
+}
+
+void SortNumbersFirst(double* first, double* last) {
+  double* const end_of_numbers =
+      std::partition(first, last, [](double value) { return !std::isnan(value); });
+  std::sort(first, end_of_numbers);
 }
 
 std::string compress_string(const std::string& data, int level) {

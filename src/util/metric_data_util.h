@@ -30,6 +30,9 @@ struct AtomicWrapper {
   std::atomic<T> value{};
 };
 
+/// Sorts ascending, with NaNs behind the numbers: the sort itself never compares one.
+void SortNumbersFirst(double* first, double* last);
+
 /// `data` as a zlib stream (header and Adler-32), compressed at `level` (0 to 9, -1 for zlib's
 /// default). Needs 32 KiB of stack. Throws `std::runtime_error` when zlib fails.
 std::string compress_string(const std::string& data, int level);

@@ -3,6 +3,7 @@
 #include <tmmintrin.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <set>
 
@@ -109,6 +110,20 @@ bool CheckDuplicatedString(const std::vector<std::string>& v) {
   std::set<std::string> seen;
   return std::all_of(v.begin(), v.end(),
                      [&seen](const std::string& s) { return seen.insert(s).second; });
+}
+
+std::string FormatFixed(double value) {
+  constexpr int kDecimals = 6;
+  std::string text(15, '\0');  // short numbers need no allocation
+  while (true) {
+    const auto [end, error] = std::to_chars(text.data(), text.data() + text.size(), value,
+                                            std::chars_format::fixed, kDecimals);
+    if (error == std::errc()) {
+      text.resize(static_cast<size_t>(end - text.data()));
+      return text;
+    }
+    text.resize(2 * text.size());
+  }
 }
 
 unsigned long GetSize(const std::vector<std::string>& v) {

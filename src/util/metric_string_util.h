@@ -45,6 +45,9 @@ inline bool operator==(const std::vector<std::string>& a, const std::vector<std:
   return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin());
 }
 
+/// `value` with six decimals and a point, in every locale.
+std::string FormatFixed(double value);
+
 /// Sum of the lengths of the strings, in bytes.
 unsigned long GetSize(const std::vector<std::string>& v);
 

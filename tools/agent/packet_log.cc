@@ -49,9 +49,9 @@ bool PacketLog::Handle(const SeqpacketServer::Message& message) {
     for (const Series& record : block.series) {
       ++totals_.points;
       seen_series_.insert(SeriesId(block, record));
-      Print(packet, block, record);
     }
   }
+  Print(packet);
   totals_.series = seen_series_.size();
   Flush();
   return write_error_ == 0;
@@ -66,7 +66,22 @@ void PacketLog::Refuse(const std::string& text) {
   Report(text);
 }
 
-void PacketLog::Print(const Packet& packet, const Block& block, const Series& record) {
+void PacketLog::Print(const Packet& packet) {
+  for (size_t i = 0; i < packet.blocks.size();) {
+    const size_t timer = format_ == OutputFormat::kText ? TimerBlocks(packet, i) : 0;
+    if (timer != 0) {
+      AppendTimerText(packet, i, &buffer_);
+      i += timer;
+      continue;
+    }
+    for (const Series& record : packet.blocks[i].series) {
+      PrintPoint(packet, packet.blocks[i], record);
+    }
+    ++i;
+  }
+}
+
+void PacketLog::PrintPoint(const Packet& packet, const Block& block, const Series& record) {
   if (write_error_ != 0) return;
   switch (format_) {
     case OutputFormat::kText:

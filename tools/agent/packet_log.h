@@ -39,7 +39,8 @@ class PacketLog {
 
  private:
   void Refuse(const std::string& text);
-  void Print(const Packet& packet, const Block& block, const Series& record);
+  void Print(const Packet& packet);
+  void PrintPoint(const Packet& packet, const Block& block, const Series& record);
   void Write();
   void Flush();
 

@@ -1,6 +1,7 @@
 #include "agent/point_printer.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <iterator>
@@ -54,6 +55,40 @@ void AppendWord(const std::string& text, std::string* out) {
   *out += '"';
 }
 
+// What every line of text begins with.
+void AppendHead(const Packet& packet, int64_t timestamp, std::string_view type,
+                const std::string& name, const std::vector<Tag>& tags, std::string* out) {
+  *out += std::to_string(timestamp);
+  *out += ' ';
+  AppendWord(packet.tenant, out);
+  *out += ' ';
+  *out += type;
+  *out += ' ';
+  AppendWord(name, out);
+  *out += '{';
+  for (const Tag& tag : tags) {
+    if (&tag != tags.data()) *out += ',';
+    AppendWord(tag.key, out);
+    *out += '=';
+    AppendWord(tag.value, out);
+  }
+  *out += '}';
+}
+
+constexpr uint8_t kGauge = 1;
+constexpr std::array<std::string_view, 10> kTimerParts = {
+    "min", "max", "avg", "sum", "counter", "pct50", "pct90", "pct95", "pct99", "pct999"};
+
+// False unless `name` is a base name, a dot and `part`.
+bool SplitTimerName(std::string_view name, std::string_view part, std::string* base) {
+  if (name.size() < part.size() + 1 || name[name.size() - part.size() - 1] != '.' ||
+      name.substr(name.size() - part.size()) != part) {
+    return false;
+  }
+  *base = name.substr(0, name.size() - part.size() - 1);
+  return true;
+}
+
 Json NumberToJson(double value) {
   if (std::isfinite(value)) return value;
   std::string text;
@@ -69,22 +104,40 @@ void AddMember(const std::string& key, Json value, Json* object) {
 
 }  // namespace
 
-void AppendText(const Packet& packet, const Block& block, const Series& record, std::string* out) {
-  *out += std::to_string(block.timestamp);
-  *out += ' ';
-  AppendWord(packet.tenant, out);
-  *out += ' ';
-  *out += WireTypeName(block.wire_type);
-  *out += ' ';
-  AppendWord(block.name, out);
-  *out += '{';
-  for (const Tag& tag : record.tags) {
-    if (&tag != record.tags.data()) *out += ',';
-    AppendWord(tag.key, out);
-    *out += '=';
-    AppendWord(tag.value, out);
+size_t TimerBlocks(const Packet& packet, size_t first) {
+  const std::vector<Block>& blocks = packet.blocks;
+  if (blocks.size() - first < kTimerParts.size()) return 0;
+  std::string base;
+  if (!SplitTimerName(blocks[first].name, kTimerParts[0], &base)) return 0;
+  for (size_t i = 0; i < kTimerParts.size(); ++i) {
+    const Block& block = blocks[first + i];
+    std::string same;
+    if (block.wire_type != kGauge || block.series.size() != 1 || !block.fields.empty() ||
+        block.timestamp != blocks[first].timestamp ||
+        !SplitTimerName(block.name, kTimerParts[i], &same) || same != base ||
+        !(block.series[0].tags == blocks[first].series[0].tags)) {
+      return 0;
+    }
   }
-  *out += '}';
+  return kTimerParts.size();
+}
+
+void AppendTimerText(const Packet& packet, size_t first, std::string* out) {
+  const Block& block = packet.blocks[first];
+  std::string base;
+  SplitTimerName(block.name, kTimerParts[0], &base);
+  AppendHead(packet, block.timestamp, "timer", base, block.series[0].tags, out);
+  for (size_t i = 0; i < kTimerParts.size(); ++i) {
+    *out += ' ';
+    *out += kTimerParts[i];
+    *out += '=';
+    AppendNumber(packet.blocks[first + i].series[0].values.front(), out);
+  }
+  *out += '\n';
+}
+
+void AppendText(const Packet& packet, const Block& block, const Series& record, std::string* out) {
+  AppendHead(packet, block.timestamp, WireTypeName(block.wire_type), block.name, record.tags, out);
   for (size_t i = 0; i < record.values.size(); ++i) {
     *out += ' ';
     if (!block.fields.empty()) {

@@ -10,6 +10,7 @@
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_registry.h"
 #include "util/metric_log.h"
+#include "util/metric_size_limits.h"
 #include "util/metric_string_util.h"
 
 namespace METRICS {
@@ -28,8 +29,6 @@ thread_local std::vector<std::vector<std::string>> tag_value_pool;
 
 // Never destroyed: a thread may still emit while the process exits.
 const std::string& kMissingValue = *new std::string("-");
-
-constexpr int32_t kTagScratchBytes = 64;
 
 }  // namespace
 
@@ -92,6 +91,12 @@ unsigned long MetricImpl::GetDPCount() { return collector_ != nullptr ? collecto
 
 void MetricImpl::InitHisto(HistoUtilBase& /*histo*/) {}
 
+void MetricImpl::InitField(const std::vector<MetricFieldCfg>&& /*fields*/) {}
+
+ReturnCode MetricImpl::CEmit(double /*value*/, std::vector<std::string>&& /*tag_pairs*/) {
+  return ReturnCode::kNotSupported;
+}
+
 MetricCoItemType MetricImpl::Type() { return MetricCoItemType::kCoItemUnknown; }
 
 MetricImpl::ItemPtr MetricImpl::WithTags(const std::vector<tidegate::MetricTag>& tags) {
@@ -129,6 +134,10 @@ MetricImpl::ItemPtr MetricImpl::WithTagMap(
     }
   }
   return GetOrCreate(pool);
+}
+
+MetricImpl::ItemPtr MetricImpl::WithCompatibleTags(const std::vector<std::string>& tag_pairs) {
+  return PassStateGate() ? GetOrCreate(tag_pairs) : GetDummyItem();
 }
 
 ReturnCode MetricImpl::GetTagValueVec(const std::vector<tidegate::MetricTag>& tags,
@@ -247,12 +256,18 @@ std::string MetricImpl::EncodeTagBlock(const std::vector<std::string>& tag_value
 
 SuffixedMetricImpl::~SuffixedMetricImpl() = default;
 
-void SuffixedMetricImpl::InitHisto(HistoUtilBase& histo) {
-  if (histo.bounds.empty() || bounds_taken_.exchange(true)) {
-    return;
+void SuffixedMetricImpl::InitHisto(HistoUtilBase& histo) { TakeBounds(histo.bounds); }
+
+bool SuffixedMetricImpl::TakeBounds(const std::vector<double>& bounds) {
+  if (bounds.empty()) {
+    return true;
   }
-  bounds_ = histo.bounds;
+  if (bounds_taken_.exchange(true)) {
+    return false;
+  }
+  bounds_ = bounds;
   bounds_ready_.store(true, std::memory_order_release);
+  return true;
 }
 
 const std::vector<double>& SuffixedMetricImpl::Bounds() const {

@@ -20,6 +20,7 @@ namespace METRICS {
 class Metric;
 class MetricCollectorBase;
 class MetricCollectorFactory;
+struct MetricFieldCfg;
 
 /// The shared item that stands for every failure: emitting on it does nothing and answers 70.
 /// Never destroyed.
@@ -47,12 +48,17 @@ class METRICS_API MetricImpl {
   virtual unsigned long GetSeriesCount();
   virtual unsigned long GetDPCount();
   virtual void InitHisto(HistoUtilBase& histo);
+  virtual void InitField(const std::vector<MetricFieldCfg>&& fields);
+  /// Emits one number on the series of a flat list of tag pairs; 70 but for compatible metrics.
+  virtual ReturnCode CEmit(double value, std::vector<std::string>&& tag_pairs);
   virtual MetricCoItemType Type();
 
   // Never null: the dummy item stands for any failure. See `Metric` for the forms.
   ItemPtr WithTags(const std::vector<tidegate::MetricTag>& tags);
   ItemPtr WithTagValues(const std::vector<std::string>& values);
   ItemPtr WithTagMap(const std::unordered_map<std::string, std::string>& tags);
+  /// The series of a flat list: key, value, key, value. Another order is another series.
+  ItemPtr WithCompatibleTags(const std::vector<std::string>& tag_pairs);
 
   /// Puts the value of each tag at the place of its name. 37 for too many tags, 53 for a bad
   /// value, 50 for an unknown key.
@@ -108,6 +114,8 @@ class METRICS_API SuffixedMetricImpl final : public MetricImpl {
   void InitHisto(HistoUtilBase& histo) override;
   MetricCoItemType Type() override { return MetricCoItemType::kCoItemSuffix; }
 
+  /// Sets the bounds; false when there are some already. An empty list sets nothing.
+  bool TakeBounds(const std::vector<double>& bounds);
   /// The histogram bounds: none, or the whole list once it is set.
   const std::vector<double>& Bounds() const;
 

@@ -1,19 +1,49 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "codec/tag_kv.h"
+#include "metrics/impl/metric_impl.h"
+#include "util/metric_common.h"
+#include "util/metric_export.h"
 
 namespace METRICS {
 
-/// Names the columns of rows of numbers.
-class MultiFieldMetricImpl {
+/// One declared field.
+struct MetricFieldInfo {
+  std::string name;
+  MetricsType type = MetricsType::kUnknown;
+  std::vector<double> bounds;  ///< of a histogram field; empty otherwise
+};
+
+/// The implementation of metrics with a row of declared fields.
+///
+/// Written once by `InitField`, before the metric is visible to other threads, and constant from
+/// then on. A field may take several columns of the row: a meter 2, a timer 10, a delta counter 3,
+/// a histogram one per bound and 2.
+class METRICS_API MultiFieldMetricImpl final : public MetricImpl {
  public:
-  /// Appends the columns of a delta counter: the names of its numbers behind `name` and a dot, or
-  /// alone if `name` is empty.
-  static void GenerateDeltaCounterField(std::vector<lattice_kit::codec::FieldInfo>& out,
-                                        const std::string& name);
+  using MetricImpl::MetricImpl;
+  ~MultiFieldMetricImpl() override;
+
+  void InitField(const std::vector<MetricFieldCfg>&& fields) override;
+  MetricCoItemType Type() override { return MetricCoItemType::kCoItemField; }
+
+  // Each appends the columns of a field to `out`, in the order in which its cell reports. They are
+  // named behind `name` and a dot; with an empty `name`, as suffixed metrics use them, alone.
+  using Columns = std::vector<lattice_kit::codec::FieldInfo>;
+  static void GenerateSingleField(Columns& out, const std::string& name);
+  static void GenerateMeterField(Columns& out, const std::string& name);
+  static void GenerateSummaryField(Columns& out, const std::string& name);
+  static void GenerateDeltaCounterField(Columns& out, const std::string& name);
+  static void GenerateHistogramField(Columns& out, const std::string& name,
+                                     const std::vector<double>& bounds);
+
+  std::vector<MetricFieldInfo> field_infos_;  ///< in the order of their declaration
+  std::string codec_field_info_;              ///< the columns in packet form
+  uint32_t codec_field_num_ = 0;              ///< number of columns
 };
 
 }  // namespace METRICS

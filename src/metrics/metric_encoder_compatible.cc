@@ -1,0 +1,154 @@
+// The forms of compatible metrics: one block per metric and packet where a series reports a single
+// row, or the blocks of suffixed metrics. Their tag names come with each series.
+
+#include <algorithm>
+
+#include "codec/fnv_hash.h"
+#include "metrics/metric.h"
+#include "metrics/metric_encoder.h"
+#include "metrics/metric_registry.h"
+#include "metrics/metric_sender.h"
+#include "util/metric_log.h"
+#include "util/metric_size_limits.h"
+
+namespace METRICS {
+
+using lattice_kit::codec::FieldInfo;
+using lattice_kit::codec::kCodecValueDouble;
+using lattice_kit::codec::Pack;
+using lattice_kit::codec::TagKV;
+
+void MetricEncoder::PackCompatibleMetric(const std::vector<Series>& items) {
+  const MetricsType type = metric_->compatible_type_.load();
+  switch (type) {
+    case MetricsType::kGauge:
+    case MetricsType::kRate:
+    case MetricsType::kCounter:
+      EncodeCompatible(type, items, 1);
+      return;
+    case MetricsType::kMeter:
+      EncodeCompatibleWithSuffix(type, items);
+      return;
+    case MetricsType::kTimer:
+      if (metric_->multi_field_summary_.load()) {
+        EncodeCompatible(type, items, kMetricSummaryArraySize);
+      } else {
+        EncodeCompatibleWithSuffix(type, items);
+      }
+      return;
+    case MetricsType::kHistogram:
+    case MetricsType::kDeltaCounter:
+    case MetricsType::kUnknown:
+    case MetricsType::kMultiField:
+    case MetricsType::kTypeEnd:
+      break;
+  }
+  METRICS_LOG_ERROR("Sender[%s] Compatible unsupport MetricType: %d\n", name_.c_str(),
+                    static_cast<int>(type));
+}
+
+void MetricEncoder::EncodeCurrentCompatibleMetricHeader(MetricDataPack& pack, MetricsType type) {
+  if (metric_->kind_ != MetricCoItemType::kCoItemCompatible) {
+    return;
+  }
+  std::string fields;
+  if (type == MetricsType::kTimer) {  // only as a row does a timer share a block
+    std::vector<FieldInfo> columns;
+    for (const std::string& name : Metric::GetCompatibleFieldInfo()) {
+      columns.emplace_back(name, kCodecValueDouble);
+    }
+    fields = PrePack(columns);
+  }
+  EncodeMetricHeader(pack, type, metric_->name_hash_, metric_->name_, fields,
+                     sender_->last_flush_ts_, true);
+}
+
+void MetricEncoder::EncodeCompatible(const MetricsType& type, const std::vector<Series>& items,
+                                     unsigned long array_size) {
+  EncodeCurrentCompatibleMetricHeader(pack_, type);
+  for (size_t k = 0; k < items.size(); ++k) {
+    MetricCollectorItem& item = *items[k].second;
+    if (!item.active_.load(std::memory_order_relaxed)) {
+      continue;
+    }
+    const SendRes res = item.Data()->Send(static_cast<unsigned int>(interval_));
+    if (!CheckSendRes(type, res.values, array_size)) {
+      continue;
+    }
+    EncodeCompatibleMetricTagKV(items[k]);
+    EncodeOneSeriesValue(pack_, item.encoded_tags_, {}, res.values);
+    ContinueBlockIfSent(k + 1 == items.size());
+    if (res.need_prev) {
+      cur_tag_kv_ = item.encoded_tags_;
+      EncodeExtendCompatibleSeries(type, res.prev_value);
+    }
+  }
+  RefillMetricHeader(pack_);
+}
+
+void MetricEncoder::EncodeCompatibleWithSuffix(const MetricsType& type,
+                                               const std::vector<Series>& items) {
+  const bool timer = type == MetricsType::kTimer;
+  const unsigned long array_size = timer ? kMetricSummaryArraySize : kMetricMeterArraySize;
+  const SuffixOf convert = timer ? &ConvertIdxToTimerSuffix : &ConvertIdxToMeterSuffix;
+  for (const Series& series : items) {
+    MetricCollectorItem& item = *series.second;
+    if (!item.active_.load(std::memory_order_relaxed)) {
+      continue;
+    }
+    EncodeCompatibleMetricTagKV(series);
+    cur_tag_kv_ = item.encoded_tags_;
+    const SendRes res = item.Data()->Send(static_cast<unsigned int>(interval_));
+    if (!CheckSendRes(type, res.values, array_size)) {
+      continue;
+    }
+    DoPackSuffixMetric(pack_, res.values, std::string(), type, convert, sender_->last_flush_ts_);
+    if (res.need_prev) {
+      EncodeExtendCompatibleSeries(type, res.prev_value);
+    }
+    if (CheckMsgLenAndSend(pack_, false)) {
+      RePackFromRegistry(pack_);
+    }
+  }
+}
+
+void MetricEncoder::EncodeExtendCompatibleSeries(const MetricsType& type, double prev_value) {
+  if (PreviousPointWidth(type) == 0) {
+    return;
+  }
+  // A block of its own, also for a counter, which shares one in the current packet.
+  const SuffixOf convert = type == MetricsType::kMeter ? &ConvertIdxToMeterSuffix : nullptr;
+  EncodePreviousInterval(prev_value, std::string(), type, convert);
+}
+
+void MetricEncoder::EncodeCompatibleMetricTagKV(const Series& series) {
+  MetricCollectorItem& item = *series.second;
+  if (!item.encoded_tags_.empty()) {
+    return;
+  }
+  const std::vector<std::string>& pairs = series.first;
+  const std::vector<tidegate::MetricTag> inserted = registry_->InsertedTags();
+  std::vector<TagKV> tags;
+  tags.reserve(inserted.size() + pairs.size() / 2);
+  for (size_t i = 0; i + 1 < pairs.size(); i += 2) {
+    tags.emplace_back(pairs[i], pairs[i + 1]);
+  }
+  for (const tidegate::MetricTag& tag : inserted) {
+    tags.emplace_back(tag.key, tag.value);
+  }
+  std::sort(tags.begin(), tags.end());
+  const auto same_key = [](const TagKV& a, const TagKV& b) { return a.key == b.key; };
+  tags.erase(std::unique(tags.begin(), tags.end(), same_key), tags.end());
+  if (item.tag_hash_ == 0) {
+    item.tag_hash_ = static_cast<int32_t>(lattice_kit::codec::TagVecFNVHash(tags));
+  }
+  Pack scratch(kTagScratchBytes);
+  scratch.Put(item.tag_hash_);
+  scratch.Put(static_cast<uint32_t>(2 * tags.size()));
+  for (const TagKV& tag : tags) {
+    lattice_kit::codec::Encode(tag, scratch);
+  }
+  item.encoded_tags_ = scratch.Bytes();
+}
+
+}  // namespace METRICS

@@ -1,0 +1,67 @@
+// The form of metrics with a row of fields: one block per metric and packet, whose records name by
+// index which columns they carry.
+
+#include "metrics/metric.h"
+#include "metrics/metric_encoder.h"
+#include "metrics/metric_sender.h"
+#include "util/metric_log.h"
+
+namespace METRICS {
+
+void MetricEncoder::PackMultiFeildMetric(const std::vector<Series>& items) {
+  // Opened whether or not a series has something to say.
+  EncodeRowHeader(pack_, sender_->last_flush_ts_, true);
+  for (size_t k = 0; k < items.size(); ++k) {
+    const auto& [tags, item] = items[k];
+    if (!item->active_.load(std::memory_order_relaxed)) {
+      continue;
+    }
+    EncodeMultiFieldSeries(tags, item);
+    ContinueBlockIfSent(k + 1 == items.size());
+  }
+  RefillMetricHeader(pack_);
+  RefillMetricHeader(prev_pack_);
+}
+
+void MetricEncoder::EncodeRowHeader(MetricDataPack& pack, long timestamp, bool save) {
+  EncodeMetricHeader(pack, MetricsType::kMultiField, metric_->name_hash_, metric_->name_,
+                     metric_->GetCodecFieldInfo(), timestamp, save);
+}
+
+void MetricEncoder::ContinueBlockIfSent(bool last) {
+  if (!CheckMsgLenAndSend(pack_, true)) {
+    return;
+  }
+  RePackFromRegistry(pack_);
+  if (!last) {
+    CopyFromCurrentMetricHeader(pack_);
+  }
+}
+
+void MetricEncoder::EncodeMultiFieldSeries(const std::vector<std::string>& tags,
+                                           const std::shared_ptr<MetricCollectorItem>& item) {
+  const MultiFieldSendRes res = static_cast<MetricFieldArray&>(*item).Send(metric_->GetFieldInfo());
+  if (res.values.empty()) {
+    return;
+  }
+  EncodeCurrentTagKV(tags, *item);
+  EncodeOneSeriesValue(pack_, cur_tag_kv_, res.value_fields, res.values);
+  if (!res.prev_values.empty()) {
+    EncodeMultiFieldExtendSeries(res);
+  }
+}
+
+void MetricEncoder::EncodeMultiFieldExtendSeries(const MultiFieldSendRes& res) {
+  if (prev_pack_.series_count == 0) {
+    RePackFromRegistry(prev_pack_);
+  }
+  if (prev_pack_.block_series == 0) {
+    EncodeRowHeader(prev_pack_, sender_->last_flush_ts_ - interval_, false);
+  }
+  EncodeOneSeriesValue(prev_pack_, cur_tag_kv_, res.prev_fields, res.prev_values);
+  METRICS_LOG_DEBUG("Pack %ld zeros for counter/meter.\n",
+                    static_cast<long>(res.prev_values.size()));
+  CheckMsgLenAndSend(prev_pack_, true);
+}
+
+}  // namespace METRICS

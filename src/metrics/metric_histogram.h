@@ -1,0 +1,51 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <vector>
+
+#include "metrics/metric_data.h"
+#include "util/metric_common.h"
+#include "util/metric_data_util.h"
+#include "util/metric_lock.h"
+
+namespace METRICS {
+
+/// The index of a sample that belongs to no bucket.
+constexpr short kNoHistoBucket = -32768;
+
+/// The bucket of `value`: the last bound that is not above it. `kNoHistoBucket` below the first
+/// bound and without bounds; a NaN belongs to the last bucket.
+short GetHistoIndex(const double& value, const std::vector<double>& bounds);
+
+/// Counts samples by value range and adds them up. Bucket i holds the samples from bound i
+/// (inclusive) to bound i + 1 (exclusive), the last one all from its bound on; a sample below the
+/// first bound is dropped, from the sum too.
+///
+/// Reports the buckets, the sum and the count. Emitters share a lock and run in parallel; a flush
+/// excludes them, so that sum and counts belong to the same samples. Samples that add up to 0.0
+/// count as a quiet interval and are reported with the next one that does not. NaN and infinity go
+/// through the sum as IEEE 754 says, and stay in it.
+class MetricHistogram final : public MetricBasicData {
+ public:
+  explicit MetricHistogram(unsigned short bucket_count);
+  ~MetricHistogram() override;
+
+  /// Without a bucket index there is nothing to do.
+  void Emit(const long& value) override;
+  void Emit(const double& value) override;
+  /// A sample of the bucket `index`, a result of `GetHistoIndex`. An index beyond the cell's
+  /// buckets is ignored like `kNoHistoBucket`.
+  void Emit(short index, const long& value);
+  void Emit(short index, const double& value);
+  SendRes Send(const unsigned int& interval) override;
+  MetricsType Type() override { return MetricsType::kHistogram; }
+
+ private:
+  std::vector<AtomicWrapper<long>> buckets_;  ///< samples not yet flushed
+  const uint16_t bucket_count_;
+  std::atomic<double> sum_{0.0};  ///< of the samples not yet flushed
+  RwLock rwlock_;                 ///< shared by emitters, exclusive to the flush
+};
+
+}  // namespace METRICS

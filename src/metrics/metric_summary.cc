@@ -1,0 +1,170 @@
+#include "metrics/metric_summary.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <numeric>
+#include <utility>
+
+#include "util/fork_guard.h"
+#include "util/metric_data_util.h"
+
+namespace METRICS {
+namespace {
+
+constexpr double kPercentiles[] = {0.5, 0.9, 0.95, 0.99, 0.999};
+
+}  // namespace
+
+const SendRes& MetricSummaryData::no_flush_res_ =
+    *new SendRes{false, {}, 0.0, kMetricSummaryArraySize};
+
+std::vector<double> SummarizeSamples(double* samples, size_t count) {
+  SortNumbersFirst(samples, samples + count);
+  const auto n = static_cast<double>(count);
+  // From the smallest to the largest, so that a set of samples has one sum.
+  const double sum = std::accumulate(samples, samples + count, 0.0);
+  std::vector<double> summary;
+  summary.reserve(kMetricSummaryArraySize);
+  summary.insert(summary.end(), {samples[0], samples[count - 1], sum / n, sum, n});
+  for (const double q : kPercentiles) {
+    summary.push_back(samples[static_cast<size_t>(q * n)]);
+  }
+  return summary;
+}
+
+ChainedVector::~ChainedVector() {
+  while (head_ != nullptr) {
+    FreeHead();
+  }
+}
+
+ChainedVector::ChainedVector(ChainedVector&& other) noexcept
+    : head_(std::exchange(other.head_, nullptr)),
+      size_(std::exchange(other.size_, 0)),
+      block_index_(std::exchange(other.block_index_, 0)),
+      blocks_at_size_(std::exchange(other.blocks_at_size_, 0xffff)) {}
+
+size_t ChainedVector::BlockCount() const {
+  size_t blocks = 0;
+  for (const Block* block = head_; block != nullptr; block = block->next) {
+    ++blocks;
+  }
+  return blocks;
+}
+
+void ChainedVector::AddBlock(double value) {
+  ExpandBlockSize();
+  const uint16_t capacity = block_sizes_[block_index_];
+  auto* const block = static_cast<Block*>(std::malloc(sizeof(Block) + capacity * sizeof(double)));
+  if (block == nullptr) {
+    std::abort();
+  }
+  block->next = head_;
+  block->used = 1;
+  block->capacity = capacity;
+  block->Samples()[0] = value;
+  head_ = block;
+  ++size_;
+}
+
+void ChainedVector::ExpandBlockSize() {
+  static constexpr uint16_t block_size_len = 5;
+  constexpr uint16_t kLastOfSize = 3;
+  if (block_index_ == block_size_len) {
+    return;
+  }
+  if (blocks_at_size_ == kLastOfSize) {
+    ++block_index_;
+    blocks_at_size_ = 0;
+  } else {
+    ++blocks_at_size_;
+  }
+}
+
+void ChainedVector::FreeHead() {
+  Block* const block = head_;
+  head_ = block->next;
+  std::free(block);
+}
+
+std::vector<double> ChainedVector::Send() {
+  size_t samples = 0;  // the blocks' own counts, which do not wrap
+  for (const Block* block = head_; block != nullptr; block = block->next) {
+    samples += block->used;
+  }
+  const std::unique_ptr<double[]> flat(new double[samples]);
+  size_t copied = 0;
+  while (head_ != nullptr) {
+    std::memcpy(flat.get() + copied, head_->Samples(), head_->used * sizeof(double));
+    copied += head_->used;
+    FreeHead();
+  }
+  size_ = 0;
+  block_index_ = 0;
+  blocks_at_size_ = 0xffff;
+  return SummarizeSamples(flat.get(), copied);
+}
+
+MetricSummaryVecV1::~MetricSummaryVecV1() {
+  if (InForkTeardown() && mutex_.ReinitAfterFork()) {
+    Abandon(samples_);
+  }
+}
+
+void MetricSummaryVecV1::Emit(const long& value) { Emit(static_cast<double>(value)); }
+
+void MetricSummaryVecV1::Emit(const double& value) {
+  const WriteGuard guard(mutex_);
+  samples_.push_back(value);
+}
+
+SendRes MetricSummaryVecV1::Send(const unsigned int& /*interval*/) {
+  std::vector<double> samples;
+  {
+    const WriteGuard guard(mutex_);
+    samples.swap(samples_);
+  }
+  if (samples.empty()) {
+    return no_flush_res_;
+  }
+  return {false, SummarizeSamples(samples.data(), samples.size()), 0.0, kMetricSummaryArraySize};
+}
+
+MetricSummaryVecV2::~MetricSummaryVecV2() {
+  if (InForkTeardown() && mutex_.ReinitAfterFork()) {
+    Abandon(samples_);
+  }
+}
+
+void MetricSummaryVecV2::Emit(const long& value) { Emit(static_cast<double>(value)); }
+
+void MetricSummaryVecV2::Emit(const double& value) {
+  const WriteGuard guard(mutex_);
+  samples_.Add(value);
+}
+
+SendRes MetricSummaryVecV2::Send(const unsigned int& /*interval*/) {
+  ChainedVector samples = TakeSamples();
+  if (samples.IsEmpty()) {
+    return no_flush_res_;
+  }
+  return {false, samples.Send(), 0.0, 1};
+}
+
+ChainedVector MetricSummaryVecV2::TakeSamples() {
+  const WriteGuard guard(mutex_);
+  return std::move(samples_);
+}
+
+MetricSummaryCKMS::MetricSummaryCKMS() : quantiles_(std::make_unique<CKMSQuantiles>()) {}
+
+MetricSummaryCKMS::~MetricSummaryCKMS() = default;
+
+void MetricSummaryCKMS::Emit(const long& value) { quantiles_->Insert(static_cast<double>(value)); }
+
+void MetricSummaryCKMS::Emit(const double& value) { quantiles_->Insert(value); }
+
+SendRes MetricSummaryCKMS::Send(const unsigned int& interval) { return quantiles_->Send(interval); }
+
+}  // namespace METRICS

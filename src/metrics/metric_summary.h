@@ -1,0 +1,133 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "metrics/metric_ckms_quantiles.h"
+#include "metrics/metric_data.h"
+#include "util/metric_common.h"
+#include "util/metric_lock.h"
+
+namespace METRICS {
+
+/// Sorts `count` samples in place and returns their summary: minimum, maximum, average, sum, count
+/// and the percentiles 0.5, 0.9, 0.95, 0.99 and 0.999, each the sample at rank floor(q * count)
+/// counted from zero, without interpolation.
+///
+/// NaNs are sorted behind the numbers; they count, and go through the sum as IEEE 754 says.
+/// REQUIRES: `count` is not 0.
+std::vector<double> SummarizeSamples(double* samples, size_t count);
+
+/// Append-only store of samples: a list of blocks, newest first, whose sizes grow from 256 to 8192
+/// samples, four blocks of each size. Samples are never moved until they are drained.
+///
+/// Not thread-safe. Owns its blocks. Memory exhaustion ends the process.
+class ChainedVector {
+ public:
+  ChainedVector() = default;
+  ~ChainedVector();
+  /// Leaves `other` as new.
+  ChainedVector(ChainedVector&& other) noexcept;
+  ChainedVector(const ChainedVector&) = delete;
+  ChainedVector& operator=(const ChainedVector&) = delete;
+  ChainedVector& operator=(ChainedVector&&) = delete;
+
+  /// Appends a sample; allocates only when the newest block is full.
+  void Add(double value) {
+    if (head_ != nullptr && head_->used != head_->capacity) {
+      head_->Samples()[head_->used++] = value;
+      ++size_;
+      return;
+    }
+    AddBlock(value);
+  }
+  bool IsEmpty() const { return head_ == nullptr; }
+  uint32_t Size() const { return size_; }
+  size_t BlockCount() const;
+  /// The ten numbers of `SummarizeSamples`; leaves the store as new. REQUIRES: there are samples.
+  std::vector<double> Send();
+
+ private:
+  struct Block {
+    double* Samples() { return reinterpret_cast<double*>(this + 1); }
+
+    Block* next;  ///< the older block
+    uint16_t used;
+    uint16_t capacity;
+  };
+  static_assert(sizeof(Block) % alignof(double) == 0);
+
+  static constexpr uint16_t block_sizes_[] = {256, 512, 1024, 2048, 4096, 8192};
+
+  void AddBlock(double value);
+  void ExpandBlockSize();
+  /// Unlinks and frees the newest block.
+  void FreeHead();
+
+  Block* head_ = nullptr;  ///< newest block, the only one that is being filled
+  uint32_t size_ = 0;
+  uint16_t block_index_ = 0;          ///< size of the newest block, an index of `block_sizes_`
+  uint16_t blocks_at_size_ = 0xffff;  ///< blocks made at this size, less one
+};
+
+/// Base of the cells that tell the distribution of an interval's samples by the ten numbers of
+/// `SummarizeSamples`. Samples are never filtered: NaN and infinity count and go through the sum.
+class MetricSummaryData : public MetricBasicData {
+ public:
+  MetricsType Type() override { return MetricsType::kTimer; }
+
+  /// What a quiet interval reports.
+  static const SendRes& no_flush_res_;
+};
+
+/// Exact summary over one growing array. `CreateData` makes `MetricSummaryVecV2` instead.
+class MetricSummaryVecV1 final : public MetricSummaryData {
+ public:
+  ~MetricSummaryVecV1() override;
+
+  void Emit(const long& value) override;
+  void Emit(const double& value) override;
+  SendRes Send(const unsigned int& interval) override;
+
+ private:
+  std::vector<double> samples_ METRICS_GUARDED_BY(mutex_);
+  Mutex mutex_;
+};
+
+/// Exact summary: keeps every sample of the interval, 8 bytes each. Where no flush comes (an item
+/// that was kept across `Block`, or a sender that never runs) it keeps them until the item goes.
+///
+/// An emission takes the cell's mutex and allocates once per block. The flush holds the mutex only
+/// to take the chain away; it sorts on its own thread. All memory is freed at every flush.
+class MetricSummaryVecV2 final : public MetricSummaryData {
+ public:
+  ~MetricSummaryVecV2() override;
+
+  void Emit(const long& value) override;
+  void Emit(const double& value) override;
+  SendRes Send(const unsigned int& interval) override;
+
+ private:
+  ChainedVector TakeSamples();
+
+  Mutex mutex_;
+  ChainedVector samples_ METRICS_GUARDED_BY(mutex_);
+};
+
+/// Estimating summary in bounded memory; see `CKMSQuantiles`.
+class MetricSummaryCKMS final : public MetricSummaryData {
+ public:
+  MetricSummaryCKMS();
+  ~MetricSummaryCKMS() override;
+
+  void Emit(const long& value) override;
+  void Emit(const double& value) override;
+  SendRes Send(const unsigned int& interval) override;
+
+ private:
+  const std::unique_ptr<CKMSQuantiles> quantiles_;
+};
+
+}  // namespace METRICS
