@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -71,58 +70,37 @@ TEST_F(MetricTest, AllFormsOfTagsLeadToTheSameSeries) {
 }
 
 TEST_F(MetricTest, EveryFailureGivesTheDummyItemACountAndItsLines) {
-  const auto set = [this](MetricState state) { metric_.impl_->state_ = state; };
   const struct {
-    std::function<std::shared_ptr<MetricCollectorItem>()> with;
+    MetricState state;
+    std::vector<tidegate::MetricTag> tags;
     std::string lines;
   } cases[] = {
-      {[&] {
-         return metric_.WithTags({{"x", "1"}, {"b", ""}});
-       },
-       ".*]Invalid string.\n.*]GetTagValueVec error: Invalid string.\n"},
-      {[&] {
-         return metric_.WithTags({{"b", "bad|value"}});
-       },
-       ".*]Invalid string.\n.*]GetTagValueVec error: Invalid string.\n"},
-      {[&] {
-         return metric_.WithTags({{"x", "1"}});
-       },
-       ".*]Unknown tag-name.*\n.*]GetTagValueVec error: Unknown tag-name.*\n"},
-      {[&] {
-         return set(MetricState::BLOCKED), metric_.WithTags({{}, {}, {}});
-       },
-       ".*\\[Error\\].*]Tags num greater then declared tag num, num: 3, declared: 2\n"},
-      {[&] {
-         return metric_.WithTagValues({"", "", ""});
-       },
-       ".*\\[Error\\].*]Tags num greater then declared tag num, num: 3, declared: 2\n"},
-      {[&] {
-         return metric_.WithTags({{"a", ""}});
-       },
-       ".*\\[Warn \\].*]Metric state\\[0:INIT, 1:READY, 2:BLOCKED, 3:SHUTDOWN\\] error: 2\n"},
-      {[&] { return metric_.WithTagValues({}); }, ".*] error: 2\n"},
-      {[&] { return set(MetricState::SHUTDOWN), metric_.WithTagMap({}); }, ".*] error: 3\n"},
-      {[&] { return set(MetricState::INIT), metric_.WithTags({}); }, ""}};
-  unsigned long failures = 0;
-  for (const auto& [with, lines] : cases) {
-    EXPECT_THAT(LogOf([&action = with] { EXPECT_EQ(action(), DummyItem()); }, 2),
+      {MetricState::READY,
+       {{"x", "1"}, {"b", ""}},
+       ".*]Invalid.*]GetTagValueVec error: Invalid.*\n"},
+      {MetricState::READY, {{"b", "a|b"}}, ".*]Invalid.*]GetTagValueVec error: Invalid.*\n"},
+      {MetricState::READY, {{"x", "1"}}, ".*]Unknown.*]GetTagValueVec error: Unknown.*\n"},
+      {MetricState::BLOCKED,
+       {{}, {}, {}},
+       ".*\\[Error.*]Tags num greater then declared tag num, num: 3, declared: 2\n"},
+      {MetricState::BLOCKED,
+       {{"a", ""}},
+       ".*\\[Warn .*]Metric state\\[0:INIT, 1:READY, 2:BLOCKED, 3:SHUTDOWN\\] error: 2\n"},
+      {MetricState::SHUTDOWN, {}, ".*\\[Warn .*] error: 3\n"},
+      {MetricState::INIT, {}, ""}};
+  for (const auto& [state, tags, lines] : cases) {
+    metric_.impl_->state_ = state;
+    EXPECT_THAT(LogOf([&, &t = tags] { EXPECT_EQ(metric_.WithTags(t), DummyItem()); }, 2),
                 MatchesRegex(lines));
-    EXPECT_EQ(metric_.emit_fail_, ++failures);
   }
+  EXPECT_EQ(metric_.WithTagValues({}), DummyItem());
+  EXPECT_EQ(metric_.WithTagValues({"", "", ""}), DummyItem());
+  EXPECT_EQ(metric_.WithTagMap({}), DummyItem());
+  EXPECT_EQ(metric_.emit_fail_, 10u);
   double number = 1.0;
   EXPECT_EQ(DummyItem()->Emit({Incr(1)}), R::kNotSupported);
   EXPECT_EQ(DummyItem()->Emit(number), R::kNotSupported);
   EXPECT_EQ(DummyItem()->EmitMap({{"f", 1.0}}), R::kNotSupported);
-}
-
-TEST_F(MetricTest, SendListIsSortedAndTheIndexPointsAtDeclaredTags) {
-  Metric* metric = nullptr;
-  client_.Registry("tagged", "t1", {{"z", "registry's"}})
-      ->CreateMetric(metric, {"m", {"b", "a"}, {{"k", "v"}, {"ab", "c"}}, {}, nullptr});
-  std::string list;
-  for (const auto& [key, value] : metric->impl_->send_tags_) list += key + "=" + value + " ";
-  EXPECT_EQ(list, "a= ab=c b= k=v z=registry's ");
-  EXPECT_THAT(metric->impl_->tag_index_, testing::ElementsAre(0, 2));
 }
 
 TEST_F(MetricTest, StatisticsReportRatesSinceTheLastTimeAndCurrentGauges) {

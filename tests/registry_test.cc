@@ -76,8 +76,6 @@ TEST_F(RegistryTest, OfTwoErrorsTheEarlierCheckAnswers) {
                // 65540 columns count as 4
                {Cfg("old", {}, {}, nullptr, Fields(6554, {"f", T::kTimer})), R::kObjectExisted},
                {Cfg("old", {}, {}, nullptr, {{"f", T::kMultiField}}), R::kInvalidMetricType},
-               // Kinds other than suffixed ones do not exist yet.
-               {Cfg("m", {}, {}, nullptr, {{"f", T::kGauge}}), R::kInternalError},
                {Cfg("m", most), R::kOk}};
   for (const auto& [cfg, code] : cases) {
     SCOPED_TRACE(&cfg - &cases[0].cfg);
@@ -86,6 +84,8 @@ TEST_F(RegistryTest, OfTwoErrorsTheEarlierCheckAnswers) {
     EXPECT_EQ(metric_ != nullptr, code == R::kOk);
   }
   EXPECT_EQ(registry_.GetAllMetric().size(), 2u);
+  EXPECT_EQ(registry_.CreateMetric(metric_, {MetricCoItemType::kCoItemUnknown, Cfg("n")}),
+            R::kInternalError);
 }
 
 TEST_F(RegistryTest, AFullRegistryRefusesAfterExistenceAndBlocking) {
