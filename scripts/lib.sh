@@ -58,7 +58,7 @@ build() {
   step "configuring build/$preset"
   (cd "$ROOT" && quietly cmake --preset "$preset")
   step "building build/$preset"
-  (cd "$ROOT" && quietly cmake --build --preset "$preset" -j "$JOBS" ${1:+--target "$@"})
+  (cd "$ROOT" && quietly cmake --build --preset "$preset" -j "$JOBS" ${1:+--target "$@"} -- --quiet)
 }
 
 # run_tests <preset>: the whole suite. ctest's own output ends with its summary; it says which tests

@@ -1,0 +1,243 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/unique_fd.h"
+#include "golden/golden_file.h"
+
+namespace tidegate::agent {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::HasSubstr;
+namespace fs = std::filesystem;
+
+// The golden gauge with another metric name: three lengths change with it.
+std::string GaugeNamed(const std::string& name) {
+  std::string bytes = ReadGolden("gauge.hex").replace(137, 7, name);
+  const auto patch = [&](size_t at, size_t number) {
+    for (int i = 0; i < 4; ++i) bytes[at++] = static_cast<char>(number >> 8 * i);
+  };
+  patch(13, 81 + name.size());
+  patch(112, 81 + name.size());
+  patch(133, name.size());
+  return bytes;
+}
+
+void Send(const UniqueFd& client, const std::string& bytes) {
+  ASSERT_EQ(send(client.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(bytes.size()))
+      << errno;
+}
+
+// Runs the real program on a socket in a folder of its own.
+class AgentTest : public testing::Test {
+ protected:
+  using SocketCall = int (*)(int, const sockaddr*, socklen_t);
+
+  ~AgentTest() override {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      Wait();
+    }
+    fs::remove_all(folder_);
+  }
+
+  // Standard output and error go to the files "out" and "err" of the folder.
+  void Spawn(const std::string& format = "text", int out = -1, rlim_t descriptors = 0) {
+    const UniqueFd out_file(Create("out"));
+    const UniqueFd err_file(Create("err"));
+    pid_ = fork();
+    ASSERT_GE(pid_, 0);
+    if (pid_ > 0) return;
+    dup2(out < 0 ? out_file.get() : out, STDOUT_FILENO);
+    dup2(err_file.get(), STDERR_FILENO);
+    const rlimit limit = {descriptors, descriptors};
+    if (descriptors > 0) setrlimit(RLIMIT_NOFILE, &limit);
+    execl(TIDEGATE_AGENT, TIDEGATE_AGENT, "--socket", socket_.c_str(), "--format", format.c_str(),
+          nullptr);
+    _exit(127);
+  }
+  void Start(const std::string& format = "text", int out = -1, rlim_t descriptors = 0) {
+    Spawn(format, out, descriptors);
+    Await("err", "tidegate-agent: listening on " + socket_ + "\n");
+  }
+  int Create(const char* file) const {
+    return open((folder_ / file).c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0600);
+  }
+  std::string Content(const char* file) const {
+    std::ostringstream text;
+    text << std::ifstream(folder_ / file).rdbuf();
+    return text.str();
+  }
+  // A file gives nothing to wait on, so it is polled, for 20 seconds at most.
+  void Await(const char* file, const std::string& text) const {
+    for (int i = 0; i < 2000 && Content(file).find(text) == std::string::npos; ++i) {
+      std::this_thread::sleep_for(milliseconds(10));
+    }
+    ASSERT_THAT(Content(file), HasSubstr(text));
+  }
+  int Wait() {  // for the agent's exit status
+    int status = 0;
+    waitpid(std::exchange(pid_, -1), &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  int Terminate() {
+    kill(pid_, SIGTERM);
+    return Wait();
+  }
+  UniqueFd Connect(SocketCall call = connect) const {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    socket_.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    UniqueFd client(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    const auto* any = reinterpret_cast<const sockaddr*>(&address);
+    EXPECT_EQ(call(client.get(), any, sizeof(address)), 0) << errno;
+    return client;
+  }
+
+  char template_[18] = "/tmp/agent_XXXXXX";
+  const fs::path folder_ = mkdtemp(template_);
+  std::string socket_ = folder_ / "made/by/agent.sock";
+  pid_t pid_ = -1;
+};
+
+TEST_F(AgentTest, ServesClientsSideBySideAndEndsInOrder) {
+  const std::string gauge = ReadGolden("gauge.hex");
+  Start();
+  const UniqueFd first = Connect();
+  const UniqueFd second = Connect();
+  Send(second, ReadGolden("multi_field.hex"));
+  Await("out",
+        "1700000000 t1 multi_field svc.m{host=a} c=3 g=-0.25\n"
+        "1700000000 t1 multi_field svc.m{} g=2\n");
+  Send(first, gauge.substr(0, 150));
+  Send(first, "");
+  Send(first, gauge);
+  Await("out", "1700000000 t1 gauge svc.lat{dc=b,host=a} 1.5\n");
+
+  // What waits on a connection, and on one not even accepted, when the signal comes still counts.
+  kill(pid_, SIGSTOP);
+  Send(first, gauge);
+  Send(second, gauge);
+  Send(Connect(), gauge);
+  kill(pid_, SIGTERM);
+  kill(pid_, SIGCONT);
+  EXPECT_EQ(Wait(), 0);
+  EXPECT_EQ(Content("err"),
+            "tidegate-agent: listening on " + socket_ +
+                "\ntidegate-agent: malformed packet of 150 bytes at offset 13: "
+                "body_len is 88 instead of 38\n"
+                "tidegate-agent: malformed packet of 0 bytes at offset 0: cut off in magic\n"
+                "tidegate-agent: packets=5 series=3 points=6 errors=2\n");
+  EXPECT_FALSE(fs::exists(socket_));
+}
+
+TEST_F(AgentTest, HostileStringsStayOnOneLine) {
+  std::string bytes = GaugeNamed("a\n\xff\"b");
+  bytes.replace(bytes.size() - 2, 2, "\xf8\x7f");  // NaN
+  for (const auto& [format, line] : {
+           std::pair("text", "1700000000 t1 gauge \"a\\n\\xff\\\"b\"{dc=b,host=a} nan\n"),
+           std::pair("json", R"({"timestamp":1700000000,"tenant":"t1","type":"gauge",)"
+                             R"("name":"a\n)"
+                             "\xef\xbf\xbd"
+                             R"(\"b","tags":{"dc":"b","host":"a"},"value":"nan"})"
+                             "\n"),
+       }) {
+    Start(format);
+    Send(Connect(), bytes);
+    Await("out", line);
+    EXPECT_EQ(Terminate(), 0);
+    EXPECT_EQ(Content("out"), line);
+  }
+}
+
+TEST_F(AgentTest, TakesOneMebibyteWholeAndCountsWhatIsLonger) {
+  constexpr int kLimit = 1 << 20;
+  Start();
+  const UniqueFd client = Connect();
+  const int room = 2 * kLimit;
+  if (setsockopt(client.get(), SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) != 0) {
+    GTEST_SKIP() << "only root may send messages of this size";
+  }
+  const std::string name(kLimit - 193, 'n');
+  Send(client, GaugeNamed(name));
+  Send(client, GaugeNamed(name + 'n'));
+  Await("err", "tidegate-agent: message of 1048577 bytes is longer than 1048576\n");
+  EXPECT_EQ(Terminate(), 0);
+  EXPECT_EQ(Content("out"), "1700000000 t1 gauge " + name + "{dc=b,host=a} 1.5\n");
+  EXPECT_THAT(Content("err"), HasSubstr("packets=1 series=1 points=1 errors=1\n"));
+}
+
+TEST_F(AgentTest, TakesOverAStaleSocketOnly) {
+  socket_ = folder_ / "s";
+  Connect(bind);  // and closes, which leaves the file
+  Start();
+  const pid_t live = pid_;
+  Spawn();
+  EXPECT_EQ(Wait(), 1);
+  EXPECT_EQ(Content("err"), "tidegate-agent: another process is listening on " + socket_ + "\n");
+  pid_ = live;
+  Connect();  // still serving
+  EXPECT_EQ(Terminate(), 0);
+
+  close(Create("s"));
+  Spawn();
+  EXPECT_EQ(Wait(), 1);
+  EXPECT_EQ(Content("err"), "tidegate-agent: " + socket_ + " exists and is not a socket\n");
+  EXPECT_TRUE(fs::is_regular_file(socket_));
+
+  socket_ += std::string(108 - socket_.size(), 'x');
+  Spawn();
+  EXPECT_EQ(Wait(), 1);
+  EXPECT_THAT(Content("err"), HasSubstr("the socket path is too long, 108 of at most 107 bytes"));
+}
+
+TEST_F(AgentTest, WaitsQuietlyForDescriptors) {
+  Start("text", -1, 10);
+  std::vector<UniqueFd> clients;
+  for (int i = 0; i < 12; ++i) Send(clients.emplace_back(Connect()), ReadGolden("gauge.hex"));
+  Await("err", "cannot accept a client, new clients wait");
+  // Spinning would show in a second of being short of descriptors.
+  clockid_t cpu = {};
+  timespec before = {};
+  timespec after = {};
+  clock_getcpuclockid(pid_, &cpu);
+  clock_gettime(cpu, &before);
+  std::this_thread::sleep_for(milliseconds(1000));
+  clock_gettime(cpu, &after);
+  EXPECT_LT(after.tv_sec * 1000 + after.tv_nsec / 1000000,
+            before.tv_sec * 1000 + before.tv_nsec / 1000000 + 200);
+  EXPECT_EQ(Terminate(), 0);
+  EXPECT_THAT(Content("err"), HasSubstr("packets=12 series=1 points=12 errors=0\n"));
+}
+
+TEST_F(AgentTest, EndsWhenNobodyReadsItsOutput) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  const UniqueFd write_end(ends[1]);
+  Start("text", ends[1]);
+  close(ends[0]);
+  Send(Connect(), ReadGolden("gauge.hex"));
+  EXPECT_EQ(Wait(), 0);
+  EXPECT_THAT(Content("err"), HasSubstr("packets=1 series=1 points=1 errors=0\n"));
+  EXPECT_FALSE(fs::exists(socket_));
+}
+
+}  // namespace
+}  // namespace tidegate::agent

@@ -1,0 +1,118 @@
+// Keeps the documents true: what they show and name is what this tree holds.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "agent/packet_reader.h"
+#include "golden/golden_file.h"
+
+namespace tidegate::agent {
+namespace {
+
+const std::filesystem::path kRoot = TIDEGATE_SOURCE_DIR;
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream file(kRoot / path);
+  if (!file) throw std::runtime_error("cannot open " + path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// What stands in the first fenced block of `language`.
+std::string FirstBlock(const std::string& text, const std::string& language) {
+  const std::string fence = "\n```" + language + "\n";
+  const size_t start = text.find(fence);
+  if (start == std::string::npos) throw std::runtime_error("no block of " + language);
+  const size_t begin = start + fence.size();
+  return text.substr(begin, text.find("\n```", begin) + 1 - begin);
+}
+
+// The bytes of a dump whose lines begin with the offset of their first byte in three columns.
+std::string ParseDump(const std::string& dump) {
+  std::string bytes;
+  std::istringstream lines(dump);
+  for (std::string line; std::getline(lines, line);) {
+    EXPECT_EQ(std::stoul(line), bytes.size());
+    std::istringstream pairs(line.substr(3));
+    for (std::string pair; pairs >> pair;) {
+      bytes += static_cast<char>(std::stoi(pair, nullptr, 16));
+    }
+  }
+  return bytes;
+}
+
+void AddTags(const std::vector<Tag>& tags, std::ostream& out) {
+  out << 2 * tags.size() << '\n';
+  for (const Tag& tag : tags) out << tag.key << '=' << tag.value << '\n';
+}
+
+// The contents of a packet of one block and one record, field by field, a line each.
+std::string Describe(const Packet& packet) {
+  const Block& block = packet.blocks.at(0);
+  const Series& record = block.series.at(0);
+  std::ostringstream out;
+  out << "2scirtem\n" << int{packet.version} << '\n';
+  out << packet.header_len << '\n' << packet.body_len << "\n0\n" << packet.send_time_ms << "\n0\n";
+  out << packet.format_word << '\n' << packet.block_count << '\n' << packet.series_count << '\n';
+  out << packet.tenant << '\n';
+  AddTags(packet.tenant_tags, out);
+  out << packet.sdk_version << '\n' << packet.body_len << '\n' << block.series.size() << '\n';
+  out << int{block.wire_type} << ", " << WireTypeName(block.wire_type) << '\n';
+  out << std::hex << "0x" << block.name_hash << std::dec << '\n' << block.timestamp << '\n';
+  out << block.name << '\n' << block.fields.size() << '\n';
+  out << std::hex << "0x" << record.tag_hash << std::dec << '\n';
+  AddTags(record.tags, out);
+  out << record.indexes.size() << '\n' << record.values.size() << '\n' << record.values.at(0);
+  return out.str() + '\n';
+}
+
+TEST(DocsTest, ReadmeShowsTheQuickStart) {
+  EXPECT_EQ(FirstBlock(ReadFile("README.md"), "cpp"), ReadFile("examples/quick_start.cc"));
+}
+
+TEST(DocsTest, WorkedExampleDecodesToItsTable) {
+  const std::string document = ReadFile("docs/wire_format.md");
+  const std::string bytes = ParseDump(FirstBlock(document, "hex"));
+  EXPECT_EQ(bytes, ReadGolden("gauge.hex"));
+  Packet packet;
+  ReadError error;
+  ASSERT_TRUE(ReadPacket(bytes.data(), bytes.size(), &packet, &error)) << error.reason;
+
+  const std::regex row(R"(\| (\d+) \| (\d+) \| .+ \| (.+) \|)");  // offset, bytes, field, content
+  std::string contents;
+  size_t offset = 0;
+  for (std::sregex_iterator it(document.begin(), document.end(), row), end; it != end; ++it) {
+    EXPECT_EQ(std::stoul(it->str(1)), offset) << it->str();
+    offset += std::stoul(it->str(2));
+    contents += it->str(3) + '\n';
+  }
+  EXPECT_EQ(offset, bytes.size());
+  EXPECT_EQ(contents, Describe(packet));
+}
+
+TEST(DocsTest, NamedFilesExist) {
+  // Links, and paths in code spans; `src/metrics/metric` stands for a header and its source.
+  const std::regex name(
+      R"(\]\(([\w./]+)\)|`((?:bench|docs|examples|include|scripts|src|tests|tools)/[\w./-]+)`)");
+  for (const std::string document :
+       {"README.md", "DEVELOPERS.md", "CONTRIBUTING.md", "docs/design.md"}) {
+    const std::string text = ReadFile(document);
+    EXPECT_TRUE(std::regex_search(text, name)) << document;
+    for (std::sregex_iterator it(text.begin(), text.end(), name), end; it != end; ++it) {
+      const std::filesystem::path path =
+          (*it)[1].matched ? (kRoot / document).parent_path() / it->str(1) : kRoot / it->str(2);
+      EXPECT_TRUE(exists(path) || std::filesystem::exists(path.string() + ".h"))
+          << document << ": " << it->str();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace tidegate::agent

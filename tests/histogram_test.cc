@@ -1,0 +1,67 @@
+#include "metrics/metric_histogram.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <utility>
+#include <vector>
+
+#include "support/environment.h"
+
+namespace METRICS {
+namespace {
+
+using Values = std::vector<double>;
+
+TEST(HistogramTest, ABucketIsClosedBelowAndOpenAbove) {
+  const Values samples{-INFINITY, -1, -0.0, 4.99, 5, 9.99, 10, 99.9, 100, 1e300, NAN};
+  const short of_one[] = {-32768, -32768, -32768, -32768, 0, 0, 0, 0, 0, 0, 0};
+  const short of_three[] = {-32768, -32768, 0, 0, 0, 0, 1, 1, 2, 2, 2};
+  for (size_t i = 0; i < samples.size(); ++i) {
+    EXPECT_EQ(GetHistoIndex(samples[i], {}), -32768) << samples[i];
+    EXPECT_EQ(GetHistoIndex(samples[i], {5}), of_one[i]) << samples[i];
+    EXPECT_EQ(GetHistoIndex(samples[i], {0, 10, 100}), of_three[i]) << samples[i];
+  }
+}
+
+TEST(HistogramTest, ReportsBucketsSumAndCountUnlessTheSumIsZero) {
+  const std::pair<std::vector<std::pair<short, double>>, Values> intervals[] = {
+      {{{0, 1}, {0, 2}, {1, 50}}, {2, 1, 0, 53, 3}},
+      {{{1, 5}, {1, -5}}, {}},  // counted with the next sum that is not zero
+      {{{1, 1}}, {0, 3, 0, 1, 3}},
+      {{{3, 8}, {-32768, 8}, {-1, 8}, {32767, 8}}, {}},  // no such bucket
+      {{{2, 200.5}}, {0, 0, 1, 200.5, 1}}};
+  MetricHistogram cell(3);
+  for (const auto& [samples, report] : intervals) {
+    for (const auto& [bucket, value] : samples) cell.Emit(bucket, value);
+    static_cast<MetricBasicData&>(cell).Emit(7.0);  // without a bucket
+    const SendRes result = cell.Send(30);
+    EXPECT_EQ(result.values, report);
+    EXPECT_EQ(result.field_width, 5u);
+  }
+}
+
+TEST(HistogramTest, EachReportIsWholeWhileThreadsEmit) {
+  MetricHistogram cell(2);
+  std::atomic<int> rounds{0};
+  tidegate::test::Workers emitters;
+  emitters.Start(3, [&cell, &rounds](int) {
+    for (int i = 0; i < 4000; ++i) i % 2 == 0 ? cell.Emit(0, 1L) : cell.Emit(1, 1000.0);
+    ++rounds;
+  });
+  Values total(4);
+  for (bool done = false; !done;) {
+    done = rounds >= 60;
+    if (done) emitters.Stop();
+    Values report = cell.Send(1).values;
+    report.resize(4);  // of zeros when it is quiet
+    EXPECT_EQ(report[2], report[0] + 1000 * report[1]);
+    for (size_t i = 0; i < 4; ++i) total[i] += report[i];
+  }
+  const double n = rounds * 2000.0;
+  EXPECT_EQ(total, (Values{n, n, 1001 * n, 2 * n}));
+}
+
+}  // namespace
+}  // namespace METRICS

@@ -1,0 +1,66 @@
+#include "util/metric_string_util.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+
+#include "util/metric_tag_util.h"
+
+namespace METRICS {
+namespace {
+
+// The legal characters once more, as a person would list them.
+const std::string kAlphanumeric = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+const struct CharClass {
+  const char* name;
+  std::string legal;
+  const unsigned char *table, *bitmap;
+} kClasses[] = {{"key", kAlphanumeric + "%-./:_", g_t_validKey, g_s_validKey},
+                {"value", kAlphanumeric + " !#$%&'+-./:;=?@[\\]^_`~", g_t_validVal, g_s_validVal}};
+
+void ExpectValidity(const std::string& text, const CharClass& chars, bool legal) {
+  const bool short_enough = text.size() < 4096;
+  ASSERT_EQ(IsValidStrSIMD(text, chars.table, chars.bitmap), legal && short_enough);
+  ASSERT_EQ(IsValidNonEmptyStrSIMD(text, chars.table, chars.bitmap),
+            legal && short_enough && !text.empty());
+  ASSERT_EQ(IsValidStrTable(text, chars.table), legal && text.size() <= 254);
+}
+
+// Below 16 bytes and for `IsValidStrTable` the table decides, in chunks of 16 and the tail behind
+// them the bitmap: so this also shows that the two agree.
+TEST(StringValidityTest, EveryByteAtEveryPlaceOfShortStringChunkAndTail) {
+  for (const CharClass& chars : kClasses) {
+    ExpectValidity("", chars, true);
+    for (const size_t length : {1, 15, 16, 17, 31, 32, 33, 254, 255, 4095, 4096}) {
+      std::string text(length, '\0');
+      for (size_t i = 0; i < length; ++i) text[i] = chars.legal[i % chars.legal.size()];
+      std::set<size_t> places{0, length / 2, length - 1};
+      for (size_t i = 0; length <= 33 && i < length; ++i) places.insert(i);
+      for (const size_t place : places) {
+        std::string changed = text;
+        for (int byte = 0; byte < 256; ++byte) {
+          changed[place] = static_cast<char>(byte);
+          SCOPED_TRACE(testing::Message() << chars.name << " length " << length << " byte " << byte
+                                          << " at " << place);
+          ExpectValidity(changed, chars, chars.legal.find(changed[place]) != std::string::npos);
+          ASSERT_FALSE(testing::Test::HasFatalFailure());
+        }
+      }
+    }
+  }
+}
+
+TEST(ListTest, StringsAndTagsAreComparedWithTheKnownOddities) {
+  EXPECT_FALSE(METRICS::operator==({"a"}, {"a", ""}));
+  EXPECT_EQ(GetSize({"ab", "", "c"}), 3u);
+  EXPECT_TRUE(IsTagKeySame({"x", "x"}, {"x", "y"})) << "a repeated key collapses";
+  EXPECT_FALSE(IsTagKeySame({"x", "y"}, {"x", "x"}));
+  EXPECT_TRUE(IsTagSame({{"k", "1"}, {"l", "2"}}, {{"l", "2"}, {"k", "1"}}));
+  EXPECT_FALSE(IsTagSame({{"k", "1"}, {"l", "2"}}, {{"k", "1"}, {"l", "3"}}));
+  EXPECT_TRUE(IsTagSame({{"k", "1"}, {"l", "2"}}, {{"k", "1"}, {"other", ""}}));
+  EXPECT_TRUE(MTagKeyEq({"a", "x"}, {"b", "a"})) << "compares a key with a value";
+}
+
+}  // namespace
+}  // namespace METRICS

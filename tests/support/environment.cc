@@ -1,0 +1,133 @@
+#include "support/environment.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <iterator>
+#include <system_error>
+
+namespace tidegate::test {
+
+TestConfiger::TestConfiger(std::map<std::string, int> intervals,
+                           std::optional<int> default_interval, std::shared_ptr<ConfigerLife> life)
+    : intervals_(std::move(intervals)),
+      default_interval_(default_interval),
+      life_(life != nullptr ? std::move(life) : std::make_shared<ConfigerLife>()) {
+  account_id = "acc";
+  project_id = "proj";
+}
+
+TestConfiger::~TestConfiger() { ++life_->deletions; }
+
+std::pair<bool, int> TestConfiger::GetTenantInterval(const std::string& tenant) {
+  const auto found = intervals_.find(tenant);
+  if (found != intervals_.end()) {
+    return {true, found->second};
+  }
+  return {default_interval_.has_value(), default_interval_.value_or(0)};
+}
+
+TempDir::TempDir() : path_("/tmp/tgXXXXXX") {
+  if (::mkdtemp(path_.data()) == nullptr) {
+    throw std::system_error(errno, std::generic_category(), "mkdtemp");
+  }
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+TestClientOptions ReportTo(const std::string& path, std::optional<int> interval,
+                           bool pre_encode_tags) {
+  TestClientOptions options;
+  options.vendor.path = path;
+  options.default_interval = interval;
+  options.core.pre_encode_tags = pre_encode_tags;
+  return options;
+}
+
+TestClient::TestClient(TestClientOptions options)
+    : life_(std::make_shared<ConfigerLife>()), client_(std::make_unique<METRICS::MetricClient>()) {
+  std::signal(SIGPIPE, SIG_IGN);
+  if (options.log_level.has_value()) {
+    log_level_.emplace(*options.log_level);
+  }
+  if (options.vendor.path.empty()) {
+    options.vendor.path = "/tmp/nobody.listens.here";
+  }
+  const METRICS::ReturnCode code =
+      client_->Init(new TestConfiger(std::move(options.intervals), options.default_interval, life_),
+                    new TestVendor(std::move(options.vendor)), nullptr, options.core);
+  EXPECT_EQ(code, METRICS::ReturnCode::kOk);
+}
+
+METRICS::MetricRegistry* TestClient::Registry(const std::string& prefix, const std::string& tenant,
+                                              std::vector<MetricTag> tags, int flush_interval) {
+  METRICS::MetricRegistryCfg cfg;
+  cfg.prefix = prefix;
+  cfg.tenant = tenant;
+  cfg.tags = std::move(tags);
+  cfg.flush_interval = flush_interval;
+  METRICS::MetricRegistry* registry = nullptr;
+  EXPECT_EQ(client_->CreateRegistry(registry, std::move(cfg)), METRICS::ReturnCode::kOk);
+  return registry;
+}
+
+METRICS::Metric* TestClient::Metric(const std::string& name, std::vector<std::string> tag_names,
+                                    const std::string& prefix, const std::string& tenant) {
+  METRICS::MetricRegistryCfg registry_cfg;
+  registry_cfg.prefix = prefix;
+  registry_cfg.tenant = tenant;
+  registry_cfg.flush_interval = 1;
+  METRICS::MetricInstanceCfg metric_cfg;
+  metric_cfg.name = name;
+  metric_cfg.tag_names = std::move(tag_names);
+  const auto [metric, code] = client_->CreateMetric(std::move(registry_cfg), std::move(metric_cfg));
+  EXPECT_EQ(code, METRICS::ReturnCode::kOk);
+  return metric;
+}
+
+void SleepToMidSecond() {
+  using namespace std::chrono;
+  const auto into = system_clock::now().time_since_epoch() % seconds(1);
+  const auto wait = milliseconds(450) - into;
+  // Anything from 0.35 to 0.55 s will do.
+  if (wait > milliseconds(100) || wait < milliseconds(-100)) {
+    std::this_thread::sleep_for(wait > nanoseconds(0) ? wait : wait + seconds(1));
+  }
+}
+
+size_t CountOf(const std::string& part, const std::string& text) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+bool WaitFor(const std::function<bool()>& done) {
+  for (int tries = 0; tries < 2000; ++tries) {
+    if (done()) {
+      return true;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return false;
+}
+
+long ThreadCount() {
+  using std::filesystem::directory_iterator;
+  return std::distance(directory_iterator("/proc/self/task"), directory_iterator());
+}
+
+void Workers::Stop() {
+  stop_.store(true);
+  for (std::thread& thread : threads_) {
+    thread.join();
+  }
+  threads_.clear();
+}
+
+}  // namespace tidegate::test

@@ -1,0 +1,201 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "metrics/metric_client.h"
+#include "tidegate/mconfiger_impl_base.h"
+#include "tidegate/metric_tag.h"
+#include "tidegate/vendor_interface.h"
+
+// What a client needs around it, made for tests.
+
+namespace tidegate::test {
+
+// A tenant interval in seconds that does not end within a test.
+constexpr int kNeverDue = 2000000;
+
+// What became of a TestConfiger; outlives it.
+struct ConfigerLife {
+  std::atomic<int> starts{0};
+  std::atomic<int> stops{0};
+  std::atomic<int> deletions{0};
+};
+
+class TestConfiger final : public MConfigerImplBase {
+ public:
+  // Tenants that are not in `intervals` get `default_interval`; none means "not found".
+  explicit TestConfiger(std::map<std::string, int> intervals = {},
+                        std::optional<int> default_interval = 1,
+                        std::shared_ptr<ConfigerLife> life = nullptr);
+  ~TestConfiger() override;
+
+  void Start() override { ++life_->starts; }
+  void Stop() override { ++life_->stops; }
+  std::pair<bool, int> GetTenantInterval(const std::string& tenant) override;
+  std::string GetSinkName() override { return "test.sink"; }
+
+  const std::shared_ptr<ConfigerLife>& life() const { return life_; }
+
+ private:
+  const std::map<std::string, int> intervals_;
+  const std::optional<int> default_interval_;
+  const std::shared_ptr<ConfigerLife> life_;
+};
+
+class TestVendor final : public VendorInterface {
+ public:
+  struct Options {
+    std::string path;  // of the agent's socket
+    std::vector<MetricTag> immutable_tags = {};
+    std::vector<MetricTag> rewritable_tags = {};
+    std::string psm = {};
+    bool monitor = false;
+  };
+
+  explicit TestVendor(Options options) : options_(std::move(options)) {}
+
+  bool Initialized() override { return true; }
+  void Init() override {}
+  bool Check(std::vector<std::string> /*values*/) override { return true; }
+  int GetRunEnv() override { return 0; }
+  std::vector<MetricTag>& ImmutableTags() override { return options_.immutable_tags; }
+  std::vector<MetricTag>& RewritableTags() override { return options_.rewritable_tags; }
+  std::vector<std::string> TagKeys() override { return {}; }
+  std::string GetIDC() override { return {}; }
+  std::string GetPSM() override { return options_.psm; }
+  bool HasConfiger() override { return false; }
+  std::string GetConfigerUrl() override { return {}; }
+  std::string GetSenderOutPath() override { return options_.path; }
+  int GetSenderOutType() override { return 0; }
+  bool EnableMonitor() override { return options_.monitor; }
+
+ private:
+  Options options_;
+};
+
+// A fresh folder under /tmp with a name short enough for sockets; removed at the end.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  std::string File(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// Sets the library's log level for its life.
+class ScopedLogLevel {
+ public:
+  explicit ScopedLogLevel(uint8_t level)
+      : before_(METRICS::g_metricsLogLevel.exchange(level, std::memory_order_relaxed)) {}
+  ~ScopedLogLevel() { METRICS::g_metricsLogLevel.store(before_, std::memory_order_relaxed); }
+  ScopedLogLevel(const ScopedLogLevel&) = delete;
+  ScopedLogLevel& operator=(const ScopedLogLevel&) = delete;
+
+ private:
+  const uint8_t before_;
+};
+
+struct TestClientOptions {
+  std::map<std::string, int> intervals;  // by tenant, in seconds
+  std::optional<int> default_interval = 1;
+  TestVendor::Options vendor;  // an empty path becomes one that nobody listens on
+  METRICS::CoreInitCfg core;
+  std::optional<uint8_t> log_level = 4;  // silent; none leaves the level alone
+};
+
+// Reports to the agent at `path`, from tenants that all have the interval `interval`.
+TestClientOptions ReportTo(const std::string& path, std::optional<int> interval = 1,
+                           bool pre_encode_tags = false);
+
+// An initialised client, which ends with this object at the latest. Ignores SIGPIPE, which a
+// vanished agent raises, for the rest of the process.
+class TestClient {
+ public:
+  explicit TestClient(TestClientOptions options = {});
+
+  METRICS::MetricClient& operator*() { return *client_; }
+  METRICS::MetricClient* operator->() { return client_.get(); }
+  const ConfigerLife& life() const { return *life_; }
+  // Destroys the client.
+  void Reset() { client_.reset(); }
+
+  // Finds or makes; a refusal is a failure of the test and gives null.
+  METRICS::MetricRegistry* Registry(const std::string& prefix, const std::string& tenant = "t1",
+                                    std::vector<MetricTag> tags = {}, int flush_interval = 1);
+  METRICS::Metric* Metric(const std::string& name, std::vector<std::string> tag_names = {},
+                          const std::string& prefix = "p", const std::string& tenant = "t1");
+
+ private:
+  std::optional<ScopedLogLevel> log_level_;  // goes after the client
+  std::shared_ptr<ConfigerLife> life_;
+  std::unique_ptr<METRICS::MetricClient> client_;
+};
+
+// Sleeps to somewhere near the middle of a wall-clock second: what a 1 s tenant is told then is
+// well clear of its flushes.
+void SleepToMidSecond();
+
+// Runs `action` at log level `level` and returns what it printed.
+template <class Action>
+std::string LogOf(Action action, uint8_t level = 1) {
+  const ScopedLogLevel scoped(level);
+  testing::internal::CaptureStdout();
+  action();
+  return testing::internal::GetCapturedStdout();
+}
+
+// How often `part` occurs in `text`.
+size_t CountOf(const std::string& part, const std::string& text);
+
+// Asks `done` until it is true, for 10 s at most.
+bool WaitFor(const std::function<bool()>& done);
+
+// The threads of this process. One that was joined may count for a moment more.
+long ThreadCount();
+
+// Threads that do `work(index)` over and over until they are stopped, with a pause in between:
+// readers that never pause would starve the writers of the library's locks.
+class Workers {
+ public:
+  Workers() = default;
+  ~Workers() { Stop(); }
+  Workers(const Workers&) = delete;
+  Workers& operator=(const Workers&) = delete;
+
+  template <class Work>
+  void Start(int count, Work work) {
+    for (int i = 0; i < count; ++i) {
+      threads_.emplace_back([this, i, work] {
+        while (!stop_.load()) {
+          work(i);
+          std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+      });
+    }
+  }
+  void Stop();
+
+ private:
+  std::atomic<bool> stop_{false};
+  std::vector<std::thread> threads_;
+};
+
+}  // namespace tidegate::test
