@@ -17,10 +17,10 @@ class ServiceDiscoveryBase {
   explicit ServiceDiscoveryBase(std::string service_name) : name(std::move(service_name)) {}
   virtual ~ServiceDiscoveryBase() = default;
 
-  /// Prepares the look-up of the service `service`. False when it is unknown.
+  /// Not called by the library.
   virtual bool LookUp(std::string service) = 0;
-  /// Fills one address of the service and how often a failed exchange with it may be tried again.
-  /// False when there is none.
+  /// Fills one address of the service. `retry_count` is the sender's count of failed steps, which
+  /// wraps and may be reset. False when there is no address.
   virtual bool GetOne(Endpoint& endpoint, signed char& retry_count) = 0;
 
   /// The service that is looked up.

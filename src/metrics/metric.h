@@ -112,10 +112,10 @@ class METRICS_API Metric : public std::enable_shared_from_this<Metric> {
   std::atomic<bool> multi_field_summary_{false};
   std::atomic<bool> use_ckms_{false};
   // Statistics, changed from any thread.
-  std::atomic<unsigned long> emit_success_{0};  ///< values emitted since the last `EmitStat`
+  std::atomic<unsigned long> emit_success_{0};  ///< values (rows: emissions) since `EmitStat`
   std::atomic<unsigned long> emit_fail_{0};     ///< failed emissions since the last `EmitStat`
   std::atomic<unsigned long> cache_mem_{0};     ///< bytes that the series occupy, an estimate
-  std::atomic<unsigned long> cache_series_{0};  ///< cells
+  std::atomic<unsigned long> cache_series_{0};  ///< cells made; a row counts as one
   std::unique_ptr<MetricImpl> impl_;            ///< made by `Init`, never replaced
 
  private:

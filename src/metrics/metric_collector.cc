@@ -40,6 +40,14 @@ std::shared_ptr<MetricCollectorItem> MetricCollectorBase::GetOrCreate(
 }
 uint32_t MetricCollectorBase::Id() { return 0; }
 
+unsigned long MetricCollectorBase::CountCells() {
+  unsigned long cells = 0;
+  for (const Series& series : GetAll()) {
+    cells += series.second->Size();
+  }
+  return cells;
+}
+
 bool MetricCollectorBase::AtSeriesQuota() const {
   const unsigned long count = factory_->total_series_.load();
   if (count < factory_->max_series_) {
@@ -79,14 +87,6 @@ HashMapCollector::~HashMapCollector() = default;
 std::vector<Series> HashMapCollector::GetAll() { return series_->GetAll(); }
 
 unsigned long HashMapCollector::SeriesSize() { return series_->Size(); }
-
-unsigned long MetricCollectorBase::CountCells() {
-  unsigned long cells = 0;
-  for (const Series& series : GetAll()) {
-    cells += series.second->Size();
-  }
-  return cells;
-}
 
 ReturnCode HashMapCollector::Clear() {
   series_->Clear();

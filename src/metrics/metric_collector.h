@@ -217,7 +217,7 @@ class MetricCollectorBase {
   /// Drops one series, if it is there.
   virtual void Erase(const std::vector<std::string>& tag_values);
   /// The item of the series, made on first sight. At the series quota: the dummy item, counted as
-  /// a failed emission.
+  /// a failed emission, or null, by the kind of collector.
   virtual std::shared_ptr<MetricCollectorItem> GetOrCreate(
       const std::vector<std::string>& tag_values);
   virtual uint32_t Id();

@@ -23,14 +23,15 @@ struct CoreInitCfg {
   /// Drop series that had no emission for more than 7200 seconds.
   bool enable_expire = true;
   /// Encode the tags of a series once, when it is made, instead of at every flush: faster
-  /// flushes for some hundred bytes per series.
+  /// flushes for some hundred bytes per series. Compatible metrics lose their series' tags by it.
   bool pre_encode_tags = false;
-  /// Pause between two rounds of self monitoring, in milliseconds.
+  /// Pause between two rounds of self monitoring, in milliseconds; without one at 0 and below.
   int32_t monitor_interval = 15000;
   /// Flush interval of the library's own metrics, in seconds.
   int32_t monitor_flush_interval = 60;
   /// Sets the pause between two passes over idle series, and nothing else: a tenth of this
-  /// number, in milliseconds. The default looks about once a minute.
+  /// number, in milliseconds, from 11 on, and the number itself up to 10; none at 0 and below. The
+  /// default looks about once a minute.
   int32_t expire_seconds = 600000;
   /// Quota of series over all metrics of the client. At the quota, known series go on and new
   /// ones get the dummy item.

@@ -76,6 +76,7 @@ void MetricExpireChecker::CheckCollector(const CollectorPtr& collector, long now
   if (expired_.size() >= limit) {
     DoClean(collector, now);
   }
+  expired_.clear();  // what stays hidden is not to be kept alive through the pause
 }
 
 void MetricExpireChecker::DoClean(const CollectorPtr& collector, const long& now) {

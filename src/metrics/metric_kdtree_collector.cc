@@ -35,6 +35,7 @@ std::shared_ptr<MetricCollectorItem> KDTreeCollector::GetOrCreate(
 
 std::vector<Series> KDTreeCollector::GetAll() {
   std::vector<Series> all;
+  all.reserve(SeriesSize());
   for (KDTree& tree : trees_) {
     for (Series& series : tree.GetAll()) {
       all.push_back(std::move(series));

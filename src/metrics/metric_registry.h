@@ -28,7 +28,7 @@ struct MetricRegistryCfg {
   std::string tenant;                     ///< owner of the data, selects the sender; not empty
   tidegate::VendorInterface* vendor = nullptr;  ///< borrowed for the call; null: the client's
   int32_t flush_interval = 30;  ///< seconds: 1, 5, 10, 15, 30 or 60; other positive ones become 30
-  /// Counts for the first registry of a tenant only.
+  /// Counts for the first registry of a tenant only; see there why it is to stay as it is.
   MetricSenderType sender_type = MetricSenderType::kSenderUnixDomain;
 };
 

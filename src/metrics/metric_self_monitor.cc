@@ -2,7 +2,6 @@
 
 #include <pthread.h>
 
-#include <ctime>
 #include <utility>
 
 #include "metrics/metric.h"
@@ -23,7 +22,6 @@ constexpr char kTenant[] = "inf.metrics";
 constexpr char kPrefix[] = "inf.tidegate";
 constexpr char kVersionTag[] = "sdk_version";
 constexpr char kVersion[] = "1.0.4";
-constexpr int kDefaultIntervalMillis = 15;
 constexpr int kSliceMillis = 5;
 
 MetricRegistryCfg RegistryCfg(int flush_interval) {
@@ -83,14 +81,13 @@ MetricSelfMonitor::~MetricSelfMonitor() {
 }
 
 ReturnCode MetricSelfMonitor::Start() {
-  const MetricConfiger* const configer = client_->configer_.get();
   const ReturnCode code = MakeMetrics();
   if (code != ReturnCode::kOk) {
     METRICS_LOG_CODE(code);
     return code;
   }
   BindOwnSender();
-  interval_ = configer != nullptr ? configer->monitor_interval_ : kDefaultIntervalMillis;
+  interval_ = client_->configer_->monitor_interval_;
   if (state_.load() != MetricState::INIT) {
     return ReturnCode::kOk;
   }
@@ -131,15 +128,20 @@ ReturnCode MetricSelfMonitor::MakeMetrics() {
 }
 
 ReturnCode MetricSelfMonitor::MakeVersion() {
-  Metric* version = nullptr;
-  ReturnCode code = registry_->CreateMetric(version, "version", {kVersionTag}, nullptr);
-  if (code != ReturnCode::kOk) {
-    return code;
+  const ReturnCode code = MakeMetric(*registry_, "version", {kVersionTag}, {}, statistic_.version);
+  return code == ReturnCode::kOk ? BindVersion() : code;
+}
+
+ReturnCode MetricSelfMonitor::BindVersion() {
+  std::shared_ptr<MetricCollectorItem> item =
+      InitSelfMonitorItem(statistic_.version.load(), {{kVersionTag, kVersion}});
+  if (item == statistic_.version_item) {
+    return ReturnCode::kOk;
   }
-  statistic_.version_item = version->WithTags({{kVersionTag, kVersion}});
-  code = statistic_.version_item->Emit(Nameless(MetricsType::kGauge, 1));
+  const ReturnCode code = item->Emit(Nameless(MetricsType::kGauge, 1));
   if (code == ReturnCode::kOk) {
-    statistic_.version_data = statistic_.version_item->Fields()[""];
+    statistic_.version_data = item->Fields()[""];
+    statistic_.version_item = std::move(item);
   }
   return code;
 }
@@ -168,6 +170,7 @@ void MetricSelfMonitor::ClickLoop(std::shared_ptr<MetricFactory> factory, int in
   ::pthread_setname_np(::pthread_self(), "ms_monitor");
   const long heartbeat = 1;
   while (state_.load() == MetricState::READY) {
+    LogIfFailed(BindVersion());  // the series may have been erased meanwhile
     statistic_.version_data->Emit(heartbeat);
     statistic_.version_item->Refresh();
     if (!EmitForMetric(factory) || !SyncMilliStepSleep(interval, kSliceMillis, state_)) {
@@ -200,6 +203,9 @@ std::shared_ptr<MetricBasicData> MetricSelfMonitor::InitSenderMonitorData(
   if (item == nullptr) {
     item = InitSelfMonitorItem(statistic_.sender_stat.load(std::memory_order_acquire),
                                std::move(tags));
+    if (item != nullptr) {
+      item->Refresh();  // its cells are fed directly, which the expiry does not see
+    }
   }
   return item == nullptr ? nullptr : item->Fields()[field];
 }

@@ -29,11 +29,13 @@ class MetricRegistry;
 /// most 5 ms and what is left of a walk.
 class MetricSelfMonitor {
  public:
-  /// What the loop and the senders write into. Set by `Start` and cleared by `Exit`; read by other
-  /// threads meanwhile.
+  /// What the loop and the senders write into. The metrics are set by `Start` and, but for
+  /// `sender_latency`, cleared by `Exit`; flush threads read them meanwhile. The heartbeat's
+  /// handles are the loop's alone while it runs.
   struct Statistic {
-    std::shared_ptr<MetricBasicData> version_data;  ///< of the loop alone
+    std::shared_ptr<MetricBasicData> version_data;
     std::shared_ptr<MetricCollectorItem> version_item;
+    std::atomic<Metric*> version{nullptr};
     std::atomic<Metric*> metric_stat{nullptr};
     std::atomic<Metric*> sender_stat{nullptr};
     std::atomic<Metric*> sender_latency{nullptr};
@@ -79,6 +81,8 @@ class MetricSelfMonitor {
  private:
   ReturnCode MakeMetrics();
   ReturnCode MakeVersion();
+  /// Takes the heartbeat's series, anew if it is not the one that is held.
+  ReturnCode BindVersion();
   ReturnCode MakeLatency();
   /// Lets the sender of these metrics report on itself, which it could not when it was made.
   void BindOwnSender();

@@ -134,9 +134,7 @@ bool MetricSender::DoPackAndSend() {
   encoder_->PackCollector(collectors);
   if (monitor_enabled_.load(std::memory_order_relaxed)) {
     client_->self_monitor_->EmitForSenderLatency(tenant_, "tenant", WallMicros() - start);
-    // Both outlive the expiry, also on a sender that sends or drops nothing for hours.
-    UpdateStatTime(true);
-    UpdateStatTime(false);
+    InitStat();  // keeps both series alive, also where nothing is sent or dropped for hours
   }
   return true;
 }
@@ -149,24 +147,25 @@ void MetricSender::InitStat() {
     monitor_enabled_.store(false, std::memory_order_relaxed);
     return;
   }
+  // Taken anew each time: the series may have been erased meanwhile, by a clock that leapt or a
+  // registry that was blocked.
   const MetricSelfMonitor& monitor = *client_->self_monitor_;
   const auto bind = [&](const char* cause, const char* field,
-                        AtomicSharedPtr<MetricCollectorItem>& item,
+                        std::shared_ptr<MetricCollectorItem>& item,
                         AtomicSharedPtr<MetricBasicData>& cell) {
-    std::shared_ptr<MetricCollectorItem> series = item.Load();
-    cell.Store(
-        monitor.InitSenderMonitorData({{"tenant", tenant_}, {"cause", cause}}, field, series));
-    item.Store(std::move(series));
+    cell.Store(monitor.InitSenderMonitorData({{"tenant", tenant_}, {"cause", cause}}, field, item));
   };
   Statistic& stat = statistic_;
-  bind("send", "bytes", stat.send_item, stat.send_bytes);
-  bind("drop", "bytes", stat.drop_item, stat.drop_bytes);
-  bind("send", "metrics", stat.send_item, stat.send_metrics);
-  bind("drop", "metrics", stat.drop_item, stat.drop_metrics);
-  bind("send", "series", stat.send_item, stat.send_series);
-  bind("drop", "series", stat.drop_item, stat.drop_series);
-  UpdateStatTime(true);
-  UpdateStatTime(false);
+  std::shared_ptr<MetricCollectorItem> sent;
+  std::shared_ptr<MetricCollectorItem> dropped;
+  bind("send", "bytes", sent, stat.send_bytes);
+  bind("drop", "bytes", dropped, stat.drop_bytes);
+  bind("send", "metrics", sent, stat.send_metrics);
+  bind("drop", "metrics", dropped, stat.drop_metrics);
+  bind("send", "series", sent, stat.send_series);
+  bind("drop", "series", dropped, stat.drop_series);
+  stat.send_item.Store(std::move(sent));
+  stat.drop_item.Store(std::move(dropped));
 }
 
 void MetricSender::UpdateStatTime(bool success) {

@@ -79,7 +79,8 @@ class MetricSender {
   /// One flush of what is due at `last_flush_ts_`. False: the thread must end.
   bool DoPackAndSend();
   void DoNothing() {}
-  /// Binds the handles of `statistic_` to the self monitor's series. May run twice.
+  /// Binds the handles of `statistic_` to the self monitor's series and marks these as alive. Runs
+  /// at each flush.
   void InitStat();
   /// Marks the series of sent or dropped packets as alive: its cells are fed directly.
   void UpdateStatTime(bool success);

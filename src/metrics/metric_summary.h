@@ -21,7 +21,7 @@ namespace METRICS {
 std::vector<double> SummarizeSamples(double* samples, size_t count);
 
 /// Append-only store of samples: a list of blocks, newest first, whose sizes grow from 256 to 8192
-/// samples, four blocks of each size. Samples are never moved until they are drained.
+/// samples, after every four blocks. Samples are never moved until they are drained.
 ///
 /// Not thread-safe. Owns its blocks. Memory exhaustion ends the process.
 class ChainedVector {
@@ -116,7 +116,7 @@ class MetricSummaryVecV2 final : public MetricSummaryData {
   ChainedVector samples_ METRICS_GUARDED_BY(mutex_);
 };
 
-/// Estimating summary in bounded memory; see `CKMSQuantiles`.
+/// Estimating summary; see `CKMSQuantiles`.
 class MetricSummaryCKMS final : public MetricSummaryData {
  public:
   MetricSummaryCKMS();

@@ -13,6 +13,7 @@
 #include "metrics/metric_client.h"
 #include "metrics/metric_configer.h"
 #include "metrics/metric_encoder.h"
+#include "util/fork_guard.h"
 #include "util/metric_log.h"
 
 namespace METRICS {
@@ -164,6 +165,9 @@ uint16_t MetricTcpSender::ReadResponse(bool header_phase,
 }
 
 void MetricTcpSender::AtFork() {
+  if (InForkTeardown() && work_state_ == WorkState::kWorking) {
+    Abandon(endpoint_);  // the parent's thread was rewriting it
+  }
   ForgetParent();
   METRICS_LOG_WARN("MetricTcpSender[%s] AtFork, interval: %d\n", tenant_.c_str(), interval_.load());
 }

@@ -2,14 +2,15 @@
 
 #include <atomic>
 #include <memory>
+#include <thread>
 #include <utility>
 
 namespace METRICS {
 
 /// A shared pointer that one thread may set while others read it.
 ///
-/// Guarded by a flag of its own, held for a copy at most, so that no lock of the process is left
-/// taken in a forked child. Not for the path of emissions.
+/// Guarded by a flag of its own, held for a copy at most: a lock that the whole process shares
+/// could be left taken in a forked child. Not for the path of emissions.
 template <class T>
 class AtomicSharedPtr {
  public:
@@ -28,6 +29,7 @@ class AtomicSharedPtr {
    public:
     explicit Guard(std::atomic_flag& busy) : busy_(busy) {
       while (busy_.test_and_set(std::memory_order_acquire)) {
+        std::this_thread::yield();
       }
     }
     ~Guard() { busy_.clear(std::memory_order_release); }

@@ -36,7 +36,9 @@ enum class MetricCoItemType : uint8_t {
   kCoItemCompatible = 3,  ///< one cell per series, tag pairs given at emission
 };
 
-/// Transport of a tenant. Every value but 0 selects TCP.
+/// Transport of a tenant. Every value but 0 selects TCP, which is not fit for use: as its exchange
+/// is defined, a flush that has a packet to send does not return, nothing is delivered, and
+/// stopping waits. Use the Unix domain socket.
 enum class MetricSenderType : uint8_t {
   kSenderUnixDomain = 0,
   kSenderTcp = 1,

@@ -61,25 +61,24 @@ bool KDTree::SortsBefore(const std::vector<std::string>& a, const std::vector<st
   return ValueAt(a, place) < ValueAt(b, place);
 }
 
-std::atomic<KDTree::TreeNode*>* KDTree::Descend(std::atomic<TreeNode*>* slot,
-                                                const std::vector<std::string>& tag_values,
-                                                size_t& depth) const {
+const KDTree::TreeNode* KDTree::Descend(std::atomic<TreeNode*>*& slot, size_t& depth,
+                                        const std::vector<std::string>& tag_values) const {
+  // Each slot is read once: what another thread puts there later is found by the exchange.
   for (TreeNode* node = slot->load(); node != nullptr; node = slot->load()) {
     if (METRICS::operator==(node->tag_values, tag_values)) {
-      return slot;
+      return node;
     }
     slot = SortsBefore(tag_values, node->tag_values, depth) ? &node->left : &node->right;
     ++depth;
   }
-  return slot;
+  return nullptr;
 }
 
 KDTree::ItemPtr KDTree::GetOrCreate(const std::vector<std::string>& tag_values) {
-  MetricCollectorFactory& factory = *collector_->factory_;
   const ReadGuard guard(rwlock_);
   size_t depth = 0;
-  std::atomic<TreeNode*>* slot = Descend(&root_, tag_values, depth);
-  if (const TreeNode* const found = slot->load(); found != nullptr) {
+  std::atomic<TreeNode*>* slot = &root_;
+  if (const TreeNode* const found = Descend(slot, depth, tag_values); found != nullptr) {
     return found->item;
   }
   if (collector_->AtSeriesQuota()) {
@@ -89,18 +88,17 @@ KDTree::ItemPtr KDTree::GetOrCreate(const std::vector<std::string>& tag_values) 
   if (made == nullptr) {
     return nullptr;
   }
-  // A slot that another thread fills first is descended from: the key may stand there by now.
+  // Where another thread was first, the descent goes on from its node; the quota was passed.
   for (TreeNode* winner = nullptr; !slot->compare_exchange_strong(winner, made.get());
        winner = nullptr) {
-    slot = Descend(slot, tag_values, depth);
-    if (const TreeNode* const found = slot->load(); found != nullptr) {
+    if (const TreeNode* const found = Descend(slot, depth, tag_values); found != nullptr) {
       return found->item;
     }
   }
   made->self = made;
   LinkIntoChain(made.get());
   size_.fetch_add(1);
-  factory.total_series_.fetch_add(1);
+  collector_->factory_->total_series_.fetch_add(1);
   if (LogLevel() == 0) {
     DebugMsg(tag_values, "Create a Item in KDTree with DataBase type: %d",
              static_cast<int>(made->item->Type()));

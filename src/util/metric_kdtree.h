@@ -64,9 +64,10 @@ class KDTree {
   /// Whether `a` sorts before `b` at the level `depth`.
   bool SortsBefore(const std::vector<std::string>& a, const std::vector<std::string>& b,
                    size_t depth) const;
-  /// The slot below `slot` where `tag_values` stands or belongs; `depth` goes along.
-  std::atomic<TreeNode*>* Descend(std::atomic<TreeNode*>* slot,
-                                  const std::vector<std::string>& tag_values, size_t& depth) const;
+  /// The node of `tag_values` below `slot`, or null; `slot`, found empty then, is where it belongs,
+  /// and `depth` its level.
+  const TreeNode* Descend(std::atomic<TreeNode*>*& slot, size_t& depth,
+                          const std::vector<std::string>& tag_values) const;
   /// A node that nobody else sees yet, or null.
   std::shared_ptr<TreeNode> NewNode(const std::vector<std::string>& tag_values) const;
   void LinkIntoChain(TreeNode* node);

@@ -42,6 +42,7 @@ class METRICS_API MetricImpl {
 
   /// Gets the collector and puts the metric into service; 17 if there is none to be had.
   virtual ReturnCode InitCollector();
+  /// The item of the series; the dummy item, counted, where the collector has none.
   virtual ItemPtr GetOrCreate(const std::vector<std::string>& tag_values);
   /// Drops all series.
   virtual ReturnCode ClearCollector();

@@ -1,0 +1,148 @@
+#include "metrics/metric_kdtree_collector.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "metrics/metric_collector_factory.h"
+#include "support/agent_socket.h"
+#include "support/environment.h"
+
+namespace METRICS {
+namespace {
+
+using tidegate::test::AgentSocket;
+using Item = std::shared_ptr<MetricCollectorItem>;
+using Strings = std::vector<std::string>;
+
+constexpr uint32_t kHashMap = 0, kKDTree = 1;
+
+// Every way to cut a text in three, which only the boundaries tell apart, and keys of other
+// lengths.
+std::vector<Strings> Keys() {
+  const std::string text = "abcdefghijklmnopqrst";
+  std::vector<Strings> keys{{}, {""}, {"", ""}, {text}, {"", "", "", "a"}};
+  for (size_t i = 0; i <= text.size(); ++i) {
+    for (size_t j = i; j <= text.size(); ++j) {
+      keys.push_back({text.substr(0, i), text.substr(i, j - i), text.substr(j)});
+    }
+  }
+  return keys;
+}
+
+// A client whose collectors are of one kind, and a metric with three tags.
+struct Bench {
+  explicit Bench(uint32_t kind, bool pre_encode_tags = true, const std::string& path = "")
+      : client({{}, tidegate::test::kNeverDue, {path}, {false, false, pre_encode_tags}}) {
+    client->collector_factory_->collector_kind_ = kind;
+    metric = client.Metric("m", {"a", "b", "c"});
+    collector = metric->impl_->collector_.get();
+  }
+  unsigned long Total() { return client->collector_factory_->total_series_; }
+  tidegate::test::TestClient client;
+  Metric* metric = nullptr;
+  MetricCollectorBase* collector = nullptr;
+};
+
+// 4 threads get the items of all keys, in pairs that are one key apart; returns them.
+template <class Source>
+std::vector<Item> Race(Source& source, const std::vector<Strings>& keys) {
+  constexpr size_t kThreads = 4;
+  std::vector<Item> items[kThreads];
+  std::atomic<size_t> arrived{0};
+  std::vector<std::thread> threads;
+  for (size_t t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      items[t].resize(keys.size());
+      for (++arrived; arrived < kThreads;) std::this_thread::yield();
+      // Who is behind finds what is there and catches up: they go on neck and neck.
+      for (size_t i = 0; i < keys.size(); ++i) {
+        const size_t place = (i + t / 2) % keys.size();
+        items[t][place] = source.GetOrCreate(keys[place]);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (const auto& mine : items) EXPECT_EQ(mine, items[0]);
+  EXPECT_EQ(std::set<Item>(items[0].begin(), items[0].end()).size(), keys.size());
+  EXPECT_EQ(source.GetAll().size(), keys.size());
+  return items[0];
+}
+
+class CollectorKindTest : public testing::TestWithParam<uint32_t> {};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, CollectorKindTest, testing::Values(kHashMap, kKDTree));
+
+TEST_P(CollectorKindTest, RacingThreadsGetOneItemPerKeyAndClearGivesAllBack) {
+  Bench bench(GetParam());
+  MetricCollectorBase& collector = *bench.collector;
+  bench.client.Metric("other")->WithTags({});
+  const std::vector<Strings> keys = Keys();
+  const std::vector<Item> items = Race(collector, keys);
+  EXPECT_EQ(bench.Total(), keys.size() + 1);
+  for (const Item& item : items) item->Emit({Store(1), WithSuffix("s", Incr(1))});
+  EXPECT_EQ(collector.DPSize(), 2 * keys.size());
+  for (const auto& [key, item] : collector.GetAll()) {
+    EXPECT_EQ(item, collector.GetOrCreate(key));
+  }
+  tidegate::test::Workers clearers;
+  clearers.Start(1, [&](int) { collector.Clear(); });
+  for (int round = 0; round < 2000; ++round) {
+    const std::string text = "too long for a short string " + std::to_string(round);
+    collector.GetOrCreate({text, text, "c"});
+    for (const auto& [key, item] : collector.GetAll()) {
+      ASSERT_TRUE(key.size() != 3 || item->encoded_tags_.find(key[1]) != std::string::npos);
+    }
+  }
+  clearers.Stop();
+  collector.Clear();
+  EXPECT_EQ(bench.Total(), 1u);
+  EXPECT_EQ(collector.SeriesSize() + collector.GetAll().size(), 0u);
+  EXPECT_NE(collector.GetOrCreate(keys[0]), items[0]);
+  bench.client.Registry("p")->RemoveMetric("m");
+  EXPECT_EQ(bench.Total(), 1u) << "so does destruction";
+}
+
+TEST(KDTreeTest, KeysOfAnyLengthRaceForTheSlotsOfOneTree) {
+  const std::vector<Strings> keys = Keys();
+  for (const size_t dimension : {0u, 1u, 3u}) {  // 0: nothing to branch on
+    Bench bench(kKDTree);
+    KDTree tree(MetricCoItemType::kCoItemSuffix, dimension, bench.metric,
+                static_cast<KDTreeCollector*>(bench.collector));
+    const std::vector<Item> items = Race(tree, keys);
+    EXPECT_EQ(bench.Total(), items.size());
+    for (size_t i = 0; i < items.size(); ++i) EXPECT_EQ(tree.GetOrCreate(keys[i]), items[i]);
+  }
+}
+
+TEST(KDTreeCollectorTest, DiffersFromTheHashMapInWhatItIsToldTo) {
+  const tidegate::test::TempDir dir;
+  AgentSocket agent(dir.File("s"));
+  Bench bench(kKDTree, false, agent.path());
+  EXPECT_EQ(bench.collector->Id(), 3u);
+  const Item item = bench.metric->WithTagValues({"1", "2", "3"});
+  EXPECT_EQ(item->encoded_tags_,
+            Bench(kHashMap).metric->WithTagValues({"1", "2", "3"})->encoded_tags_);
+  item->Emit({WithSuffix("cpu", Store(1))});
+  bench.collector->Erase({"1", "2", "3"});
+  EXPECT_EQ(bench.metric->WithTagValues({"1", "2", "3"}), item) << "nothing is erased";
+  EXPECT_EQ(bench.metric->cache_mem_, 3u + 16u) << "cells alone";
+
+  bench.client->collector_factory_->total_series_ += 9999999;
+  EXPECT_EQ(bench.collector->GetOrCreate({"new", "-", "-"}), nullptr);
+  EXPECT_EQ(bench.metric->emit_fail_, 0u);
+  EXPECT_EQ(bench.metric->WithTagValues({"new"}), DummyItem());
+  EXPECT_EQ(bench.metric->emit_fail_, 1u);
+
+  bench.client->collector_factory_->total_series_ = 1;
+  for (int i = 0; i < 50; ++i) bench.metric->WithTagValues({std::to_string(i)})->Emit({Store(i)});
+  bench.client->FlushAndExit();
+  agent.Stop();
+  EXPECT_EQ(agent.Points().size(), 51u);
+  for (const auto& point : agent.Points()) {
+    EXPECT_EQ(std::stod(point.tags.at(0).value), point.values.at(0));
+  }
+}
+
+}  // namespace
+}  // namespace METRICS
