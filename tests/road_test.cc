@@ -97,7 +97,7 @@ double SumOf(const Timeline& timeline, size_t column) {
   return std::accumulate(values.begin(), values.end(), 0.0);
 }
 
-TEST(RoadTest, AGaugeMakesTheWorkedPacket) {
+TEST(RoadTest, AGaugeMakesTheDocumentedPacket) {
   using Strings = std::array<const char*, 3>;
   for (const bool pre_encode_tags : {false, true}) {
     // The name is the same, however it is put together.
