@@ -37,7 +37,7 @@ struct ItemTest : testing::Test {
     EXPECT_TRUE(sender->DoPackAndSend());
   }
 
-  TestClient client{TestClientOptions{{}, kNeverDue, {}, {}}};
+  TestClient client{TestClientOptions{{}, kNeverDue, {}, {false, false}}};
   MetricRegistry* const registry = client.Registry("p", "t1", {}, 10);
   int made = 0;
 };

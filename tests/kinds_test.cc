@@ -55,7 +55,7 @@ std::string TextOf(const tidegate::agent::Block& block) {
 // A client with its agent and a registry of 5 s, whose flushes are driven by hand.
 struct Road {
   explicit Road(bool pre_encode_tags)
-      : client(TestClientOptions{{}, kNeverDue, {agent.path()}, {false, true, pre_encode_tags}}),
+      : client(TestClientOptions{{}, kNeverDue, {agent.path()}, {false, false, pre_encode_tags}}),
         registry(client.Registry("p", "t1", {{"r", "g"}}, 5)) {}
 
   // A compatible metric if it has a type, else one with the tag "w".

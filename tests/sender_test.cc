@@ -273,10 +273,6 @@ TEST(SenderManagerTest, KeepsOneSenderPerTenant) {
   EXPECT_THAT(LogOf([&] { client->CreateRegistry(registry, cfg); }),
               EndsWith("]Sender of [t1] already exist, CreateSender skipped.\n"));
   EXPECT_EQ(Find(client), first);
-  cfg.tenant = "tcp";
-  EXPECT_THAT(LogOf([&] { EXPECT_EQ(client->CreateRegistry(registry, cfg), ReturnCode::kOk); }),
-              testing::AllOf(HasSubstr("[MetricSDK][Error]"), HasSubstr("TCP")));
-  EXPECT_EQ(Find(client, "tcp"), nullptr);
 
   std::unordered_map<std::string, int> intervals{{"t1", 7}, {"nobody", 9}};
   EXPECT_THAT(LogOf([&] { manager.UpdateSenderInterval(intervals); }),

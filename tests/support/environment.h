@@ -117,7 +117,8 @@ struct TestClientOptions {
   std::map<std::string, int> intervals;  // by tenant, in seconds
   std::optional<int> default_interval = 1;
   TestVendor::Options vendor;  // an empty path becomes one that nobody listens on
-  METRICS::CoreInitCfg core;
+  // Expiry is off: to a pass, a series is idle until its first emission.
+  METRICS::CoreInitCfg core{false, false};
   std::optional<uint8_t> log_level = 4;  // silent; none leaves the level alone
 };
 
