@@ -187,7 +187,7 @@ TEST_F(CollectorTest, FlushPlansFollowIntervalsAndStates) {
     EXPECT_EQ(plan, next) << base << " at " << now;
     EXPECT_EQ(intervals(factory_.GetTenantSendCollector("plan", base, now)), due);
   }
-  for (const size_t state : {0, 1, 2, 3}) {  // only metrics in service are flushed
+  for (const size_t state : {0u, 1u, 2u, 3u}) {  // only metrics in service are flushed
     metric_->impl_->state_ = static_cast<MetricState>(state);
     const size_t listed = state == 1 ? 1 : 0;
     EXPECT_EQ(factory_.CheckMetricStatus(metric_->impl_->collector_), state == 1);

@@ -32,7 +32,7 @@ void ExpectValidity(const std::string& text, const CharClass& chars, bool legal)
 TEST(StringValidityTest, EveryByteAtEveryPlaceOfShortStringChunkAndTail) {
   for (const CharClass& chars : kClasses) {
     ExpectValidity("", chars, true);
-    for (const size_t length : {1, 15, 16, 17, 31, 32, 33, 254, 255, 4095, 4096}) {
+    for (const size_t length : {1u, 15u, 16u, 17u, 31u, 32u, 33u, 254u, 255u, 4095u, 4096u}) {
       std::string text(length, '\0');
       for (size_t i = 0; i < length; ++i) text[i] = chars.legal[i % chars.legal.size()];
       std::set<size_t> places{0, length / 2, length - 1};

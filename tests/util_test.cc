@@ -106,7 +106,7 @@ TEST(CompressionTest, RoundTripsAtEveryLevelAndThrowsWithZlibsNumberAndText) {
   std::mt19937 random(1);
   for (char& c : noise) c = static_cast<char>(random());
   // A stream of level 0 is 11 bytes longer than its input: 32757 fill the output buffer exactly.
-  for (const size_t size : {0, 1, 32757, 32758, 100000}) {
+  for (const size_t size : {0u, 1u, 32757u, 32758u, 100000u}) {
     for (const int level : {-1, 0, 9}) {
       const std::string compressed = compress_string(noise.substr(0, size), level);
       EXPECT_EQ(compressed[0], '\x78') << "not a zlib header";
