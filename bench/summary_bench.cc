@@ -68,6 +68,7 @@ BENCHMARK_TEMPLATE(Sample, METRICS::MetricSummaryCKMS);
 
 void HistogramSample(benchmark::State& state) {
   std::vector<double> bounds;
+  bounds.reserve(static_cast<size_t>(state.range(0)));
   for (int i = 0; i < state.range(0); ++i) {
     bounds.push_back(1e6 / static_cast<double>(state.range(0)) * i);
   }

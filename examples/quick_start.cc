@@ -7,9 +7,15 @@
 
 #include "metrics/metric_client.h"
 
+using METRICS::Add;
 using METRICS::Incr;
 using METRICS::IncrCounter;
+using METRICS::IncrMeter;
+using METRICS::MetricsType;
 using METRICS::Observe;
+using METRICS::Stat;
+using METRICS::Store;
+using METRICS::WithField;
 using METRICS::WithSuffix;
 
 // The settings of this service: a flush every 10 seconds for every tenant.
@@ -45,9 +51,11 @@ int main(int argc, char** argv) {
   registry.tenant = "shop";
   registry.prefix = "shop.web";
   registry.flush_interval = 10;
+  METRICS::HistoUtilBase size_bounds({0, 256, 1024});
   METRICS::MetricInstanceCfg definition;
   definition.name = "requests";
   definition.tag_names = {"method", "status"};
+  definition.histo = &size_bounds;
   const auto [requests, code] = client.CreateMetric(registry, definition);
   if (requests == nullptr) {
     std::fprintf(stderr, "no metric: %s\n", METRICS::MetricGetErrorCodeStr(code));
@@ -56,9 +64,30 @@ int main(int argc, char** argv) {
 
   for (int i = 0; i < 100; ++i) {
     requests->WithTags({{"method", "get"}, {"status", "200"}})
-        ->Emit({Incr(1), WithSuffix("bytes", IncrCounter(512)), Observe(120.5 + i)});
+        ->Emit({Incr(1), WithSuffix("bytes", IncrCounter(512)), Observe(120.5 + i), Stat(512),
+                Add(1), IncrMeter(1), WithSuffix("load", Store(0.5))});
   }
   requests->WithTags({{"method", "get"}, {"status", "404"}})->Emit({Incr(1)});
+
+  // A row of declared fields.
+  METRICS::MetricInstanceCfg row;
+  row.name = "cache";
+  row.fields = {{"size", MetricsType::kGauge}, {"hits", MetricsType::kRate}};
+  if (METRICS::Metric* const cache = client.CreateMetric(registry, row).metric) {
+    cache->WithTags({})->Emit({WithField("size", Store(64)), WithField("hits", Incr(3))});
+  }
+
+  // A compatible metric: its tags are named at emission.
+  METRICS::MetricRegistry* web = nullptr;
+  client.CreateRegistry(web, registry);
+  METRICS::MetricRegistry::MetricInitCfg init;
+  init.kind = METRICS::MetricCoItemType::kCoItemCompatible;
+  init.cfg.name = "workers";
+  METRICS::Metric* workers = nullptr;
+  if (web->CreateMetric(workers, init) == METRICS::ReturnCode::kOk) {
+    workers->SetCompatibleType(MetricsType::kGauge);
+    workers->CEmit(4, {"pool", "web"});
+  }
 
   client.FlushAndExit();
 }

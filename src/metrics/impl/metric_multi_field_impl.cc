@@ -18,8 +18,12 @@ void AppendEntries(Columns& out, const std::string& name, unsigned long count,
                    MetricEncoder::SuffixOf entry_of) {
   for (unsigned long i = 0; i < count; ++i) {
     const std::string& entry = entry_of(i);
-    const bool joined = !name.empty() && !entry.empty();
-    out.emplace_back(joined ? name + "." + entry : name + entry, kCodecValueDouble);
+    std::string column = name;
+    if (!name.empty() && !entry.empty()) {
+      column += '.';
+    }
+    column += entry;
+    out.emplace_back(std::move(column), kCodecValueDouble);
   }
 }
 
