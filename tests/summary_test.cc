@@ -51,7 +51,8 @@ struct SummaryTest : testing::Test {
 
 TEST_F(SummaryTest, ExactCellsReportThePercentilesOfAPlainSortWithNansBehind) {
   std::vector<Samples> cases{{NAN, 3, 1, INFINITY, NAN}, {1, INFINITY}, {INFINITY, -INFINITY, 1}};
-  for (const size_t count : {1, 2, 100, 255, 256, 257, 1024, 1025, 31744, 31745, 40000}) {
+  for (const size_t count :
+       {1u, 2u, 100u, 255u, 256u, 257u, 1024u, 1025u, 31744u, 31745u, 40000u}) {
     cases.insert(cases.end(), 2, Steps(count, 7919, -3000.1));
     for (double& sample : cases.back()) sample = std::sqrt(sample);  // NaN for a third of them
   }

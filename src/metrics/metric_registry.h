@@ -68,7 +68,7 @@ class METRICS_API MetricRegistry {
   /// a tag name twice, 53 or 49 a tag name that is bad or inherited, 53, 49 or 51 a constant tag
   /// that is bad, inherited or declared, or twice, 36 bounds, 53, 52, 36 or 38 fields, 19 exists,
   /// 82 or 17 no implementation or collector, 22 registry not in service, 34 registry full.
-  ReturnCode CreateMetric(Metric*& metric, MetricInitCfg cfg);
+  ReturnCode CreateMetric(Metric*& metric, MetricInitCfg init);
   /// A suffixed metric, or one with a row of fields if the definition names any.
   ReturnCode CreateMetric(Metric*& metric, const MetricInstanceCfg& cfg);
   /// A suffixed metric.
