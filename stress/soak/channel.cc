@@ -16,7 +16,8 @@ using METRICS::MetricFieldValue;
 using METRICS::MetricsType;
 using METRICS::ReturnCode;
 
-constexpr int kMaxValue = 200;  // in units
+constexpr int kMaxValue = 200;
+constexpr int kBurst = 300;
 
 const std::vector<const char*>& FieldNames() {
   static const std::vector<const char*> names{"g", "r", "c", "m", "d", "t", "h"};
@@ -185,35 +186,59 @@ bool Channel::Prime(const std::function<bool()>& await_pass) {
 
 void Channel::EmitOn(size_t series, Random& random) {
   Account& account = *accounts_[series];
-  // A rate of whole multiples of its interval is exact.
-  const int value = account.interval * Between(random, 1, kMaxValue);
+  const int value = RandomValue(random);
   account.Enter(value);
-  const ReturnCode code = EmitNumbers(series, value, random);
-  if (code != ReturnCode::kOk) {
-    report_.Violation("an emission answers " + std::to_string(static_cast<int>(code)) + ": " +
-                      account.key);
+  Check(IsCompatible(plan_.shape)
+            ? plan_.metric->CEmit(value, TagPairs(series))
+            : EmitNumbers(*FindSomehow(series, random), ValuesOf(value, random), random));
+}
+
+void Channel::Burst(Random& random) {
+  if (IsCompatible(plan_.shape)) {
+    for (int i = 0; i < kBurst; ++i) {
+      EmitOn(0, random);
+    }
+    return;
+  }
+  const int value = RandomValue(random);
+  const std::vector<MetricFieldValue> values = ValuesOf(value, random);
+  const Item item = FindSomehow(0, random);
+  for (int i = 0; i < kBurst; ++i) {
+    accounts_[0]->Enter(value);
+    Check(item->Emit(values));
   }
 }
 
-ReturnCode Channel::EmitNumbers(size_t series, int value, Random& random) const {
-  if (IsCompatible(plan_.shape)) {
-    return plan_.metric->CEmit(value, TagPairs(series));
-  }
-  const Item item = FindSomehow(series, random);
+int Channel::RandomValue(Random& random) const {
+  // A rate of whole multiples of its interval is exact.
+  return accounts_[0]->interval * Between(random, 1, kMaxValue);
+}
+
+std::vector<MetricFieldValue> Channel::ValuesOf(int value, Random& random) const {
   const bool real = random() % 2 == 0;
   std::vector<MetricFieldValue> values =
       real ? AllVerbs(static_cast<double>(value)) : AllVerbs(static_cast<long>(value));
-  if (!IsRowMetric(plan_.shape)) {
-    return item->Emit(std::move(values));
-  }
-  if (random() % 2 == 0) {
-    return item->Emit(AllFields(std::move(values)));
+  return IsRowMetric(plan_.shape) ? AllFields(std::move(values)) : values;
+}
+
+ReturnCode Channel::EmitNumbers(METRICS::MetricCollectorItem& item,
+                                std::vector<MetricFieldValue> values, Random& random) const {
+  if (!IsRowMetric(plan_.shape) || random() % 2 == 0) {
+    return item.Emit(std::move(values));
   }
   std::unordered_map<std::string, double> by_name;
-  for (const char* const name : FieldNames()) {
-    by_name.emplace(name, value);
+  for (const MetricFieldValue& value : values) {
+    by_name.emplace(value.name,
+                    value.is_integer ? static_cast<double>(value.value.integer) : value.value.real);
   }
-  return item->EmitMap(by_name);
+  return item.EmitMap(by_name);
+}
+
+void Channel::Check(ReturnCode code) const {
+  if (code != ReturnCode::kOk) {
+    report_.Violation("an emission answers " + std::to_string(static_cast<int>(code)) + ": " +
+                      plan_.metric->name_);
+  }
 }
 
 void Channel::EmitOnAll(Random& random) {

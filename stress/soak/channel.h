@@ -64,6 +64,8 @@ class Channel {
 
   // A random value on each cell of a random series.
   void Emit(Random& random) { EmitOn(random() % plan_.series, random); }
+  // Many emissions on one series without a pause, so that flushes meet them in the middle.
+  void Burst(Random& random);
   void EmitOnAll(Random& random);
 
   // Makes all series and holds on to them. To expiry a series is idle until its first emission, and
@@ -85,7 +87,13 @@ class Channel {
 
  private:
   void EmitOn(size_t series, Random& random);
-  METRICS::ReturnCode EmitNumbers(size_t series, int value, Random& random) const;
+  METRICS::ReturnCode EmitNumbers(METRICS::MetricCollectorItem& item,
+                                  std::vector<METRICS::MetricFieldValue> values,
+                                  Random& random) const;
+  int RandomValue(Random& random) const;
+  // One for each cell.
+  std::vector<METRICS::MetricFieldValue> ValuesOf(int value, Random& random) const;
+  void Check(METRICS::ReturnCode code) const;
   Item FindSomehow(size_t series, Random& random) const;
   std::vector<std::string> TagPairs(size_t series) const;
 

@@ -244,6 +244,9 @@ void Ledger::RecordColumn(const std::shared_ptr<Account>& account, Column column
   if (!account->columns[IndexOf(column)]) {
     refuse("an unexpected column");
   }
+  if (timestamp % account->interval != 0) {
+    refuse("a time between two intervals");
+  }
   if (timestamp <= tally.timestamp) {
     // A point for the interval before, which came behind that of the interval.
     if (timestamp == tally.timestamp) {

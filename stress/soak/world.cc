@@ -13,7 +13,8 @@ namespace {
 
 using METRICS::ReturnCode;
 
-constexpr size_t kSteadySeries = 24;
+// Makes a flush of these longer than one packet.
+constexpr size_t kSteadySeries = 40;
 constexpr size_t kSlots = 4;
 
 class Vendor final : public METRICS::DummyVendor {
@@ -112,7 +113,10 @@ bool World::AwaitExpiryPass() {
 }
 
 void World::Emit(Random& random) {
-  if (random() % 2 == 0) {
+  constexpr unsigned kBetweenBursts = 40;
+  if (random() % kBetweenBursts == 0) {
+    steady_[random() % steady_.size()]->Burst(random);
+  } else if (random() % 2 == 0) {
     slots_[random() % slots_.size()]->Emit(random);
   } else {
     steady_[random() % steady_.size()]->Emit(random);
