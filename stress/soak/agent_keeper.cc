@@ -1,0 +1,77 @@
+#include "soak/agent_keeper.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <thread>
+#include <utility>
+
+namespace tidegate::stress {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr int kFaultKinds = 4;
+
+}  // namespace
+
+AgentKeeper::AgentKeeper(std::string folder, AgentPath& path, Ledger& ledger)
+    : folder_(std::move(folder)), path_(path), ledger_(ledger) {
+  Start();
+}
+
+void AgentKeeper::Start() {
+  // What the last one left behind was stale until now.
+  ::unlink(path_.Get().c_str());
+  const std::string path = folder_ + "/" + std::to_string(++lives_);
+  agent_ = std::make_unique<MoodyAgent>(path, ledger_);
+  path_.Set(path);
+}
+
+void AgentKeeper::Torment(steady_clock::time_point end, Random& random) {
+  end_ = end;
+  while (steady_clock::now() < end_) {
+    Pause(200, 2500, random);
+    // The first faults are one of each kind, so that the shortest run has them.
+    const int kind =
+        faults_ < kFaultKinds ? static_cast<int>(faults_) : Between(random, 0, kFaultKinds - 1);
+    Fault(kind, random);
+    ++faults_;
+  }
+}
+
+void AgentKeeper::Fault(int kind, Random& random) {
+  switch (kind) {
+    case 0:  // killed while it reads; a flush finds nobody
+      agent_->Kill();
+      Pause(1000, 2500, random);
+      Start();
+      return;
+    case 1:  // killed with what came while it hung, and back at once
+      agent_->Stall();
+      Pause(1000, 3000, random);
+      agent_->Kill();
+      Start();
+      return;
+    case 2:  // hangs
+      agent_->Stall();
+      Pause(300, 4000, random);
+      agent_->Resume();
+      return;
+    default:  // ends in order
+      agent_->Drain();
+      ::unlink(path_.Get().c_str());
+      Pause(0, 1500, random);
+      Start();
+  }
+}
+
+void AgentKeeper::Pause(int low_ms, int high_ms, Random& random) const {
+  const auto wake = steady_clock::now() + milliseconds(Between(random, low_ms, high_ms));
+  std::this_thread::sleep_until(std::min(wake, end_));
+}
+
+void AgentKeeper::End() { agent_->Drain(); }
+
+}  // namespace tidegate::stress

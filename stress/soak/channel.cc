@@ -1,0 +1,282 @@
+#include "soak/channel.h"
+
+#include <algorithm>
+#include <numeric>
+#include <unordered_map>
+#include <utility>
+
+#include "metrics/histo_util.h"
+#include "metrics/metric_method.h"
+
+namespace tidegate::stress {
+namespace {
+
+using METRICS::MetricCoItemType;
+using METRICS::MetricFieldValue;
+using METRICS::MetricsType;
+using METRICS::ReturnCode;
+
+constexpr int kMaxValue = 200;
+constexpr int kBurst = 300;
+
+const std::vector<const char*>& FieldNames() {
+  static const std::vector<const char*> names{"g", "r", "c", "m", "d", "t", "h"};
+  return names;
+}
+
+bool IsRowMetric(Shape shape) { return shape == Shape::kRow || shape == Shape::kRowCkms; }
+
+Columns Of(std::initializer_list<Column> columns) {
+  Columns set;
+  for (const Column column : columns) {
+    set.set(IndexOf(column));
+  }
+  return set;
+}
+
+Columns ColumnsOf(Shape shape) {
+  switch (shape) {
+    case Shape::kSuffixed:
+    case Shape::kSuffixedCkms:
+    case Shape::kSuffixedRowTimer:
+    case Shape::kRow:
+    case Shape::kRowCkms:
+      return Columns().set();
+    case Shape::kCompatibleRate:
+      return Of({Column::kRate});
+    case Shape::kCompatibleCounter:
+      return Of({Column::kCounter});
+    case Shape::kCompatibleMeter:
+      return Of({Column::kMeter, Column::kMeterRate});
+    case Shape::kCompatibleTimer:
+      return Of({Column::kTimerSum, Column::kTimerCount});
+    case Shape::kCompatibleGauge:
+      break;
+  }
+  return {};
+}
+
+MetricsType CompatibleTypeOf(Shape shape) {
+  switch (shape) {
+    case Shape::kCompatibleRate:
+      return MetricsType::kRate;
+    case Shape::kCompatibleCounter:
+      return MetricsType::kCounter;
+    case Shape::kCompatibleMeter:
+      return MetricsType::kMeter;
+    case Shape::kCompatibleTimer:
+      return MetricsType::kTimer;
+    default:
+      return MetricsType::kGauge;
+  }
+}
+
+// One value for each verb, in the order of `FieldNames`.
+template <class Number>
+std::vector<MetricFieldValue> AllVerbs(Number value) {
+  return {METRICS::Store(value),     METRICS::Incr(value), METRICS::IncrCounter(value),
+          METRICS::IncrMeter(value), METRICS::Add(value),  METRICS::Observe(value),
+          METRICS::Stat(value)};
+}
+
+std::vector<MetricFieldValue> AllFields(std::vector<MetricFieldValue> values) {
+  for (size_t i = 0; i < values.size(); ++i) {
+    values[i].name = FieldNames()[i];
+  }
+  return values;
+}
+
+}  // namespace
+
+bool IsCompatible(Shape shape) { return shape >= Shape::kCompatibleRate; }
+
+METRICS::Metric* MakeMetric(METRICS::MetricRegistry& registry, const std::string& name, Shape shape,
+                            Report& report) {
+  METRICS::HistoUtilBase bounds({1, 20, 50, 100, 500});
+  METRICS::MetricRegistry::MetricInitCfg init;
+  init.kind = MetricCoItemType::kCoItemSuffix;
+  init.cfg.name = name;
+  if (IsCompatible(shape)) {
+    init.kind = MetricCoItemType::kCoItemCompatible;
+  } else {
+    init.cfg.tag_names = {"w", "g"};
+  }
+  if (IsRowMetric(shape)) {
+    init.kind = MetricCoItemType::kCoItemField;
+    const std::vector<MetricFieldValue> verbs = AllVerbs(1);
+    for (size_t i = 0; i < verbs.size(); ++i) {
+      init.cfg.fields.push_back({FieldNames()[i], verbs[i].type, &bounds});
+    }
+  } else if (!IsCompatible(shape)) {
+    init.cfg.histo = &bounds;
+  }
+  METRICS::Metric* metric = nullptr;
+  const ReturnCode code = registry.CreateMetric(metric, std::move(init));
+  if (!report.Check(code == ReturnCode::kOk, "a metric was refused: " + name)) {
+    return nullptr;
+  }
+  if (IsCompatible(shape)) {
+    metric->SetCompatibleType(CompatibleTypeOf(shape));
+  }
+  metric->SetUseCkms(shape == Shape::kSuffixedCkms || shape == Shape::kRowCkms);
+  metric->SetMultiFieldSummary(shape == Shape::kSuffixedRowTimer);
+  return metric;
+}
+
+Channel::Channel(Plan plan, Ledger& ledger, Report& report)
+    : plan_(std::move(plan)), ledger_(ledger), report_(report) {
+  const METRICS::MetricRegistry& registry = *plan_.metric->registry_;
+  const std::string generation = plan_.tags_arrive ? plan_.generation : std::string();
+  for (size_t i = 0; i < plan_.series; ++i) {
+    workers_.push_back(std::to_string(i));
+    const std::string worker = plan_.tags_arrive ? workers_[i] : std::string();
+    accounts_.push_back(std::make_shared<Account>(
+        SeriesKey(registry.Tenant(), plan_.metric->name_, generation, worker),
+        ColumnsOf(plan_.shape), registry.FlushInterval()));
+    ledger_.Open(accounts_.back());
+  }
+}
+
+std::vector<std::string> Channel::TagPairs(size_t series) const {
+  return {"g", plan_.generation, "w", workers_[series]};
+}
+
+Channel::Item Channel::Find(size_t series) const {
+  if (IsCompatible(plan_.shape)) {
+    return plan_.metric->impl_->WithCompatibleTags(TagPairs(series));
+  }
+  return plan_.metric->WithTagValues({plan_.generation, workers_[series]});
+}
+
+Channel::Item Channel::FindSomehow(size_t series, Random& random) const {
+  METRICS::Metric& metric = *plan_.metric;
+  switch (random() % 4) {
+    case 0:
+      return metric.WithTags({{"w", workers_[series]}, {"g", plan_.generation}});
+    case 1:
+      return metric.WithTagMap({{"w", workers_[series]}, {"g", plan_.generation}});
+    case 2:
+      if (!held_.empty()) {
+        return held_[series];
+      }
+      [[fallthrough]];
+    default:
+      return Find(series);
+  }
+}
+
+bool Channel::Prime(const std::function<bool()>& await_pass) {
+  bool stays = false;
+  while (!stays) {
+    held_.clear();
+    for (size_t i = 0; i < plan_.series; ++i) {
+      held_.push_back(Find(i));
+      held_.back()->Refresh();
+    }
+    if (!await_pass()) {
+      return false;
+    }
+    stays = true;
+    for (size_t i = 0; i < plan_.series; ++i) {
+      stays = stays && Find(i) == held_[i];
+    }
+  }
+  return true;
+}
+
+void Channel::EmitOn(size_t series, Random& random) {
+  Account& account = *accounts_[series];
+  const int value = RandomValue(random);
+  account.Enter(value);
+  Check(IsCompatible(plan_.shape)
+            ? plan_.metric->CEmit(value, TagPairs(series))
+            : EmitNumbers(*FindSomehow(series, random), ValuesOf(value, random), random));
+}
+
+void Channel::Burst(Random& random) {
+  if (IsCompatible(plan_.shape)) {
+    for (int i = 0; i < kBurst; ++i) {
+      EmitOn(0, random);
+    }
+    return;
+  }
+  const int value = RandomValue(random);
+  const std::vector<MetricFieldValue> values = ValuesOf(value, random);
+  const Item item = FindSomehow(0, random);
+  for (int i = 0; i < kBurst; ++i) {
+    accounts_[0]->Enter(value);
+    Check(item->Emit(values));
+  }
+}
+
+int Channel::RandomValue(Random& random) const {
+  // A rate of whole multiples of its interval is exact.
+  return accounts_[0]->interval * Between(random, 1, kMaxValue);
+}
+
+std::vector<MetricFieldValue> Channel::ValuesOf(int value, Random& random) const {
+  const bool real = random() % 2 == 0;
+  std::vector<MetricFieldValue> values =
+      real ? AllVerbs(static_cast<double>(value)) : AllVerbs(static_cast<long>(value));
+  return IsRowMetric(plan_.shape) ? AllFields(std::move(values)) : values;
+}
+
+ReturnCode Channel::EmitNumbers(METRICS::MetricCollectorItem& item,
+                                std::vector<MetricFieldValue> values, Random& random) const {
+  if (!IsRowMetric(plan_.shape) || random() % 2 == 0) {
+    return item.Emit(std::move(values));
+  }
+  std::unordered_map<std::string, double> by_name;
+  for (const MetricFieldValue& value : values) {
+    by_name.emplace(value.name,
+                    value.is_integer ? static_cast<double>(value.value.integer) : value.value.real);
+  }
+  return item.EmitMap(by_name);
+}
+
+void Channel::Check(ReturnCode code) const {
+  if (code != ReturnCode::kOk) {
+    report_.Violation("an emission answers " + std::to_string(static_cast<int>(code)) + ": " +
+                      plan_.metric->name_);
+  }
+}
+
+void Channel::EmitOnAll(Random& random) {
+  for (size_t i = 0; i < plan_.series; ++i) {
+    EmitOn(i, random);
+  }
+}
+
+bool Channel::IsSettled() const {
+  return std::all_of(accounts_.begin(), accounts_.end(),
+                     [this](const auto& account) { return ledger_.IsSettled(*account); });
+}
+
+void Channel::Complain(const std::string& when) const {
+  for (const std::shared_ptr<Account>& account : accounts_) {
+    if (!ledger_.IsSettled(*account)) {
+      report_.Violation(when + " not accounted for: " + ledger_.Difference(*account));
+    }
+  }
+}
+
+void Channel::CheckReceivedTotals() const {
+  for (const std::shared_ptr<Account>& account : accounts_) {
+    ledger_.CheckReceivedTotals(*account);
+  }
+}
+
+void Channel::CloseAccounts() const {
+  for (const std::shared_ptr<Account>& account : accounts_) {
+    ledger_.Close(*account);
+  }
+}
+
+int64_t Channel::emissions() const {
+  return std::accumulate(accounts_.begin(), accounts_.end(), int64_t{0},
+                         [](int64_t count, const auto& account) {
+                           return count + account->count.load(std::memory_order_relaxed);
+                         });
+}
+
+}  // namespace tidegate::stress

@@ -1,0 +1,167 @@
+#include "soak/world.h"
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+#include "metrics/metric_collector_factory.h"
+#include "metrics/metric_configer.h"
+#include "support/environment.h"
+
+namespace tidegate::stress {
+namespace {
+
+using METRICS::ReturnCode;
+
+// Makes a flush of these longer than one packet.
+constexpr size_t kSteadySeries = 40;
+constexpr size_t kSlots = 4;
+
+class Vendor final : public METRICS::DummyVendor {
+ public:
+  explicit Vendor(AgentPath& path) : path_(path) {}
+  std::string GetSenderOutPath() override { return path_.Get(); }
+
+ private:
+  AgentPath& path_;
+};
+
+METRICS::CoreInitCfg CoreOf(const World::Config& config) {
+  METRICS::CoreInitCfg core;
+  core.force_self_monitor = true;
+  core.monitor_interval = 20;
+  core.monitor_flush_interval = 1;
+  core.pre_encode_tags = config.pre_encode;
+  core.enable_expire = config.expiry;
+  core.expire_seconds = config.expire_seconds;
+  return core;
+}
+
+}  // namespace
+
+World::World(const Config& config, AgentPath& path, Ledger& ledger, Report& report,
+             SlotFigures& figures)
+    : config_(config),
+      tenant_(config.name),
+      compatible_tags_(!config.kd_tree && !config.pre_encode),
+      ledger_(ledger),
+      report_(report) {
+  const ReturnCode code =
+      client_.Init(new test::TestConfiger(), new Vendor(path), nullptr, CoreOf(config));
+  report_.Check(code == ReturnCode::kOk, "a client was refused");
+  if (config.kd_tree) {
+    client_.collector_factory_->collector_kind_ = 1;
+  }
+  MakeSteady();
+  for (size_t i = 0; i < kSlots; ++i) {
+    const Slot::Stage stage{client_,
+                            ledger,
+                            report,
+                            figures,
+                            compatible_tags_,
+                            config.expiry ? [this] { return AwaitExpiryPass(); } : std::function<bool()>()};
+    // Every other slot is of a tenant of its own, with a flush thread of its own.
+    slots_.push_back(std::make_unique<Slot>(stage, tenant_ + (i % 2 == 0 ? "" : "-more"),
+                                            "slot" + std::to_string(i)));
+  }
+}
+
+METRICS::MetricRegistry* World::MakeRegistry(const std::string& prefix, int flush_interval) {
+  METRICS::MetricRegistryCfg cfg;
+  cfg.tenant = tenant_;
+  cfg.prefix = prefix;
+  cfg.tags = {{"dc", "x"}};
+  cfg.flush_interval = flush_interval;
+  METRICS::MetricRegistry* registry = nullptr;
+  const ReturnCode code = client_.CreateRegistry(registry, std::move(cfg));
+  report_.Check(code == ReturnCode::kOk, "a registry was refused: " + prefix);
+  return registry;
+}
+
+void World::MakeSteady() {
+  METRICS::MetricRegistry* const steady = MakeRegistry("steady", 1);
+  METRICS::MetricRegistry* const slow = MakeRegistry("slow", 5);
+  if (steady == nullptr || slow == nullptr) {
+    return;
+  }
+  canary_ = MakeMetric(*steady, "canary", Shape::kSuffixed, report_);
+  for (int i = 0; i < kShapes; ++i) {
+    AddSteady(*steady, static_cast<Shape>(i));
+  }
+  AddSteady(*slow, Shape::kSuffixed);
+}
+
+void World::AddSteady(METRICS::MetricRegistry& registry, Shape shape) {
+  const std::string name = "shape" + std::to_string(static_cast<int>(shape));
+  METRICS::Metric* const metric = MakeMetric(registry, name, shape, report_);
+  if (metric == nullptr) {
+    return;
+  }
+  const bool tags_arrive = compatible_tags_ || !IsCompatible(shape);
+  steady_.push_back(std::make_unique<Channel>(
+      Channel::Plan{metric, shape, "0", tags_arrive ? kSteadySeries : 1, tags_arrive}, ledger_,
+      report_));
+  const bool primed =
+      steady_.back()->Prime([this] { return !config_.expiry || AwaitExpiryPass(); });
+  report_.Check(primed, "expiry does not come by");
+}
+
+bool World::AwaitExpiryPass() {
+  canary_->WithTagValues({"0", "0"});
+  // Bounded; a pass is a matter of milliseconds.
+  return test::WaitFor([this] { return canary_->impl_->GetSeriesCount() == 0; });
+}
+
+void World::Emit(Random& random) {
+  constexpr unsigned kBetweenBursts = 40;
+  if (random() % kBetweenBursts == 0) {
+    steady_[random() % steady_.size()]->Burst(random);
+  } else if (random() % 2 == 0) {
+    slots_[random() % slots_.size()]->Emit(random);
+  } else {
+    steady_[random() % steady_.size()]->Emit(random);
+  }
+}
+
+void World::EmitOnAll(Random& random) {
+  for (const std::unique_ptr<Channel>& channel : steady_) {
+    channel->EmitOnAll(random);
+  }
+}
+
+bool World::Turn(Random& random, bool refill) {
+  bool done = true;
+  for (const std::unique_ptr<Slot>& slot : slots_) {
+    done = slot->Turn(random, refill) && done;
+  }
+  return done;
+}
+
+bool World::IsSettled() const {
+  return std::all_of(steady_.begin(), steady_.end(),
+                     [](const auto& channel) { return channel->IsSettled(); });
+}
+
+void World::FlushAndExit() {
+  for (const std::unique_ptr<Channel>& channel : steady_) {
+    channel->LetGo();
+  }
+  client_.FlushAndExit();
+}
+
+void World::CheckBooks() const {
+  for (const std::unique_ptr<Channel>& channel : steady_) {
+    channel->Complain("at the end");
+    channel->CheckReceivedTotals();
+  }
+}
+
+int64_t World::emissions() const {
+  int64_t count = 0;
+  for (const std::unique_ptr<Channel>& channel : steady_) {
+    count += channel->emissions();
+  }
+  return count;
+}
+
+}  // namespace tidegate::stress
