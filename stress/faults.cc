@@ -2,13 +2,10 @@
 // used up, a wall clock that leaps. Emission goes on, nothing hangs or leaks, and once things are
 // well again the totals are right.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,6 +23,7 @@
 
 #include "agent/unique_fd.h"
 #include "false_clock.h"
+#include "odd_agents.h"
 #include "support/agent_socket.h"
 #include "support/cases.h"
 #include "support/environment.h"
@@ -143,30 +141,6 @@ class Baseline {
   long descriptors_;
 };
 
-// A socket that is bound to `path`, and listens if `backlog` is not negative.
-UniqueFd Bind(const std::string& path, int type, int backlog) {
-  UniqueFd fd(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
-  sockaddr_un address{AF_UNIX, {}};
-  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-  EXPECT_EQ(::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  if (backlog >= 0) {
-    EXPECT_EQ(::listen(fd.get(), backlog), 0);
-  }
-  return fd;
-}
-
-// Takes the places that a listener has for connections.
-void FillBacklog(const std::string& path, std::vector<UniqueFd>& held) {
-  sockaddr_un address{AF_UNIX, {}};
-  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-  int result = 0;
-  while (result == 0) {
-    held.emplace_back(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    result = ::connect(held.back().get(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
-  }
-  EXPECT_EQ(errno, EAGAIN);
-}
-
 // What stands where the agent's socket should be.
 using Held = std::vector<UniqueFd>;
 const struct Absence {
@@ -276,79 +250,6 @@ void StalledAgent(int length) {
     EXPECT_LT(steady_clock::now() - start, kLongestEnd);
   }
 }
-
-// An agent that hangs up after each message, as one that crashes and is started again would. As it
-// takes in what had been sent until then, nothing is lost, and nothing may come twice.
-class HangingUpAgent {
- public:
-  explicit HangingUpAgent(const std::string& path)
-      : listener_(Bind(path, SOCK_SEQPACKET, SOMAXCONN)), thread_([this] { Serve(); }) {}
-  HangingUpAgent(const HangingUpAgent&) = delete;
-  HangingUpAgent& operator=(const HangingUpAgent&) = delete;
-  ~HangingUpAgent() { Stop(); }
-
-  void Stop() {
-    if (thread_.joinable()) {
-      stop_.store(true);
-      thread_.join();
-    }
-  }
-  // REQUIRES: stopped.
-  const AgentSocket::Packets& packets() const { return packets_; }
-  int hang_ups() const { return hang_ups_; }
-
- private:
-  void Serve() {
-    std::vector<UniqueFd> clients;
-    for (bool idle = false; !stop_.load() || !idle;) {
-      std::vector<pollfd> watched{{listener_.get(), POLLIN, 0}};
-      for (const UniqueFd& client : clients) {
-        watched.push_back({client.get(), POLLIN, 0});
-      }
-      idle = ::poll(watched.data(), watched.size(), 50) == 0;  // to see a stop
-      for (size_t i = watched.size(); i-- > 1;) {
-        if (watched[i].revents != 0) {
-          HangUp(watched[i].fd);
-          clients.erase(clients.begin() + static_cast<std::ptrdiff_t>(i - 1));
-        }
-      }
-      if (watched[0].revents != 0) {
-        clients.emplace_back(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-      }
-    }
-  }
-
-  // Between the shutdown and the end of what was sent there is no moment in which a message is
-  // neither taken in nor refused.
-  void HangUp(int client) {
-    Keep(client);
-    ::shutdown(client, SHUT_RD);
-    while (Keep(client)) {
-    }
-    ++hang_ups_;
-  }
-
-  bool Keep(int client) {
-    std::string bytes(1 << 20, '\0');
-    const ssize_t size = ::recv(client, bytes.data(), bytes.size(), 0);
-    if (size <= 0) {
-      return false;
-    }
-    test::ReceivedPacket received;
-    agent::ReadError error;
-    EXPECT_TRUE(
-        agent::ReadPacket(bytes.data(), static_cast<size_t>(size), &received.packet, &error))
-        << error.reason;
-    packets_.push_back(std::move(received));
-    return true;
-  }
-
-  const UniqueFd listener_;
-  AgentSocket::Packets packets_;
-  int hang_ups_ = 0;
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
-};
 
 void AgentHangsUp(int length) {
   const Baseline baseline;
