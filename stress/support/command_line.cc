@@ -25,6 +25,10 @@ void CommandLine::Add(const std::string& flag, int& value, const std::string& he
   app_->add_option(flag, value, help)->check(CLI::NonNegativeNumber)->capture_default_str();
 }
 
+void CommandLine::Add(const std::string& flag, std::string& value, const std::string& help) {
+  app_->add_option(flag, value, help);
+}
+
 std::optional<int> CommandLine::Parse(int argc, char** argv) {
   try {
     app_->parse(argc, argv);

@@ -22,6 +22,8 @@ class CommandLine {
 
   // A further number, 0 or more; `value` holds its default, and outlives this object.
   void Add(const std::string& flag, int& value, const std::string& help);
+  // A further text.
+  void Add(const std::string& flag, std::string& value, const std::string& help);
   // An exit code if the program is to end at once, because of `--help` or a wrong flag.
   std::optional<int> Parse(int argc, char** argv);
 

@@ -1,0 +1,467 @@
+// Clients that begin, fill up and end in every way that there is, also in those that nobody should
+// choose.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "metrics/metric_collector_factory.h"
+#include "metrics/metric_factory.h"
+#include "metrics/metric_sender_manager.h"
+#include "support/agent_socket.h"
+#include "support/cases.h"
+#include "support/environment.h"
+#include "support/kinds.h"
+#include "support/sanitized.h"
+
+namespace tidegate::stress {
+namespace {
+
+using METRICS::Add;
+using METRICS::CoreInitCfg;
+using METRICS::MetricClient;
+using METRICS::ReturnCode;
+using METRICS::Store;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+using std::chrono::system_clock;
+using test::AgentSocket;
+using test::kNeverDue;
+using test::ReportTo;
+using test::TempDir;
+using test::TestClient;
+using test::TestClientOptions;
+using test::TestConfiger;
+using test::TestVendor;
+using test::ThreadCount;
+using test::WaitFor;
+using test::Workers;
+
+constexpr int kRacers = 8;
+
+// Runs `race(thread, i)` for `per_thread` values of i on all racers, which start together.
+void Race(int per_thread, const std::function<void(int, int)>& race) {
+  std::atomic<int> ready{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kRacers; ++t) {
+    threads.emplace_back([&, t] {
+      ++ready;
+      while (ready < kRacers) {
+        std::this_thread::yield();
+      }
+      for (int i = 0; i < per_thread; ++i) {
+        race(t, i);
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+// Calls `round(n)` until `seconds` have passed, at least once.
+void Repeat(int length, const std::function<void(int)>& round) {
+  const auto end = steady_clock::now() + seconds(length);
+  for (int n = 0;
+       n == 0 || (steady_clock::now() < end && !testing::UnitTest::GetInstance()->Failed()); ++n) {
+    round(n);
+  }
+}
+
+// The ways to end a client, which is destroyed afterwards.
+struct End {
+  const char* name;
+  void (*run)(MetricClient& client);
+  bool flushes;
+};
+const End kEnds[] = {
+    {"destructor alone", [](MetricClient&) {}, false},
+    {"Exit", [](MetricClient& client) { client.Exit(); }, false},
+    {"Exit twice",
+     [](MetricClient& client) {
+       EXPECT_EQ(client.Exit(), ReturnCode::kOk);
+       EXPECT_EQ(client.Exit(), ReturnCode::kOk);
+     },
+     false},
+    {"AtFork without a fork", [](MetricClient& client) { client.AtFork(); }, false},
+    {"FlushAndExit", [](MetricClient& client) { client.FlushAndExit(); }, true},
+    {"FlushAndExit and Exit",
+     [](MetricClient& client) {
+       client.FlushAndExit();
+       client.Exit();
+     },
+     true},
+};
+
+TestClientOptions Everything(const AgentSocket& agent, int interval) {
+  TestClientOptions options = ReportTo(agent.path(), interval);
+  options.core.force_self_monitor = true;
+  options.core.monitor_interval = 1;
+  return options;
+}
+
+// One life under load, of which the agent must have exactly what its end promises.
+void Live(const End& end) {
+  SCOPED_TRACE(end.name);
+  const TempDir dir;
+  AgentSocket agent(dir.File("s"));
+  const long threads = ThreadCount();
+  const long descriptors = DescriptorCount();
+  std::atomic<int> emissions{0};
+  std::shared_ptr<METRICS::MetricCollectorItem> late;
+  {
+    TestClient client(Everything(agent, kNeverDue));
+    const AllKinds kinds[] = {{*client, "t1", "p"}, {*client, "t2", "p"}};
+    ASSERT_TRUE(kinds[0].made() && kinds[1].made());
+    for (const AllKinds& each : kinds) {
+      for (int series = 0; series < 10; ++series) {
+        EXPECT_TRUE(each.Emit(std::to_string(series)));
+        ++emissions;
+      }
+    }
+    StartExpiry(*client, 1);
+    Workers workers;
+    workers.Start(4, [&](int i) {
+      for (int n = 0; n < 20; ++n) {
+        EXPECT_TRUE(kinds[i % 2].Emit(std::to_string(n % 10)));
+        ++emissions;
+      }
+    });
+    std::this_thread::sleep_for(milliseconds(50));  // of load
+    workers.Stop();
+    end.run(*client);
+  }
+  // A joined thread counts for a moment more.
+  EXPECT_TRUE(WaitFor([&] { return ThreadCount() <= threads; })) << ThreadCount();
+  agent.Stop();
+  EXPECT_TRUE(agent.Errors().empty());
+  const AgentSocket::Packets packets = agent.Received();
+  // Each emission reaches a suffix; the delta counter in the row has other columns.
+  EXPECT_EQ(EmissionsOf(packets, "t1") + EmissionsOf(packets, "t2"),
+            end.flushes ? emissions.load() : 0);
+  EXPECT_LE(DescriptorCount(), descriptors);
+}
+
+void Ends(int length) {
+  Repeat(length, [](int) {
+    for (const End& end : kEnds) {
+      Live(end);
+    }
+  });
+}
+
+// A last flush that meets an ordinary one, in all their phases: nothing is lost, nothing is sent
+// twice, as all that was emitted lies ahead of the boundary.
+void EndsAtABoundary(int length) {
+  Repeat(length, [](int round) {
+    const TempDir dir;
+    AgentSocket agent(dir.File("s"));
+    constexpr int kClients = 12;
+    std::vector<std::unique_ptr<TestClient>> clients;
+    double emissions = 0;
+    for (int i = 0; i < kClients; ++i) {
+      clients.push_back(std::make_unique<TestClient>(ReportTo(agent.path(), 1)));
+      METRICS::Metric* const metric = clients.back()->Metric("m", {"w"});
+      for (int series = 0; series < 200; ++series) {
+        metric->WithTags({{"w", std::to_string(series)}})->Emit({Add(1)});
+        ++emissions;
+      }
+    }
+    const auto now = system_clock::now();
+    const auto boundary =
+        now - now.time_since_epoch() % seconds(1) + seconds(1 + round % 2);  // one may pass before
+    std::vector<std::thread> enders;
+    for (int i = 0; i < kClients; ++i) {
+      enders.emplace_back([&, i] {
+        std::this_thread::sleep_until(boundary + milliseconds(i - kClients / 2));
+        (*clients[static_cast<size_t>(i)])->FlushAndExit();
+      });
+    }
+    for (std::thread& ender : enders) {
+      ender.join();
+    }
+    clients.clear();
+    agent.Stop();
+    EXPECT_EQ(EmissionsOf(agent.Received(), "t1"), emissions);
+  });
+}
+
+// Serves as long as the process exists, and is destroyed behind all other objects with static
+// storage, the library's included.
+class UntilTheEnd {
+ public:
+  UntilTheEnd() = default;
+  UntilTheEnd(const UntilTheEnd&) = delete;
+  UntilTheEnd& operator=(const UntilTheEnd&) = delete;
+  ~UntilTheEnd() {
+    if (agent_ == nullptr) {
+      return;
+    }
+    // Two flushes behind the destruction of all else.
+    const long before = emissions_.load();
+    const size_t packets = agent_->Received().size();
+    std::this_thread::sleep_for(milliseconds(2100));
+    if (emissions_.load() == before || agent_->Received().size() == packets) {
+      std::fputs("emission or flushing ended before the process\n", stderr);
+      ::_exit(1);
+    }
+  }
+
+  void Serve() {
+    dir_ = new TempDir();
+    agent_ = new AgentSocket(dir_->File("s"));
+    auto* const client = new TestClient(ReportTo(agent_->path(), 1));
+    StartExpiry(**client, 1);
+    std::thread([this, client] {
+      for (long n = 0;; ++n) {
+        // New registries, metrics, series and cells all along.
+        const AllKinds kinds(**client, "t1", std::to_string(n % 500));
+        if (!kinds.made() || !kinds.Emit(std::to_string(n))) {
+          ::_exit(1);
+        }
+        (*client)->metric_factory_->RemoveRegistry(std::to_string(n % 500), "t1");
+        METRICS::Metric* const steady = client->Metric("steady");
+        if (steady == nullptr || steady->WithTags({})->Emit({Store(1)}) != ReturnCode::kOk) {
+          ::_exit(1);
+        }
+        ++emissions_;
+        std::this_thread::sleep_for(milliseconds(1));  // the flushing thread has to have a chance
+      }
+    }).detach();
+  }
+
+ private:
+  // Never destroyed.
+  TempDir* dir_ = nullptr;
+  AgentSocket* agent_ = nullptr;
+  std::atomic<long> emissions_{0};
+};
+
+__attribute__((init_priority(101))) UntilTheEnd until_the_end;
+
+void NeverDestroyed(int /*length*/) {
+  until_the_end.Serve();
+  std::this_thread::sleep_for(milliseconds(200));  // in service
+}
+
+// These have no more than the destructor to end them: behind the library's own objects, and ahead.
+__attribute__((init_priority(102))) MetricClient early_global;
+
+void GlobalClients(int /*length*/) {
+  static MetricClient late_global;
+  METRICS::g_metricsLogLevel = 4;  // for the destructors too
+  const TempDir dir;
+  AgentSocket agent(dir.File("s"));
+  CoreInitCfg core;
+  core.force_self_monitor = true;
+  for (MetricClient* const client : {&early_global, &late_global}) {
+    client->Init(new TestConfiger({}, 1), new TestVendor({agent.path()}), nullptr, core);
+    const AllKinds kinds(*client, "t1", "p");
+    Workers workers;
+    workers.Start(4, [&](int i) { EXPECT_TRUE(kinds.Emit(std::to_string(i))); });
+    EXPECT_TRUE(agent.WaitForPackets(1));
+  }
+}
+
+// Serves in this process, forks, and lets the child go on in the same way, `left` times.
+int ServeForGenerations(MetricClient& client, const std::string& socket, int left) {
+  CoreInitCfg core;
+  core.force_self_monitor = true;
+  if (client.Init(new TestConfiger({}, kNeverDue), new TestVendor({socket}), nullptr, core) !=
+      ReturnCode::kOk) {
+    return 2;
+  }
+  const AllKinds kinds(client, "t" + std::to_string(left), "p");
+  if (!kinds.made() || !kinds.Emit("0")) {
+    return 3;
+  }
+  StartExpiry(client, 1);
+  int status = 0;
+  if (left > 0) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      client.AtFork();
+      ::_exit(ServeForGenerations(client, socket, left - 1));
+    }
+    if (::waitpid(child, &status, 0) != child) {
+      return 4;
+    }
+  }
+  if (!kinds.Emit("0")) {
+    return 5;
+  }
+  client.FlushAndExit();
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 6;
+}
+
+void InitAgainAfterAtFork(int length) {
+  if (kSanitized) {
+    std::puts("lifecycle: no forks with live threads under a sanitizer");
+    return;
+  }
+  const test::ScopedLogLevel silent(4);
+  Repeat(length, [](int) {
+    const TempDir dir;
+    AgentSocket agent(dir.File("s"));
+    constexpr int kGenerations = 4;
+    MetricClient client;
+    EXPECT_EQ(ServeForGenerations(client, agent.path(), kGenerations), 0);
+    agent.Stop();
+    for (int i = 0; i <= kGenerations; ++i) {
+      EXPECT_EQ(EmissionsOf(agent.Received(), "t" + std::to_string(i)), 2) << i;
+    }
+  });
+}
+
+// 512 registries, which racing threads make, serve and report; one more is refused.
+void Registries(int length) {
+  Repeat(length, [](int) {
+    const TempDir dir;
+    AgentSocket agent(dir.File("s"));
+    TestClient client(ReportTo(agent.path(), kNeverDue));
+    METRICS::MetricFactory& factory = *client->metric_factory_;
+    std::atomic<int> made{0};
+    std::atomic<int> full{0};
+    Race(100, [&](int t, int i) {
+      METRICS::MetricRegistry* registry = nullptr;
+      const std::string prefix = std::to_string(t) + "." + std::to_string(i);
+      const ReturnCode code =
+          factory.CreateRegistry(registry, prefix, {}, "t" + std::to_string(i % 3), 1);
+      made += code == ReturnCode::kOk ? 1 : 0;
+      full += code == ReturnCode::kMaxRegistry ? 1 : 0;
+    });
+    EXPECT_EQ(made, 512);
+    EXPECT_EQ(full, kRacers * 100 - 512);
+    EXPECT_EQ(factory.GetAllRegistryNames().size(), 512u);
+    METRICS::MetricRegistry* registry = nullptr;
+    EXPECT_EQ(factory.CreateRegistry(registry, "513", {}, "t0", 1), ReturnCode::kMaxRegistry);
+    EXPECT_EQ(registry, nullptr);
+    const std::shared_ptr<METRICS::MetricRegistry> one = factory.GetAllRegistry().at(0);
+    EXPECT_EQ(factory.RemoveRegistry(one->Prefix(), one->Tenant()), ReturnCode::kOk);
+    EXPECT_EQ(factory.CreateRegistry(registry, "513", {}, "t0", 1), ReturnCode::kOk);
+    for (const auto& each : factory.GetAllRegistry()) {
+      METRICS::Metric* metric = nullptr;
+      EXPECT_EQ(each->CreateMetric(metric, "m", {}, nullptr), ReturnCode::kOk);
+      metric->WithTags({})->Emit({Add(1)});
+    }
+    client->FlushAndExit();
+    agent.Stop();
+    double arrived = 0;
+    for (const char* tenant : {"t0", "t1", "t2"}) {
+      arrived += EmissionsOf(agent.Received(), tenant);
+    }
+    EXPECT_EQ(arrived, 512);
+  });
+}
+
+// The limit of metrics, which is one of the environment; racing threads, as above.
+void Metrics(int length) {
+  static constexpr int kLimit = 100;
+  ::setenv("METRICS_MAX_METRICS_PER_REGISTRY", std::to_string(kLimit).c_str(), 1);
+  Repeat(length, [](int) {
+    const TempDir dir;
+    AgentSocket agent(dir.File("s"));
+    TestClient client(ReportTo(agent.path(), kNeverDue));
+    METRICS::MetricRegistry& registry = *client.Registry("p");
+    std::atomic<int> made{0};
+    std::atomic<int> full{0};
+    Race(40, [&](int t, int i) {
+      METRICS::Metric* metric = nullptr;
+      const std::string name = std::to_string(t) + "." + std::to_string(i);
+      const ReturnCode code = registry.CreateMetric(metric, name, {}, nullptr);
+      made += code == ReturnCode::kOk ? 1 : 0;
+      full += code == ReturnCode::kMaxMetric ? 1 : 0;
+      if (metric != nullptr) {
+        metric->WithTags({})->Emit({Add(1)});
+      }
+    });
+    EXPECT_EQ(made, kLimit);
+    EXPECT_EQ(full, kRacers * 40 - kLimit);
+    EXPECT_EQ(registry.GetAllMetric().size(), static_cast<size_t>(kLimit));
+    EXPECT_EQ(client->collector_factory_->GetAll().size(), static_cast<size_t>(kLimit));
+    client->FlushAndExit();
+    agent.Stop();
+    EXPECT_EQ(EmissionsOf(agent.Received(), "t1"), kLimit);
+  });
+}
+
+// Racing threads make `wanted` series where `quota` are allowed. Those that race past the test may
+// exceed it by their number; all that was accepted arrives, and all that was refused is counted.
+void FillTo(int wanted, int quota) {
+  SCOPED_TRACE(std::to_string(wanted) + " of " + std::to_string(quota));
+  const TempDir dir;
+  AgentSocket agent(dir.File("s"));
+  TestClientOptions options = ReportTo(agent.path(), kNeverDue);
+  options.core.max_total_series = static_cast<uint64_t>(quota);
+  TestClient client(std::move(options));
+  METRICS::MetricCollectorFactory& factory = *client->collector_factory_;
+  METRICS::Metric* const metric = client.Metric("m", {"w"});
+  std::atomic<int> next{0};
+  std::atomic<int> accepted{0};
+  std::atomic<int> refused{0};
+  const auto emit = [&](int series) {
+    const ReturnCode code = metric->WithTags({{"w", std::to_string(series)}})->Emit({Add(1)});
+    accepted += code == ReturnCode::kOk ? 1 : 0;
+    refused += code == ReturnCode::kNotSupported ? 1 : 0;
+  };
+  Race(wanted, [&](int, int) {  // more often than needed, as nobody knows how they share it
+    const int series = next++;
+    if (series < wanted) {
+      emit(series);
+    }
+  });
+  EXPECT_EQ(accepted + refused, wanted);
+  EXPECT_GE(accepted, std::min(wanted, quota));
+  EXPECT_LE(accepted, std::min(wanted, quota + kRacers - 1));
+  EXPECT_EQ(factory.total_series_.load(), static_cast<size_t>(accepted.load()));
+  EXPECT_EQ(metric->emit_fail_.load(), static_cast<size_t>(refused.load()));
+  // Nobody races any more: what was made goes on, and one more is made below the quota alone.
+  const int before = accepted;
+  emit(wanted);
+  EXPECT_EQ(accepted - before, before < quota ? 1 : 0);
+  const double total = accepted;
+  client->sender_manager_->FlushAndExit();
+  EXPECT_TRUE(
+      agent.WaitUntil([&](const auto& packets) { return EmissionsOf(packets, "t1") >= total; }));
+  EXPECT_EQ(EmissionsOf(agent.Received(), "t1"), total);
+  client->metric_factory_->RemoveRegistry("p", "t1");
+  EXPECT_EQ(factory.total_series_.load(), 0u) << "what is removed gives its share back";
+}
+
+void SeriesQuota(int length) {
+  constexpr int kQuota = 200;
+  Repeat(length, [](int) {
+    for (const int wanted : {kQuota - 1, kQuota, kQuota + 1, kQuota + 300}) {
+      FillTo(wanted, kQuota);
+    }
+  });
+}
+
+const std::vector<Case> kCases = {
+    {"never_destroyed", NeverDestroyed},
+    {"global_clients", GlobalClients},
+    {"ends", Ends},
+    {"ends_at_a_boundary", EndsAtABoundary},
+    {"init_again_after_at_fork", InitAgainAfterAtFork},
+    {"registries", Registries},
+    {"metrics", Metrics},
+    {"series_quota", SeriesQuota},
+};
+
+}  // namespace
+}  // namespace tidegate::stress
+
+int main(int argc, char** argv) {
+  return tidegate::stress::RunCases("lifecycle", "Begins, fills and ends clients in every way.", 2,
+                                    tidegate::stress::kCases, argc, argv);
+}
