@@ -19,8 +19,9 @@ timespec Wall() {
 
 }  // namespace
 
-// The names are the system's: the program's own definitions go before those of the C library, also
-// for calls from other libraries.
+// The names are the system's, those of the parameters ours: the program's own definitions go before
+// those of the C library, also for calls from other libraries.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" {
 
 int clock_gettime(clockid_t clock, timespec* now) noexcept {
@@ -46,6 +47,7 @@ int gettimeofday(timeval* out, void* /*zone*/) noexcept {
 }
 
 }  // extern "C"
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 namespace tidegate::stress {
 

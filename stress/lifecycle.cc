@@ -53,6 +53,7 @@ constexpr int kRacers = 8;
 void Race(int per_thread, const std::function<void(int, int)>& race) {
   std::atomic<int> ready{0};
   std::vector<std::thread> threads;
+  threads.reserve(kRacers);
   for (int t = 0; t < kRacers; ++t) {
     threads.emplace_back([&, t] {
       ++ready;
@@ -181,6 +182,7 @@ void EndsAtABoundary(int length) {
     const auto boundary =
         now - now.time_since_epoch() % seconds(1) + seconds(1 + round % 2);  // one may pass before
     std::vector<std::thread> enders;
+    enders.reserve(kClients);
     for (int i = 0; i < kClients; ++i) {
       enders.emplace_back([&, i] {
         std::this_thread::sleep_until(boundary + milliseconds(i - kClients / 2));
@@ -273,35 +275,37 @@ void GlobalClients(int /*length*/) {
   }
 }
 
-// Serves in this process, forks, and lets the child go on in the same way, `left` times.
-int ServeForGenerations(MetricClient& client, const std::string& socket, int left) {
+// Serves, forks, and lets the child go on in the same way, `generations` times; the code of the
+// first thing that went wrong in a process or its descendants.
+int ServeForGenerations(MetricClient& client, const std::string& socket, int generations) {
   CoreInitCfg core;
   core.force_self_monitor = true;
-  if (client.Init(new TestConfiger({}, kNeverDue), new TestVendor({socket}), nullptr, core) !=
-      ReturnCode::kOk) {
-    return 2;
-  }
-  const AllKinds kinds(client, "t" + std::to_string(left), "p");
-  if (!kinds.made() || !kinds.Emit("0")) {
-    return 3;
-  }
-  StartExpiry(client, 1);
-  int status = 0;
-  if (left > 0) {
-    const pid_t child = ::fork();
+  for (int generation = 0;; ++generation) {
+    const std::string tenant = "t" + std::to_string(generation);
+    if (client.Init(new TestConfiger({}, kNeverDue), new TestVendor({socket}), nullptr, core) !=
+        ReturnCode::kOk) {
+      return 2;
+    }
+    const AllKinds kinds(client, tenant, "p");
+    if (!kinds.made() || !kinds.Emit("0")) {
+      return 3;
+    }
+    StartExpiry(client, 1);
+    const pid_t child = generation < generations ? ::fork() : -1;
     if (child == 0) {
       client.AtFork();
-      ::_exit(ServeForGenerations(client, socket, left - 1));
+      continue;
     }
-    if (::waitpid(child, &status, 0) != child) {
+    int status = 0;
+    if (child > 0 && ::waitpid(child, &status, 0) != child) {
       return 4;
     }
+    if (!kinds.Emit("0")) {
+      return 5;
+    }
+    client.FlushAndExit();
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 6;
   }
-  if (!kinds.Emit("0")) {
-    return 5;
-  }
-  client.FlushAndExit();
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 6;
 }
 
 void InitAgainAfterAtFork(int length) {
@@ -314,8 +318,13 @@ void InitAgainAfterAtFork(int length) {
     const TempDir dir;
     AgentSocket agent(dir.File("s"));
     constexpr int kGenerations = 4;
+    const pid_t parent = ::getpid();
     MetricClient client;
-    EXPECT_EQ(ServeForGenerations(client, agent.path(), kGenerations), 0);
+    const int code = ServeForGenerations(client, agent.path(), kGenerations);
+    if (::getpid() != parent) {
+      ::_exit(code);
+    }
+    EXPECT_EQ(code, 0);
     agent.Stop();
     for (int i = 0; i <= kGenerations; ++i) {
       EXPECT_EQ(EmissionsOf(agent.Received(), "t" + std::to_string(i)), 2) << i;

@@ -35,7 +35,7 @@ class HangingUpAgent {
   void Stop();
   // REQUIRES: stopped.
   const test::AgentSocket::Packets& packets() const { return packets_; }
-  int hang_ups() const { return hang_ups_; }
+  int hang_ups() const { return hang_ups_.load(); }
 
  private:
   void Serve();
@@ -45,7 +45,7 @@ class HangingUpAgent {
 
   const UniqueFd listener_;
   test::AgentSocket::Packets packets_;
-  int hang_ups_ = 0;
+  std::atomic<int> hang_ups_{0};
   std::atomic<bool> stop_{false};
   std::thread thread_;
 };
