@@ -1,15 +1,16 @@
 // idle_cost [SECONDS [INTERVAL]]: what does a service pay for 100,000 series that nobody feeds?
 //
 // Prints the share of a core that the library's own threads took over SECONDS (120), with default
-// settings and a flush every INTERVAL (30) seconds, in the form of Google Benchmark's results. The
-// main thread sleeps meanwhile.
-
-#include <sys/resource.h>
+// settings and a flush every INTERVAL (30) seconds, in all and by thread, in the form of Google
+// Benchmark's results. The main thread sleeps meanwhile.
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
 #include <thread>
 
 #include "metrics/metric_collector_item.h"
@@ -24,13 +25,17 @@ using tidegate::bench::Client;
 constexpr size_t kSeries = 100000;
 constexpr size_t kTags = 3;
 
-double CpuSeconds() {
-  rusage usage{};
-  ::getrusage(RUSAGE_SELF, &usage);
-  const auto seconds = [](const timeval& time) {
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-  };
-  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+// CPU seconds of each thread so far, by its name.
+std::map<std::string, double> CpuSeconds() {
+  std::map<std::string, double> seconds;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::string name;
+    std::getline(std::ifstream(task.path() / "comm"), name);
+    double nanos = 0;
+    std::ifstream(task.path() / "schedstat") >> nanos;
+    seconds[name] += nanos / 1e9;
+  }
+  return seconds;
 }
 
 // Makes the series and lets each report until it falls silent, which would take some flushes.
@@ -62,14 +67,21 @@ int main(int argc, char** argv) {
   MakeQuietSeries(client.Make("quiet", kTags));
 
   const auto start = std::chrono::steady_clock::now();
-  const double cpu_before = CpuSeconds();
+  const auto before = CpuSeconds();
   std::this_thread::sleep_for(std::chrono::seconds(seconds));
-  const double cpu = CpuSeconds() - cpu_before;
+  const auto after = CpuSeconds();
   const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - start;
 
   std::printf(
       "{\"benchmarks\": [{\"name\": \"IdleCost/series:%zu/interval:%d\", \"threads\": 1,\n"
-      "  \"real_time\": %.6f, \"time_unit\": \"s\", \"cpu_seconds\": %.6f, \"cpu_percent\": "
-      "%.4f}]}\n",
-      kSeries, interval, wall.count(), cpu, 100 * cpu / wall.count());
+      "  \"real_time\": %.6f, \"time_unit\": \"s\",\n",
+      kSeries, interval, wall.count());
+  double all = 0;
+  for (const auto& [name, cpu] : after) {
+    const auto found = before.find(name);
+    const double percent = 100 * (cpu - (found == before.end() ? 0 : found->second)) / wall.count();
+    std::printf("  \"%s_percent\": %.4f,\n", name.c_str(), percent);
+    all += percent;
+  }
+  std::printf("  \"cpu_percent\": %.4f}]}\n", all);
 }
