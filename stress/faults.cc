@@ -321,6 +321,11 @@ void NoDescriptorAtInit(int /*length*/) {
   const test::ScopedLogLevel silent(4);
   const TempDir dir;
   AgentSocket agent(dir.File("s"));
+  {
+    // The sanitizer of undefined behaviour opens a pipe when it sees a class for the first time.
+    const Service first(agent.path(), "t0");
+  }
+  agent.Take();
   std::unique_ptr<Service> service;
   const std::string log = LogOf([&] {
     const NoDescriptorsFrom none(LowestFreeDescriptor());

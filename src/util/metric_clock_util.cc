@@ -23,7 +23,7 @@ int CheckFlushInterval(const int& interval) {
 
 bool SyncMilliStepSleep(const int& total_ms, const int& step_ms,
                         volatile std::atomic<MetricState>& state) {
-  int done = step_ms;
+  int64_t done = step_ms;  // wide enough for any two numbers that are given
   bool running = state.load() == MetricState::READY;
   while (done < total_ms) {
     if (!running) {
@@ -38,9 +38,9 @@ bool SyncMilliStepSleep(const int& total_ms, const int& step_ms,
   if (!running) {
     return false;
   }
-  const int rest = total_ms - done + step_ms;
+  const int64_t rest = total_ms - done + step_ms;
   if (rest >= 1) {
-    SleepMillis(rest);
+    SleepMillis(static_cast<int>(rest));
   }
   return true;
 }
