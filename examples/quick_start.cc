@@ -3,9 +3,8 @@
 #include <csignal>
 #include <cstdio>
 #include <string>
-#include <utility>
 
-#include "metrics/metric_client.h"
+#include "tidegate/metrics.h"
 
 using METRICS::Add;
 using METRICS::Incr;
@@ -18,40 +17,21 @@ using METRICS::Store;
 using METRICS::WithField;
 using METRICS::WithSuffix;
 
-// The settings of this service: a flush every 10 seconds for every tenant.
-class Settings : public tidegate::MConfigerImplBase {
- public:
-  void Start() override {}
-  void Stop() override {}
-  std::pair<bool, int> GetTenantInterval(const std::string& /*tenant*/) override {
-    return {true, 10};
-  }
-  std::string GetSinkName() override { return {}; }
-};
-
-// A plain machine whose agent listens at `path`. A service whose agent listens at the default path
-// passes null instead.
-class Machine : public METRICS::DummyVendor {
- public:
-  explicit Machine(std::string path) : path_(std::move(path)) {}
-  std::string GetSenderOutPath() override { return path_; }
-
- private:
-  std::string path_;
-};
-
 int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);   // an agent that goes away must not end the service
   METRICS::g_metricsLogLevel = 3;  // of the library's lines on standard output, errors only
 
+  // A flush every 10 seconds; without a path, the agent at the default one.
+  tidegate::StaticVendor::Options machine;
+  if (argc > 1) machine.socket_path = argv[1];
   METRICS::MetricClient client;
-  client.Init(new Settings, argc > 1 ? new Machine(argv[1]) : nullptr, nullptr, {});
+  client.Init(new tidegate::StaticConfiger({10}), new tidegate::StaticVendor(machine), nullptr, {});
 
   METRICS::MetricRegistryCfg registry;
   registry.tenant = "shop";
   registry.prefix = "shop.web";
   registry.flush_interval = 10;
-  METRICS::HistoUtilBase size_bounds({0, 256, 1024});
+  METRICS::HistoUtil size_bounds = METRICS::HistoUtil::Explicit({0, 256, 1024});
   METRICS::MetricInstanceCfg definition;
   definition.name = "requests";
   definition.tag_names = {"method", "status"};

@@ -13,6 +13,7 @@
 
 #include "agent/packet_reader.h"
 #include "golden/golden_file.h"
+#include "util/metric_error_code.h"
 
 namespace tidegate::agent {
 namespace {
@@ -97,12 +98,27 @@ TEST(DocsTest, WorkedExampleDecodesToItsTable) {
   EXPECT_EQ(contents, Describe(packet));
 }
 
+TEST(DocsTest, EveryReturnCodeHasItsRow) {
+  const std::string table = ReadFile("docs/errors.md");
+  const std::string header = ReadFile("src/util/metric_error_code.h");
+  const std::regex code(R"((k\w+) = (\d+),)");
+  const std::sregex_iterator first(header.begin(), header.end(), code), end;
+  EXPECT_EQ(std::distance(first, end), 26);
+  for (std::sregex_iterator it = first; it != end; ++it) {
+    const char* const text =
+        METRICS::MetricGetErrorCodeStr(METRICS::ReturnCode(std::stoi(it->str(2))));
+    const std::string row = "\n| " + it->str(2) + " | `" + it->str(1) + "` | ";
+    EXPECT_NE(table.find(row + (text == nullptr ? "|" : text + std::string(" | "))), table.npos)
+        << row;
+  }
+}
+
 TEST(DocsTest, NamedFilesExist) {
   // Links, and paths in code spans; `src/metrics/metric` stands for a header and its source.
   const std::regex name(
       R"(\]\(([\w./]+)\)|`((?:bench|docs|examples|include|scripts|src|tests|tools)/[\w./-]+)`)");
   for (const std::string document :
-       {"README.md", "DEVELOPERS.md", "CONTRIBUTING.md", "docs/design.md"}) {
+       {"README.md", "DEVELOPERS.md", "CONTRIBUTING.md", "docs/design.md", "docs/errors.md"}) {
     const std::string text = ReadFile(document);
     EXPECT_TRUE(std::regex_search(text, name)) << document;
     for (std::sregex_iterator it(text.begin(), text.end(), name), end; it != end; ++it) {

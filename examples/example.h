@@ -1,0 +1,59 @@
+#pragma once
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "tidegate/metrics.h"
+
+// What every example begins with. A service of your own would write this out once, in its main.
+
+namespace example {
+
+/// The agent's socket: the first argument, or the library's default path.
+inline tidegate::StaticVendor::Options MachineOf(int argc, char** argv) {
+  tidegate::StaticVendor::Options machine;
+  if (argc > 1) machine.socket_path = argv[1];
+  return machine;
+}
+
+/// An agent that goes away must not end the service, and of the library's lines only errors count.
+inline void SetUpProcess() {
+  std::signal(SIGPIPE, SIG_IGN);
+  METRICS::g_metricsLogLevel = 3;
+}
+
+/// Brings `client` into service for an agent at the path that the arguments name, with a flush
+/// every second, so that one has something to look at.
+inline void Start(METRICS::MetricClient& client, int argc, char** argv) {
+  SetUpProcess();
+  client.Init(new tidegate::StaticConfiger({1}), new tidegate::StaticVendor(MachineOf(argc, argv)),
+              nullptr, {});
+}
+
+/// There is no example without its metric.
+inline void Require(METRICS::ReturnCode code) {
+  if (code != METRICS::ReturnCode::kOk) {
+    std::fprintf(stderr, "refused: %s\n", METRICS::MetricGetErrorCodeStr(code));
+    std::exit(1);
+  }
+}
+
+inline METRICS::MetricRegistryCfg Registry(const std::string& prefix) {
+  METRICS::MetricRegistryCfg registry;
+  registry.tenant = "examples";
+  registry.prefix = prefix;
+  registry.flush_interval = 1;
+  return registry;
+}
+
+inline METRICS::Metric* MakeMetric(METRICS::MetricClient& client, const std::string& prefix,
+                                   const METRICS::MetricInstanceCfg& definition) {
+  const auto [metric, code] = client.CreateMetric(Registry(prefix), definition);
+  Require(code);
+  return metric;
+}
+
+}  // namespace example

@@ -1,0 +1,85 @@
+#!/usr/bin/env bash
+# Runs every example against the agent and checks that the points which it promises arrive.
+# EXAMPLES: the folder of the programs, if they were built elsewhere; AGENT: the agent.
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+PRESET=${PRESET:-release}
+NAMES=(compatible custom_environment demo_service histogram multi_field prefork quick_start worker_pool)
+
+# What the agent has to print, as extended patterns behind the time, the tenant and a blank.
+expected() {
+  case $1 in
+    compatible)
+      echo 'counter legacy\.jobs\{queue=mail,result=sent\} 3'
+      echo 'counter legacy\.jobs\{queue=invoice\} 1'
+      ;;
+    custom_environment)
+      echo 'delta_counter custom\.starts\.delta_counter\{cluster=south,host=host-17\} counter=1 .*'
+      ;;
+    demo_service)
+      echo 'multi_field shop\.jobs\.clerk\{.*\} batch=[0-9]+ packed=[0-9]+'
+      ;;
+    histogram)
+      echo 'histogram http\.sizes\.histogram\{\} .*b-256\.0+=2 .*sum=10400 hist:count=4'
+      ;;
+    multi_field)
+      echo 'multi_field db\.pool\{database=orders\} open=4 queries=10 .* latency\.counter=10 .*'
+      echo 'multi_field db\.pool\{database=users\} open=1'
+      ;;
+    prefork)
+      echo 'rate prefork\.served\.rate\{process=child-[012]\} 100'
+      echo 'rate prefork\.served\.rate\{process=parent\} 1'
+      ;;
+    quick_start)
+      echo 'rate shop\.web\.requests\.rate\{method=get,status=200\} 10'
+      ;;
+    worker_pool)
+      echo 'timer pool\.latency\.timer\{path=/cart,status=404\} .* counter=20 .*'
+      echo 'timer pool\.requests\.waited\{\} .*'
+      ;;
+    *) die "no example \"$1\"" ;;
+  esac
+}
+
+tmp=$(mktemp -d /tmp/tidegate-examples.XXXXXX)
+agent_pid=
+cleanup() {
+  [[ -z $agent_pid ]] || kill -KILL "$agent_pid" 2>/dev/null || true
+  rm -rf "$tmp"
+}
+trap cleanup EXIT
+
+# run_example <name>: with an agent of its own.
+run_example() {
+  local name=$1 arguments=("$tmp/s") pattern try status=0
+  [[ $name != demo_service ]] || arguments+=(--seconds 2)
+  "$AGENT" --socket "$tmp/s" >"$tmp/points" 2>"$tmp/agent.err" </dev/null &
+  agent_pid=$!
+  for ((try = 0; try < 100; ++try)); do
+    [[ ! -S $tmp/s ]] || break
+    sleep 0.1 # there is nothing to wait on
+  done
+  timeout 60 "$EXAMPLES/$name" "${arguments[@]}" >"$tmp/out" </dev/null || status=$?
+  kill -TERM "$agent_pid"
+  wait "$agent_pid" || true # it takes in what was sent, then ends
+  agent_pid=
+  ((status == 0)) || die "$name ended with status $status: $(cat "$tmp/out")"
+  while read -r pattern; do
+    grep -Eq "^[0-9]+ [a-z]+ $pattern$" "$tmp/points" ||
+      die "$name: no point like \"$pattern\" among: $(cat "$tmp/points" "$tmp/agent.err")"
+  done < <(expected "$name")
+  grep -q ' errors=0$' "$tmp/agent.err" || die "$name: $(cat "$tmp/agent.err")"
+  printf '%-20s %s points\n' "$name" "$(wc -l <"$tmp/points")"
+}
+
+if [[ -z ${EXAMPLES:-} ]]; then
+  need_packages "${BUILD_PACKAGES[@]}"
+  build "$PRESET" tidegate-agent "${NAMES[@]}"
+fi
+EXAMPLES=${EXAMPLES:-$ROOT/build/$PRESET/examples}
+AGENT=${AGENT:-$ROOT/build/$PRESET/tools/agent/tidegate-agent}
+step "running the examples"
+for name in "${NAMES[@]}"; do
+  run_example "$name"
+done
