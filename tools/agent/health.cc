@@ -70,6 +70,7 @@ void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
   constexpr std::string_view kDroppedHelp = "Points that never reached the database.";
   handle({kDropped, kDroppedHelp, true, "reason", "full", ValueOf(forward_dropped_full)});
   handle({kDropped, kDroppedHelp, true, "reason", "rejected", ValueOf(forward_dropped_rejected)});
+  handle({kDropped, kDroppedHelp, true, "reason", "empty", ValueOf(forward_dropped_empty)});
   counter("tidegate_agent_forward_retried_points_total", "Points sent once more.",
           forward_retried_points);
   counter("tidegate_agent_forward_batches_total", "Requests that the database took.",
