@@ -26,6 +26,10 @@ std::vector<PacketSink*> Agent::Sinks() {
     sinks.push_back(&printer_.emplace(
         *options_.print, STDOUT_FILENO, [this](int /*error*/) { PrintingEnded(); }, &health_));
   }
+  if (options_.forward) {
+    sinks.push_back(&forwarder_.emplace(*options_.forward, &health_,
+                                        [this](const std::string& line) { log_.Report(line); }));
+  }
   return sinks;
 }
 
@@ -63,6 +67,10 @@ bool Agent::Start() {
     log_.Report(error);
     return false;
   }
+  if (forwarder_) {
+    forwarder_->Start();
+    log_.Report("forwarding to " + options_.forward->url.shown);
+  }
   log_.Report("listening on " + options_.socket);
   return true;
 }
@@ -73,7 +81,7 @@ void Agent::Receive(const SeqpacketServer::Message& message) {
 
 // Printing is all that there is to do, or else the rest goes on without it.
 void Agent::PrintingEnded() {
-  if (options_.http.empty()) {
+  if (options_.http.empty() && !options_.forward) {
     Stop();
   } else {
     log_.Report("points are no longer printed, standard output is closed");
@@ -86,6 +94,7 @@ void Agent::AppendPage(std::string* page) {
 }
 
 bool Agent::FinishOutputs() {
+  if (forwarder_) forwarder_->Stop(options_.drain);
   if (http_) http_->Stop();
   if (!printer_) return true;
   printer_->Finish(options_.drain);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "agent/decoder.h"
+#include "agent/forwarder.h"
 #include "agent/health.h"
 #include "agent/http_server.h"
 #include "agent/log.h"
@@ -21,6 +22,7 @@ namespace tidegate::agent {
 //   thread of Run: reads the sockets, puts messages into the queue
 //   decoder:       takes them out, decodes, hands packets to every sink
 //   writers:       of standard output and standard error
+//   forwarder:     packs points and sends them to a database
 //   HTTP:          pages from the table of series
 //
 // No thread waits for one behind it. Run once; Stop from any thread and from a signal handler.
@@ -54,6 +56,7 @@ class Agent {
   SeriesTable table_;
   std::optional<PacketLog> printer_;
   std::optional<HttpServer> http_;
+  std::optional<Forwarder> forwarder_;
   Decoder decoder_;  // after all sinks
 };
 

@@ -120,7 +120,7 @@ void Forwarder::SendHealthIfDue() {
   if (now < next_health_) return;
   next_health_ = now + options_.health_interval;
   std::string lines;
-  AppendHealth(*health_, options_.host, NowNanos(), &lines);
+  AppendHealthLines(*health_, options_.host, NowNanos(), &lines);
   // No points: those are what clients have sent.
   CountFull(queue_.Append(lines, 0));
 }

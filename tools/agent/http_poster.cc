@@ -34,6 +34,22 @@ std::chrono::seconds ParseWait(const std::string& text) {
   return std::min(std::chrono::seconds(seconds), kMaxWait);
 }
 
+std::string Words(httplib::Error error) {
+  switch (error) {
+    case httplib::Error::Connection:
+    case httplib::Error::ConnectionTimeout:
+      return "cannot connect";
+    case httplib::Error::Read:
+      return "no reply in time, or the connection broke";
+    case httplib::Error::Write:
+      return "the server does not read";
+    case httplib::Error::SSLServerVerification:
+      return "the server's certificate is not trusted, or is for another name";
+    default:
+      return "no reply: " + httplib::to_string(error);
+  }
+}
+
 std::unique_ptr<httplib::ClientImpl> MakeClient(const ForwardUrl& url) {
   if (url.tls) return std::make_unique<httplib::SSLClient>(url.host, url.port);
   return std::make_unique<httplib::ClientImpl>(url.host, url.port);
@@ -83,7 +99,7 @@ HttpReply HttpPoster::Post(const std::string& gzip_body, std::chrono::millisecon
 
   HttpReply reply = {};
   if (!answered || response.status <= 0) {
-    reply.text = "no reply: " + httplib::to_string(error);
+    reply.text = Words(error);
     return reply;
   }
   reply.status = response.status;

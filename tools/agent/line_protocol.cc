@@ -160,7 +160,8 @@ void LineWriter::AppendBuckets(const Series& record, std::string* out) {
   }
 }
 
-void AppendHealth(const Health& health, std::string_view host, int64_t now_ns, std::string* out) {
+void AppendHealthLines(const Health& health, std::string_view host, int64_t now_ns,
+                       std::string* out) {
   health.ForEach([&](const Health::Sample& sample) {
     AppendEscaped(LinePart::kMeasurement, sample.name, out);
     AppendTag("host", host, out);

@@ -58,6 +58,7 @@ class LineWriter {
 };
 
 // Appends a line for each number of the agent's own, with the tag `host` and the time of `now_ns`.
-void AppendHealth(const Health& health, std::string_view host, int64_t now_ns, std::string* out);
+void AppendHealthLines(const Health& health, std::string_view host, int64_t now_ns,
+                       std::string* out);
 
 }  // namespace tidegate::agent

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "agent/forward_flags.h"
 #include "agent/http_server.h"
 
 namespace tidegate::agent {
@@ -18,6 +19,7 @@ struct Raw {
   std::string mode = "0666";
   std::string print;
   bool quiet = false;
+  ForwardFlags forward;
   int64_t ttl = 0;
   int64_t drain = 0;
 };
@@ -71,6 +73,7 @@ void Declare(CLI::App* app, Raw* raw) {
       ->check(CLI::Range(size_t{1}, size_t{1} << 32))
       ->capture_default_str();
   AddBytes(app, "--queue-bytes", &options.queue_bytes, "Packets that may wait to be decoded");
+  raw->forward.DeclareOn(app);
   AddSeconds(app, "--drain", 0, &raw->drain, "Seconds to hand on what is left, at the end");
 }
 
@@ -79,7 +82,9 @@ Options Finish(const Raw& raw) {
   options.socket_mode = static_cast<mode_t>(std::stoul(raw.mode, nullptr, 8));
   options.ttl = std::chrono::seconds(raw.ttl);
   options.drain = std::chrono::seconds(raw.drain);
-  const bool silent = raw.quiet || (raw.print.empty() && !options.http.empty());
+  if (!raw.forward.url.empty()) options.forward = raw.forward.ToOptions(options.label_pid);
+  const bool elsewhere = !options.http.empty() || options.forward;
+  const bool silent = raw.quiet || (raw.print.empty() && elsewhere);
   if (!silent) options.print = raw.print == "json" ? PrintFormat::kJson : PrintFormat::kText;
   return options;
 }
@@ -88,8 +93,8 @@ Options Finish(const Raw& raw) {
 
 std::optional<Options> ParseOptions(int argc, const char* const* argv, OptionsError* error) {
   CLI::App app(
-      "Receives metrics packets on a local socket; prints the points in them and serves them to "
-      "Prometheus.",
+      "Receives metrics packets on a local socket; prints the points in them, serves them to "
+      "Prometheus and forwards them to a database.",
       "tidegate-agent");
   Raw raw;
   raw.ttl = raw.options.ttl.count();

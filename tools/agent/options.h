@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "agent/forwarder.h"
 #include "agent/packet_log.h"
 
 namespace tidegate::agent {
@@ -19,6 +20,7 @@ struct Options {
   bool label_pid = false;
   std::string http;  // "host:port"; empty: none
   bool timestamps = false;
+  std::optional<ForwardOptions> forward;
   std::chrono::seconds ttl{300};
   size_t max_series = 1000000;
   size_t queue_bytes = 64 << 20;
