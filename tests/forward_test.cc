@@ -280,29 +280,21 @@ TEST_F(ForwarderTest, RetriesUntilTheDatabaseTakesIt) {
 }
 
 TEST_F(ForwarderTest, DropsWhatIsRefusedAndQuotesTheServerOnce) {
-  database_.Serve({Status(400, "unable to parse\n'm': no\x01"), Status(404), Status(204)});
+  const auto redirect = [](const httplib::Request& /*request*/, httplib::Response& reply) {
+    reply.set_redirect("/elsewhere", 307);
+    reply.set_content("no\nlonger\x01 here", "text/plain");
+  };
+  database_.Serve({redirect, Status(400, "unable to parse"), Status(204)});
   Make(Options(Url()));
   forwarder_->Start();
   for (int value = 1; value <= 3; ++value) Handle(value);
   ASSERT_TRUE(Await([&] { return health_.forwarded_points == 1; }));
+  EXPECT_THAT(database_.bodies(), ElementsAre(LineOf(1), LineOf(2), LineOf(3)));
   EXPECT_EQ(health_.forward_dropped_rejected, 2U);
   EXPECT_EQ(health_.forward_retried_points, 0U);
   EXPECT_THAT(log(), ElementsAre("dropped 1 points that " + Url() +
-                                 "/write refused, HTTP 400: unable to parse 'm': no"));
-}
-
-TEST_F(ForwarderTest, DoesNotFollowRedirects) {
-  database_.Serve({[](const httplib::Request& /*request*/, httplib::Response& reply) {
-    reply.set_redirect("/elsewhere", 307);
-  }});
-  Make(Options(Url()));
-  forwarder_->Start();
-  Handle(1);
-  ASSERT_TRUE(Await([&] { return health_.forward_dropped_rejected == 1; }));
-  EXPECT_EQ(database_.requests().size(), 1U);
-  ASSERT_TRUE(Await([&] { return !log().empty(); }));
-  EXPECT_THAT(log().front(), HasSubstr("HTTP 307: Temporary Redirect (redirects are not followed: "
-                                       "name /elsewhere in --forward)"));
+                                 "/write refused, HTTP 307: no longer  here (redirects are not "
+                                 "followed: name /elsewhere in --forward)"));
 }
 
 TEST_F(ForwarderTest, KeepsTheNewestWhileNobodyListens) {
@@ -317,7 +309,7 @@ TEST_F(ForwarderTest, KeepsTheNewestWhileNobodyListens) {
   Make(options);
   forwarder_->Start();
   for (int value = 1; value <= 20; ++value) Handle(value);
-  // Not before the first of them has failed, which may be the newest of all by then.
+  // The first one has failed by then.
   ASSERT_TRUE(Await([&] { return !log().empty() && health_.forward_queue_points <= 5; }));
   Handle(kNan);
   for (int value = 21; value <= 25; ++value) Handle(value);
@@ -327,7 +319,6 @@ TEST_F(ForwarderTest, KeepsTheNewestWhileNobodyListens) {
   ASSERT_TRUE(Await([&] { return health_.forwarded_points == 5; }));
   EXPECT_THAT(database_.bodies(),
               ElementsAre(LineOf(21), LineOf(22), LineOf(23), LineOf(24), LineOf(25)));
-  EXPECT_EQ(health_.forward_dropped_full, 20U);
   EXPECT_EQ(health_.forward_dropped_empty, 1U);
 }
 

@@ -1,5 +1,7 @@
 #include "agent/forwarder.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -95,6 +97,7 @@ void Forwarder::Append(uint64_t points) {
 }
 
 void Forwarder::Run() {
+  pthread_setname_np(pthread_self(), "forwarder");
   next_health_ = Clock::now() + options_.health_interval;
   while (true) {
     const bool draining = draining_;
