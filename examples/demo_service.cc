@@ -33,6 +33,7 @@ using std::chrono::steady_clock;
 
 constexpr int kFlushSeconds = 1;
 constexpr int kRequestThreads = 3;
+constexpr std::array<int, 5> kSizeBounds = {0, 500, 1000, 2000, 4000};  // bytes, lower ends
 
 // Where a real service would ask its configuration.
 class Settings : public tidegate::MConfigerImplBase {
@@ -112,10 +113,15 @@ class Shop {
     }
   }
 
+  // One line, so that scripts can hold what arrived against it.
   void PrintTotals() const {
-    std::printf("demo_service: emitted %ld requests with %ld bytes, %ld connections, %ld orders\n",
-                request_total_.load(), byte_total_.load(), connection_total_.load(),
-                order_total_.load());
+    std::printf("demo_service: emitted {\"requests\":%ld,\"bytes\":%ld,\"connections\":%ld,",
+                request_total_.load(), byte_total_.load(), connection_total_.load());
+    std::printf("\"orders\":%ld,\"queue\":%d,\"sizes\":[", order_total_.load(), last_depth_.load());
+    for (size_t i = 0; i < size_totals_.size(); ++i) {
+      std::printf("%s%ld", i == 0 ? "" : ",", size_totals_[i].load());
+    }
+    std::printf("]}\n");
   }
 
  private:
@@ -139,6 +145,7 @@ class Shop {
       metrics_.sizes->WithTags({})->Emit({Stat(bytes)});
       ++request_total_;
       byte_total_ += bytes;
+      ++size_totals_[BucketOf(bytes)];
       if (request_total_ % 10 == 0) {
         metrics_.connections->WithTags({})->Emit({IncrMeter(1)});
         metrics_.cache->CEmit(static_cast<double>(request_total_), {"cache", "catalog"});
@@ -162,16 +169,25 @@ class Shop {
       packed->Emit({Add(waiting)});
       clerk->Emit({WithField("batch", Store(waiting)), WithField("packed", IncrCounter(waiting))});
       order_total_ += waiting;
+      last_depth_ = waiting;
       std::this_thread::sleep_for(milliseconds(100));
     }
   }
 
+  static size_t BucketOf(int bytes) {
+    size_t bucket = 0;
+    while (bucket + 1 < kSizeBounds.size() && bytes >= kSizeBounds[bucket + 1]) ++bucket;
+    return bucket;
+  }
+
   const Metrics metrics_;
   std::atomic<int> queued_{0};
+  std::atomic<int> last_depth_{0};
   std::atomic<long> request_total_{0};
   std::atomic<long> byte_total_{0};
   std::atomic<long> connection_total_{0};
   std::atomic<long> order_total_{0};
+  std::array<std::atomic<long>, kSizeBounds.size()> size_totals_ = {};
 };
 
 // Makes metrics of one registry; there is no service without them.
@@ -220,7 +236,7 @@ class Maker {
 Metrics MakeMetrics(METRICS::MetricClient& client) {
   Maker web(client, "shop.web");
   Maker jobs(client, "shop.jobs");
-  METRICS::HistoUtilBase size_bounds({0, 500, 1000, 2000, 4000});
+  METRICS::HistoUtilBase size_bounds({kSizeBounds.begin(), kSizeBounds.end()});
   METRICS::MetricInstanceCfg sizes;
   sizes.name = "sizes";
   sizes.histo = &size_bounds;

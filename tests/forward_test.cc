@@ -1,0 +1,384 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <functional>
+#include <future>
+#include <limits>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/forward_url.h"
+#include "agent/forwarder.h"
+#include "agent/line_protocol.h"
+
+namespace tidegate::agent {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+
+Block MakeBlock(uint8_t type, const std::string& name, const std::vector<std::string>& columns,
+                std::vector<Series> series) {
+  Block block;
+  block.wire_type = type;
+  block.timestamp = 1700000000;
+  block.name = name;
+  for (const std::string& column : columns) block.fields.push_back({column, 0});
+  block.series = std::move(series);
+  return block;
+}
+
+// What LineWriter makes of a block of the tenant t1.
+std::string Lines(const Block& block, bool label_pid = false) {
+  Packet packet;
+  packet.tenant = "t1";
+  const ClientId client{42};
+  LineWriter writer(label_pid);
+  writer.StartBlock(packet, client, block);
+  std::string lines;
+  for (const Series& record : block.series) {
+    const size_t before = lines.size();
+    const bool appended = writer.AppendRecord(record, &lines);
+    EXPECT_EQ(appended, lines.size() > before);
+  }
+  return lines;
+}
+
+TEST(LineProtocolTest, WritesEachKindAsTheMappingSays) {
+  const std::vector<Tag> tags = {{"dc", "b"}, {"host", "a"}};
+  const struct {
+    Block block;
+    const char* lines;
+  } kCases[] = {
+      {MakeBlock(1, "m.g", {}, {{0, tags, {}, {1.5}}, {0, {}, {}, {1e300}}}),
+       "m.g,tenant=t1,dc=b,host=a value=1.5 1700000000000000000\n"
+       "m.g,tenant=t1 value=1e+300 1700000000000000000\n"},
+      {MakeBlock(8, "m.d", {"counter", "rate", "delta"}, {{0, tags, {}, {7, 0.1, 3}}}),
+       "m.d,tenant=t1,dc=b,host=a counter=7,rate=0.1,delta=3 1700000000000000000\n"},
+      {MakeBlock(7, "m", {"a", "b.c", "d"}, {{0, {}, {0, 2}, {1, -2}}, {0, {}, {1}, {9}}}),
+       "m,tenant=t1 a=1,d=-2 1700000000000000000\n"
+       "m,tenant=t1 b.c=9 1700000000000000000\n"},
+      // The upper end of a bucket is the next one's bound, and `le` counts all buckets below it.
+      {MakeBlock(
+           6, "m.h",
+           {"hist:b-0.000000", "hist:b-0.500000", "hist:b-20.000000", "hist:sum", "hist:count"},
+           {{0, {{"le", "x"}}, {}, {2, 3, 4, 81.5, 9}}}),
+       "m.h,tenant=t1,exported_le=x b-0.000000=2,b-0.500000=3,b-20.000000=4,sum=81.5,count=9 "
+       "1700000000000000000\n"
+       "m.h,tenant=t1,exported_le=x,le=0.5 bucket=2 1700000000000000000\n"
+       "m.h,tenant=t1,exported_le=x,le=20 bucket=5 1700000000000000000\n"
+       "m.h,tenant=t1,exported_le=x,le=+Inf bucket=9 1700000000000000000\n"},
+      // What is no number is left out, with its line where nothing else is in it.
+      {MakeBlock(7, "m", {"a", "b", "c"}, {{0, {}, {}, {kNan, 4, kInfinity}}}),
+       "m,tenant=t1 b=4 1700000000000000000\n"},
+      {MakeBlock(3, "m", {}, {{0, {}, {}, {kNan}}, {0, {}, {}, {-kInfinity}}}), ""},
+  };
+  for (const auto& test : kCases) EXPECT_EQ(Lines(test.block), test.lines);
+
+  Block block = MakeBlock(1, "m", {}, {{0, {}, {}, {1}}});
+  EXPECT_EQ(Lines(block, true), "m,tenant=t1,pid=42 value=1 1700000000000000000\n");
+  block.timestamp = std::numeric_limits<int64_t>::max() / 1000;
+  EXPECT_EQ(Lines(block), "");
+}
+
+TEST(LineProtocolTest, EscapesWhatHasAMeaning) {
+  const struct {
+    LinePart part;
+    std::string text;
+    const char* escaped;
+  } kCases[] = {
+      {LinePart::kMeasurement, "a.b:c-d%/_\"", "a.b:c-d%/_\""},
+      {LinePart::kMeasurement, "a b,c=d", "a\\ b\\,c=d"},
+      {LinePart::kMeasurement, "#a#b", "_a#b"},
+      {LinePart::kTag, "a b,c=d#\"", "a\\ b\\,c\\=d#\""},
+      {LinePart::kTag, std::string("a\nb\r\t\0\x7f", 7), "a_b____"},
+      {LinePart::kTag, "", "_"},
+      {LinePart::kTag, "C:\\dir", "C:\\dir"},
+      {LinePart::kTag, "a\\ b\\\\c\\=\\", "a_\\ b_\\c_\\=_"},
+      {LinePart::kTag, "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80",
+       "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"},
+      {LinePart::kTag, "\xc3(\xff\xed\xa0\x80\xe2\x82", "_(______"},
+      {LinePart::kField, "a b,c=\"d\"", "a\\ b\\,c\\=_d_"},
+  };
+  for (const auto& test : kCases) {
+    std::string escaped;
+    AppendEscaped(test.part, test.text, &escaped);
+    EXPECT_EQ(escaped, test.escaped) << test.text;
+  }
+}
+
+TEST(ForwardUrlTest, TakesUrlsApartAndSaysWhatIsWrong) {
+  ForwardUrl url;
+  std::string error;
+  ASSERT_TRUE(ParseForwardUrl("http://db:8428", &url, &error)) << error;
+  EXPECT_EQ(url.host + "|" + std::to_string(url.port) + url.target, "db|8428/write");
+  ASSERT_TRUE(ParseForwardUrl("https://me:p%40s@[::1]/api/v2/write?org=o&token=t", &url, &error));
+  EXPECT_EQ(url.host + "|" + std::to_string(url.port) + url.target,
+            "::1|443/api/v2/write?org=o&token=t");
+  EXPECT_EQ(url.user + "|" + url.password + "|" + url.shown, "me|p@s|https://[::1]/api/v2/write");
+  ASSERT_TRUE(ParseForwardUrl("http://db/?db=x", &url, &error)) << error;
+  EXPECT_EQ(url.target, "/write?db=x");
+
+  const std::pair<const char*, const char*> kWrong[] = {
+      {"db:8428", "it has to start with http:// or https://"},
+      {"http://db:http/", "\":http\" is no port, give one as :8428"},
+      {"http://:80/", "there is no host in it"},
+      {"http://[::1:80/", "\"[::1:80\" lacks its ]"},
+      {"http://db/a b", "it has characters that have to be written as %XX"},
+      {"http://db?precision=s&db=x",
+       "\"precision=s\" does not hold, timestamps are nanoseconds: leave it out"},
+  };
+  for (const auto& [text, reason] : kWrong) {
+    EXPECT_FALSE(ParseForwardUrl(text, &url, &error)) << text;
+    EXPECT_EQ(error, reason);
+  }
+}
+
+// A server on loopback that keeps what is posted and answers as told.
+class Database {
+ public:
+  using Answer = std::function<void(const httplib::Request&, httplib::Response&)>;
+
+  // An answer for each request, the last one for all further ones.
+  void Serve(std::vector<Answer> answers, int port = 0) {
+    server_.Post(".*", [this, answers](const httplib::Request& request, httplib::Response& reply) {
+      std::unique_lock<std::mutex> lock(mutex_);
+      requests_.push_back(request);
+      const Answer answer = answers[std::min(requests_.size(), answers.size()) - 1];
+      lock.unlock();
+      answer(request, reply);
+    });
+    port_ = port == 0 ? server_.bind_to_any_port("127.0.0.1") : port;
+    ASSERT_TRUE(port == 0 || server_.bind_to_port("127.0.0.1", port));
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    while (!server_.is_running()) std::this_thread::yield();
+  }
+  ~Database() {
+    server_.stop();
+    if (thread_.joinable()) thread_.join();
+  }
+
+  int port() const { return port_; }
+  std::vector<httplib::Request> requests() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return requests_;
+  }
+  std::vector<std::string> bodies() const {
+    std::vector<std::string> bodies;
+    for (const httplib::Request& request : requests()) bodies.push_back(request.body);
+    return bodies;
+  }
+
+ private:
+  httplib::Server server_;
+  std::thread thread_;
+  int port_ = 0;
+  mutable std::mutex mutex_;
+  std::vector<httplib::Request> requests_;
+};
+
+Database::Answer Status(int status, const std::string& body = "") {
+  return [=](const httplib::Request&, httplib::Response& reply) {
+    reply.status = status;
+    reply.set_content(body, "text/plain");
+  };
+}
+
+class ForwarderTest : public testing::Test {
+ protected:
+  // Batches of one point, and none of the agent's own.
+  ForwardOptions Options(const std::string& url) {
+    ForwardOptions options;
+    std::string error;
+    EXPECT_TRUE(ParseForwardUrl(url, &options.url, &error)) << error;
+    options.limits.batch_points = 1;
+    options.limits.interval = seconds(3600);
+    options.first_pause = milliseconds(1);
+    options.longest_pause = milliseconds(20);
+    options.health_interval = seconds(3600);
+    options.host = "h";
+    return options;
+  }
+  void Make(const ForwardOptions& options) {
+    forwarder_ = std::make_unique<Forwarder>(options, &health_, [this](const std::string& line) {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      log_.push_back(line);
+    });
+  }
+  void Handle(double value) {
+    Packet packet;
+    packet.tenant = "t";
+    packet.blocks.push_back(MakeBlock(1, "m", {}, {{0, {}, {}, {value}}}));
+    forwarder_->Handle(packet, ClientId());
+  }
+  static std::string LineOf(int value) {
+    return "m,tenant=t value=" + std::to_string(value) + " 1700000000000000000\n";
+  }
+  // For what happens on other threads: 20 seconds at most.
+  static bool Await(const std::function<bool()>& condition) {
+    const auto end = steady_clock::now() + seconds(20);
+    while (!condition() && steady_clock::now() < end) std::this_thread::sleep_for(milliseconds(2));
+    return condition();
+  }
+  std::vector<std::string> log() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return log_;
+  }
+  std::string Url() const { return "http://127.0.0.1:" + std::to_string(database_.port()); }
+
+  Database database_;  // outlives the forwarder, whose open connection it would wait for
+  Health health_;
+  std::mutex mutex_;
+  std::vector<std::string> log_;
+  std::unique_ptr<Forwarder> forwarder_;
+};
+
+TEST_F(ForwarderTest, RetriesUntilTheDatabaseTakesIt) {
+  std::atomic<steady_clock::rep> asked_to_wait{0};
+  database_.Serve({Status(500), Status(429),
+                   [&](const httplib::Request& /*request*/, httplib::Response& reply) {
+                     asked_to_wait = steady_clock::now().time_since_epoch().count();
+                     reply.status = 503;
+                     reply.set_header("Retry-After", "1");
+                   },
+                   Status(204)});
+  std::string url = Url() + "/insert/0/influx/write?db=x";
+  Make(Options(url.insert(7, "me:secret@")));
+  forwarder_->Start();
+  Handle(1);
+  ASSERT_TRUE(Await([&] { return health_.forwarded_points == 1; }));
+  EXPECT_GE(steady_clock::now().time_since_epoch() - steady_clock::duration(asked_to_wait.load()),
+            milliseconds(990));
+  forwarder_->Stop(seconds(10));
+
+  EXPECT_THAT(database_.bodies(), ElementsAre(LineOf(1), LineOf(1), LineOf(1), LineOf(1)));
+  const httplib::Request request = database_.requests().front();
+  EXPECT_EQ(request.target, "/insert/0/influx/write?db=x");
+  EXPECT_EQ(request.get_header_value("Content-Encoding"), "gzip");
+  EXPECT_EQ(request.get_header_value("Authorization"), "Basic bWU6c2VjcmV0");
+  EXPECT_EQ(health_.forward_retried_points, 3U);
+  EXPECT_EQ(health_.forward_batches, 1U);
+  EXPECT_EQ(health_.forward_queue_bytes + health_.forward_queue_points, 0U);
+  const std::string shown = Url() + "/insert/0/influx/write";
+  EXPECT_THAT(log(),
+              ElementsAre("cannot forward to " + shown + ", HTTP 500: Internal Server Error; " +
+                              "1 points wait, 0 dropped as the queue was full",
+                          "forwards to " + shown + " again"));
+}
+
+TEST_F(ForwarderTest, DropsWhatIsRefusedAndQuotesTheServerOnce) {
+  const auto redirect = [](const httplib::Request& /*request*/, httplib::Response& reply) {
+    reply.set_redirect("/elsewhere", 307);
+    reply.set_content("no\nlonger\x01 here", "text/plain");
+  };
+  database_.Serve({redirect, Status(400, "unable to parse"), Status(204)});
+  Make(Options(Url()));
+  forwarder_->Start();
+  for (int value = 1; value <= 3; ++value) Handle(value);
+  ASSERT_TRUE(Await([&] { return health_.forwarded_points == 1; }));
+  EXPECT_THAT(database_.bodies(), ElementsAre(LineOf(1), LineOf(2), LineOf(3)));
+  EXPECT_EQ(health_.forward_dropped_rejected, 2U);
+  EXPECT_EQ(health_.forward_retried_points, 0U);
+  EXPECT_THAT(log(), ElementsAre("dropped 1 points that " + Url() +
+                                 "/write refused, HTTP 307: no longer  here (redirects are not "
+                                 "followed: name /elsewhere in --forward)"));
+}
+
+TEST_F(ForwarderTest, KeepsTheNewestWhileNobodyListens) {
+  int port = 0;
+  {
+    Database gone;
+    gone.Serve({Status(204)});
+    port = gone.port();
+  }
+  ForwardOptions options = Options("http://127.0.0.1:" + std::to_string(port));
+  options.limits.queue_points = 5;
+  Make(options);
+  forwarder_->Start();
+  for (int value = 1; value <= 20; ++value) Handle(value);
+  // The first one has failed by then.
+  ASSERT_TRUE(Await([&] { return !log().empty() && health_.forward_queue_points <= 5; }));
+  Handle(kNan);
+  for (int value = 21; value <= 25; ++value) Handle(value);
+  ASSERT_TRUE(Await([&] { return health_.forward_dropped_full == 20; }));
+
+  database_.Serve({Status(204)}, port);
+  ASSERT_TRUE(Await([&] { return health_.forwarded_points == 5; }));
+  EXPECT_THAT(database_.bodies(),
+              ElementsAre(LineOf(21), LineOf(22), LineOf(23), LineOf(24), LineOf(25)));
+  EXPECT_EQ(health_.forward_dropped_empty, 1U);
+}
+
+TEST_F(ForwarderTest, BoundsTheQueueByBytesToo) {
+  ForwardOptions options = Options("http://127.0.0.1:1");
+  options.limits.batch_points = 100;
+  options.limits.queue_bytes = 100000;
+  Make(options);  // and nothing is taken out
+  for (int value = 0; value < 10000; ++value) Handle(value);
+  EXPECT_GT(health_.forward_queue_bytes, 50000U);
+  EXPECT_LE(health_.forward_queue_bytes, 120000U);
+  EXPECT_EQ(health_.forward_queue_points + health_.forward_dropped_full, 10000U);
+}
+
+TEST_F(ForwarderTest, SendsWhatWaitsBeforeItStops) {
+  database_.Serve({Status(503), Status(204)});
+  ForwardOptions options = Options(Url());
+  options.limits.batch_points = 100;  // so the batch is still open
+  options.first_pause = options.longest_pause = seconds(3600);
+  Make(options);
+  forwarder_->Start();
+  Handle(1);
+  Handle(2);
+  forwarder_->Stop(seconds(20));
+  EXPECT_THAT(database_.bodies(), ElementsAre(LineOf(1) + LineOf(2), LineOf(1) + LineOf(2)));
+  EXPECT_EQ(health_.forwarded_points, 2U);
+}
+
+TEST_F(ForwarderTest, StopsInTimeIfTheDatabaseHangs) {
+  std::promise<void> release;
+  const std::shared_future<void> released(release.get_future());
+  database_.Serve({[=](const httplib::Request& /*request*/, httplib::Response& /*reply*/) {
+    released.wait();
+  }});
+  ForwardOptions options = Options(Url());
+  options.timeout = seconds(3600);
+  Make(options);
+  forwarder_->Start();
+  Handle(1);
+  ASSERT_TRUE(Await([&] { return !database_.requests().empty(); }));
+  Handle(2);
+  const auto start = steady_clock::now();
+  forwarder_->Stop(milliseconds(100));
+  EXPECT_LT(steady_clock::now() - start, seconds(20));
+  release.set_value();
+  EXPECT_THAT(log().back(), HasSubstr("dropped 2 points that could not be forwarded"));
+}
+
+TEST_F(ForwarderTest, ForwardsTheAgentsOwnNumbers) {
+  database_.Serve({Status(204)});
+  ForwardOptions options = Options(Url());
+  options.limits.interval = options.health_interval = milliseconds(10);
+  health_.refused[0] = 7;
+  Make(options);
+  forwarder_->Start();
+  ASSERT_TRUE(Await([&] { return health_.forward_batches > 0; }));
+  EXPECT_THAT(database_.bodies().front(),
+              HasSubstr("\ntidegate_agent_decode_errors_total,host=h,reason=too_long value=7 "));
+  EXPECT_EQ(health_.forwarded_points, 0U);
+}
+
+}  // namespace
+}  // namespace tidegate::agent

@@ -1,0 +1,121 @@
+#include "agent/batch_queue.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace tidegate::agent {
+namespace {
+
+// A full queue drops whole batches, so a batch must be a small part of it.
+constexpr uint64_t kBatchesInQueue = 10;
+
+BatchLimits Sane(BatchLimits limits) {
+  limits.batch_points =
+      std::clamp<uint64_t>(limits.queue_points / kBatchesInQueue, 1, limits.batch_points);
+  limits.batch_bytes =
+      std::clamp<size_t>(limits.queue_bytes / kBatchesInQueue, 1, limits.batch_bytes);
+  return limits;
+}
+
+}  // namespace
+
+BatchQueue::BatchQueue(const BatchLimits& limits) : limits_(Sane(limits)) {}
+
+uint64_t BatchQueue::Append(std::string_view lines, uint64_t points) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (open_.body.empty()) {
+    open_since_ = Clock::now();
+    changed_.notify_one();  // it has a time to be closed at now
+  }
+  open_.body += lines;
+  open_.points += points;
+  if (open_.points >= limits_.batch_points || open_.body.size() >= limits_.batch_bytes) {
+    CloseOpen();
+    changed_.notify_one();
+  }
+  return DropAboveLimits();
+}
+
+std::optional<Batch> BatchQueue::Take(Clock::time_point until) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (true) {
+    const Clock::time_point now = Clock::now();
+    if (!open_.body.empty() && (flushing_ || now >= open_since_ + limits_.interval)) CloseOpen();
+    if (!packed_.empty() && now >= send_at_) return Pop(&packed_);
+    if (!raw_.empty()) return Pop(&raw_);
+    if (now >= until || (flushing_ && packed_.empty())) return std::nullopt;
+    changed_.wait_until(lock, NextEvent(until));
+  }
+}
+
+uint64_t BatchQueue::ReturnPacked(Batch batch) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  Count(batch);
+  packed_.push_back(std::move(batch));
+  return DropAboveLimits();
+}
+
+uint64_t BatchQueue::ReturnUnsent(Batch batch, Clock::time_point retry_at) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  send_at_ = retry_at;
+  Count(batch);
+  packed_.push_front(std::move(batch));
+  return DropAboveLimits();
+}
+
+void BatchQueue::Flush() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  flushing_ = true;
+  send_at_ = Clock::now();
+  changed_.notify_one();
+}
+
+uint64_t BatchQueue::Clear() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const uint64_t points = size_.points + open_.points;
+  packed_.clear();
+  raw_.clear();
+  open_ = Batch();
+  size_ = QueueSize();
+  return points;
+}
+
+QueueSize BatchQueue::Size() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return {size_.points + open_.points, size_.bytes + open_.body.size()};
+}
+
+void BatchQueue::CloseOpen() {
+  Count(open_);
+  raw_.push_back(std::exchange(open_, Batch()));
+}
+
+void BatchQueue::Count(const Batch& batch) {
+  size_.points += batch.points;
+  size_.bytes += batch.body.capacity();
+}
+
+Batch BatchQueue::Pop(Batches* batches) {
+  Batch batch = std::move(batches->front());
+  batches->pop_front();
+  size_.points -= batch.points;
+  size_.bytes -= batch.body.capacity();
+  return batch;
+}
+
+uint64_t BatchQueue::DropAboveLimits() {
+  uint64_t dropped = 0;
+  while (size_.points > limits_.queue_points || size_.bytes > limits_.queue_bytes) {
+    dropped += Pop(packed_.empty() ? &raw_ : &packed_).points;
+  }
+  return dropped;
+}
+
+BatchQueue::Clock::time_point BatchQueue::NextEvent(Clock::time_point until) const {
+  Clock::time_point next = until;
+  if (!packed_.empty()) next = std::min(next, send_at_);
+  if (!open_.body.empty()) next = std::min(next, open_since_ + limits_.interval);
+  return next;
+}
+
+}  // namespace tidegate::agent

@@ -1,0 +1,73 @@
+#include "agent/forward_flags.h"
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+
+namespace tidegate::agent {
+namespace {
+
+// Beyond that a number is a mistake.
+constexpr double kLongestTime = 3600;
+constexpr uint64_t kMostPoints = 1000000000;
+constexpr uint64_t kMostBytes = uint64_t{1} << 40;
+constexpr uint64_t kFewestBytes = 65536;
+
+std::chrono::milliseconds ToMilliseconds(double seconds) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::duration<double>(seconds));
+}
+
+std::string HostName() {
+  char name[256] = {};
+  if (gethostname(name, sizeof(name) - 1) != 0) return "unknown";
+  return name;
+}
+
+std::string CheckUrl(const std::string& text) {
+  ForwardUrl url;
+  std::string error;
+  return ParseForwardUrl(text, &url, &error) ? ""
+                                             : "\"" + text + "\" is no URL to forward to: " + error;
+}
+
+}  // namespace
+
+void ForwardFlags::DeclareOn(CLI::App* app) {
+  app->add_option("--forward", url,
+                  "Send all points to this URL as InfluxDB lines, as http://127.0.0.1:8428/write")
+      ->check(CheckUrl)
+      ->type_name("URL");
+  app->add_option("--forward-batch-points", batch_points, "Points of a request, at most")
+      ->check(CLI::Range(uint64_t{1}, kMostPoints))
+      ->capture_default_str();
+  app->add_option("--forward-interval", interval, "Seconds that a point waits for others")
+      ->check(CLI::Range(0.01, kLongestTime))
+      ->capture_default_str();
+  app->add_option("--forward-queue-points", queue_points, "Points that may wait for the database")
+      ->check(CLI::Range(uint64_t{1}, kMostPoints))
+      ->capture_default_str();
+  app->add_option("--forward-queue-bytes", queue_bytes, "Bytes that they may take")
+      ->transform(CLI::AsSizeValue(false))
+      ->check(CLI::Range(kFewestBytes, kMostBytes))
+      ->capture_default_str();
+  app->add_option("--forward-timeout", timeout, "Seconds for each step of a request")
+      ->check(CLI::Range(0.1, kLongestTime))
+      ->capture_default_str();
+}
+
+ForwardOptions ForwardFlags::ToOptions(bool label_pid) const {
+  ForwardOptions options;
+  std::string error;
+  ParseForwardUrl(url, &options.url, &error);
+  options.limits.batch_points = batch_points;
+  options.limits.interval = ToMilliseconds(interval);
+  options.limits.queue_points = queue_points;
+  options.limits.queue_bytes = queue_bytes;
+  options.timeout = ToMilliseconds(timeout);
+  options.host = HostName();
+  options.label_pid = label_pid;
+  return options;
+}
+
+}  // namespace tidegate::agent

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "agent/forwarder.h"
+
+namespace CLI {
+class App;
+}
+
+namespace tidegate::agent {
+
+// What the command line and the file of settings say about forwarding. Times are seconds.
+struct ForwardFlags {
+  std::string url;  // empty: nothing is forwarded
+  uint64_t batch_points = BatchLimits().batch_points;
+  double interval = 1;
+  uint64_t queue_points = BatchLimits().queue_points;
+  size_t queue_bytes = BatchLimits().queue_bytes;
+  double timeout = 10;
+
+  // Makes `app` fill this object, and refuse what cannot be meant.
+  void DeclareOn(CLI::App* app);
+
+  // REQUIRES: `url` is one that the flag takes.
+  ForwardOptions ToOptions(bool label_pid) const;
+};
+
+}  // namespace tidegate::agent

@@ -1,0 +1,120 @@
+#include "agent/forward_url.h"
+
+#include <algorithm>
+#include <charconv>
+#include <string_view>
+
+namespace tidegate::agent {
+namespace {
+
+constexpr int kHttpPort = 80;
+constexpr int kHttpsPort = 443;
+constexpr int kLastPort = 65535;
+
+int HexDigit(char digit) {
+  int value = -1;
+  std::from_chars(&digit, &digit + 1, value, 16);
+  return value;
+}
+
+std::string PercentDecoded(std::string_view text) {
+  std::string decoded;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const int high = i + 2 < text.size() ? HexDigit(text[i + 1]) : -1;
+    const int low = i + 2 < text.size() ? HexDigit(text[i + 2]) : -1;
+    if (text[i] == '%' && high >= 0 && low >= 0) {
+      decoded += static_cast<char>(high * 16 + low);
+      i += 2;
+    } else {
+      decoded += text[i];
+    }
+  }
+  return decoded;
+}
+
+// What stands in front of `separator`, which goes too; empty, and nothing taken, without one.
+std::string_view TakeThrough(std::string_view* rest, size_t separator, size_t width) {
+  if (separator == std::string_view::npos) return {};
+  const std::string_view front = rest->substr(0, separator);
+  rest->remove_prefix(separator + width);
+  return front;
+}
+
+bool ParsePort(std::string_view text, int* port) {
+  const char* const end = text.data() + text.size();
+  const auto [stop, failure] = std::from_chars(text.data(), end, *port);
+  return failure == std::errc() && stop == end && *port >= 1 && *port <= kLastPort;
+}
+
+// host, host:port or [address]:port.
+bool ParseAuthority(std::string_view authority, ForwardUrl* url, std::string* error) {
+  std::string_view port;
+  if (!authority.empty() && authority.front() == '[') {
+    const size_t close = authority.find(']');
+    if (close == std::string_view::npos) {
+      *error = "\"" + std::string(authority) + "\" lacks its ]";
+      return false;
+    }
+    url->host = authority.substr(1, close - 1);
+    port = authority.substr(close + 1);
+  } else {
+    url->host = authority.substr(0, authority.find(':'));
+    port = authority.substr(url->host.size());
+  }
+  if (url->host.empty()) {
+    *error = "there is no host in it";
+    return false;
+  }
+  if (!port.empty() && (port.front() != ':' || !ParsePort(port.substr(1), &url->port))) {
+    *error = "\"" + std::string(port) + "\" is no port, give one as :8428";
+    return false;
+  }
+  return true;
+}
+
+// The lines carry nanoseconds, which is what every receiver takes if it is not told otherwise.
+bool CheckPrecision(std::string_view target, std::string* error) {
+  const size_t at = std::min(target.find("?precision="), target.find("&precision="));
+  if (at == std::string_view::npos) return true;
+  const std::string_view given = target.substr(at + 1, target.find('&', at + 1) - at - 1);
+  if (given == "precision=ns") return true;
+  *error = "\"" + std::string(given) + "\" does not hold, timestamps are nanoseconds: leave it out";
+  return false;
+}
+
+}  // namespace
+
+bool ParseForwardUrl(const std::string& text, ForwardUrl* url, std::string* error) {
+  if (std::any_of(text.begin(), text.end(), [](char c) { return c <= ' ' || c == '\x7f'; })) {
+    *error = "it has characters that have to be written as %XX";
+    return false;
+  }
+  std::string_view rest = text;
+  const std::string_view scheme = TakeThrough(&rest, rest.find("://"), 3);
+  if (scheme != "http" && scheme != "https") {
+    *error = "it has to start with http:// or https://";
+    return false;
+  }
+  url->tls = scheme == "https";
+  url->port = url->tls ? kHttpsPort : kHttpPort;
+
+  const size_t authority_end = std::min(rest.find_first_of("/?#"), rest.size());
+  std::string_view authority = rest.substr(0, authority_end);
+  rest.remove_prefix(authority_end);
+  rest = rest.substr(0, rest.find('#'));
+  std::string_view credentials = TakeThrough(&authority, authority.rfind('@'), 1);
+  const size_t colon = std::min(credentials.find(':'), credentials.size());
+  url->user = PercentDecoded(credentials.substr(0, colon));
+  url->password = PercentDecoded(credentials.substr(std::min(colon + 1, credentials.size())));
+  if (!ParseAuthority(authority, url, error)) return false;
+
+  const size_t path_end = std::min(rest.find('?'), rest.size());
+  url->target = path_end <= 1 ? "/write" : rest.substr(0, path_end);
+  url->target += rest.substr(path_end);
+  // A query may hold a token or a password.
+  url->shown = std::string(scheme) + "://" + std::string(authority) +
+               url->target.substr(0, url->target.find('?'));
+  return CheckPrecision(url->target, error);
+}
+
+}  // namespace tidegate::agent

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+
+namespace tidegate::agent {
+
+// Where points are forwarded to: the parts of http[s]://[user:password@]host[:port][/path][?query].
+struct ForwardUrl {
+  bool tls = false;
+  std::string host;  // without the brackets of an IPv6 address
+  int port = 0;
+  std::string target;    // path and query as they go into the request
+  std::string user;      // %XX decoded, as the password
+  std::string password;  // empty without a user
+  std::string shown;     // the URL for log lines, without user and password
+};
+
+// Takes `text` apart. The path is /write if there is none, the port that of the scheme. Returns
+// false, with one line in `error` that quotes the offending part, for what cannot be forwarded to.
+bool ParseForwardUrl(const std::string& text, ForwardUrl* url, std::string* error);
+
+}  // namespace tidegate::agent

@@ -1,0 +1,195 @@
+#include "agent/forwarder.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "agent/gzip.h"
+
+namespace tidegate::agent {
+namespace {
+
+using std::chrono::milliseconds;
+
+// Lines are handed to the queue when they are so many bytes, as a packet can be long.
+constexpr size_t kChunkSize = size_t{64} << 10;
+
+// While draining there is no time for long pauses.
+constexpr milliseconds kLongestDrainPause{500};
+
+constexpr milliseconds kCancelPause{50};
+
+bool IsTaken(int status) { return status / 100 == 2; }
+
+// The same request can succeed later.
+bool IsWorthRetrying(int status) { return status == 0 || status == 429 || status / 100 == 5; }
+
+std::string Shown(const HttpReply& reply) {
+  if (reply.status == 0) return reply.text;
+  std::string shown = "HTTP " + std::to_string(reply.status);
+  if (!reply.text.empty()) shown += ": " + reply.text;
+  if (!reply.location.empty()) {
+    shown += " (redirects are not followed: name " + reply.location + " in --forward)";
+  }
+  return shown;
+}
+
+int64_t NowNanos() {
+  return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+}  // namespace
+
+Forwarder::Forwarder(ForwardOptions options, Health* health, Report report)
+    : options_(std::move(options)),
+      health_(health),
+      report_(std::move(report)),
+      queue_(options_.limits),
+      poster_(options_.url),
+      writer_(options_.label_pid),
+      random_(std::random_device()()) {}
+
+Forwarder::~Forwarder() { Stop(milliseconds(0)); }
+
+void Forwarder::Start() { thread_ = std::thread(&Forwarder::Run, this); }
+
+void Forwarder::Stop(milliseconds drain) {
+  if (!thread_.joinable()) return;
+  drain_end_ = Clock::now() + drain;
+  draining_ = true;
+  queue_.Flush();
+  const std::future<void> ended = ended_.get_future();
+  Clock::time_point cancel_at = drain_end_;
+  while (ended.wait_until(cancel_at) != std::future_status::ready) {
+    poster_.Cancel();
+    // The request may have been about to start.
+    cancel_at = Clock::now() + kCancelPause;
+  }
+  thread_.join();
+
+  const uint64_t left = queue_.Clear();
+  PublishSize();
+  if (left > 0) report_("dropped " + std::to_string(left) + " points that could not be forwarded");
+}
+
+void Forwarder::Handle(const Packet& packet, const ClientId& client) {
+  uint64_t points = 0;
+  for (const Block& block : packet.blocks) {
+    writer_.StartBlock(packet, client, block);
+    for (const Series& record : block.series) {
+      if (writer_.AppendRecord(record, &lines_)) {
+        ++points;
+      } else {
+        ++health_->forward_dropped_empty;
+      }
+      if (lines_.size() >= kChunkSize) Append(std::exchange(points, 0));
+    }
+  }
+  Append(points);
+}
+
+void Forwarder::Append(uint64_t points) {
+  if (lines_.empty()) return;
+  CountFull(queue_.Append(lines_, points));
+  lines_.clear();
+  PublishSize();
+}
+
+void Forwarder::Run() {
+  pthread_setname_np(pthread_self(), "forwarder");
+  next_health_ = Clock::now() + options_.health_interval;
+  while (true) {
+    const bool draining = draining_;
+    if (draining && Clock::now() >= drain_end_) break;
+    SendHealthIfDue();
+    std::optional<Batch> batch = queue_.Take(draining ? drain_end_ : next_health_);
+    if (!batch) {
+      if (draining) break;
+    } else if (batch->packed) {
+      Deliver(*std::move(batch));
+    } else {
+      batch->body = Gzip(batch->body);
+      batch->packed = true;
+      CountFull(queue_.ReturnPacked(*std::move(batch)));
+    }
+    PublishSize();
+  }
+  ended_.set_value();
+}
+
+void Forwarder::SendHealthIfDue() {
+  const Clock::time_point now = Clock::now();
+  if (now < next_health_) return;
+  next_health_ = now + options_.health_interval;
+  std::string lines;
+  AppendHealthLines(*health_, options_.host, NowNanos(), &lines);
+  // No points: those are what clients have sent.
+  CountFull(queue_.Append(lines, 0));
+}
+
+void Forwarder::Deliver(Batch batch) {
+  const HttpReply reply = poster_.Post(batch.body, Timeout());
+  if (IsWorthRetrying(reply.status)) return Retry(std::move(batch), reply);
+  failures_ = 0;
+  if (!IsTaken(reply.status)) return Reject(batch, reply);
+  if (std::exchange(outage_reported_, false)) {
+    report_("forwards to " + options_.url.shown + " again");
+  }
+  health_->forwarded_points += batch.points;
+  ++health_->forward_batches;
+}
+
+void Forwarder::Retry(Batch batch, const HttpReply& reply) {
+  const milliseconds pause = NextPause(reply.wait);
+  health_->forward_retried_points += batch.points;
+  CountFull(queue_.ReturnUnsent(std::move(batch), Clock::now() + pause));
+  if (!IsDue(&next_outage_line_)) return;
+  outage_reported_ = true;
+  report_("cannot forward to " + options_.url.shown + ", " + Shown(reply) + "; " +
+          std::to_string(queue_.Size().points) + " points wait, " +
+          std::to_string(health_->forward_dropped_full) + " dropped as the queue was full");
+}
+
+void Forwarder::Reject(const Batch& batch, const HttpReply& reply) {
+  health_->forward_dropped_rejected += batch.points;
+  refused_points_ += batch.points;
+  if (!IsDue(&next_refusal_line_)) return;
+  report_("dropped " + std::to_string(std::exchange(refused_points_, 0)) + " points that " +
+          options_.url.shown + " refused, " + Shown(reply));
+}
+
+bool Forwarder::IsDue(Clock::time_point* next_line) const {
+  const Clock::time_point now = Clock::now();
+  if (now < *next_line) return false;
+  *next_line = now + options_.log_interval;
+  return true;
+}
+
+// Doubles up to the longest pause and takes off up to half of it, so that many agents do not come
+// back in step. A server that names a time is not asked before it.
+milliseconds Forwarder::NextPause(milliseconds wanted) {
+  constexpr int kMostDoublings = 20;
+  const int doublings = std::min(failures_++, kMostDoublings);
+  const milliseconds full =
+      std::min<milliseconds>(options_.first_pause * (1LL << doublings), options_.longest_pause);
+  const milliseconds cut(
+      std::uniform_int_distribution<milliseconds::rep>(0, full.count() / 2)(random_));
+  return draining_ ? std::min(full - cut, kLongestDrainPause) : std::max(full - cut, wanted);
+}
+
+milliseconds Forwarder::Timeout() const {
+  if (!draining_) return options_.timeout;
+  const auto left = std::chrono::duration_cast<milliseconds>(drain_end_ - Clock::now());
+  return std::clamp(left, milliseconds(1), options_.timeout);
+}
+
+void Forwarder::CountFull(uint64_t points) { health_->forward_dropped_full += points; }
+
+void Forwarder::PublishSize() {
+  const QueueSize size = queue_.Size();
+  health_->forward_queue_points = size.points;
+  health_->forward_queue_bytes = size.bytes;
+}
+
+}  // namespace tidegate::agent

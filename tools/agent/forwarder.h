@@ -1,0 +1,98 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <future>
+#include <random>
+#include <string>
+#include <thread>
+
+#include "agent/batch_queue.h"
+#include "agent/forward_url.h"
+#include "agent/health.h"
+#include "agent/http_poster.h"
+#include "agent/line_protocol.h"
+#include "agent/packet_sink.h"
+
+namespace tidegate::agent {
+
+struct ForwardOptions {
+  ForwardUrl url;
+  BatchLimits limits;
+  std::chrono::milliseconds timeout{10000};    // for each step of a request
+  std::chrono::milliseconds first_pause{500};  // behind a failure; doubled by each further one
+  std::chrono::milliseconds longest_pause{30000};
+  std::chrono::milliseconds health_interval{10000};
+  std::chrono::milliseconds log_interval{60000};  // between lines about the same trouble
+  std::string host;                               // tag of the agent's own numbers
+  bool label_pid = false;
+};
+
+// Sends points to a database, as lines of the InfluxDB line protocol over HTTP.
+//
+// What cannot be delivered now (no connection, no reply, 429, 5xx) waits in a bounded queue and is
+// tried again, oldest first, with pauses that grow and are cut at random. What the server refuses
+// otherwise, redirects included, is dropped. Both are counted in Health and reported, at most once
+// per log_interval each. A reply that got lost makes a batch arrive twice.
+//
+// Threads: Handle on the decoder's; a thread of its own packs and sends, and reports; the rest from
+// the owner's. Handle writes lines and never waits. Borrows `health`, which it also forwards.
+class Forwarder : public PacketSink {
+ public:
+  using Report = std::function<void(const std::string& line)>;
+
+  Forwarder(ForwardOptions options, Health* health, Report report);
+  ~Forwarder() override;  // stops without sending what waits
+
+  // Starts the thread, once.
+  void Start();
+
+  // Sends what waits for at most `drain`; returns sooner when all is sent, and up to
+  // HttpPoster::kMaxConnectTime later if it connects just then. What is left is dropped and
+  // reported. Does nothing without Start or when called again. REQUIRES: no Handle from now on.
+  void Stop(std::chrono::milliseconds drain);
+
+  void Handle(const Packet& packet, const ClientId& client) override;
+
+ private:
+  using Clock = BatchQueue::Clock;
+
+  void Append(uint64_t points);
+  void Run();
+  void SendHealthIfDue();
+  void Deliver(Batch batch);
+  void Retry(Batch batch, const HttpReply& reply);
+  void Reject(const Batch& batch, const HttpReply& reply);
+  bool IsDue(Clock::time_point* next_line) const;
+  std::chrono::milliseconds NextPause(std::chrono::milliseconds wanted);
+  std::chrono::milliseconds Timeout() const;
+  void CountFull(uint64_t points);
+  void PublishSize();
+
+  const ForwardOptions options_;
+  Health* const health_;
+  const Report report_;
+  BatchQueue queue_;
+  HttpPoster poster_;
+  std::thread thread_;
+  std::promise<void> ended_;
+  std::atomic<bool> draining_{false};
+  Clock::time_point drain_end_;  // written before draining_, read behind it
+
+  // Of Handle.
+  LineWriter writer_;
+  std::string lines_;
+
+  // Of the thread.
+  Clock::time_point next_health_;
+  int failures_ = 0;  // since the last delivery
+  bool outage_reported_ = false;
+  Clock::time_point next_outage_line_;
+  Clock::time_point next_refusal_line_;
+  uint64_t refused_points_ = 0;  // since the last line about them
+  std::minstd_rand random_;
+};
+
+}  // namespace tidegate::agent

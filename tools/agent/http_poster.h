@@ -1,0 +1,46 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "agent/forward_url.h"
+
+namespace tidegate::agent {
+
+// What became of one request.
+struct HttpReply {
+  int status = 0;        // 0: no reply came
+  std::string text;      // of the reply, cut; without one why there is none. One printable line
+  std::string location;  // of a redirect, printable
+  std::chrono::seconds wait;  // what the server asks for by Retry-After; 0 if it does not
+};
+
+// Posts gzip bodies of lines to one URL, on one connection that is kept open between requests.
+//
+// Threads: one calls Post; Cancel may come from any. Certificates of https are verified against
+// those that the machine trusts. Redirects are not followed.
+class HttpPoster {
+ public:
+  explicit HttpPoster(const ForwardUrl& url);
+  ~HttpPoster();
+  HttpPoster(const HttpPoster&) = delete;
+  HttpPoster& operator=(const HttpPoster&) = delete;
+
+  // Waits for the connection (kMaxConnectTime at most), the peer's reading and its reply, `timeout`
+  // at most for each.
+  HttpReply Post(const std::string& gzip_body, std::chrono::milliseconds timeout);
+
+  // Ends a Post that is under way; one that is still connecting ends when that does.
+  void Cancel();
+
+  static constexpr std::chrono::milliseconds kMaxConnectTime{3000};
+
+ private:
+  class Client;  // keeps the HTTP library's header out of all other files
+
+  const std::string target_;
+  const std::unique_ptr<Client> client_;
+};
+
+}  // namespace tidegate::agent
