@@ -1,0 +1,79 @@
+#include "agent/health.h"
+
+#include <iterator>
+
+namespace tidegate::agent {
+namespace {
+
+constexpr std::string_view kFailureNames[] = {"too_long", "foreign", "version", "malformed"};
+static_assert(std::size(kFailureNames) == kDecodeFailures);
+
+// Offsets in the header.
+constexpr size_t kMagicOffset = 0;
+constexpr size_t kVersionOffset = 8;
+
+double ValueOf(const Health::Number& number) {
+  return static_cast<double>(number.load(std::memory_order_relaxed));
+}
+
+}  // namespace
+
+DecodeFailure FailureOf(const ReadError& error) {
+  if (error.offset == kMagicOffset) return DecodeFailure::kForeign;
+  return error.offset == kVersionOffset ? DecodeFailure::kVersion : DecodeFailure::kMalformed;
+}
+
+uint64_t Health::Errors() const {
+  uint64_t sum = 0;
+  for (const Number& number : refused) sum += number.load(std::memory_order_relaxed);
+  return sum;
+}
+
+void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
+  const std::chrono::duration<double> uptime = std::chrono::steady_clock::now() - start;
+  handle({"tidegate_agent_info", "The agent runs.", false, "version", TIDEGATE_VERSION, 1});
+  handle({"tidegate_agent_uptime_seconds", "Time since the start.", false, {}, {}, uptime.count()});
+
+  const auto gauge = [&](std::string_view name, std::string_view help, const Number& number) {
+    handle({name, help, false, {}, {}, ValueOf(number)});
+  };
+  const auto counter = [&](std::string_view name, std::string_view help, const Number& number) {
+    handle({name, help, true, {}, {}, ValueOf(number)});
+  };
+  gauge("tidegate_agent_clients", "Connected clients.", clients);
+  counter("tidegate_agent_received_bytes_total", "Bytes of all messages.", bytes);
+  counter("tidegate_agent_packets_total", "Packets decoded.", packets);
+  counter("tidegate_agent_points_total", "Points decoded.", points);
+  for (size_t i = 0; i < kDecodeFailures; ++i) {
+    handle({"tidegate_agent_decode_errors_total", "Messages refused.", true, "reason",
+            kFailureNames[i], ValueOf(refused[i])});
+  }
+  gauge("tidegate_agent_queue_packets", "Messages that wait to be decoded.", queued_packets);
+  gauge("tidegate_agent_queue_bytes", "Bytes of those.", queued_bytes);
+  counter("tidegate_agent_dropped_packets_total", "Messages dropped from a full queue.",
+          dropped_packets);
+  counter("tidegate_agent_unprinted_points_total",
+          "Points that standard output did not take in time.", unprinted_points);
+  gauge("tidegate_agent_series", "Series in the table.", series);
+  gauge("tidegate_agent_series_bytes", "Bytes that they take.", series_bytes);
+  constexpr std::string_view kRefused = "tidegate_agent_refused_points_total";
+  constexpr std::string_view kRefusedHelp = "Points that found no place in the table.";
+  handle({kRefused, kRefusedHelp, true, "reason", "limit", ValueOf(refused_points)});
+  handle({kRefused, kRefusedHelp, true, "reason", "collision", ValueOf(collided_points)});
+
+  gauge("tidegate_agent_forward_queue_points", "Points that wait to be forwarded.",
+        forward_queue_points);
+  gauge("tidegate_agent_forward_queue_bytes", "Bytes of those.", forward_queue_bytes);
+  counter("tidegate_agent_forwarded_points_total", "Points that the database took.",
+          forwarded_points);
+  constexpr std::string_view kDropped = "tidegate_agent_forward_dropped_points_total";
+  constexpr std::string_view kDroppedHelp = "Points that never reached the database.";
+  handle({kDropped, kDroppedHelp, true, "reason", "full", ValueOf(forward_dropped_full)});
+  handle({kDropped, kDroppedHelp, true, "reason", "rejected", ValueOf(forward_dropped_rejected)});
+  counter("tidegate_agent_forward_retried_points_total", "Points sent once more.",
+          forward_retried_points);
+  counter("tidegate_agent_forward_batches_total", "Requests that the database took.",
+          forward_batches);
+}
+
+}  // namespace tidegate::agent

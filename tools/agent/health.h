@@ -1,0 +1,76 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string_view>
+
+#include "agent/packet_reader.h"
+
+namespace tidegate::agent {
+
+// Why a message was refused. Fixed and few, as they become the values of a label.
+enum class DecodeFailure { kTooLong, kForeign, kVersion, kMalformed };
+constexpr size_t kDecodeFailures = 4;
+
+// What refused a message of which ReadPacket said `error`.
+DecodeFailure FailureOf(const ReadError& error);
+
+// The agent's numbers on itself: the one list that the page of metrics, the forwarded data and the
+// last line of the log are made from.
+//
+// Threads: every number is changed by whoever knows it and read by anyone, each on its own; two of
+// them need not fit each other at every moment. Nothing is allocated. Counters never fall.
+struct Health {
+  using Number = std::atomic<uint64_t>;
+
+  // Where a sample's value comes from; it carries one label at most.
+  struct Sample {
+    std::string_view name;  // fit for every receiver, counters end in "_total"
+    std::string_view help;
+    bool counter;                  // or else a gauge
+    std::string_view label;        // empty: none
+    std::string_view label_value;  // printable ASCII
+    double value;
+  };
+
+  // By the reading thread.
+  Number clients{0};          // connected now
+  Number bytes{0};            // of all messages, whatever they held
+  Number dropped_packets{0};  // messages that found the queue full
+
+  // By the reading and the decoding thread.
+  Number queued_packets{0};
+  Number queued_bytes{0};
+
+  // By the decoding thread.
+  Number packets{0};  // decoded whole
+  Number points{0};   // series records of those
+  std::array<Number, kDecodeFailures> refused{};
+  Number series{0};            // in the table now
+  Number series_bytes{0};      // that they take
+  Number refused_points{0};    // of new series beyond the limit of the table
+  Number collided_points{0};   // of series whose names another one holds
+  Number unprinted_points{0};  // that standard output did not take in time
+
+  // By the forwarder.
+  Number forward_queue_points{0};
+  Number forward_queue_bytes{0};
+  Number forwarded_points{0};
+  Number forward_dropped_full{0};      // points
+  Number forward_dropped_rejected{0};  // points that the server did not want
+  Number forward_retried_points{0};
+  Number forward_batches{0};
+
+  const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+
+  uint64_t Errors() const;
+
+  // Hands out every number as a sample; those of one name follow each other.
+  void ForEach(const std::function<void(const Sample&)>& handle) const;
+};
+
+}  // namespace tidegate::agent

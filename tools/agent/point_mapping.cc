@@ -1,0 +1,132 @@
+#include "agent/point_mapping.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <iterator>
+#include <set>
+
+namespace tidegate::agent {
+namespace {
+
+// Values of Block::wire_type.
+enum WireType : uint8_t {
+  kWireRate = 2,
+  kWireCounter = 3,
+  kWireMeter = 4,
+  kWireTimer = 5,
+  kWireHistogram = 6,
+  kWireDeltaCounter = 8,
+};
+
+constexpr std::string_view kBucketPrefix = "hist:b-";
+constexpr std::string_view kHistogramTail[] = {"hist:sum", "hist:count"};
+
+template <typename Names>
+bool HasColumns(const Block& block, const Names& names) {
+  return std::equal(block.fields.begin(), block.fields.end(), std::begin(names), std::end(names),
+                    [](const Field& field, std::string_view name) { return field.name == name; });
+}
+
+std::optional<double> BoundOf(std::string_view column) {
+  if (column.substr(0, kBucketPrefix.size()) != kBucketPrefix) return std::nullopt;
+  column.remove_prefix(kBucketPrefix.size());
+  double bound = 0;
+  const char* const end = column.data() + column.size();
+  const auto result = std::from_chars(column.data(), end, bound);
+  if (result.ec != std::errc() || result.ptr != end || !std::isfinite(bound)) return std::nullopt;
+  return bound;
+}
+
+std::string_view TagOfKind(Kind kind) {
+  if (kind == Kind::kHistogram) return "le";
+  return kind == Kind::kTimerRow ? "quantile" : std::string_view();
+}
+
+}  // namespace
+
+Kind KindOf(const Block& block) {
+  const bool columns = !block.fields.empty();
+  switch (block.wire_type) {
+    case kWireRate:
+      return columns ? Kind::kRow : Kind::kRate;
+    case kWireCounter:
+      return columns ? Kind::kRow : Kind::kCounter;
+    case kWireMeter:
+      return columns ? Kind::kRow : Kind::kMeter;
+    case kWireTimer:
+      if (HasColumns(block, kTimerColumns)) return Kind::kTimerRow;
+      break;
+    case kWireHistogram:
+      if (HistogramBounds(block)) return Kind::kHistogram;
+      break;
+    case kWireDeltaCounter:
+      if (HasColumns(block, kDeltaColumns)) return Kind::kDeltaCounter;
+      break;
+    default:
+      break;
+  }
+  return columns ? Kind::kRow : Kind::kGauge;
+}
+
+std::optional<std::vector<double>> HistogramBounds(const Block& block) {
+  constexpr size_t kTail = std::size(kHistogramTail);
+  const std::vector<Field>& fields = block.fields;
+  if (fields.size() <= kTail || fields[fields.size() - 2].name != kHistogramTail[0] ||
+      fields[fields.size() - 1].name != kHistogramTail[1]) {
+    return std::nullopt;
+  }
+  std::vector<double> bounds;
+  for (size_t i = 0; i < fields.size() - kTail; ++i) {
+    const std::optional<double> bound = BoundOf(fields[i].name);
+    if (!bound || (i > 0 && *bound < bounds.back())) return std::nullopt;
+    bounds.push_back(*bound);
+  }
+  return bounds;
+}
+
+HistogramView HistogramOf(const Series& record) {
+  const size_t buckets = record.values.size() - std::size(kHistogramTail);
+  return {record.values.data(), buckets, record.values[buckets], record.values[buckets + 1]};
+}
+
+void PointTags::Assign(const Packet& packet, const ClientId& client, bool label_pid, Kind kind,
+                       const Series& record) {
+  tags_.clear();
+  tags_.push_back({"tenant", packet.tenant});
+  if (label_pid) {
+    pid_ = std::to_string(client.pid);
+    tags_.push_back({"pid", pid_});
+  }
+  const size_t first = tags_.size();
+  const std::string_view of_kind = TagOfKind(kind);
+  bool distinct = true;
+  for (const agent::Tag& tag : record.tags) {
+    if (tag.value.empty()) continue;
+    // Senders sort by key, so a comparison with the one before finds what comes twice.
+    distinct = distinct && tag.key != "tenant" && !(label_pid && tag.key == "pid") &&
+               (of_kind.empty() || tag.key != of_kind) &&
+               (tags_.size() == first || tags_.back().key < tag.key);
+    tags_.push_back({tag.key, tag.value});
+  }
+  if (!distinct) Rename(first, of_kind);
+}
+
+void PointTags::Rename(size_t first, std::string_view of_kind) {
+  renamed_.clear();
+  std::set<std::string_view> taken = {of_kind};
+  for (size_t i = 0; i < first; ++i) taken.insert(tags_[i].key);
+  size_t kept = first;
+  for (size_t i = first; i < tags_.size(); ++i) {
+    Tag tag = tags_[i];
+    if (taken.count(tag.key) != 0) {
+      tag.key = renamed_.emplace_back("exported_").append(tag.key);
+      if (taken.count(tag.key) != 0) continue;
+    }
+    taken.insert(tag.key);
+    tags_[kept++] = tag;
+  }
+  tags_.resize(kept);
+}
+
+}  // namespace tidegate::agent

@@ -1,0 +1,92 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "agent/packet_reader.h"
+#include "agent/packet_sink.h"
+
+// What points mean to those who receive them from the agent: the same to the page of metrics and to
+// the forwarded data.
+
+namespace tidegate::agent {
+
+enum class Kind {
+  kGauge,
+  kRate,
+  kCounter,       // cumulative
+  kMeter,         // a total or a rate, the block does not tell which
+  kDeltaCounter,  // columns kDeltaColumns
+  kTimerRow,      // columns kTimerColumns
+  kHistogram,     // columns as HistogramBounds takes them
+  kRow,           // any columns, each a number with a name of its own
+};
+
+inline constexpr std::string_view kDeltaColumns[] = {"counter", "rate", "delta"};
+inline constexpr std::string_view kTimerColumns[] = {"min",   "max",   "avg",   "sum",   "counter",
+                                                     "pct50", "pct90", "pct95", "pct99", "pct999"};
+
+// Positions in kDeltaColumns and kTimerColumns.
+enum DeltaColumn : size_t { kDeltaCounterColumn, kDeltaRateColumn, kDeltaDeltaColumn };
+enum TimerColumn : size_t {
+  kTimerMin,
+  kTimerMax,
+  kTimerAvg,
+  kTimerSum,
+  kTimerCount,
+  kTimerFirstQuantile
+};
+
+// By the type and the columns of a block. A type that demands columns and does not find just these
+// makes a row; a block without columns has one number without a name, a gauge if its type says
+// nothing else. In all kinds but kRow every record has a value for each column, in order.
+Kind KindOf(const Block& block);
+
+// The lower bounds of a histogram's buckets, or nothing if the columns are not some bounds that do
+// not descend, the sum and the count.
+std::optional<std::vector<double>> HistogramBounds(const Block& block);
+
+// One record of a histogram: what happened in the interval.
+struct HistogramView {
+  const double* counts;  // per bucket, without those of other buckets
+  size_t buckets;
+  double sum;
+  double count;
+};
+// REQUIRES: the block's kind is kHistogram and `record` is one of its series.
+HistogramView HistogramOf(const Series& record);
+
+// The tags that a record's points carry: `tenant`, with `label_pid` also `pid`, then its own in the
+// order of the packet. An empty value is no tag. A tag whose key is taken, by one of those two, by
+// an earlier tag or by what its kind adds (`le` of histograms, `quantile` of timer rows), has
+// "exported_" put before its key; one whose key is taken even so is left out.
+//
+// Not thread-safe. Points into the packet until the next Assign; reuse it, then it allocates
+// nothing for usual tags.
+class PointTags {
+ public:
+  struct Tag {
+    std::string_view key;
+    std::string_view value;
+  };
+
+  void Assign(const Packet& packet, const ClientId& client, bool label_pid, Kind kind,
+              const Series& record);
+
+  std::vector<Tag>::const_iterator begin() const { return tags_.begin(); }
+  std::vector<Tag>::const_iterator end() const { return tags_.end(); }
+
+ private:
+  void Rename(size_t first, std::string_view of_kind);
+
+  std::vector<Tag> tags_;
+  std::string pid_;
+  std::deque<std::string> renamed_;  // keys that tags_ points to
+};
+
+}  // namespace tidegate::agent
