@@ -18,7 +18,7 @@ trap cleanup EXIT
 # Sets agent_pid once the agent listens.
 start_agent() {
   local try
-  "$ROOT/build/release/tools/agent/tidegate-agent" --socket "$tmp/agent.sock" --format text \
+  "$ROOT/build/release/tools/agent/tidegate-agent" --socket "$tmp/agent.sock" --print text \
     2>"$tmp/agent.err" </dev/null &
   agent_pid=$!
   for ((try = 0; try < 50; ++try)); do

@@ -5,7 +5,7 @@ ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 JOBS=${JOBS:-2}
 
 BUILD_PACKAGES=(g++ cmake ninja-build ccache zlib1g-dev libgtest-dev libgmock-dev libbenchmark-dev
-  libcli11-dev nlohmann-json3-dev)
+  libcli11-dev nlohmann-json3-dev libcpp-httplib-dev pkgconf)
 CHECK_PACKAGES=(clang clang-format clang-tidy)
 
 # step <text>: says in one line what comes next.

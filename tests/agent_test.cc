@@ -69,7 +69,7 @@ class AgentTest : public testing::Test {
     dup2(err_file.get(), STDERR_FILENO);
     const rlimit limit = {descriptors, descriptors};
     if (descriptors > 0) setrlimit(RLIMIT_NOFILE, &limit);
-    execl(TIDEGATE_AGENT, TIDEGATE_AGENT, "--socket", socket_.c_str(), "--format", format.c_str(),
+    execl(TIDEGATE_AGENT, TIDEGATE_AGENT, "--socket", socket_.c_str(), "--print", format.c_str(),
           nullptr);
     _exit(127);
   }

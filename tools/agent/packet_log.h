@@ -1,56 +1,46 @@
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
-#include <cstdio>
+#include <functional>
 #include <string>
-#include <unordered_set>
 
-#include "agent/packet_reader.h"
-#include "agent/seqpacket_server.h"
+#include "agent/health.h"
+#include "agent/packet_sink.h"
+#include "agent/stream_writer.h"
 
 namespace tidegate::agent {
 
-enum class OutputFormat { kText, kJson, kNone };
+enum class PrintFormat { kText, kJson };
 
-struct PacketTotals {
-  uint64_t packets = 0;  // decoded whole
-  uint64_t series = 0;   // different pairs of a name and its tags
-  uint64_t points = 0;   // series records
-  uint64_t errors = 0;   // messages that were refused
-};
-
-// Decodes messages, prints their points and counts them. Not thread-safe. Borrows both streams.
-// A refused message gets one line on `errors` and changes nothing else. Remembers 8 bytes for each
-// different series.
-class PacketLog {
+// Prints every point, as text or as lines of JSON, to a descriptor. Points whose lines nobody reads
+// in time are dropped, and counted, beyond 16 MiB.
+//
+// Threads: as every sink; Finish from one thread, behind the last Handle. Borrows descriptor and
+// `health`.
+class PacketLog : public PacketSink {
  public:
-  PacketLog(OutputFormat format, std::FILE* points, std::FILE* errors)
-      : format_(format), points_(points), errors_(errors) {}
+  // `on_error` is called once, on another thread, if the points cannot be written any more.
+  PacketLog(PrintFormat format, int fd, std::function<void(int)> on_error, Health* health);
 
-  // The points are flushed before it returns. False once they cannot be written any more.
-  bool Handle(const SeqpacketServer::Message& message);
+  void Handle(const Packet& packet, const ClientId& client) override;
 
-  // One line on `errors`, under the program's name.
-  void Report(const std::string& text);
+  // Waits for the reader of the points, for at most `timeout`.
+  void Finish(std::chrono::milliseconds timeout);
 
-  const PacketTotals& totals() const { return totals_; }
-  // The errno that made Handle answer false, or 0.
-  int write_error() const { return write_error_; }
+  // The errno that ended the printing, or 0.
+  int error() const { return writer_.error(); }
 
  private:
-  void Refuse(const std::string& text);
-  void Print(const Packet& packet);
-  void PrintPoint(const Packet& packet, const Block& block, const Series& record);
-  void Write();
+  void EndPoints(size_t count);
   void Flush();
 
-  const OutputFormat format_;
-  std::FILE* const points_;
-  std::FILE* const errors_;
-  PacketTotals totals_;
-  std::unordered_set<uint64_t> seen_series_;
-  std::string buffer_;  // lines that are not in the stream yet
-  int write_error_ = 0;
+  const PrintFormat format_;
+  Health* const health_;
+  std::string buffer_;   // lines that the writer does not have yet
+  uint64_t points_ = 0;  // in those
+  StreamWriter writer_;
 };
 
 }  // namespace tidegate::agent

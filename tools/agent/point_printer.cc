@@ -1,13 +1,14 @@
 #include "agent/point_printer.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <cmath>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <string_view>
 #include <utility>
+
+#include "agent/point_mapping.h"
 
 namespace tidegate::agent {
 namespace {
@@ -76,8 +77,6 @@ void AppendHead(const Packet& packet, int64_t timestamp, std::string_view type,
 }
 
 constexpr uint8_t kGauge = 1;
-constexpr std::array<std::string_view, 10> kTimerParts = {
-    "min", "max", "avg", "sum", "counter", "pct50", "pct90", "pct95", "pct99", "pct999"};
 
 // False unless `name` is a base name, a dot and `part`.
 bool SplitTimerName(std::string_view name, std::string_view part, std::string* base) {
@@ -106,30 +105,30 @@ void AddMember(const std::string& key, Json value, Json* object) {
 
 size_t TimerBlocks(const Packet& packet, size_t first) {
   const std::vector<Block>& blocks = packet.blocks;
-  if (blocks.size() - first < kTimerParts.size()) return 0;
+  if (blocks.size() - first < std::size(kTimerColumns)) return 0;
   std::string base;
-  if (!SplitTimerName(blocks[first].name, kTimerParts[0], &base)) return 0;
-  for (size_t i = 0; i < kTimerParts.size(); ++i) {
+  if (!SplitTimerName(blocks[first].name, kTimerColumns[0], &base)) return 0;
+  for (size_t i = 0; i < std::size(kTimerColumns); ++i) {
     const Block& block = blocks[first + i];
     std::string same;
     if (block.wire_type != kGauge || block.series.size() != 1 || !block.fields.empty() ||
         block.timestamp != blocks[first].timestamp ||
-        !SplitTimerName(block.name, kTimerParts[i], &same) || same != base ||
+        !SplitTimerName(block.name, kTimerColumns[i], &same) || same != base ||
         !(block.series[0].tags == blocks[first].series[0].tags)) {
       return 0;
     }
   }
-  return kTimerParts.size();
+  return std::size(kTimerColumns);
 }
 
 void AppendTimerText(const Packet& packet, size_t first, std::string* out) {
   const Block& block = packet.blocks[first];
   std::string base;
-  SplitTimerName(block.name, kTimerParts[0], &base);
+  SplitTimerName(block.name, kTimerColumns[0], &base);
   AppendHead(packet, block.timestamp, "timer", base, block.series[0].tags, out);
-  for (size_t i = 0; i < kTimerParts.size(); ++i) {
+  for (size_t i = 0; i < std::size(kTimerColumns); ++i) {
     *out += ' ';
-    *out += kTimerParts[i];
+    *out += kTimerColumns[i];
     *out += '=';
     AppendNumber(packet.blocks[first + i].series[0].values.front(), out);
   }

@@ -48,6 +48,13 @@ const sockaddr* AsSockaddr(const sockaddr_un* address) {
   return reinterpret_cast<const sockaddr*>(address);
 }
 
+ClientId IdOf(int fd) {
+  ucred peer = {};
+  socklen_t size = sizeof(peer);
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return {};
+  return {peer.pid};
+}
+
 // Removes the socket file of a process that is gone; an empty place is fine as well.
 bool MakeRoom(const sockaddr_un& address, std::string* error) {
   const std::string path = address.sun_path;
@@ -81,16 +88,18 @@ bool MakeRoom(const sockaddr_un& address, std::string* error) {
 
 }  // namespace
 
-SeqpacketServer::SeqpacketServer(MessageHandler on_message, WarningHandler on_warning)
+SeqpacketServer::SeqpacketServer(MessageHandler on_message, WarningHandler on_warning,
+                                 std::atomic<uint64_t>* clients)
     : on_message_(std::move(on_message)),
       on_warning_(std::move(on_warning)),
       buffer_(kMaxMessageSize),
       epoll_(epoll_create1(EPOLL_CLOEXEC)),
-      stop_event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+      stop_event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      client_count_(clients) {}
 
 SeqpacketServer::~SeqpacketServer() { RemoveSocketFile(); }
 
-bool SeqpacketServer::Listen(const std::string& path, std::string* error) {
+bool SeqpacketServer::Listen(const std::string& path, mode_t mode, std::string* error) {
   const std::filesystem::path folder = std::filesystem::path(path).parent_path();
   if (!folder.empty()) {
     std::error_code failure;
@@ -107,7 +116,7 @@ bool SeqpacketServer::Listen(const std::string& path, std::string* error) {
       open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (lock.valid()) flock(lock.get(), LOCK_EX);
 
-  if (!Bind(path, error)) return false;
+  if (!Bind(path, mode, error)) return false;
   if (!Watch(stop_event_.get(), true) || !Watch(listener_.get(), true)) {
     *error = "cannot watch the socket: " + ErrnoText();
     return false;
@@ -115,7 +124,7 @@ bool SeqpacketServer::Listen(const std::string& path, std::string* error) {
   return true;
 }
 
-bool SeqpacketServer::Bind(const std::string& path, std::string* error) {
+bool SeqpacketServer::Bind(const std::string& path, mode_t mode, std::string* error) {
   sockaddr_un address;
   if (!MakeAddress(path, &address, error) || !MakeRoom(address, error)) return false;
   listener_ = UniqueFd(NewSocket());
@@ -128,7 +137,7 @@ bool SeqpacketServer::Bind(const std::string& path, std::string* error) {
   path_ = path;
   socket_device_ = info.st_dev;
   socket_inode_ = info.st_ino;
-  if (listen(listener_.get(), SOMAXCONN) != 0) {
+  if (chmod(path.c_str(), mode) != 0 || listen(listener_.get(), SOMAXCONN) != 0) {
     *error = "cannot listen on " + path + ": " + ErrnoText();
     return false;
   }
@@ -137,7 +146,7 @@ bool SeqpacketServer::Bind(const std::string& path, std::string* error) {
 
 bool SeqpacketServer::Run(std::string* error) {
   bool running = true;
-  while (running && !handler_ended_) {
+  while (running) {
     epoll_event events[64];
     const int count = epoll_wait(epoll_.get(), events, static_cast<int>(std::size(events)),
                                  accept_paused_ ? kAcceptRetryMillis : -1);
@@ -146,14 +155,15 @@ bool SeqpacketServer::Run(std::string* error) {
       return false;
     }
     if (accept_paused_) AcceptPending();
-    for (int i = 0; i < count && !handler_ended_; ++i) {
+    for (int i = 0; i < count; ++i) {
       const int fd = events[i].data.fd;
       if (fd == stop_event_.get()) {
         running = false;
       } else if (fd == listener_.get()) {
         AcceptPending();
-      } else if (ReadSome(fd) == ReadResult::kGone) {
+      } else if (ReadSome(clients_[fd]) == ReadResult::kGone) {
         clients_.erase(fd);
+        *client_count_ = clients_.size();
       }
     }
   }
@@ -192,7 +202,8 @@ void SeqpacketServer::AcceptPending() {
     setsockopt(client.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof(on));
     const int fd = client.get();
     if (Watch(fd, true)) {
-      clients_[fd] = std::move(client);
+      clients_[fd] = {std::move(client), IdOf(fd)};
+      *client_count_ = clients_.size();
     } else {
       on_warning_("cannot serve a client: " + ErrnoText());
     }
@@ -206,7 +217,7 @@ void SeqpacketServer::PauseAccepting(bool pause) {
   Watch(listener_.get(), !pause);
 }
 
-SeqpacketServer::ReadResult SeqpacketServer::ReadSome(int fd) {
+SeqpacketServer::ReadResult SeqpacketServer::ReadSome(const Client& client) {
   for (int i = 0; i < kBurst; ++i) {
     iovec part = {buffer_.data(), buffer_.size()};
     // Room for the credentials and nothing else: descriptors that a client passes are dropped.
@@ -216,17 +227,14 @@ SeqpacketServer::ReadResult SeqpacketServer::ReadSome(int fd) {
     header.msg_iovlen = 1;
     header.msg_control = control;
     header.msg_controllen = sizeof(control);
-    const ssize_t received = recvmsg(fd, &header, MSG_TRUNC);
+    const ssize_t received = recvmsg(client.socket.get(), &header, MSG_TRUNC);
     if (received < 0) {
       if (errno == EINTR) continue;
       return errno == EAGAIN ? ReadResult::kIdle : ReadResult::kGone;
     }
     if (received == 0 && header.msg_controllen == 0) return ReadResult::kGone;
     const size_t sent_size = static_cast<size_t>(received);
-    if (!on_message_({buffer_.data(), std::min(sent_size, buffer_.size()), sent_size})) {
-      handler_ended_ = true;
-      return ReadResult::kGone;
-    }
+    on_message_({buffer_.data(), std::min(sent_size, buffer_.size()), sent_size, client.id});
   }
   return ReadResult::kMore;
 }
@@ -239,10 +247,11 @@ void SeqpacketServer::Drain() {
   for (AcceptPending(); !clients_.empty(); AcceptPending()) {
     for (const auto& [fd, client] : clients_) {
       shutdown(fd, SHUT_RD);
-      while (!handler_ended_ && ReadSome(fd) == ReadResult::kMore) {
+      while (ReadSome(client) == ReadResult::kMore) {
       }
     }
     clients_.clear();
+    *client_count_ = 0;
   }
 }
 

@@ -2,12 +2,15 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "agent/packet_sink.h"
 #include "agent/unique_fd.h"
 
 namespace tidegate::agent {
@@ -27,26 +30,27 @@ class SeqpacketServer {
     const char* data;  // valid during the call only
     size_t size;       // bytes at `data`
     size_t sent_size;  // bytes that the client sent; more than `size` if the message was cut
+    ClientId client;
   };
-  // Answers false to end Run at once.
-  using MessageHandler = std::function<bool(const Message&)>;
+  using MessageHandler = std::function<void(const Message&)>;
   // Gets one line about trouble that does not end the server.
   using WarningHandler = std::function<void(const std::string&)>;
 
-  SeqpacketServer(MessageHandler on_message, WarningHandler on_warning);
+  // Keeps the number of connected clients in `clients`, which it borrows.
+  SeqpacketServer(MessageHandler on_message, WarningHandler on_warning,
+                  std::atomic<uint64_t>* clients);
   ~SeqpacketServer();  // closes everything and removes the socket file
   SeqpacketServer(const SeqpacketServer&) = delete;
   SeqpacketServer& operator=(const SeqpacketServer&) = delete;
 
-  // Opens the socket, once per object. Makes the missing folders of `path` and takes the place of a
-  // socket file that nobody listens on; anything else that stands at `path` is left alone and is an
-  // error. Returns false and says why in `error`.
-  bool Listen(const std::string& path, std::string* error);
+  // Opens the socket, once per object, as a file of that mode. Makes the missing folders of `path`
+  // and takes the place of a socket file that nobody listens on; anything else that stands at
+  // `path` is left alone and is an error. Returns false and says why in `error`.
+  bool Listen(const std::string& path, mode_t mode, std::string* error);
 
-  // Serves until Stop, or until the handler answers false; then removes the socket file and closes
-  // all connections. After Stop no client can connect or send any more, and what the clients had
-  // sent by then is still handed to the handler. Returns false, with `error`, if it could not go
-  // on. REQUIRES: Listen succeeded.
+  // Serves until Stop; then removes the socket file and closes all connections. After Stop no
+  // client can connect or send any more, and what the clients had sent by then is still handed to
+  // the handler. Returns false, with `error`, if it could not go on. REQUIRES: Listen succeeded.
   bool Run(std::string* error);
 
   // Ends Run, also one that starts later. Does not wait. Safe twice, and in a signal handler.
@@ -55,11 +59,16 @@ class SeqpacketServer {
  private:
   enum class ReadResult { kMore, kIdle, kGone };
 
-  bool Bind(const std::string& path, std::string* error);
+  struct Client {
+    UniqueFd socket;
+    ClientId id;
+  };
+
+  bool Bind(const std::string& path, mode_t mode, std::string* error);
   bool Watch(int fd, bool ready_to_read);
   void AcceptPending();
   void PauseAccepting(bool pause);
-  ReadResult ReadSome(int fd);
+  ReadResult ReadSome(const Client& client);
   void Drain();
   void RemoveSocketFile();
 
@@ -69,9 +78,9 @@ class SeqpacketServer {
   UniqueFd epoll_;
   UniqueFd stop_event_;
   UniqueFd listener_;
-  std::unordered_map<int, UniqueFd> clients_;
+  std::unordered_map<int, Client> clients_;
+  std::atomic<uint64_t>* const client_count_;
   bool accept_paused_ = false;  // the listener is not watched, it would be ready all the time
-  bool handler_ended_ = false;  // the handler has answered false
   std::string path_;            // empty while there is no socket file of ours
   dev_t socket_device_ = 0;     // which file at path_ is ours
   ino_t socket_inode_ = 0;

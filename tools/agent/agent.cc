@@ -1,0 +1,109 @@
+#include "agent/agent.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+#include <thread>
+
+namespace tidegate::agent {
+
+Agent::Agent(const Options& options)
+    : options_(options),
+      log_(STDERR_FILENO),
+      queue_(options.queue_bytes, &health_),
+      server_([this](const SeqpacketServer::Message& message) { Receive(message); },
+              [this](const std::string& warning) { log_.ReportSome(warning); }, &health_.clients),
+      table_({options.max_series, options.ttl, options.label_pid, !options.http.empty()}, &health_,
+             [this](const std::string& collision) { log_.Report(collision); }),
+      decoder_(
+          &queue_, Sinks(), [this] { table_.Sweep(); }, &health_, &log_) {}
+
+std::vector<PacketSink*> Agent::Sinks() {
+  std::vector<PacketSink*> sinks = {&table_};
+  if (options_.print) {
+    sinks.push_back(&printer_.emplace(
+        *options_.print, STDOUT_FILENO, [this](int /*error*/) { PrintingEnded(); }, &health_));
+  }
+  return sinks;
+}
+
+int Agent::Run() {
+  if (!Start()) {
+    log_.Finish(options_.drain);
+    return 1;
+  }
+  std::thread decoder([this] {
+    pthread_setname_np(pthread_self(), "decoder");
+    decoder_.Run();
+  });
+  std::string error;
+  const bool served = server_.Run(&error);
+  if (!served) log_.Report(error);
+  queue_.Close();
+  decoder.join();
+  const bool printed = FinishOutputs();
+  ReportTotals();
+  log_.Finish(options_.drain);
+  return served && printed ? 0 : 1;
+}
+
+bool Agent::Start() {
+  std::string error;
+  if (!options_.http.empty()) {
+    http_.emplace([this](std::string* page) { AppendPage(page); });
+    if (!http_->Start(options_.http, &error)) {
+      log_.Report(error);
+      return false;
+    }
+    log_.Report("serving " + http_->url() + "/metrics");
+  }
+  if (!server_.Listen(options_.socket, options_.socket_mode, &error)) {
+    log_.Report(error);
+    return false;
+  }
+  log_.Report("listening on " + options_.socket);
+  return true;
+}
+
+void Agent::Receive(const SeqpacketServer::Message& message) {
+  queue_.Push({std::string(message.data, message.size), message.sent_size, message.client});
+}
+
+// Printing is all that there is to do, or else the rest goes on without it.
+void Agent::PrintingEnded() {
+  if (options_.http.empty()) {
+    Stop();
+  } else {
+    log_.Report("points are no longer printed, standard output is closed");
+  }
+}
+
+void Agent::AppendPage(std::string* page) {
+  AppendHealth(health_, page);
+  table_.AppendPage(options_.timestamps, page);
+}
+
+bool Agent::FinishOutputs() {
+  if (http_) http_->Stop();
+  if (!printer_) return true;
+  printer_->Finish(options_.drain);
+  // A reader that has seen enough is no failure.
+  if (printer_->error() == 0 || printer_->error() == EPIPE) return true;
+  log_.Report("cannot write points: " + std::generic_category().message(printer_->error()));
+  return false;
+}
+
+void Agent::ReportTotals() {
+  const uint64_t errors = health_.Errors();
+  if (health_.dropped_packets > 0 || health_.unprinted_points > 0) {
+    log_.Report("dropped: packets=" + std::to_string(health_.dropped_packets) +
+                " unprinted points=" + std::to_string(health_.unprinted_points));
+  }
+  log_.Report("packets=" + std::to_string(health_.packets) +
+              " series=" + std::to_string(table_.made()) +
+              " points=" + std::to_string(health_.points) + " errors=" + std::to_string(errors));
+}
+
+}  // namespace tidegate::agent

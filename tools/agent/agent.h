@@ -1,0 +1,60 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent/decoder.h"
+#include "agent/health.h"
+#include "agent/http_server.h"
+#include "agent/log.h"
+#include "agent/options.h"
+#include "agent/packet_log.h"
+#include "agent/seqpacket_server.h"
+#include "agent/series_table.h"
+
+namespace tidegate::agent {
+
+// The whole agent: socket, queue, decoder, and what becomes of the points.
+//
+//   thread of Run: reads the sockets, puts messages into the queue
+//   decoder:       takes them out, decodes, hands packets to every sink
+//   writers:       of standard output and standard error
+//   HTTP:          pages from the table of series
+//
+// No thread waits for one behind it. Run once; Stop from any thread and from a signal handler.
+class Agent {
+ public:
+  explicit Agent(const Options& options);
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+
+  // Serves until Stop, and then until what was received is handed on, for at most the time of
+  // --drain where a reader does not read. Returns the exit status of the process.
+  int Run();
+
+  void Stop() { server_.Stop(); }
+
+ private:
+  std::vector<PacketSink*> Sinks();
+  bool Start();
+  void Receive(const SeqpacketServer::Message& message);
+  void PrintingEnded();
+  void AppendPage(std::string* page);
+  // Ends what comes after the decoder. False if points could not be printed.
+  bool FinishOutputs();
+  void ReportTotals();
+
+  const Options options_;
+  Health health_;
+  Log log_;
+  PacketQueue queue_;
+  SeqpacketServer server_;
+  SeriesTable table_;
+  std::optional<PacketLog> printer_;
+  std::optional<HttpServer> http_;
+  Decoder decoder_;  // after all sinks
+};
+
+}  // namespace tidegate::agent

@@ -1,0 +1,73 @@
+#include "agent/decoder.h"
+
+#include <utility>
+
+namespace tidegate::agent {
+
+using std::chrono::steady_clock;
+
+void PacketQueue::Push(RawPacket packet) {
+  const size_t bytes = packet.bytes.size();
+  health_->bytes += packet.sent_bytes;
+  health_->dropped_packets += queue_.Push(std::move(packet), bytes).size();
+  UpdateHealth();
+}
+
+PacketQueue::Result PacketQueue::Pop(RawPacket* packet, std::chrono::milliseconds timeout) {
+  const Result result = queue_.Pop(packet, timeout);
+  UpdateHealth();
+  return result;
+}
+
+void PacketQueue::UpdateHealth() {
+  health_->queued_packets = queue_.size();
+  health_->queued_bytes = queue_.bytes();
+}
+
+Decoder::Decoder(PacketQueue* queue, std::vector<PacketSink*> sinks,
+                 std::function<void()> on_second, Health* health, Log* log)
+    : queue_(queue),
+      sinks_(std::move(sinks)),
+      on_second_(std::move(on_second)),
+      health_(health),
+      log_(log) {}
+
+void Decoder::Run() {
+  constexpr std::chrono::milliseconds kSecond(1000);
+  steady_clock::time_point last = steady_clock::now();
+  RawPacket message;
+  for (;;) {
+    const PacketQueue::Result result = queue_->Pop(&message, kSecond);
+    if (result == PacketQueue::Result::kClosed) return;
+    if (result == PacketQueue::Result::kItem) Decode(message);
+    if (const steady_clock::time_point now = steady_clock::now(); now - last >= kSecond) {
+      last = now;
+      on_second_();
+    }
+  }
+}
+
+void Decoder::Decode(const RawPacket& message) {
+  const size_t size = message.bytes.size();
+  if (message.sent_bytes > size) {
+    Refuse(DecodeFailure::kTooLong, "message of " + std::to_string(message.sent_bytes) +
+                                        " bytes is longer than " + std::to_string(size));
+    return;
+  }
+  ReadError error;
+  if (!ReadPacket(message.bytes.data(), size, &packet_, &error)) {
+    Refuse(FailureOf(error), "malformed packet of " + std::to_string(size) + " bytes at offset " +
+                                 std::to_string(error.offset) + ": " + error.reason);
+    return;
+  }
+  ++health_->packets;
+  health_->points += packet_.series_count;
+  for (PacketSink* sink : sinks_) sink->Handle(packet_, message.client);
+}
+
+void Decoder::Refuse(DecodeFailure failure, const std::string& text) {
+  ++health_->refused[static_cast<size_t>(failure)];
+  log_->ReportSome(text);
+}
+
+}  // namespace tidegate::agent

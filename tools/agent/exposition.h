@@ -1,0 +1,83 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "agent/health.h"
+#include "agent/point_mapping.h"
+
+// The text format of Prometheus, version 0.0.4: how names are fitted to it, in which families a
+// metric appears and what the lines of a series look like. Free functions without state, safe from
+// any number of threads. Numbers are written alike in every locale.
+
+namespace tidegate::agent {
+
+// Every byte that is no letter, digit, "_" or ":" becomes "_"; a digit in front, or nothing at all,
+// gets a "_" before it.
+std::string MetricNameOf(std::string_view name);
+
+// The same without ":"; a name that would begin with "__", which is reserved, gets "exported"
+// before it.
+std::string LabelNameOf(std::string_view name);
+
+enum class FamilyType { kGauge, kCounter, kUntyped, kSummary, kHistogram };
+
+// One family of the page that shows a metric, or a part of it.
+struct FamilyPart {
+  std::string name;
+  FamilyType type;
+  size_t column;       // that the value is from; of summaries and histograms 0
+  std::string source;  // one line that says what is shown
+};
+
+// The families of a metric with these columns, which has at least one. `name` and `columns` are
+// those of the wire.
+std::vector<FamilyPart> FamiliesOf(Kind kind, std::string_view name,
+                                   const std::vector<std::string>& columns);
+
+// The names of a family's lines.
+std::vector<std::string> SampleNamesOf(const FamilyPart& family);
+
+// The newest value of a column, or for accumulated ones its sum.
+struct Cell {
+  double value = 0;
+  int64_t timestamp = INT64_MIN;  // seconds since the epoch; INT64_MIN: there was none yet
+};
+
+// Appends the lines of HELP and TYPE.
+void AppendFamilyHead(const FamilyPart& family, std::string* page);
+
+// Writes the lines of series.
+//
+// Not thread-safe; for one page. Borrows the page.
+class SampleWriter {
+ public:
+  SampleWriter(bool timestamps, std::string* page) : timestamps_(timestamps), page_(page) {}
+
+  // The labels of the samples that follow.
+  void BeginLabels() { labels_.clear(); }
+  void AddLabel(std::string_view key, std::string_view value);
+
+  // One line of `cell`.
+  void Single(std::string_view name, const Cell& cell);
+  // The cells are those of the metric's columns.
+  void Summary(const std::string& name, const Cell* cells);
+  // The cells are those of the buckets and then of sum and count.
+  void Histogram(const std::string& name, const std::vector<double>& bounds, const Cell* cells);
+
+ private:
+  void Line(std::string_view name, std::string_view suffix, std::string_view extra, double value,
+            int64_t timestamp);
+
+  const bool timestamps_;
+  std::string* const page_;
+  std::string labels_;  // as they stand between the braces
+};
+
+// Appends the agent's numbers on itself.
+void AppendHealth(const Health& health, std::string* page);
+
+}  // namespace tidegate::agent

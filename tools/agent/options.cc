@@ -1,0 +1,115 @@
+#include "agent/options.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdint>
+#include <string>
+
+#include "agent/http_server.h"
+
+namespace tidegate::agent {
+namespace {
+
+constexpr int kBadFlag = 2;
+
+// What the parser fills in, before it becomes what the agent works with.
+struct Raw {
+  Options options;
+  std::string mode = "0666";
+  std::string print;
+  bool quiet = false;
+  int64_t ttl = 0;
+  int64_t drain = 0;
+};
+
+std::string CheckMode(const std::string& text) {
+  const bool octal =
+      !text.empty() && text.size() <= 4 && text.find_first_not_of("01234567") == std::string::npos;
+  return octal ? std::string() : "\"" + text + "\" is no file mode, give octal digits as 0660";
+}
+
+std::string CheckAddress(const std::string& text) {
+  std::string host;
+  int port = 0;
+  if (HttpServer::SplitAddress(text, &host, &port)) return {};
+  return "\"" + text + "\" is no address, give HOST:PORT as 127.0.0.1:9464";
+}
+
+// Memory sizes: plain bytes, or with a unit as 64MiB.
+void AddBytes(CLI::App* app, const char* name, size_t* bytes, const char* help) {
+  app->add_option(name, *bytes, help)
+      ->transform(CLI::AsSizeValue(false))
+      ->check(CLI::Range(size_t{1} << 20, size_t{1} << 40))
+      ->capture_default_str();
+}
+
+void AddSeconds(CLI::App* app, const char* name, int64_t least, int64_t* seconds,
+                const char* help) {
+  constexpr int64_t kMost = 366 * 24 * 3600;
+  app->add_option(name, *seconds, help)->check(CLI::Range(least, kMost))->capture_default_str();
+}
+
+void Declare(CLI::App* app, Raw* raw) {
+  Options& options = raw->options;
+  app->set_version_flag("--version", "tidegate-agent " TIDEGATE_VERSION);
+  app->set_config("--config", "", "File with settings, by the same names: ttl = 60");
+  app->allow_config_extras(CLI::config_extras_mode::error);
+  app->add_option("--socket", options.socket, "Path of the socket to listen on")
+      ->capture_default_str();
+  app->add_option("--socket-mode", raw->mode, "Who may send: mode of the socket file, octal")
+      ->check(CheckMode)
+      ->capture_default_str();
+  app->add_option("--print", raw->print, "Print every point: text, or json for JSON lines")
+      ->check(CLI::IsMember({"text", "json"}));
+  app->add_flag("--quiet", raw->quiet, "Print no points, only errors and the totals");
+  app->add_flag("--label-pid", options.label_pid, "Add the sender's process id to the tags");
+  app->add_option("--http", options.http, "Serve /metrics on HOST:PORT, as 127.0.0.1:9464")
+      ->check(CheckAddress);
+  app->add_flag("--timestamps", options.timestamps, "Write timestamps on /metrics");
+  AddSeconds(app, "--ttl", 1, &raw->ttl, "Seconds after which a series without news is gone");
+  app->add_option("--max-series", options.max_series, "Series that are kept at a time")
+      ->check(CLI::Range(size_t{1}, size_t{1} << 32))
+      ->capture_default_str();
+  AddBytes(app, "--queue-bytes", &options.queue_bytes, "Packets that may wait to be decoded");
+  AddSeconds(app, "--drain", 0, &raw->drain, "Seconds to hand on what is left, at the end");
+}
+
+Options Finish(const Raw& raw) {
+  Options options = raw.options;
+  options.socket_mode = static_cast<mode_t>(std::stoul(raw.mode, nullptr, 8));
+  options.ttl = std::chrono::seconds(raw.ttl);
+  options.drain = std::chrono::seconds(raw.drain);
+  const bool silent = raw.quiet || (raw.print.empty() && !options.http.empty());
+  if (!silent) options.print = raw.print == "json" ? PrintFormat::kJson : PrintFormat::kText;
+  return options;
+}
+
+}  // namespace
+
+std::optional<Options> ParseOptions(int argc, const char* const* argv, OptionsError* error) {
+  CLI::App app(
+      "Receives metrics packets on a local socket; prints the points in them and serves them to "
+      "Prometheus.",
+      "tidegate-agent");
+  Raw raw;
+  raw.ttl = raw.options.ttl.count();
+  raw.drain = raw.options.drain.count();
+  Declare(&app, &raw);
+  try {
+    app.parse(argc, argv);
+    return Finish(raw);
+  } catch (const CLI::ParseError& failure) {
+    if (failure.get_exit_code() == 0) {
+      app.exit(failure);  // prints what was asked for
+      return std::nullopt;
+    }
+    error->exit_code = kBadFlag;
+    const bool in_file = dynamic_cast<const CLI::ConfigError*>(&failure) != nullptr;
+    error->text = (in_file ? "--config: " : "") + std::string(failure.what());
+    std::replace(error->text.begin(), error->text.end(), '\n', ' ');
+    error->text += "; see --help";
+    return std::nullopt;
+  }
+}
+
+}  // namespace tidegate::agent

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <string>
+
+#include "agent/packet_log.h"
+
+namespace tidegate::agent {
+
+// Settings, from flags and from a file with the same names.
+struct Options {
+  std::string socket = "/opt/tmp/sock/metric_seqpacket.sock";
+  mode_t socket_mode = 0666;
+  std::optional<PrintFormat> print;
+  bool label_pid = false;
+  std::string http;  // "host:port"; empty: none
+  bool timestamps = false;
+  std::chrono::seconds ttl{300};
+  size_t max_series = 1000000;
+  size_t queue_bytes = 64 << 20;
+  std::chrono::seconds drain{5};
+};
+
+// What is to be done instead, if the agent is not to run.
+struct OptionsError {
+  int exit_code = 0;
+  std::string text;  // for standard error if the code is not 0, one line without its end
+};
+
+// Nothing, with `error`, if the flags or the file make no sense or if --help or --version is given.
+std::optional<Options> ParseOptions(int argc, const char* const* argv, OptionsError* error);
+
+}  // namespace tidegate::agent
