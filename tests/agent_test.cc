@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <httplib.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -15,6 +16,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "agent/unique_fd.h"
@@ -25,6 +27,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using testing::HasSubstr;
+using testing::StartsWith;
 namespace fs = std::filesystem;
 
 // The golden gauge with another metric name: three lengths change with it.
@@ -59,9 +62,13 @@ class AgentTest : public testing::Test {
   }
 
   // Standard output and error go to the files "out" and "err" of the folder.
-  void Spawn(const std::string& format = "text", int out = -1, rlim_t descriptors = 0) {
+  void Spawn(std::vector<std::string> flags = {}, int out = -1, rlim_t descriptors = 0) {
     const UniqueFd out_file(Create("out"));
     const UniqueFd err_file(Create("err"));
+    flags.insert(flags.begin(), {TIDEGATE_AGENT, "--socket", socket_});
+    std::vector<char*> arguments;
+    for (std::string& flag : flags) arguments.push_back(flag.data());
+    arguments.push_back(nullptr);
     pid_ = fork();
     ASSERT_GE(pid_, 0);
     if (pid_ > 0) return;
@@ -69,12 +76,11 @@ class AgentTest : public testing::Test {
     dup2(err_file.get(), STDERR_FILENO);
     const rlimit limit = {descriptors, descriptors};
     if (descriptors > 0) setrlimit(RLIMIT_NOFILE, &limit);
-    execl(TIDEGATE_AGENT, TIDEGATE_AGENT, "--socket", socket_.c_str(), "--print", format.c_str(),
-          nullptr);
+    execv(TIDEGATE_AGENT, arguments.data());
     _exit(127);
   }
-  void Start(const std::string& format = "text", int out = -1, rlim_t descriptors = 0) {
-    Spawn(format, out, descriptors);
+  void Start(const std::vector<std::string>& flags = {}, int out = -1, rlim_t descriptors = 0) {
+    Spawn(flags, out, descriptors);
     Await("err", "tidegate-agent: listening on " + socket_ + "\n");
   }
   int Create(const char* file) const {
@@ -148,6 +154,78 @@ TEST_F(AgentTest, ServesClientsSideBySideAndEndsInOrder) {
   EXPECT_FALSE(fs::exists(socket_));
 }
 
+TEST_F(AgentTest, ServesTheNewestValuesOverHttp) {
+  const std::string config = folder_ / "config";
+  std::ofstream(config) << "http = 127.0.0.1:0\nsocket-mode = 0600\nlabel-pid = true\nttl = 9\n";
+  for (const std::vector<std::string>& flags :
+       {std::vector<std::string>{"--http", "127.0.0.1:0", "--socket-mode", "0600", "--label-pid"},
+        std::vector<std::string>{"--config", config}}) {
+    Start(flags);
+    EXPECT_EQ(fs::status(socket_).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    const UniqueFd client = Connect();
+    Send(client, ReadGolden("gauge.hex").substr(0, 150));
+    Send(client, ReadGolden("gauge.hex"));
+    const std::string log = Content("err");
+    const size_t url = log.find("http://");
+    httplib::Client http(log.substr(url, log.find("/metrics") - url));
+    std::string page;
+    for (int i = 0; i < 2000 && page.find("svc_lat") == std::string::npos; ++i) {
+      const httplib::Result result = http.Get("/metrics");
+      ASSERT_TRUE(result);
+      EXPECT_EQ(result->get_header_value("Content-Type"),
+                "text/plain; version=0.0.4; charset=utf-8");
+      page = result->body;
+      std::this_thread::sleep_for(milliseconds(10));
+    }
+    EXPECT_THAT(page, HasSubstr("# HELP svc_lat gauge svc.lat\n# TYPE svc_lat gauge\n"
+                                "svc_lat{tenant=\"t1\",pid=\"" +
+                                std::to_string(getpid()) + "\",dc=\"b\",host=\"a\"} 1.5\n"));
+    EXPECT_THAT(page, HasSubstr("# TYPE tidegate_agent_decode_errors_total counter\n"));
+    EXPECT_THAT(page, HasSubstr("_errors_total{reason=\"malformed\"} 1\n"));
+    EXPECT_THAT(page, HasSubstr("\ntidegate_agent_clients 1\n"));
+    EXPECT_EQ(http.Get("/healthz")->body, "ok\n");
+    EXPECT_THAT(http.Get("/")->body, HasSubstr("href=\"/metrics\""));
+    EXPECT_EQ(http.Get("/x")->status, 404);
+    EXPECT_EQ(Terminate(), 0);
+    EXPECT_EQ(Content("out"), "");
+  }
+}
+
+TEST_F(AgentTest, GoesOnWhileNobodyReadsWhatItPrints) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  const UniqueFd read_end(ends[0]);
+  const UniqueFd write_end(ends[1]);
+  Start({"--drain", "0"}, write_end.get());
+  const UniqueFd client = Connect();
+  const std::string packet = GaugeNamed(std::string(100000, 'n'));
+  for (int i = 0; i < 300; ++i) Send(client, packet);  // 30 MB: more than any buffer on the way
+  EXPECT_EQ(Terminate(), 0);
+  EXPECT_THAT(Content("err"), HasSubstr("packets=300 series=1 points=300 errors=0\n"));
+  EXPECT_THAT(Content("err"), HasSubstr("dropped: packets=0 unprinted points="));
+}
+
+TEST_F(AgentTest, RefusesBadSettingsInOneLine) {
+  std::ofstream(folder_ / "config") << "tll = 60\n";
+  const std::pair<std::vector<std::string>, const char*> kCases[] = {
+      {{"--nope"}, "--nope"},
+      {{"--ttl", "0"}, "--ttl"},
+      {{"--socket-mode", "rw"}, "\"rw\" is no file mode, give octal digits as 0660"},
+      {{"--http", "9464"}, "\"9464\" is no address, give HOST:PORT as 127.0.0.1:9464"},
+      {{"--print", "xml"}, "xml not in {text,json}"},
+      {{"--config", folder_ / "none"}, "none"},
+      {{"--config", folder_ / "config"}, "tll"},
+  };
+  for (const auto& [flags, text] : kCases) {
+    Spawn(flags);
+    EXPECT_EQ(Wait(), 2);
+    const std::string error = Content("err");
+    EXPECT_THAT(error, HasSubstr(text));
+    EXPECT_THAT(error, StartsWith("tidegate-agent: "));
+    EXPECT_EQ(error.find('\n'), error.size() - 1) << error;
+  }
+}
+
 TEST_F(AgentTest, HostileStringsStayOnOneLine) {
   std::string bytes = GaugeNamed("a\n\xff\"b");
   bytes.replace(bytes.size() - 2, 2, "\xf8\x7f");  // NaN
@@ -159,7 +237,7 @@ TEST_F(AgentTest, HostileStringsStayOnOneLine) {
                              R"(\"b","tags":{"dc":"b","host":"a"},"value":"nan"})"
                              "\n"),
        }) {
-    Start(format);
+    Start({"--print", format});
     Send(Connect(), bytes);
     Await("out", line);
     EXPECT_EQ(Terminate(), 0);
@@ -209,7 +287,7 @@ TEST_F(AgentTest, TakesOverAStaleSocketOnly) {
 }
 
 TEST_F(AgentTest, WaitsQuietlyForDescriptors) {
-  Start("text", -1, 10);
+  Start({}, -1, 10);
   std::vector<UniqueFd> clients;
   for (int i = 0; i < 12; ++i) Send(clients.emplace_back(Connect()), ReadGolden("gauge.hex"));
   Await("err", "cannot accept a client, new clients wait");
@@ -231,7 +309,7 @@ TEST_F(AgentTest, EndsWhenNobodyReadsItsOutput) {
   int ends[2];
   ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
   const UniqueFd write_end(ends[1]);
-  Start("text", ends[1]);
+  Start({}, ends[1]);
   close(ends[0]);
   Send(Connect(), ReadGolden("gauge.hex"));
   EXPECT_EQ(Wait(), 0);

@@ -8,6 +8,11 @@
 #include <thread>
 
 namespace tidegate::agent {
+namespace {
+
+constexpr std::chrono::seconds kLogDrain(2);
+
+}  // namespace
 
 Agent::Agent(const Options& options)
     : options_(options),
@@ -31,7 +36,7 @@ std::vector<PacketSink*> Agent::Sinks() {
 
 int Agent::Run() {
   if (!Start()) {
-    log_.Finish(options_.drain);
+    log_.Finish(kLogDrain);
     return 1;
   }
   std::thread decoder([this] {
@@ -45,7 +50,7 @@ int Agent::Run() {
   decoder.join();
   const bool printed = FinishOutputs();
   ReportTotals();
-  log_.Finish(options_.drain);
+  log_.Finish(kLogDrain);
   return served && printed ? 0 : 1;
 }
 

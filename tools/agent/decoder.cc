@@ -55,14 +55,15 @@ void Decoder::Decode(const RawPacket& message) {
     return;
   }
   ReadError error;
-  if (!ReadPacket(message.bytes.data(), size, &packet_, &error)) {
+  const Packet* const packet = reader_.Read(message.bytes.data(), size, &error);
+  if (packet == nullptr) {
     Refuse(FailureOf(error), "malformed packet of " + std::to_string(size) + " bytes at offset " +
                                  std::to_string(error.offset) + ": " + error.reason);
     return;
   }
   ++health_->packets;
-  health_->points += packet_.series_count;
-  for (PacketSink* sink : sinks_) sink->Handle(packet_, message.client);
+  health_->points += packet->series_count;
+  for (PacketSink* sink : sinks_) sink->Handle(*packet, message.client);
 }
 
 void Decoder::Refuse(DecodeFailure failure, const std::string& text) {

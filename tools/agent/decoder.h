@@ -63,7 +63,7 @@ class Decoder {
   const std::function<void()> on_second_;
   Health* const health_;
   Log* const log_;
-  Packet packet_;
+  PacketReader reader_;
 };
 
 }  // namespace tidegate::agent

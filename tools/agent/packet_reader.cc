@@ -144,6 +144,13 @@ class Cursor {
   ReadError* error_;
 };
 
+// The element at the end of what has been read so far: one of a packet before, whose memory is used
+// again, or a new one. Reading overwrites all of it.
+template <typename T>
+T& Element(std::vector<T>* elements, size_t i) {
+  return i < elements->size() ? (*elements)[i] : elements->emplace_back();
+}
+
 bool ReadTags(Cursor* in, const char* what, std::vector<Tag>* tags) {
   const size_t start = in->offset();
   uint32_t words = 0;
@@ -247,8 +254,9 @@ bool ReadBlock(Cursor* in, size_t packet_end, Block* block) {
   }
   // Grows as records are read: the field list may leave far fewer bytes than the count was held to.
   for (uint32_t i = 0; i < series_count; ++i) {
-    if (!ReadSeries(in, *block, &block->series.emplace_back())) return false;
+    if (!ReadSeries(in, *block, &Element(&block->series, i))) return false;
   }
+  block->series.resize(series_count);
   if (in->offset() != end) {
     return in->Fail(start, "block_len is " + std::to_string(block_len) +
                                ", but the last series record ends after " +
@@ -284,25 +292,44 @@ bool ReadHeader(Cursor* in, Packet* packet) {
 }
 
 bool ReadBlocks(Cursor* in, size_t packet_end, Packet* packet) {
+  size_t blocks = 0;
   size_t series = 0;
   while (in->remaining() > 0) {
-    Block& block = packet->blocks.emplace_back();
+    Block& block = Element(&packet->blocks, blocks++);
     if (!ReadBlock(in, packet_end, &block)) return false;
     series += block.series.size();
   }
+  packet->blocks.resize(blocks);
   return in->CheckEqual(kBlockCountOffset, "block_count", packet->block_count,
                         packet->blocks.size()) &&
          in->CheckEqual(kSeriesCountOffset, "series_count", packet->series_count, series);
 }
 
+// Leaves anything in `packet` when it fails.
+bool ReadInto(const void* data, size_t size, Packet* packet, ReadError* error) {
+  Cursor in(static_cast<const unsigned char*>(data), size, error);
+  return ReadHeader(&in, packet) && ReadBlocks(&in, size, packet);
+}
+
+// Each element of a kept packet can come to hold as much as the largest ever did in its place.
+constexpr size_t kRenewBytes = 16 << 20;
+
 }  // namespace
 
 bool ReadPacket(const void* data, size_t size, Packet* packet, ReadError* error) {
-  Cursor in(static_cast<const unsigned char*>(data), size, error);
   Packet result;
-  if (!ReadHeader(&in, &result) || !ReadBlocks(&in, size, &result)) return false;
+  if (!ReadInto(data, size, &result, error)) return false;
   *packet = std::move(result);
   return true;
+}
+
+const Packet* PacketReader::Read(const void* data, size_t size, ReadError* error) {
+  read_bytes_ += size;
+  if (read_bytes_ > kRenewBytes) {
+    packet_ = Packet();
+    read_bytes_ = size;
+  }
+  return ReadInto(data, size, &packet_, error) ? &packet_ : nullptr;
 }
 
 std::string Block::FieldName(const Series& record, size_t i) const {

@@ -74,6 +74,21 @@ struct ReadError {
 // Keeps no state: safe from any number of threads.
 bool ReadPacket(const void* data, size_t size, Packet* packet, ReadError* error);
 
+// Decodes packets one after another as ReadPacket does, in a third of the time, as it uses the
+// memory of one for the next.
+//
+// Not thread-safe. Keeps up to some ten times the bytes of the last packets, of 16 MiB of them at
+// most.
+class PacketReader {
+ public:
+  // Null, with `error`, if the packet is refused. The result is good until the next call.
+  const Packet* Read(const void* data, size_t size, ReadError* error);
+
+ private:
+  Packet packet_;
+  size_t read_bytes_ = 0;  // since packet_ was made anew
+};
+
 // The text of a wire type that ReadPacket lets through, as "gauge"; "unknown" for all others.
 const char* WireTypeName(uint8_t wire_type);
 

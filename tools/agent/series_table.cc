@@ -20,11 +20,12 @@ constexpr size_t kMaxPageBytes = 16 << 20;
 // What the heap and the tables add to each piece of memory.
 constexpr size_t kHeapOverhead = 16;
 
-void AppendSized(std::string_view text, std::string* key) {
+// Returns the end of what it put.
+char* PutSized(std::string_view text, char* to) {
   const auto size = static_cast<uint32_t>(text.size());
-  char bytes[sizeof(size)];
-  std::memcpy(bytes, &size, sizeof(size));
-  key->append(bytes, sizeof(bytes)).append(text);
+  std::memcpy(to, &size, sizeof(size));
+  std::memcpy(to + sizeof(size), text.data(), text.size());
+  return to + sizeof(size) + text.size();
 }
 
 std::string_view TakeSized(std::string_view* key) {
@@ -82,7 +83,11 @@ SeriesTable::SeriesTable(const Options& options, Health* health, NameClaims::Rep
       health_(health),
       claims_(std::move(report)),
       now_(clock_()),
-      swept_(now_) {}
+      swept_(now_) {
+  health_->ForEach([this](const Health::Sample& sample) {
+    claims_.Claim(std::string(sample.name), "agent's own number");
+  });
+}
 
 SeriesTable::~SeriesTable() = default;
 
@@ -107,6 +112,7 @@ void SeriesTable::HandleBlock(const Packet& packet, const ClientId& client, cons
       node = Place(kind, block, &layout);
       if (node == nullptr) continue;
     }
+    if (!layout->shown_whole) ++health_->collided_points;
     Update(record, block.timestamp, &node->second);
   }
 }
@@ -161,17 +167,17 @@ SeriesTable::Layout* SeriesTable::AddLayout(Kind kind, const Block& block) {
 }
 
 void SeriesTable::MakeKey() {
-  key_.clear();
+  tag_bytes_ = 0;
   for (const PointTags::Tag& tag : tags_) {
-    AppendSized(tag.key, &key_);
-    AppendSized(tag.value, &key_);
+    tag_bytes_ += 2 * sizeof(uint32_t) + tag.key.size() + tag.value.size();
   }
-  tag_bytes_ = key_.size();
+  key_.resize(tag_bytes_ + sizeof(uint32_t));
+  char* end = key_.data();
+  for (const PointTags::Tag& tag : tags_) end = PutSized(tag.value, PutSized(tag.key, end));
 }
 
 SeriesTable::Node* SeriesTable::FindSeries(const Metric& metric) {
-  key_.resize(tag_bytes_);
-  key_.append(reinterpret_cast<const char*>(&metric.id), sizeof(metric.id));
+  std::memcpy(key_.data() + tag_bytes_, &metric.id, sizeof(metric.id));
   const auto found = series_.find(key_);
   return found == series_.end() ? nullptr : &*found;
 }
@@ -217,17 +223,18 @@ void SeriesTable::Attach(Node* node, Layout* layout) {
   const size_t columns = layout->columns.size();
   entry.layout = layout;
   entry.position = static_cast<uint32_t>(layout->series.size());
-  entry.cells = std::make_unique<Cell[]>(columns);
+  entry.cell = Cell();
+  entry.row = columns > 1 ? std::make_unique<Cell[]>(columns) : nullptr;
   entry.newest = INT64_MIN;
   layout->series.push_back(node);
-  bytes_ += columns * sizeof(Cell) + kHeapOverhead;
+  bytes_ += BytesOfCells(*layout);
   page_bytes_ += PageBytes(columns, node->first.size(), layout->metric->name.size());
 }
 
 void SeriesTable::Detach(Node* node) {
   Entry& entry = node->second;
   Layout& layout = *entry.layout;
-  bytes_ -= layout.columns.size() * sizeof(Cell) + kHeapOverhead;
+  bytes_ -= BytesOfCells(layout);
   page_bytes_ -= PageBytes(layout.columns.size(), node->first.size(), layout.metric->name.size());
   layout.series.back()->second.position = entry.position;
   layout.series[entry.position] = layout.series.back();
@@ -235,7 +242,7 @@ void SeriesTable::Detach(Node* node) {
 }
 
 void SeriesTable::Update(const Series& record, int64_t timestamp, Entry* entry) {
-  Cell* const cells = entry->cells.get();
+  Cell* const cells = entry->cells();
   const std::vector<double>& values = record.values;
   const Kind kind = entry->layout->metric->kind;
   switch (kind) {
@@ -264,10 +271,15 @@ void SeriesTable::Update(const Series& record, int64_t timestamp, Entry* entry) 
 }
 
 void SeriesTable::ShowParts(Layout* layout) {
+  layout->shown_whole = true;
   for (size_t i = 0; i < layout->parts.size(); ++i) {
-    if (layout->shown[i] || !ClaimNames(layout->parts[i])) continue;
-    layout->shown[i] = true;
-    families_[layout->parts[i].name].push_back({layout, i});
+    if (layout->shown[i]) continue;
+    if (ClaimNames(layout->parts[i])) {
+      layout->shown[i] = true;
+      families_[layout->parts[i].name].push_back({layout, i});
+    } else {
+      layout->shown_whole = false;
+    }
   }
 }
 
@@ -348,6 +360,11 @@ size_t SeriesTable::BytesOf(const Node& node) {
   return sizeof(Node) + node.first.size() + 3 * kHeapOverhead;
 }
 
+size_t SeriesTable::BytesOfCells(const Layout& layout) {
+  const size_t columns = layout.columns.size();
+  return columns > 1 ? columns * sizeof(Cell) + kHeapOverhead : 0;
+}
+
 size_t SeriesTable::BytesOf(const Metric& metric) {
   return sizeof(Metric) + 2 * (metric.name.size() + sizeof(std::string) + kHeapOverhead);
 }
@@ -407,7 +424,7 @@ void SeriesTable::AppendSeries(const Source& source, const Node& node, PagePosit
   const Entry& entry = node.second;
   const Layout& layout = *source.layout;
   const FamilyPart& part = layout.parts[source.part];
-  const Cell& cell = entry.cells[part.column];
+  const Cell& cell = entry.cells()[part.column];
   const auto ttl = static_cast<uint64_t>(options_.ttl.count());
   // A column can be silent for long while others of its row go on.
   const bool silent =
@@ -423,10 +440,10 @@ void SeriesTable::AppendSeries(const Source& source, const Node& node, PagePosit
   });
   switch (part.type) {
     case FamilyType::kSummary:
-      writer->Summary(part.name, entry.cells.get());
+      writer->Summary(part.name, entry.cells());
       break;
     case FamilyType::kHistogram:
-      writer->Histogram(part.name, layout.bounds, entry.cells.get());
+      writer->Histogram(part.name, layout.bounds, entry.cells());
       break;
     case FamilyType::kGauge:
     case FamilyType::kCounter:

@@ -72,10 +72,14 @@ class SeriesTable : public PacketSink {
 
   struct Entry {
     Layout* layout = nullptr;
-    uint32_t position = 0;          // in the layout's series
-    std::unique_ptr<Cell[]> cells;  // one for each of the layout's columns
-    int64_t newest = INT64_MIN;     // timestamp
+    uint32_t position = 0;        // in the layout's series
+    Cell cell;                    // of the only column, without a detour through the heap
+    std::unique_ptr<Cell[]> row;  // or else of all columns
+    int64_t newest = INT64_MIN;   // timestamp
     std::chrono::steady_clock::time_point news;
+
+    Cell* cells() { return row ? row.get() : &cell; }
+    const Cell* cells() const { return row ? row.get() : &cell; }
   };
   using Node = std::pair<const std::string, Entry>;
 
@@ -87,6 +91,7 @@ class SeriesTable : public PacketSink {
     std::vector<double> bounds;        // of histograms
     std::vector<FamilyPart> parts;
     std::vector<bool> shown;  // which of those; another metric can hold a name
+    bool shown_whole;
     std::vector<Node*> series;
     size_t bytes;  // that it takes itself
   };
@@ -131,6 +136,7 @@ class SeriesTable : public PacketSink {
   void SweepMetrics() METRICS_REQUIRES(mutex_);
   static size_t BytesOf(const Node& node);
   static size_t BytesOf(const Metric& metric);
+  static size_t BytesOfCells(const Layout& layout);
   bool HasRoom(size_t page_bytes) const METRICS_REQUIRES(mutex_);
   bool IsOutdated(const Entry& entry) const METRICS_REQUIRES(mutex_);
   void UpdateHealth() METRICS_REQUIRES(mutex_);
@@ -164,7 +170,7 @@ class SeriesTable : public PacketSink {
   // Of the block and the record in work.
   std::string metric_key_ METRICS_GUARDED_BY(mutex_);
   PointTags tags_ METRICS_GUARDED_BY(mutex_);
-  std::string key_ METRICS_GUARDED_BY(mutex_);  // begins with the tags
+  std::string key_ METRICS_GUARDED_BY(mutex_);  // of the tags, with room for the metric's number
   size_t tag_bytes_ METRICS_GUARDED_BY(mutex_) = 0;
 };
 

@@ -61,10 +61,9 @@ void StreamWriter::Run() {
 
 bool StreamWriter::WriteChunk(std::string_view text) {
   while (!text.empty() && error_ == 0) {
-    pollfd ready = {fd_, POLLOUT, 0};
-    const int count = poll(&ready, 1, kPollMillis);
     if (GaveUp()) return false;
-    if (count <= 0) continue;
+    pollfd ready = {fd_, POLLOUT, 0};
+    if (poll(&ready, 1, kPollMillis) <= 0) continue;
     const ssize_t written = write(fd_, text.data(), std::min(text.size(), write_size_));
     if (written >= 0) {
       text.remove_prefix(static_cast<size_t>(written));

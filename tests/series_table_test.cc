@@ -1,0 +1,247 @@
+#include "agent/series_table.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <limits>
+#include <memory>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "agent/bounded_queue.h"
+
+namespace tidegate::agent {
+namespace {
+
+using std::chrono::seconds;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+constexpr int64_t kTime = 1700000000;
+constexpr double kInf = std::numeric_limits<double>::infinity();
+constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+
+struct Point {
+  uint8_t type;
+  std::string name;
+  std::vector<std::string> columns;
+  std::vector<Tag> tags;
+  std::vector<double> values;
+  std::vector<uint32_t> indexes = {};
+  int64_t time = kTime;
+};
+
+class SeriesTableTest : public testing::Test {
+ protected:
+  void Make(const SeriesTable::Options& options) {
+    table_ = std::make_unique<SeriesTable>(
+        options, &health_, [this](const std::string& line) { reports_.push_back(line); },
+        [this] { return now_; });
+  }
+  void Handle(const Point& point) {
+    Packet packet;
+    packet.tenant = "t1";
+    Block& block = packet.blocks.emplace_back();
+    block.wire_type = point.type;
+    block.name = point.name;
+    block.timestamp = point.time;
+    for (const std::string& column : point.columns) block.fields.push_back({column});
+    block.series.push_back({0, point.tags, point.indexes, point.values});
+    table_->Handle(packet, {77});
+  }
+  std::string Page(bool timestamps = false) {
+    std::string page;
+    table_->AppendPage(timestamps, &page);
+    return page;
+  }
+  // The samples of the page, each behind the type of its family, without the tenant.
+  std::string Samples() {
+    std::istringstream page(Page());
+    std::string samples, type;
+    for (std::string line; std::getline(page, line);) {
+      if (line.rfind("# TYPE ", 0) == 0) type = line.substr(line.rfind(' ') + 1) + ' ';
+      if (line[0] != '#') samples += type + line + '\n';
+    }
+    samples = std::regex_replace(samples, std::regex(R"(\{tenant="t1"\})"), "");
+    return std::regex_replace(samples, std::regex(R"(tenant="t1",)"), "");
+  }
+
+  std::chrono::steady_clock::time_point now_{seconds(1000)};
+  Health health_;
+  std::vector<std::string> reports_;
+  std::unique_ptr<SeriesTable> table_;
+};
+
+const std::vector<std::string> kTimer = {"min",   "max",   "avg",   "sum",   "counter",
+                                         "pct50", "pct90", "pct95", "pct99", "pct999"};
+
+TEST_F(SeriesTableTest, ShowsEachKindInItsFamilies) {
+  const struct {
+    Point point;
+    const char* samples;
+  } kCases[] = {
+      {{1, "a.b-c", {}, {{"host", "h"}}, {1.5}}, "gauge a_b_c{host=\"h\"} 1.5\n"},
+      {{2, "1r", {}, {}, {kNan}}, "gauge _1r NaN\n"},
+      {{3, "c", {}, {}, {1e20}}, "counter c_total 1e+20\n"},
+      {{3, "c.total", {}, {}, {kInf}}, "counter c_total +Inf\n"},
+      {{4, "m", {}, {}, {-kInf}}, "untyped m -Inf\n"},
+      {{8, "d", {"counter", "rate", "delta"}, {}, {30, 0.5, 5}},
+       "gauge d_rate 0.5\ncounter d_total 30\n"},
+      {{5, "t", kTimer, {{"quantile", "q"}}, {1, 9, 5, 50, 10, 4, 6, 7, 8, 9}},
+       "summary t{exported_quantile=\"q\",quantile=\"0.5\"} 4\n"
+       "summary t{exported_quantile=\"q\",quantile=\"0.9\"} 6\n"
+       "summary t{exported_quantile=\"q\",quantile=\"0.95\"} 7\n"
+       "summary t{exported_quantile=\"q\",quantile=\"0.99\"} 8\n"
+       "summary t{exported_quantile=\"q\",quantile=\"0.999\"} 9\n"
+       "summary t_sum{exported_quantile=\"q\"} 50\nsummary t_count{exported_quantile=\"q\"} 10\n"
+       "gauge t_avg{exported_quantile=\"q\"} 5\ngauge t_max{exported_quantile=\"q\"} 9\n"
+       "gauge t_min{exported_quantile=\"q\"} 1\n"},
+      {{6,
+        "h",
+        {"hist:b--1.000000", "hist:b-0.500000", "hist:b-0.500000", "hist:b-20.000000", "hist:sum",
+         "hist:count"},
+        {},
+        {1, 2, 3, 4, -1.5, 10}},
+       "histogram h_bucket{le=\"0.5\"} 3\nhistogram h_bucket{le=\"20\"} 6\n"
+       "histogram h_bucket{le=\"+Inf\"} 10\nhistogram h_sum -1.5\nhistogram h_count 10\n"},
+      {{6, "bad", {"hist:b-x", "hist:sum", "hist:count"}, {{"le", "1"}}, {1, 2, 3}},
+       "gauge bad_hist:b_x{le=\"1\"} 1\ngauge bad_hist:count{le=\"1\"} 3\n"
+       "gauge bad_hist:sum{le=\"1\"} 2\n"},
+      {{7, "row", {"x", "y.rate", "z", "z"}, {}, {7, 8}, {1, 2}},
+       "gauge row_y_rate 7\ngauge row_z 8\n"},
+      {{1, "n\n\\", {}, {{"9 k", "a\"b\\c\nd\xff\xc3\xa9"}, {"__x", "1"}, {"e", ""}}, {0}},
+       "gauge n__{_9_k=\"a\\\"b\\\\c\\nd\xef\xbf\xbd\xc3\xa9\",exported__x=\"1\"} 0\n"},
+      {{1, "g", {}, {{"pid", "p"}, {"tenant", "t"}, {"tenant", "u"}}, {0}},
+       "gauge g{pid=\"p\",exported_tenant=\"t\"} 0\n"},
+  };
+  for (const auto& [point, samples] : kCases) {
+    SCOPED_TRACE(point.name);
+    Make({});
+    Handle(point);
+    EXPECT_EQ(Samples(), samples);
+    EXPECT_THAT(reports_, IsEmpty());
+  }
+  SeriesTable::Options with_pid;
+  with_pid.label_pid = true;
+  Make(with_pid);
+  Handle({1, "g", {}, {{"pid", "p"}}, {0}});
+  EXPECT_THAT(Page(true),
+              HasSubstr("g{tenant=\"t1\",pid=\"77\",exported_pid=\"p\"} 0 1700000000000\n"));
+}
+
+TEST_F(SeriesTableTest, KeepsTheNewestAndAddsIntervalsUp) {
+  Make({});
+  Handle({3, "c", {}, {}, {5}});
+  Handle({3, "c", {}, {}, {0}, {}, kTime - 10});  // the interval before
+  EXPECT_EQ(Samples(), "counter c_total 5\n");
+  Handle({3, "c", {}, {}, {6}});
+  EXPECT_EQ(Samples(), "counter c_total 6\n");
+
+  Make({});
+  Handle({7, "r", {"x", "y"}, {}, {1, 2}, {0, 1}});
+  Handle({7, "r", {"x", "y"}, {}, {3}, {1}, kTime + 300});
+  EXPECT_EQ(Samples(), "gauge r_x 1\ngauge r_y 3\n");
+  Handle({7, "r", {"x", "y"}, {}, {4}, {1}, kTime + 301});  // x has been silent for too long
+  EXPECT_EQ(Samples(), "gauge r_y 4\n");
+
+  Make({});
+  for (const double sum : {2.0, kNan, -0.5}) {
+    Handle({6, "h", {"hist:b-0", "hist:b-1", "hist:sum", "hist:count"}, {}, {1, 2, sum, 3}});
+    Handle({5, "t", kTimer, {}, {0, 0, 0, sum, 3, 0, 0, 0, 0, sum}});
+  }
+  const std::string samples = Samples();
+  EXPECT_THAT(samples, HasSubstr("h_bucket{le=\"1\"} 3\nhistogram h_bucket{le=\"+Inf\"} 9\n"
+                                 "histogram h_sum 1.5\nhistogram h_count 9\n"));
+  EXPECT_THAT(samples, HasSubstr("t{quantile=\"0.999\"} -0.5\nsummary t_sum 1.5\n"
+                                 "summary t_count 9\n"));
+  // Other bounds: from the start, and not beside the old ones.
+  Handle({6, "h", {"hist:b-7", "hist:sum", "hist:count"}, {}, {1, 7, 1}});
+  EXPECT_THAT(Samples(), StartsWith("histogram h_bucket{le=\"+Inf\"} 1\nhistogram h_sum 7\n"
+                                    "histogram h_count 1\nsummary t{"));
+}
+
+TEST_F(SeriesTableTest, LimitsSeriesAndForgetsThoseWithoutNews) {
+  SeriesTable::Options options;
+  options.max_series = 2;
+  Make(options);
+  for (const char* host : {"a", "b", "c", "a", "d"}) Handle({1, "g", {}, {{"host", host}}, {1}});
+  EXPECT_EQ(health_.refused_points, 2U);
+  EXPECT_EQ(health_.series, 2U);
+  now_ += seconds(300);
+  Handle({1, "g", {}, {{"host", "b"}}, {2}});
+  table_->Sweep();
+  EXPECT_EQ(health_.series, 2U);                              // 300 s are not yet too long
+  Handle({1, "g", {}, {{"host", "a"}}, {0}, {}, kTime - 1});  // is no news
+  now_ += seconds(10);
+  EXPECT_EQ(Samples(), "gauge g{host=\"b\"} 2\n");
+  table_->Sweep();
+  EXPECT_EQ(health_.series, 1U);
+  Handle({1, "g", {}, {{"host", "a"}}, {7}, {}, kTime - 1});
+  EXPECT_EQ(Samples(), "gauge g{host=\"b\"} 2\ngauge g{host=\"a\"} 7\n");
+  now_ += seconds(301);
+  table_->Sweep();
+  EXPECT_EQ(Page(), "");
+  EXPECT_EQ(health_.series_bytes, 0U);
+
+  // A few huge series do not get around the limit.
+  for (char c = 'a'; c < 'z'; ++c) Handle({1, "g", {}, {{"k", std::string(1000, c)}}, {1}});
+  EXPECT_EQ(health_.series, 2U);
+  Make({});
+  Handle({7,
+          "r",
+          std::vector<std::string>(1000, "c"),
+          {{"k", std::string(20000, 'v')}},
+          std::vector<double>(1000, 1)});
+  EXPECT_EQ(health_.series, 0U);
+}
+
+TEST_F(SeriesTableTest, LeavesOutWhatCollidesAndSaysSoOnce) {
+  Make({});
+  Handle({1, "a.b", {}, {{"x.y", "1"}}, {1}});
+  for (int i = 0; i < 2; ++i) {
+    Handle({1, "a_b", {}, {}, {2}});              // another name
+    Handle({2, "a.b", {}, {}, {3}});              // another kind
+    Handle({1, "a.b", {}, {{"x_y", "1"}}, {4}});  // a label that another tag has
+    Handle({6, "a", {"hist:b-0", "hist:sum", "hist:count"}, {}, {1, 1, 1}});
+    Handle({1, "a.sum", {}, {}, {5}});  // a line of the histogram
+  }
+  EXPECT_EQ(Samples(),
+            "histogram a_bucket{le=\"+Inf\"} 2\nhistogram a_sum 2\nhistogram a_count 2\n"
+            "gauge a_b{x_y=\"1\"} 1\n");
+  EXPECT_THAT(reports_,
+              ElementsAre(HasSubstr("\"a_b\" stands for the gauge a.b in /metrics; the gauge a_b"),
+                          HasSubstr("the rate a.b is left out"),
+                          HasSubstr("\"a_b{x_y}\" stands for the tag x.y"),
+                          HasSubstr("\"a_sum\" stands for the histogram a")));
+  EXPECT_EQ(health_.collided_points, 8U);
+
+  now_ += seconds(301);
+  Handle({1, "a_b", {}, {}, {2}});
+  table_->Sweep();
+  EXPECT_EQ(Samples(), "gauge a_b 2\n");
+}
+
+TEST(BoundedQueueTest, DropsTheOldestAndHandsOutTheRestAfterItWasClosed) {
+  using Queue = BoundedQueue<int>;
+  Queue queue(3000);
+  for (int i = 0; i < 2; ++i) EXPECT_THAT(queue.Push(i, 900), IsEmpty());
+  EXPECT_THAT(queue.Push(2, 1500), ElementsAre(0));
+  EXPECT_THAT(queue.Push(3, 400), IsEmpty());
+  EXPECT_THAT(queue.Push(4, 4000), ElementsAre(1, 2, 3, 4));
+  queue.Push(5, 0);
+  queue.Close();
+  int item = 0;
+  EXPECT_EQ(queue.Pop(&item, seconds(20)), Queue::Result::kItem);
+  EXPECT_EQ(item, 5);
+  EXPECT_EQ(queue.Pop(&item, seconds(20)), Queue::Result::kClosed);
+  for (int i = 0; i < 1000; ++i) queue.Push(i, 0);  // nothing is for nothing
+  EXPECT_LT(queue.size(), 200U);
+}
+
+}  // namespace
+}  // namespace tidegate::agent
