@@ -180,7 +180,7 @@ void Ledger::Settle(Packet& packet, Fate fate) {
 }
 
 Ledger::PacketPtr Ledger::Record(const char* bytes, size_t size, size_t hash) {
-  const auto packet = std::make_shared<Packet>();
+  auto packet = std::make_shared<Packet>();
   packet->number = next_number_++;
   packet->hash = hash;
   packet->size = size;

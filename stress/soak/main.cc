@@ -3,7 +3,6 @@
 // every series, emitted = received + what stood in packets whose send failed + what a killed agent
 // had not read.
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -29,8 +28,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
-
-constexpr seconds kPatience{120};
 
 struct Options {
   int seconds = 8;
@@ -109,26 +106,6 @@ class Crew {
   std::thread watchman_;
 };
 
-bool AllSettled(const Worlds& worlds) {
-  return std::all_of(worlds.begin(), worlds.end(),
-                     [](const auto& world) { return world->IsSettled(); });
-}
-
-// The ordinary flushes bring all that is left; then each client ends with a last one.
-void WindDown(const Worlds& worlds, uint64_t seed) {
-  const auto deadline = steady_clock::now() + kPatience;
-  while (!AllSettled(worlds) && steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(milliseconds(50));
-  }
-  Random random(seed);
-  for (const std::unique_ptr<World>& world : worlds) {
-    // A flush that runs when the client ends would be the last one.
-    test::SleepToMidSecond();
-    world->EmitOnAll(random);
-    world->FlushAndExit();
-  }
-}
-
 void AddFigures(const Ledger& ledger, const SlotFigures& slots, const Worlds& worlds,
                 Report& report) {
   int64_t emissions = slots.emissions;
@@ -178,7 +155,9 @@ int Soak(const Options& options) {
     Random random(options.seed);
     keeper.Torment(steady_clock::now() + seconds(options.seconds), random);
     crew.Stop();
-    WindDown(worlds, options.seed);
+    for (const std::unique_ptr<World>& world : worlds) {
+      world->FlushAndExit(random);
+    }
     keeper.End();
     ledger.Finish();
     for (const std::unique_ptr<World>& world : worlds) {

@@ -52,12 +52,11 @@ class World {
 
   // A random emission on a metric that stays or comes and goes.
   void Emit(Random& random);
-  void EmitOnAll(Random& random);
   // A step of each slot. Without `refill`, to an end: true when all are there.
   bool Turn(Random& random, bool refill);
 
-  bool IsSettled() const;
-  void FlushAndExit();
+  // Waits until the ordinary flushes have brought everything, and has a last one bring some more.
+  void FlushAndExit(Random& random);
   // To be called at the very end: everything is accounted for, and every total arrived.
   void CheckBooks() const;
   int64_t emissions() const;
@@ -66,6 +65,10 @@ class World {
   void MakeSteady();
   void AddSteady(METRICS::MetricRegistry& registry, Shape shape);
   METRICS::MetricRegistry* MakeRegistry(const std::string& prefix, int flush_interval);
+  bool IsSettled() const;
+  void AwaitSettled() const;
+  // Returns in the middle of a second whose flush has ended, as the library says of itself.
+  bool AwaitPauseOfFlushes();
   // Waits until a pass of expiry that began before this call has ended: it goes by a series of a
   // metric of its own, which is idle from the start.
   bool AwaitExpiryPass();
