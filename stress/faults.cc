@@ -442,6 +442,7 @@ void ClockLeaps(int length) {
     clocks.insert(clocks.begin(), (i % 2 == 0 ? 3600 : -3600) * i + i % 7);
   }
   std::vector<std::unique_ptr<Service>> services;
+  services.reserve(intervals.size());
   for (const auto& [tenant, interval] : intervals) {
     services.push_back(std::make_unique<Service>(agent.path(), tenant, interval));
   }
