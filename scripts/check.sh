@@ -5,6 +5,7 @@
 #   tidy     clang-tidy finds nothing
 #   asan     the suite under the address and undefined behaviour sanitizers
 #   tsan     the suite under the thread sanitizer
+#   fuzz     a short run of each fuzzer
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
@@ -24,7 +25,7 @@ sources() {
 
 check_format() {
   step "checking the format"
-  sources include src tools tests bench examples -- '*.h' '*.cc' |
+  sources include src tools tests fuzz bench examples -- '*.h' '*.cc' |
     xargs -0 clang-format --dry-run -Werror
 }
 
@@ -37,7 +38,7 @@ check_tidy() {
   step "configuring build/clang"
   (cd "$ROOT" && quietly cmake --preset clang)
   step "running clang-tidy"
-  sources src tools examples bench tests -- '*.cc' |
+  sources src tools examples bench tests fuzz -- '*.cc' |
     xargs -0 -n 1 -P "$JOBS" clang-tidy -p "$ROOT/build/clang" --quiet 2> >(
       grep -v 'warnings\? generated\.$\|^Suppressed\|^Use -header-filter' >&2 || true)
 }
@@ -52,13 +53,17 @@ check_tsan() {
   run_tests tsan
 }
 
+check_fuzz() {
+  "$ROOT/scripts/fuzz.sh" 100000
+}
+
 if (($# == 0)); then
-  set -- format clang tidy asan tsan
+  set -- format clang tidy asan tsan fuzz
 fi
 for name in "$@"; do
   case $name in
-    format | clang | tidy | asan | tsan) ;;
-    *) die "unknown check \"$name\"; there are: format clang tidy asan tsan" ;;
+    format | clang | tidy | asan | tsan | fuzz) ;;
+    *) die "unknown check \"$name\"; there are: format clang tidy asan tsan fuzz" ;;
   esac
 done
 
