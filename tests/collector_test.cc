@@ -8,7 +8,6 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "metrics/metric_collector_factory.h"
@@ -19,6 +18,7 @@ namespace METRICS {
 namespace {
 
 using testing::MatchesRegex;
+using tidegate::test::kNeverDue;
 using tidegate::test::LogOf;
 using Strings = std::vector<std::string>;
 
@@ -44,43 +44,11 @@ TEST(ConcurrentHashmapTest, KeysOfOneHashStayApartAndTheTotalCountsAllTables) {
   EXPECT_EQ(total, 5u);
 }
 
-TEST(ConcurrentHashmapTest, PairsStayWholeWhileOthersEraseAndClear) {
-  std::atomic<unsigned long> total{0};
-  auto map = std::make_unique<SeriesMap>(total);
-  std::atomic<int> rounds{0};
-  tidegate::test::Workers writers;
-  writers.Start(2, [&](int index) {
-    for (int i = 0; i < 100; ++i) {
-      const Strings key{"too long for a short string " + std::to_string(i * 7 % 64), ""};
-      map->Insert(key, std::make_shared<MetricCollectorItem>(nullptr, 0, key[0]));
-      if (i % 3 == index) map->Erase(key);
-    }
-    if (++rounds % 7 == 0) map->Clear();
-  });
-  std::vector<Series> pairs;
-  while (rounds < 300) {
-    if (pairs.size() > 10000) pairs.clear();
-    for (const Series& pair : map->GetAll()) pairs.push_back(pair);
-    std::this_thread::yield();
-  }
-  writers.Stop();
-  EXPECT_EQ(map->GetAll().size(), total);
-  map.reset();
-  EXPECT_EQ(total, 0u);
-  for (const auto& [key, item] : pairs) ASSERT_EQ(key[0], item->encoded_tags_);
-}
-
 class CollectorTest : public testing::Test {
  protected:
-  static tidegate::test::TestClientOptions Options() {
-    tidegate::test::TestClientOptions options;
-    options.default_interval = 86400;  // the flush threads sleep through the test
-    options.core.max_total_series = 1000;
-    return options;
-  }
   bool IsRefused(const char* a) { return collector_.GetOrCreate({a, ""}) == DummyItem(); }
 
-  tidegate::test::TestClient client_{Options()};
+  tidegate::test::TestClient client_{{{}, kNeverDue, {}, {false, false, false, 1, 1, 1, 1000}}};
   MetricCollectorFactory& factory_ = *client_->collector_factory_;
   Metric* const metric_ = client_.Metric("m", {"a", "b"});
   MetricCollectorBase& collector_ = *metric_->impl_->collector_;
@@ -119,26 +87,6 @@ TEST_F(CollectorTest, AtTheQuotaOnlyNewSeriesAreRefused) {
   collector_.Erase({"0", ""});
   EXPECT_FALSE(IsRefused("new"));
   EXPECT_TRUE(IsRefused("0"));
-}
-
-TEST_F(CollectorTest, ThreadsRacingOnANewSeriesGetOneItem) {
-  constexpr int kThreads = 4, kRounds = 300;
-  std::atomic<int> arrived{0};
-  std::vector<std::shared_ptr<MetricCollectorItem>> items[kThreads];
-  std::vector<std::thread> threads;
-  for (auto& mine : items) {
-    threads.emplace_back([&] {
-      for (int round = 0; round < kRounds; ++round) {
-        ++arrived;
-        while (arrived < kThreads * (round + 1)) std::this_thread::yield();
-        mine.push_back(collector_.GetOrCreate({"r", std::to_string(100 + round)}));
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  for (const auto& mine : items) EXPECT_EQ(mine, items[0]);
-  EXPECT_EQ(factory_.total_series_, kRounds + 0u);
-  EXPECT_EQ(metric_->cache_mem_, kRounds * (4u + 112u));
 }
 
 TEST_F(CollectorTest, FactoryKeepsOneCollectorPerTenantAndNameUntilAtFork) {

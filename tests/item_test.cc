@@ -8,8 +8,6 @@
 #include <vector>
 
 #include "metrics/impl/metric_multi_field_impl.h"
-#include "metrics/metric_sender.h"
-#include "metrics/metric_sender_manager.h"
 #include "support/environment.h"
 
 namespace METRICS {
@@ -30,16 +28,12 @@ struct ItemTest : testing::Test {
     if (metric != nullptr) metric->SetCompatibleType(compatible);
     return metric;
   }
-  void Flush() {
-    MetricSender* sender = nullptr;
-    client->sender_manager_->GetSender(sender, "t1");
-    sender->last_flush_ts_ += 10;
-    EXPECT_TRUE(sender->DoPackAndSend());
-  }
+  void Flush() { client.Flush(now += 10); }
 
-  TestClient client{TestClientOptions{{}, kNeverDue, {}, {false, false}}};
+  TestClient client;
   MetricRegistry* const registry = client.Registry("p", "t1", {}, 10);
   int made = 0;
+  int64_t now = 1000;
 };
 
 TEST_F(ItemTest, ARowTakesAtMostItsNumberOfValuesAndDropsWhatDoesNotFit) {

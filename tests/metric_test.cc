@@ -20,40 +20,13 @@ using tidegate::test::LogOf;
 
 class MetricTest : public testing::Test {
  protected:
-  static tidegate::test::TestClientOptions Options() {
-    tidegate::test::TestClientOptions options;
-    options.default_interval = 86400;  // the flush threads sleep through the test
-    return options;
-  }
   static double Drain(MetricCollectorItem& item, const std::string& suffix) {
     return item.Fields().at(suffix)->Send(1).values.at(0);
   }
 
-  tidegate::test::TestClient client_{Options()};
+  tidegate::test::TestClient client_;
   Metric& metric_ = *client_.Metric("m", {"b", "a"});
 };
-
-TEST(VerbTest, EachVerbHasItsTypeAndNameAndKeepsIntegersApart) {
-  const struct {
-    MetricFieldValue from_int, from_long, from_double;
-    int type;
-    const char* name;
-  } verbs[] = {{Incr(-3), Incr(-3L), Incr(-.5), 2, "rate"},
-               {Observe(-3), Observe(-3L), Observe(-.5), 5, "timer"},
-               {Store(-3), Store(-3L), Store(-.5), 1, "store"},
-               {IncrMeter(-3), IncrMeter(-3L), IncrMeter(-.5), 4, "meter"},
-               {IncrCounter(-3), IncrCounter(-3L), IncrCounter(-.5), 3, "counter"},
-               {Stat(-3), Stat(-3L), Stat(-.5), 6, "histogram"},
-               {Add(-3), Add(-3L), WithSuffix("delta_counter", Add(-.5)), 8, "delta_counter"}};
-  for (const auto& [from_int, from_long, from_double, type, name] : verbs) {
-    for (const MetricFieldValue& value : {from_int, from_long, from_double}) {
-      EXPECT_TRUE(value.name == name && static_cast<int>(value.type) == type) << name;
-    }
-    EXPECT_TRUE(from_int.is_integer && from_int.value.integer == -3) << name;
-    EXPECT_TRUE(from_long.is_integer && from_long.value.integer == -3) << name;
-    EXPECT_TRUE(!from_double.is_integer && from_double.value.real == -.5) << name;
-  }
-}
 
 TEST_F(MetricTest, AllFormsOfTagsLeadToTheSameSeries) {
   const auto full = metric_.WithTags({{"a", "2"}, {"b", "1"}});

@@ -43,28 +43,6 @@ Packet ReadValid(const char* golden) {
   return packet;
 }
 
-TEST(PacketReaderTest, DecodesTheGaugePacketFieldByField) {
-  const Packet packet = ReadValid("gauge.hex");
-  EXPECT_EQ(std::tie(packet.version, packet.header_len, packet.body_len, packet.send_time_ms),
-            std::make_tuple(4, 112u, 88u, 1700000000125));
-  EXPECT_EQ(std::tie(packet.format_word, packet.block_count, packet.series_count, packet.tenant),
-            std::make_tuple(15u, 1u, 1u, "t1"));
-  EXPECT_EQ(packet.tenant_tags, (Tags{{"account_id", "acc"}, {"project_id", "proj"}}));
-  EXPECT_EQ(packet.sdk_version, "1.0.4");
-
-  ASSERT_EQ(packet.blocks.size(), 1u);
-  const Block& block = packet.blocks[0];
-  EXPECT_EQ(std::tie(block.wire_type, block.name_hash, block.timestamp, block.name),
-            std::make_tuple(1, 0x7bae937au, 1700000000, "svc.lat"));
-  EXPECT_TRUE(block.fields.empty());
-  ASSERT_EQ(block.series.size(), 1u);
-  const Series& record = block.series[0];
-  EXPECT_EQ(record.tag_hash, 0xd214ee0du);
-  EXPECT_EQ(record.tags, (Tags{{"dc", "b"}, {"host", "a"}}));
-  EXPECT_TRUE(record.indexes.empty());
-  EXPECT_EQ(record.values, Values{1.5});
-}
-
 TEST(PacketReaderTest, DecodesIndexesAndABlockWithoutSeries) {
   const Packet packet = ReadValid("multi_field.hex");
   ASSERT_EQ(packet.blocks.size(), 2u);

@@ -30,7 +30,6 @@ class RegistryTest : public testing::Test {
  protected:
   static tidegate::test::TestClientOptions Options() {
     tidegate::test::TestClientOptions options;
-    options.default_interval = 86400;  // the flush threads sleep through the test
     options.vendor.immutable_tags = {{"y", "immutable"}, {"ig", "immutable"}};
     options.vendor.rewritable_tags = {{"r", "rewritable"}, {"gr", "rewritable"}};
     return options;

@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <chrono>
@@ -15,11 +13,9 @@
 
 #include "golden/golden_file.h"
 #include "metrics/metric_encoder.h"
-#include "metrics/metric_sender_manager.h"
 #include "support/agent_socket.h"
 #include "support/environment.h"
 #include "util/metric_clock_util.h"
-#include "util/metric_size_limits.h"
 
 namespace tidegate::test {
 namespace {
@@ -35,17 +31,11 @@ using std::chrono::steady_clock;
 using testing::EndsWith;
 using testing::HasSubstr;
 
-MetricSender* Find(TestClient& client, const std::string& tenant = "t1") {
-  MetricSender* sender = nullptr;
-  client->sender_manager_->GetSender(sender, tenant);
-  return sender;
-}
-
 // The sender of "t1", once its thread has the interval and will not change it any more.
 MetricSender& SenderOf(TestClient& client) {
   client.Registry("p");
-  EXPECT_TRUE(WaitFor([&] { return Find(client)->interval_ == kNeverDue; }));
-  return *Find(client);
+  EXPECT_TRUE(WaitFor([&] { return client.Sender().interval_ == kNeverDue; }));
+  return client.Sender();
 }
 
 // Sends `bytes` and returns the log. The time is bounded with a wide margin over 320 ms.
@@ -84,7 +74,7 @@ TEST(SenderTest, SurvivesEveryAbsenceOfTheAgent) {
   for (const auto& [what, change, errors, delivered] : kSteps) {
     SCOPED_TRACE(what);
     change();
-    const std::string log = Send(*Find(client), ReadGolden("gauge.hex"));
+    const std::string log = Send(client.Sender(), ReadGolden("gauge.hex"));
     EXPECT_EQ(CountOf("try to reconnect", log), errors.size());
     EXPECT_EQ(CountOf("]Sender[t1] UDS reconnect, close old socket: ", log), errors.size());
     for (const int error : errors) {
@@ -95,38 +85,6 @@ TEST(SenderTest, SurvivesEveryAbsenceOfTheAgent) {
     EXPECT_EQ(CountOf("at attempt", log), delivered == nullptr ? 0u : 1u);
   }
   EXPECT_EQ(agent->Received().size(), 3u);
-}
-
-TEST(SenderTest, AnAgentThatStallsCostsABoundedTimePerPacket) {
-  const TempDir dir;
-  sockaddr_un address{AF_UNIX, {}};
-  dir.File("s").copy(address.sun_path, sizeof(address.sun_path) - 1);
-  const agent::UniqueFd listener(::socket(AF_UNIX, SOCK_SEQPACKET, 0));
-  ASSERT_EQ(::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  ASSERT_EQ(::listen(listener.get(), 1), 0);  // lets two connections in
-  TestClient client(ReportTo(dir.File("s"), kNeverDue));
-  // Packets fill the first connection, then the second, then a third is not to be had.
-  std::vector<std::string> troubled;
-  for (int i = 0; i < 50 && troubled.size() < 2; ++i) {
-    const std::string log = Send(SenderOf(client), std::string(METRICS::kMetricMaxMsgLen, 'x'));
-    if (CountOf("Send fail with errno[11]", log) > 0) {
-      troubled.push_back(log);
-    }
-  }
-  ASSERT_EQ(troubled.size(), 2u);
-  EXPECT_EQ(CountOf("try to reconnect", troubled[0]), 1u);
-  EXPECT_THAT(troubled[0], HasSubstr("  at attempt: 2\n"));
-  EXPECT_EQ(CountOf("connect to socket fail, errno: Resource temporarily", troubled[1]), 2u);
-  EXPECT_EQ(CountOf("at attempt", troubled[1]), 0u);
-}
-
-TEST(SenderTest, ALongPathIsCut) {
-  const TempDir dir;
-  AgentSocket agent(dir.File(std::string(106 - dir.path().size(), 'x')));
-  ASSERT_EQ(agent.path().size(), 107u);
-  TestClient client(ReportTo(agent.path() + "yz", kNeverDue));
-  Send(SenderOf(client), ReadGolden("gauge.hex"));
-  EXPECT_TRUE(agent.WaitForPackets(1));
 }
 
 TEST(SenderTest, SleepsToTheBoundaryThatItAimedAt) {
@@ -251,7 +209,7 @@ TEST(SenderTest, AnUnusableIntervalEndsTheThreadButNotTheLastFlush) {
     const std::string log = LogOf([&] {
       client.Metric("m")->WithTags({})->Emit({Store(1)});
       EXPECT_TRUE(WaitFor([&] { return usable || ThreadCount() <= threads; }));
-      EXPECT_TRUE(WaitFor([&] { return Find(client)->interval_ == interval.value_or(30); }));
+      EXPECT_TRUE(WaitFor([&] { return client.Sender().interval_ == interval.value_or(30); }));
       client->FlushAndExit();
     });
     EXPECT_EQ(CountOf("]tenant config interval: tenant= t1, interval= ", log), interval ? 1u : 0u);
@@ -272,7 +230,7 @@ TEST(SenderManagerTest, KeepsOneSenderPerTenant) {
   cfg.sender_type = MetricSenderType::kSenderTcp;
   EXPECT_THAT(LogOf([&] { client->CreateRegistry(registry, cfg); }),
               EndsWith("]Sender of [t1] already exist, CreateSender skipped.\n"));
-  EXPECT_EQ(Find(client), first);
+  EXPECT_EQ(&client.Sender(), first);
 
   std::unordered_map<std::string, int> intervals{{"t1", 7}, {"nobody", 9}};
   EXPECT_THAT(LogOf([&] { manager.UpdateSenderInterval(intervals); }),
@@ -282,25 +240,6 @@ TEST(SenderManagerTest, KeepsOneSenderPerTenant) {
   EXPECT_EQ(CountOf("]MetricSender[t1] Exit, interval: 7, exit cost: ", log), 2u);
   EXPECT_EQ(manager.RemoveSender("t1"), ReturnCode::kObjectNotExisted);
   EXPECT_TRUE(manager.GetAllTenant().empty());
-}
-
-TEST(SenderManagerTest, EveryEndLeavesItEmptyAndUsable) {
-  TestClient client(ReportTo("", kNeverDue));
-  MetricSenderManager& manager = *client->sender_manager_;
-  const std::pair<std::string, void (MetricSenderManager::*)()> kEnds[] = {
-      {"Exit", &MetricSenderManager::Exit},
-      {"FlushAndExit", &MetricSenderManager::FlushAndExit},
-      {"AtFork", &MetricSenderManager::AtFork}};
-  for (const auto& [name, end] : kEnds) {
-    manager.CreateSender("t1", MetricSenderType::kSenderUnixDomain);
-    manager.CreateSender("t2", MetricSenderType::kSenderUnixDomain);
-    for (const size_t senders : {2u, 0u}) {
-      const std::string log = LogOf([&, end = end] { (manager.*end)(); });
-      EXPECT_EQ(CountOf("] Exit, interval: ", log), senders);  // a line per destructor
-      EXPECT_THAT(log, EndsWith("]MetricSenderManager " + name + ", sender num: 0\n"));
-      EXPECT_TRUE(manager.GetAllTenant().empty());
-    }
-  }
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include <csignal>
 
 #include "agent/unique_fd.h"
-#include "metrics/metric_sender_manager.h"
 #include "metrics/metric_tcp_sender.h"
 #include "support/environment.h"
 #include "util/metric_data_util.h"
@@ -67,9 +66,7 @@ struct Discovery final : METRICS::DummyServiceDiscovery {
 MetricTcpSender& MakeSender(TestClient& client, const Endpoint& endpoint) {
   client->configer_->discovery_ = std::make_unique<Discovery>(endpoint);
   client->sender_manager_->CreateSender("t1", METRICS::MetricSenderType::kSenderTcp);
-  METRICS::MetricSender* sender = nullptr;
-  client->sender_manager_->GetSender(sender, "t1");
-  return static_cast<MetricTcpSender&>(*sender);
+  return static_cast<MetricTcpSender&>(client.Sender());
 }
 
 TEST(TcpSenderTest, IsReadyWhateverItsFirstConnectionAndEndsFreelyWithNothingToSend) {
@@ -90,23 +87,6 @@ TEST(TcpSenderTest, IsReadyWhateverItsFirstConnectionAndEndsFreelyWithNothingToS
     EXPECT_THAT(LogOf(run, 0), testing::HasSubstr(line));
   }
   EXPECT_TRUE(open.Accept().valid());
-}
-
-TEST(TcpSenderTest, ReadResponseRefusesTheStepThatItServes) {
-  const Port port(true);
-  TestClient client({{}, kNeverDue, {}, {}});
-  MetricTcpSender& sender = MakeSender(client, {"127.0.0.1", port.number});
-  const agent::UniqueFd peer = port.Accept();
-  const std::tuple<int, bool, size_t, int> kCases[] = {
-      {1, true, 16, 65535}, {3, false, 16, 65535}, {0, true, 16, 258}, {3, true, 16, 258},
-      {1, false, 16, 258},  {0, false, 15, 65535}, {0, true, 0, 65535}};
-  for (const auto& [state, header_phase, sent, expected] : kCases) {
-    const std::array<char, 16> reply{2, 1, 7};
-    ASSERT_EQ(::send(peer.get(), reply.data(), sent, 0), static_cast<ssize_t>(sent));
-    sender.tcp_state_ = static_cast<MetricTcpSender::TcpState>(state);
-    MetricProducerPacket::Response response;
-    EXPECT_EQ(sender.ReadResponse(header_phase, &response), expected) << state << header_phase;
-  }
 }
 
 TEST(TcpSenderTest, AFlushRepeatsTheHeadAndDoesNotEnd) {

@@ -8,7 +8,6 @@
 #include <string>
 #include <thread>
 
-#include "metrics/global_resources_limit.h"
 #include "support/environment.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_data_util.h"
@@ -20,14 +19,6 @@ namespace {
 using std::chrono::milliseconds;
 using testing::MatchesRegex;
 using tidegate::test::LogOf;
-
-TEST(VocabularyTest, CodesHaveTheirTextsAndSuccessHasNone) {
-  EXPECT_STREQ(MetricGetErrorCodeStr(ReturnCode{33}), "Reach max registry num [512]");
-  EXPECT_EQ(MetricGetErrorCodeStr(ReturnCode{0}), nullptr);
-  EXPECT_EQ(MetricGetErrorCodeStr(ReturnCode{255}), nullptr);
-  EXPECT_STREQ(CovMetricTypeToStr(MetricsType{8}), "delta_counter");
-  EXPECT_STREQ(CovMetricTypeToStr(MetricsType{200}), "unknown");
-}
 
 TEST(LogTest, LevelGatesLinesAndTheirArguments) {
   int computed = 0;
@@ -54,12 +45,6 @@ TEST(LogTest, DebugTraceEndsEachValueInABarAndCutsLongText) {
   const std::string head = "[MetricSDK][Debug]" + text.substr(0, 1023) + " with tag value: ";
   EXPECT_EQ(LogOf([&] { DebugMsg({"a", "", "c"}, "%s", text.c_str()); }, 0), head + "a||c|\n");
   EXPECT_EQ(LogOf([&] { DebugMsg({"a"}, "%s", text.c_str()); }, 1), "");
-}
-
-TEST(GlobalResourcesLimitTest, OnlyTheFirstCallCounts) {
-  SetGlobalResourcesLimit({7});
-  SetGlobalResourcesLimit({9});
-  EXPECT_EQ(GetGlobalResourcesLimit().max_metrics_per_registry, 7u);
 }
 
 TEST(ClockTest, FlushIntervalsOutsideTheListBecomeThirtyWithAWarning) {

@@ -1,8 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -43,7 +43,7 @@ class AgentSocket {
   static constexpr std::chrono::milliseconds kPatience{20000};
 
   // Listens on `path`; throws std::system_error when it cannot.
-  explicit AgentSocket(std::string path);
+  explicit AgentSocket(std::string path) : path_(std::move(path)) { Restart(); }
   ~AgentSocket() { Stop(); }
   AgentSocket(const AgentSocket&) = delete;
   AgentSocket& operator=(const AgentSocket&) = delete;
@@ -67,26 +67,19 @@ class AgentSocket {
   const std::string& path() const { return path_; }
 
  private:
-  void Listen();
   void Serve();
-  void Accept();
-  void Drain();
-  // Takes one message in; false at the end of the connection.
-  bool Receive(int client, int flags);
-  void Keep(std::string bytes);
+  // Takes in what there is; false at the end of the connection.
+  bool Receive(int client);
 
   const std::string path_;
-  // Of the serving thread alone.
+  std::vector<char> buffer_ = std::vector<char>(1 << 20);  // of the thread alone
   agent::UniqueFd listener_;
-  std::vector<agent::UniqueFd> clients_;
-  std::vector<char> buffer_;
-
-  agent::UniqueFd stop_;  // an eventfd: the thread is to end
+  std::atomic<bool> stopping_{false};
+  std::thread thread_;
   mutable std::mutex mutex_;
   std::condition_variable arrived_;
   Packets packets_;  // this and the one below: guarded by mutex_
   std::vector<std::string> errors_;
-  std::thread thread_;
 };
 
 std::vector<Point> PointsOf(const AgentSocket::Packets& packets);
