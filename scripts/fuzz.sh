@@ -7,7 +7,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 RUNS=${1:-20000000}
 MAX_LEN=2048 # bytes of an input
-RSS_LIMIT=1024 MALLOC_LIMIT=64 # MiB
+RSS_LIMIT=1024 MALLOC_LIMIT=8 # MiB
 shift $(($# > 0))
 
 need_packages "${BUILD_PACKAGES[@]}" "${CHECK_PACKAGES[@]}"

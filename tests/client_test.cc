@@ -88,18 +88,5 @@ TEST(ClientTest, EveryEndIsCleanAndOnlyFlushAndExitKeepsValues) {
   }
 }
 
-TEST(ClientTest, FindsWhatExistsWhateverElseIsAskedFor) {
-  TestClient client;
-  METRICS::MetricRegistry* const registry = client.Registry("p", "t1", {{"a", "b"}}, 5);
-  EXPECT_EQ(client.Registry("p", "t1", {}, 60), registry);
-  EXPECT_EQ(registry->FlushInterval(), 5);
-  EXPECT_NE(client.Registry("p", "t2"), registry);
-  METRICS::Metric* const metric = client.Metric("m", {"x"});
-  EXPECT_EQ(client.Metric("m", {"y", "z"}), metric);
-  EXPECT_EQ(metric->registry_, registry);
-  const auto refused = client->CreateMetric({"p", {}, "t1"}, {"n", {"a"}, {}, {}});
-  EXPECT_TRUE(refused.metric == nullptr && refused.code == ReturnCode::kTagConflict);
-}
-
 }  // namespace
 }  // namespace tidegate::test

@@ -1,5 +1,3 @@
-#include "metrics/metric_encoder.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -9,10 +7,8 @@
 
 #include "agent/packet_reader.h"
 #include "codec/fnv_hash.h"
-#include "codec/pack.h"
 #include "metrics/metric_factory.h"
-#include "metrics/metric_sender.h"
-#include "support/environment.h"
+#include "support/list_sender.h"
 
 namespace METRICS {
 namespace {
@@ -22,56 +18,12 @@ using testing::IsEmpty;
 using tidegate::agent::Packet;
 using tidegate::agent::Tag;
 
-TEST(PackTest, GrowsByMultiplesOf1024AndIsCutBackByClear) {
-  const struct {
-    int32_t capacity, used, n, grown, cleared;
-  } cases[] = {{64, 60, 3, 64, 64},
-               {64, 60, 4, 1088, 1088},  // one byte stays free
-               {64, 60, 1029, 2112, 2112},
-               {262143, 262000, 5000, 267263, 267263},
-               {409600, 0, 1, 409600, 409600},
-               {409601, 0, 1, 409601, 262143}};
-  for (const auto& [capacity, used, n, grown, cleared] : cases) {
-    lattice_kit::codec::Pack pack(capacity);
-    const std::string content(static_cast<size_t>(used), 'x');
-    pack.PutRaw(content.data(), used);
-    pack.Reserve(n);
-    EXPECT_EQ(pack.capacity, grown) << capacity << " bytes, " << n << " more";
-    EXPECT_EQ(pack.Bytes(), content);
-    pack.Clear();
-    EXPECT_EQ(pack.capacity, cleared);
-    const std::string refill(static_cast<size_t>(cleared) - 1, 'r');
-    pack.PutRaw(refill.data(), cleared - 1);  // shows a sanitizer the real size
-    EXPECT_EQ(pack.Bytes(), refill);
-  }
+// The packets of a flush at second 1000.
+std::vector<Packet> Flush(tidegate::test::ListSender& sender, const CollectorList& collectors) {
+  sender.last_flush_ts_ = 1000;
+  sender.encoder_->PackCollector(collectors);
+  return std::exchange(sender.packets, {});
 }
-
-// Keeps what the encoder sends. Its own thread never leaves the wait for `Init`.
-class RecordingSender final : public MetricSender {
- public:
-  explicit RecordingSender(MetricClient* client) : MetricSender("t1", client) {
-    encoder_->Init("acc", "proj", "service");
-  }
-  ~RecordingSender() override { Exit(); }
-  ReturnCode Init() override { return ReturnCode::kOk; }
-  void AtFork() override {}
-  void SendToSocket(char* buf, int len) override {
-    Packet& packet = packets_.emplace_back();
-    tidegate::agent::ReadError error;
-    EXPECT_TRUE(ReadPacket(buf, static_cast<size_t>(len), &packet, &error)) << error.reason;
-    EXPECT_EQ(packet.tenant_tags.at(1).value, "service");
-    EXPECT_EQ(statistic_.metric_num, static_cast<int>(packet.block_count));
-    EXPECT_EQ(statistic_.series_num, static_cast<int>(packet.series_count));
-  }
-  std::vector<Packet> Flush(const CollectorList& collectors) {
-    last_flush_ts_ = 1000;
-    encoder_->PackCollector(collectors);
-    return std::exchange(packets_, {});
-  }
-
- private:
-  std::vector<Packet> packets_;
-};
 
 class EncoderTest : public testing::Test {
  protected:
@@ -83,7 +35,7 @@ class EncoderTest : public testing::Test {
   CollectorList All() { return client_->collector_factory_->GetTenantCollector("t1"); }
 
   tidegate::test::TestClient client_;
-  RecordingSender sender_{&*client_};
+  tidegate::test::ListSender sender_{client_};
 };
 
 TEST_F(EncoderTest, APacketThatReachesTheLimitIsSentBetweenTwoCellsOfASeries) {
@@ -92,7 +44,7 @@ TEST_F(EncoderTest, APacketThatReachesTheLimitIsSentBetweenTwoCellsOfASeries) {
     metric->impl_->ClearCollector();
     metric->WithTagValues({std::string(value_length, 'v')})->Emit(values);
     std::vector<size_t> result;
-    for (const Packet& packet : sender_.Flush(All())) {
+    for (const Packet& packet : Flush(sender_, All())) {
       result.push_back(packet.header_len + packet.body_len);
       for (const auto& block : packet.blocks) {
         EXPECT_EQ(block.timestamp, packet.blocks[0].timestamp);
@@ -122,7 +74,7 @@ TEST_F(EncoderTest, APacketHoldsOneRegistryAndStandingApartCostsOne) {
       collectors.push_back(metrics[i]->impl_->collector_);
     }
     std::vector<size_t> counts;
-    for (const Packet& packet : sender_.Flush(collectors)) counts.push_back(packet.block_count);
+    for (const Packet& packet : Flush(sender_, collectors)) counts.push_back(packet.block_count);
     return counts;
   };
   EXPECT_THAT(blocks({0, 2, 1}), ElementsAre(2, 1));
@@ -138,23 +90,23 @@ TEST_F(EncoderTest, WhatEndedOrIsIdleIsLeftOut) {
   idle->WithTags({})->active_ = false;
   client_.Registry("p")->RemoveMetric("m");
   client_->metric_factory_->RemoveRegistry("q", "t1");
-  EXPECT_THAT(sender_.Flush(planned), IsEmpty());
+  EXPECT_THAT(Flush(sender_, planned), IsEmpty());
   idle->WithTags({})->active_ = true;
-  EXPECT_EQ(sender_.Flush(planned).size(), 1u) << "nothing was drained meanwhile";
+  EXPECT_EQ(Flush(sender_, planned).size(), 1u) << "nothing was drained meanwhile";
 }
 
 TEST(EncodedTagsTest, AreTheSameAheadAndInTheFlush) {
   for (const bool pre_encode : {false, true}) {
     tidegate::test::TestClient client(
         tidegate::test::ReportTo("", tidegate::test::kNeverDue, pre_encode));
-    RecordingSender sender(&*client);
+    tidegate::test::ListSender sender(client);
     Metric* metric = nullptr;
     client.Registry("p", "t1", {{"bb", "registry's"}})
         ->CreateMetric(metric, {"m", {"c", "a"}, {{"b", "own"}}, {}, nullptr});
     const auto item = metric->WithTags({{"c", "1"}});
     EXPECT_EQ(item->encoded_tags_.empty(), !pre_encode);
     item->Emit({Store(1)});
-    const Packet packet = sender.Flush({metric->impl_->collector_}).at(0);
+    const Packet packet = Flush(sender, {metric->impl_->collector_}).at(0);
     const std::vector<Tag> tags{{"a", "-"}, {"b", "own"}, {"bb", "registry's"}, {"c", "1"}};
     EXPECT_EQ(packet.blocks.at(0).series.at(0).tags, tags);
     EXPECT_EQ(packet.blocks[0].series[0].tag_hash,

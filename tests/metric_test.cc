@@ -76,20 +76,6 @@ TEST_F(MetricTest, EveryFailureGivesTheDummyItemACountAndItsLines) {
   EXPECT_EQ(DummyItem()->EmitMap({{"f", 1.0}}), R::kNotSupported);
 }
 
-TEST_F(MetricTest, StatisticsReportRatesSinceTheLastTimeAndCurrentGauges) {
-  Metric& statistics = *client_.Metric("statistics", {"metric_name"});
-  metric_.WithTags({})->Emit({Incr(1), Store(1)});
-  metric_.WithTags({{}, {}, {}});
-  for (const double round : {1.0, 0.0}) {
-    EXPECT_EQ(metric_.EmitStat(&statistics), R::kOk);
-    const auto item = statistics.WithTags({{"metric_name", "p.m"}});
-    EXPECT_EQ(Drain(*item, "cache.series"), 2.0);
-    EXPECT_EQ(Drain(*item, "cache.mem"), 2 + 112 + 4 + 16 + 5 + 16);
-    EXPECT_EQ(Drain(*item, "emit.success"), 2.0 * round);
-    EXPECT_EQ(Drain(*item, "emit.fail"), 1.0 * round);
-  }
-}
-
 TEST_F(MetricTest, ASuffixKeepsItsFirstTypeAndABadOneStopsTheEmission) {
   MetricCollectorItem& item = *metric_.WithTags({});
   EXPECT_THAT(LogOf(
@@ -140,16 +126,6 @@ TEST_F(MetricTest, ThreadsRacingOnNewSuffixesMakeOneCellEachAndLoseNothing) {
   EXPECT_EQ(metric_.cache_series_, kRounds + 0u);
   EXPECT_EQ(metric_.emit_success_, 4u * kRounds);
   for (int i = 0; i < kRounds; ++i) ASSERT_EQ(Drain(*item, std::to_string(i)), 4.0);
-}
-
-TEST_F(MetricTest, HistogramBoundsAreCheckedAndSetOnce) {
-  HistoUtilBase too_many(std::vector<double>(101)), most(std::vector<double>(100));
-  EXPECT_EQ(metric_.SetHistogram(nullptr), R::kNullptr);
-  EXPECT_EQ(metric_.SetHistogram(&too_many), R::kMaxHistoBucket);
-  EXPECT_EQ(metric_.SetHistogram(&most), R::kOk);
-  EXPECT_THAT(LogOf([&] { EXPECT_EQ(metric_.SetHistogram(&too_many), R::kNotSupported); }, 2),
-              testing::EndsWith("]Reset Histogram is NOT allowed.\n"));
-  EXPECT_EQ(metric_.GetHistogram().size(), 100u);
 }
 
 }  // namespace

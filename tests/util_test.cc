@@ -40,13 +40,6 @@ TEST(LogTest, LevelGatesLinesAndTheirArguments) {
   }
 }
 
-TEST(LogTest, DebugTraceEndsEachValueInABarAndCutsLongText) {
-  const std::string text(2000, 'x');
-  const std::string head = "[MetricSDK][Debug]" + text.substr(0, 1023) + " with tag value: ";
-  EXPECT_EQ(LogOf([&] { DebugMsg({"a", "", "c"}, "%s", text.c_str()); }, 0), head + "a||c|\n");
-  EXPECT_EQ(LogOf([&] { DebugMsg({"a"}, "%s", text.c_str()); }, 1), "");
-}
-
 TEST(ClockTest, FlushIntervalsOutsideTheListBecomeThirtyWithAWarning) {
   for (const int good : {1, 5, 10, 15, 30, 60}) EXPECT_EQ(CheckFlushInterval(good), good);
   for (const int bad : {-5, 0, 2, 61}) {
@@ -91,11 +84,10 @@ TEST(CompressionTest, RoundTripsAtEveryLevelAndThrowsWithZlibsNumberAndText) {
   std::mt19937 random(1);
   for (char& c : noise) c = static_cast<char>(random());
   // A stream of level 0 is 11 bytes longer than its input: 32757 fill the output buffer exactly.
-  for (const size_t size : {0u, 1u, 32757u, 32758u, 100000u}) {
+  for (const size_t size : {0u, 32757u, 32758u, 100000u}) {
     for (const int level : {-1, 0, 9}) {
-      const std::string compressed = compress_string(noise.substr(0, size), level);
-      EXPECT_EQ(compressed[0], '\x78') << "not a zlib header";
-      EXPECT_EQ(decompress_string(compressed), noise.substr(0, size)) << level;
+      const std::string data = noise.substr(0, size);
+      EXPECT_EQ(decompress_string(compress_string(data, level)), data) << size << " at " << level;
     }
   }
   using testing::ThrowsMessage;

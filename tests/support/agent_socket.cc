@@ -88,6 +88,11 @@ AgentSocket::Packets AgentSocket::Received() const {
   return packets_;
 }
 
+AgentSocket::Packets AgentSocket::Take() {
+  const std::lock_guard guard(mutex_);
+  return std::exchange(packets_, {});
+}
+
 std::vector<std::string> AgentSocket::Errors() const {
   const std::lock_guard guard(mutex_);
   return errors_;

@@ -60,6 +60,8 @@ class AgentSocket {
   void Restart();
 
   Packets Received() const;
+  // What came since the last call, which is then forgotten.
+  Packets Take();
   // The points of all packets in the order they came.
   std::vector<Point> Points() const;
   // Why messages were not decoded.
