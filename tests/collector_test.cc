@@ -70,19 +70,6 @@ TEST_F(CollectorTest, StatisticsFollowCreationErasureAndClearing) {
   EXPECT_EQ(metric_->cache_mem_, 56u + 2 * (3u + 112u)) << "clearing gives nothing back";
 }
 
-TEST_F(CollectorTest, FactoryKeepsOneCollectorPerTenantAndNameUntilAtFork) {
-  const CollectorPtr collector = factory_.CreateCollector("t1", "x", metric_);
-  EXPECT_EQ(factory_.CreateCollector("t1", "x", metric_), collector);
-  EXPECT_NE(factory_.CreateCollector("t2", "x", metric_), collector);
-  EXPECT_EQ(factory_.RemoveCollector("t1", "?"), ReturnCode::kObjectNotExisted);
-  factory_.RemoveCollector("t2", "x", collector.get());  // not the one that stands there
-  EXPECT_EQ(factory_.GetAll().size(), 3u);
-  EXPECT_EQ(factory_.RemoveCollector("t2", "x"), ReturnCode::kOk);
-  factory_.AtFork();
-  EXPECT_TRUE(factory_.GetAll().empty());
-  EXPECT_EQ(factory_.CreateCollector("t1", "x", metric_), nullptr);
-}
-
 TEST_F(CollectorTest, FlushPlansFollowIntervalsAndStates) {
   using Intervals = std::set<int>;
   const Intervals all{1, 5, 10, 15, 30, 60};

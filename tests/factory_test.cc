@@ -17,8 +17,7 @@ using Tags = std::vector<tidegate::MetricTag>;
 class FactoryTest : public testing::Test {
  protected:
   tidegate::test::TestClientOptions options;
-  tidegate::test::TestClient client_{
-      {{}, tidegate::test::kNeverDue, {"", {{"vendor", "client's"}}}}};
+  tidegate::test::TestClient client_;
   MetricFactory& factory_ = *client_->metric_factory_;
   MetricRegistry* registry_ = nullptr;
 };
@@ -49,18 +48,6 @@ TEST_F(FactoryTest, OfTwoErrorsTheEarlierCheckAnswers) {
                 testing::EndsWith("]" + std::string(MetricGetErrorCodeStr(code)) + "\n"));
     EXPECT_EQ(registry_, nullptr);
   }
-}
-
-TEST_F(FactoryTest, AcceptsTheLimitsAndFillsInTheVendorOfTheClient) {
-  Tags most;
-  for (int i = 0; i < 255; ++i) most.emplace_back("k" + std::to_string(i), "v");
-  EXPECT_EQ(factory_.CreateRegistry(registry_, "", std::move(most), "t", 7), R::kOk);
-  EXPECT_EQ(registry_->FlushInterval(), 30);
-  EXPECT_EQ(registry_->InsertedTags().size(), 256u);
-  EXPECT_THAT(factory_.GetAllRegistryNames(), testing::ElementsAre("t."));
-  tidegate::test::TestVendor vendor({"", {}, {}, "", false});
-  EXPECT_EQ(factory_.CreateRegistry(registry_, {"own", {}, "t", &vendor, 5}), R::kOk);
-  EXPECT_TRUE(registry_->InsertedTags().empty());
 }
 
 TEST_F(FactoryTest, BlockTakesTheTenantFirstAndGetAndRemoveThePrefix) {

@@ -38,26 +38,17 @@ TestClient::TestClient(TestClientOptions options) {
 
 METRICS::MetricRegistry* TestClient::Registry(const std::string& prefix, const std::string& tenant,
                                               std::vector<MetricTag> tags, int flush_interval) {
-  METRICS::MetricRegistryCfg cfg;
-  cfg.prefix = prefix;
-  cfg.tenant = tenant;
-  cfg.tags = std::move(tags);
-  cfg.flush_interval = flush_interval;
   METRICS::MetricRegistry* registry = nullptr;
-  EXPECT_EQ(client_.CreateRegistry(registry, std::move(cfg)), METRICS::ReturnCode::kOk);
+  EXPECT_EQ(
+      client_.CreateRegistry(registry, {prefix, std::move(tags), tenant, nullptr, flush_interval}),
+      METRICS::ReturnCode::kOk);
   return registry;
 }
 
 METRICS::Metric* TestClient::Metric(const std::string& name, std::vector<std::string> tag_names,
                                     const std::string& prefix, const std::string& tenant) {
-  METRICS::MetricRegistryCfg registry_cfg;
-  registry_cfg.prefix = prefix;
-  registry_cfg.tenant = tenant;
-  registry_cfg.flush_interval = 1;
-  METRICS::MetricInstanceCfg metric_cfg;
-  metric_cfg.name = name;
-  metric_cfg.tag_names = std::move(tag_names);
-  const auto [metric, code] = client_.CreateMetric(std::move(registry_cfg), std::move(metric_cfg));
+  const auto [metric, code] =
+      client_.CreateMetric({prefix, {}, tenant, nullptr, 1}, {name, std::move(tag_names), {}, {}});
   EXPECT_EQ(code, METRICS::ReturnCode::kOk);
   return metric;
 }
