@@ -26,6 +26,10 @@ else()
                       "it must be empty, address or thread.")
 endif()
 
+if(TIDEGATE_FUZZ)
+  list(APPEND tidegate_sanitizer_flags -fsanitize=fuzzer-no-link)
+endif()
+
 # gcc takes what the sanitizers insert for uses of uninitialized values, even inside <regex>; the builds
 # without them keep the warning.
 if(tidegate_sanitizer_flags AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")

@@ -7,6 +7,7 @@
 #   tsan     the suite under the thread sanitizer
 #   install  the installed package serves its users, and exports what it should
 #   docs     Doxygen understands every public header
+#   fuzz     a short run of each fuzzer
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
@@ -26,7 +27,7 @@ sources() {
 
 check_format() {
   step "checking the format"
-  sources include src tools tests stress bench examples -- '*.h' '*.cc' |
+  sources include src tools tests stress fuzz bench examples -- '*.h' '*.cc' |
     xargs -0 clang-format --dry-run -Werror
 }
 
@@ -39,7 +40,7 @@ check_tidy() {
   step "configuring build/clang"
   (cd "$ROOT" && quietly cmake --preset clang)
   step "running clang-tidy"
-  sources src tools examples bench tests stress -- '*.cc' |
+  sources src tools examples bench tests stress fuzz -- '*.cc' |
     xargs -0 -n 1 -P "$JOBS" clang-tidy -p "$ROOT/build/clang" --quiet 2> >(
       grep -v 'warnings\? generated\.$\|^Suppressed\|^Use -header-filter' >&2 || true)
 }
@@ -64,13 +65,17 @@ check_docs() {
   (cd "$ROOT" && quietly doxygen docs/Doxyfile)
 }
 
-ALL=(format clang tidy asan tsan install docs)
+check_fuzz() {
+  "$ROOT/scripts/fuzz.sh" 100000
+}
+
+ALL=(format clang tidy asan tsan install docs fuzz)
 if (($# == 0)); then
   set -- "${ALL[@]}"
 fi
 for name in "$@"; do
   case $name in
-    format | clang | tidy | asan | tsan | install | docs) ;;
+    format | clang | tidy | asan | tsan | install | docs | fuzz) ;;
     *) die "unknown check \"$name\"; there are: ${ALL[*]}" ;;
   esac
 done

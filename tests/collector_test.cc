@@ -1,6 +1,5 @@
 #include "metrics/metric_collector.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -8,7 +7,6 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "metrics/metric_collector_factory.h"
@@ -18,8 +16,6 @@
 namespace METRICS {
 namespace {
 
-using testing::MatchesRegex;
-using tidegate::test::LogOf;
 using Strings = std::vector<std::string>;
 
 struct OneHash {
@@ -44,43 +40,9 @@ TEST(ConcurrentHashmapTest, KeysOfOneHashStayApartAndTheTotalCountsAllTables) {
   EXPECT_EQ(total, 5u);
 }
 
-TEST(ConcurrentHashmapTest, PairsStayWholeWhileOthersEraseAndClear) {
-  std::atomic<unsigned long> total{0};
-  auto map = std::make_unique<SeriesMap>(total);
-  std::atomic<int> rounds{0};
-  tidegate::test::Workers writers;
-  writers.Start(2, [&](int index) {
-    for (int i = 0; i < 100; ++i) {
-      const Strings key{"too long for a short string " + std::to_string(i * 7 % 64), ""};
-      map->Insert(key, std::make_shared<MetricCollectorItem>(nullptr, 0, key[0]));
-      if (i % 3 == index) map->Erase(key);
-    }
-    if (++rounds % 7 == 0) map->Clear();
-  });
-  std::vector<Series> pairs;
-  while (rounds < 300) {
-    if (pairs.size() > 10000) pairs.clear();
-    for (const Series& pair : map->GetAll()) pairs.push_back(pair);
-    std::this_thread::yield();
-  }
-  writers.Stop();
-  EXPECT_EQ(map->GetAll().size(), total);
-  map.reset();
-  EXPECT_EQ(total, 0u);
-  for (const auto& [key, item] : pairs) ASSERT_EQ(key[0], item->encoded_tags_);
-}
-
 class CollectorTest : public testing::Test {
  protected:
-  static tidegate::test::TestClientOptions Options() {
-    tidegate::test::TestClientOptions options;
-    options.default_interval = 86400;  // the flush threads sleep through the test
-    options.core.max_total_series = 1000;
-    return options;
-  }
-  bool IsRefused(const char* a) { return collector_.GetOrCreate({a, ""}) == DummyItem(); }
-
-  tidegate::test::TestClient client_{Options()};
+  tidegate::test::TestClient client_;
   MetricCollectorFactory& factory_ = *client_->collector_factory_;
   Metric* const metric_ = client_.Metric("m", {"a", "b"});
   MetricCollectorBase& collector_ = *metric_->impl_->collector_;
@@ -106,55 +68,6 @@ TEST_F(CollectorTest, StatisticsFollowCreationErasureAndClearing) {
   collector_.Clear();
   EXPECT_EQ(factory_.total_series_, 0u);
   EXPECT_EQ(metric_->cache_mem_, 56u + 2 * (3u + 112u)) << "clearing gives nothing back";
-}
-
-TEST_F(CollectorTest, AtTheQuotaOnlyNewSeriesAreRefused) {
-  for (int i = 0; i < 999; ++i) collector_.GetOrCreate({std::to_string(i), ""});
-  EXPECT_NE(client_.Metric("other")->WithTags({}), DummyItem()) << "the quota is the client's";
-  EXPECT_THAT(LogOf([this] { EXPECT_TRUE(IsRefused("new")); }, 2),
-              MatchesRegex("\\[MetricSDK\\]\\[Warn \\]\\[metric_collector.cc:[0-9]+\\]"
-                           "TotalSeriesCount reach maximum, count: 1000 quota: 10000000\n"));
-  EXPECT_EQ(metric_->emit_fail_, 1u);
-  EXPECT_FALSE(IsRefused("0"));
-  collector_.Erase({"0", ""});
-  EXPECT_FALSE(IsRefused("new"));
-  EXPECT_TRUE(IsRefused("0"));
-}
-
-TEST_F(CollectorTest, ThreadsRacingOnANewSeriesGetOneItem) {
-  constexpr int kThreads = 4, kRounds = 300;
-  std::atomic<int> arrived{0};
-  std::vector<std::shared_ptr<MetricCollectorItem>> items[kThreads];
-  std::vector<std::thread> threads;
-  for (auto& mine : items) {
-    threads.emplace_back([&] {
-      for (int round = 0; round < kRounds; ++round) {
-        ++arrived;
-        while (arrived < kThreads * (round + 1)) std::this_thread::yield();
-        mine.push_back(collector_.GetOrCreate({"r", std::to_string(100 + round)}));
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  for (const auto& mine : items) EXPECT_EQ(mine, items[0]);
-  EXPECT_EQ(factory_.total_series_, kRounds + 0u);
-  EXPECT_EQ(metric_->cache_mem_, kRounds * (4u + 112u));
-}
-
-TEST_F(CollectorTest, FactoryKeepsOneCollectorPerTenantAndNameUntilAtFork) {
-  const CollectorPtr collector = factory_.CreateCollector("t1", "x", metric_);
-  EXPECT_EQ(factory_.CreateCollector("t1", "x", metric_), collector);
-  EXPECT_NE(factory_.CreateCollector("t2", "x", metric_), collector);
-  EXPECT_EQ(factory_.RemoveCollector("t1", "?"), ReturnCode::kObjectNotExisted);
-  EXPECT_EQ(factory_.RemoveCollector("?", "x"), ReturnCode::kObjectNotExisted);
-  factory_.RemoveCollector("t2", "x", collector.get());  // not the one that stands there
-  EXPECT_EQ(factory_.GetAll().size(), 3u);
-  EXPECT_EQ(factory_.RemoveCollector("t2", "x"), ReturnCode::kOk);
-  EXPECT_THAT(LogOf([this] { factory_.AtFork(); }, 2),
-              MatchesRegex(".*]MetricCollectorFactory AtFork. TotalSeriesCount before Clear: 0\n"
-                           ".*]TotalSeriesCount after AtFork: 0\n"));
-  EXPECT_TRUE(factory_.GetAll().empty());
-  EXPECT_EQ(factory_.CreateCollector("t1", "x", metric_), nullptr);
 }
 
 TEST_F(CollectorTest, FlushPlansFollowIntervalsAndStates) {
@@ -190,11 +103,9 @@ TEST_F(CollectorTest, FlushPlansFollowIntervalsAndStates) {
   for (const size_t state : {0u, 1u, 2u, 3u}) {  // only metrics in service are flushed
     metric_->impl_->state_ = static_cast<MetricState>(state);
     const size_t listed = state == 1 ? 1 : 0;
-    EXPECT_EQ(factory_.CheckMetricStatus(metric_->impl_->collector_), state == 1);
     EXPECT_EQ(factory_.GetTenantCollector("t1").size(), listed);
     EXPECT_EQ(factory_.GetTenantSendCollector("t1", 30, 60).size(), listed);
     EXPECT_EQ(factory_.GatherForFlush("t1", 30, 60).size(), listed);
-    EXPECT_EQ(factory_.GetAll().size() + factory_.GetCollectorSeriesMap().count("p.m"), 8u);
   }
 }
 

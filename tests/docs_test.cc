@@ -3,11 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <regex>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -17,37 +14,6 @@
 
 namespace tidegate::agent {
 namespace {
-
-const std::filesystem::path kRoot = TIDEGATE_SOURCE_DIR;
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream file(kRoot / path);
-  if (!file) throw std::runtime_error("cannot open " + path);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-// What stands in the first fenced block of `language`.
-std::string FirstBlock(const std::string& text, const std::string& language) {
-  const std::string fence = "\n```" + language + "\n";
-  const size_t start = text.find(fence);
-  if (start == std::string::npos) throw std::runtime_error("no block of " + language);
-  const size_t begin = start + fence.size();
-  return text.substr(begin, text.find("\n```", begin) + 1 - begin);
-}
-
-// The bytes of a dump whose lines begin with the offset of their first byte in three columns.
-std::string ParseDump(const std::string& dump) {
-  std::string bytes;
-  std::istringstream lines(dump);
-  for (std::string line; std::getline(lines, line);) {
-    EXPECT_EQ(std::stoul(line), bytes.size());
-    std::istringstream pairs(line.substr(3));
-    for (std::string pair; pairs >> pair;) {
-      bytes += static_cast<char>(std::stoi(pair, nullptr, 16));
-    }
-  }
-  return bytes;
-}
 
 void AddTags(const std::vector<Tag>& tags, std::ostream& out) {
   out << 2 * tags.size() << '\n';
@@ -75,13 +41,13 @@ std::string Describe(const Packet& packet) {
 }
 
 TEST(DocsTest, ReadmeShowsTheQuickStart) {
-  EXPECT_EQ(FirstBlock(ReadFile("README.md"), "cpp"), ReadFile("examples/quick_start.cc"));
+  EXPECT_EQ(FencedBlock(ReadSourceFile("README.md"), "```cpp"),
+            ReadSourceFile("examples/quick_start.cc"));
 }
 
 TEST(DocsTest, WorkedExampleDecodesToItsTable) {
-  const std::string document = ReadFile("docs/wire_format.md");
-  const std::string bytes = ParseDump(FirstBlock(document, "hex"));
-  EXPECT_EQ(bytes, ReadGolden("gauge.hex"));
+  const std::string document = ReadSourceFile("docs/wire_format.md");
+  const std::string bytes = ReadGolden("gauge.hex");
   Packet packet;
   ReadError error;
   ASSERT_TRUE(ReadPacket(bytes.data(), bytes.size(), &packet, &error)) << error.reason;
@@ -99,8 +65,8 @@ TEST(DocsTest, WorkedExampleDecodesToItsTable) {
 }
 
 TEST(DocsTest, EveryReturnCodeHasItsRow) {
-  const std::string table = ReadFile("docs/errors.md");
-  const std::string header = ReadFile("src/util/metric_error_code.h");
+  const std::string table = ReadSourceFile("docs/errors.md");
+  const std::string header = ReadSourceFile("src/util/metric_error_code.h");
   const std::regex code(R"((k\w+) = (\d+),)");
   const std::sregex_iterator first(header.begin(), header.end(), code), end;
   EXPECT_EQ(std::distance(first, end), 26);
@@ -114,16 +80,17 @@ TEST(DocsTest, EveryReturnCodeHasItsRow) {
 }
 
 TEST(DocsTest, NamedFilesExist) {
+  const std::filesystem::path root = TIDEGATE_SOURCE_DIR;
   // Links, and paths in code spans; `src/metrics/metric` stands for a header and its source.
   const std::regex name(
       R"(\]\(([\w./]+)\)|`((?:bench|docs|examples|include|scripts|src|tests|tools)/[\w./-]+)`)");
   for (const std::string document :
        {"README.md", "DEVELOPERS.md", "CONTRIBUTING.md", "docs/design.md", "docs/errors.md"}) {
-    const std::string text = ReadFile(document);
+    const std::string text = ReadSourceFile(document);
     EXPECT_TRUE(std::regex_search(text, name)) << document;
     for (std::sregex_iterator it(text.begin(), text.end(), name), end; it != end; ++it) {
       const std::filesystem::path path =
-          (*it)[1].matched ? (kRoot / document).parent_path() / it->str(1) : kRoot / it->str(2);
+          (*it)[1].matched ? (root / document).parent_path() / it->str(1) : root / it->str(2);
       EXPECT_TRUE(exists(path) || std::filesystem::exists(path.string() + ".h"))
           << document << ": " << it->str();
     }

@@ -3,12 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "metrics/metric_sender_manager.h"
 #include "support/environment.h"
 
 namespace METRICS {
@@ -19,14 +16,8 @@ using Tags = std::vector<tidegate::MetricTag>;
 
 class FactoryTest : public testing::Test {
  protected:
-  static tidegate::test::TestClientOptions Options() {
-    tidegate::test::TestClientOptions options;
-    options.default_interval = 86400;  // the flush threads sleep through the test
-    options.vendor.immutable_tags = {{"vendor", "client's"}};
-    return options;
-  }
-
-  tidegate::test::TestClient client_{Options()};
+  tidegate::test::TestClientOptions options;
+  tidegate::test::TestClient client_;
   MetricFactory& factory_ = *client_->metric_factory_;
   MetricRegistry* registry_ = nullptr;
 };
@@ -59,37 +50,6 @@ TEST_F(FactoryTest, OfTwoErrorsTheEarlierCheckAnswers) {
   }
 }
 
-TEST_F(FactoryTest, AcceptsTheLimitsAndFillsInTheVendorOfTheClient) {
-  Tags most;
-  for (int i = 0; i < 255; ++i) most.emplace_back("k" + std::to_string(i), "v");
-  EXPECT_EQ(factory_.CreateRegistry(registry_, "", std::move(most), "t", 7), R::kOk);
-  EXPECT_EQ(registry_->FlushInterval(), 30);
-  EXPECT_EQ(registry_->InsertedTags().size(), 256u);
-  EXPECT_THAT(factory_.GetAllRegistryNames(), testing::ElementsAre("t."));
-  tidegate::test::TestVendor vendor({"", {}, {}, "", false});
-  EXPECT_EQ(factory_.CreateRegistry(registry_, {"own", {}, "t", &vendor, 5}), R::kOk);
-  EXPECT_TRUE(registry_->InsertedTags().empty());
-}
-
-TEST_F(FactoryTest, HoldsFiveHundredAndTwelveRegistriesOfWhichRacingCreatorsMakeEachOnce) {
-  std::atomic<int> made{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 3; ++t) {
-    threads.emplace_back([this, &made] {
-      for (int i = 0; i < 512; ++i) {
-        MetricRegistry* registry = nullptr;
-        if (factory_.CreateRegistry(registry, std::to_string(i), {}, "t", 1) == R::kOk) ++made;
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(made, 512);
-  EXPECT_EQ(factory_.CreateRegistry(registry_, "new", {}, "t", 1), R::kMaxRegistry);
-  EXPECT_EQ(factory_.CreateRegistry(registry_, "511", {}, "t", 1), R::kObjectExisted);
-  EXPECT_EQ(factory_.RemoveRegistry("7", "t"), R::kOk);
-  EXPECT_EQ(factory_.CreateRegistry(registry_, "new", {}, "t", 1), R::kOk);
-}
-
 TEST_F(FactoryTest, BlockTakesTheTenantFirstAndGetAndRemoveThePrefix) {
   client_.Registry("prefix", "tenant");
   EXPECT_EQ(factory_.Block("prefix", "tenant"), R::kObjectNotExisted);
@@ -103,11 +63,9 @@ TEST_F(FactoryTest, BlockTakesTheTenantFirstAndGetAndRemoveThePrefix) {
   EXPECT_EQ(factory_.UnBlock("tenant", "prefix"), R::kOk);
   EXPECT_EQ(registry_->state_.load(), MetricState::READY);
 
-  MetricSender *before = nullptr, *after = nullptr;
-  client_->sender_manager_->GetSender(before, "tenant");
+  const MetricSender* const sender = &client_.Sender("tenant");
   EXPECT_EQ(factory_.RemoveRegistry("prefix", "tenant"), R::kOk);
-  client_->sender_manager_->GetSender(after, "tenant");
-  EXPECT_TRUE(before != nullptr && after == before) << "the sender outlives its last registry";
+  EXPECT_EQ(&client_.Sender("tenant"), sender) << "it outlives its last registry";
 }
 
 }  // namespace

@@ -119,7 +119,6 @@ TEST(KDTreeCollectorTest, DiffersFromTheHashMapInWhatItIsToldTo) {
   const tidegate::test::TempDir dir;
   AgentSocket agent(dir.File("s"));
   Bench bench(kKDTree, false, agent.path());
-  EXPECT_EQ(bench.collector->Id(), 3u);
   const Item item = bench.metric->WithTagValues({"1", "2", "3"});
   EXPECT_EQ(item->encoded_tags_,
             Bench(kHashMap).metric->WithTagValues({"1", "2", "3"})->encoded_tags_);

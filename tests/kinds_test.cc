@@ -9,8 +9,6 @@
 #include <vector>
 
 #include "codec/fnv_hash.h"
-#include "metrics/metric_sender.h"
-#include "metrics/metric_sender_manager.h"
 #include "support/agent_socket.h"
 #include "support/environment.h"
 
@@ -67,12 +65,6 @@ struct Road {
     registry->CreateMetric(metric, {kind, {name, Strings(declared, "w"), {}, fields, &bounds}});
     metric->SetCompatibleType(compatible);
     return *metric;
-  }
-  void Flush(int64_t now) {
-    MetricSender* sender = nullptr;
-    client->sender_manager_->GetSender(sender, "t1");
-    sender->last_flush_ts_ = now;
-    EXPECT_TRUE(sender->DoPackAndSend());
   }
   // The blocks that were sent for second `now`, sorted. The agent goes away.
   std::string BlocksAt(int64_t now) {
@@ -162,7 +154,7 @@ TEST(KindsTest, EachKindHasItsForm) {
         metric->CEmit(1, {"w", "a"});
         for (const double number : {1.5, 2.5}) metric->CEmit(number, {"w", "b"});
       }
-      for (int64_t now = start; now < start + 20; now += 5) road.Flush(now);
+      for (int64_t now = start; now < start + 20; now += 5) road.client.Flush(now);
     }
     // A compatible series whose tags are encoded ahead has but those of the registry.
     const auto text = [pre_encode_tags](const std::string& list) {
@@ -183,7 +175,7 @@ TEST(KindsTest, TagsOfACompatibleSeriesMergeWithTheRegistrys) {
   for (const Strings& pairs : {Strings{"x", "1", "a", "2"}, {"r", "1"}, {"b", "1", "a"}, {"b"}}) {
     metric.impl_->CEmit(1, Strings(pairs));
   }
-  road.Flush(1000);
+  road.client.Flush(1000);
   EXPECT_THAT(road.BlocksAt(1000),
               testing::MatchesRegex("1 p.m .a:2,r:g,x:1=1.b:1,r:g=1.r:[1g]=1.r:g=1"));
 }
@@ -206,7 +198,7 @@ TEST(KindsTest, PacketsAreCutBetweenRecordsAndNoneIsLostOrDoubled) {
       row ? metric.WithTagValues({tag})->Emit({IncrCounter(i)})
           : metric.impl_->CEmit(i, {"w", tag});
     }
-    road.Flush(2000);
+    road.client.Flush(2000);
     road.agent.Stop();
     EXPECT_THAT(road.agent.Errors(), testing::IsEmpty());
     EXPECT_EQ(road.agent.Received().size(), packets);

@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "metrics/global_resources_limit.h"
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_factory.h"
 #include "support/environment.h"
@@ -30,7 +29,6 @@ class RegistryTest : public testing::Test {
  protected:
   static tidegate::test::TestClientOptions Options() {
     tidegate::test::TestClientOptions options;
-    options.default_interval = 86400;  // the flush threads sleep through the test
     options.vendor.immutable_tags = {{"y", "immutable"}, {"ig", "immutable"}};
     options.vendor.rewritable_tags = {{"r", "rewritable"}, {"gr", "rewritable"}};
     return options;
@@ -86,18 +84,6 @@ TEST_F(RegistryTest, OfTwoErrorsTheEarlierCheckAnswers) {
   EXPECT_EQ(registry_.GetAllMetric().size(), 2u);
   EXPECT_EQ(registry_.CreateMetric(metric_, {MetricCoItemType::kCoItemUnknown, Cfg("n")}),
             R::kInternalError);
-}
-
-TEST_F(RegistryTest, AFullRegistryRefusesAfterExistenceAndBlocking) {
-  g_global_resources_limit.max_metrics_per_registry = 2;
-  EXPECT_EQ(Create(Cfg("1")), R::kOk);
-  EXPECT_EQ(Create(Cfg("2")), R::kOk);
-  EXPECT_EQ(Create(Cfg("3")), R::kMaxMetric);
-  EXPECT_EQ(Create(Cfg("2")), R::kObjectExisted);
-  registry_.Block();
-  EXPECT_EQ(Create(Cfg("3")), R::kObjectBlocked);
-  g_global_resources_limit.max_metrics_per_registry = 0;
-  EXPECT_EQ(collectors_.GetAll().size(), 2u) << "a refusal leaves nothing behind";
 }
 
 TEST(RegistryDeathTest, TheEnvironmentLimitsMetricsByItsLow32BitsOrNotAtAll) {

@@ -9,8 +9,6 @@
 #include <set>
 
 #include "metrics/metric_expire_checker.h"
-#include "metrics/metric_sender.h"
-#include "metrics/metric_sender_manager.h"
 #include "support/agent_socket.h"
 #include "support/environment.h"
 
@@ -105,10 +103,8 @@ TEST(SelfMonitorTest, ItsSeriesOutliveAPassThatErasesEverythingIdle) {
   client.Metric("m")->WithTags({})->Emit({Store(1)});
   std::vector own{client->self_monitor_->statistic_.version_item};
   for (const char* tenant : {"t1", "inf.metrics"}) {
-    METRICS::MetricSender* sender = nullptr;
-    client->sender_manager_->GetSender(sender, tenant);
-    own.push_back(sender->statistic_.send_item.Load());
-    own.push_back(sender->statistic_.drop_item.Load());
+    own.push_back(client.Sender(tenant).statistic_.send_item.Load());
+    own.push_back(client.Sender(tenant).statistic_.drop_item.Load());
   }
   METRICS::MetricCollectorFactory& factory = *client->collector_factory_;
   for (const METRICS::CollectorPtr& collector : factory.GetAll()) {

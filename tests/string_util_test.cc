@@ -5,8 +5,6 @@
 #include <set>
 #include <string>
 
-#include "util/metric_tag_util.h"
-
 namespace METRICS {
 namespace {
 
@@ -49,17 +47,6 @@ TEST(StringValidityTest, EveryByteAtEveryPlaceOfShortStringChunkAndTail) {
       }
     }
   }
-}
-
-TEST(ListTest, StringsAndTagsAreComparedWithTheKnownOddities) {
-  EXPECT_FALSE(METRICS::operator==({"a"}, {"a", ""}));
-  EXPECT_EQ(GetSize({"ab", "", "c"}), 3u);
-  EXPECT_TRUE(IsTagKeySame({"x", "x"}, {"x", "y"})) << "a repeated key collapses";
-  EXPECT_FALSE(IsTagKeySame({"x", "y"}, {"x", "x"}));
-  EXPECT_TRUE(IsTagSame({{"k", "1"}, {"l", "2"}}, {{"l", "2"}, {"k", "1"}}));
-  EXPECT_FALSE(IsTagSame({{"k", "1"}, {"l", "2"}}, {{"k", "1"}, {"l", "3"}}));
-  EXPECT_TRUE(IsTagSame({{"k", "1"}, {"l", "2"}}, {{"k", "1"}, {"other", ""}}));
-  EXPECT_TRUE(MTagKeyEq({"a", "x"}, {"b", "a"})) << "compares a key with a value";
 }
 
 }  // namespace

@@ -86,19 +86,6 @@ TEST_F(SummaryTest, ThreadsThatEmitBesideADrainLoseNothing) {
   }
 }
 
-TEST_F(SummaryTest, BlocksGrowFourAtATimeAndStartSmallAfterADrain) {
-  const std::pair<uint32_t, size_t> limits[] = {{256, 1},  {257, 2},    {1024, 4},   {1025, 5},
-                                                {3073, 9}, {31744, 20}, {31745, 21}, {39937, 22}};
-  ChainedVector chain;
-  for (int round = 0; round < 2; ++round) {
-    for (const auto& [samples, blocks] : limits) {
-      while (chain.Size() < samples) chain.Add(1.0);
-      EXPECT_EQ(chain.BlockCount(), blocks) << samples;
-    }
-    EXPECT_EQ(chain.Send().at(4), 39937);
-  }
-}
-
 // The estimates come from another implementation of the algorithm, in another language.
 TEST_F(SummaryTest, EstimatesAreThoseOfTheAlgorithmAndTheRestIsExact) {
   const std::pair<Samples, Samples> cases[] = {

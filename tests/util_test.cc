@@ -8,7 +8,6 @@
 #include <string>
 #include <thread>
 
-#include "metrics/global_resources_limit.h"
 #include "support/environment.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_data_util.h"
@@ -20,14 +19,6 @@ namespace {
 using std::chrono::milliseconds;
 using testing::MatchesRegex;
 using tidegate::test::LogOf;
-
-TEST(VocabularyTest, CodesHaveTheirTextsAndSuccessHasNone) {
-  EXPECT_STREQ(MetricGetErrorCodeStr(ReturnCode{33}), "Reach max registry num [512]");
-  EXPECT_EQ(MetricGetErrorCodeStr(ReturnCode{0}), nullptr);
-  EXPECT_EQ(MetricGetErrorCodeStr(ReturnCode{255}), nullptr);
-  EXPECT_STREQ(CovMetricTypeToStr(MetricsType{8}), "delta_counter");
-  EXPECT_STREQ(CovMetricTypeToStr(MetricsType{200}), "unknown");
-}
 
 TEST(LogTest, LevelGatesLinesAndTheirArguments) {
   int computed = 0;
@@ -47,19 +38,6 @@ TEST(LogTest, LevelGatesLinesAndTheirArguments) {
     EXPECT_THAT(LogOf(log_all, level), MatchesRegex(lines)) << int{level};
     EXPECT_EQ(computed, level < 4 ? 4 - level : 0);
   }
-}
-
-TEST(LogTest, DebugTraceEndsEachValueInABarAndCutsLongText) {
-  const std::string text(2000, 'x');
-  const std::string head = "[MetricSDK][Debug]" + text.substr(0, 1023) + " with tag value: ";
-  EXPECT_EQ(LogOf([&] { DebugMsg({"a", "", "c"}, "%s", text.c_str()); }, 0), head + "a||c|\n");
-  EXPECT_EQ(LogOf([&] { DebugMsg({"a"}, "%s", text.c_str()); }, 1), "");
-}
-
-TEST(GlobalResourcesLimitTest, OnlyTheFirstCallCounts) {
-  SetGlobalResourcesLimit({7});
-  SetGlobalResourcesLimit({9});
-  EXPECT_EQ(GetGlobalResourcesLimit().max_metrics_per_registry, 7u);
 }
 
 TEST(ClockTest, FlushIntervalsOutsideTheListBecomeThirtyWithAWarning) {
@@ -106,11 +84,10 @@ TEST(CompressionTest, RoundTripsAtEveryLevelAndThrowsWithZlibsNumberAndText) {
   std::mt19937 random(1);
   for (char& c : noise) c = static_cast<char>(random());
   // A stream of level 0 is 11 bytes longer than its input: 32757 fill the output buffer exactly.
-  for (const size_t size : {0u, 1u, 32757u, 32758u, 100000u}) {
+  for (const size_t size : {0u, 32757u, 32758u, 100000u}) {
     for (const int level : {-1, 0, 9}) {
-      const std::string compressed = compress_string(noise.substr(0, size), level);
-      EXPECT_EQ(compressed[0], '\x78') << "not a zlib header";
-      EXPECT_EQ(decompress_string(compressed), noise.substr(0, size)) << level;
+      const std::string data = noise.substr(0, size);
+      EXPECT_EQ(decompress_string(compress_string(data, level)), data) << size << " at " << level;
     }
   }
   using testing::ThrowsMessage;

@@ -1,37 +1,16 @@
 #include "support/environment.h"
 
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
+#include <stdexcept>
 #include <system_error>
 
 namespace tidegate::test {
 
-TestConfiger::TestConfiger(std::map<std::string, int> intervals,
-                           std::optional<int> default_interval, std::shared_ptr<ConfigerLife> life)
-    : intervals_(std::move(intervals)),
-      default_interval_(default_interval),
-      life_(life != nullptr ? std::move(life) : std::make_shared<ConfigerLife>()) {
-  account_id = "acc";
-  project_id = "proj";
-}
-
-TestConfiger::~TestConfiger() { ++life_->deletions; }
-
-std::pair<bool, int> TestConfiger::GetTenantInterval(const std::string& tenant) {
-  const auto found = intervals_.find(tenant);
-  if (found != intervals_.end()) {
-    return {true, found->second};
-  }
-  return {default_interval_.has_value(), default_interval_.value_or(0)};
-}
-
 TempDir::TempDir() : path_("/tmp/tgXXXXXX") {
-  if (::mkdtemp(path_.data()) == nullptr) {
-    throw std::system_error(errno, std::generic_category(), "mkdtemp");
-  }
+  if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error("no folder " + path_);
 }
 
 TempDir::~TempDir() {
@@ -48,45 +27,42 @@ TestClientOptions ReportTo(const std::string& path, std::optional<int> interval,
   return options;
 }
 
-TestClient::TestClient(TestClientOptions options)
-    : life_(std::make_shared<ConfigerLife>()), client_(std::make_unique<METRICS::MetricClient>()) {
+TestClient::TestClient(TestClientOptions options) {
   std::signal(SIGPIPE, SIG_IGN);
-  if (options.log_level.has_value()) {
-    log_level_.emplace(*options.log_level);
-  }
-  if (options.vendor.path.empty()) {
-    options.vendor.path = "/tmp/nobody.listens.here";
-  }
-  const METRICS::ReturnCode code =
-      client_->Init(new TestConfiger(std::move(options.intervals), options.default_interval, life_),
-                    new TestVendor(std::move(options.vendor)), nullptr, options.core);
-  EXPECT_EQ(code, METRICS::ReturnCode::kOk);
+  if (options.log_level.has_value()) log_level_.emplace(*options.log_level);
+  if (options.vendor.path.empty()) options.vendor.path = "/tmp/nobody.listens.here";
+  EXPECT_EQ(client_.Init(new TestConfiger(std::move(options.intervals), options.default_interval),
+                         new TestVendor(std::move(options.vendor)), nullptr, options.core),
+            METRICS::ReturnCode::kOk);
 }
 
 METRICS::MetricRegistry* TestClient::Registry(const std::string& prefix, const std::string& tenant,
                                               std::vector<MetricTag> tags, int flush_interval) {
-  METRICS::MetricRegistryCfg cfg;
-  cfg.prefix = prefix;
-  cfg.tenant = tenant;
-  cfg.tags = std::move(tags);
-  cfg.flush_interval = flush_interval;
   METRICS::MetricRegistry* registry = nullptr;
-  EXPECT_EQ(client_->CreateRegistry(registry, std::move(cfg)), METRICS::ReturnCode::kOk);
+  EXPECT_EQ(
+      client_.CreateRegistry(registry, {prefix, std::move(tags), tenant, nullptr, flush_interval}),
+      METRICS::ReturnCode::kOk);
   return registry;
 }
 
 METRICS::Metric* TestClient::Metric(const std::string& name, std::vector<std::string> tag_names,
                                     const std::string& prefix, const std::string& tenant) {
-  METRICS::MetricRegistryCfg registry_cfg;
-  registry_cfg.prefix = prefix;
-  registry_cfg.tenant = tenant;
-  registry_cfg.flush_interval = 1;
-  METRICS::MetricInstanceCfg metric_cfg;
-  metric_cfg.name = name;
-  metric_cfg.tag_names = std::move(tag_names);
-  const auto [metric, code] = client_->CreateMetric(std::move(registry_cfg), std::move(metric_cfg));
+  const auto [metric, code] =
+      client_.CreateMetric({prefix, {}, tenant, nullptr, 1}, {name, std::move(tag_names), {}, {}});
   EXPECT_EQ(code, METRICS::ReturnCode::kOk);
   return metric;
+}
+
+METRICS::MetricSender& TestClient::Sender(const std::string& tenant) {
+  METRICS::MetricSender* sender = nullptr;
+  client_.sender_manager_->GetSender(sender, tenant);
+  if (sender == nullptr) throw std::runtime_error("no sender of " + tenant);
+  return *sender;
+}
+
+void TestClient::Flush(int64_t now) {
+  Sender().last_flush_ts_ = now;
+  EXPECT_TRUE(Sender().DoPackAndSend());
 }
 
 void SleepToMidSecond() {
@@ -109,9 +85,7 @@ size_t CountOf(const std::string& part, const std::string& text) {
 
 bool WaitFor(const std::function<bool()>& done) {
   for (int tries = 0; tries < 2000; ++tries) {
-    if (done()) {
-      return true;
-    }
+    if (done()) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   return false;
@@ -124,9 +98,7 @@ long ThreadCount() {
 
 void Workers::Stop() {
   stop_.store(true);
-  for (std::thread& thread : threads_) {
-    thread.join();
-  }
+  for (std::thread& thread : threads_) thread.join();
   threads_.clear();
 }
 

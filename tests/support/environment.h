@@ -15,6 +15,8 @@
 #include <vector>
 
 #include "metrics/metric_client.h"
+#include "metrics/metric_sender.h"
+#include "metrics/metric_sender_manager.h"
 #include "tidegate/mconfiger_impl_base.h"
 #include "tidegate/metric_tag.h"
 #include "tidegate/vendor_interface.h"
@@ -26,32 +28,27 @@ namespace tidegate::test {
 // A tenant interval in seconds that does not end within a test.
 constexpr int kNeverDue = 2000000;
 
-// What became of a TestConfiger; outlives it.
-struct ConfigerLife {
-  std::atomic<int> starts{0};
-  std::atomic<int> stops{0};
-  std::atomic<int> deletions{0};
-};
-
 class TestConfiger final : public MConfigerImplBase {
  public:
   // Tenants that are not in `intervals` get `default_interval`; none means "not found".
   explicit TestConfiger(std::map<std::string, int> intervals = {},
-                        std::optional<int> default_interval = 1,
-                        std::shared_ptr<ConfigerLife> life = nullptr);
-  ~TestConfiger() override;
-
-  void Start() override { ++life_->starts; }
-  void Stop() override { ++life_->stops; }
-  std::pair<bool, int> GetTenantInterval(const std::string& tenant) override;
+                        std::optional<int> default_interval = 1)
+      : intervals_(std::move(intervals)), default_interval_(default_interval) {
+    account_id = "acc";
+    project_id = "proj";
+  }
+  void Start() override {}
+  void Stop() override {}
+  std::pair<bool, int> GetTenantInterval(const std::string& tenant) override {
+    const auto found = intervals_.find(tenant);
+    if (found != intervals_.end()) return {true, found->second};
+    return {default_interval_.has_value(), default_interval_.value_or(0)};
+  }
   std::string GetSinkName() override { return "test.sink"; }
-
-  const std::shared_ptr<ConfigerLife>& life() const { return life_; }
 
  private:
   const std::map<std::string, int> intervals_;
   const std::optional<int> default_interval_;
-  const std::shared_ptr<ConfigerLife> life_;
 };
 
 class TestVendor final : public VendorInterface {
@@ -115,7 +112,7 @@ class ScopedLogLevel {
 
 struct TestClientOptions {
   std::map<std::string, int> intervals;  // by tenant, in seconds
-  std::optional<int> default_interval = 1;
+  std::optional<int> default_interval = kNeverDue;
   TestVendor::Options vendor;  // an empty path becomes one that nobody listens on
   // Expiry is off: to a pass, a series is idle until its first emission.
   METRICS::CoreInitCfg core{false, false};
@@ -126,28 +123,27 @@ struct TestClientOptions {
 TestClientOptions ReportTo(const std::string& path, std::optional<int> interval = 1,
                            bool pre_encode_tags = false);
 
-// An initialised client, which ends with this object at the latest. Ignores SIGPIPE, which a
-// vanished agent raises, for the rest of the process.
+// An initialised client. Ignores SIGPIPE, which a vanished agent raises, for the rest of the
+// process.
 class TestClient {
  public:
   explicit TestClient(TestClientOptions options = {});
 
-  METRICS::MetricClient& operator*() { return *client_; }
-  METRICS::MetricClient* operator->() { return client_.get(); }
-  const ConfigerLife& life() const { return *life_; }
-  // Destroys the client.
-  void Reset() { client_.reset(); }
+  METRICS::MetricClient& operator*() { return client_; }
+  METRICS::MetricClient* operator->() { return &client_; }
 
   // Finds or makes; a refusal is a failure of the test and gives null.
   METRICS::MetricRegistry* Registry(const std::string& prefix, const std::string& tenant = "t1",
                                     std::vector<MetricTag> tags = {}, int flush_interval = 1);
   METRICS::Metric* Metric(const std::string& name, std::vector<std::string> tag_names = {},
                           const std::string& prefix = "p", const std::string& tenant = "t1");
+  METRICS::MetricSender& Sender(const std::string& tenant = "t1");
+  // Sends what is there as the values of second `now`. REQUIRES: no flush of "t1" is due.
+  void Flush(int64_t now);
 
  private:
   std::optional<ScopedLogLevel> log_level_;  // goes after the client
-  std::shared_ptr<ConfigerLife> life_;
-  std::unique_ptr<METRICS::MetricClient> client_;
+  METRICS::MetricClient client_;
 };
 
 // Sleeps to somewhere near the middle of a wall-clock second: what a 1 s tenant is told then is
