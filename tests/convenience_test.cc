@@ -109,11 +109,9 @@ TEST(ConvenienceTest, AFirstProgramNeedsNoClassOfItsOwn) {
   const TempDir folder;
   AgentSocket agent(folder.File("s"));
   const ScopedLogLevel silent(4);
-  tidegate::StaticConfiger* const settings =
-      new tidegate::StaticConfiger({60, {{"fast", 1}, {"none", 0}}, "acc", "proj"});
-  for (const auto& [tenant, interval] : {std::pair("other", 60), std::pair("fast", 1)}) {
-    EXPECT_EQ(settings->GetTenantInterval(tenant), std::pair(true, interval));
-  }
+  auto* const settings = new tidegate::StaticConfiger({60, {{"fast", 1}, {"none", 0}}, "a", "p"});
+  EXPECT_EQ(settings->GetTenantInterval("other"), std::pair(true, 60));
+  EXPECT_EQ(settings->GetTenantInterval("fast"), std::pair(true, 1));
   EXPECT_FALSE(settings->GetTenantInterval("none").first);
   MetricClient client;
   EXPECT_EQ(client.DebugString(), "client: not in service\n");
