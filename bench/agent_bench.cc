@@ -35,7 +35,8 @@ std::vector<std::string> PacketsOf(int64_t series) {
       Block block;
       block.wire_type = 2;
       block.timestamp = 1700000000;
-      block.name = "shop.web.requests." + std::string(kSuffixes[i % std::size(kSuffixes)]);
+      block.name = "shop.web.requests." +
+                   std::string(kSuffixes[static_cast<size_t>(i) % std::size(kSuffixes)]);
       block.series.resize(1);
       block.series[0].tags = {{"host", "web-" + std::to_string(i % 100)},
                               {"method", "get"},

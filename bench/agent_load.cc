@@ -118,6 +118,7 @@ int main(int argc, char** argv) {
   }
   Totals totals;
   std::vector<std::thread> threads;
+  threads.reserve(static_cast<size_t>(clients));
   const steady_clock::time_point start = steady_clock::now();
   for (int i = 0; i < clients; ++i) {
     threads.emplace_back([&, i] { Send(path, i, rate, seconds, &totals); });

@@ -47,7 +47,7 @@ void AddBytes(CLI::App* app, const char* name, size_t* bytes, const char* help) 
 
 void AddSeconds(CLI::App* app, const char* name, int64_t least, int64_t* seconds,
                 const char* help) {
-  constexpr int64_t kMost = 366 * 24 * 3600;
+  constexpr int64_t kMost = 31622400;  // a year
   app->add_option(name, *seconds, help)->check(CLI::Range(least, kMost))->capture_default_str();
 }
 

@@ -74,6 +74,35 @@ std::string LabelClaim(const std::string& metric, std::string_view key) {
   return MetricNameOf(metric) + '{' + LabelNameOf(key) + '}';
 }
 
+void ClaimOwnNames(const Health& health, NameClaims* claims) {
+  health.ForEach([&](const Health::Sample& sample) {
+    claims->Claim(std::string(sample.name), "agent's own number");
+  });
+}
+
+// Of the first `count` labels.
+void ReleaseLabels(const std::string& metric, std::string_view key, size_t count,
+                   NameClaims* claims) {
+  ForEachTag(key, [&](std::string_view tag, std::string_view /*value*/) {
+    if (count-- == 0) return false;
+    claims->Release(LabelClaim(metric, tag));
+    return true;
+  });
+}
+
+// All or none.
+bool ClaimLabels(const std::string& metric, std::string_view key, NameClaims* claims) {
+  size_t claimed = 0;
+  bool free = true;
+  ForEachTag(key, [&](std::string_view tag, std::string_view /*value*/) {
+    free = claims->Claim(LabelClaim(metric, tag), "tag " + std::string(tag));
+    if (free) ++claimed;
+    return free;
+  });
+  if (!free) ReleaseLabels(metric, key, claimed, claims);
+  return free;
+}
+
 }  // namespace
 
 SeriesTable::SeriesTable(const Options& options, Health* health, NameClaims::Reporter report,
@@ -84,9 +113,7 @@ SeriesTable::SeriesTable(const Options& options, Health* health, NameClaims::Rep
       claims_(std::move(report)),
       now_(clock_()),
       swept_(now_) {
-  health_->ForEach([this](const Health::Sample& sample) {
-    claims_.Claim(std::string(sample.name), "agent's own number");
-  });
+  ClaimOwnNames(*health_, &claims_);
 }
 
 SeriesTable::~SeriesTable() = default;
@@ -155,7 +182,7 @@ SeriesTable::Layout* SeriesTable::AddLayout(Kind kind, const Block& block) {
   if (options_.page) layout->parts = FamiliesOf(kind, block.name, layout->columns);
   layout->shown.resize(layout->parts.size());
   for (const std::string& column : layout->columns) {
-    layout->bytes += sizeof(column) + column.size() + sizeof(double);
+    layout->bytes += column.capacity() + sizeof(std::string) + sizeof(double);
   }
   for (const FamilyPart& part : layout->parts) {
     // The name stands in the table of families and, with the source, in that of claims as well.
@@ -183,7 +210,7 @@ SeriesTable::Node* SeriesTable::FindSeries(const Metric& metric) {
 }
 
 SeriesTable::Node* SeriesTable::AddSeries(Layout* layout) {
-  if (options_.page && !ClaimLabels(*layout->metric, key_)) {
+  if (options_.page && !ClaimLabels(layout->metric->name, key_, &claims_)) {
     ++health_->collided_points;
     return nullptr;
   }
@@ -192,30 +219,6 @@ SeriesTable::Node* SeriesTable::AddSeries(Layout* layout) {
   Attach(node, layout);
   ++made_;
   return node;
-}
-
-bool SeriesTable::ClaimLabels(const Metric& metric, std::string_view key) {
-  size_t claimed = 0;
-  bool free = true;
-  ForEachTag(key, [&](std::string_view tag, std::string_view /*value*/) {
-    free = claims_.Claim(LabelClaim(metric.name, tag), "tag " + std::string(tag));
-    if (free) ++claimed;
-    return free;
-  });
-  if (free) return true;
-  ForEachTag(key, [&](std::string_view tag, std::string_view /*value*/) {
-    if (claimed-- == 0) return false;
-    claims_.Release(LabelClaim(metric.name, tag));
-    return true;
-  });
-  return false;
-}
-
-void SeriesTable::ReleaseLabels(const Metric& metric, std::string_view key) {
-  ForEachTag(key, [&](std::string_view tag, std::string_view /*value*/) {
-    claims_.Release(LabelClaim(metric.name, tag));
-    return true;
-  });
 }
 
 void SeriesTable::Attach(Node* node, Layout* layout) {
@@ -326,7 +329,9 @@ void SeriesTable::SweepSeries() {
       ++next;
       continue;
     }
-    if (options_.page) ReleaseLabels(*node.second.layout->metric, node.first);
+    if (options_.page) {
+      ReleaseLabels(node.second.layout->metric->name, node.first, SIZE_MAX, &claims_);
+    }
     Detach(&node);
     bytes_ -= BytesOf(node);
     next = series_.erase(next);

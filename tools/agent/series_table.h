@@ -122,8 +122,6 @@ class SeriesTable : public PacketSink {
   Node* FindSeries(const Metric& metric) METRICS_REQUIRES(mutex_);
   // Null if its labels are refused.
   Node* AddSeries(Layout* layout) METRICS_REQUIRES(mutex_);
-  bool ClaimLabels(const Metric& metric, std::string_view key) METRICS_REQUIRES(mutex_);
-  void ReleaseLabels(const Metric& metric, std::string_view key) METRICS_REQUIRES(mutex_);
   void Attach(Node* node, Layout* layout) METRICS_REQUIRES(mutex_);
   void Detach(Node* node) METRICS_REQUIRES(mutex_);
   void Update(const Series& record, int64_t timestamp, Entry* entry) METRICS_REQUIRES(mutex_);
