@@ -11,8 +11,6 @@
 #include <system_error>
 #include <utility>
 
-#include "support/agent_socket.h"
-
 namespace tidegate::stress {
 namespace {
 
@@ -74,8 +72,7 @@ void MoodyAgent::Serve() {
         break;
       }
       case Mood::kDraining:
-        test::DrainClients(listener_.get(), clients_,
-                           [this](int client) { return Receive(client, 0); });
+        ReadToTheEnd();
         [[fallthrough]];
       case Mood::kKilled:
         listener_.Reset();
@@ -102,7 +99,28 @@ void MoodyAgent::ServeOnce() {
     }
   }
   clients_ = std::move(open);
-  test::AcceptAll(listener_.get(), clients_);
+  Accept();
+}
+
+void MoodyAgent::Accept() {
+  while (true) {
+    agent::UniqueFd client(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!client.valid()) {
+      return;
+    }
+    clients_.push_back(std::move(client));
+  }
+}
+
+void MoodyAgent::ReadToTheEnd() {
+  // Shut down ahead of reading: a message is then either among those to be read, or refused.
+  ::shutdown(listener_.get(), SHUT_RD);
+  Accept();
+  for (const agent::UniqueFd& client : clients_) {
+    ::shutdown(client.get(), SHUT_RD);
+    while (Receive(client.get(), 0)) {
+    }
+  }
 }
 
 bool MoodyAgent::Receive(int client, int flags) {

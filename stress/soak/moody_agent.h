@@ -36,6 +36,8 @@ class MoodyAgent {
   void End(Mood mood);
   void Serve();
   void ServeOnce();
+  void Accept();
+  void ReadToTheEnd();
   // Takes one message in; false at the end of the connection.
   bool Receive(int client, int flags);
 

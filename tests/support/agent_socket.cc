@@ -69,9 +69,7 @@ void AgentSocket::Serve() {
       continue;
     }
     if (watched[0].revents != 0) {
-      DrainClients(listener_.get(), clients_, [this](int client) { return Receive(client, 0); });
-      clients_.clear();
-      listener_.Reset();
+      Drain();
       return;
     }
     // From the back, so that the places of the ones before stay.
@@ -81,9 +79,33 @@ void AgentSocket::Serve() {
       }
     }
     if (watched[1].revents != 0) {
-      AcceptAll(listener_.get(), clients_);
+      Accept();
     }
   }
+}
+
+void AgentSocket::Accept() {
+  while (true) {
+    agent::UniqueFd client(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!client.valid()) {
+      return;
+    }
+    clients_.push_back(std::move(client));
+  }
+}
+
+void AgentSocket::Drain() {
+  // Shutting down before reading to the end leaves no moment in which a message is neither taken
+  // in nor refused.
+  ::shutdown(listener_.get(), SHUT_RD);
+  Accept();
+  for (const agent::UniqueFd& client : clients_) {
+    ::shutdown(client.get(), SHUT_RD);
+    while (Receive(client.get(), 0)) {
+    }
+  }
+  clients_.clear();
+  listener_.Reset();
 }
 
 bool AgentSocket::Receive(int client, int flags) {
@@ -153,29 +175,6 @@ std::vector<Point> PointsOf(const AgentSocket::Packets& packets) {
     }
   }
   return points;
-}
-
-void AcceptAll(int listener, std::vector<agent::UniqueFd>& clients) {
-  while (true) {
-    agent::UniqueFd client(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
-    if (!client.valid()) {
-      return;
-    }
-    clients.push_back(std::move(client));
-  }
-}
-
-void DrainClients(int listener, std::vector<agent::UniqueFd>& clients,
-                  const std::function<bool(int)>& receive) {
-  // Shutting down before reading to the end leaves no moment in which a message is neither taken
-  // in nor refused.
-  ::shutdown(listener, SHUT_RD);
-  AcceptAll(listener, clients);
-  for (const agent::UniqueFd& client : clients) {
-    ::shutdown(client.get(), SHUT_RD);
-    while (receive(client.get())) {
-    }
-  }
 }
 
 }  // namespace tidegate::test

@@ -71,6 +71,8 @@ class AgentSocket {
  private:
   void Listen();
   void Serve();
+  void Accept();
+  void Drain();
   // Takes one message in; false at the end of the connection.
   bool Receive(int client, int flags);
   void Keep(std::string bytes);
@@ -90,13 +92,5 @@ class AgentSocket {
 };
 
 std::vector<Point> PointsOf(const AgentSocket::Packets& packets);
-
-// Appends a socket for each connection that waits at `listener`, which must not block.
-void AcceptAll(int listener, std::vector<agent::UniqueFd>& clients);
-
-// The end of an exact receiver: lets nothing more in and calls `receive` on each client until it
-// answers false. No message is neither read nor refused.
-void DrainClients(int listener, std::vector<agent::UniqueFd>& clients,
-                  const std::function<bool(int)>& receive);
 
 }  // namespace tidegate::test
