@@ -65,10 +65,26 @@ install(
   COMPONENT dev)
 
 if(TIDEGATE_BUILD_AGENT)
+  set(tidegate_systemd ${PROJECT_SOURCE_DIR}/tools/agent/systemd)
   install(TARGETS tidegate-agent RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   install(
-    FILES tools/agent/tidegate-agent.service
+    FILES ${tidegate_systemd}/tidegate-agent.service
     DESTINATION lib/systemd/system
+    COMPONENT tools)
+  install(
+    FILES ${tidegate_systemd}/tidegate-agent.sysusers
+    DESTINATION lib/sysusers.d
+    RENAME tidegate-agent.conf
+    COMPONENT tools)
+  install(
+    FILES ${tidegate_systemd}/tidegate-agent.tmpfiles
+    DESTINATION lib/tmpfiles.d
+    RENAME tidegate-agent.conf
+    COMPONENT tools)
+  # Under /etc where the prefix is /usr.
+  install(
+    FILES ${tidegate_systemd}/tidegate-agent.conf
+    DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}
     COMPONENT tools)
 endif()
 
@@ -102,5 +118,7 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
     "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}), zlib1g-dev")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tidegate-agent)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/postinst
+                                             ${PROJECT_SOURCE_DIR}/cmake/debian/conffiles)
 file(WRITE ${PROJECT_BINARY_DIR}/triggers "activate-noawait ldconfig\n")
 include(CPack)

@@ -17,9 +17,11 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "agent/unique_fd.h"
@@ -60,8 +62,8 @@ constexpr milliseconds kTwoFlushes{2300};
 class Service {
  public:
   Service(const std::string& path, const std::string& tenant, int interval = 1, int series = 10)
-      : tenant_(tenant), series_(series), client_(Options(path, interval)) {
-    kinds_ = std::make_unique<AllKinds>(*client_, tenant, "p");
+      : tenant_(tenant), series_(series), client_(std::in_place, Options(path, interval)) {
+    kinds_ = std::make_unique<AllKinds>(**client_, tenant, "p");
     EXPECT_TRUE(kinds_->made());
     workers_.Start(2, [this](int) {
       const auto start = steady_clock::now();
@@ -73,7 +75,7 @@ class Service {
   ~Service() {
     workers_.Stop();
     const auto start = steady_clock::now();
-    client_.Reset();
+    client_.reset();
     EXPECT_LT(steady_clock::now() - start, kLongestEnd);
   }
   Service(const Service&) = delete;
@@ -93,7 +95,7 @@ class Service {
   // Waits until a packet of the service has failed with `error`.
   void ExpectFailure(int error) {
     METRICS::MetricRegistry* registry = nullptr;
-    client_->metric_factory_->GetRegistry(registry, "inf.tidegate", "inf.metrics");
+    (*client_)->metric_factory_->GetRegistry(registry, "inf.tidegate", "inf.metrics");
     METRICS::Metric* failures = nullptr;
     registry->GetMetric(failures, "sender.fail");
     const std::vector<std::string> status_and_tenant = {std::strerror(error), tenant_};
@@ -105,7 +107,7 @@ class Service {
     })) << tenant_
         << ": no failure with " << std::strerror(error);
   }
-  METRICS::MetricClient& client() { return *client_; }
+  METRICS::MetricClient& client() { return **client_; }
   double emissions() const { return static_cast<double>(emissions_.load()); }
 
  private:
@@ -134,7 +136,7 @@ class Service {
 
   const std::string tenant_;
   const int series_;
-  test::TestClient client_;
+  std::optional<test::TestClient> client_;
   std::unique_ptr<AllKinds> kinds_;
   std::atomic<long> emissions_{0};
   test::Workers workers_;

@@ -36,7 +36,9 @@ run_pkg_config_consumer() {
 
 check_consumers() {
   step "consumers of the installed package"
-  quietly cmake --install "$BUILD" --prefix "$PREFIX"
+  # The tools' component has a file for /etc.
+  quietly cmake --install "$BUILD" --prefix "$PREFIX" --component runtime
+  quietly cmake --install "$BUILD" --prefix "$PREFIX" --component dev
   local libdir
   libdir=$(dirname "$(find "$PREFIX" -name libtidegate_metrics.so)")
   run_cmake_consumer by_cmake -S "$ROOT/tests/install/cmake" -DCMAKE_PREFIX_PATH="$PREFIX"
@@ -98,7 +100,8 @@ check_packages() {
     "libtidegate-metrics-dev_*.deb ./usr/lib/.*/pkgconfig/tidegate-metrics\.pc$"
     "libtidegate-metrics-dev_*.deb ./usr/lib/.*/libtidegate_metrics\.so$"
     "tidegate-agent_*.deb ./usr/bin/tidegate-agent$"
-    "tidegate-agent_*.deb ./usr/lib/systemd/system/tidegate-agent\.service$")
+    "tidegate-agent_*.deb ./usr/lib/systemd/system/tidegate-agent\.service$"
+    "tidegate-agent_*.deb ./etc/tidegate-agent\.conf$")
   local line package
   for line in "${content[@]}"; do
     package=$(find "$SCRATCH/packages" -maxdepth 1 -name "${line%% *}")
