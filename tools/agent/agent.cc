@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 namespace tidegate::agent {
 namespace {
@@ -18,7 +19,7 @@ Agent::Agent(const Options& options)
     : options_(options),
       log_(STDERR_FILENO),
       queue_(options.queue_bytes, &health_),
-      server_([this](const SeqpacketServer::Message& message) { Receive(message); },
+      server_([this](SeqpacketServer::Message message) { queue_.Push(std::move(message)); },
               [this](const std::string& warning) { log_.ReportSome(warning); }, &health_.clients),
       table_({options.max_series, options.ttl, options.label_pid, !options.http.empty()}, &health_,
              [this](const std::string& collision) { log_.Report(collision); }),
@@ -78,10 +79,6 @@ bool Agent::Start() {
   }
   log_.Report("listening on " + options_.socket);
   return true;
-}
-
-void Agent::Receive(const SeqpacketServer::Message& message) {
-  queue_.Push({std::string(message.data, message.size), message.sent_size, message.client});
 }
 
 // Printing is all that there is to do, or else the rest goes on without it.

@@ -41,7 +41,6 @@ class Agent {
  private:
   std::vector<PacketSink*> Sinks();
   bool Start();
-  void Receive(const SeqpacketServer::Message& message);
   void PrintingEnded();
   void AppendPage(std::string* page);
   // Ends what comes after the decoder. False if points could not be printed.

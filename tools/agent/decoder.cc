@@ -6,15 +6,16 @@ namespace tidegate::agent {
 
 using std::chrono::steady_clock;
 
-void PacketQueue::Push(RawPacket packet) {
-  const size_t bytes = packet.bytes.size();
-  health_->bytes += packet.sent_bytes;
-  health_->dropped_packets += queue_.Push(std::move(packet), bytes).size();
+void PacketQueue::Push(SeqpacketServer::Message message) {
+  const size_t bytes = message.size;
+  health_->bytes += message.sent_size;
+  health_->dropped_packets += queue_.Push(std::move(message), bytes).size();
   UpdateHealth();
 }
 
-PacketQueue::Result PacketQueue::Pop(RawPacket* packet, std::chrono::milliseconds timeout) {
-  const Result result = queue_.Pop(packet, timeout);
+PacketQueue::Result PacketQueue::Pop(SeqpacketServer::Message* message,
+                                     std::chrono::milliseconds timeout) {
+  const Result result = queue_.Pop(message, timeout);
   UpdateHealth();
   return result;
 }
@@ -35,7 +36,7 @@ Decoder::Decoder(PacketQueue* queue, std::vector<PacketSink*> sinks,
 void Decoder::Run() {
   constexpr std::chrono::milliseconds kSecond(1000);
   steady_clock::time_point last = steady_clock::now();
-  RawPacket message;
+  SeqpacketServer::Message message;
   for (;;) {
     const PacketQueue::Result result = queue_->Pop(&message, kSecond);
     if (result == PacketQueue::Result::kClosed) return;
@@ -47,15 +48,15 @@ void Decoder::Run() {
   }
 }
 
-void Decoder::Decode(const RawPacket& message) {
-  const size_t size = message.bytes.size();
-  if (message.sent_bytes > size) {
-    Refuse(DecodeFailure::kTooLong, "message of " + std::to_string(message.sent_bytes) +
+void Decoder::Decode(const SeqpacketServer::Message& message) {
+  const size_t size = message.size;
+  if (message.sent_size > size) {
+    Refuse(DecodeFailure::kTooLong, "message of " + std::to_string(message.sent_size) +
                                         " bytes is longer than " + std::to_string(size));
     return;
   }
   ReadError error;
-  const Packet* const packet = reader_.Read(message.bytes.data(), size, &error);
+  const Packet* const packet = reader_.Read(message.data.get(), size, &error);
   if (packet == nullptr) {
     Refuse(FailureOf(error), "malformed packet of " + std::to_string(size) + " bytes at offset " +
                                  std::to_string(error.offset) + ": " + error.reason);

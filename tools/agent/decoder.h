@@ -10,15 +10,9 @@
 #include "agent/health.h"
 #include "agent/log.h"
 #include "agent/packet_sink.h"
+#include "agent/seqpacket_server.h"
 
 namespace tidegate::agent {
-
-// A message as it came.
-struct RawPacket {
-  std::string bytes;      // as many as were taken
-  size_t sent_bytes = 0;  // as many as the client sent
-  ClientId client;
-};
 
 // Messages on their way from the thread that reads sockets, which never waits for the decoder: the
 // oldest are dropped, and counted, beyond `max_bytes`.
@@ -26,18 +20,18 @@ struct RawPacket {
 // Threads: Push from the reader, Pop from the decoder, Close from any. Borrows `health`.
 class PacketQueue {
  public:
-  using Result = BoundedQueue<RawPacket>::Result;
+  using Result = BoundedQueue<SeqpacketServer::Message>::Result;
 
   PacketQueue(size_t max_bytes, Health* health) : queue_(max_bytes), health_(health) {}
 
-  void Push(RawPacket packet);
-  Result Pop(RawPacket* packet, std::chrono::milliseconds timeout);
+  void Push(SeqpacketServer::Message message);
+  Result Pop(SeqpacketServer::Message* message, std::chrono::milliseconds timeout);
   void Close() { queue_.Close(); }
 
  private:
   void UpdateHealth();
 
-  BoundedQueue<RawPacket> queue_;
+  BoundedQueue<SeqpacketServer::Message> queue_;
   Health* const health_;
 };
 
@@ -55,7 +49,7 @@ class Decoder {
   void Run();
 
  private:
-  void Decode(const RawPacket& message);
+  void Decode(const SeqpacketServer::Message& message);
   void Refuse(DecodeFailure failure, const std::string& text);
 
   PacketQueue* const queue_;

@@ -1,3 +1,5 @@
+#include <malloc.h>
+
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -38,6 +40,10 @@ class StopOnSignals {
 
 int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
+  // Messages of hundreds of kilobytes come and go all the time: fetching their memory from the
+  // kernel anew, zeroed, would cost more than reading them.
+  mallopt(M_MMAP_THRESHOLD, 4 << 20);
+  mallopt(M_TRIM_THRESHOLD, 64 << 20);
   try {
     OptionsError error;
     const std::optional<Options> options = tidegate::agent::ParseOptions(argc, argv, &error);

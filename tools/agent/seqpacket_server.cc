@@ -92,7 +92,6 @@ SeqpacketServer::SeqpacketServer(MessageHandler on_message, WarningHandler on_wa
                                  std::atomic<uint64_t>* clients)
     : on_message_(std::move(on_message)),
       on_warning_(std::move(on_warning)),
-      buffer_(kMaxMessageSize),
       epoll_(epoll_create1(EPOLL_CLOEXEC)),
       stop_event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       client_count_(clients) {}
@@ -218,8 +217,21 @@ void SeqpacketServer::PauseAccepting(bool pause) {
 }
 
 SeqpacketServer::ReadResult SeqpacketServer::ReadSome(const Client& client) {
+  const int fd = client.socket.get();
   for (int i = 0; i < kBurst; ++i) {
-    iovec part = {buffer_.data(), buffer_.size()};
+    // Asking for the size first is far cheaper than copying a message once more, into memory that
+    // it fills.
+    const ssize_t waiting = recv(fd, nullptr, 0, MSG_PEEK | MSG_TRUNC);
+    if (waiting < 0) {
+      if (errno == EINTR) continue;
+      return errno == EAGAIN ? ReadResult::kIdle : ReadResult::kGone;
+    }
+    Message message;
+    message.size = std::min(static_cast<size_t>(waiting), kMaxMessageSize);
+    message.data.reset(new char[message.size]);  // not set to zero, as make_unique would
+    message.sent_size = static_cast<size_t>(waiting);
+    message.client = client.id;
+    iovec part = {message.data.get(), message.size};
     // Room for the credentials and nothing else: descriptors that a client passes are dropped.
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
     msghdr header = {};
@@ -227,14 +239,9 @@ SeqpacketServer::ReadResult SeqpacketServer::ReadSome(const Client& client) {
     header.msg_iovlen = 1;
     header.msg_control = control;
     header.msg_controllen = sizeof(control);
-    const ssize_t received = recvmsg(client.socket.get(), &header, MSG_TRUNC);
-    if (received < 0) {
-      if (errno == EINTR) continue;
-      return errno == EAGAIN ? ReadResult::kIdle : ReadResult::kGone;
-    }
-    if (received == 0 && header.msg_controllen == 0) return ReadResult::kGone;
-    const size_t sent_size = static_cast<size_t>(received);
-    on_message_({buffer_.data(), std::min(sent_size, buffer_.size()), sent_size, client.id});
+    const ssize_t received = recvmsg(fd, &header, 0);
+    if (received < 0 || (received == 0 && header.msg_controllen == 0)) return ReadResult::kGone;
+    on_message_(std::move(message));
   }
   return ReadResult::kMore;
 }

@@ -6,9 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <unordered_map>
-#include <vector>
 
 #include "agent/packet_sink.h"
 #include "agent/unique_fd.h"
@@ -27,12 +27,12 @@ class SeqpacketServer {
   static constexpr size_t kMaxMessageSize = 1 << 20;  // bytes
 
   struct Message {
-    const char* data;  // valid during the call only
-    size_t size;       // bytes at `data`
-    size_t sent_size;  // bytes that the client sent; more than `size` if the message was cut
+    std::unique_ptr<char[]> data;
+    size_t size = 0;       // bytes at `data`
+    size_t sent_size = 0;  // bytes that the client sent; more than `size` if the message was cut
     ClientId client;
   };
-  using MessageHandler = std::function<void(const Message&)>;
+  using MessageHandler = std::function<void(Message)>;
   // Gets one line about trouble that does not end the server.
   using WarningHandler = std::function<void(const std::string&)>;
 
@@ -74,7 +74,6 @@ class SeqpacketServer {
 
   const MessageHandler on_message_;
   const WarningHandler on_warning_;
-  std::vector<char> buffer_;  // kMaxMessageSize bytes
   UniqueFd epoll_;
   UniqueFd stop_event_;
   UniqueFd listener_;
