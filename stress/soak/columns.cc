@@ -12,8 +12,6 @@ enum WireType : uint8_t {
   kWireCounter = 3,
   kWireMeter = 4,
   kWireTimer = 5,
-  kWireHistogram = 6,
-  kWireRow = 7,
   kWireDeltaCounter = 8,
 };
 

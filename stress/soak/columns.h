@@ -1,6 +1,6 @@
 #pragma once
 
-#include <cstddef>
+#include <array>
 #include <string>
 
 #include "agent/packet_reader.h"
@@ -19,8 +19,8 @@ struct Reading {
 std::string SeriesKey(const std::string& tenant, const std::string& metric,
                       const std::string& generation, const std::string& worker);
 
-// Reads a record of a metric that is named `registry.metric`, with the suffix or field names of
-// `Channel`. Numbers that cannot be added up are left out, once `CheckGauge` has seen them.
+// Reads a record of a metric with the full name `prefix.name`, without further dots, and the
+// suffixes and fields that a `Channel` emits. Numbers that cannot be added up are left out.
 Reading ReadSeries(const agent::Packet& packet, const agent::Block& block,
                    const agent::Series& series);
 

@@ -56,10 +56,11 @@ class Ledger {
   void Sending(int socket, const char* bytes, size_t size);
   void Sent(bool delivered);
 
-  // The agent's side. `path` is the agent's, which no two agents share.
+  // The agent's side.
   void Received(const char* bytes, size_t size);
-  // The agent is gone. `drained`: it read all that it was ever sent, else what it had not read is
-  // lost, which may only be what was sent last on each connection.
+  // The agent at `path`, which no two agents share, is gone. `drained`: it read all that it was
+  // ever sent, else what it had not read is lost, which may only be what was sent last on each
+  // connection.
   void AgentEnded(const std::string& path, bool drained);
 
   // To be called when nobody sends or reads any more.

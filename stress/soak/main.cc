@@ -155,8 +155,9 @@ int Soak(const Options& options) {
     Random random(options.seed);
     keeper.Torment(steady_clock::now() + seconds(options.seconds), random);
     crew.Stop();
+    int64_t last_flushes = 0;
     for (const std::unique_ptr<World>& world : worlds) {
-      world->FlushAndExit(random);
+      last_flushes += world->FlushAndExit(random) ? 1 : 0;
     }
     keeper.End();
     ledger.Finish();
@@ -164,6 +165,7 @@ int Soak(const Options& options) {
       world->CheckBooks();
     }
     AddFigures(ledger, slot_figures, worlds, report);
+    report.Figure("last_flushes", last_flushes);
     report.Figure("faults", keeper.faults());
     crew.memory().Judge(report);
   }

@@ -2,14 +2,13 @@
 
 #include <algorithm>
 #include <chrono>
-#include <ctime>
 #include <thread>
 
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_configer.h"
-#include "metrics/metric_self_monitor.h"
+#include "metrics/metric_sender.h"
+#include "metrics/metric_sender_manager.h"
 #include "support/environment.h"
-#include "util/metric_clock_util.h"
 
 namespace tidegate::stress {
 namespace {
@@ -149,40 +148,28 @@ void World::AwaitSettled() const {
   }
 }
 
-bool World::AwaitPauseOfFlushes() {
-  METRICS::Metric* const latency = client_.self_monitor_->statistic_.sender_latency.load();
-  const Channel::Item flushes = latency->WithTags({{"tenant", tenant_}, {"name", "tenant"}});
-  const auto deadline = steady_clock::now() + kPatience;
-  while (steady_clock::now() < deadline) {
-    test::SleepToMidSecond();
-    if (flushes->last_update_.load() >= std::time(nullptr)) {
-      return true;
-    }
+bool World::StopFlushThread() {
+  METRICS::MetricSender* sender = nullptr;
+  client_.sender_manager_->GetSender(sender, tenant_);
+  if (!report_.Check(sender != nullptr, "a tenant without a sender")) {
+    return false;
   }
-  return false;
+  sender->state_.store(METRICS::MetricState::SHUTDOWN);
+  sender->thread_.join();
+  return sender->work_state_ != METRICS::MetricSender::WorkState::kWorking;
 }
 
-void World::FlushAndExit(Random& random) {
-  // A flush that runs when the client ends would be the last one. So what the last one is to bring
-  // is emitted while the flush thread sleeps, with some time left; a busy machine may need another
-  // try.
-  constexpr int64_t kLatest = 800;
-  bool in_time = false;
-  while (!in_time) {
-    AwaitSettled();
-    if (!report_.Check(AwaitPauseOfFlushes(), "flushes never pause")) {
-      break;
-    }
-    const int64_t second = METRICS::WallMillis() / 1000;
-    for (const std::unique_ptr<Channel>& channel : steady_) {
+bool World::FlushAndExit(Random& random) {
+  AwaitSettled();
+  const bool last_flush = StopFlushThread();
+  for (const std::unique_ptr<Channel>& channel : steady_) {
+    if (last_flush) {
       channel->EmitOnAll(random);
     }
-    in_time = METRICS::WallMillis() < second * 1000 + kLatest;
-  }
-  for (const std::unique_ptr<Channel>& channel : steady_) {
     channel->LetGo();
   }
   client_.FlushAndExit();
+  return last_flush;
 }
 
 void World::CheckBooks() const {

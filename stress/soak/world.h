@@ -55,8 +55,10 @@ class World {
   // A step of each slot. Without `refill`, to an end: true when all are there.
   bool Turn(Random& random, bool refill);
 
-  // Waits until the ordinary flushes have brought everything, and has a last one bring some more.
-  void FlushAndExit(Random& random);
+  // Waits until the ordinary flushes have brought everything, and has a last one bring some more,
+  // which is emitted when the flush thread is gone already. False: that was stopped in the middle
+  // of a flush, so there is no other one.
+  bool FlushAndExit(Random& random);
   // To be called at the very end: everything is accounted for, and every total arrived.
   void CheckBooks() const;
   int64_t emissions() const;
@@ -67,8 +69,8 @@ class World {
   METRICS::MetricRegistry* MakeRegistry(const std::string& prefix, int flush_interval);
   bool IsSettled() const;
   void AwaitSettled() const;
-  // Returns in the middle of a second whose flush has ended, as the library says of itself.
-  bool AwaitPauseOfFlushes();
+  // Stops and joins the thread of the steady metrics' tenant. False if it was flushing.
+  bool StopFlushThread();
   // Waits until a pass of expiry that began before this call has ended: it goes by a series of a
   // metric of its own, which is idle from the start.
   bool AwaitExpiryPass();
