@@ -1,6 +1,6 @@
 #pragma once
 
-#include <memory>
+#include <atomic>
 #include <optional>
 #include <string>
 #include <vector>
@@ -40,6 +40,7 @@ class Agent {
   std::vector<PacketSink*> Sinks();
   bool Start();
   void PrintingEnded();
+  void HttpEnded();
   void AppendPage(std::string* page);
   // Ends what comes after the decoder. False if points could not be printed.
   bool FinishOutputs();
@@ -52,6 +53,7 @@ class Agent {
   SeqpacketServer server_;
   SeriesTable table_;
   std::optional<PacketLog> printer_;
+  std::atomic<bool> http_failed_{false};
   std::optional<HttpServer> http_;
   Decoder decoder_;  // after all sinks
 };
