@@ -56,13 +56,13 @@ int Agent::Run() {
   const bool printed = FinishOutputs();
   ReportTotals();
   log_.Finish(kLogDrain);
-  return served && printed ? 0 : 1;
+  return served && printed && !http_failed_ ? 0 : 1;
 }
 
 bool Agent::Start() {
   std::string error;
   if (!options_.http.empty()) {
-    http_.emplace([this](std::string* page) { AppendPage(page); });
+    http_.emplace([this](std::string* page) { AppendPage(page); }, [this] { HttpEnded(); });
     if (!http_->Start(options_.http, &error)) {
       log_.Report(error);
       return false;
@@ -88,6 +88,13 @@ void Agent::PrintingEnded() {
   } else {
     log_.Report("points are no longer printed, standard output is closed");
   }
+}
+
+// An agent that looks alive and shows nothing would be worse than one that starts anew.
+void Agent::HttpEnded() {
+  log_.Report("serving " + options_.http + " has ended by itself, so the agent ends as well");
+  http_failed_ = true;
+  Stop();
 }
 
 void Agent::AppendPage(std::string* page) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <memory>
+#include <atomic>
 #include <optional>
 #include <string>
 #include <vector>
@@ -42,6 +42,7 @@ class Agent {
   std::vector<PacketSink*> Sinks();
   bool Start();
   void PrintingEnded();
+  void HttpEnded();
   void AppendPage(std::string* page);
   // Ends what comes after the decoder. False if points could not be printed.
   bool FinishOutputs();
@@ -54,6 +55,7 @@ class Agent {
   SeqpacketServer server_;
   SeriesTable table_;
   std::optional<PacketLog> printer_;
+  std::atomic<bool> http_failed_{false};
   std::optional<HttpServer> http_;
   std::optional<Forwarder> forwarder_;
   Decoder decoder_;  // after all sinks

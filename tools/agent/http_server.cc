@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstddef>
 #include <mutex>
 #include <system_error>
@@ -55,7 +56,8 @@ struct HttpServer::Impl {
   size_t last_size = 0;
 };
 
-HttpServer::HttpServer(PageWriter page) : impl_(std::make_unique<Impl>()) {
+HttpServer::HttpServer(PageWriter page, std::function<void()> on_failure)
+    : impl_(std::make_unique<Impl>()), on_failure_(std::move(on_failure)) {
   impl_->page = std::move(page);
   httplib::Server& server = impl_->server;
   server.new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
@@ -114,14 +116,21 @@ bool HttpServer::Start(const std::string& address, std::string* error) {
     return false;
   }
   url_ = "http://" + address.substr(0, address.rfind(':') + 1) + std::to_string(port);
-  thread_ = std::thread([this] { impl_->server.listen_after_bind(); });
+  thread_ = std::thread([this] {
+    impl_->server.listen_after_bind();
+    ended_ = true;
+    if (!stopping_) on_failure_();
+  });
   // Stop would do nothing to a server that is not there yet.
-  while (!impl_->server.is_running()) std::this_thread::yield();
+  while (!impl_->server.is_running() && !ended_) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   return true;
 }
 
 void HttpServer::Stop() {
   if (!thread_.joinable()) return;
+  stopping_ = true;
   impl_->server.stop();
   thread_.join();
 }

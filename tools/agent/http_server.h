@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -21,7 +22,8 @@ class HttpServer {
   // something else.
   static bool SplitAddress(const std::string& address, std::string* host, int* port);
 
-  explicit HttpServer(PageWriter page);
+  // `on_failure` is called on another thread if the server ends without Stop.
+  HttpServer(PageWriter page, std::function<void()> on_failure);
   ~HttpServer();  // stops
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
@@ -39,6 +41,9 @@ class HttpServer {
   struct Impl;
 
   const std::unique_ptr<Impl> impl_;
+  const std::function<void()> on_failure_;
+  std::atomic<bool> stopping_{false};
+  std::atomic<bool> ended_{false};  // the thread is about to
   std::string url_;
   std::thread thread_;
 };
