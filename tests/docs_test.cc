@@ -100,9 +100,9 @@ TEST(DocsTest, WorkedExampleDecodesToItsTable) {
 TEST(DocsTest, NamedFilesExist) {
   // Links, and paths in code spans; `src/metrics/metric` stands for a header and its source.
   const std::regex name(
-      R"(\]\(([\w./]+)\)|`((?:bench|docs|examples|include|scripts|src|tests|tools)/[\w./-]+)`)");
+      R"(\]\(([\w./]+)\)|`((?:bench|docs|examples|include|scripts|src|stress|tests|tools)/[\w./-]+)`)");
   for (const std::string document :
-       {"README.md", "DEVELOPERS.md", "CONTRIBUTING.md", "docs/design.md"}) {
+       {"README.md", "DEVELOPERS.md", "CONTRIBUTING.md", "docs/design.md", "docs/reliability.md"}) {
     const std::string text = ReadFile(document);
     EXPECT_TRUE(std::regex_search(text, name)) << document;
     for (std::sregex_iterator it(text.begin(), text.end(), name), end; it != end; ++it) {
