@@ -83,9 +83,10 @@ TEST(DocsTest, NamedFilesExist) {
   const std::filesystem::path root = TIDEGATE_SOURCE_DIR;
   // Links, and paths in code spans; `src/metrics/metric` stands for a header and its source.
   const std::regex name(
-      R"(\]\(([\w./]+)\)|`((?:bench|docs|examples|include|scripts|src|tests|tools)/[\w./-]+)`)");
+      R"(\]\(([\w./]+)\)|`((?:bench|docs|examples|include|scripts|src|stress|tests|tools)/[\w./-]+)`)");
   for (const std::string document :
-       {"README.md", "DEVELOPERS.md", "CONTRIBUTING.md", "docs/design.md", "docs/errors.md"}) {
+       {"README.md", "DEVELOPERS.md", "CONTRIBUTING.md", "docs/design.md", "docs/errors.md",
+        "docs/guide.md", "docs/reliability.md"}) {
     const std::string text = ReadSourceFile(document);
     EXPECT_TRUE(std::regex_search(text, name)) << document;
     for (std::sregex_iterator it(text.begin(), text.end(), name), end; it != end; ++it) {
