@@ -81,6 +81,16 @@ TEST(LineProtocolTest, WritesEachKindAsTheMappingSays) {
        "m.h,tenant=t1,exported_le=x,le=0.5 bucket=2 1700000000000000000\n"
        "m.h,tenant=t1,exported_le=x,le=20 bucket=5 1700000000000000000\n"
        "m.h,tenant=t1,exported_le=x,le=+Inf bucket=9 1700000000000000000\n"},
+      // Two bounds that are one in six digits, and two keys that are one without control
+      // characters.
+      {MakeBlock(6, "m.h", {"hist:b-0.0", "hist:b-1.0", "hist:b-1.0", "hist:sum", "hist:count"},
+                 {{0, {{"x\ny", "1"}, {"x_y", "2"}}, {}, {2, 3, 4, 8, 9}}}),
+       "m.h,tenant=t1,x_y=1 b-0.0=2,b-1.0=7,sum=8,count=9 1700000000000000000\n"
+       "m.h,tenant=t1,x_y=1,le=1 bucket=5 1700000000000000000\n"
+       "m.h,tenant=t1,x_y=1,le=+Inf bucket=9 1700000000000000000\n"},
+      {MakeBlock(6, std::string(9 << 20, 'm'), {"hist:b-0", "hist:b-1", "hist:sum", "hist:count"},
+                 {{0, {}, {}, {1, 1, 1, 2}}}),
+       ""},
       // What is no number is left out, with its line where nothing else is in it.
       {MakeBlock(7, "m", {"a", "b", "c"}, {{0, {}, {}, {kNan, 4, kInfinity}}}),
        "m,tenant=t1 b=4 1700000000000000000\n"},
@@ -331,6 +341,23 @@ TEST_F(ForwarderTest, BoundsTheQueueByBytesToo) {
   EXPECT_GT(health_.forward_queue_bytes, 50000U);
   EXPECT_LE(health_.forward_queue_bytes, 120000U);
   EXPECT_EQ(health_.forward_queue_points + health_.forward_dropped_full, 10000U);
+}
+
+TEST_F(ForwarderTest, CutsLongPacketsIntoBatches) {
+  database_.Serve({Status(204)});
+  ForwardOptions options = Options(Url());
+  options.limits.queue_points = 100;  // so a batch has ten
+  options.limits.batch_points = 1000;
+  Make(options);  // and nothing is taken out yet
+  Packet packet;
+  packet.tenant = "t";
+  packet.blocks.push_back(MakeBlock(1, "m", {}, std::vector<Series>(505, {0, {}, {}, {1}})));
+  forwarder_->Handle(packet, ClientId());
+  EXPECT_EQ(health_.forward_dropped_full, 400U);  // what is open comes on top
+  forwarder_->Start();
+  forwarder_->Stop(seconds(20));
+  EXPECT_EQ(health_.forwarded_points, 105U);
+  EXPECT_EQ(health_.forward_batches, 11U);
 }
 
 TEST_F(ForwarderTest, SendsWhatWaitsBeforeItStops) {

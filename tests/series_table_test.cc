@@ -118,6 +118,7 @@ TEST_F(SeriesTableTest, ShowsEachKindInItsFamilies) {
        "gauge n__{_9_k=\"a\\\"b\\\\c\\nd\xef\xbf\xbd\xc3\xa9\",exported__x=\"1\"} 0\n"},
       {{1, "g", {}, {{"pid", "p"}, {"tenant", "t"}, {"tenant", "u"}}, {0}},
        "gauge g{pid=\"p\",exported_tenant=\"t\"} 0\n"},
+      {{1, "g", {}, {{"b", "1"}, {"a", "2"}}, {0}}, "gauge g{a=\"2\",b=\"1\"} 0\n"},
   };
   for (const auto& [point, samples] : kCases) {
     SCOPED_TRACE(point.name);
@@ -190,14 +191,39 @@ TEST_F(SeriesTableTest, LimitsSeriesAndForgetsThoseWithoutNews) {
 
   // A few huge series do not get around the limit.
   for (char c = 'a'; c < 'z'; ++c) Handle({1, "g", {}, {{"k", std::string(1000, c)}}, {1}});
-  EXPECT_EQ(health_.series, 2U);
+  EXPECT_EQ(health_.series, 1U);  // which fills the page
   Make({});
   Handle({7,
           "r",
           std::vector<std::string>(1000, "c"),
           {{"k", std::string(20000, 'v')}},
           std::vector<double>(1000, 1)});
-  EXPECT_EQ(health_.series, 0U);
+  Handle({1, std::string(100000, 'n'), {}, std::vector<Tag>(1000), {1}});  // tags without values
+  EXPECT_EQ(health_.series, 1U);
+  std::vector<Tag> tags;
+  for (int i = 1000; i < 2000; ++i) tags.push_back({std::to_string(i), "v"});
+  Handle({1, std::string(20000, 'n'), {}, tags, {1}});  // each label holds the name
+  EXPECT_EQ(health_.series, 1U);
+  Handle({1, std::string(2000, 'n'), {}, tags, {1}});
+  EXPECT_EQ(health_.series, 2U);
+  EXPECT_GT(health_.series_bytes, 2000000U);
+
+  // A series that is there may change its columns.
+  options.max_series = 1;
+  Make(options);
+  Handle({7, "r", {"x"}, {}, {1}});
+  Handle({7, "r", {"x", "y"}, {}, {1, 2}});
+  EXPECT_EQ(Samples(), "gauge r_x 1\ngauge r_y 2\n");
+
+  // A point from the future does not hide what comes after it for longer than the time to live.
+  Make({});
+  Handle({5, "t", kTimer, {}, std::vector<double>(10, 1), {}, kTime + 1000000});
+  for (int i = 0; i < 2; ++i) {
+    now_ += seconds(200);
+    table_->Sweep();
+    Handle({5, "t", kTimer, {}, std::vector<double>(10, 2), {}, kTime + i});
+  }
+  EXPECT_THAT(Samples(), HasSubstr("t{quantile=\"0.5\"} 2\n"));
 }
 
 TEST_F(SeriesTableTest, LeavesOutWhatCollidesAndSaysSoOnce) {
@@ -213,11 +239,13 @@ TEST_F(SeriesTableTest, LeavesOutWhatCollidesAndSaysSoOnce) {
   EXPECT_EQ(Samples(),
             "histogram a_bucket{le=\"+Inf\"} 2\nhistogram a_sum 2\nhistogram a_count 2\n"
             "gauge a_b{x_y=\"1\"} 1\n");
-  EXPECT_THAT(reports_,
-              ElementsAre(HasSubstr("\"a_b\" stands for the gauge a.b in /metrics; the gauge a_b"),
-                          HasSubstr("the rate a.b is left out"),
-                          HasSubstr("\"a_b{x_y}\" stands for the tag x.y"),
-                          HasSubstr("\"a_sum\" stands for the histogram a")));
+  EXPECT_THAT(
+      reports_,
+      ElementsAre(HasSubstr("\"a_b\" stands for the gauge a.b in /metrics; the gauge a_b"),
+                  HasSubstr("the rate a.b is left out"),
+                  HasSubstr("\"a_b{x_y}\" stands for the tag x.y in /metrics; series with the "
+                            "tag x_y are left out there"),
+                  HasSubstr("\"a_sum\" stands for the histogram a")));
   EXPECT_EQ(health_.collided_points, 8U);
 
   now_ += seconds(301);

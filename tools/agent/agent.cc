@@ -3,7 +3,10 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstdlib>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -12,6 +15,7 @@ namespace tidegate::agent {
 namespace {
 
 constexpr std::chrono::seconds kLogDrain(2);
+constexpr std::chrono::seconds kHttpDrain(2);
 
 }  // namespace
 
@@ -40,10 +44,7 @@ std::vector<PacketSink*> Agent::Sinks() {
 }
 
 int Agent::Run() {
-  if (!Start()) {
-    log_.Finish(kLogDrain);
-    return 1;
-  }
+  if (!Start()) return End(1);
   std::thread decoder([this] {
     pthread_setname_np(pthread_self(), "decoder");
     decoder_.Run();
@@ -55,8 +56,16 @@ int Agent::Run() {
   decoder.join();
   const bool printed = FinishOutputs();
   ReportTotals();
+  return End(served && printed && !http_failed_ ? 0 : 1);
+}
+
+int Agent::End(int status) {
+  const bool http_ended = !http_ || http_->Stop(kHttpDrain);
   log_.Finish(kLogDrain);
-  return served && printed && !http_failed_ ? 0 : 1;
+  // A slow client must not keep the process; its thread still uses what the destructors would take
+  // away.
+  if (!http_ended) std::_Exit(status);
+  return status;
 }
 
 bool Agent::Start() {
@@ -103,10 +112,13 @@ void Agent::AppendPage(std::string* page) {
 }
 
 bool Agent::FinishOutputs() {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point end = Clock::now() + options_.drain;
   if (forwarder_) forwarder_->Stop(options_.drain);
-  if (http_) http_->Stop();
   if (!printer_) return true;
-  printer_->Finish(options_.drain);
+  // It has printed meanwhile.
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+  printer_->Finish(std::max(left, std::chrono::milliseconds(0)));
   // A reader that has seen enough is no failure.
   if (printer_->error() == 0 || printer_->error() == EPIPE) return true;
   log_.Report("cannot write points: " + std::generic_category().message(printer_->error()));

@@ -46,6 +46,8 @@ class Agent {
   void AppendPage(std::string* page);
   // Ends what comes after the decoder. False if points could not be printed.
   bool FinishOutputs();
+  // What Run returns, with the last lines written.
+  int End(int status);
   void ReportTotals();
 
   const Options options_;

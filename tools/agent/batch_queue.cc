@@ -9,6 +9,9 @@ namespace {
 // A full queue drops whole batches, so a batch must be a small part of it.
 constexpr uint64_t kBatchesInQueue = 10;
 
+// Behind Flush; a pause may have been worked out just before.
+constexpr std::chrono::milliseconds kLongestFlushPause{500};
+
 BatchLimits Sane(BatchLimits limits) {
   limits.batch_points =
       std::clamp<uint64_t>(limits.queue_points / kBatchesInQueue, 1, limits.batch_points);
@@ -23,6 +26,7 @@ BatchQueue::BatchQueue(const BatchLimits& limits) : limits_(Sane(limits)) {}
 
 uint64_t BatchQueue::Append(std::string_view lines, uint64_t points) {
   const std::lock_guard<std::mutex> lock(mutex_);
+  if (!open_.body.empty() && open_.points + points > limits_.batch_points) CloseOpen();
   if (open_.body.empty()) {
     open_since_ = Clock::now();
     changed_.notify_one();  // it has a time to be closed at now
@@ -57,7 +61,7 @@ uint64_t BatchQueue::ReturnPacked(Batch batch) {
 
 uint64_t BatchQueue::ReturnUnsent(Batch batch, Clock::time_point retry_at) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  send_at_ = retry_at;
+  send_at_ = flushing_ ? std::min(retry_at, Clock::now() + kLongestFlushPause) : retry_at;
   Count(batch);
   packed_.push_front(std::move(batch));
   return DropAboveLimits();

@@ -45,7 +45,11 @@ class BatchQueue {
 
   explicit BatchQueue(const BatchLimits& limits);
 
-  // Adds whole lines, which hold `points`. Returns how many points had to go for them.
+  // Those asked for, with a batch at most a tenth of the queue. From any thread.
+  const BatchLimits& limits() const { return limits_; }
+
+  // Adds whole lines, which hold `points` and come into one batch. Returns how many points had to
+  // go for them.
   uint64_t Append(std::string_view lines, uint64_t points);
 
   // The next batch: the oldest unpacked one while it is too early to send, else the oldest packed
@@ -55,8 +59,8 @@ class BatchQueue {
   // Puts back a batch that has been packed. Returns how many points had to go for it.
   uint64_t ReturnPacked(Batch batch);
 
-  // Puts back a batch that could not be sent; it is too early to send until `retry_at`. Returns how
-  // many points had to go for it.
+  // Puts back a batch that could not be sent; it is too early to send until `retry_at`, behind
+  // Flush for half a second at most. Returns how many points had to go for it.
   uint64_t ReturnUnsent(Batch batch, Clock::time_point retry_at);
 
   // From now on the open batch does not wait to become full or old. It is no more too early to

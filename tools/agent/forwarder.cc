@@ -83,7 +83,7 @@ void Forwarder::Handle(const Packet& packet, const ClientId& client) {
       } else {
         ++health_->forward_dropped_empty;
       }
-      if (lines_.size() >= kChunkSize) Append(std::exchange(points, 0));
+      if (IsChunkFull(points)) Append(std::exchange(points, 0));
     }
   }
   Append(points);
@@ -92,8 +92,19 @@ void Forwarder::Handle(const Packet& packet, const ClientId& client) {
 void Forwarder::Append(uint64_t points) {
   if (lines_.empty()) return;
   CountFull(queue_.Append(lines_, points));
-  lines_.clear();
+  // One huge histogram must not be paid for until the end.
+  if (lines_.capacity() > 4 * kChunkSize) {
+    lines_ = std::string();
+  } else {
+    lines_.clear();
+  }
   PublishSize();
+}
+
+// A chunk is never split, so it must not be more than a batch.
+bool Forwarder::IsChunkFull(uint64_t points) const {
+  const BatchLimits& limits = queue_.limits();
+  return points >= limits.batch_points || lines_.size() >= std::min(kChunkSize, limits.batch_bytes);
 }
 
 void Forwarder::Run() {

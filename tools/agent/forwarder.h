@@ -60,6 +60,7 @@ class Forwarder : public PacketSink {
   using Clock = BatchQueue::Clock;
 
   void Append(uint64_t points);
+  bool IsChunkFull(uint64_t points) const;
   void Run();
   void SendHealthIfDue();
   void Deliver(Batch batch);

@@ -71,8 +71,8 @@ void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
   handle({kDropped, kDroppedHelp, true, "reason", "full", ValueOf(forward_dropped_full)});
   handle({kDropped, kDroppedHelp, true, "reason", "rejected", ValueOf(forward_dropped_rejected)});
   handle({kDropped, kDroppedHelp, true, "reason", "empty", ValueOf(forward_dropped_empty)});
-  counter("tidegate_agent_forward_retried_points_total", "Points sent once more.",
-          forward_retried_points);
+  counter("tidegate_agent_forward_retried_points_total",
+          "Points whose sending failed and is tried again.", forward_retried_points);
   counter("tidegate_agent_forward_batches_total", "Requests that the database took.",
           forward_batches);
 }

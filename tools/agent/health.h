@@ -62,7 +62,7 @@ struct Health {
   Number forwarded_points{0};
   Number forward_dropped_full{0};      // points
   Number forward_dropped_rejected{0};  // points that the server did not want
-  Number forward_dropped_empty{0};     // points without a number that can be sent
+  Number forward_dropped_empty{0};     // points that make no line: no number in it, or too long
   Number forward_retried_points{0};
   Number forward_batches{0};
 

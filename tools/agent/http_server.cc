@@ -16,7 +16,6 @@ namespace tidegate::agent {
 namespace {
 
 constexpr size_t kThreads = 4;
-constexpr size_t kMaxBody = 4096;
 constexpr time_t kReadSeconds = 5;
 constexpr time_t kWriteSeconds = 10;
 constexpr time_t kKeepAliveSeconds = 1;
@@ -61,7 +60,14 @@ HttpServer::HttpServer(PageWriter page, std::function<void()> on_failure)
   impl_->page = std::move(page);
   httplib::Server& server = impl_->server;
   server.new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
-  server.set_payload_max_length(kMaxBody);
+  // Before anything of a body is read: one without a length would have no limit.
+  server.set_pre_routing_handler([](const httplib::Request& request, httplib::Response& response) {
+    using Result = httplib::Server::HandlerResponse;
+    if (request.method == "GET" || request.method == "HEAD") return Result::Unhandled;
+    response.status = 405;
+    response.set_header("Allow", "GET, HEAD");
+    return Result::Handled;
+  });
   server.set_read_timeout(kReadSeconds);
   server.set_write_timeout(kWriteSeconds);
   server.set_keep_alive_timeout(kKeepAliveSeconds);
@@ -81,7 +87,10 @@ HttpServer::HttpServer(PageWriter page, std::function<void()> on_failure)
   });
 }
 
-HttpServer::~HttpServer() { Stop(); }
+HttpServer::~HttpServer() {
+  while (!Stop(std::chrono::hours(1))) {
+  }
+}
 
 bool HttpServer::SplitAddress(const std::string& address, std::string* host, int* port) {
   const size_t colon = address.rfind(':');
@@ -128,11 +137,16 @@ bool HttpServer::Start(const std::string& address, std::string* error) {
   return true;
 }
 
-void HttpServer::Stop() {
-  if (!thread_.joinable()) return;
-  stopping_ = true;
-  impl_->server.stop();
+bool HttpServer::Stop(std::chrono::milliseconds most) {
+  if (!thread_.joinable()) return true;
+  if (!stopping_.exchange(true)) impl_->server.stop();
+  const auto end = std::chrono::steady_clock::now() + most;
+  while (!ended_) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   thread_.join();
+  return true;
 }
 
 }  // namespace tidegate::agent

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -11,8 +12,10 @@ namespace tidegate::agent {
 // The agent's pages: /metrics, /healthz and, at /, what this is.
 //
 // Threads: Start and Stop from one; `page` is called on threads of its own, four at most, and not
-// by two at a time. A client gets 5 s for its request and 10 s for each part of the answer that it
-// does not take; a request with a body above 4 KiB is refused.
+// by two at a time. A client gets 5 s for each part of its request and 10 s for each part of the
+// answer that it does not take, so four that are slow on purpose keep the others waiting. Only GET
+// and HEAD are served, and no body is ever read; the limits on the request line and the header are
+// those of the HTTP library.
 class HttpServer {
  public:
   // Appends the content of /metrics.
@@ -24,15 +27,15 @@ class HttpServer {
 
   // `on_failure` is called on another thread if the server ends without Stop.
   HttpServer(PageWriter page, std::function<void()> on_failure);
-  ~HttpServer();  // stops
+  ~HttpServer();  // stops, and waits for the slowest client
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
   // Binds to an address and serves; port 0 is any free one. Returns false and says why in `error`.
   bool Start(const std::string& address, std::string* error);
 
-  // Ends after the answers under way. Safe twice.
-  void Stop();
+  // Ends after the answers under way. False if they take longer than `most`. Safe twice.
+  bool Stop(std::chrono::milliseconds most);
 
   // Where it listens, as "http://127.0.0.1:9464". REQUIRES: Start succeeded.
   const std::string& url() const { return url_; }

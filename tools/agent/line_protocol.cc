@@ -4,6 +4,8 @@
 #include <charconv>
 #include <cmath>
 #include <limits>
+#include <set>
+#include <utility>
 
 namespace tidegate::agent {
 namespace {
@@ -14,12 +16,20 @@ constexpr std::string_view kValueField = "value";
 constexpr std::string_view kBucketField = "bucket";
 constexpr std::string_view kHistogramPrefix = "hist:";
 
+// Bucket lines of one record: each has the measurement and all tags, so they grow with the product
+// of what a packet holds.
+constexpr size_t kMaxBucketBytes = 16 << 20;
+
 bool IsEscapedIn(LinePart part, char c) {
   return c == ',' || c == ' ' || (c == '=' && part != LinePart::kMeasurement);
 }
 
 bool IsPlain(char c) {
   return c > ' ' && c != '\x7f' && c != ',' && c != '=' && c != '\\' && c != '"' && c != '#';
+}
+
+bool IsPlainText(std::string_view text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), IsPlain);
 }
 
 // How many bytes at the front of `text` are one character of UTF-8 beyond ASCII; 0 if they are
@@ -80,7 +90,7 @@ std::string_view FieldName(Kind kind, std::string_view column) {
 }  // namespace
 
 void AppendEscaped(LinePart part, std::string_view text, std::string* out) {
-  if (std::all_of(text.begin(), text.end(), IsPlain) && !text.empty()) {
+  if (IsPlainText(text)) {
     *out += text;
     return;
   }
@@ -119,17 +129,38 @@ void LineWriter::StartBlock(const Packet& packet, const ClientId& client, const 
 bool LineWriter::AppendRecord(const Series& record, std::string* out) {
   if (!in_time_) return false;
   tags_.Assign(*packet_, *client_, label_pid_, kind_, record);
-  head_ = measurement_;
-  for (const PointTags::Tag& tag : tags_) AppendTag(tag.key, tag.value, &head_);
+  AppendTags();
+  if (bounds_.size() * head_.size() > kMaxBucketBytes) return false;
 
+  double merged = 0;  // of buckets with the same name as the next
   for (size_t i = 0; i < record.values.size(); ++i) {
+    if (kind_ == Kind::kHistogram && i + 1 < fields_.size() && fields_[i] == fields_[i + 1]) {
+      merged += record.values[i];
+      continue;
+    }
     AppendField(
         fields_.empty() ? kValueField : fields_[record.indexes.empty() ? i : record.indexes[i]],
-        record.values[i]);
+        std::exchange(merged, 0) + record.values[i]);
   }
   const bool written = AppendLine(out);
   if (kind_ == Kind::kHistogram) AppendBuckets(record, out);
   return written;
+}
+
+void LineWriter::AppendTags() {
+  head_ = measurement_;
+  // Only where one is altered can two keys become one.
+  const bool distinct = std::all_of(tags_.begin(), tags_.end(),
+                                    [](const PointTags::Tag& tag) { return IsPlainText(tag.key); });
+  std::set<std::string> keys;
+  for (const PointTags::Tag& tag : tags_) {
+    if (!distinct) {
+      std::string key;
+      AppendEscaped(LinePart::kTag, tag.key, &key);
+      if (!keys.insert(std::move(key)).second) continue;
+    }
+    AppendTag(tag.key, tag.value, &head_);
+  }
 }
 
 void LineWriter::AppendField(std::string_view escaped_name, double value) {
@@ -153,6 +184,7 @@ void LineWriter::AppendBuckets(const Series& record, std::string* out) {
   double below = 0;
   for (size_t i = 0; i < histogram.buckets; ++i) {
     below += histogram.counts[i];
+    if (i + 1 < histogram.buckets && bounds_[i] == bounds_[i + 1]) continue;
     head_ += bounds_[i];
     AppendField(kBucketField, below);
     AppendLine(out);

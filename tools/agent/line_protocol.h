@@ -23,6 +23,9 @@ void AppendEscaped(LinePart part, std::string_view text, std::string* out);
 
 // Writes points as lines of the InfluxDB line protocol. Every field is a float; NaN and infinities,
 // which no receiver takes, are left out, and so is a line without any field. Times are nanoseconds.
+// Of tags whose keys become one by the escapes, a line has the first. Buckets whose bounds are
+// equal in the digits of their names are one. A histogram whose bucket lines would take more than
+// 16 MiB gets no line at all.
 //
 // Not thread-safe. Keeps buffers, so that usual points are written without allocations.
 class LineWriter {
@@ -38,6 +41,7 @@ class LineWriter {
   bool AppendRecord(const Series& record, std::string* out);
 
  private:
+  void AppendTags();
   void AppendField(std::string_view escaped_name, double value);
   bool AppendLine(std::string* out);
   void AppendBuckets(const Series& record, std::string* out);

@@ -7,10 +7,15 @@ namespace {
 
 constexpr size_t kMaxReports = 1000;
 
+// Of the table, the two texts and the heap.
+constexpr size_t kHolderBytes = 128;
+
 }  // namespace
 
 bool NameClaims::Claim(const std::string& name, std::string_view owner) {
-  Holder& holder = holders_.try_emplace(name, Holder{std::string(owner), 0}).first->second;
+  const auto [found, added] = holders_.try_emplace(name, Holder{std::string(owner), 0});
+  Holder& holder = found->second;
+  if (added) bytes_ += BytesOf(name, holder);
   if (holder.owner != owner) {
     Report(name, holder.owner, owner);
     return false;
@@ -21,14 +26,23 @@ bool NameClaims::Claim(const std::string& name, std::string_view owner) {
 
 void NameClaims::Release(const std::string& name) {
   const auto found = holders_.find(name);
-  if (--found->second.claims == 0) holders_.erase(found);
+  if (--found->second.claims > 0) return;
+  bytes_ -= BytesOf(name, found->second);
+  holders_.erase(found);
+}
+
+size_t NameClaims::BytesOf(const std::string& name, const Holder& holder) {
+  return name.size() + holder.owner.size() + kHolderBytes;
 }
 
 void NameClaims::Report(const std::string& name, const std::string& holder,
                         std::string_view owner) {
   if (reported_.size() >= kMaxReports) return;
-  const std::string line = "\"" + name + "\" stands for the " + holder + " in /metrics; the " +
-                           std::string(owner) + " is left out there, rename it";
+  // Without one of its labels a series would be another one.
+  const bool is_label = name.back() == '}';
+  const std::string line = "\"" + name + "\" stands for the " + holder + " in /metrics; " +
+                           (is_label ? "series with the " : "the ") + std::string(owner) +
+                           (is_label ? " are" : " is") + " left out there, rename it";
   if (reported_.insert(std::hash<std::string>{}(line)).second) report_(line);
 }
 

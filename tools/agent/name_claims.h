@@ -28,16 +28,21 @@ class NameClaims {
   // REQUIRES: a claim of this owner that it has not yet released.
   void Release(const std::string& name);
 
+  // What all names that are held take, roughly.
+  size_t bytes() const { return bytes_; }
+
  private:
   struct Holder {
     std::string owner;
     uint64_t claims = 0;
   };
 
+  static size_t BytesOf(const std::string& name, const Holder& holder);
   void Report(const std::string& name, const std::string& holder, std::string_view owner);
 
   const Reporter report_;
   std::unordered_map<std::string, Holder> holders_;
+  size_t bytes_ = 0;
   std::unordered_set<size_t> reported_;  // hashes of lines
 };
 

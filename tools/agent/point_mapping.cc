@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstddef>
 #include <iterator>
 #include <set>
 
@@ -114,6 +115,9 @@ void PointTags::Assign(const Packet& packet, const ClientId& client, bool label_
 
 void PointTags::Rename(size_t first, std::string_view of_kind) {
   renamed_.clear();
+  // The order of tags must not make two series of one.
+  std::stable_sort(tags_.begin() + static_cast<std::ptrdiff_t>(first), tags_.end(),
+                   [](const Tag& a, const Tag& b) { return a.key < b.key; });
   std::set<std::string_view> taken = {of_kind};
   for (size_t i = 0; i < first; ++i) taken.insert(tags_[i].key);
   size_t kept = first;

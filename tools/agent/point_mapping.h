@@ -61,10 +61,10 @@ struct HistogramView {
 // REQUIRES: the block's kind is kHistogram and `record` is one of its series.
 HistogramView HistogramOf(const Series& record);
 
-// The tags that a record's points carry: `tenant`, with `label_pid` also `pid`, then its own in the
-// order of the packet. An empty value is no tag. A tag whose key is taken, by one of those two, by
-// an earlier tag or by what its kind adds (`le` of histograms, `quantile` of timer rows), has
-// "exported_" put before its key; one whose key is taken even so is left out.
+// The tags that a record's points carry: `tenant`, with `label_pid` also `pid`, then its own,
+// in the order of their keys. An empty value is no tag. A tag whose key is taken, by one of those
+// two, by an earlier tag or by what its kind adds (`le` of histograms, `quantile` of timer rows),
+// has "exported_" put before its key; one whose key is taken even so is left out.
 //
 // Not thread-safe. Points into the packet until the next Assign; reuse it, then it allocates
 // nothing for usual tags.

@@ -11,11 +11,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 namespace tidegate::agent {
@@ -46,6 +48,17 @@ bool MakeAddress(const std::string& path, sockaddr_un* address, std::string* err
 
 const sockaddr* AsSockaddr(const sockaddr_un* address) {
   return reinterpret_cast<const sockaddr*>(address);
+}
+
+// False if another process holds the lock for longer than a start takes. A folder that cannot be
+// opened or locked at all is no error.
+bool LockFolder(int folder) {
+  constexpr int kTries = 20;
+  for (int i = 0; i < kTries; ++i) {
+    if (flock(folder, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return false;
 }
 
 ClientId IdOf(int fd) {
@@ -113,7 +126,10 @@ bool SeqpacketServer::Listen(const std::string& path, mode_t mode, std::string* 
   // cannot be opened, that small risk stays.
   const UniqueFd lock(
       open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (lock.valid()) flock(lock.get(), LOCK_EX);
+  if (lock.valid() && !LockFolder(lock.get())) {
+    *error = "another process keeps the folder of " + path + " locked";
+    return false;
+  }
 
   if (!Bind(path, mode, error)) return false;
   if (!Watch(stop_event_.get(), true) || !Watch(listener_.get(), true)) {

@@ -14,8 +14,9 @@ using std::chrono::steady_clock;
 constexpr size_t kTurn = 2000;  // series of a page between two looks at the decoder's wishes
 constexpr std::chrono::seconds kMaxSweepPause(10);
 
-// Far above what the limits of the library allow a series that anyone means.
-constexpr size_t kMaxPageBytes = 16 << 20;
+// Of one series on the page, and of the names that its labels claim: what grows with the product of
+// what a packet holds. Far above what the limits of the library allow a series that anyone means.
+constexpr size_t kMaxProductBytes = 16 << 20;
 
 // What the heap and the tables add to each piece of memory.
 constexpr size_t kHeapOverhead = 16;
@@ -63,11 +64,16 @@ void AddUp(double value, int64_t timestamp, bool falls, Cell* cell) {
   cell->timestamp = std::max(cell->timestamp, timestamp);
 }
 
-// What a series adds to the page, roughly. Nothing else grows with the product of what a packet
-// holds.
+// What a series adds to the page, roughly.
 size_t PageBytes(size_t columns, size_t key, size_t name) {
   constexpr size_t kRestOfLine = 40;
   return std::max<size_t>(columns, 1) * (key + name + kRestOfLine);
+}
+
+// What the names of its labels take, roughly: each holds the name of the metric.
+size_t LabelBytes(size_t tags, size_t name) {
+  constexpr size_t kRestOfClaim = 128;
+  return tags * (name + kRestOfClaim);
 }
 
 std::string LabelClaim(const std::string& metric, std::string_view key) {
@@ -114,6 +120,7 @@ SeriesTable::SeriesTable(const Options& options, Health* health, NameClaims::Rep
       now_(clock_()),
       swept_(now_) {
   ClaimOwnNames(*health_, &claims_);
+  own_claim_bytes_ = claims_.bytes();
 }
 
 SeriesTable::~SeriesTable() = default;
@@ -145,7 +152,7 @@ void SeriesTable::HandleBlock(const Packet& packet, const ClientId& client, cons
 }
 
 SeriesTable::Node* SeriesTable::Place(Kind kind, const Block& block, Layout** layout) {
-  if (!HasRoom(PageBytes(block.fields.size(), key_.size(), block.name.size()))) {
+  if (!HasRoom(block)) {
     ++health_->refused_points;
     return nullptr;
   }
@@ -185,8 +192,8 @@ SeriesTable::Layout* SeriesTable::AddLayout(Kind kind, const Block& block) {
     layout->bytes += column.capacity() + sizeof(std::string) + sizeof(double);
   }
   for (const FamilyPart& part : layout->parts) {
-    // The name stands in the table of families and, with the source, in that of claims as well.
-    layout->bytes += sizeof(part) + 4 * (part.name.size() + part.source.size() + kHeapOverhead);
+    // The name stands in the table of families as well; claims count themselves.
+    layout->bytes += sizeof(part) + 2 * (part.name.size() + part.source.size() + kHeapOverhead);
   }
   bytes_ += layout->bytes;
   ShowParts(layout.get());
@@ -195,8 +202,10 @@ SeriesTable::Layout* SeriesTable::AddLayout(Kind kind, const Block& block) {
 
 void SeriesTable::MakeKey() {
   tag_bytes_ = 0;
+  tag_count_ = 0;
   for (const PointTags::Tag& tag : tags_) {
     tag_bytes_ += 2 * sizeof(uint32_t) + tag.key.size() + tag.value.size();
+    ++tag_count_;
   }
   key_.resize(tag_bytes_ + sizeof(uint32_t));
   char* end = key_.data();
@@ -239,6 +248,8 @@ void SeriesTable::Detach(Node* node) {
   Layout& layout = *entry.layout;
   bytes_ -= BytesOfCells(layout);
   page_bytes_ -= PageBytes(layout.columns.size(), node->first.size(), layout.metric->name.size());
+  // If the columns of a series change while a page is written, that page may lack another series of
+  // the layout, or this one; the next page is whole.
   layout.series.back()->second.position = entry.position;
   layout.series[entry.position] = layout.series.back();
   layout.series.pop_back();
@@ -269,8 +280,10 @@ void SeriesTable::Update(const Series& record, int64_t timestamp, Entry* entry) 
         KeepNewest(values[i], timestamp, &cells[record.indexes.empty() ? i : record.indexes[i]]);
       }
   }
+  // What keeps adding up behind a time that was wrong is no news: the series has to end for newer
+  // quantiles to be shown.
+  if (timestamp >= entry->newest) entry->news = now_;
   entry->newest = std::max(entry->newest, timestamp);
-  entry->news = now_;
 }
 
 void SeriesTable::ShowParts(Layout* layout) {
@@ -311,9 +324,12 @@ void SeriesTable::HideParts(Layout* layout) {
 
 void SeriesTable::Sweep() {
   const WriteGuard lock(mutex_);
+  if (!page_in_work_) SweepIfDue();
+}
+
+void SeriesTable::SweepIfDue() {
   now_ = clock_();
-  if (page_in_work_ ||
-      now_ - swept_ < std::min<steady_clock::duration>(options_.ttl, kMaxSweepPause)) {
+  if (now_ - swept_ < std::min<steady_clock::duration>(options_.ttl, kMaxSweepPause)) {
     return;
   }
   swept_ = now_;
@@ -374,17 +390,27 @@ size_t SeriesTable::BytesOf(const Metric& metric) {
   return sizeof(Metric) + 2 * (metric.name.size() + sizeof(std::string) + kHeapOverhead);
 }
 
-bool SeriesTable::HasRoom(size_t page_bytes) const {
-  const size_t max_bytes = options_.max_series * kBytesPerSeries;
-  return series_.size() < options_.max_series && bytes_ < max_bytes && page_bytes_ < max_bytes &&
-         page_bytes <= kMaxPageBytes;
+bool SeriesTable::HasRoom(const Block& block) {
+  const size_t product = std::max(PageBytes(block.fields.size(), key_.size(), block.name.size()),
+                                  LabelBytes(tag_count_, block.name.size()));
+  return product <= kMaxProductBytes && Bytes() < options_.max_series * kBytesPerSeries &&
+         page_bytes_ < options_.max_series * kPageBytesPerSeries &&
+         (series_.size() < options_.max_series || IsKnown());
 }
+
+// A series whose columns change takes no more place than before.
+bool SeriesTable::IsKnown() {
+  const auto metric = metrics_.find(metric_key_);
+  return metric != metrics_.end() && FindSeries(*metric->second) != nullptr;
+}
+
+size_t SeriesTable::Bytes() const { return bytes_ + claims_.bytes() - own_claim_bytes_; }
 
 bool SeriesTable::IsOutdated(const Entry& entry) const { return now_ - entry.news > options_.ttl; }
 
 void SeriesTable::UpdateHealth() {
   health_->series = series_.size();
-  health_->series_bytes = bytes_;
+  health_->series_bytes = Bytes();
 }
 
 void SeriesTable::AppendPage(bool timestamps, std::string* page) {
@@ -405,6 +431,7 @@ void SeriesTable::AppendPage(bool timestamps, std::string* page) {
   }
   const WriteGuard lock(mutex_);
   page_in_work_ = false;
+  SweepIfDue();  // pages that follow each other closely could put it off for good
 }
 
 bool SeriesTable::AppendTurn(PagePosition* position, SampleWriter* writer, std::string* page) {

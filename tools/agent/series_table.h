@@ -29,9 +29,9 @@ namespace tidegate::agent {
 // add up whatever comes. A series without news for `ttl` is gone, and begins anew if it comes back.
 //
 // Threads: Handle and Sweep on the decoder's, AppendPage from any, one at a time. A page is written
-// in short turns between which the decoder goes on. Memory is bounded: by the number of series, and
-// by kBytesPerSeries for each of that number; what finds no room is refused and counted. Borrows
-// `health`.
+// in short turns between which the decoder goes on; a sweep waits for its end. Memory is bounded:
+// by the number of series, and by kBytesPerSeries and, on the page, kPageBytesPerSeries for each of
+// that number; what finds no room is refused and counted. Borrows `health`.
 class SeriesTable : public PacketSink {
  public:
   struct Options {
@@ -43,6 +43,7 @@ class SeriesTable : public PacketSink {
   using Clock = std::function<std::chrono::steady_clock::time_point()>;
 
   static constexpr size_t kBytesPerSeries = 2048;
+  static constexpr size_t kPageBytesPerSeries = 512;
 
   SeriesTable(const Options& options, Health* health, NameClaims::Reporter report,
               Clock clock = std::chrono::steady_clock::now);
@@ -130,12 +131,17 @@ class SeriesTable : public PacketSink {
   bool ClaimNames(const FamilyPart& part) METRICS_REQUIRES(mutex_);
   void HideParts(Layout* layout) METRICS_REQUIRES(mutex_);
 
+  void SweepIfDue() METRICS_REQUIRES(mutex_);
   void SweepSeries() METRICS_REQUIRES(mutex_);
   void SweepMetrics() METRICS_REQUIRES(mutex_);
   static size_t BytesOf(const Node& node);
   static size_t BytesOf(const Metric& metric);
   static size_t BytesOfCells(const Layout& layout);
-  bool HasRoom(size_t page_bytes) const METRICS_REQUIRES(mutex_);
+  // For the record in work.
+  bool HasRoom(const Block& block) METRICS_REQUIRES(mutex_);
+  bool IsKnown() METRICS_REQUIRES(mutex_);
+  // What the limit holds for.
+  size_t Bytes() const METRICS_REQUIRES(mutex_);
   bool IsOutdated(const Entry& entry) const METRICS_REQUIRES(mutex_);
   void UpdateHealth() METRICS_REQUIRES(mutex_);
 
@@ -158,8 +164,9 @@ class SeriesTable : public PacketSink {
   std::unordered_map<std::string, Entry> series_ METRICS_GUARDED_BY(mutex_);  // by metric and tags
   Families families_ METRICS_GUARDED_BY(mutex_);
   NameClaims claims_ METRICS_GUARDED_BY(mutex_);
-  size_t bytes_ METRICS_GUARDED_BY(mutex_) = 0;
-  size_t page_bytes_ METRICS_GUARDED_BY(mutex_) = 0;  // of the page, roughly
+  size_t own_claim_bytes_ METRICS_GUARDED_BY(mutex_) = 0;  // of the agent's own numbers
+  size_t bytes_ METRICS_GUARDED_BY(mutex_) = 0;            // without claims_
+  size_t page_bytes_ METRICS_GUARDED_BY(mutex_) = 0;       // of the page, roughly
   uint32_t next_id_ METRICS_GUARDED_BY(mutex_) = 0;
   bool page_in_work_ METRICS_GUARDED_BY(mutex_) = false;  // nothing may be erased
   std::chrono::steady_clock::time_point now_ METRICS_GUARDED_BY(mutex_);
@@ -170,6 +177,7 @@ class SeriesTable : public PacketSink {
   PointTags tags_ METRICS_GUARDED_BY(mutex_);
   std::string key_ METRICS_GUARDED_BY(mutex_);  // of the tags, with room for the metric's number
   size_t tag_bytes_ METRICS_GUARDED_BY(mutex_) = 0;
+  size_t tag_count_ METRICS_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace tidegate::agent
