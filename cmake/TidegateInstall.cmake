@@ -81,14 +81,22 @@ if(TIDEGATE_BUILD_AGENT)
     DESTINATION lib/tmpfiles.d
     RENAME tidegate-agent.conf
     COMPONENT tools)
-  # Under /etc where the prefix is /usr.
+  if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set(tidegate_etc /etc)
+  else()
+    set(tidegate_etc ${CMAKE_INSTALL_SYSCONFDIR})
+  endif()
   install(
     FILES ${tidegate_systemd}/tidegate-agent.conf
-    DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}
+    DESTINATION ${tidegate_etc}
     COMPONENT tools)
 endif()
 
-# Debian packages: `cpack -G DEB` in the build folder.
+# Debian packages: `cpack -G DEB` in the build folder of the preset `package`. A project that embeds this
+# one makes its own.
+if(NOT TIDEGATE_TOP_LEVEL)
+  return()
+endif()
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tidegate-metrics)
 set(CPACK_PACKAGE_VENDOR "tidegate")
@@ -104,7 +112,10 @@ endif()
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "${PROJECT_DESCRIPTION}: the shared library")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "${PROJECT_DESCRIPTION}: headers and build files")

@@ -25,20 +25,20 @@ inline void SetUpProcess() {
   METRICS::g_metricsLogLevel = 3;
 }
 
-/// Brings `client` into service for an agent at the path that the arguments name, with a flush
-/// every second, so that one has something to look at.
-inline void Start(METRICS::MetricClient& client, int argc, char** argv) {
-  SetUpProcess();
-  client.Init(new tidegate::StaticConfiger({1}), new tidegate::StaticVendor(MachineOf(argc, argv)),
-              nullptr, {});
-}
-
 /// There is no example without its metric.
 inline void Require(METRICS::ReturnCode code) {
   if (code != METRICS::ReturnCode::kOk) {
     std::fprintf(stderr, "refused: %s\n", METRICS::MetricGetErrorCodeStr(code));
-    std::exit(1);
+    std::_Exit(1);  // a forked child must not run its parent's exit handlers
   }
+}
+
+/// Brings `client` into service for an agent at the path that the arguments name, with a flush
+/// every second, so that one has something to look at.
+inline void Start(METRICS::MetricClient& client, int argc, char** argv) {
+  SetUpProcess();
+  Require(client.Init(new tidegate::StaticConfiger({1}),
+                      new tidegate::StaticVendor(MachineOf(argc, argv)), nullptr, {}));
 }
 
 inline METRICS::MetricRegistryCfg Registry(const std::string& prefix) {

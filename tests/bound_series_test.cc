@@ -146,11 +146,23 @@ TEST_F(BoundSeriesTest, ExpiryHidesABoundSeriesAndErasesItBehindTheLastHandle) {
   EXPECT_EQ(Bound(metric, Incr(0)).Emit(1), R::kOk);
 }
 
+TEST_F(BoundSeriesTest, TreesThatEraseNothingTakeHandlesBehindAnExpiry) {
+  (*client)->collector_factory_->collector_kind_ = 1;
+  Metric& metric = *Make("trees");
+  Expire(*metric.WithTags(tags));
+  EXPECT_EQ(Bound(metric, Incr(0)).Emit(1), R::kOk);
+}
+
 TEST_F(BoundSeriesTest, HandlesOutliveTheirMetricAndTheClient) {
-  BoundSeries removed = Bound(*Make("removed"), Observe(0));
+  Metric* const metric = Make("removed");
+  BoundSeries removed = Bound(*metric, Observe(0));
   BoundSeries ended = Bound(*Make("ended"), Observe(0));
   registry->RemoveMetric("removed");
   EXPECT_EQ(removed.Emit(1), R::kOk);
+  EXPECT_EQ(BoundSeries().Bind(metric, tags, Observe(0)), R::kObjectExit);
+  BoundSeries moved = std::move(removed);
+  EXPECT_EQ(removed.Emit(1), R::kNotSupported);  // NOLINT(bugprone-use-after-move): that is asked
+  removed = std::move(moved);
   client.reset();
   EXPECT_EQ(removed.Emit(1), R::kOk);
   EXPECT_EQ(ended.Emit(1), R::kOk);

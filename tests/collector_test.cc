@@ -70,6 +70,16 @@ TEST_F(CollectorTest, StatisticsFollowCreationErasureAndClearing) {
   EXPECT_EQ(metric_->cache_mem_, 56u + 2 * (3u + 112u)) << "clearing gives nothing back";
 }
 
+TEST_F(CollectorTest, FactoryKeepsOneCollectorPerTenantAndNameAndRemovesNoOther) {
+  const CollectorPtr collector = factory_.CreateCollector("t1", "x", metric_);
+  EXPECT_EQ(factory_.CreateCollector("t1", "x", metric_), collector);
+  EXPECT_NE(factory_.CreateCollector("t2", "x", metric_), collector);
+  factory_.RemoveCollector("t2", "x", collector.get());  // not the one that stands there
+  EXPECT_EQ(factory_.GetAll().size(), 3u);
+  factory_.RemoveCollector("t1", "x", collector.get());
+  EXPECT_EQ(factory_.GetAll().size(), 2u);
+}
+
 TEST_F(CollectorTest, FlushPlansFollowIntervalsAndStates) {
   using Intervals = std::set<int>;
   const Intervals all{1, 5, 10, 15, 30, 60};

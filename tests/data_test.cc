@@ -79,17 +79,18 @@ TEST(CellTest, DrainingBesideEmittersLosesAndInventsNothing) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 3; ++t) {
       threads.emplace_back([&] {
-        long mine = 0;
-        for (; !stop; ++mine) {
-          cell->Emit(2L);
-          cell->Emit(0.5);  // sums of halves are exact
+        for (; !stop; emissions += 1000) {
+          for (int i = 0; i < 1000; ++i) {
+            cell->Emit(2L);
+            cell->Emit(0.5);  // sums of halves are exact
+          }
         }
-        emissions += mine;
       });
     }
     double total = 0.0, increase = 0.0;
-    for (int flushes = 0; flushes <= 100000; ++flushes) {
-      if (flushes == 100000) {
+    for (bool done = false; !done;) {
+      done = emissions >= 3000000;
+      if (done) {
         stop = true;
         for (std::thread& thread : threads) thread.join();
       }

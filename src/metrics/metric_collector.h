@@ -86,13 +86,14 @@ class ConcurrentHashmap {
     return all;
   }
 
-  /// Takes `key` out and returns its value, or null when it was not there.
-  std::shared_ptr<V> Erase(const K& key) {
+  /// Takes `key` out and returns its value, or null when it was not there, or with another value
+  /// than `own`.
+  std::shared_ptr<V> Erase(const K& key, const V* own = nullptr) {
     const size_t hash = Hash()(key);
     EntryPtr erased;  // dies behind the guard: it may be the last owner of the item
     const WriteGuard guard(rwlock_);
     EntryPtr* const slot = FindMutable(hash, key);
-    if (*slot == nullptr) {
+    if (*slot == nullptr || (own != nullptr && (*slot)->value.get() != own)) {
       return nullptr;
     }
     erased = std::move(*slot);
@@ -221,6 +222,9 @@ class MetricCollectorBase {
   virtual std::shared_ptr<MetricCollectorItem> GetOrCreate(
       const std::vector<std::string>& tag_values);
   virtual uint32_t Id();
+  /// For the expiry: erases `item` if it is still what stands under `tag_values`. False when a
+  /// handle holds it. A collector that erases nothing leaves it as it is.
+  virtual bool EraseIdle(const std::vector<std::string>& tag_values, MetricCollectorItem& item);
 
   /// A new item of this collector's kind, which is in no table yet; null for an unknown kind.
   /// `encode_tags`: with its tags encoded ahead.
@@ -262,8 +266,11 @@ class HashMapCollector final : public MetricCollectorBase {
   std::shared_ptr<MetricCollectorItem> GetOrCreate(
       const std::vector<std::string>& tag_values) override;
   uint32_t Id() override { return 2; }
+  bool EraseIdle(const std::vector<std::string>& tag_values, MetricCollectorItem& item) override;
 
  private:
+  /// Whatever stands under `tag_values`, or only `own` if that is not null.
+  void EraseSeries(const std::vector<std::string>& tag_values, const MetricCollectorItem* own);
   std::shared_ptr<MetricCollectorItem> CreateSeries(const std::vector<std::string>& tag_values);
 
   const std::unique_ptr<SeriesMap> series_;

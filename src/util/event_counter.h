@@ -23,6 +23,9 @@ class EventCounter {
 
   /// Makes the lines: 64 bytes for each slot. What was counted stays.
   void Spread() {
+    if (lines_.load(std::memory_order_acquire) != nullptr) {
+      return;
+    }
     std::unique_ptr<Line[]> made(new Line[kThreadSlots]);
     Line* none = nullptr;
     if (lines_.compare_exchange_strong(none, made.get(), std::memory_order_acq_rel)) {
