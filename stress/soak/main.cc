@@ -167,7 +167,7 @@ int Soak(const Options& options) {
     for (const World::Config& config : {
              World::Config{"plain", false, false, true, options.expire},
              World::Config{"encoded", false, true, true, options.expire},
-             World::Config{"trees", true, false, false, 0},
+             World::Config{"trees", true, false, true, options.expire},
          }) {
       worlds.push_back(std::make_unique<World>(config, path, ledger, report, slot_figures));
     }
