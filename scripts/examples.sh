@@ -9,6 +9,7 @@ NAMES=(compatible custom_environment demo_service histogram multi_field prefork 
 
 # What the agent has to print, as extended patterns behind the time, the tenant and a blank.
 expected() {
+  local n
   case $1 in
     compatible)
       echo 'counter legacy\.jobs\{queue=mail,result=sent\} 3'
@@ -28,14 +29,16 @@ expected() {
       echo 'multi_field db\.pool\{database=users\} open=1'
       ;;
     prefork)
-      echo 'rate prefork\.served\.rate\{process=child-[012]\} 100'
+      for n in 0 1 2; do
+        echo "rate prefork\.served\.rate\{process=child-$n\} 100"
+      done
       echo 'rate prefork\.served\.rate\{process=parent\} 1'
       ;;
     quick_start)
       echo 'rate shop\.web\.requests\.rate\{method=get,status=200\} 10'
       ;;
     worker_pool)
-      echo 'timer pool\.latency\.timer\{path=/cart,status=404\} .* counter=20 .*'
+      echo 'timer pool\.latency\.timer\{path=/cart,status=404\} .* counter=[0-9]+ .*'
       echo 'timer pool\.requests\.waited\{\} .*'
       ;;
     *) die "no example \"$1\"" ;;

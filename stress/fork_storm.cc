@@ -8,9 +8,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <random>
 #include <string>
@@ -253,13 +255,16 @@ void Storm::Reap(size_t left) {
 bool Storm::HasEnded(const Child& child) {
   const auto age = std::chrono::duration_cast<milliseconds>(steady_clock::now() - child.born);
   int status = 0;
-  if (::waitpid(child.pid, &status, WNOHANG) == 0) {
+  const pid_t ended = ::waitpid(child.pid, &status, WNOHANG);
+  if (ended == 0) {
     if (age < kChildPatience) {
       return false;
     }
     ::kill(child.pid, SIGKILL);
     ::waitpid(child.pid, nullptr, 0);
     report_.Violation(ChildTenant(child.number) + " hung and was killed");
+  } else if (ended < 0) {
+    report_.Violation(ChildTenant(child.number) + " cannot be waited for: " + std::strerror(errno));
   } else {
     report_.Check(status == 0,
                   ChildTenant(child.number) + " ended with status " + std::to_string(status));
@@ -306,15 +311,20 @@ int Main(int argc, char** argv) {
   CommandLine line("fork_storm", "Forks a busy process.", 0);
   int forks = 20;
   line.Add("--forks", forks, "How often; this counts, and not the seconds");
+  line.AddSeed();
   if (const auto code = line.Parse(argc, argv)) {
     return *code;
   }
-  if (kSanitized) {
-    std::puts("fork_storm: skipped, a sanitizer does not survive a fork with live threads");
-    return 0;
-  }
+  // Where it is inherited as ignored, nobody can tell how a child ended.
+  std::signal(SIGCHLD, SIG_DFL);
   Report report("fork_storm");
   report.Figure("seed", static_cast<int64_t>(line.seed()));
+  if (kSanitized) {
+    std::fputs("fork_storm: skipped, a sanitizer does not survive a fork with live threads\n",
+               stderr);
+    report.Figure("forks", 0);
+    return report.Finish();
+  }
   {
     const MutedOutput muted;
     Storm(forks, line.seed(), report).Run();

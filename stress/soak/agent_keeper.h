@@ -15,6 +15,8 @@ namespace tidegate::stress {
 // Keeps an agent for all worlds and gives it a hard life. For one thread.
 class AgentKeeper {
  public:
+  static constexpr int kFaultKinds = 4;
+
   // The sockets lie in `folder`. Each life of the agent has a path of its own, so that a packet
   // tells to which one it went; a sender that connects anew asks for the path.
   AgentKeeper(std::string folder, AgentPath& path, Ledger& ledger);

@@ -79,9 +79,14 @@ std::vector<MetricFieldValue> AllVerbs(Number value) {
           METRICS::Stat(value)};
 }
 
-std::vector<MetricFieldValue> AllFields(std::vector<MetricFieldValue> values) {
-  for (size_t i = 0; i < values.size(); ++i) {
-    values[i].name = FieldNames()[i];
+// The same for each cell that a shape other than the compatible ones has.
+template <class Number>
+std::vector<MetricFieldValue> VerbsOf(Shape shape, Number value) {
+  std::vector<MetricFieldValue> values = AllVerbs(value);
+  if (IsRowMetric(shape)) {
+    for (size_t i = 0; i < values.size(); ++i) {
+      values[i].name = FieldNames()[i];
+    }
   }
   return values;
 }
@@ -184,13 +189,35 @@ bool Channel::Prime(const std::function<bool()>& await_pass) {
   return true;
 }
 
+void Channel::Bind() {
+  if (!plan_.bound || IsCompatible(plan_.shape) || !handles_.empty()) {
+    return;
+  }
+  const std::vector<MetricFieldValue> verbs = VerbsOf(plan_.shape, 0L);
+  for (const std::string& worker : workers_) {
+    for (const MetricFieldValue& verb : verbs) {
+      METRICS::BoundSeries& handle = handles_.emplace_back();
+      const ReturnCode code =
+          handle.Bind(plan_.metric, {{"w", worker}, {"g", plan_.generation}}, verb);
+      report_.Check(code == ReturnCode::kOk, "a series was not bound: " + plan_.metric->name_);
+    }
+  }
+}
+
 void Channel::EmitOn(size_t series, Random& random) {
   Account& account = *accounts_[series];
   const int value = RandomValue(random);
   account.Enter(value);
-  Check(IsCompatible(plan_.shape)
-            ? plan_.metric->CEmit(value, TagPairs(series))
-            : EmitNumbers(*FindSomehow(series, random), ValuesOf(value, random), random));
+  if (IsCompatible(plan_.shape)) {
+    Check(plan_.metric->CEmit(value, TagPairs(series)));
+    return;
+  }
+  std::vector<MetricFieldValue> values = ValuesOf(value, random);
+  if (!handles_.empty() && random() % 2 == 0) {
+    EmitBound(series, values);
+  } else {
+    Check(EmitNumbers(*FindSomehow(series, random), std::move(values), random));
+  }
 }
 
 void Channel::Burst(Random& random) {
@@ -203,9 +230,22 @@ void Channel::Burst(Random& random) {
   const int value = RandomValue(random);
   const std::vector<MetricFieldValue> values = ValuesOf(value, random);
   const Item item = FindSomehow(0, random);
+  const bool bound = !handles_.empty() && random() % 2 == 0;
   for (int i = 0; i < kBurst; ++i) {
     accounts_[0]->Enter(value);
-    Check(item->Emit(values));
+    if (bound) {
+      EmitBound(0, values);
+    } else {
+      Check(item->Emit(values));
+    }
+  }
+}
+
+void Channel::EmitBound(size_t series, const std::vector<MetricFieldValue>& values) {
+  for (size_t i = 0; i < values.size(); ++i) {
+    METRICS::BoundSeries& handle = handles_[series * values.size() + i];
+    const MetricFieldValue& value = values[i];
+    Check(value.is_integer ? handle.Emit(value.value.integer) : handle.Emit(value.value.real));
   }
 }
 
@@ -216,13 +256,21 @@ int Channel::RandomValue(Random& random) const {
 
 std::vector<MetricFieldValue> Channel::ValuesOf(int value, Random& random) const {
   const bool real = random() % 2 == 0;
-  std::vector<MetricFieldValue> values =
-      real ? AllVerbs(static_cast<double>(value)) : AllVerbs(static_cast<long>(value));
-  return IsRowMetric(plan_.shape) ? AllFields(std::move(values)) : values;
+  return real ? VerbsOf(plan_.shape, static_cast<double>(value))
+              : VerbsOf(plan_.shape, static_cast<long>(value));
 }
 
 ReturnCode Channel::EmitNumbers(METRICS::MetricCollectorItem& item,
                                 std::vector<MetricFieldValue> values, Random& random) const {
+  if (random() % 3 == 0) {
+    for (const MetricFieldValue& value : values) {
+      const ReturnCode code = item.Emit(value);
+      if (code != ReturnCode::kOk) {
+        return code;
+      }
+    }
+    return ReturnCode::kOk;
+  }
   if (!IsRowMetric(plan_.shape) || random() % 2 == 0) {
     return item.Emit(std::move(values));
   }

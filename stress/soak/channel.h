@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "metrics/bound_series.h"
 #include "metrics/metric.h"
 #include "metrics/metric_registry.h"
 #include "soak/account.h"
@@ -56,6 +57,7 @@ class Channel {
     size_t series;
     // Off: the tags do not reach the packets, so there is one series.
     bool tags_arrive = true;
+    bool bound = false;  // emissions are made on bound series, too
   };
 
   Channel(Plan plan, Ledger& ledger, Report& report);
@@ -71,8 +73,13 @@ class Channel {
   // Makes all series and holds on to them. To expiry a series is idle until its first emission, and
   // may go at once; `await_pass` waits until a pass that began earlier has ended. False: gave up.
   bool Prime(const std::function<bool()>& await_pass);
+  // Binds a handle to each cell, if the plan has them and they are not there.
+  void Bind();
   // Lets go of the series, as is due before the metric is removed.
-  void LetGo() { held_.clear(); }
+  void LetGo() {
+    held_.clear();
+    handles_.clear();
+  }
 
   using Item = std::shared_ptr<METRICS::MetricCollectorItem>;
   Item Find(size_t series) const;
@@ -90,6 +97,7 @@ class Channel {
   METRICS::ReturnCode EmitNumbers(METRICS::MetricCollectorItem& item,
                                   std::vector<METRICS::MetricFieldValue> values,
                                   Random& random) const;
+  void EmitBound(size_t series, const std::vector<METRICS::MetricFieldValue>& values);
   int RandomValue(Random& random) const;
   // One for each cell.
   std::vector<METRICS::MetricFieldValue> ValuesOf(int value, Random& random) const;
@@ -103,6 +111,7 @@ class Channel {
   std::vector<std::string> workers_;  // the tag that tells the series apart
   std::vector<std::shared_ptr<Account>> accounts_;
   std::vector<Item> held_;
+  std::vector<METRICS::BoundSeries> handles_;  // series by series, a handle for each cell
 };
 
 }  // namespace tidegate::stress

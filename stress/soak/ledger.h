@@ -40,8 +40,8 @@ class Ledger {
 
   // A new series. REQUIRES: `account->key` is not in the books.
   void Open(const std::shared_ptr<Account>& account);
-  // Whether all that was emitted is accounted for. More than that is a violation. REQUIRES: nobody
-  // emits on the series.
+  // Whether all that was emitted is accounted for. Too much never settles. REQUIRES: nobody emits
+  // on the series.
   bool IsSettled(const Account& account);
   // What is missing or too much, for a message.
   std::string Difference(const Account& account);

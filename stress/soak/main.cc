@@ -29,8 +29,12 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
+// From here on a run has to show each kind of fault, and all that may happen from there on.
+constexpr int kShortForm = 12;
+constexpr int kLongForm = 60;
+
 struct Options {
-  int seconds = 8;
+  int seconds = kShortForm;
   uint64_t seed = 0;
   int emitters = 4;
   int expire = 1;
@@ -131,6 +135,22 @@ void AddFigures(const Ledger& ledger, const SlotFigures& slots, const Worlds& wo
   report.Check(emissions > 0 && figures.received > 0, "nothing was sent at all");
 }
 
+// A run in which nothing happened proves nothing.
+void CheckVariety(const Options& options, int64_t faults, int64_t last_flushes,
+                  const Ledger& ledger, const SlotFigures& slots, Report& report) {
+  const Ledger::Figures figures = ledger.figures();
+  if (options.seconds >= kShortForm) {
+    report.Check(faults >= AgentKeeper::kFaultKinds, "not every kind of fault was there");
+    report.Check(figures.failed_sends > 0, "no send failed");
+    report.Check(last_flushes > 0, "no client had a last flush of its own");
+  }
+  if (options.seconds >= kLongForm) {
+    report.Check(slots.blocks > 0, "no registry was blocked");
+    report.Check(slots.aged > 0, "no series expired");
+    report.Check(figures.lost > 0, "no killed agent lost a packet");
+  }
+}
+
 int Soak(const Options& options) {
   Report report("soak");
   report.Figure("seconds", options.seconds);
@@ -146,8 +166,8 @@ int Soak(const Options& options) {
     Worlds worlds;
     for (const World::Config& config : {
              World::Config{"plain", false, false, true, options.expire},
-             World::Config{"encoded", false, true, false, 0},
-             World::Config{"trees", true, false, false, 0},
+             World::Config{"encoded", false, true, true, options.expire},
+             World::Config{"trees", true, false, true, options.expire},
          }) {
       worlds.push_back(std::make_unique<World>(config, path, ledger, report, slot_figures));
     }
@@ -167,6 +187,7 @@ int Soak(const Options& options) {
     AddFigures(ledger, slot_figures, worlds, report);
     report.Figure("last_flushes", last_flushes);
     report.Figure("faults", keeper.faults());
+    CheckVariety(options, keeper.faults(), last_flushes, ledger, slot_figures, report);
     crew.memory().Judge(report);
   }
   TapSockets(nullptr);
@@ -184,6 +205,7 @@ int main(int argc, char** argv) {
   line.Add("--emitters", options.emitters, "Threads that emit");
   line.Add("--expire", options.expire,
            "Milliseconds between two passes of expiry; 0: it never rests");
+  line.AddSeed();
   if (const std::optional<int> code = line.Parse(argc, argv)) {
     return *code;
   }

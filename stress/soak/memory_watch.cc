@@ -6,18 +6,14 @@
 #include <fstream>
 #include <string>
 
+#include "support/sanitized.h"
+
 namespace tidegate::stress {
 namespace {
 
 constexpr size_t kWarmUp = 60;
 constexpr size_t kWindow = 30;
 constexpr int64_t kSlackKb = 4096;
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kJudged = false;  // a sanitizer keeps what was freed
-#else
-constexpr bool kJudged = true;
-#endif
 
 int64_t MedianFrom(const std::vector<int64_t>& samples, size_t first) {
   const auto begin = samples.begin() + static_cast<std::ptrdiff_t>(first);
@@ -45,7 +41,8 @@ void MemoryWatch::Judge(Report& report) const {
   const int64_t after = MedianFrom(samples_, samples_.size() - kWindow);
   report.Figure("rss_kb_after_a_minute", before);
   report.Figure("rss_kb_at_the_end", after);
-  if (kJudged && after > before + before / 10 + kSlackKb) {
+  // A sanitizer keeps what was freed.
+  if (!kSanitized && after > before + before / 10 + kSlackKb) {
     report.Violation("memory grew from " + std::to_string(before) + " to " + std::to_string(after) +
                      " kB");
   }

@@ -85,9 +85,9 @@ void Slot::Fill(Random& random) {
 }
 
 void Slot::Open(Random& random, Shape shape) {
-  channel_ = std::make_unique<Channel>(
-      Channel::Plan{metric_, shape, std::to_string(++generation_), kSeries}, stage_.ledger,
-      stage_.report);
+  Channel::Plan plan{metric_, shape, std::to_string(++generation_), kSeries};
+  plan.bound = random() % 2 == 0;
+  channel_ = std::make_unique<Channel>(std::move(plan), stage_.ledger, stage_.report);
   counted_ = 0;
   if (stage_.await_pass != nullptr && !channel_->Prime(stage_.await_pass)) {
     Break("expiry does not come by");
@@ -97,6 +97,7 @@ void Slot::Open(Random& random, Shape shape) {
 }
 
 void Slot::Enter(Random& random) {
+  channel_->Bind();  // to hidden series, too
   const std::unique_lock lock(gate_);
   open_ = true;
   step_ = Step::kOpen;
@@ -136,7 +137,7 @@ void Slot::Act(Random& random) {
       BlockAndReopen(random);
       break;
     case 3:
-      if (stage_.await_pass != nullptr) {
+      if (stage_.await_pass != nullptr && stage_.erases) {
         channel_->CloseAccounts();
         Age(kSeries);
         step_ = Step::kAging;

@@ -39,6 +39,7 @@ class Slot {
     Report& report;
     SlotFigures& figures;
     bool compatible;                   // compatible metrics can be told apart here
+    bool erases;                       // expiry does not only hide
     std::function<bool()> await_pass;  // waits for a pass of expiry; empty where there is none
   };
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstring>
@@ -48,13 +49,16 @@ pid_t Spawn(const std::string& name, int seconds) {
 // Whether the process has ended, with what was wrong about that.
 bool HasEnded(const Process& process, Report& report) {
   int status = 0;
-  if (::waitpid(process.pid, &status, WNOHANG) == 0) {
+  const pid_t ended = ::waitpid(process.pid, &status, WNOHANG);
+  if (ended == 0) {
     if (steady_clock::now() < process.deadline) {
       return false;
     }
     ::kill(process.pid, SIGKILL);
     ::waitpid(process.pid, &status, 0);
     report.Violation("case " + process.name + " hung and was killed");
+  } else if (ended < 0) {
+    report.Violation("case " + process.name + " cannot be waited for: " + std::strerror(errno));
   } else if (WIFSIGNALED(status)) {
     report.Violation("case " + process.name + " died: " + ::strsignal(WTERMSIG(status)));
   } else {
@@ -99,6 +103,8 @@ int RunCases(const std::string& program, const std::string& about, int seconds,
   if (const auto code = line.Parse(argc, argv)) {
     return *code;
   }
+  // Where it is inherited as ignored, nobody can tell how a child ended.
+  std::signal(SIGCHLD, SIG_DFL);
   if (only.empty()) {
     return RunAll(program, cases, line.seconds());
   }
@@ -109,7 +115,9 @@ int RunCases(const std::string& program, const std::string& about, int seconds,
     return 2;
   }
   found->run(line.seconds());
-  return testing::UnitTest::GetInstance()->Failed() ? 1 : 0;
+  Report report(program + "." + only);
+  report.Check(!testing::UnitTest::GetInstance()->Failed(), "see the failures above");
+  return report.Finish();
 }
 
 long DescriptorCount() {

@@ -16,7 +16,6 @@ uint64_t SeedFromClock() {
 CommandLine::CommandLine(const std::string& program, const std::string& about, int seconds)
     : app_(std::make_unique<CLI::App>(about, program)), seconds_(seconds), seed_(SeedFromClock()) {
   Add("--seconds", seconds_, "How long to run");
-  app_->add_option("--seed", seed_, "Seed of all random choices; by default the time");
 }
 
 CommandLine::~CommandLine() = default;
@@ -27,6 +26,10 @@ void CommandLine::Add(const std::string& flag, int& value, const std::string& he
 
 void CommandLine::Add(const std::string& flag, std::string& value, const std::string& help) {
   app_->add_option(flag, value, help);
+}
+
+void CommandLine::AddSeed() {
+  app_->add_option("--seed", seed_, "Seed of all random choices; by default the time");
 }
 
 std::optional<int> CommandLine::Parse(int argc, char** argv) {

@@ -11,7 +11,7 @@ class App;
 
 namespace tidegate::stress {
 
-// The flags of a stress program: `--seconds` and `--seed`, which all have, and what it adds.
+// The flags of a stress program: `--seconds`, which all have, and what it adds.
 class CommandLine {
  public:
   // `seconds` is how long the short form runs; `about` is one sentence.
@@ -24,6 +24,8 @@ class CommandLine {
   void Add(const std::string& flag, int& value, const std::string& help);
   // A further text.
   void Add(const std::string& flag, std::string& value, const std::string& help);
+  // `--seed`, for programs that choose at random.
+  void AddSeed();
   // An exit code if the program is to end at once, because of `--help` or a wrong flag.
   std::optional<int> Parse(int argc, char** argv);
 
