@@ -323,10 +323,13 @@ void NoDescriptorAtInit(int /*length*/) {
   const test::ScopedLogLevel silent(4);
   const TempDir dir;
   AgentSocket agent(dir.File("s"));
+  const long before = DescriptorCount();
   {
     // The sanitizer of undefined behaviour opens a pipe when it sees a class for the first time.
     const Service first(agent.path(), "t0");
   }
+  // The agent's ends of its connections would be free descriptors.
+  EXPECT_TRUE(WaitFor([before] { return DescriptorCount() == before; }));
   agent.Take();
   std::unique_ptr<Service> service;
   const std::string log = LogOf([&] {

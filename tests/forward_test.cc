@@ -356,8 +356,12 @@ TEST_F(ForwarderTest, CutsLongPacketsIntoBatches) {
   EXPECT_EQ(health_.forward_dropped_full, 400U);  // what is open comes on top
   forwarder_->Start();
   forwarder_->Stop(seconds(20));
-  EXPECT_EQ(health_.forwarded_points, 105U);
-  EXPECT_EQ(health_.forward_batches, 11U);
+  // What was open becomes a batch of its own; it takes the place of the oldest one, unless that is
+  // on its way already.
+  const uint64_t forwarded = health_.forwarded_points;
+  EXPECT_TRUE(forwarded == 95 || forwarded == 105) << forwarded;
+  EXPECT_EQ(forwarded + health_.forward_dropped_full, 505U);
+  EXPECT_EQ(health_.forward_batches, (forwarded + 9) / 10);
 }
 
 TEST_F(ForwarderTest, SendsWhatWaitsBeforeItStops) {
