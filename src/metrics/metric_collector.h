@@ -49,7 +49,7 @@ class ConcurrentHashmap {
   /// The value of `key`, or null. Allocates nothing.
   std::shared_ptr<V> Get(const K& key) {
     const size_t hash = Hash()(key);
-    const ReadGuard guard(rwlock_);
+    const FastReadGuard guard(rwlock_);
     const EntryPtr* const slot = Find(hash, key);
     return *slot == nullptr ? nullptr : (*slot)->value;
   }
@@ -116,7 +116,7 @@ class ConcurrentHashmap {
   }
 
   size_t Size() {
-    const ReadGuard guard(rwlock_);
+    const FastReadGuard guard(rwlock_);
     return size_;
   }
 
@@ -166,7 +166,7 @@ class ConcurrentHashmap {
   }
 
   std::atomic<unsigned long>& total_;
-  RwLock rwlock_;
+  BiasedRwLock rwlock_;
   std::vector<EntryPtr> buckets_ METRICS_GUARDED_BY(rwlock_);
   size_t size_ METRICS_GUARDED_BY(rwlock_) = 0;
 };

@@ -174,7 +174,7 @@ ReturnCode MetricSuffixArray::Emit(const std::vector<MetricFieldValue>& values) 
 }
 
 bool MetricSuffixArray::EmitToKnown(const MetricFieldValue& value) {
-  const ReadGuard guard(rwlock_);
+  const FastReadGuard guard(rwlock_);
   const auto found = suffixes_.find(value.name);
   if (found == suffixes_.end()) {
     return false;
@@ -228,17 +228,17 @@ void MetricSuffixArray::DoEmit(const CellMap::value_type& node, const MetricFiel
 }
 
 CellMap MetricSuffixArray::Fields() {
-  const ReadGuard guard(rwlock_);
+  const FastReadGuard guard(rwlock_);
   return suffixes_;
 }
 
 size_t MetricSuffixArray::Size() {
-  const ReadGuard guard(rwlock_);
+  const FastReadGuard guard(rwlock_);
   return suffixes_.size();
 }
 
 size_t MetricSuffixArray::MemSize() {
-  const ReadGuard guard(rwlock_);
+  const FastReadGuard guard(rwlock_);
   return MemSizeOf(suffixes_);
 }
 

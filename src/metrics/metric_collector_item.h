@@ -116,7 +116,7 @@ class METRICS_API MetricSuffixArray final : public MetricCollectorItem {
       METRICS_REQUIRES(rwlock_);
   void DoEmit(const CellMap::value_type& node, const MetricFieldValue& value);
 
-  RwLock rwlock_;
+  BiasedRwLock rwlock_;
   /// A cell is never replaced or removed while the item lives.
   CellMap suffixes_ METRICS_GUARDED_BY(rwlock_);
 };

@@ -45,7 +45,7 @@ class MetricHistogram final : public MetricBasicData {
   std::vector<AtomicWrapper<long>> buckets_;  ///< samples not yet flushed
   const uint16_t bucket_count_;
   std::atomic<double> sum_{0.0};  ///< of the samples not yet flushed
-  RwLock rwlock_;                 ///< shared by emitters, exclusive to the flush
+  BiasedRwLock rwlock_;           ///< shared by emitters, exclusive to the flush
 };
 
 }  // namespace METRICS
