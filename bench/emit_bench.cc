@@ -15,7 +15,6 @@
 #include "metrics/metric_data.h"
 #include "metrics/metric_method.h"
 #include "tidegate/mconfiger_impl_base.h"
-#include "util/metric_lock.h"
 
 namespace {
 
@@ -94,31 +93,6 @@ void SharedLockRoundTrip(benchmark::State& state) {
   }
 }
 BENCHMARK(SharedLockRoundTrip)->ThreadRange(1, 2)->UseRealTime();
-
-/// Reads of one lock, with a write in front of every `range(0)` of them; 0: without.
-template <class Lock, template <class> class Guard>
-void Reads(benchmark::State& state) {
-  static Lock lock;
-  int64_t reads = 0;
-  for (auto _ : state) {
-    if (state.range(0) != 0 && ++reads % state.range(0) == 0) {
-      const METRICS::WriteGuard<Lock> guard(lock);
-      benchmark::ClobberMemory();
-    }
-    const Guard<Lock> guard(lock);
-    benchmark::ClobberMemory();
-  }
-}
-template <class Lock>
-using FastGuard = METRICS::FastReadGuard;
-BENCHMARK_TEMPLATE(Reads, METRICS::RwLock, METRICS::ReadGuard)
-    ->ArgsProduct({{0, 1, 10, 100}})
-    ->ThreadRange(1, 2)
-    ->UseRealTime();
-BENCHMARK_TEMPLATE(Reads, METRICS::BiasedRwLock, FastGuard)
-    ->ArgsProduct({{0, 1, 10, 100}})
-    ->ThreadRange(1, 2)
-    ->UseRealTime();
 
 void ReadClock(benchmark::State& state) {
   for (auto _ : state) {
