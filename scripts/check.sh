@@ -5,6 +5,8 @@
 #   tidy     clang-tidy finds nothing
 #   asan     the suite under the address and undefined behaviour sanitizers
 #   tsan     the suite under the thread sanitizer
+#   install  the installed package serves its users, and exports what it should
+#   docs     Doxygen understands every public header
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
@@ -52,13 +54,24 @@ check_tsan() {
   run_tests tsan
 }
 
+check_install() {
+  build package
+  "$ROOT/tests/install/run.sh" "$ROOT/build/package"
+}
+
+check_docs() {
+  step "running doxygen"
+  (cd "$ROOT" && quietly doxygen docs/Doxyfile)
+}
+
+ALL=(format clang tidy asan tsan install docs)
 if (($# == 0)); then
-  set -- format clang tidy asan tsan
+  set -- "${ALL[@]}"
 fi
 for name in "$@"; do
   case $name in
-    format | clang | tidy | asan | tsan) ;;
-    *) die "unknown check \"$name\"; there are: format clang tidy asan tsan" ;;
+    format | clang | tidy | asan | tsan | install | docs) ;;
+    *) die "unknown check \"$name\"; there are: ${ALL[*]}" ;;
   esac
 done
 

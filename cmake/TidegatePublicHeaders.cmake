@@ -1,0 +1,28 @@
+# The headers that a service includes, and what those include: relative to include/ and src/. They are
+# installed as one tree, so that an include reads alike in a checkout and in an installed package.
+
+set(TIDEGATE_PUBLIC_HEADERS
+    include/tidegate/endpoint.h
+    include/tidegate/mconfiger_impl_base.h
+    include/tidegate/metric_tag.h
+    include/tidegate/service_discovery_base.h
+    include/tidegate/vendor_interface.h
+    src/codec/tag_kv.h
+    src/metrics/global_resources_limit.h
+    src/metrics/histo_util.h
+    src/metrics/impl/metric_compatible_impl.h
+    src/metrics/impl/metric_impl.h
+    src/metrics/impl/metric_multi_field_impl.h
+    src/metrics/metric.h
+    src/metrics/metric_client.h
+    src/metrics/metric_collector_item.h
+    src/metrics/metric_configer.h
+    src/metrics/metric_data.h
+    src/metrics/metric_method.h
+    src/metrics/metric_registry.h
+    src/util/metric_common.h
+    src/util/metric_data_util.h
+    src/util/metric_error_code.h
+    src/util/metric_export.h
+    src/util/metric_lock.h
+    src/util/metric_log_level.h)

@@ -1,0 +1,52 @@
+// What a user's program needs of an installed package: headers, the library, its exported classes.
+
+#include <cstdio>
+#include <string>
+#include <utility>
+
+#include "metrics/global_resources_limit.h"
+#include "metrics/metric_client.h"
+#include "metrics/metric_method.h"
+
+namespace {
+
+class Settings : public tidegate::MConfigerImplBase {
+ public:
+  void Start() override {}
+  void Stop() override {}
+  std::pair<bool, int> GetTenantInterval(const std::string& /*tenant*/) override {
+    return {true, 1};
+  }
+  std::string GetSinkName() override { return {}; }
+};
+
+// Derives from an exported class, and sends to nobody.
+class Nowhere : public METRICS::DummyVendor {
+ public:
+  std::string GetSenderOutPath() override { return "/nonexistent/agent.sock"; }
+};
+
+}  // namespace
+
+int main() {
+  METRICS::g_metricsLogLevel = 255;
+  METRICS::SetGlobalResourcesLimit({});
+  METRICS::MetricClient client;
+  if (client.Init(new Settings, new Nowhere, nullptr, {}) != METRICS::ReturnCode::kOk) return 1;
+
+  METRICS::MetricRegistryCfg registry;
+  registry.tenant = "consumer";
+  registry.prefix = "installed";
+  METRICS::MetricInstanceCfg definition;
+  definition.name = "calls";
+  definition.tag_names = {"kind"};
+  const auto [metric, code] = client.CreateMetric(registry, definition);
+  if (metric == nullptr) {
+    std::fprintf(stderr, "no metric: %s\n", METRICS::MetricGetErrorCodeStr(code));
+    return 1;
+  }
+  const auto emitted = metric->WithTags({{"kind", "plain"}})->Emit({METRICS::IncrCounter(1)});
+  client.FlushAndExit();
+  std::printf("emitted: %s\n", METRICS::MetricGetErrorCodeStr(emitted));
+  return emitted == METRICS::ReturnCode::kOk ? 0 : 1;
+}
