@@ -1,134 +1,206 @@
-// What does one emission cost the application's thread, from a known series to a held item and to
-// the cell alone, beside the plain primitives that it is made of?
+// What does one emission cost the application's thread, from tags to a known series and on an item
+// that it holds?
+//
+// Tags and values are made ahead, as a service keeps them; what the caller builds on every call is
+// in the rows that say so. All threads share the metric and its series.
 
 #include <benchmark/benchmark.h>
 
-#include <atomic>
-#include <ctime>
 #include <memory>
-#include <shared_mutex>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include "metrics/metric_client.h"
-#include "metrics/metric_data.h"
+#include "metrics/metric_collector_item.h"
 #include "metrics/metric_method.h"
-#include "tidegate/mconfiger_impl_base.h"
+#include "sample_loop.h"
+#include "scenarios.h"
 
+namespace tidegate::bench {
 namespace {
 
 using METRICS::Incr;
 using METRICS::Metric;
-using METRICS::MetricClient;
 using METRICS::MetricFieldValue;
+using METRICS::MetricsType;
+using METRICS::Observe;
+using METRICS::Stat;
+using ItemPtr = std::shared_ptr<METRICS::MetricCollectorItem>;
 
-class BenchConfiger final : public tidegate::MConfigerImplBase {
- public:
-  void Start() override {}
-  void Stop() override {}
-  std::pair<bool, int> GetTenantInterval(const std::string& /*tenant*/) override {
-    return {true, 60};
-  }
-  std::string GetSinkName() override { return {}; }
-};
+// One for all benchmarks of the process, never ended: the threads of a benchmark start before it.
+Client& SharedClient() {
+  static Client& client = *new Client();
+  return client;
+}
 
-constexpr size_t kSeries = 100;
-constexpr size_t kMaxTags = 3;
-
-/// One client for all benchmarks of the process; nothing listens for its packets.
-class Fixture {
- public:
-  Fixture() {
-    METRICS::g_metricsLogLevel = 4;
-    client_.Init(new BenchConfiger, nullptr, nullptr, {});
-    for (size_t tags = 1; tags <= kMaxTags; ++tags) {
-      METRICS::MetricRegistryCfg registry;
-      registry.tenant = "bench";
-      METRICS::MetricInstanceCfg metric;
-      metric.name = "requests" + std::to_string(tags);
-      for (size_t i = 0; i < tags; ++i) {
-        metric.tag_names.push_back("tagname" + std::to_string(i));
+// The metric of the known series with `tags` tags, all of which exist.
+Metric& KnownSeries(size_t tags) {
+  static const std::vector<Metric*>& metrics = *new auto([] {
+    std::vector<Metric*> made;
+    for (const size_t count : {size_t{1}, size_t{3}}) {
+      Metric& metric = SharedClient().Make("known" + std::to_string(count), count);
+      for (size_t series = 0; series < kSeries; ++series) {
+        metric.WithTagValues(TagValues(series, count))->Emit({Incr(1)});
       }
-      metrics_.push_back(client_.CreateMetric(registry, metric).metric);
+      made.push_back(&metric);
     }
+    return made;
+  }());
+  return *metrics[tags == 1 ? 0 : 1];
+}
+
+// Emits one integer rate on what `find(metric, tags of the series)` gives, round robin.
+template <class MakeTags, class Find>
+void EmitOnKnown(benchmark::State& state, MakeTags make_tags, Find find) {
+  const auto count = static_cast<size_t>(state.range(0));
+  Metric& metric = KnownSeries(count);
+  const auto tags = ForEachSeries([&](size_t series) { return make_tags(series, count); });
+  const std::vector<MetricFieldValue> values{Incr(1)};
+  RoundRobin turn(kSeries);
+  for (auto _ : state) {
+    find(metric, tags[turn.Next()])->Emit(values);
   }
+}
 
-  Metric& WithTagCount(size_t tags) { return *metrics_[tags - 1]; }
+void WithTags(benchmark::State& state) {
+  EmitOnKnown(state, Tags, [](Metric& metric, const auto& tags) { return metric.WithTags(tags); });
+}
+BENCHMARK(WithTags)->Arg(1)->Arg(3)->ThreadRange(1, 2)->UseRealTime();
 
-  static std::vector<std::vector<tidegate::MetricTag>> MakeTags(size_t tags) {
-    std::vector<std::vector<tidegate::MetricTag>> all(kSeries);
-    for (size_t series = 0; series < kSeries; ++series) {
-      for (size_t i = 0; i < tags; ++i) {
-        all[series].emplace_back("tagname" + std::to_string(i),
-                                 "tag-val-" + std::to_string(series));
-      }
+void WithTagValues(benchmark::State& state) {
+  EmitOnKnown(state, TagValues,
+              [](Metric& metric, const auto& values) { return metric.WithTagValues(values); });
+}
+BENCHMARK(WithTagValues)->Arg(1)->Arg(3)->ThreadRange(1, 2)->UseRealTime();
+
+void WithTagMap(benchmark::State& state) {
+  const auto make_map = [](size_t series, size_t count) {
+    std::unordered_map<std::string, std::string> map;
+    for (MetricTag& tag : Tags(series, count)) {
+      map.emplace(std::move(tag.key), std::move(tag.value));
     }
-    return all;
-  }
-
- private:
-  MetricClient client_;
-  std::vector<Metric*> metrics_;
-};
-
-Fixture& Shared() {
-  static Fixture& fixture = *new Fixture();
-  return fixture;
+    return map;
+  };
+  EmitOnKnown(state, make_map,
+              [](Metric& metric, const auto& tags) { return metric.WithTagMap(tags); });
 }
+BENCHMARK(WithTagMap)->Arg(1)->Arg(3)->ThreadRange(1, 2)->UseRealTime();
 
-void LockedAdd(benchmark::State& state) {
-  static std::atomic<long> sum{0};
+// The caller builds the list of one value on every call.
+void WithTagsListPerCall(benchmark::State& state) {
+  const auto count = static_cast<size_t>(state.range(0));
+  Metric& metric = KnownSeries(count);
+  const auto tags = ForEachSeries([&](size_t series) { return Tags(series, count); });
+  RoundRobin turn(kSeries);
   for (auto _ : state) {
-    sum.fetch_add(1, std::memory_order_relaxed);
+    metric.WithTags(tags[turn.Next()])->Emit({Incr(1)});
   }
 }
-BENCHMARK(LockedAdd)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(WithTagsListPerCall)->Arg(1)->Arg(3)->ThreadRange(1, 2)->UseRealTime();
 
-void SharedLockRoundTrip(benchmark::State& state) {
-  static std::shared_mutex lock;
-  for (auto _ : state) {
-    lock.lock_shared();
-    lock.unlock_shared();
-  }
-}
-BENCHMARK(SharedLockRoundTrip)->ThreadRange(1, 2)->UseRealTime();
-
-void ReadClock(benchmark::State& state) {
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(::time(nullptr));
-  }
-}
-BENCHMARK(ReadClock);
-
-void RateCell(benchmark::State& state) {
-  static METRICS::MetricRate cell;
-  const long one = 1;
-  for (auto _ : state) {
-    cell.Emit(one);
-  }
-}
-BENCHMARK(RateCell)->ThreadRange(1, 2)->UseRealTime();
-
-void HeldItem(benchmark::State& state) {
-  const auto item = Shared().WithTagCount(1).WithTagValues({"held"});
+// One item that all threads hold.
+void HeldItemList(benchmark::State& state) {
+  const ItemPtr item = KnownSeries(1).WithTagValues(TagValues(0, 1));
   const std::vector<MetricFieldValue> values{Incr(1)};
   for (auto _ : state) {
     item->Emit(values);
   }
 }
-BENCHMARK(HeldItem)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(HeldItemList)->ThreadRange(1, 2)->UseRealTime();
 
-void WithTagsAndEmit(benchmark::State& state) {
-  Metric& metric = Shared().WithTagCount(static_cast<size_t>(state.range(0)));
-  const auto tags = Fixture::MakeTags(static_cast<size_t>(state.range(0)));
-  const std::vector<MetricFieldValue> values{Incr(1)};
-  size_t next = 0;
+// Emits samples on a held item that has but this one cell.
+void EmitSamples(benchmark::State& state, const ItemPtr& item,
+                 MetricFieldValue (*verb)(double value)) {
+  std::vector<std::vector<MetricFieldValue>> values;
+  values.reserve(kSamples);
+  for (const double sample : Samples(kSamples)) {
+    values.push_back({verb(sample)});
+  }
+  item->Emit(values[0]);
+  const METRICS::CellPtr cell = item->Fields().begin()->second;
+  SampleLoop(state, *cell, [&](size_t i) { item->Emit(values[i]); });
+}
+
+void HeldTimer(benchmark::State& state) {
+  static Metric& metric = SharedClient().Make("timer", 0);
+  EmitSamples(state, metric.WithTags({}), Observe);
+}
+BENCHMARK(HeldTimer)->ThreadRange(1, 2)->UseRealTime();
+
+void HeldTimerCkms(benchmark::State& state) {
+  static Metric& metric = []() -> Metric& {
+    Metric& made = SharedClient().Make("ckms", 0);
+    made.SetUseCkms(true);
+    return made;
+  }();
+  EmitSamples(state, metric.WithTags({}), Observe);
+}
+BENCHMARK(HeldTimerCkms)->ThreadRange(1, 2)->UseRealTime();
+
+void HeldHistogram(benchmark::State& state) {
+  static const auto make = [](size_t count) {
+    METRICS::HistoUtilBase bounds(Bounds(count));
+    METRICS::MetricInstanceCfg cfg;
+    cfg.name = "histogram" + std::to_string(count);
+    cfg.histo = &bounds;
+    return &SharedClient().Make(cfg);
+  };
+  static Metric* const ten = make(10);
+  static Metric* const twenty = make(20);
+  EmitSamples(state, (state.range(0) == 10 ? ten : twenty)->WithTags({}), Stat);
+}
+BENCHMARK(HeldHistogram)->Arg(10)->Arg(20)->UseRealTime();
+
+constexpr size_t kFields = 8;
+
+Metric& Row() {
+  static Metric& metric = []() -> Metric& {
+    METRICS::MetricInstanceCfg cfg;
+    cfg.name = "row";
+    for (size_t i = 0; i < kFields; ++i) {
+      cfg.fields.push_back({"field" + std::to_string(i), MetricsType::kRate, nullptr});
+    }
+    return SharedClient().Make(cfg);
+  }();
+  return metric;
+}
+
+void HeldRow(benchmark::State& state) {
+  const ItemPtr item = Row().WithTags({});
+  std::vector<MetricFieldValue> values;
+  for (size_t i = 0; i < kFields; ++i) {
+    values.push_back(METRICS::WithField("field" + std::to_string(i), Incr(1)));
+  }
   for (auto _ : state) {
-    metric.WithTags(tags[next])->Emit(values);
-    next = next + 1 == kSeries ? 0 : next + 1;
+    item->Emit(values);
   }
 }
-BENCHMARK(WithTagsAndEmit)->Arg(1)->Arg(3)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(HeldRow)->ThreadRange(1, 2)->UseRealTime();
+
+void HeldRowMap(benchmark::State& state) {
+  const ItemPtr item = Row().WithTags({});
+  std::unordered_map<std::string, double> values;
+  for (size_t i = 0; i < kFields; ++i) {
+    values.emplace("field" + std::to_string(i), 1.0);
+  }
+  for (auto _ : state) {
+    item->EmitMap(values);
+  }
+}
+BENCHMARK(HeldRowMap)->ThreadRange(1, 2)->UseRealTime();
+
+// The call takes its list of tags over, so the caller builds it anew every time.
+void CompatibleEmit(benchmark::State& state) {
+  static Metric& metric = SharedClient().MakeCompatible("compatible", MetricsType::kRate);
+  const auto tags = ForEachSeries([](size_t series) { return TagValues(series, 1)[0]; });
+  const std::string key = TagNames(1)[0];
+  RoundRobin turn(kSeries);
+  for (auto _ : state) {
+    metric.CEmit(1, {key, tags[turn.Next()]});
+  }
+}
+BENCHMARK(CompatibleEmit)->ThreadRange(1, 2)->UseRealTime();
 
 }  // namespace
+}  // namespace tidegate::bench

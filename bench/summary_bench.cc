@@ -1,89 +1,37 @@
-// What does a sample of a timer or histogram cost beside the lock it takes, and what does draining
-// a timer cost beside copying its samples to a flat array and sorting that?
+// What does a sample cost in the cells that an item feeds in its own way, and what does draining a
+// timer cost beside copying its samples to a flat array and sorting that?
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <mutex>
-#include <random>
-#include <shared_mutex>
 #include <vector>
 
 #include "metrics/metric_histogram.h"
 #include "metrics/metric_summary.h"
+#include "sample_loop.h"
+#include "scenarios.h"
 
+namespace tidegate::bench {
 namespace {
 
-constexpr size_t kDrained = 100000;
-
-std::vector<double> RandomSamples(size_t count) {
-  std::mt19937_64 random(20260101);
-  std::uniform_real_distribution<double> uniform(0.0, 1e6);
-  std::vector<double> samples(count);
-  for (double& sample : samples) {
-    sample = uniform(random);
-  }
-  return samples;
+void TimerOverOneArray(benchmark::State& state) {
+  METRICS::MetricSummaryVecV1 cell;
+  const std::vector<double> samples = Samples(kSamples);
+  SampleLoop(state, cell, [&](size_t i) { cell.Emit(samples[i]); });
 }
+BENCHMARK(TimerOverOneArray)->UseRealTime();
 
-void MutexRoundTrip(benchmark::State& state) {
-  std::mutex lock;
-  for (auto _ : state) {
-    lock.lock();
-    benchmark::DoNotOptimize(lock);
-    lock.unlock();
-  }
-}
-BENCHMARK(MutexRoundTrip);
-
-void SharedLockRoundTrip(benchmark::State& state) {
-  std::shared_mutex lock;
-  for (auto _ : state) {
-    lock.lock_shared();
-    benchmark::DoNotOptimize(lock);
-    lock.unlock_shared();
-  }
-}
-BENCHMARK(SharedLockRoundTrip);
-
-template <class Cell>
-void Sample(benchmark::State& state) {
-  Cell cell;
-  METRICS::MetricBasicData& base = cell;
-  const std::vector<double> samples = RandomSamples(1 << 12);
-  size_t i = 0;
-  for (auto _ : state) {
-    base.Emit(samples[i & (samples.size() - 1)]);
-    if (++i == kDrained) {
-      state.PauseTiming();
-      cell.Send(1);
-      i = 0;
-      state.ResumeTiming();
-    }
-  }
-}
-BENCHMARK_TEMPLATE(Sample, METRICS::MetricSummaryVecV2);
-BENCHMARK_TEMPLATE(Sample, METRICS::MetricSummaryVecV1);
-BENCHMARK_TEMPLATE(Sample, METRICS::MetricSummaryCKMS);
-
-void HistogramSample(benchmark::State& state) {
-  std::vector<double> bounds;
-  bounds.reserve(static_cast<size_t>(state.range(0)));
-  for (int i = 0; i < state.range(0); ++i) {
-    bounds.push_back(1e6 / static_cast<double>(state.range(0)) * i);
-  }
+void CellHistogram(benchmark::State& state) {
+  const std::vector<double> bounds = Bounds(static_cast<size_t>(state.range(0)));
   METRICS::MetricHistogram cell(static_cast<unsigned short>(bounds.size()));
-  const std::vector<double> samples = RandomSamples(1 << 12);
-  size_t i = 0;
-  for (auto _ : state) {
-    const double value = samples[i++ & (samples.size() - 1)];
-    cell.Emit(METRICS::GetHistoIndex(value, bounds), value);
-  }
+  const std::vector<double> samples = Samples(kSamples);
+  SampleLoop(state, cell,
+             [&](size_t i) { cell.Emit(METRICS::GetHistoIndex(samples[i], bounds), samples[i]); });
 }
-BENCHMARK(HistogramSample)->Arg(10)->Arg(20);
+BENCHMARK(CellHistogram)->Arg(10)->Arg(20)->UseRealTime();
 
 void CopyAndSort(benchmark::State& state) {
-  const std::vector<double> samples = RandomSamples(kDrained);
+  const std::vector<double> samples = Samples(kDrainedAt);
   for (auto _ : state) {
     std::vector<double> flat(samples);
     std::sort(flat.begin(), flat.end());
@@ -92,8 +40,8 @@ void CopyAndSort(benchmark::State& state) {
 }
 BENCHMARK(CopyAndSort)->Unit(benchmark::kMicrosecond);
 
-void DrainSummary(benchmark::State& state) {
-  const std::vector<double> samples = RandomSamples(kDrained);
+void DrainTimer(benchmark::State& state) {
+  const std::vector<double> samples = Samples(kDrainedAt);
   METRICS::MetricSummaryVecV2 cell;
   for (auto _ : state) {
     state.PauseTiming();
@@ -104,6 +52,7 @@ void DrainSummary(benchmark::State& state) {
     benchmark::DoNotOptimize(cell.Send(1));
   }
 }
-BENCHMARK(DrainSummary)->Unit(benchmark::kMicrosecond);
+BENCHMARK(DrainTimer)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
+}  // namespace tidegate::bench
