@@ -1,16 +1,11 @@
 // What do the same emissions cost in prometheus-cpp?
 
 #include <benchmark/benchmark.h>
-#include <prometheus/counter.h>
-#include <prometheus/family.h>
 #include <prometheus/histogram.h>
-#include <prometheus/labels.h>
-#include <prometheus/registry.h>
-#include <prometheus/summary.h>
 
-#include <string>
 #include <vector>
 
+#include "peers.h"
 #include "scenarios.h"
 
 namespace tidegate::bench {
@@ -21,33 +16,15 @@ prometheus::Registry& Registry() {
   return registry;
 }
 
-prometheus::Labels LabelsOf(size_t series, size_t count) {
-  prometheus::Labels labels;
-  for (const MetricTag& tag : Tags(series, count)) {
-    labels.emplace(tag.key, tag.value);
-  }
-  return labels;
-}
-
-prometheus::Family<prometheus::Counter>& KnownCounters(size_t tags) {
-  static const auto make = [](size_t count) -> prometheus::Family<prometheus::Counter>& {
-    auto& family = prometheus::BuildCounter()
-                       .Name("known" + std::to_string(count) + "_total")
-                       .Help("requests")
-                       .Register(Registry());
-    for (size_t series = 0; series < kSeries; ++series) {
-      family.Add(LabelsOf(series, count)).Increment();
-    }
-    return family;
-  };
-  static auto& one = make(1);
-  static auto& three = make(3);
+PeerCounters& KnownCounters(size_t tags) {
+  static PeerCounters& one = AddCounters(Registry(), "known1_total", kSeries, 1);
+  static PeerCounters& three = AddCounters(Registry(), "known3_total", kSeries, 3);
   return tags == 1 ? one : three;
 }
 
 void PeerLabels(benchmark::State& state) {
   const auto count = static_cast<size_t>(state.range(0));
-  auto& family = KnownCounters(count);
+  PeerCounters& family = KnownCounters(count);
   const auto labels = ForEachSeries([&](size_t series) { return LabelsOf(series, count); });
   RoundRobin turn(kSeries);
   for (auto _ : state) {
@@ -80,8 +57,7 @@ void PeerHistogram(benchmark::State& state) {
 BENCHMARK(PeerHistogram)->Arg(10)->Arg(20)->UseRealTime();
 
 void PeerSummary(benchmark::State& state) {
-  prometheus::Summary cell(prometheus::Summary::Quantiles{
-      {0.5, 0.01}, {0.9, 0.01}, {0.95, 0.01}, {0.99, 0.01}, {0.999, 0.01}});
+  prometheus::Summary cell(PeerQuantiles());
   Observe(state, cell);
 }
 BENCHMARK(PeerSummary)->UseRealTime();

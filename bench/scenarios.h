@@ -123,7 +123,8 @@ class Client {
   static constexpr int kNever = 2000000;
 
   struct Options {
-    METRICS::CoreInitCfg core{};
+    // Without expiry: to a pass, a series is idle until its first emission.
+    METRICS::CoreInitCfg core{false, false};
     int interval = kNever;
     std::string socket{"/tmp/nobody.listens.here"};
   };

@@ -1,0 +1,167 @@
+// What does a flush cost, in time and in bytes, for each series that has something to report?
+//
+// One iteration is one flush. Ahead of each, outside the timed region, every series is fed and
+// every cell thus reports; totals are not among them, so no series has a second point.
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "metrics/metric_collector_item.h"
+#include "metrics/metric_encoder.h"
+#include "metrics/metric_method.h"
+#include "metrics/metric_sender.h"
+#include "metrics/metric_sender_manager.h"
+#include "packet_sink.h"
+#include "scenarios.h"
+
+namespace tidegate::bench {
+namespace {
+
+using METRICS::Incr;
+using METRICS::Metric;
+using METRICS::MetricFieldValue;
+using METRICS::MetricSender;
+using std::chrono::steady_clock;
+using ItemPtr = std::shared_ptr<METRICS::MetricCollectorItem>;
+using Values = std::vector<MetricFieldValue>;
+
+constexpr size_t kTags = 3;
+constexpr size_t kTimerSamples = 100;
+constexpr long kFirstFlush = 1700000000;
+constexpr int kInterval = 30;
+
+// What a scenario's metric looks like and what each of its series is fed before a flush.
+struct Scenario {
+  Metric& (*make)(Client& client);
+  Values (*feed)();
+};
+
+Values RowValues(size_t fields) {
+  Values values;
+  for (size_t i = 0; i < fields; ++i) {
+    values.push_back(METRICS::WithField("field" + std::to_string(i), Incr(1)));
+  }
+  return values;
+}
+
+constexpr size_t kFields = 4;
+
+const Scenario kRate{[](Client& client) -> Metric& { return client.Make("rate", kTags); },
+                     [] { return Values{Incr(1)}; }};
+
+const Scenario kRow{[](Client& client) -> Metric& {
+                      METRICS::MetricInstanceCfg cfg;
+                      cfg.name = "row";
+                      cfg.tag_names = TagNames(kTags);
+                      for (const MetricFieldValue& value : RowValues(kFields)) {
+                        cfg.fields.push_back({value.name, value.type, nullptr});
+                      }
+                      return client.Make(cfg);
+                    },
+                    [] { return RowValues(kFields); }};
+
+const Scenario kTimer{[](Client& client) -> Metric& { return client.Make("timer", kTags); },
+                      [] {
+                        Values values;
+                        for (const double sample : Samples(kTimerSamples)) {
+                          values.push_back(METRICS::Observe(sample));
+                        }
+                        return values;
+                      }};
+
+// Drops what it is given. Its own thread never leaves the wait for `Init`.
+class DroppingSender final : public MetricSender {
+ public:
+  explicit DroppingSender(METRICS::MetricClient& client) : MetricSender("bench", &client) {
+    encoder_->Init("account", "project", "");
+  }
+  ~DroppingSender() override { Exit(); }
+  METRICS::ReturnCode Init() override { return METRICS::ReturnCode::kOk; }
+  void AtFork() override {}
+  void SendToSocket(char* /*buf*/, int len) override { bytes += static_cast<size_t>(len); }
+
+  size_t bytes = 0;
+};
+
+// The series of a scenario, made and held.
+std::vector<ItemPtr> MakeSeries(Metric& metric, size_t count) {
+  return ForEachSeries([&](size_t i) { return metric.WithTagValues(TagValues(i, kTags)); }, count);
+}
+
+// Flushes over and over with `sender`, and answers how many series that were.
+double Flush(benchmark::State& state, const Scenario& scenario, Client& client,
+             MetricSender& sender) {
+  const auto series = static_cast<size_t>(state.range(0));
+  const std::vector<ItemPtr> items = MakeSeries(scenario.make(client), series);
+  const Values values = scenario.feed();
+  const METRICS::CollectorList collectors = client->collector_factory_->GetTenantCollector("bench");
+  sender.last_flush_ts_ = kFirstFlush;
+  std::chrono::duration<double, std::nano> total{0};
+  for (auto _ : state) {
+    for (const ItemPtr& item : items) {
+      item->Emit(values);
+    }
+    sender.last_flush_ts_ += kInterval;
+    const auto start = steady_clock::now();
+    sender.encoder_->PackCollector(collectors);
+    const auto taken = steady_clock::now() - start;
+    state.SetIterationTime(std::chrono::duration<double>(taken).count());
+    total += taken;
+  }
+  const auto flushed = static_cast<double>(series) * static_cast<double>(state.iterations());
+  state.counters["ns_per_series"] = total.count() / flushed;
+  return flushed;
+}
+
+Client::Options OptionsOf(const benchmark::State& state) {
+  Client::Options options;
+  options.core.pre_encode_tags = state.range(1) != 0;
+  return options;
+}
+
+void FlushDropped(benchmark::State& state, const Scenario& scenario) {
+  Client client(OptionsOf(state));
+  DroppingSender sender(*client);
+  const double flushed = Flush(state, scenario, client, sender);
+  state.counters["bytes_per_series"] = static_cast<double>(sender.bytes) / flushed;
+}
+
+// A packet that the library gave up on is missing in the bytes.
+void FlushSent(benchmark::State& state, const Scenario& scenario) {
+  PacketSink sink;
+  double flushed = 0;
+  {
+    Client::Options options = OptionsOf(state);
+    options.socket = sink.path();
+    Client client(options);
+    // The client's own sender, whose thread sleeps through the benchmark.
+    MetricSender* sender = nullptr;
+    client->sender_manager_->GetSender(sender, "bench");
+    flushed = Flush(state, scenario, client, *sender);
+  }
+  state.counters["bytes_per_series"] = static_cast<double>(sink.WaitForEnd()) / flushed;
+}
+
+constexpr int64_t kSmall = 10000;
+constexpr int64_t kLarge = 100000;
+
+void Sizes(benchmark::internal::Benchmark* bench) {
+  bench->ArgNames({"series", "pre_encode"})
+      ->ArgsProduct({{kSmall, kLarge}, {0, 1}})
+      ->UseManualTime()
+      ->Unit(benchmark::kMicrosecond);
+}
+
+BENCHMARK_CAPTURE(FlushDropped, rate, kRate)->Apply(Sizes);
+BENCHMARK_CAPTURE(FlushDropped, row, kRow)->Apply(Sizes);
+BENCHMARK_CAPTURE(FlushDropped, timer, kTimer)->Apply(Sizes);
+BENCHMARK_CAPTURE(FlushSent, rate, kRate)->Apply(Sizes);
+BENCHMARK_CAPTURE(FlushSent, row, kRow)->Apply(Sizes);
+BENCHMARK_CAPTURE(FlushSent, timer, kTimer)->Apply(Sizes);
+
+}  // namespace
+}  // namespace tidegate::bench

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <prometheus/counter.h>
+#include <prometheus/family.h>
+#include <prometheus/labels.h>
+#include <prometheus/registry.h>
+#include <prometheus/summary.h>
+
+#include <string>
+
+#include "scenarios.h"
+
+// The peer's side of the scenarios.
+
+namespace tidegate::bench {
+
+using PeerCounters = prometheus::Family<prometheus::Counter>;
+
+inline prometheus::Labels LabelsOf(size_t series, size_t count) {
+  prometheus::Labels labels;
+  for (MetricTag& tag : Tags(series, count)) {
+    labels.emplace(std::move(tag.key), std::move(tag.value));
+  }
+  return labels;
+}
+
+// A family of `series` counters, each counted once.
+inline PeerCounters& AddCounters(prometheus::Registry& registry, const std::string& name,
+                                 size_t series, size_t tags) {
+  PeerCounters& family = prometheus::BuildCounter().Name(name).Help("requests").Register(registry);
+  for (size_t i = 0; i < series; ++i) {
+    family.Add(LabelsOf(i, tags)).Increment();
+  }
+  return family;
+}
+
+// The percentiles of the library's timers, with the aim of its estimating ones.
+inline prometheus::Summary::Quantiles PeerQuantiles() {
+  return {{0.5, 0.01}, {0.9, 0.01}, {0.95, 0.01}, {0.99, 0.01}, {0.999, 0.01}};
+}
+
+}  // namespace tidegate::bench
