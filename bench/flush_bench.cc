@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "dropping_sender.h"
 #include "metrics/metric_collector_item.h"
-#include "metrics/metric_encoder.h"
 #include "metrics/metric_method.h"
 #include "metrics/metric_sender.h"
 #include "metrics/metric_sender_manager.h"
@@ -31,8 +31,6 @@ using Values = std::vector<MetricFieldValue>;
 
 constexpr size_t kTags = 3;
 constexpr size_t kTimerSamples = 100;
-constexpr long kFirstFlush = 1700000000;
-constexpr int kInterval = 30;
 
 // What a scenario's metric looks like and what each of its series is fed before a flush.
 struct Scenario {
@@ -73,20 +71,6 @@ const Scenario kTimer{[](Client& client) -> Metric& { return client.Make("timer"
                         return values;
                       }};
 
-// Drops what it is given. Its own thread never leaves the wait for `Init`.
-class DroppingSender final : public MetricSender {
- public:
-  explicit DroppingSender(METRICS::MetricClient& client) : MetricSender("bench", &client) {
-    encoder_->Init("account", "project", "");
-  }
-  ~DroppingSender() override { Exit(); }
-  METRICS::ReturnCode Init() override { return METRICS::ReturnCode::kOk; }
-  void AtFork() override {}
-  void SendToSocket(char* /*buf*/, int len) override { bytes += static_cast<size_t>(len); }
-
-  size_t bytes = 0;
-};
-
 // The series of a scenario, made and held.
 std::vector<ItemPtr> MakeSeries(Metric& metric, size_t count) {
   return ForEachSeries([&](size_t i) { return metric.WithTagValues(TagValues(i, kTags)); }, count);
@@ -98,16 +82,14 @@ double Flush(benchmark::State& state, const Scenario& scenario, Client& client,
   const auto series = static_cast<size_t>(state.range(0));
   const std::vector<ItemPtr> items = MakeSeries(scenario.make(client), series);
   const Values values = scenario.feed();
-  const METRICS::CollectorList collectors = client->collector_factory_->GetTenantCollector("bench");
-  sender.last_flush_ts_ = kFirstFlush;
+  const METRICS::CollectorList collectors = CollectorsOf(client);
   std::chrono::duration<double, std::nano> total{0};
   for (auto _ : state) {
     for (const ItemPtr& item : items) {
       item->Emit(values);
     }
-    sender.last_flush_ts_ += kInterval;
     const auto start = steady_clock::now();
-    sender.encoder_->PackCollector(collectors);
+    FlushOnce(sender, collectors);
     const auto taken = steady_clock::now() - start;
     state.SetIterationTime(std::chrono::duration<double>(taken).count());
     total += taken;
@@ -125,7 +107,7 @@ Client::Options OptionsOf(const benchmark::State& state) {
 
 void FlushDropped(benchmark::State& state, const Scenario& scenario) {
   Client client(OptionsOf(state));
-  DroppingSender sender(*client);
+  DroppingSender sender(client);
   const double flushed = Flush(state, scenario, client, sender);
   state.counters["bytes_per_series"] = static_cast<double>(sender.bytes) / flushed;
 }
@@ -140,7 +122,7 @@ void FlushSent(benchmark::State& state, const Scenario& scenario) {
     Client client(options);
     // The client's own sender, whose thread sleeps through the benchmark.
     MetricSender* sender = nullptr;
-    client->sender_manager_->GetSender(sender, "bench");
+    client->sender_manager_->GetSender(sender, kTenant);
     flushed = Flush(state, scenario, client, *sender);
   }
   state.counters["bytes_per_series"] = static_cast<double>(sink.WaitForEnd()) / flushed;

@@ -135,7 +135,7 @@ class Client {
     client_.Init(new Configer(options.interval), new Vendor(options.socket), nullptr, options.core);
     METRICS::MetricRegistryCfg cfg;
     cfg.tenant = "bench";
-    cfg.prefix = "bench";
+    cfg.prefix = "app";
     client_.CreateRegistry(registry_, cfg);
   }
 
