@@ -32,13 +32,6 @@ void EmitNumber(MetricBasicData& cell, const MetricFieldValue& value) {
   }
 }
 
-/// A number into a histogram cell.
-template <class Number>
-void EmitSample(MetricBasicData& cell, const Number& number, const std::vector<double>& bounds) {
-  const short index = GetHistoIndex(static_cast<double>(number), bounds);
-  static_cast<MetricHistogram&>(cell).Emit(index, number);
-}
-
 /// A value into a histogram cell.
 void EmitSampleValue(MetricBasicData& cell, const MetricFieldValue& value,
                      const std::vector<double>& bounds) {
@@ -56,6 +49,15 @@ void AppendPrevious(MetricsType type, uint32_t end, double prev_value, MultiFiel
     row.prev_fields.push_back(end - width + i);
     row.prev_values.push_back(i == 0 ? prev_value : 0.0);
   }
+}
+
+/// Gives `found` in `cell` if it takes values of type `type`.
+ReturnCode CellOfType(MetricsType type, const CellPtr& found, CellPtr& cell) {
+  if (found->Type() != type) {
+    return ReturnCode::kInvalidMetricType;
+  }
+  cell = found;
+  return ReturnCode::kOk;
 }
 
 const MetricFieldInfo* FindLast(const std::string& name,
@@ -97,6 +99,15 @@ CellPtr MetricCollectorItem::Data() { return NoopDataPtr(); }
 size_t MetricCollectorItem::Size() { return 0; }
 size_t MetricCollectorItem::MemSize() { return 0; }
 MetricCoItemType MetricCollectorItem::Type() { return MetricCoItemType::kCoItemUnknown; }
+
+ReturnCode MetricCollectorItem::Emit(const MetricFieldValue& /*value*/) {
+  return ReturnCode::kNotSupported;
+}
+
+ReturnCode MetricCollectorItem::FindCell(const std::string& /*name*/, MetricsType /*type*/,
+                                         CellPtr& /*cell*/) {
+  return ReturnCode::kNotSupported;
+}
 
 CellPtr MetricCollectorItem::CreateData(const MetricsType& type, bool use_ckms,
                                         unsigned short bucket_count) {
@@ -149,6 +160,21 @@ void MetricCollectorItem::MarkUpdated(size_t count) {
   metric_->emit_success_.fetch_add(count, std::memory_order_relaxed);
 }
 
+bool MetricCollectorItem::Hold() {
+  int32_t holders = holders_.load(std::memory_order_relaxed);
+  while (holders != kErasing) {
+    if (holders_.compare_exchange_weak(holders, holders + 1, std::memory_order_acquire)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool MetricCollectorItem::ClaimForErasing() {
+  int32_t nobody = 0;
+  return holders_.compare_exchange_strong(nobody, kErasing, std::memory_order_acquire);
+}
+
 MetricSuffixArray::~MetricSuffixArray() {
   if (InForkTeardown() && rwlock_.ReinitAfterFork()) {
     Abandon(suffixes_);
@@ -173,6 +199,14 @@ ReturnCode MetricSuffixArray::Emit(const std::vector<MetricFieldValue>& values) 
   return ReturnCode::kOk;
 }
 
+ReturnCode MetricSuffixArray::Emit(const MetricFieldValue& value) {
+  const ReturnCode code = EmitToKnown(value) ? ReturnCode::kOk : EmitToNew(value);
+  if (code == ReturnCode::kOk) {
+    MarkUpdated(1);
+  }
+  return code;
+}
+
 bool MetricSuffixArray::EmitToKnown(const MetricFieldValue& value) {
   const FastReadGuard guard(rwlock_);
   const auto found = suffixes_.find(value.name);
@@ -185,17 +219,28 @@ bool MetricSuffixArray::EmitToKnown(const MetricFieldValue& value) {
 
 ReturnCode MetricSuffixArray::EmitToNew(const MetricFieldValue& value) {
   const WriteGuard guard(rwlock_);
-  // Another thread may have made the suffix between the two locks.
-  if (suffixes_.find(value.name) == suffixes_.end()) {
-    const ReturnCode code = CreateSuffix(value.name, value.type);
-    if (code != ReturnCode::kOk) {
-      metric_->emit_fail_.fetch_add(1, std::memory_order_relaxed);
-      METRICS_LOG_CODE(code);
-      return code;
-    }
+  const ReturnCode code = EnsureSuffix(value.name, value.type);
+  if (code != ReturnCode::kOk) {
+    metric_->emit_fail_.fetch_add(1, std::memory_order_relaxed);
+    METRICS_LOG_CODE(code);
+    return code;
   }
   DoEmit(*suffixes_.find(value.name), value);
   return ReturnCode::kOk;
+}
+
+ReturnCode MetricSuffixArray::FindCell(const std::string& name, MetricsType type, CellPtr& cell) {
+  const WriteGuard guard(rwlock_);
+  const ReturnCode code = EnsureSuffix(name, type);
+  if (code != ReturnCode::kOk) {
+    return code;
+  }
+  return CellOfType(type, suffixes_.find(name)->second, cell);
+}
+
+ReturnCode MetricSuffixArray::EnsureSuffix(const std::string& name, const MetricsType& type) {
+  // Another thread may have made it since the caller looked.
+  return suffixes_.find(name) != suffixes_.end() ? ReturnCode::kOk : CreateSuffix(name, type);
 }
 
 ReturnCode MetricSuffixArray::CreateSuffix(const std::string& name, const MetricsType& type) {
@@ -267,20 +312,46 @@ ReturnCode MetricFieldArray::Emit(std::vector<MetricFieldValue>&& values) {
 }
 
 ReturnCode MetricFieldArray::Emit(const std::vector<MetricFieldValue>& values) {
-  if (values.size() > field_count_) {
-    metric_->emit_fail_.fetch_add(1, std::memory_order_relaxed);
+  if (RefuseMoreThanFields(values.size())) {
     return ReturnCode::kInvalidParamNumber;
   }
   for (const MetricFieldValue& value : values) {
-    const auto found = fields_.find(value.name);
-    if (found == fields_.end()) {
-      METRICS_LOG_WARN("Error Field Name: %s\n", value.name.c_str());
-      continue;
-    }
-    DoEmit(*found, value);
+    EmitToField(value);
   }
   MarkUpdated(1);
   return ReturnCode::kOk;
+}
+
+ReturnCode MetricFieldArray::Emit(const MetricFieldValue& value) {
+  if (RefuseMoreThanFields(1)) {
+    return ReturnCode::kInvalidParamNumber;
+  }
+  EmitToField(value);
+  MarkUpdated(1);
+  return ReturnCode::kOk;
+}
+
+bool MetricFieldArray::RefuseMoreThanFields(size_t count) {
+  if (count <= field_count_) {
+    return false;
+  }
+  metric_->emit_fail_.fetch_add(1, std::memory_order_relaxed);
+  return true;
+}
+
+void MetricFieldArray::EmitToField(const MetricFieldValue& value) {
+  const auto found = fields_.find(value.name);
+  if (found == fields_.end()) {
+    METRICS_LOG_WARN("Error Field Name: %s\n", value.name.c_str());
+    return;
+  }
+  DoEmit(*found, value);
+}
+
+ReturnCode MetricFieldArray::FindCell(const std::string& name, MetricsType type, CellPtr& cell) {
+  const auto found = fields_.find(name);
+  return found == fields_.end() ? ReturnCode::kObjectNotExisted
+                                : CellOfType(type, found->second, cell);
 }
 
 void MetricFieldArray::DoEmit(const CellMap::value_type& node, const MetricFieldValue& value) {

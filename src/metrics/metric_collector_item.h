@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -58,6 +59,17 @@ class METRICS_API MetricCollectorItem {
   /// Estimate of the bytes that names and pointers of the cells occupy.
   virtual size_t MemSize();
   virtual MetricCoItemType Type();
+  /// Emits one value as a list of it alone does, but without the list.
+  virtual ReturnCode Emit(const MetricFieldValue& value);
+  /// Gives in `cell` the cell that values named `name` of type `type` go to; a suffix that is new is
+  /// made. 53 for a bad suffix, 20 for a field that was not declared, 52 for a cell of another
+  /// type, 70 where cells have no names.
+  virtual ReturnCode FindCell(const std::string& name, MetricsType type, CellPtr& cell);
+
+  /// What stands in braces: of one value the form above, else a list.
+  ReturnCode Emit(std::initializer_list<MetricFieldValue> values) {
+    return values.size() == 1 ? Emit(*values.begin()) : Emit(std::vector<MetricFieldValue>(values));
+  }
 
   /// Makes the cell for `type`; `bucket_count` counts for histograms alone. An unknown type gives
   /// an error line and the no-op cell.
@@ -69,6 +81,16 @@ class METRICS_API MetricCollectorItem {
 
   /// Marks the series as alive now, for cells that are fed directly.
   void Refresh();
+  /// What every successful emission of `count` values ends with.
+  void MarkUpdated(size_t count);
+
+  // A held series is hidden when it is idle, but never erased by expiry.
+  /// False when the expiry is erasing the item: look it up anew.
+  bool Hold();
+  bool IsHeld() const { return holders_.load(std::memory_order_relaxed) > 0; }
+  void LetGo() { holders_.fetch_sub(1, std::memory_order_release); }
+  /// For the expiry, ahead of erasing: false when somebody holds the item. Ends all `Hold`s.
+  bool ClaimForErasing();
 
   // Written by emitting threads and, for `active_`, by the expiry; read by flush and expiry. A
   // stale reading delays an expiry, no more.
@@ -81,9 +103,10 @@ class METRICS_API MetricCollectorItem {
   int32_t tag_hash_;
   std::string encoded_tags_;
 
- protected:
-  /// What every successful emission of `count` values ends with.
-  void MarkUpdated(size_t count);
+ private:
+  static constexpr int32_t kErasing = -1;
+
+  std::atomic<int32_t> holders_{0};
 };
 
 /// The item of ordinary metrics: its cells appear on first sight, one per suffix.
@@ -107,11 +130,16 @@ class METRICS_API MetricSuffixArray final : public MetricCollectorItem {
   size_t Size() override;
   size_t MemSize() override;
   MetricCoItemType Type() override { return MetricCoItemType::kCoItemSuffix; }
+  ReturnCode Emit(const MetricFieldValue& value) override;
+  ReturnCode FindCell(const std::string& name, MetricsType type, CellPtr& cell) override;
 
  private:
   /// False when there is no cell for the value's suffix yet.
   bool EmitToKnown(const MetricFieldValue& value);
   ReturnCode EmitToNew(const MetricFieldValue& value);
+  /// Makes the suffix if it is not there.
+  ReturnCode EnsureSuffix(const std::string& name, const MetricsType& type)
+      METRICS_REQUIRES(rwlock_);
   ReturnCode CreateSuffix(const std::string& name, const MetricsType& type)
       METRICS_REQUIRES(rwlock_);
   void DoEmit(const CellMap::value_type& node, const MetricFieldValue& value);
@@ -148,12 +176,17 @@ class METRICS_API MetricFieldArray final : public MetricCollectorItem {
   size_t Size() override { return 1; }
   size_t MemSize() override;
   MetricCoItemType Type() override { return MetricCoItemType::kCoItemField; }
+  ReturnCode Emit(const MetricFieldValue& value) override;
+  ReturnCode FindCell(const std::string& name, MetricsType type, CellPtr& cell) override;
 
   /// Drains all cells in the order of `fields`, the metric's declaration. On the flush thread.
   MultiFieldSendRes Send(const std::vector<MetricFieldInfo>& fields);
 
  private:
   void CreateField(const std::vector<MetricFieldInfo>& fields, Metric* const& metric);
+  bool RefuseMoreThanFields(size_t count);
+  /// Drops a value that names no field.
+  void EmitToField(const MetricFieldValue& value);
   void DoEmit(const CellMap::value_type& node, const MetricFieldValue& value);
 
   CellMap fields_;

@@ -69,7 +69,8 @@ void MetricExpireChecker::CheckCollector(const CollectorPtr& collector, long now
   for (const auto& [tag_values, item] : collector->GetAll()) {
     const bool expired = CheckExpire(item, now);
     item->active_.exchange(!expired);
-    if (expired) {
+    // A series that a handle is bound to stays in the table for it.
+    if (expired && !item->IsHeld()) {
       expired_.emplace_back(tag_values, item);
     }
   }
@@ -85,12 +86,12 @@ void MetricExpireChecker::DoClean(const CollectorPtr& collector, const long& now
   }
   size_t erased = 0;
   for (const auto& [tag_values, item] : expired_) {
-    // A series that came back since the walk stays.
-    if (CheckExpire(item, now)) {
+    // A series that came back, or was bound, since the walk stays.
+    if (!CheckExpire(item, now)) {
+      item->active_.exchange(true);
+    } else if (item->ClaimForErasing()) {
       collector->Erase(tag_values);
       ++erased;
-    } else {
-      item->active_.exchange(true);
     }
   }
   METRICS_LOG_WARN("%lu of %lu Series Expired in Collecotor: %s\n", erased, expired_.size(),

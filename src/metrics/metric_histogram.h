@@ -48,4 +48,11 @@ class MetricHistogram final : public MetricBasicData {
   BiasedRwLock rwlock_;           ///< shared by emitters, exclusive to the flush
 };
 
+/// A number into a histogram cell with these bounds. REQUIRES: `cell` is one.
+template <class Number>
+void EmitSample(MetricBasicData& cell, const Number& number, const std::vector<double>& bounds) {
+  const short index = GetHistoIndex(static_cast<double>(number), bounds);
+  static_cast<MetricHistogram&>(cell).Emit(index, number);
+}
+
 }  // namespace METRICS

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <limits>
 #include <string>
+#include <type_traits>
 
 #include "util/metric_common.h"
 #include "util/metric_export.h"
@@ -29,36 +32,104 @@ METRICS_API MetricFieldValue WithField(const std::string& name);
 METRICS_API MetricFieldValue WithSuffix(const std::string& name, MetricFieldValue value);
 METRICS_API MetricFieldValue WithField(const std::string& name, MetricFieldValue value);
 
-// The verbs. Each fixes a type and a default name; safe from any thread.
+/// Whether `number` goes in as an integer: an unsigned one above the signed range does not.
+template <class Integer>
+constexpr bool FitsInteger([[maybe_unused]] Integer number) {
+  if constexpr (std::is_unsigned_v<Integer> && sizeof(Integer) >= sizeof(int64_t)) {
+    return number <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
+  }
+  return true;
+}
+
+/// `time` in microseconds, fractions included.
+template <class Rep, class Period>
+constexpr double Microseconds(const std::chrono::duration<Rep, Period>& time) {
+  return std::chrono::duration<double, std::micro>(time).count();
+}
+
+/// Hands `number`, which is neither `int`, `long` nor `double`, to `verb` as a `long` if it is an
+/// integer that fits, else as a `double`.
+template <class Number, class Verb>
+MetricFieldValue EmitAs(Number number, Verb verb) {
+  if constexpr (std::is_integral_v<Number>) {
+    if (FitsInteger(number)) {
+      return verb(static_cast<long>(number));
+    }
+  }
+  return verb(static_cast<double>(number));
+}
+
+/// The arithmetic types that the verbs have no form of their own for.
+template <class Number>
+using IfOtherNumber =
+    std::enable_if_t<std::is_arithmetic_v<Number> && !std::is_same_v<Number, int> &&
+                         !std::is_same_v<Number, long> && !std::is_same_v<Number, double>,
+                     int>;
+
+// The verbs. Each fixes a type and a default name; safe from any thread. They take every arithmetic
+// type: integers up to 64 bits signed stay integers, everything else becomes a double.
 
 /// Adds to a per-second rate named "rate".
 METRICS_API MetricFieldValue Incr(int value);
 METRICS_API MetricFieldValue Incr(long value);
 METRICS_API MetricFieldValue Incr(double value);
+template <class Number, IfOtherNumber<Number> = 0>
+MetricFieldValue Incr(Number value) {
+  return EmitAs(value, [](auto number) { return Incr(number); });
+}
 /// A sample, by convention in microseconds, of a summary named "timer".
 METRICS_API MetricFieldValue Observe(int value);
 METRICS_API MetricFieldValue Observe(long value);
 METRICS_API MetricFieldValue Observe(double value);
+template <class Number, IfOtherNumber<Number> = 0>
+MetricFieldValue Observe(Number value) {
+  return EmitAs(value, [](auto number) { return Observe(number); });
+}
+/// A time, as a sample in microseconds.
+template <class Rep, class Period>
+MetricFieldValue Observe(const std::chrono::duration<Rep, Period>& time) {
+  return Observe(Microseconds(time));
+}
 /// Sets a gauge named "store"; the last value of an interval stands.
 METRICS_API MetricFieldValue Store(int value);
 METRICS_API MetricFieldValue Store(long value);
 METRICS_API MetricFieldValue Store(double value);
+template <class Number, IfOtherNumber<Number> = 0>
+MetricFieldValue Store(Number value) {
+  return EmitAs(value, [](auto number) { return Store(number); });
+}
 /// Adds to a running total that is also reported per second, named "meter".
 METRICS_API MetricFieldValue IncrMeter(int value);
 METRICS_API MetricFieldValue IncrMeter(long value);
 METRICS_API MetricFieldValue IncrMeter(double value);
+template <class Number, IfOtherNumber<Number> = 0>
+MetricFieldValue IncrMeter(Number value) {
+  return EmitAs(value, [](auto number) { return IncrMeter(number); });
+}
 /// Adds to a running total named "counter".
 METRICS_API MetricFieldValue IncrCounter(int value);
 METRICS_API MetricFieldValue IncrCounter(long value);
 METRICS_API MetricFieldValue IncrCounter(double value);
+template <class Number, IfOtherNumber<Number> = 0>
+MetricFieldValue IncrCounter(Number value) {
+  return EmitAs(value, [](auto number) { return IncrCounter(number); });
+}
 /// A sample of a histogram named "histogram".
 METRICS_API MetricFieldValue Stat(int value);
 METRICS_API MetricFieldValue Stat(long value);
 METRICS_API MetricFieldValue Stat(double value);
+template <class Number, IfOtherNumber<Number> = 0>
+MetricFieldValue Stat(Number value) {
+  return EmitAs(value, [](auto number) { return Stat(number); });
+}
 /// Adds to a running total that is also reported per second and as the interval's increase, named
 /// "delta_counter".
 METRICS_API MetricFieldValue Add(int value);
 METRICS_API MetricFieldValue Add(long value);
 METRICS_API MetricFieldValue Add(double value);
+template <class Number, IfOtherNumber<Number> = 0>
+MetricFieldValue Add(Number value) {
+  return EmitAs(value, [](auto number) { return Add(number); });
+}
 
 }  // namespace METRICS

@@ -18,11 +18,6 @@ namespace {
 constexpr size_t kMaxTagNames = 255;
 constexpr uint16_t kMaxColumns = 1024;
 
-bool IsFieldType(MetricsType type) {
-  return type != MetricsType::kUnknown && type != MetricsType::kMultiField &&
-         type < MetricsType::kTypeEnd;
-}
-
 }  // namespace
 
 std::shared_ptr<MetricRegistry> MetricRegistry::Make(const std::string& tenant,
@@ -284,7 +279,7 @@ ReturnCode CheckMetricFieldCfg(const std::vector<MetricFieldCfg>& fields) {
   for (const MetricFieldCfg& field : fields) {
     if (!IsValidKey(field.name)) {
       code = ReturnCode::kInvalidString;
-    } else if (!IsFieldType(field.type)) {
+    } else if (!IsCellType(field.type)) {
       code = ReturnCode::kInvalidMetricType;
     } else if (field.histo != nullptr && !field.histo->Check()) {
       code = ReturnCode::kMaxHistoBucket;

@@ -20,6 +20,12 @@ enum class MetricsType : uint8_t {
   kTypeEnd = 9,  ///< end of the enumeration, as invalid as `kUnknown`
 };
 
+/// Whether a suffix or field can be of type `type`.
+constexpr bool IsCellType(MetricsType type) {
+  return type != MetricsType::kUnknown && type != MetricsType::kMultiField &&
+         type < MetricsType::kTypeEnd;
+}
+
 /// Life of a long-lived object.
 enum class MetricState : uint8_t {
   INIT = 0,      ///< made, not yet usable

@@ -1,0 +1,130 @@
+#include "metrics/bound_series.h"
+
+#include <thread>
+#include <utility>
+
+#include "metrics/metric.h"
+#include "metrics/metric_collector_item.h"
+#include "metrics/metric_data.h"
+#include "metrics/metric_histogram.h"
+#include "metrics/metric_summary.h"
+#include "util/metric_log.h"
+
+namespace METRICS {
+namespace {
+
+using ItemPtr = std::shared_ptr<MetricCollectorItem>;
+
+/// Why the metric gave the dummy item.
+ReturnCode RefusalOf(const MetricImpl& impl) {
+  switch (impl.state_.load(std::memory_order_acquire)) {
+    case MetricState::BLOCKED:
+      return ReturnCode::kObjectBlocked;
+    case MetricState::SHUTDOWN:
+      return ReturnCode::kObjectExit;
+    case MetricState::INIT:
+    case MetricState::READY:
+      break;
+  }
+  return ReturnCode::kNotSupported;
+}
+
+/// The item of the series, which expiry leaves alone from now on.
+ReturnCode HoldSeries(Metric& metric, const BoundSeries::Tags& tags, ItemPtr& item) {
+  MetricImpl& impl = *metric.impl_;
+  std::vector<std::string> values(impl.tag_count_, "-");
+  const ReturnCode code = impl.GetTagValueVec(tags, values);
+  if (code != ReturnCode::kOk) {
+    return code;
+  }
+  while (true) {
+    item = impl.WithTagValues(values);
+    if (item == DummyItem()) {
+      return RefusalOf(impl);
+    }
+    if (item->Hold()) {
+      return ReturnCode::kOk;
+    }
+    std::this_thread::yield();  // the expiry is about to take it out of the table
+  }
+}
+
+}  // namespace
+
+/// What a handle keeps alive. The metric goes last: the item refers to it.
+struct BoundSeries::Pins {
+  ~Pins() { item->LetGo(); }
+
+  std::shared_ptr<Metric> metric;
+  ItemPtr item;
+  CellPtr cell;
+};
+
+ReturnCode BoundSeries::Bind(Metric* metric, const Tags& tags, const std::string& name,
+                             MetricsType type) {
+  *this = BoundSeries();
+  ReturnCode code = ReturnCode::kOk;
+  if (metric == nullptr) {
+    code = ReturnCode::kNullptr;
+  } else if (!IsCellType(type)) {
+    code = ReturnCode::kInvalidMetricType;
+  } else if (metric->kind_ == MetricCoItemType::kCoItemCompatible) {
+    code = ReturnCode::kNotSupported;
+  } else {
+    code = BindTo(*metric, tags, name, type);
+  }
+  if (code != ReturnCode::kOk) {
+    METRICS_LOG_CODE(code);
+  }
+  return code;
+}
+
+ReturnCode BoundSeries::BindTo(Metric& metric, const Tags& tags, const std::string& name,
+                               MetricsType type) {
+  ItemPtr item;
+  ReturnCode code = HoldSeries(metric, tags, item);
+  if (code != ReturnCode::kOk) {
+    return code;
+  }
+  // The item's own metric: with two metrics of one full name it is the first one's.
+  const auto pins = std::make_shared<Pins>();
+  pins->item = std::move(item);
+  pins->metric = pins->item->metric_->weak_from_this().lock();
+  if (pins->metric == nullptr) {
+    return ReturnCode::kObjectExit;
+  }
+  code = pins->item->FindCell(name, type, pins->cell);
+  if (code != ReturnCode::kOk) {
+    return code;
+  }
+  if (type == MetricsType::kHistogram) {
+    bounds_ = pins->metric->kind_ == MetricCoItemType::kCoItemSuffix
+                  ? &pins->metric->GetHistogram()
+                  : &FindHistogram(name, pins->metric->GetFieldInfo());
+  }
+  cell_ = pins->cell.get();
+  item_ = pins->item.get();
+  type_ = type;
+  pins_ = pins;
+  return ReturnCode::kOk;
+}
+
+ReturnCode BoundSeries::EmitInteger(int64_t number) { return EmitNumber<long>(number); }
+
+ReturnCode BoundSeries::EmitReal(double number) { return EmitNumber<double>(number); }
+
+template <class Number>
+ReturnCode BoundSeries::EmitNumber(const Number& number) {
+  if (cell_ == nullptr) {
+    return ReturnCode::kNotSupported;
+  }
+  if (bounds_ == nullptr) {
+    cell_->Emit(number);
+  } else {
+    EmitSample(*cell_, number, *bounds_);
+  }
+  item_->MarkUpdated(1);
+  return ReturnCode::kOk;
+}
+
+}  // namespace METRICS

@@ -1,0 +1,100 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "metrics/metric_method.h"
+#include "tidegate/metric_tag.h"
+#include "util/metric_common.h"
+#include "util/metric_error_code.h"
+#include "util/metric_export.h"
+
+namespace METRICS {
+
+class Metric;
+class MetricBasicData;
+class MetricCollectorItem;
+
+/// A handle on one cell of one series, for emissions without any look-up:
+///
+///     BoundSeries requests;
+///     requests.Bind(metric, {{"method", "get"}}, Incr(0));  // once
+///     requests.Emit(1);                                     // from then on
+///
+/// An emission does what `Emit` of one value on the series' item does: to the cell, the metric's
+/// success counter, the series' last update time and its place in flushes. It takes no lock but the
+/// cell's own, which timers and histograms have.
+///
+/// Threads: `Emit` from any thread, on one handle or on copies. `Bind` and assignment not at the same
+/// time as anything else on this handle.
+/// Ownership: copies share what they are bound to. It stays in memory, the metric included, until
+/// the last of them goes.
+/// Expiry: a bound series is never erased. When idle it is hidden, and its next emission brings it
+/// back; it counts in the quota for as long as the handle lives.
+/// Removal: after its registry was blocked or cleared, its metric or registry removed, or the client
+/// has ended, the values of a handle are lost, without a code, and exact timers keep theirs until
+/// the handle goes. So bind anew after `UnBlock`.
+/// Fork: a child may neither emit on a handle of its parent nor keep it: it assigns `BoundSeries()`
+/// to each ahead of `MetricClient::AtFork` and binds anew after `Init`.
+class METRICS_API BoundSeries {
+ public:
+  using Tags = std::vector<tidegate::MetricTag>;
+
+  /// Bound to nothing: an emission does nothing and answers 70.
+  BoundSeries() = default;
+
+  /// Binds to the suffix or field `name` of the series of `tags`, which are made if they are new.
+  /// Any other result than 0 leaves the handle bound to nothing: 81 without a metric; 52 for a type
+  /// that is none, or that of the suffix or field is another; 37, 53 or 50 for tags that
+  /// `Metric::WithTags` would refuse; 22 and 23 for a blocked or removed metric; 70 for a
+  /// compatible metric and at the quota of series; 53 for an illegal suffix, 20 for a field that was
+  /// not declared.
+  ReturnCode Bind(Metric* metric, const Tags& tags, const std::string& name, MetricsType type);
+  /// The same, with the name and type of `like`, whose number does not count:
+  /// `Bind(metric, tags, WithSuffix("bytes", IncrCounter(0)))`.
+  ReturnCode Bind(Metric* metric, const Tags& tags, const MetricFieldValue& like) {
+    return Bind(metric, tags, like.name, like.type);
+  }
+
+  /// Emits one number. 0, or 70 when bound to nothing. Integers go in as integers up to 64 bits
+  /// signed, everything else as a double.
+  template <class Number, std::enable_if_t<std::is_arithmetic_v<Number>, int> = 0>
+  ReturnCode Emit(Number number) {
+    if constexpr (std::is_integral_v<Number>) {
+      if (FitsInteger(number)) {
+        return EmitInteger(static_cast<int64_t>(number));
+      }
+    }
+    return EmitReal(static_cast<double>(number));
+  }
+  /// Emits a time in microseconds.
+  template <class Rep, class Period>
+  ReturnCode Emit(const std::chrono::duration<Rep, Period>& time) {
+    return EmitReal(Microseconds(time));
+  }
+
+  /// Whether it is bound; what has become of the series since then does not count.
+  explicit operator bool() const { return cell_ != nullptr; }
+
+ private:
+  struct Pins;
+
+  ReturnCode EmitInteger(int64_t number);
+  ReturnCode EmitReal(double number);
+  template <class Number>
+  ReturnCode EmitNumber(const Number& number);
+  ReturnCode BindTo(Metric& metric, const Tags& tags, const std::string& name, MetricsType type);
+
+  // What an emission reads, kept alive by `pins_`.
+  MetricBasicData* cell_ = nullptr;
+  MetricCollectorItem* item_ = nullptr;
+  const std::vector<double>* bounds_ = nullptr;  ///< of a histogram
+  MetricsType type_ = MetricsType::kUnknown;
+  std::shared_ptr<const Pins> pins_;
+};
+
+}  // namespace METRICS
