@@ -7,6 +7,7 @@ JOBS=${JOBS:-2}
 BUILD_PACKAGES=(g++ cmake ninja-build ccache zlib1g-dev libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev nlohmann-json3-dev)
 CHECK_PACKAGES=(clang clang-format clang-tidy doxygen dpkg-dev file pkgconf)
+BENCH_PACKAGES=(python3 valgrind prometheus-cpp-dev)
 
 # step <text>: says in one line what comes next.
 step() { printf '==> %s\n' "$*"; }
