@@ -10,6 +10,7 @@
 #include <memory>
 #include <vector>
 
+#include "metrics/bound_series.h"
 #include "metrics/metric_collector_item.h"
 #include "metrics/metric_method.h"
 #include "scenarios.h"
@@ -17,7 +18,6 @@
 namespace {
 
 using METRICS::Incr;
-using METRICS::MetricFieldValue;
 using namespace tidegate::bench;
 
 constexpr size_t kOperations = 100 * kSeries;
@@ -49,12 +49,15 @@ int main() {
   const auto tags1 = ForEachSeries([](size_t series) { return Tags(series, 1); });
   const auto tags3 = ForEachSeries([](size_t series) { return Tags(series, 3); });
   const auto values3 = ForEachSeries([](size_t series) { return TagValues(series, 3); });
-  const std::vector<MetricFieldValue> value{Incr(1)};
+  const METRICS::MetricFieldValue value = Incr(1);
   const auto held = one.WithTags(tags1[0]);
+  METRICS::BoundSeries bound;
+  bound.Bind(&one, tags1[0], value);
 
-  Count("with_tags_1", [&](size_t series) { one.WithTags(tags1[series])->Emit(value); });
-  Count("with_tags_3", [&](size_t series) { three.WithTags(tags3[series])->Emit(value); });
+  Count("with_tags_1", [&](size_t series) { one.WithTags(tags1[series])->Emit(Incr(1)); });
+  Count("with_tags_3", [&](size_t series) { three.WithTags(tags3[series])->Emit(Incr(1)); });
   Count("with_tag_values_3",
-        [&](size_t series) { three.WithTagValues(values3[series])->Emit(value); });
+        [&](size_t series) { three.WithTagValues(values3[series])->Emit(Incr(1)); });
   Count("held_item", [&](size_t) { held->Emit(value); });
+  Count("bound_series", [&](size_t) { bound.Emit(1); });
 }

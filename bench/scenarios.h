@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
-#include <memory>
+#include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
@@ -176,5 +178,11 @@ class Client {
   METRICS::MetricClient client_;
   METRICS::MetricRegistry* registry_ = nullptr;
 };
+
+// One for all benchmarks of a process. Never ended: threads that emit outlive a benchmark's body.
+inline Client& SharedClient() {
+  static Client& client = *new Client();
+  return client;
+}
 
 }  // namespace tidegate::bench

@@ -75,7 +75,7 @@ for name in "$@"; do
   esac
 done
 
-need_packages "${BUILD_PACKAGES[@]}" "${CHECK_PACKAGES[@]}"
+need_packages "${BUILD_PACKAGES[@]}" "${CHECK_PACKAGES[@]}" "${BENCH_PACKAGES[@]}"
 for name in "$@"; do
   "check_$name"
 done
