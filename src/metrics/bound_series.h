@@ -15,6 +15,7 @@
 
 namespace METRICS {
 
+class EventCounter;
 class Metric;
 class MetricBasicData;
 class MetricCollectorItem;
@@ -29,17 +30,15 @@ class MetricCollectorItem;
 /// success counter, the series' last update time and its place in flushes. It takes no lock but the
 /// cell's own, which timers and histograms have.
 ///
-/// Threads: `Emit` from any thread, on one handle or on copies. `Bind` and assignment not at the same
-/// time as anything else on this handle.
-/// Ownership: copies share what they are bound to. It stays in memory, the metric included, until
-/// the last of them goes.
-/// Expiry: a bound series is never erased. When idle it is hidden, and its next emission brings it
-/// back; it counts in the quota for as long as the handle lives.
-/// Removal: after its registry was blocked or cleared, its metric or registry removed, or the client
-/// has ended, the values of a handle are lost, without a code, and exact timers keep theirs until
-/// the handle goes. So bind anew after `UnBlock`.
-/// Fork: a child may neither emit on a handle of its parent nor keep it: it assigns `BoundSeries()`
-/// to each ahead of `MetricClient::AtFork` and binds anew after `Init`.
+/// Threads: `Emit` from any thread, on one handle or on copies. `Bind` and assignment not at the
+/// same time as anything else on this handle. Ownership: copies share what they are bound to. It
+/// stays in memory, the metric included, until the last of them goes. Expiry: a bound series is
+/// never erased. When idle it is hidden, and its next emission brings it back; it counts in the
+/// quota for as long as the handle lives. Removal: after its registry was blocked or cleared, its
+/// metric or registry removed, or the client has ended, the values of a handle are lost, without a
+/// code, and exact timers keep theirs until the handle goes. So bind anew after `UnBlock`. Fork: a
+/// child may neither emit on a handle of its parent nor keep it: it assigns `BoundSeries()` to each
+/// ahead of `MetricClient::AtFork` and binds anew after `Init`.
 class METRICS_API BoundSeries {
  public:
   using Tags = std::vector<tidegate::MetricTag>;
@@ -51,8 +50,8 @@ class METRICS_API BoundSeries {
   /// Any other result than 0 leaves the handle bound to nothing: 81 without a metric; 52 for a type
   /// that is none, or that of the suffix or field is another; 37, 53 or 50 for tags that
   /// `Metric::WithTags` would refuse; 22 and 23 for a blocked or removed metric; 70 for a
-  /// compatible metric and at the quota of series; 53 for an illegal suffix, 20 for a field that was
-  /// not declared.
+  /// compatible metric and at the quota of series; 53 for an illegal suffix, 20 for a field that
+  /// was not declared.
   ReturnCode Bind(Metric* metric, const Tags& tags, const std::string& name, MetricsType type);
   /// The same, with the name and type of `like`, whose number does not count:
   /// `Bind(metric, tags, WithSuffix("bytes", IncrCounter(0)))`.
@@ -86,12 +85,15 @@ class METRICS_API BoundSeries {
   ReturnCode EmitInteger(int64_t number);
   ReturnCode EmitReal(double number);
   template <class Number>
-  ReturnCode EmitNumber(const Number& number);
+  ReturnCode EmitNumber(Number number);
+  template <class Number>
+  void EmitToCell(Number number);
   ReturnCode BindTo(Metric& metric, const Tags& tags, const std::string& name, MetricsType type);
 
   // What an emission reads, kept alive by `pins_`.
   MetricBasicData* cell_ = nullptr;
   MetricCollectorItem* item_ = nullptr;
+  EventCounter* success_ = nullptr;
   const std::vector<double>* bounds_ = nullptr;  ///< of a histogram
   MetricsType type_ = MetricsType::kUnknown;
   std::shared_ptr<const Pins> pins_;

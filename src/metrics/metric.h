@@ -13,6 +13,7 @@
 #include "metrics/metric_collector_item.h"
 #include "metrics/metric_method.h"
 #include "tidegate/metric_tag.h"
+#include "util/event_counter.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
 #include "util/metric_export.h"
@@ -112,7 +113,7 @@ class METRICS_API Metric : public std::enable_shared_from_this<Metric> {
   std::atomic<bool> multi_field_summary_{false};
   std::atomic<bool> use_ckms_{false};
   // Statistics, changed from any thread.
-  std::atomic<unsigned long> emit_success_{0};  ///< values (rows: emissions) since `EmitStat`
+  EventCounter emit_success_;                   ///< values (rows: emissions) since `EmitStat`
   std::atomic<unsigned long> emit_fail_{0};     ///< failed emissions since the last `EmitStat`
   std::atomic<unsigned long> cache_mem_{0};     ///< bytes that the series occupy, an estimate
   std::atomic<unsigned long> cache_series_{0};  ///< cells made; a row counts as one

@@ -148,16 +148,9 @@ CellMap& MetricCollectorItem::NoopFields() {
   return fields;
 }
 
-void MetricCollectorItem::Refresh() {
-  last_update_.store(::time(nullptr), std::memory_order_relaxed);
-  if (!active_.load(std::memory_order_relaxed)) {
-    active_.exchange(true);
-  }
-}
-
 void MetricCollectorItem::MarkUpdated(size_t count) {
   Refresh();
-  metric_->emit_success_.fetch_add(count, std::memory_order_relaxed);
+  metric_->emit_success_.Add(count);
 }
 
 bool MetricCollectorItem::Hold() {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <ctime>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -61,8 +62,8 @@ class METRICS_API MetricCollectorItem {
   virtual MetricCoItemType Type();
   /// Emits one value as a list of it alone does, but without the list.
   virtual ReturnCode Emit(const MetricFieldValue& value);
-  /// Gives in `cell` the cell that values named `name` of type `type` go to; a suffix that is new is
-  /// made. 53 for a bad suffix, 20 for a field that was not declared, 52 for a cell of another
+  /// Gives in `cell` the cell that values named `name` of type `type` go to; a suffix that is new
+  /// is made. 53 for a bad suffix, 20 for a field that was not declared, 52 for a cell of another
   /// type, 70 where cells have no names.
   virtual ReturnCode FindCell(const std::string& name, MetricsType type, CellPtr& cell);
 
@@ -80,9 +81,16 @@ class METRICS_API MetricCollectorItem {
   static CellMap& NoopFields();
 
   /// Marks the series as alive now, for cells that are fed directly.
-  void Refresh();
-  /// What every successful emission of `count` values ends with.
-  void MarkUpdated(size_t count);
+  void Refresh() {
+    const int64_t now = ::time(nullptr);
+    // A store of what is there already would take the line from other threads.
+    if (last_update_.load(std::memory_order_relaxed) != now) {
+      last_update_.store(now, std::memory_order_relaxed);
+    }
+    if (!active_.load(std::memory_order_relaxed)) {
+      active_.exchange(true);
+    }
+  }
 
   // A held series is hidden when it is idle, but never erased by expiry.
   /// False when the expiry is erasing the item: look it up anew.
@@ -102,6 +110,10 @@ class METRICS_API MetricCollectorItem {
   Metric* const metric_;  ///< not owned
   int32_t tag_hash_;
   std::string encoded_tags_;
+
+ protected:
+  /// What every successful emission of `count` values ends with.
+  void MarkUpdated(size_t count);
 
  private:
   static constexpr int32_t kErasing = -1;
