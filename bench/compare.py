@@ -1,13 +1,14 @@
 #!/usr/bin/env python3
-"""compare.py FOLDER
+"""compare.py FOLDER [DOCUMENT]
 
 Reads the results of several process runs of the benchmarks, FOLDER/<group>.<run>.json, and writes
 FOLDER/results.md: a table of what was asked for against what was measured, and one of all figures.
-FOLDER/results.svg shows the first as a plot. A ratio is taken within each run, between figures of the
+FOLDER/results.svg shows the first as a plot. DOCUMENT gets the first table between its two marks. A ratio is taken within each run, between figures of the
 same process; shown are the median of the runs and, in brackets, the lowest and the highest.
 
-At several threads a figure is the time of one operation as each thread sees it: Debian's Google
-Benchmark divides the time by the number of threads, which is undone here.
+At one thread a time is the CPU time of that thread, which other processes disturb least. At several
+threads it is the wall time of one operation as each thread sees it: Debian's Google Benchmark divides
+by the number of threads, which is undone here.
 """
 
 import json
@@ -22,6 +23,9 @@ from typing import NamedTuple, Optional
 NANOS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 NOT_FIGURES = {"real_time", "cpu_time", "iterations", "repetitions", "repetition_index", "threads",
                "family_index", "per_family_instance_index"}
+
+
+MARKS = ("<!-- results -->", "<!-- end of results -->")
 
 
 class Figure(NamedTuple):
@@ -107,15 +111,22 @@ def key_of(name, threads):
     return name if threads == 1 else f"{name}@{threads}"
 
 
+def time_of(entry):
+    """Nanoseconds of one operation."""
+    threads = entry.get("threads", 1)
+    own_clock = threads > 1 or "/manual_time" in entry["name"] or "cpu_time" not in entry
+    time = entry["real_time"] * threads if own_clock else entry["cpu_time"]
+    return time * NANOS[entry["time_unit"]]
+
+
 def read_run(path):
     """All figures of one process run."""
     figures = {}
     for entry in json.loads(path.read_text())["benchmarks"]:
         if entry.get("error_occurred"):
             sys.exit(f"{path}: {entry['name']}: {entry.get('error_message')}")
-        threads = entry.get("threads", 1)
-        key = key_of(entry["name"], threads)
-        figures[Figure(key)] = entry["real_time"] * NANOS[entry["time_unit"]] * threads
+        key = key_of(entry["name"], entry.get("threads", 1))
+        figures[Figure(key)] = time_of(entry)
         for name, value in entry.items():
             if isinstance(value, (int, float)) and name not in NOT_FIGURES:
                 figures[Figure(key, name)] = value
@@ -215,6 +226,12 @@ def results(folder, groups, measured):
     return "\n\n".join(parts) + "\n"
 
 
+def publish(document, text):
+    old = document.read_text()
+    begin, end = old.index(MARKS[0]) + len(MARKS[0]), old.index(MARKS[1])
+    document.write_text(f"{old[:begin]}\n\n{text}\n\n{old[end:]}")
+
+
 def plot(measured):
     """Horizontal bars: each row's share of its bar, with whiskers from lowest to highest."""
     label, width, line, top, widest = 400, 420, 24, 44, 2.0
@@ -245,7 +262,7 @@ def plot(measured):
 
 
 def main():
-    if len(sys.argv) != 2:
+    if len(sys.argv) not in (2, 3):
         sys.exit(__doc__)
     folder = pathlib.Path(sys.argv[1])
     groups = read_groups(folder)
@@ -255,7 +272,10 @@ def main():
     text = results(folder, groups, measured)
     (folder / "results.md").write_text(text)
     (folder / "results.svg").write_text(plot(measured))
-    print(text.split("\n\nAll figures;")[0])
+    asked_for = text.split("\n\nAll figures;")[0]
+    print(asked_for)
+    if len(sys.argv) == 3:
+        publish(pathlib.Path(sys.argv[2]), asked_for)
 
 
 if __name__ == "__main__":

@@ -40,13 +40,11 @@ BENCHMARK_CAPTURE(PeerCollect, counter, 1)
     ->ArgName("series")
     ->Arg(10000)
     ->Arg(100000)
-    ->UseRealTime()
     ->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(PeerCollect, four_counters, 4)
     ->ArgName("series")
     ->Arg(10000)
     ->Arg(100000)
-    ->UseRealTime()
     ->Unit(benchmark::kMicrosecond);
 
 // 100,000 summaries would take gigabytes: each keeps several buffers of 500 samples.
@@ -63,11 +61,7 @@ void PeerCollectSummary(benchmark::State& state) {
   }
   Collect(state, registry, series);
 }
-BENCHMARK(PeerCollectSummary)
-    ->ArgName("series")
-    ->Arg(10000)
-    ->UseRealTime()
-    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(PeerCollectSummary)->ArgName("series")->Arg(10000)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 }  // namespace tidegate::bench
