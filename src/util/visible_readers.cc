@@ -3,15 +3,20 @@
 #include <sched.h>
 #include <sys/mman.h>
 
-#include <algorithm>
 #include <ctime>
 
 namespace METRICS {
 namespace {
 
 constexpr size_t kPageBytes = 4096;
+// One for each thread that has a slot, and as many for all others.
+constexpr uint32_t kRows = 2 * kThreadSlots;
 
-std::atomic<uint32_t> assigned_numbers{0};
+// Whole pages, of which nothing else is to be wiped.
+alignas(kPageBytes) ReaderRow rows[kRows];
+static_assert(sizeof(rows) % kPageBytes == 0);
+
+std::atomic<uint32_t> rows_taken{0};  ///< the first ones: nobody ever used those behind
 
 // A reader is gone after some nanoseconds unless it was put off the processor; then it may need
 // this one, and a thread of real-time priority only gives it up by sleeping.
@@ -32,19 +37,27 @@ void WaitForReader(const ReaderSlot& slot, const void* lock) {
 
 }  // namespace
 
-// Whole pages, of which nothing else is to be wiped.
-alignas(kPageBytes) ReaderRow reader_rows[kReaderRows];
-static_assert(sizeof(reader_rows) % kPageBytes == 0);
+std::atomic<bool> reader_rows_usable{::madvise(rows, sizeof(rows), MADV_WIPEONFORK) == 0};
 
-std::atomic<bool> reader_rows_usable{::madvise(reader_rows, sizeof(reader_rows), MADV_WIPEONFORK) ==
-                                     0};
+__thread ReaderRow* t_reader_row = nullptr;
 
-uint32_t AssignThreadNumber() { return assigned_numbers.fetch_add(1); }
+ReaderRow* TakeReaderRow() {
+  static std::atomic<uint32_t> next_shared{0};
+  uint32_t row = ThreadSlot();
+  if (row >= kThreadSlots) {
+    row = kThreadSlots + next_shared.fetch_add(1) % kThreadSlots;
+  }
+  uint32_t taken = rows_taken.load();
+  while (taken <= row && !rows_taken.compare_exchange_weak(taken, row + 1)) {
+  }
+  t_reader_row = &rows[row];
+  return t_reader_row;
+}
 
 void WaitForReaders(const void* lock) {
-  const size_t rows = std::min<size_t>(assigned_numbers.load(), kReaderRows);
-  for (size_t row = 0; row < rows; ++row) {
-    for (const ReaderSlot& slot : reader_rows[row].slots) {
+  const uint32_t taken = rows_taken.load();
+  for (uint32_t row = 0; row < taken; ++row) {
+    for (const ReaderSlot& slot : rows[row].slots) {
       if (slot.load() == lock) {
         WaitForReader(slot, lock);
       }
