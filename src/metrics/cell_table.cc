@@ -1,61 +1,63 @@
 #include "metrics/cell_table.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace METRICS {
 
 const CellTable::Entry* CellTable::Search(const std::string& name) const {
-  if (index_ != nullptr) {
-    const auto found = index_->find(name);
-    return found == index_->end() ? nullptr : &entries_[found->second];
+  if (Size() > kSearched) {
+    const auto found = more_->index.find(name);
+    return found == more_->index.end() ? nullptr : &(*this)[found->second];
   }
-  const auto found = std::find_if(entries_.begin(), entries_.end(), [&name](const Entry& entry) {
-    return SameText(entry.name, name);
-  });
-  return found == entries_.end() ? nullptr : &*found;
+  for (size_t i = 0; i < Size(); ++i) {
+    if (SameText((*this)[i].name, name)) {
+      return &(*this)[i];
+    }
+  }
+  return nullptr;
 }
 
-const CellTable::Entry& CellTable::Set(const std::string& name, CellPtr cell) {
+void CellTable::Set(const std::string& name, CellPtr cell) {
   const MetricsType type = cell->Type();
   const Entry* const known = Search(name);
   if (known != nullptr) {
-    Entry& entry = entries_[static_cast<size_t>(known - entries_.data())];
-    entry.cell = std::move(cell);
-    entry.type = type;
-    return entry;
-  }
-  entries_.push_back({name, std::move(cell), type});
-  ExtendIndex();
-  return entries_.back();
-}
-
-void CellTable::ExtendIndex() {
-  if (entries_.size() <= kSearched) {
+    auto* const entry = const_cast<Entry*>(known);
+    entry->cell = std::move(cell);
+    entry->type = type;
     return;
   }
-  if (index_ == nullptr) {
-    index_ = std::make_unique<Index>();
+  Add({std::move(cell), type, name});
+}
+
+void CellTable::Add(Entry entry) {
+  if (first_.cell == nullptr) {
+    first_ = std::move(entry);
+    return;
   }
-  while (index_->size() < entries_.size()) {
-    const size_t place = index_->size();
-    index_->emplace(entries_[place].name, place);
+  if (more_ == nullptr) {
+    more_ = std::make_unique<More>();
+  }
+  more_->entries.push_back(std::move(entry));
+  if (Size() > kSearched) {
+    for (size_t place = more_->index.size(); place < Size(); ++place) {
+      more_->index.emplace((*this)[place].name, place);
+    }
   }
 }
 
 CellMap CellTable::ToMap() const {
   CellMap map;
-  map.reserve(entries_.size());
-  for (const Entry& entry : entries_) {
-    map.emplace(entry.name, entry.cell);
+  map.reserve(Size());
+  for (size_t i = 0; i < Size(); ++i) {
+    map.emplace((*this)[i].name, (*this)[i].cell);
   }
   return map;
 }
 
 size_t CellTable::MemSize() const {
   size_t size = 0;
-  for (const Entry& entry : entries_) {
-    size += entry.name.size() + kPointerBytes;
+  for (size_t i = 0; i < Size(); ++i) {
+    size += (*this)[i].name.size() + kPointerBytes;
   }
   return size;
 }

@@ -19,27 +19,33 @@ using CellMap = std::unordered_map<std::string, CellPtr>;
 /// The cells of one series by name, in the order in which they were made. Cells are added, and
 /// stay.
 ///
-/// Not thread-safe: its owner guards it. Made for the few cells that a series has: small, and
-/// searched by comparing. From `kSearched` cells on an index is kept beside them.
+/// Not thread-safe: its owner guards it. Made for the few cells that a series has, mostly one,
+/// which is kept in the table itself. Searched by comparing; from `kSearched` cells on there is an
+/// index.
 class CellTable {
  public:
   struct Entry {
-    std::string name;
     CellPtr cell;
-    MetricsType type;  ///< of the cell
+    MetricsType type = MetricsType::kUnknown;  ///< of the cell
+    std::string name;
   };
 
   /// The cell of `name`, or null. Looks first where the caller expects it: at place `likely`.
   const Entry* Find(const std::string& name, size_t likely) const {
-    return likely < entries_.size() && SameText(entries_[likely].name, name) ? &entries_[likely]
-                                                                             : Search(name);
+    if (likely < Size() && SameText((*this)[likely].name, name)) {
+      return &(*this)[likely];
+    }
+    return Search(name);
   }
   /// Adds a cell, or replaces the one that has the name.
-  const Entry& Set(const std::string& name, CellPtr cell);
-  void Reserve(size_t cells) { entries_.reserve(cells); }
+  void Set(const std::string& name, CellPtr cell);
 
-  const std::vector<Entry>& Entries() const { return entries_; }
-  size_t Size() const { return entries_.size(); }
+  size_t Size() const {
+    return more_ != nullptr ? 1 + more_->entries.size() : first_.cell != nullptr ? 1 : 0;
+  }
+  const Entry& operator[](size_t place) const {
+    return place == 0 ? first_ : more_->entries[place - 1];
+  }
   CellMap ToMap() const;
   /// Bytes of names and pointers, as the statistics count them.
   size_t MemSize() const;
@@ -49,13 +55,17 @@ class CellTable {
 
  private:
   static constexpr size_t kSearched = 12;
-  using Index = std::unordered_map<std::string, size_t>;
+
+  struct More {
+    std::vector<Entry> entries;
+    std::unordered_map<std::string, size_t> index;  ///< places by name; empty up to `kSearched`
+  };
 
   const Entry* Search(const std::string& name) const;
-  void ExtendIndex();
+  void Add(Entry entry);
 
-  std::vector<Entry> entries_;
-  std::unique_ptr<Index> index_;  ///< places by name; null up to `kSearched` cells
+  Entry first_;  ///< its cell is null as long as there is none
+  std::unique_ptr<More> more_;
 };
 
 }  // namespace METRICS

@@ -72,16 +72,6 @@ CellPtr MakeCell(const Args&... args) {
   return std::allocate_shared<Cell>(LineAllocator<Cell>(), args...);
 }
 
-/// Replaces what is in `refs`, whose strings are used again.
-void ListEntries(const std::vector<CellTable::Entry>& entries, std::vector<CellRef>& refs) {
-  refs.resize(entries.size());
-  for (size_t i = 0; i < entries.size(); ++i) {
-    refs[i].name = entries[i].name;
-    refs[i].cell = entries[i].cell.get();
-    refs[i].type = entries[i].type;
-  }
-}
-
 }  // namespace
 
 MetricCollectorItem::~MetricCollectorItem() = default;
@@ -291,7 +281,14 @@ size_t MetricSuffixArray::MemSize() {
 
 void MetricSuffixArray::ListCells(std::vector<CellRef>& cells) {
   const FastReadGuard guard(rwlock_);
-  ListEntries(suffixes_.Entries(), cells);
+  cells.resize(suffixes_.Size());
+  for (size_t i = 0; i < cells.size(); ++i) {
+    const CellTable::Entry& entry = suffixes_[i];
+    cells[i].name = entry.name;
+    cells[i].cell = entry.cell.get();
+    cells[i].type = entry.type;
+    __builtin_prefetch(cells[i].cell, 1);
+  }
 }
 
 MetricFieldArray::MetricFieldArray(Metric* metric, const int& tag_hash,
@@ -304,7 +301,6 @@ MetricFieldArray::MetricFieldArray(Metric* metric, const int& tag_hash,
 void MetricFieldArray::CreateField(const std::vector<MetricFieldInfo>& fields,
                                    Metric* const& metric) {
   const bool use_ckms = metric->use_ckms_.load(std::memory_order_relaxed);
-  fields_.Reserve(fields.size());
   for (const MetricFieldInfo& field : fields) {
     fields_.Set(field.name, CreateData(field.type, use_ckms, BucketsOf(field.bounds)));
     metric->cache_mem_.fetch_add(field.name.size() + CellTable::kPointerBytes,

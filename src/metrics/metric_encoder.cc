@@ -196,21 +196,21 @@ void MetricEncoder::CleanUpPackage() {
 
 void MetricEncoder::AdvanceTo(std::vector<Series>& items, size_t at) {
   constexpr size_t kAhead = 8;  // what the second step reads has come by then
-  const auto prefetch = [](const void* start) {
-    const char* const line = static_cast<const char*>(start);
-    __builtin_prefetch(line);
-    __builtin_prefetch(line + kCacheLineBytes);
+  const auto prefetch = [](const void* start, size_t lines) {
+    for (size_t i = 0; i < lines; ++i) {
+      __builtin_prefetch(static_cast<const char*>(start) + i * kCacheLineBytes);
+    }
   };
   if (at > 0) {
     items[at - 1].second.reset();
   }
   if (at + 2 * kAhead < items.size()) {
     const auto& [tags, item] = items[at + 2 * kAhead];
-    prefetch(item.get());
-    prefetch(&tags);
+    prefetch(item.get(), 3);
+    prefetch(&tags, 1);
   }
   if (at + kAhead < items.size()) {
-    prefetch(items[at + kAhead].first.data());
+    prefetch(items[at + kAhead].first.data(), 2);
   }
 }
 
