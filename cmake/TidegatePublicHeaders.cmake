@@ -5,9 +5,14 @@ set(TIDEGATE_PUBLIC_HEADERS
     include/tidegate/endpoint.h
     include/tidegate/mconfiger_impl_base.h
     include/tidegate/metric_tag.h
+    include/tidegate/metrics.h
     include/tidegate/service_discovery_base.h
+    include/tidegate/static_configer.h
+    include/tidegate/static_vendor.h
     include/tidegate/vendor_interface.h
     src/codec/tag_kv.h
+    src/metrics/bound_series.h
+    src/metrics/cell_table.h
     src/metrics/global_resources_limit.h
     src/metrics/histo_util.h
     src/metrics/impl/metric_compatible_impl.h
@@ -20,9 +25,14 @@ set(TIDEGATE_PUBLIC_HEADERS
     src/metrics/metric_data.h
     src/metrics/metric_method.h
     src/metrics/metric_registry.h
+    src/metrics/scoped_timer.h
+    src/util/event_counter.h
     src/util/metric_common.h
     src/util/metric_data_util.h
     src/util/metric_error_code.h
     src/util/metric_export.h
     src/util/metric_lock.h
-    src/util/metric_log_level.h)
+    src/util/metric_log_level.h
+    src/util/short_text.h
+    src/util/thread_slot.h
+    src/util/visible_readers.h)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <vector>
 
 #include "util/metric_export.h"
@@ -24,6 +25,31 @@ class METRICS_API HistoUtilBase {
 
   /// Lower bounds of the buckets, ascending, in the unit of the samples.
   std::vector<double> bounds;
+};
+
+/// Bounds that are checked as a whole: whoever makes a metric with bad ones gets 36, and reads here
+/// what is wrong with them.
+///
+///     HistoUtil bounds = HistoUtil::Exponential(100, 2, 10);  // 100, 200, 400, ... 51200
+///     definition.histo = &bounds;
+///
+/// Each bound begins a bucket, and the first one is the smallest sample that counts. Bad are no
+/// bounds, more than 100, ones that are not finite and ones that do not ascend. A plain value
+/// without locks.
+class METRICS_API HistoUtil : public HistoUtilBase {
+ public:
+  /// `count` bounds from `first` on, `width` apart.
+  static HistoUtil Linear(double first, double width, size_t count);
+  /// `count` bounds from `first` on, each `factor` times the one before.
+  static HistoUtil Exponential(double first, double factor, size_t count);
+  static HistoUtil Explicit(std::vector<double> bounds);
+
+  bool Check() const override;
+  /// What is wrong, in English; empty if nothing is.
+  std::string Reason() const;
+
+ private:
+  using HistoUtilBase::HistoUtilBase;
 };
 
 }  // namespace METRICS

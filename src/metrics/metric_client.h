@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <memory>
+#include <string>
 
 #include "metrics/metric.h"
 #include "metrics/metric_configer.h"
@@ -72,6 +73,12 @@ class METRICS_API MetricClient {
   /// client: drops everything without touching the parent's threads, connections or data; nothing
   /// is sent. `Init` may be called again afterwards. REQUIRES: the client is in service.
   void AtFork();
+
+  /// What this client holds, in lines for people: registries, metrics with their series, cells and
+  /// emissions, senders with their last flush and what became of their packets. From any thread,
+  /// while the client is in service or after its end; copies the lists of all series, and waits for
+  /// a sender that is being made or stopped. The text may change with every version.
+  std::string DebugString() const;
 
   // Set by `Init`, read by the parts of the library, null otherwise.
   std::shared_ptr<MetricCollectorFactory> collector_factory_;

@@ -132,6 +132,7 @@ bool MetricSender::DoPackAndSend() {
       collector_factory_->GetTenantSendCollector(tenant_, interval_.load(), last_flush_ts_);
   METRICS_LOG_DEBUG("Get Tenant Collectors num: %ld\n", static_cast<long>(collectors.size()));
   encoder_->PackCollector(collectors);
+  flushed_ts_.store(last_flush_ts_, std::memory_order_relaxed);
   if (monitor_enabled_.load(std::memory_order_relaxed)) {
     client_->self_monitor_->EmitForSenderLatency(tenant_, "tenant", WallMicros() - start);
     InitStat();  // keeps both series alive, also where nothing is sent or dropped for hours

@@ -101,6 +101,10 @@ class MetricSender {
   std::thread thread_;
   std::atomic<bool> monitor_enabled_;  ///< report on itself
   int32_t sock_ = -1;
+  // For `MetricClient::DebugString`, which any thread may call.
+  std::atomic<int64_t> flushed_ts_{0};  ///< boundary of the last whole flush; 0: none yet
+  std::atomic<uint64_t> packets_delivered_{0};
+  std::atomic<uint64_t> packets_dropped_{0};
 
  protected:
   void CloseSocket();

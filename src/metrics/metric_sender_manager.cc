@@ -1,5 +1,7 @@
 #include "metrics/metric_sender_manager.h"
 
+#include <map>
+#include <sstream>
 #include <utility>
 
 #include "metrics/metric_tcp_sender.h"
@@ -128,6 +130,24 @@ std::vector<std::string> MetricSenderManager::GetAllTenant() {
     tenants.push_back(tenant);
   }
   return tenants;
+}
+
+std::string MetricSenderManager::DebugString() {
+  const WriteGuard guard(mutex_);
+  std::map<std::string, const MetricSender*> sorted;
+  for (const auto& [tenant, sender] : senders_) {
+    sorted.emplace(tenant, sender.get());
+  }
+  std::ostringstream out;
+  for (const auto& [tenant, sender] : sorted) {
+    const int64_t flushed = sender->flushed_ts_.load();
+    out << "sender " << tenant << ": " << StateText(sender->state_.load()) << ", every "
+        << sender->interval_.load() << " s, last flush "
+        << (flushed == 0 ? "none" : std::to_string(flushed)) << ", packets delivered "
+        << sender->packets_delivered_.load() << ", dropped " << sender->packets_dropped_.load()
+        << '\n';
+  }
+  return out.str();
 }
 
 }  // namespace METRICS

@@ -46,6 +46,8 @@ class METRICS_API MetricSenderManager {
   /// running thread keeps its period. Always 0.
   ReturnCode UpdateSenderInterval(std::unordered_map<std::string, int>& intervals);
   std::vector<std::string> GetAllTenant();
+  /// A line for each sender, in the order of the tenants. Waits as all operations do.
+  std::string DebugString();
 
   MetricClient* client_;  ///< not owned
 

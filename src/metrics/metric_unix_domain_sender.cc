@@ -112,6 +112,7 @@ void MetricUnixDomainSender::SendToSocket(char* buf, int len) {
   const int64_t start = WallMicros();
   int error = 0;
   const bool delivered = Deliver(buf, len, error);
+  (delivered ? packets_delivered_ : packets_dropped_).fetch_add(1, std::memory_order_relaxed);
   if (!monitor_enabled_.load(std::memory_order_relaxed)) {
     return;
   }

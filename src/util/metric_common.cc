@@ -27,4 +27,18 @@ const char* CovMetricTypeToStr(const MetricsType& type) {
   return "unknown";
 }
 
+const char* StateText(MetricState state) {
+  switch (state) {
+    case MetricState::INIT:
+      return "being made";
+    case MetricState::READY:
+      return "in service";
+    case MetricState::BLOCKED:
+      return "blocked";
+    case MetricState::SHUTDOWN:
+      return "shut down";
+  }
+  return "unknown";
+}
+
 }  // namespace METRICS

@@ -53,4 +53,7 @@ enum class MetricSenderType : uint8_t {
 /// Text of `type`, "unknown" for values outside the enumeration. Static storage.
 METRICS_API const char* CovMetricTypeToStr(const MetricsType& type);
 
+/// Text of `state`, as `DebugString` shows it. Static storage.
+const char* StateText(MetricState state);
+
 }  // namespace METRICS

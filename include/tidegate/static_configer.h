@@ -1,0 +1,48 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <utility>
+
+#include "tidegate/mconfiger_impl_base.h"
+
+namespace tidegate {
+
+/// Settings that are known when the service starts: who sends, and how often each tenant flushes.
+///
+///     client.Init(new tidegate::StaticConfiger({10}), ...);  // every tenant every 10 seconds
+///
+/// Constant after construction, and so safe from any thread. Must come from `new`, as every
+/// `MConfigerImplBase`; the client deletes it.
+class StaticConfiger : public MConfigerImplBase {
+ public:
+  struct Options {
+    int default_interval = 30;  ///< seconds, for tenants that `intervals` does not name
+    std::map<std::string, int> intervals = {};  ///< seconds, by tenant
+    std::string account_id = {};
+    std::string project_id = {};
+  };
+
+  StaticConfiger() : StaticConfiger(Options{}) {}
+  /// An interval below 1 leaves the tenant at the library's 30 seconds.
+  explicit StaticConfiger(Options options)
+      : default_interval_(options.default_interval), intervals_(std::move(options.intervals)) {
+    account_id = std::move(options.account_id);
+    project_id = std::move(options.project_id);
+  }
+
+  void Start() override {}
+  void Stop() override {}
+  std::pair<bool, int> GetTenantInterval(const std::string& tenant) override {
+    const auto found = intervals_.find(tenant);
+    const int interval = found == intervals_.end() ? default_interval_ : found->second;
+    return {interval > 0, interval};
+  }
+  std::string GetSinkName() override { return {}; }
+
+ private:
+  const int default_interval_;
+  const std::map<std::string, int> intervals_;
+};
+
+}  // namespace tidegate

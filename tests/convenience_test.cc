@@ -1,0 +1,146 @@
+// The parts around the core that make it pleasant: what a first program needs of settings and
+// machine, bounds, timers of scopes, verbs for all numbers, and a look at what a client holds.
+
+#include <gmock/gmock.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "support/agent_socket.h"
+#include "support/environment.h"
+#include "tidegate/metrics.h"
+
+namespace METRICS {
+namespace {
+
+using namespace tidegate::test;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+std::vector<double> DrainTimer(Metric& metric, const std::vector<tidegate::MetricTag>& tags) {
+  return metric.WithTags(tags)->Fields().at("timer")->Send(1).values;
+}
+
+TEST(ConvenienceTest, VerbsTakeEveryNumber) {
+  constexpr auto kTop = std::numeric_limits<int64_t>::max();
+  const auto expect_integer = [](const MetricFieldValue& value, int64_t number) {
+    EXPECT_TRUE(value.is_integer && value.value.integer == number) << number;
+  };
+  const auto expect_real = [](const MetricFieldValue& value, double number) {
+    EXPECT_TRUE(!value.is_integer && value.value.real == number) << number;
+  };
+  expect_integer(Incr(4000000000U), 4000000000);
+  expect_integer(Store('a'), 97);
+  expect_integer(Add(true), 1);
+  expect_integer(Stat(std::numeric_limits<long long>::min()), std::numeric_limits<int64_t>::min());
+  expect_integer(IncrMeter(static_cast<uint64_t>(kTop)), kTop);
+  expect_real(IncrCounter(static_cast<uint64_t>(kTop) + 1), 0x1p63);
+  expect_real(Incr(2.5F), 2.5);
+  expect_real(Observe(2.5L), 2.5);
+  expect_real(Observe(std::chrono::nanoseconds(1500)), 1.5);
+  expect_real(Observe(std::chrono::duration<float, std::ratio<60>>(0.5F)), 3e7);
+  EXPECT_TRUE(Observe(std::chrono::seconds(1)).name == "timer" &&
+              Incr(1ULL).type == MetricsType::kRate);
+}
+
+TEST(ConvenienceTest, BoundsAreRefusedWithAReason) {
+  EXPECT_THAT(HistoUtil::Linear(-1, 0.5, 4).bounds, ElementsAre(-1, -0.5, 0, 0.5));
+  EXPECT_THAT(HistoUtil::Exponential(10, 3, 3).bounds, ElementsAre(10, 30, 90));
+  EXPECT_TRUE(HistoUtil::Linear(0, 1, 100).Check());
+  const std::pair<HistoUtil, const char*> refused[] = {
+      {HistoUtil::Explicit({}), "there are no bounds"},
+      {HistoUtil::Linear(0, 1, 101), "there are more than 100 bounds"},
+      {HistoUtil::Linear(0, 1, SIZE_MAX), "there are more than 100 bounds"},
+      {HistoUtil::Explicit({1, 3, 3}), "bound 3, 3, is not above bound 2, 3"},
+      {HistoUtil::Linear(5, -1, 2), "bound 2, 4, is not above bound 1, 5"},
+      {HistoUtil::Exponential(1, 1e200, 3), "bound 3, inf, is not finite"},
+      {HistoUtil::Explicit({std::nan("")}), "bound 1, nan, is not finite"},
+  };
+  TestClient client;
+  MetricRegistry& registry = *client.Registry("p");
+  for (const auto& [bounds, reason] : refused) {
+    EXPECT_EQ(bounds.Reason(), reason);
+    HistoUtil copy = bounds;
+    Metric* metric = nullptr;
+    EXPECT_EQ(registry.CreateMetric(metric, "h", {}, &copy), ReturnCode::kMaxHistoBucket) << reason;
+  }
+}
+
+TEST(ConvenienceTest, AScopeIsObservedOnceWhereItsTagsSay) {
+  TestClient client;
+  Metric& metric = *client.Metric("m", {"status"});
+  constexpr std::chrono::milliseconds kScope(2);  // long enough to tell microseconds from others
+  {
+    ScopedTimer timer(&metric);
+    std::this_thread::sleep_for(kScope);
+    timer.WithTags({{"status", "bad tag|"}});
+    timer.WithTags({{"status", "200"}});
+    ScopedTimer moved = std::move(timer);
+    moved.Stop();
+    moved.WithTags({{"status", "late"}});
+  }
+  const std::vector<double> micros = DrainTimer(metric, {{"status", "200"}});
+  ASSERT_EQ(micros.size(), 10u);
+  EXPECT_TRUE(micros[0] >= 2000 && micros[0] < 60e6 && micros[4] == 1) << micros[0];
+  {
+    ScopedTimer cancelled(&metric);
+    cancelled.Cancel();
+    const ScopedTimer nothing(static_cast<Metric*>(nullptr));
+    const ScopedTimer plain(&metric);
+    ScopedTimer held(metric.WithTags({{"status", "held"}}));
+    held = ScopedTimer(metric.WithTags({{"status", "held"}}));
+    BoundSeries bound;
+    bound.Bind(&metric, {{"status", "bound"}}, Observe(0));
+    const ScopedTimer fast(bound);
+  }
+  for (const auto& [status, count] :
+       {std::pair("-", 1), std::pair("held", 2), std::pair("bound", 1)}) {
+    EXPECT_EQ(DrainTimer(metric, {{"status", status}}).at(4), count) << status;
+  }
+  EXPECT_EQ(metric.impl_->GetSeriesCount(), 4u);
+}
+
+TEST(ConvenienceTest, AFirstProgramNeedsNoClassOfItsOwn) {
+  const TempDir folder;
+  AgentSocket agent(folder.File("s"));
+  const ScopedLogLevel silent(4);
+  tidegate::StaticConfiger* const settings =
+      new tidegate::StaticConfiger({60, {{"fast", 1}, {"none", 0}}, "acc", "proj"});
+  for (const auto& [tenant, interval] : {std::pair("other", 60), std::pair("fast", 1)}) {
+    EXPECT_EQ(settings->GetTenantInterval(tenant), std::pair(true, interval));
+  }
+  EXPECT_FALSE(settings->GetTenantInterval("none").first);
+  MetricClient client;
+  EXPECT_EQ(client.DebugString(), "client: not in service\n");
+  client.Init(settings,
+              new tidegate::StaticVendor(
+                  {agent.path(), {{"host", "h1"}}, {{"zone", "z"}, {"dc", "d"}}, "shop.web"}),
+              nullptr, {});
+  MetricRegistryCfg registry;
+  registry.tenant = "other";
+  registry.prefix = "p";
+  registry.tags = {{"dc", "own"}};
+  MetricInstanceCfg definition;
+  definition.name = "m";
+  definition.tag_names = {"k"};
+  Metric* const metric = client.CreateMetric(registry, definition).metric;
+  metric->WithTags({{"k", "v"}})->Emit({Incr(1), Store(2)});
+  metric->WithTags({{"no", "v"}})->Emit({Incr(1)});
+  EXPECT_THAT(client.DebugString(),
+              AllOf(HasSubstr(agent.path()), HasSubstr("dc=own,host=h1,zone=z"),
+                    HasSubstr("p.m: suffixes, in service, series 1, cells 2"),
+                    HasSubstr("emitted 2, failed 1"), HasSubstr("sender other: in service")));
+  client.FlushAndExit();
+  ASSERT_TRUE(agent.WaitForPackets(1));
+  const auto tags = agent.Points().at(0).tags;
+  EXPECT_THAT(tags, testing::SizeIs(4));
+  EXPECT_EQ(client.DebugString(), "client: not in service\n");
+}
+
+}  // namespace
+}  // namespace METRICS
