@@ -12,6 +12,7 @@ target_compile_options(
             -Wconversion
             -Werror=format
             $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+            $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety-beta>
             $<$<BOOL:${TIDEGATE_WERROR}>:-Werror>)
 
 if(TIDEGATE_SANITIZE STREQUAL "address")

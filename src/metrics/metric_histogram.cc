@@ -42,7 +42,7 @@ void MetricHistogram::Emit(short index, const double& value) {
 }
 
 SendRes MetricHistogram::Send(const unsigned int& /*interval*/) {
-  SendRes result{false, {}, 0.0, static_cast<uint32_t>(buckets_.size() + 2)};
+  SendRes result{false, {}, 0.0, bucket_count_ + 2U};
   const WriteGuard guard(rwlock_);
   const double sum = sum_.load();
   if (sum == 0.0) {

@@ -42,10 +42,11 @@ class MetricHistogram final : public MetricBasicData {
   MetricsType Type() override { return MetricsType::kHistogram; }
 
  private:
-  std::vector<AtomicWrapper<long>> buckets_;  ///< samples not yet flushed
+  /// Samples not yet flushed.
+  std::vector<AtomicWrapper<long>> buckets_ METRICS_GUARDED_BY(rwlock_);
   const uint16_t bucket_count_;
-  std::atomic<double> sum_{0.0};  ///< of the samples not yet flushed
-  BiasedRwLock rwlock_;           ///< shared by emitters, exclusive to the flush
+  std::atomic<double> sum_ METRICS_GUARDED_BY(rwlock_){0.0};  ///< of the samples not yet flushed
+  BiasedRwLock rwlock_;  ///< shared by emitters, exclusive to the flush
 };
 
 /// A number into a histogram cell with these bounds. REQUIRES: `cell` is one.
