@@ -32,6 +32,9 @@ ReturnCode RefusalOf(const MetricImpl& impl) {
 /// The item of the series, which expiry leaves alone from now on.
 ReturnCode HoldSeries(Metric& metric, const BoundSeries::Tags& tags, ItemPtr& item) {
   MetricImpl& impl = *metric.impl_;
+  if (impl.state_.load(std::memory_order_acquire) != MetricState::READY) {
+    return RefusalOf(impl);  // a removed one has lost its tag names
+  }
   std::vector<std::string> values(impl.tag_count_, "-");
   const ReturnCode code = impl.GetTagValueVec(tags, values);
   if (code != ReturnCode::kOk) {

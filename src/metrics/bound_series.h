@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "metrics/metric_method.h"
@@ -45,6 +46,15 @@ class METRICS_API BoundSeries {
 
   /// Bound to nothing: an emission does nothing and answers 70.
   BoundSeries() = default;
+  BoundSeries(const BoundSeries&) = default;
+  BoundSeries& operator=(const BoundSeries&) = default;
+  /// What is moved from is bound to nothing.
+  BoundSeries(BoundSeries&& other) noexcept { Swap(other); }
+  BoundSeries& operator=(BoundSeries&& other) noexcept {
+    BoundSeries moved(std::move(other));
+    Swap(moved);
+    return *this;
+  }
 
   /// Binds to the suffix or field `name` of the series of `tags`, which are made if they are new.
   /// Any other result than 0 leaves the handle bound to nothing: 81 without a metric; 52 for a type
@@ -85,9 +95,17 @@ class METRICS_API BoundSeries {
   ReturnCode EmitInteger(int64_t number);
   ReturnCode EmitReal(double number);
   template <class Number>
-  ReturnCode EmitNumber(Number number);
+  __attribute__((visibility("hidden"))) ReturnCode EmitNumber(Number number);
   template <class Number>
-  void EmitToCell(Number number);
+  __attribute__((visibility("hidden"))) void EmitToCell(Number number);
+  void Swap(BoundSeries& other) noexcept {
+    std::swap(cell_, other.cell_);
+    std::swap(item_, other.item_);
+    std::swap(success_, other.success_);
+    std::swap(bounds_, other.bounds_);
+    std::swap(type_, other.type_);
+    pins_.swap(other.pins_);
+  }
   ReturnCode BindTo(Metric& metric, const Tags& tags, const std::string& name, MetricsType type);
 
   // What an emission reads, kept alive by `pins_`.

@@ -20,6 +20,9 @@ HistoUtilBase::~HistoUtilBase() = default;
 
 bool HistoUtilBase::Check() const { return bounds.size() <= kMaxBounds; }
 
+HistoUtil::HistoUtil(std::vector<double> ascending_bounds)
+    : HistoUtilBase(std::move(ascending_bounds)) {}
+
 HistoUtil HistoUtil::Linear(double first, double width, size_t count) {
   std::vector<double> bounds(Capped(count));
   for (size_t i = 0; i < bounds.size(); ++i) {

@@ -49,7 +49,7 @@ class METRICS_API HistoUtil : public HistoUtilBase {
   std::string Reason() const;
 
  private:
-  using HistoUtilBase::HistoUtilBase;
+  explicit HistoUtil(std::vector<double> ascending_bounds);
 };
 
 }  // namespace METRICS

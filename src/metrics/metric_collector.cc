@@ -44,6 +44,11 @@ std::shared_ptr<MetricCollectorItem> MetricCollectorBase::Find(const TagValueRef
   return nullptr;
 }
 
+bool MetricCollectorBase::EraseIdle(const std::vector<std::string>& /*tag_values*/,
+                                    MetricCollectorItem& /*item*/) {
+  return true;
+}
+
 unsigned long MetricCollectorBase::CountCells() {
   unsigned long cells = 0;
   for (const Series& series : GetAll()) {
@@ -100,8 +105,22 @@ ReturnCode HashMapCollector::Clear() {
 }
 
 void HashMapCollector::Erase(const std::vector<std::string>& tag_values) {
+  EraseSeries(tag_values, nullptr);
+}
+
+bool HashMapCollector::EraseIdle(const std::vector<std::string>& tag_values,
+                                 MetricCollectorItem& item) {
+  if (!item.ClaimForErasing()) {
+    return false;
+  }
+  EraseSeries(tag_values, &item);
+  return true;
+}
+
+void HashMapCollector::EraseSeries(const std::vector<std::string>& tag_values,
+                                   const MetricCollectorItem* own) {
   const std::shared_ptr<Metric> metric = PinMetric();
-  const std::shared_ptr<MetricCollectorItem> item = series_->Erase(tag_values);
+  const std::shared_ptr<MetricCollectorItem> item = series_->Erase(tag_values, own);
   if (item != nullptr && metric != nullptr) {
     metric->cache_mem_.fetch_sub(GetSize(tag_values) + item->MemSize() + kErasedSeriesBytes);
   }
@@ -134,10 +153,10 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateSeries(
                       static_cast<int>(co_type_));
     return MetricImpl::GetMetricDummyItem(metric_);
   }
-  if (series_->Insert(tag_values, item) != ReturnCode::kOk) {
-    std::shared_ptr<MetricCollectorItem> winner = series_->Get(tag_values);
-    // The winner may have been cleared already; this item then serves as its cleared twin.
-    return winner != nullptr ? winner : item;
+  while (series_->Insert(tag_values, item) != ReturnCode::kOk) {
+    if (std::shared_ptr<MetricCollectorItem> winner = series_->Get(tag_values)) {
+      return winner;
+    }  // cleared or erased meanwhile: this item takes its place
   }
   metric_->cache_mem_.fetch_add(GetSize(tag_values) + kCreatedSeriesBytes);
   if (LogLevel() == 0) {

@@ -95,13 +95,14 @@ class ConcurrentHashmap {
     return all;
   }
 
-  /// Takes `key` out and returns its value, or null when it was not there.
-  std::shared_ptr<V> Erase(const K& key) {
+  /// Takes `key` out and returns its value, or null when it was not there, or with another value
+  /// than `own`.
+  std::shared_ptr<V> Erase(const K& key, const V* own = nullptr) {
     const auto hash = static_cast<uint32_t>(Hash()(key));
     std::shared_ptr<Entry> erased;  // dies behind the guard: it may be the last owner of the item
     const WriteGuard guard(rwlock_);
     Entry* const entry = Find(hash, key);
-    if (entry == nullptr) {
+    if (entry == nullptr || (own != nullptr && entry->value.get() != own)) {
       return nullptr;
     }
     Unlink(entry);
@@ -282,6 +283,9 @@ class MetricCollectorBase {
   /// The item of a known series. Null for an unknown one, and always where a collector can only be
   /// asked with a vector: then `GetOrCreate` knows.
   virtual std::shared_ptr<MetricCollectorItem> Find(const TagValueRefs& tag_values);
+  /// For the expiry: erases `item` if it is still what stands under `tag_values`. False when a
+  /// handle holds it. A collector that erases nothing leaves it as it is.
+  virtual bool EraseIdle(const std::vector<std::string>& tag_values, MetricCollectorItem& item);
 
   /// A new item of this collector's kind, which is in no table yet; null for an unknown kind.
   /// `encode_tags`: with its tags encoded ahead.
@@ -324,8 +328,11 @@ class HashMapCollector final : public MetricCollectorBase {
       const std::vector<std::string>& tag_values) override;
   uint32_t Id() override { return 2; }
   std::shared_ptr<MetricCollectorItem> Find(const TagValueRefs& tag_values) override;
+  bool EraseIdle(const std::vector<std::string>& tag_values, MetricCollectorItem& item) override;
 
  private:
+  /// Whatever stands under `tag_values`, or only `own` if that is not null.
+  void EraseSeries(const std::vector<std::string>& tag_values, const MetricCollectorItem* own);
   std::shared_ptr<MetricCollectorItem> CreateSeries(const std::vector<std::string>& tag_values);
 
   const std::unique_ptr<SeriesMap> series_;

@@ -91,8 +91,7 @@ void MetricExpireChecker::DoClean(const CollectorPtr& collector, const long& now
     // A series that came back, or was bound, since the walk stays.
     if (!CheckExpire(item, now)) {
       item->active_.exchange(true);
-    } else if (item->ClaimForErasing()) {
-      collector->Erase(tag_values);
+    } else if (collector->EraseIdle(tag_values, *item)) {
       ++erased;
     }
   }

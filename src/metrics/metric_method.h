@@ -35,7 +35,10 @@ METRICS_API MetricFieldValue WithField(const std::string& name, MetricFieldValue
 /// Whether `number` goes in as an integer: an unsigned one above the signed range does not.
 template <class Integer>
 constexpr bool FitsInteger([[maybe_unused]] Integer number) {
-  if constexpr (std::is_unsigned_v<Integer> && sizeof(Integer) >= sizeof(int64_t)) {
+  if constexpr (sizeof(Integer) > sizeof(int64_t)) {
+    return number <= Integer(std::numeric_limits<int64_t>::max()) &&
+           (number >= Integer(0) || number >= Integer(std::numeric_limits<int64_t>::min()));
+  } else if constexpr (std::is_unsigned_v<Integer> && sizeof(Integer) == sizeof(int64_t)) {
     return number <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
   }
   return true;

@@ -24,8 +24,9 @@ namespace METRICS {
 /// A timer of a metric that was never told its tags observes on the series of all tags missing.
 /// Observes once: at `Stop` or at the end, unless `Cancel` came first. Threads: one at a time.
 /// Ownership: holds what it observes on; the metric is the caller's and must live. Moving hands the
-/// measurement on. Failure: nothing here throws; a sample that cannot be emitted is lost, as told
-/// by the metric's `emit_fail_`. On a BoundSeries nothing is looked up or allocated.
+/// measurement on. Failure: nothing here throws but the copies of what you pass; a sample that
+/// cannot be emitted is lost. REQUIRES: the metric is no compatible one, and `name` is new or a
+/// timer. On a BoundSeries nothing is looked up or allocated.
 class ScopedTimer {
  public:
   using Clock = std::chrono::steady_clock;
@@ -66,8 +67,8 @@ class ScopedTimer {
     }
     try {
       item_ = metric_->WithTags(tags);
-    } catch (...) {  // memory is exhausted
-      item_ = nullptr;
+    } catch (...) {  // memory is exhausted: rather no sample than one of the wrong series
+      running_ = false;
     }
   }
 

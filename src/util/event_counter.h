@@ -26,6 +26,9 @@ class EventCounter {
 
   /// Makes the lines. What was counted stays. Without memory, too.
   void Spread() {
+    if (lines_.load(std::memory_order_acquire) != nullptr) {
+      return;
+    }
     std::unique_ptr<Line[]> made(new (std::nothrow) Line[kThreadSlots]);
     Line* none = nullptr;
     if (lines_.compare_exchange_strong(none, made.get(), std::memory_order_acq_rel)) {

@@ -4,9 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "metrics/global_resources_limit.h"
-#include "metrics/metric_client.h"
-#include "metrics/metric_method.h"
+#include "tidegate/metrics.h"
 
 namespace {
 

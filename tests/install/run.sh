@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # run.sh <build folder>: installs what is built there into a scratch prefix and uses it as its users do.
-#   consumers   by CMake, by pkg-config (once with an absolute libdir), by add_subdirectory
+#   consumers   by CMake, the examples too, by pkg-config (once with an absolute libdir), by
+#               add_subdirectory
 #   headers     each compiles alone, with gcc and clang, as C++17 and C++20, without a warning
 #   symbols     what the library exports is what cmake/exported_symbols.txt says
 #   packages    three Debian packages with their files
@@ -41,6 +42,8 @@ check_consumers() {
   libdir=$(dirname "$(find "$PREFIX" -name libtidegate_metrics.so)")
   run_cmake_consumer by_cmake -S "$ROOT/tests/install/cmake" -DCMAKE_PREFIX_PATH="$PREFIX"
   run_pkg_config_consumer "$PREFIX" "$libdir"
+  quietly cmake -G Ninja -S "$ROOT/examples" -B "$SCRATCH/examples" -DCMAKE_PREFIX_PATH="$PREFIX"
+  quietly cmake --build "$SCRATCH/examples" -j "$JOBS"
   run_cmake_consumer by_subdirectory -S "$ROOT/tests/install/subdirectory" -DTIDEGATE_DIR="$ROOT"
 }
 
