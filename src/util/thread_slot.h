@@ -27,8 +27,7 @@ uint32_t TakeSlot();
 
 inline uint32_t ThreadSlot() {
   const uint32_t slot_plus_one = thread_slot_internal::t_slot_plus_one;
-  return __builtin_expect(slot_plus_one != 0, 1) ? slot_plus_one - 1
-                                                 : thread_slot_internal::TakeSlot();
+  return slot_plus_one != 0 ? slot_plus_one - 1 : thread_slot_internal::TakeSlot();
 }
 
 }  // namespace METRICS
