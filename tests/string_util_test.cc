@@ -1,4 +1,5 @@
 #include "util/metric_string_util.h"
+#include "util/short_text.h"
 
 #include <gtest/gtest.h>
 
@@ -60,6 +61,20 @@ TEST(ListTest, StringsAndTagsAreComparedWithTheKnownOddities) {
   EXPECT_FALSE(IsTagSame({{"k", "1"}, {"l", "2"}}, {{"k", "1"}, {"l", "3"}}));
   EXPECT_TRUE(IsTagSame({{"k", "1"}, {"l", "2"}}, {{"k", "1"}, {"other", ""}}));
   EXPECT_TRUE(MTagKeyEq({"a", "x"}, {"b", "a"})) << "compares a key with a value";
+}
+
+TEST(ShortTextTest, SeesEveryByteAtEveryLength) {
+  for (size_t size = 0; size <= 70; ++size) {
+    const std::string text(size, 'x');
+    std::string other = text;
+    EXPECT_TRUE(SameText(text, other) && HashText(text, 1) == HashText(other, 1)) << size;
+    EXPECT_FALSE(SameText(text, text + 'x') || HashText(text, 1) == HashText(text + 'x', 1));
+    for (char& byte : other) {
+      byte = 'y';
+      EXPECT_FALSE(SameText(text, other) || HashText(text, 1) == HashText(other, 1)) << other;
+      byte = 'x';
+    }
+  }
 }
 
 }  // namespace
