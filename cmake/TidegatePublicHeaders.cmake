@@ -12,6 +12,7 @@ set(TIDEGATE_PUBLIC_HEADERS
     include/tidegate/vendor_interface.h
     src/codec/tag_kv.h
     src/metrics/bound_series.h
+    src/metrics/cell_table.h
     src/metrics/global_resources_limit.h
     src/metrics/histo_util.h
     src/metrics/impl/metric_compatible_impl.h
@@ -32,4 +33,6 @@ set(TIDEGATE_PUBLIC_HEADERS
     src/util/metric_export.h
     src/util/metric_lock.h
     src/util/metric_log_level.h
-    src/util/thread_slot.h)
+    src/util/short_text.h
+    src/util/thread_slot.h
+    src/util/visible_readers.h)

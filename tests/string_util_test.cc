@@ -1,4 +1,5 @@
 #include "util/metric_string_util.h"
+#include "util/short_text.h"
 
 #include <gtest/gtest.h>
 
@@ -45,6 +46,20 @@ TEST(StringValidityTest, EveryByteAtEveryPlaceOfShortStringChunkAndTail) {
           ASSERT_FALSE(testing::Test::HasFatalFailure());
         }
       }
+    }
+  }
+}
+
+TEST(ShortTextTest, SeesEveryByteAtEveryLength) {
+  for (size_t size = 0; size <= 70; ++size) {
+    const std::string text(size, 'x');
+    std::string other = text;
+    EXPECT_TRUE(SameText(text, other) && HashText(text, 1) == HashText(other, 1)) << size;
+    EXPECT_FALSE(SameText(text, text + 'x') || HashText(text, 1) == HashText(text + 'x', 1));
+    for (char& byte : other) {
+      byte = 'y';
+      EXPECT_FALSE(SameText(text, other) || HashText(text, 1) == HashText(other, 1)) << other;
+      byte = 'x';
     }
   }
 }

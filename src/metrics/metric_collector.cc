@@ -1,5 +1,6 @@
 #include "metrics/metric_collector.h"
 
+#include "codec/pack.h"
 #include "metrics/metric.h"
 #include "metrics/metric_client.h"
 #include "metrics/metric_collector_factory.h"
@@ -39,6 +40,9 @@ std::shared_ptr<MetricCollectorItem> MetricCollectorBase::GetOrCreate(
   return nullptr;
 }
 uint32_t MetricCollectorBase::Id() { return 0; }
+std::shared_ptr<MetricCollectorItem> MetricCollectorBase::Find(const TagValueRefs& /*values*/) {
+  return nullptr;
+}
 
 bool MetricCollectorBase::EraseIdle(const std::vector<std::string>& /*tag_values*/,
                                     MetricCollectorItem& /*item*/) {
@@ -68,7 +72,9 @@ std::shared_ptr<MetricCollectorItem> MetricCollectorBase::MakeItem(
   int32_t tag_hash = 0;
   std::string encoded_tags;
   if (encode_tags) {
-    encoded_tags = metric_->impl_->EncodeTagBlock(tag_values, tag_hash);
+    lattice_kit::codec::Pack scratch(kTagScratchBytes);
+    metric_->impl_->EncodeTagBlock(tag_values, tag_hash, scratch);
+    encoded_tags = scratch.Bytes();
   }
   switch (co_type_) {
     case MetricCoItemType::kCoItemSuffix:
@@ -118,6 +124,10 @@ void HashMapCollector::EraseSeries(const std::vector<std::string>& tag_values,
   if (item != nullptr && metric != nullptr) {
     metric->cache_mem_.fetch_sub(GetSize(tag_values) + item->MemSize() + kErasedSeriesBytes);
   }
+}
+
+std::shared_ptr<MetricCollectorItem> HashMapCollector::Find(const TagValueRefs& tag_values) {
+  return series_->Get(tag_values);
 }
 
 std::shared_ptr<MetricCollectorItem> HashMapCollector::GetOrCreate(

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -14,6 +15,7 @@
 #include "util/metric_error_code.h"
 #include "util/metric_lock.h"
 #include "util/metric_string_util.h"
+#include "util/short_text.h"
 
 namespace METRICS {
 
@@ -24,8 +26,10 @@ class MetricCollectorFactory;
 /// on average, never shrinking.
 ///
 /// An entry owns its key and is itself shared, so what `GetAll` hands out stays whole while other
-/// threads erase or clear. `total` counts the entries of all tables that share it and is changed
-/// under the table's lock together with the table; it must outlive the table.
+/// threads erase or clear. Beside the buckets stands a list of all entries in the order of their
+/// insertion, which is mostly that of their memory: walking it is cheap. `total` counts the entries
+/// of all tables that share it and is changed under the table's lock together with the table; it
+/// must outlive the table.
 template <class K, class V, class Hash, class Eq>
 class ConcurrentHashmap {
  public:
@@ -38,6 +42,7 @@ class ConcurrentHashmap {
   ~ConcurrentHashmap() {
     if (InForkTeardown() && rwlock_.ReinitAfterFork()) {
       Abandon(buckets_);
+      Abandon(entries_);
       return;
     }
     Clear();
@@ -46,42 +51,46 @@ class ConcurrentHashmap {
   ConcurrentHashmap(const ConcurrentHashmap&) = delete;
   ConcurrentHashmap& operator=(const ConcurrentHashmap&) = delete;
 
-  /// The value of `key`, or null. Allocates nothing.
-  std::shared_ptr<V> Get(const K& key) {
-    const size_t hash = Hash()(key);
-    const ReadGuard guard(rwlock_);
-    const EntryPtr* const slot = Find(hash, key);
-    return *slot == nullptr ? nullptr : (*slot)->value;
+  /// The value of `key`, or null. `Key` is K or what `Hash` and `Eq` take for one. Allocates
+  /// nothing.
+  template <class Key>
+  std::shared_ptr<V> Get(const Key& key) {
+    const auto hash = static_cast<uint32_t>(Hash()(key));
+    const FastReadGuard guard(rwlock_);
+    const Entry* const entry = Find(hash, key);
+    return entry == nullptr ? nullptr : entry->value;
   }
 
   /// Adds a copy of `key` with `value`, or answers `kObjectExisted`.
   ReturnCode Insert(const K& key, const std::shared_ptr<V>& value) {
-    const size_t hash = Hash()(key);
+    const auto hash = static_cast<uint32_t>(Hash()(key));
     auto entry = std::make_shared<Entry>(hash, key, value);
     const WriteGuard guard(rwlock_);
-    if (*Find(hash, key) != nullptr) {
+    if (Find(hash, key) != nullptr) {
       return ReturnCode::kObjectExisted;
     }
-    if (size_ >= buckets_.size()) {
+    if (entries_.size() >= buckets_.size()) {
       Rehash();
     }
-    EntryPtr& head = buckets_[IndexOf(hash)];
-    entry->next = std::move(head);
-    head = std::move(entry);
-    ++size_;
+    entry->place = static_cast<uint32_t>(entries_.size());
+    entries_.push_back(std::move(entry));
+    Link(entries_.back().get());
     total_.fetch_add(1);
     return ReturnCode::kOk;
   }
 
-  /// All entries, in bucket order.
+  /// All entries.
   std::vector<KeyedValue> GetAll() {
     std::vector<KeyedValue> all;
     const ReadGuard guard(rwlock_);
-    all.reserve(size_);
-    for (const EntryPtr& head : buckets_) {
-      for (const EntryPtr* slot = &head; *slot != nullptr; slot = &(*slot)->next) {
-        all.emplace_back((*slot)->key, std::shared_ptr<V>(*slot, (*slot)->value.get()));
+    all.reserve(entries_.size());
+    constexpr size_t kAhead = 16;
+    for (size_t i = 0; i < entries_.size(); ++i) {
+      if (i + kAhead < entries_.size()) {
+        __builtin_prefetch(entries_[i + kAhead].get(), 1);
       }
+      const std::shared_ptr<Entry>& entry = entries_[i];
+      all.emplace_back(entry->key, std::shared_ptr<V>(entry, entry->value.get()));
     }
     return all;
   }
@@ -89,87 +98,112 @@ class ConcurrentHashmap {
   /// Takes `key` out and returns its value, or null when it was not there, or with another value
   /// than `own`.
   std::shared_ptr<V> Erase(const K& key, const V* own = nullptr) {
-    const size_t hash = Hash()(key);
-    EntryPtr erased;  // dies behind the guard: it may be the last owner of the item
+    const auto hash = static_cast<uint32_t>(Hash()(key));
+    std::shared_ptr<Entry> erased;  // dies behind the guard: it may be the last owner of the item
     const WriteGuard guard(rwlock_);
-    EntryPtr* const slot = FindMutable(hash, key);
-    if (*slot == nullptr || (own != nullptr && (*slot)->value.get() != own)) {
+    Entry* const entry = Find(hash, key);
+    if (entry == nullptr || (own != nullptr && entry->value.get() != own)) {
       return nullptr;
     }
-    erased = std::move(*slot);
-    *slot = std::move(erased->next);
-    --size_;
+    Unlink(entry);
+    const uint32_t place = entry->place;
+    erased = std::move(entries_[place]);
+    if (place + 1 != entries_.size()) {  // the last one takes its place
+      entries_[place] = std::move(entries_.back());
+      entries_[place]->place = place;
+    }
+    entries_.pop_back();
     total_.fetch_sub(1);
     return erased->value;
   }
 
   /// Takes all entries out.
   void Clear() {
+    std::vector<std::shared_ptr<Entry>> cleared;  // as in `Erase`
     const WriteGuard guard(rwlock_);
-    for (EntryPtr& head : buckets_) {
-      // One by one: a chain that frees itself would recurse.
-      while (head != nullptr) {
-        head = EntryPtr(std::move(head->next));
-      }
-    }
-    total_.fetch_sub(size_);
-    size_ = 0;
+    total_.fetch_sub(entries_.size());
+    cleared.swap(entries_);
+    std::fill(buckets_.begin(), buckets_.end(), nullptr);
   }
 
   size_t Size() {
-    const ReadGuard guard(rwlock_);
-    return size_;
+    const FastReadGuard guard(rwlock_);
+    return entries_.size();
   }
 
  private:
-  struct Entry;
-  using EntryPtr = std::shared_ptr<Entry>;
   struct Entry {
-    Entry(size_t key_hash, const K& entry_key, const std::shared_ptr<V>& entry_value)
+    Entry(uint32_t key_hash, const K& entry_key, const std::shared_ptr<V>& entry_value)
         : hash(key_hash), key(entry_key), value(entry_value) {}
 
-    const size_t hash;
+    const uint32_t hash;
+    uint32_t place = 0;  // in `entries_`; guarded by the table's lock, as the next one
     const K key;
     const std::shared_ptr<V> value;
-    EntryPtr next;  // guarded by the table's lock
+    Entry* next = nullptr;
   };
 
   static constexpr size_t kFirstBuckets = 8;  // a power of two, as all sizes
 
-  size_t IndexOf(size_t hash) const METRICS_REQUIRES_SHARED(rwlock_) {
+  size_t IndexOf(uint32_t hash) const METRICS_REQUIRES_SHARED(rwlock_) {
     return hash & (buckets_.size() - 1);
   }
 
-  /// The slot that holds the entry of `key`, or the empty one at the end of its chain.
-  const EntryPtr* Find(size_t hash, const K& key) const METRICS_REQUIRES_SHARED(rwlock_) {
-    const EntryPtr* slot = &buckets_[IndexOf(hash)];
-    while (*slot != nullptr && !((*slot)->hash == hash && Eq()((*slot)->key, key))) {
-      slot = &(*slot)->next;
+  template <class Key>
+  Entry* Find(uint32_t hash, const Key& key) const METRICS_REQUIRES_SHARED(rwlock_) {
+    Entry* entry = buckets_[IndexOf(hash)];
+    while (entry != nullptr && !(entry->hash == hash && Eq()(entry->key, key))) {
+      entry = entry->next;
     }
-    return slot;
+    return entry;
   }
-  EntryPtr* FindMutable(size_t hash, const K& key) METRICS_REQUIRES(rwlock_) {
-    return const_cast<EntryPtr*>(Find(hash, key));
+
+  void Link(Entry* entry) METRICS_REQUIRES(rwlock_) {
+    Entry*& head = buckets_[IndexOf(entry->hash)];
+    entry->next = head;
+    head = entry;
+  }
+
+  void Unlink(Entry* entry) METRICS_REQUIRES(rwlock_) {
+    Entry** link = &buckets_[IndexOf(entry->hash)];
+    while (*link != entry) {
+      link = &(*link)->next;
+    }
+    *link = entry->next;
   }
 
   void Rehash() METRICS_REQUIRES(rwlock_) {
-    std::vector<EntryPtr> old(buckets_.size() * 2);
-    old.swap(buckets_);
-    for (EntryPtr& head : old) {
-      while (head != nullptr) {
-        EntryPtr entry = std::move(head);
-        head = std::move(entry->next);
-        EntryPtr& target = buckets_[IndexOf(entry->hash)];
-        entry->next = std::move(target);
-        target = std::move(entry);
-      }
+    buckets_.assign(buckets_.size() * 2, nullptr);
+    for (const std::shared_ptr<Entry>& entry : entries_) {
+      Link(entry.get());
     }
   }
 
   std::atomic<unsigned long>& total_;
-  RwLock rwlock_;
-  std::vector<EntryPtr> buckets_ METRICS_GUARDED_BY(rwlock_);
-  size_t size_ METRICS_GUARDED_BY(rwlock_) = 0;
+  BiasedRwLock rwlock_;
+  std::vector<Entry*> buckets_ METRICS_GUARDED_BY(rwlock_);
+  std::vector<std::shared_ptr<Entry>> entries_ METRICS_GUARDED_BY(rwlock_);
+};
+
+/// A vector of tag values that is not made: the strings stand where the caller has them.
+class TagValueRefs {
+ public:
+  /// The most tags that a metric may declare.
+  static constexpr size_t kMax = 255;
+
+  /// `count` values, all of them `value`. REQUIRES: `count` is at most `kMax`.
+  TagValueRefs(size_t count, const std::string& value) : count_(count) {
+    std::fill_n(values_, count, &value);
+  }
+  void Set(size_t place, const std::string& value) { values_[place] = &value; }
+  size_t size() const { return count_; }
+  const std::string& operator[](size_t place) const { return *values_[place]; }
+  const std::string* const* begin() const { return values_; }
+  const std::string* const* end() const { return values_ + count_; }
+
+ private:
+  const size_t count_;
+  const std::string* values_[kMax];  // filled as far as `count_`
 };
 
 /// Hash of a vector of tag values: the strings chained without delimiters.
@@ -183,15 +217,39 @@ struct TagKVHash {
   }
 };
 
+/// Hash of the tag values of a series in its table. Not `TagKVHash`, which takes four cycles for
+/// each byte, one after the other: with three tags that would be half of a look-up.
+struct SeriesHash {
+  size_t operator()(const std::vector<std::string>& tag_values) const {
+    uint64_t hash = 0;
+    for (const std::string& value : tag_values) {
+      hash = HashText(value, hash);
+    }
+    return hash;
+  }
+  size_t operator()(const TagValueRefs& tag_values) const {
+    uint64_t hash = 0;
+    for (const std::string* value : tag_values) {
+      hash = HashText(*value, hash);
+    }
+    return hash;
+  }
+};
+
 /// Equality of two vectors of tag values, string by string.
 struct TagKVCmp {
   bool operator()(const std::vector<std::string>& a, const std::vector<std::string>& b) const {
-    return METRICS::operator==(a, b);
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), SameText);
+  }
+  bool operator()(const std::vector<std::string>& a, const TagValueRefs& b) const {
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(),
+                      [](const std::string& x, const std::string* y) { return SameText(x, *y); });
   }
 };
 
 using SeriesMap =
-    ConcurrentHashmap<std::vector<std::string>, MetricCollectorItem, TagKVHash, TagKVCmp>;
+    ConcurrentHashmap<std::vector<std::string>, MetricCollectorItem, SeriesHash, TagKVCmp>;
 /// A series: its tag values, in the sorted order of the declared names, and its item.
 using Series = SeriesMap::KeyedValue;
 
@@ -222,6 +280,9 @@ class MetricCollectorBase {
   virtual std::shared_ptr<MetricCollectorItem> GetOrCreate(
       const std::vector<std::string>& tag_values);
   virtual uint32_t Id();
+  /// The item of a known series. Null for an unknown one, and always where a collector can only be
+  /// asked with a vector: then `GetOrCreate` knows.
+  virtual std::shared_ptr<MetricCollectorItem> Find(const TagValueRefs& tag_values);
   /// For the expiry: erases `item` if it is still what stands under `tag_values`. False when a
   /// handle holds it. A collector that erases nothing leaves it as it is.
   virtual bool EraseIdle(const std::vector<std::string>& tag_values, MetricCollectorItem& item);
@@ -266,6 +327,7 @@ class HashMapCollector final : public MetricCollectorBase {
   std::shared_ptr<MetricCollectorItem> GetOrCreate(
       const std::vector<std::string>& tag_values) override;
   uint32_t Id() override { return 2; }
+  std::shared_ptr<MetricCollectorItem> Find(const TagValueRefs& tag_values) override;
   bool EraseIdle(const std::vector<std::string>& tag_values, MetricCollectorItem& item) override;
 
  private:

@@ -10,14 +10,12 @@
 #include "metrics/metric_registry.h"
 #include "metrics/metric_summary.h"
 #include "util/fork_guard.h"
+#include "util/line_allocator.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
 
 namespace METRICS {
 namespace {
-
-/// What a cell is accounted for in the statistic beside its name.
-constexpr size_t kCellPointerBytes = 16;
 
 unsigned short BucketsOf(const std::vector<double>& bounds) {
   return static_cast<unsigned short>(bounds.size());
@@ -68,12 +66,10 @@ const MetricFieldInfo* FindLast(const std::string& name,
   return found == fields.rend() ? nullptr : &*found;
 }
 
-size_t MemSizeOf(const CellMap& cells) {
-  size_t size = 0;
-  for (const auto& [name, cell] : cells) {
-    size += name.size() + kCellPointerBytes;
-  }
-  return size;
+/// A cell whose fields share a cache line, and with no other cell's where they fit into one.
+template <class Cell, class... Args>
+CellPtr MakeCell(const Args&... args) {
+  return std::allocate_shared<Cell>(LineAllocator<Cell>(), args...);
 }
 
 }  // namespace
@@ -109,26 +105,28 @@ ReturnCode MetricCollectorItem::FindCell(const std::string& /*name*/, MetricsTyp
   return ReturnCode::kNotSupported;
 }
 
+void MetricCollectorItem::ListCells(std::vector<CellRef>& cells) { cells.clear(); }
+
 CellPtr MetricCollectorItem::CreateData(const MetricsType& type, bool use_ckms,
                                         unsigned short bucket_count) {
   switch (type) {
     case MetricsType::kGauge:
-      return std::make_shared<MetricGauge>();
+      return MakeCell<MetricGauge>();
     case MetricsType::kRate:
-      return std::make_shared<MetricRate>();
+      return MakeCell<MetricRate>();
     case MetricsType::kCounter:
-      return std::make_shared<MetricCounter>();
+      return MakeCell<MetricCounter>();
     case MetricsType::kMeter:
-      return std::make_shared<MetricMeter>();
+      return MakeCell<MetricMeter>();
     case MetricsType::kTimer:
       if (use_ckms) {
-        return std::make_shared<MetricSummaryCKMS>();
+        return MakeCell<MetricSummaryCKMS>();
       }
-      return std::make_shared<MetricSummaryVecV2>();
+      return MakeCell<MetricSummaryVecV2>();
     case MetricsType::kHistogram:
-      return std::make_shared<MetricHistogram>(bucket_count);
+      return MakeCell<MetricHistogram>(bucket_count);
     case MetricsType::kDeltaCounter:
-      return std::make_shared<MetricDeltaCounter>();
+      return MakeCell<MetricDeltaCounter>();
     case MetricsType::kUnknown:
     case MetricsType::kMultiField:
     case MetricsType::kTypeEnd:
@@ -179,11 +177,11 @@ ReturnCode MetricSuffixArray::Emit(std::vector<MetricFieldValue>&& values) {
 }
 
 ReturnCode MetricSuffixArray::Emit(const std::vector<MetricFieldValue>& values) {
-  for (const MetricFieldValue& value : values) {
-    if (EmitToKnown(value)) {
+  for (size_t i = 0; i < values.size(); ++i) {
+    if (EmitToKnown(values[i], i)) {
       continue;
     }
-    const ReturnCode code = EmitToNew(value);
+    const ReturnCode code = EmitToNew(values[i]);
     if (code != ReturnCode::kOk) {
       return code;
     }
@@ -193,17 +191,17 @@ ReturnCode MetricSuffixArray::Emit(const std::vector<MetricFieldValue>& values) 
 }
 
 ReturnCode MetricSuffixArray::Emit(const MetricFieldValue& value) {
-  const ReturnCode code = EmitToKnown(value) ? ReturnCode::kOk : EmitToNew(value);
+  const ReturnCode code = EmitToKnown(value, 0) ? ReturnCode::kOk : EmitToNew(value);
   if (code == ReturnCode::kOk) {
     MarkUpdated(1);
   }
   return code;
 }
 
-bool MetricSuffixArray::EmitToKnown(const MetricFieldValue& value) {
-  const ReadGuard guard(rwlock_);
-  const auto found = suffixes_.find(value.name);
-  if (found == suffixes_.end()) {
+bool MetricSuffixArray::EmitToKnown(const MetricFieldValue& value, size_t place) {
+  const FastReadGuard guard(rwlock_);
+  const CellTable::Entry* const found = suffixes_.Find(value.name, place);
+  if (found == nullptr) {
     return false;
   }
   DoEmit(*found, value);
@@ -218,7 +216,7 @@ ReturnCode MetricSuffixArray::EmitToNew(const MetricFieldValue& value) {
     METRICS_LOG_CODE(code);
     return code;
   }
-  DoEmit(*suffixes_.find(value.name), value);
+  DoEmit(*suffixes_.Find(value.name, 0), value);
   return ReturnCode::kOk;
 }
 
@@ -228,12 +226,12 @@ ReturnCode MetricSuffixArray::FindCell(const std::string& name, MetricsType type
   if (code != ReturnCode::kOk) {
     return code;
   }
-  return CellOfType(type, suffixes_.find(name)->second, cell);
+  return CellOfType(type, suffixes_.Find(name, 0)->cell, cell);
 }
 
 ReturnCode MetricSuffixArray::EnsureSuffix(const std::string& name, const MetricsType& type) {
   // Another thread may have made it since the caller looked.
-  return suffixes_.find(name) != suffixes_.end() ? ReturnCode::kOk : CreateSuffix(name, type);
+  return suffixes_.Find(name, 0) != nullptr ? ReturnCode::kOk : CreateSuffix(name, type);
 }
 
 ReturnCode MetricSuffixArray::CreateSuffix(const std::string& name, const MetricsType& type) {
@@ -243,57 +241,70 @@ ReturnCode MetricSuffixArray::CreateSuffix(const std::string& name, const Metric
   }
   const unsigned short buckets =
       type == MetricsType::kHistogram ? BucketsOf(metric_->GetHistogram()) : 0;
-  suffixes_[name] = CreateData(type, metric_->use_ckms_.load(std::memory_order_relaxed), buckets);
-  metric_->cache_mem_.fetch_add(name.size() + kCellPointerBytes, std::memory_order_relaxed);
+  suffixes_.Set(name,
+                CreateData(type, metric_->use_ckms_.load(std::memory_order_relaxed), buckets));
+  metric_->cache_mem_.fetch_add(name.size() + CellTable::kPointerBytes, std::memory_order_relaxed);
   metric_->cache_series_.fetch_add(1, std::memory_order_relaxed);
   METRICS_LOG_DEBUG("Create Suffix: name[%s] type[%s] in metric[%s]\n", name.c_str(),
                     CovMetricTypeToStr(type), metric_->name_.c_str());
   return ReturnCode::kOk;
 }
 
-void MetricSuffixArray::DoEmit(const CellMap::value_type& node, const MetricFieldValue& value) {
-  const MetricsType type = node.second->Type();
+void MetricSuffixArray::DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value) {
+  const MetricsType type = entry.type;
   if (value.type != type) {
     METRICS_LOG_WARN("Suffix: %s type mismatch[pre: %d cur: %d]\n", value.name.c_str(),
                      static_cast<int>(type), static_cast<int>(value.type));
     return;
   }
   if (type == MetricsType::kHistogram) {
-    EmitSampleValue(*node.second, value, metric_->GetHistogram());
+    EmitSampleValue(*entry.cell, value, metric_->GetHistogram());
   } else {
-    EmitNumber(*node.second, value);
+    EmitNumber(*entry.cell, value);
   }
 }
 
 CellMap MetricSuffixArray::Fields() {
-  const ReadGuard guard(rwlock_);
-  return suffixes_;
+  const FastReadGuard guard(rwlock_);
+  return suffixes_.ToMap();
 }
 
 size_t MetricSuffixArray::Size() {
-  const ReadGuard guard(rwlock_);
-  return suffixes_.size();
+  const FastReadGuard guard(rwlock_);
+  return suffixes_.Size();
 }
 
 size_t MetricSuffixArray::MemSize() {
-  const ReadGuard guard(rwlock_);
-  return MemSizeOf(suffixes_);
+  const FastReadGuard guard(rwlock_);
+  return suffixes_.MemSize();
+}
+
+void MetricSuffixArray::ListCells(std::vector<CellRef>& cells) {
+  const FastReadGuard guard(rwlock_);
+  cells.resize(suffixes_.Size());
+  for (size_t i = 0; i < cells.size(); ++i) {
+    const CellTable::Entry& entry = suffixes_[i];
+    cells[i].name = entry.name;
+    cells[i].cell = entry.cell.get();
+    cells[i].type = entry.type;
+    __builtin_prefetch(cells[i].cell, 1);
+  }
 }
 
 MetricFieldArray::MetricFieldArray(Metric* metric, const int& tag_hash,
                                    const std::string& encoded_tags)
     : MetricCollectorItem(metric, tag_hash, encoded_tags) {
   CreateField(metric->GetFieldInfo(), metric);
-  field_count_ = fields_.size();
+  field_count_ = fields_.Size();
 }
 
 void MetricFieldArray::CreateField(const std::vector<MetricFieldInfo>& fields,
                                    Metric* const& metric) {
   const bool use_ckms = metric->use_ckms_.load(std::memory_order_relaxed);
-  fields_.reserve(fields.size());
   for (const MetricFieldInfo& field : fields) {
-    fields_[field.name] = CreateData(field.type, use_ckms, BucketsOf(field.bounds));
-    metric->cache_mem_.fetch_add(field.name.size() + kCellPointerBytes, std::memory_order_relaxed);
+    fields_.Set(field.name, CreateData(field.type, use_ckms, BucketsOf(field.bounds)));
+    metric->cache_mem_.fetch_add(field.name.size() + CellTable::kPointerBytes,
+                                 std::memory_order_relaxed);
     METRICS_LOG_DEBUG("Create Field: name[%s] type[%s] in metric[%s]\n", field.name.c_str(),
                       CovMetricTypeToStr(field.type), metric->name_.c_str());
   }
@@ -308,8 +319,8 @@ ReturnCode MetricFieldArray::Emit(const std::vector<MetricFieldValue>& values) {
   if (RefuseMoreThanFields(values.size())) {
     return ReturnCode::kInvalidParamNumber;
   }
-  for (const MetricFieldValue& value : values) {
-    EmitToField(value);
+  for (size_t i = 0; i < values.size(); ++i) {
+    EmitToField(values[i], i);
   }
   MarkUpdated(1);
   return ReturnCode::kOk;
@@ -319,7 +330,7 @@ ReturnCode MetricFieldArray::Emit(const MetricFieldValue& value) {
   if (RefuseMoreThanFields(1)) {
     return ReturnCode::kInvalidParamNumber;
   }
-  EmitToField(value);
+  EmitToField(value, 0);
   MarkUpdated(1);
   return ReturnCode::kOk;
 }
@@ -332,9 +343,9 @@ bool MetricFieldArray::RefuseMoreThanFields(size_t count) {
   return true;
 }
 
-void MetricFieldArray::EmitToField(const MetricFieldValue& value) {
-  const auto found = fields_.find(value.name);
-  if (found == fields_.end()) {
+void MetricFieldArray::EmitToField(const MetricFieldValue& value, size_t place) {
+  const CellTable::Entry* const found = fields_.Find(value.name, place);
+  if (found == nullptr) {
     METRICS_LOG_WARN("Error Field Name: %s\n", value.name.c_str());
     return;
   }
@@ -342,33 +353,32 @@ void MetricFieldArray::EmitToField(const MetricFieldValue& value) {
 }
 
 ReturnCode MetricFieldArray::FindCell(const std::string& name, MetricsType type, CellPtr& cell) {
-  const auto found = fields_.find(name);
-  return found == fields_.end() ? ReturnCode::kObjectNotExisted
-                                : CellOfType(type, found->second, cell);
+  const CellTable::Entry* const found = fields_.Find(name, 0);
+  return found == nullptr ? ReturnCode::kObjectNotExisted : CellOfType(type, found->cell, cell);
 }
 
-void MetricFieldArray::DoEmit(const CellMap::value_type& node, const MetricFieldValue& value) {
-  const MetricsType type = node.second->Type();
+void MetricFieldArray::DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value) {
+  const MetricsType type = entry.type;
   if (value.type != type) {
     METRICS_LOG_WARN("Field: %s type mismatch[pre: %d cur: %d]\n", value.name.c_str(),
                      static_cast<int>(type), static_cast<int>(value.type));
     return;
   }
   if (type == MetricsType::kHistogram) {
-    EmitSampleValue(*node.second, value, FindHistogram(value.name, metric_->GetFieldInfo()));
+    EmitSampleValue(*entry.cell, value, FindHistogram(value.name, metric_->GetFieldInfo()));
   } else {
-    EmitNumber(*node.second, value);
+    EmitNumber(*entry.cell, value);
   }
 }
 
 ReturnCode MetricFieldArray::EmitMap(const std::unordered_map<std::string, double>& values) {
   for (const auto& [name, number] : values) {
-    const auto found = fields_.find(name);
-    if (found == fields_.end()) {
+    const CellTable::Entry* const found = fields_.Find(name, 0);
+    if (found == nullptr) {
       continue;
     }
-    MetricBasicData& cell = *found->second;
-    if (cell.Type() == MetricsType::kHistogram) {
+    MetricBasicData& cell = *found->cell;
+    if (found->type == MetricsType::kHistogram) {
       EmitSample(cell, number, FindHistogram(name, metric_->GetFieldInfo()));
     } else {
       cell.Emit(number);
@@ -378,24 +388,29 @@ ReturnCode MetricFieldArray::EmitMap(const std::unordered_map<std::string, doubl
   return ReturnCode::kOk;
 }
 
-CellMap MetricFieldArray::Fields() { return fields_; }
+CellMap MetricFieldArray::Fields() { return fields_.ToMap(); }
 
-size_t MetricFieldArray::MemSize() { return MemSizeOf(fields_); }
+size_t MetricFieldArray::MemSize() { return fields_.MemSize(); }
 
 MultiFieldSendRes MetricFieldArray::Send(const std::vector<MetricFieldInfo>& fields) {
+  MultiFieldSendRes row;
+  Drain(fields, row);
+  return row;
+}
+
+void MetricFieldArray::Drain(const std::vector<MetricFieldInfo>& fields, MultiFieldSendRes& row) {
   const auto interval = static_cast<unsigned int>(metric_->registry_->FlushInterval());
   // With two fields of one name the cell is the last one's; the others stay quiet.
   const bool shared_names = field_count_ < fields.size();
-  MultiFieldSendRes row;
-  row.values.reserve(fields.size());
-  row.value_fields.reserve(fields.size());
+  row.Clear();
   uint32_t column = 0;
   for (const MetricFieldInfo& field : fields) {
     if (shared_names && FindLast(field.name, fields) != &field) {
       column += ColumnsOf(field.type, field.bounds.size());
       continue;
     }
-    const SendRes res = fields_.find(field.name)->second->Send(interval);
+    const size_t place = static_cast<size_t>(&field - fields.data());
+    const SendRes res = fields_.Find(field.name, place)->cell->Send(interval);
     if (res.values.empty()) {
       column += res.field_width;  // a quiet field keeps its columns
       continue;
@@ -408,7 +423,6 @@ MultiFieldSendRes MetricFieldArray::Send(const std::vector<MetricFieldInfo>& fie
       AppendPrevious(field.type, column, res.prev_value, row);
     }
   }
-  return row;
 }
 
 MetricCompatibleItem::MetricCompatibleItem(Metric* metric, const int& tag_hash,
@@ -416,7 +430,7 @@ MetricCompatibleItem::MetricCompatibleItem(Metric* metric, const int& tag_hash,
     : MetricCollectorItem(metric, tag_hash, encoded_tags),
       data_(CreateData(metric->compatible_type_.load(),
                        metric->use_ckms_.load(std::memory_order_relaxed), 0)) {
-  metric->cache_mem_.fetch_add(kCellPointerBytes, std::memory_order_relaxed);
+  metric->cache_mem_.fetch_add(CellTable::kPointerBytes, std::memory_order_relaxed);
   METRICS_LOG_DEBUG("Create CompatibleItem: type[%s] in metric[%s]\n",
                     CovMetricTypeToStr(metric->compatible_type_.load()), metric->name_.c_str());
 }

@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "metrics/cell_table.h"
 #include "metrics/metric_data.h"
 #include "metrics/metric_method.h"
 #include "util/metric_common.h"
@@ -21,8 +22,12 @@ namespace METRICS {
 class Metric;
 struct MetricFieldInfo;
 
-using CellPtr = std::shared_ptr<MetricBasicData>;
-using CellMap = std::unordered_map<std::string, CellPtr>;
+/// A cell as the flush walks it. The name is a copy: the item may move its own meanwhile.
+struct CellRef {
+  std::string name;
+  MetricBasicData* cell = nullptr;  ///< good for as long as its item lives
+  MetricsType type = MetricsType::kUnknown;
+};
 
 /// Seconds without an emission after which a series counts as idle.
 constexpr long kExpireAfterSeconds = 7200;
@@ -66,6 +71,8 @@ class METRICS_API MetricCollectorItem {
   /// is made. 53 for a bad suffix, 20 for a field that was not declared, 52 for a cell of another
   /// type, 70 where cells have no names.
   virtual ReturnCode FindCell(const std::string& name, MetricsType type, CellPtr& cell);
+  /// The cells for a flush: as `Fields`, but into a list that keeps its memory from call to call.
+  virtual void ListCells(std::vector<CellRef>& cells);
 
   /// What stands in braces: of one value the form above, else a list.
   ReturnCode Emit(std::initializer_list<MetricFieldValue> values) {
@@ -104,7 +111,15 @@ class METRICS_API MetricCollectorItem {
   // stale reading delays an expiry, no more.
   std::atomic<int64_t> last_update_{0};  ///< second of the last successful emission
   std::atomic<bool> active_{true};       ///< false: idle, and left out of flushes
+  /// Its tag values have been validated, and equal ones need not be again.
+  std::atomic<bool> tags_valid_{false};
 
+ private:
+  static constexpr int32_t kErasing = -1;
+
+  std::atomic<int32_t> holders_{0};
+
+ public:
   // Constant after construction, unless the tags are not encoded ahead: then the flush thread, and
   // it alone, fills in the hash once, and for compatible metrics the tags too.
   Metric* const metric_;  ///< not owned
@@ -114,11 +129,6 @@ class METRICS_API MetricCollectorItem {
  protected:
   /// What every successful emission of `count` values ends with.
   void MarkUpdated(size_t count);
-
- private:
-  static constexpr int32_t kErasing = -1;
-
-  std::atomic<int32_t> holders_{0};
 };
 
 /// The item of ordinary metrics: its cells appear on first sight, one per suffix.
@@ -144,25 +154,35 @@ class METRICS_API MetricSuffixArray final : public MetricCollectorItem {
   MetricCoItemType Type() override { return MetricCoItemType::kCoItemSuffix; }
   ReturnCode Emit(const MetricFieldValue& value) override;
   ReturnCode FindCell(const std::string& name, MetricsType type, CellPtr& cell) override;
+  void ListCells(std::vector<CellRef>& cells) override;
 
  private:
-  /// False when there is no cell for the value's suffix yet.
-  bool EmitToKnown(const MetricFieldValue& value);
+  /// False when there is no cell for the value's suffix yet. `place` is that of the value in its
+  /// list: callers mostly emit the same suffixes in the same order.
+  bool EmitToKnown(const MetricFieldValue& value, size_t place);
   ReturnCode EmitToNew(const MetricFieldValue& value);
   /// Makes the suffix if it is not there.
   ReturnCode EnsureSuffix(const std::string& name, const MetricsType& type)
       METRICS_REQUIRES(rwlock_);
   ReturnCode CreateSuffix(const std::string& name, const MetricsType& type)
       METRICS_REQUIRES(rwlock_);
-  void DoEmit(const CellMap::value_type& node, const MetricFieldValue& value);
+  void DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value);
 
-  RwLock rwlock_;
-  /// A cell is never replaced or removed while the item lives.
-  CellMap suffixes_ METRICS_GUARDED_BY(rwlock_);
+  /// A cell is never replaced or removed while the item lives. Ahead of the lock, whose first bytes
+  /// are all that an emission reads of it: they then share a cache line.
+  CellTable suffixes_ METRICS_GUARDED_BY(rwlock_);
+  BiasedRwLock rwlock_;
 };
 
 /// What `MetricFieldArray::Send` reports of one interval: numbers with the columns they belong to.
 struct MultiFieldSendRes {
+  void Clear() {
+    values.clear();
+    prev_values.clear();
+    value_fields.clear();
+    prev_fields.clear();
+  }
+
   std::vector<double> values;
   std::vector<double> prev_values;  ///< of the interval before, for fields that ask for them
   std::vector<uint32_t> value_fields;
@@ -193,15 +213,17 @@ class METRICS_API MetricFieldArray final : public MetricCollectorItem {
 
   /// Drains all cells in the order of `fields`, the metric's declaration. On the flush thread.
   MultiFieldSendRes Send(const std::vector<MetricFieldInfo>& fields);
+  /// The same into a row that keeps its memory from call to call.
+  void Drain(const std::vector<MetricFieldInfo>& fields, MultiFieldSendRes& row);
 
  private:
   void CreateField(const std::vector<MetricFieldInfo>& fields, Metric* const& metric);
   bool RefuseMoreThanFields(size_t count);
-  /// Drops a value that names no field.
-  void EmitToField(const MetricFieldValue& value);
-  void DoEmit(const CellMap::value_type& node, const MetricFieldValue& value);
+  /// Drops a value that names no field. `place` is where it is expected.
+  void EmitToField(const MetricFieldValue& value, size_t place);
+  void DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value);
 
-  CellMap fields_;
+  CellTable fields_;
   size_t field_count_ = 0;
 };
 

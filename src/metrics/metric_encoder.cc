@@ -5,6 +5,7 @@
 #include "metrics/metric_configer.h"
 #include "metrics/metric_registry.h"
 #include "metrics/metric_sender.h"
+#include "util/line_allocator.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
 
@@ -33,7 +34,7 @@ constexpr uint32_t kBlockSeriesOffset = 4;
 
 constexpr uint32_t kValueBytes = sizeof(double);
 
-void PutBytes(Pack& pack, const std::string& bytes) {
+void PutBytes(Pack& pack, std::string_view bytes) {
   pack.PutRaw(bytes.data(), static_cast<int32_t>(bytes.size()));
 }
 
@@ -122,12 +123,13 @@ void MetricEncoder::PackCollector(
 }
 
 void MetricEncoder::PackMetric(const std::shared_ptr<MetricCollectorBase>& collector) {
-  const std::vector<Series> items = collector->GetAll();
+  std::vector<Series> items = collector->GetAll();
   if (items.empty()) {
     METRICS_LOG_DEBUG("Sender[%s]Collector [%s] has no series.\n", name_.c_str(),
                       collector->name_.c_str());
     return;
   }
+  blocks_.clear();
   switch (collector->co_type_) {
     case MetricCoItemType::kCoItemSuffix:
       PackSuffixedMetric(items);
@@ -192,22 +194,47 @@ void MetricEncoder::CleanUpPackage() {
   }
 }
 
-std::string MetricEncoder::EncodeTagKV(const std::vector<std::string>& tags, int32_t& tag_hash) {
-  const MetricImpl& impl = *metric_->impl_;
-  if (impl.tag_index_.size() != tags.size()) {
-    METRICS_LOG_ERROR("Internal Error with Tag storage!!!!\n");
-    return {};
+void MetricEncoder::AdvanceTo(std::vector<Series>& items, size_t at) {
+  constexpr size_t kAhead = 8;  // what the second step reads has come by then
+  const auto prefetch = [](const void* start, size_t lines) {
+    for (size_t i = 0; i < lines; ++i) {
+      __builtin_prefetch(static_cast<const char*>(start) + i * kCacheLineBytes);
+    }
+  };
+  if (at > 0) {
+    items[at - 1].second.reset();
   }
-  return impl.EncodeTagBlock(tags, tag_hash);
+  if (at + 2 * kAhead < items.size()) {
+    const auto& [tags, item] = items[at + 2 * kAhead];
+    prefetch(item.get(), 3);
+    prefetch(&tags, 1);
+  }
+  if (at + kAhead < items.size()) {
+    prefetch(items[at + kAhead].first.data(), 2);
+  }
 }
 
-void MetricEncoder::EncodeCurrentTagKV(const std::vector<std::string>& tags,
-                                       MetricCollectorItem& item) {
-  if (pre_encode_tags) {
-    cur_tag_kv_ = item.encoded_tags_;
-  } else {
-    cur_tag_kv_ = EncodeTagKV(tags, item.tag_hash_);
+void MetricEncoder::BeginSeries(const Series& series) {
+  series_ = &series;
+  cur_tag_kv_ = {};
+}
+
+std::string_view MetricEncoder::CurrentTags() {
+  if (!cur_tag_kv_.empty()) {
+    return cur_tag_kv_;
   }
+  const auto& [tags, item] = *series_;
+  const MetricImpl& impl = *metric_->impl_;
+  if (pre_encode_tags) {
+    cur_tag_kv_ = item->encoded_tags_;
+  } else if (impl.tag_index_.size() != tags.size()) {
+    METRICS_LOG_ERROR("Internal Error with Tag storage!!!!\n");
+  } else {
+    tag_scratch_.Clear();
+    impl.EncodeTagBlock(tags, item->tag_hash_, tag_scratch_);
+    cur_tag_kv_ = {tag_scratch_.begin, static_cast<size_t>(tag_scratch_.Used())};
+  }
+  return cur_tag_kv_;
 }
 
 std::string MetricEncoder::PrePack(const std::vector<FieldInfo>& fields) {
@@ -220,10 +247,9 @@ std::string MetricEncoder::PrePack(const std::vector<FieldInfo>& fields) {
   return scratch.Bytes();
 }
 
-void MetricEncoder::EncodeMetricHeader(MetricDataPack& pack, MetricsType type, unsigned int hash,
-                                       const std::string& name, const std::string& fields,
-                                       long timestamp, bool save) {
-  pack.header_offset = static_cast<uint32_t>(pack.Used());
+void MetricEncoder::PutMetricHeader(EPacket& pack, MetricsType type, unsigned int hash,
+                                    const std::string& name, const std::string& fields,
+                                    long timestamp) {
   pack.Put(uint32_t{0});  // block_len
   pack.Put(uint32_t{0});  // series in block
   pack.Put(static_cast<uint8_t>(type));
@@ -235,6 +261,13 @@ void MetricEncoder::EncodeMetricHeader(MetricDataPack& pack, MetricsType type, u
   } else {
     PutBytes(pack, fields);
   }
+}
+
+void MetricEncoder::EncodeMetricHeader(MetricDataPack& pack, MetricsType type, unsigned int hash,
+                                       const std::string& name, const std::string& fields,
+                                       long timestamp, bool save) {
+  pack.header_offset = static_cast<uint32_t>(pack.Used());
+  PutMetricHeader(pack, type, hash, name, fields, timestamp);
   if (save) {
     pack.header_copy.clear();
     const char* const start = pack.begin + pack.header_offset;
@@ -258,7 +291,7 @@ void MetricEncoder::CopyFromCurrentMetricHeader(MetricDataPack& pack) {
   PutBytes(pack, pack.header_copy);
 }
 
-void MetricEncoder::EncodeOneSeriesValue(MetricDataPack& pack, const std::string& tag_block,
+void MetricEncoder::EncodeOneSeriesValue(MetricDataPack& pack, std::string_view tag_block,
                                          const std::vector<uint32_t>& field_indexes,
                                          const std::vector<double>& values) {
   if (values.empty()) {
@@ -276,23 +309,6 @@ void MetricEncoder::EncodeOneSeriesValue(MetricDataPack& pack, const std::string
   }
   ++pack.series_count;
   ++pack.block_series;
-}
-
-void MetricEncoder::EncodeOneSeriesMetric(MetricDataPack& pack, MetricsType type,
-                                          const unsigned int& hash, const std::string& name,
-                                          const std::string& fields, const std::string& tag_block,
-                                          const std::vector<double>& values, long timestamp) {
-  EncodeMetricHeader(pack, type, hash, name, fields, timestamp, false);
-  EncodeOneSeriesValue(pack, tag_block, {}, values);
-  RefillMetricHeader(pack);
-}
-
-void MetricEncoder::EncodeOneSeriesMetric(MetricDataPack& pack, MetricsType type,
-                                          const unsigned int& hash, const std::string& name,
-                                          const std::vector<FieldInfo>& fields,
-                                          const std::string& tag_block,
-                                          const std::vector<double>& values, long timestamp) {
-  EncodeOneSeriesMetric(pack, type, hash, name, PrePack(fields), tag_block, values, timestamp);
 }
 
 }  // namespace METRICS

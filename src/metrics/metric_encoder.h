@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "codec/tag_kv.h"
@@ -66,6 +67,9 @@ class MetricEncoder final : public MetricEncoderBase {
 
   // The parts of a metric block.
 
+  /// Appends the header of an open block. `fields` is a result of `PrePack`, or empty.
+  static void PutMetricHeader(EPacket& pack, MetricsType type, unsigned int hash,
+                              const std::string& name, const std::string& fields, long timestamp);
   /// Opens a block. `fields` is a result of `PrePack`, or empty. `save` keeps a copy of the
   /// header in the pack.
   static void EncodeMetricHeader(MetricDataPack& pack, MetricsType type, unsigned int hash,
@@ -76,19 +80,9 @@ class MetricEncoder final : public MetricEncoderBase {
   /// Opens the block whose header was saved again, in a new packet.
   static void CopyFromCurrentMetricHeader(MetricDataPack& pack);
   /// Writes one series record; nothing without `values`.
-  static void EncodeOneSeriesValue(MetricDataPack& pack, const std::string& tag_block,
+  static void EncodeOneSeriesValue(MetricDataPack& pack, std::string_view tag_block,
                                    const std::vector<uint32_t>& field_indexes,
                                    const std::vector<double>& values);
-  /// A whole block of one series record.
-  static void EncodeOneSeriesMetric(MetricDataPack& pack, MetricsType type,
-                                    const unsigned int& hash, const std::string& name,
-                                    const std::string& fields, const std::string& tag_block,
-                                    const std::vector<double>& values, long timestamp);
-  static void EncodeOneSeriesMetric(MetricDataPack& pack, MetricsType type,
-                                    const unsigned int& hash, const std::string& name,
-                                    const std::vector<lattice_kit::codec::FieldInfo>& fields,
-                                    const std::string& tag_block, const std::vector<double>& values,
-                                    long timestamp);
   /// Rewinds the pack, keeping its buffer.
   static void Reset(MetricDataPack& pack);
 
@@ -111,43 +105,61 @@ class MetricEncoder final : public MetricEncoderBase {
   void StampAndSend(MetricDataPack& pack, bool close);
   /// Sends the packet if it has reached the size limit.
   bool CheckMsgLenAndSend(MetricDataPack& pack, bool close);
-  std::string EncodeTagKV(const std::vector<std::string>& tags, int32_t& tag_hash);
-  /// Puts the tags of the series into `cur_tag_kv_`.
-  void EncodeCurrentTagKV(const std::vector<std::string>& tags, MetricCollectorItem& item);
+  /// Lets go of the series ahead of `items[at]`, whose memory is still near, and has that of the
+  /// ones behind it fetched: a flush of many series waits for little else.
+  static void AdvanceTo(std::vector<Series>& items, size_t at);
+  /// Makes `series` the one being packed.
+  void BeginSeries(const Series& series);
+  /// Its tags in packet form, encoded when they are first asked for.
+  std::string_view CurrentTags();
 
   // Suffixed metrics.
-  void PackSuffixedMetric(const std::vector<Series>& items);
-  void PackSuffix(const std::string& suffix, const CellPtr& cell);
-  void EncodeMetricWithSuffix(const CellPtr& data, const std::string& suffix,
-                              const MetricsType& type, const unsigned long& array_size,
-                              SuffixOf convert);
+
+  /// The blocks of one suffix and type: the same for all series of a metric but for the tags, the
+  /// time and the numbers.
+  struct SuffixBlocks {
+    std::string suffix;
+    MetricsType type = MetricsType::kUnknown;
+    bool row = false;                  ///< one block of several columns, not one per number
+    size_t numbers = 0;                ///< that a cell has to report
+    std::vector<std::string> headers;  ///< of closed blocks, without their length and time
+  };
+
+  void PackSuffixedMetric(std::vector<Series>& items);
+  /// `place` is that of the cell among those of its series.
+  void PackSuffix(const CellRef& ref, size_t place);
   /// Whether a cell of type `type` goes out as one row of numbers.
   bool IsRow(const MetricsType& type) const;
-  /// REQUIRES: `PreviousPointWidth(type)` is not 0.
-  void EncodePreviousInterval(double prev_value, const std::string& suffix, const MetricsType& type,
-                              SuffixOf convert);
-  void DoPackSuffixMetric(MetricDataPack& pack, const std::vector<double>& values,
-                          const std::string& suffix, const MetricsType& type, SuffixOf convert,
-                          long timestamp);
+  /// The blocks of this metric; made when they are first asked for. `place` is where to look first.
+  const SuffixBlocks& BlocksOf(const std::string& suffix, MetricsType type, bool row,
+                               size_t place = 0);
+  SuffixBlocks MakeBlocks(const std::string& suffix, MetricsType type, bool row) const;
+  /// `fields` is a result of `PrePack`, or empty.
+  std::string BlockHeader(MetricsType type, const std::string& tail,
+                          const std::string& fields) const;
   std::vector<lattice_kit::codec::FieldInfo> RowFieldsOf(const MetricsType& type) const;
-  bool DoPackSuffixToMultiField(MetricDataPack& pack, const std::vector<double>& values,
-                                const std::string& suffix, const MetricsType& type, long timestamp);
+  /// Writes the blocks of the current series. REQUIRES: there are `blocks.numbers` values.
+  void PackNumbers(MetricDataPack& pack, const SuffixBlocks& blocks, const double* values,
+                   long timestamp);
+  void PackBlock(MetricDataPack& pack, const std::string& header, const double* values,
+                 size_t count, long timestamp);
+  /// REQUIRES: `PreviousPointWidth` of the type is not 0.
+  void EncodePreviousInterval(double prev_value, const SuffixBlocks& blocks);
 
   // Metrics with a row of fields.
-  void PackMultiFeildMetric(const std::vector<Series>& items);
+  void PackMultiFeildMetric(std::vector<Series>& items);
   void EncodeRowHeader(MetricDataPack& pack, long timestamp, bool save);
   /// Sends `pack_` at the size limit and opens its block again, unless this was the `last` series.
   void ContinueBlockIfSent(bool last);
-  void EncodeMultiFieldSeries(const std::vector<std::string>& tags,
-                              const std::shared_ptr<MetricCollectorItem>& item);
+  void EncodeMultiFieldSeries(const Series& series);
   void EncodeMultiFieldExtendSeries(const MultiFieldSendRes& res);
 
   // Compatible metrics.
-  void PackCompatibleMetric(const std::vector<Series>& items);
+  void PackCompatibleMetric(std::vector<Series>& items);
   void EncodeCurrentCompatibleMetricHeader(MetricDataPack& pack, MetricsType type);
-  void EncodeCompatible(const MetricsType& type, const std::vector<Series>& items,
+  void EncodeCompatible(const MetricsType& type, std::vector<Series>& items,
                         unsigned long array_size);
-  void EncodeCompatibleWithSuffix(const MetricsType& type, const std::vector<Series>& items);
+  void EncodeCompatibleWithSuffix(const MetricsType& type, std::vector<Series>& items);
   void EncodeExtendCompatibleSeries(const MetricsType& type, double prev_value);
   /// Builds the tags of a series once, from its pairs and the registry's tags; of equal keys one
   /// is kept.
@@ -162,7 +174,15 @@ class MetricEncoder final : public MetricEncoderBase {
   int32_t interval_ = 30;           ///< seconds, of `registry_`
   std::vector<lattice_kit::codec::TagKV> tenant_tags_;
   std::string codec_header_;
-  std::string cur_tag_kv_;  ///< tags of the series being packed, in packet form
+
+  // Of the series being packed. What is gathered here keeps its memory from series to series.
+  const Series* series_ = nullptr;
+  std::string_view cur_tag_kv_;  ///< its tags in packet form; empty: not encoded yet
+  lattice_kit::codec::Pack tag_scratch_{kTagScratchBytes};
+  std::vector<CellRef> cells_;
+  MultiFieldSendRes row_;
+
+  std::vector<SuffixBlocks> blocks_;  ///< of the metric being packed
 };
 
 /// Whether a cell reported what its type asks for: false when `values` is empty, and, with a Warn

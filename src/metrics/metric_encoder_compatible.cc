@@ -18,7 +18,7 @@ using lattice_kit::codec::kCodecValueDouble;
 using lattice_kit::codec::Pack;
 using lattice_kit::codec::TagKV;
 
-void MetricEncoder::PackCompatibleMetric(const std::vector<Series>& items) {
+void MetricEncoder::PackCompatibleMetric(std::vector<Series>& items) {
   const MetricsType type = metric_->compatible_type_.load();
   switch (type) {
     case MetricsType::kGauge:
@@ -63,10 +63,11 @@ void MetricEncoder::EncodeCurrentCompatibleMetricHeader(MetricDataPack& pack, Me
                      sender_->last_flush_ts_, true);
 }
 
-void MetricEncoder::EncodeCompatible(const MetricsType& type, const std::vector<Series>& items,
+void MetricEncoder::EncodeCompatible(const MetricsType& type, std::vector<Series>& items,
                                      unsigned long array_size) {
   EncodeCurrentCompatibleMetricHeader(pack_, type);
   for (size_t k = 0; k < items.size(); ++k) {
+    AdvanceTo(items, k);
     MetricCollectorItem& item = *items[k].second;
     if (!item.active_.load(std::memory_order_relaxed)) {
       continue;
@@ -87,11 +88,12 @@ void MetricEncoder::EncodeCompatible(const MetricsType& type, const std::vector<
 }
 
 void MetricEncoder::EncodeCompatibleWithSuffix(const MetricsType& type,
-                                               const std::vector<Series>& items) {
+                                               std::vector<Series>& items) {
   const bool timer = type == MetricsType::kTimer;
   const unsigned long array_size = timer ? kMetricSummaryArraySize : kMetricMeterArraySize;
-  const SuffixOf convert = timer ? &ConvertIdxToTimerSuffix : &ConvertIdxToMeterSuffix;
-  for (const Series& series : items) {
+  for (size_t k = 0; k < items.size(); ++k) {
+    AdvanceTo(items, k);
+    const Series& series = items[k];
     MetricCollectorItem& item = *series.second;
     if (!item.active_.load(std::memory_order_relaxed)) {
       continue;
@@ -102,7 +104,8 @@ void MetricEncoder::EncodeCompatibleWithSuffix(const MetricsType& type,
     if (!CheckSendRes(type, res.values, array_size)) {
       continue;
     }
-    DoPackSuffixMetric(pack_, res.values, std::string(), type, convert, sender_->last_flush_ts_);
+    PackNumbers(pack_, BlocksOf(std::string(), type, false), res.values.data(),
+                sender_->last_flush_ts_);
     if (res.need_prev) {
       EncodeExtendCompatibleSeries(type, res.prev_value);
     }
@@ -117,8 +120,7 @@ void MetricEncoder::EncodeExtendCompatibleSeries(const MetricsType& type, double
     return;
   }
   // A block of its own, also for a counter, which shares one in the current packet.
-  const SuffixOf convert = type == MetricsType::kMeter ? &ConvertIdxToMeterSuffix : nullptr;
-  EncodePreviousInterval(prev_value, std::string(), type, convert);
+  EncodePreviousInterval(prev_value, BlocksOf(std::string(), type, false));
 }
 
 void MetricEncoder::EncodeCompatibleMetricTagKV(const Series& series) {

@@ -8,15 +8,15 @@
 
 namespace METRICS {
 
-void MetricEncoder::PackMultiFeildMetric(const std::vector<Series>& items) {
+void MetricEncoder::PackMultiFeildMetric(std::vector<Series>& items) {
   // Opened whether or not a series has something to say.
   EncodeRowHeader(pack_, sender_->last_flush_ts_, true);
   for (size_t k = 0; k < items.size(); ++k) {
-    const auto& [tags, item] = items[k];
-    if (!item->active_.load(std::memory_order_relaxed)) {
+    AdvanceTo(items, k);
+    if (!items[k].second->active_.load(std::memory_order_relaxed)) {
       continue;
     }
-    EncodeMultiFieldSeries(tags, item);
+    EncodeMultiFieldSeries(items[k]);
     ContinueBlockIfSent(k + 1 == items.size());
   }
   RefillMetricHeader(pack_);
@@ -38,16 +38,15 @@ void MetricEncoder::ContinueBlockIfSent(bool last) {
   }
 }
 
-void MetricEncoder::EncodeMultiFieldSeries(const std::vector<std::string>& tags,
-                                           const std::shared_ptr<MetricCollectorItem>& item) {
-  const MultiFieldSendRes res = static_cast<MetricFieldArray&>(*item).Send(metric_->GetFieldInfo());
-  if (res.values.empty()) {
+void MetricEncoder::EncodeMultiFieldSeries(const Series& series) {
+  static_cast<MetricFieldArray&>(*series.second).Drain(metric_->GetFieldInfo(), row_);
+  if (row_.values.empty()) {
     return;
   }
-  EncodeCurrentTagKV(tags, *item);
-  EncodeOneSeriesValue(pack_, cur_tag_kv_, res.value_fields, res.values);
-  if (!res.prev_values.empty()) {
-    EncodeMultiFieldExtendSeries(res);
+  BeginSeries(series);
+  EncodeOneSeriesValue(pack_, CurrentTags(), row_.value_fields, row_.values);
+  if (!row_.prev_values.empty()) {
+    EncodeMultiFieldExtendSeries(row_);
   }
 }
 
@@ -58,7 +57,7 @@ void MetricEncoder::EncodeMultiFieldExtendSeries(const MultiFieldSendRes& res) {
   if (prev_pack_.block_series == 0) {
     EncodeRowHeader(prev_pack_, sender_->last_flush_ts_ - interval_, false);
   }
-  EncodeOneSeriesValue(prev_pack_, cur_tag_kv_, res.prev_fields, res.prev_values);
+  EncodeOneSeriesValue(prev_pack_, CurrentTags(), res.prev_fields, res.prev_values);
   METRICS_LOG_DEBUG("Pack %ld zeros for counter/meter.\n",
                     static_cast<long>(res.prev_values.size()));
   CheckMsgLenAndSend(prev_pack_, true);

@@ -1,7 +1,11 @@
 // The form of suffixed metrics: each number that a cell reports is a block of its own, or, for
 // cells that report a row of numbers, one block whose columns name them.
 
-#include <utility>
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <string_view>
+#include <type_traits>
 
 #include "codec/fnv_hash.h"
 #include "metrics/impl/metric_multi_field_impl.h"
@@ -9,6 +13,7 @@
 #include "metrics/metric_encoder.h"
 #include "metrics/metric_sender.h"
 #include "util/metric_log.h"
+#include "util/short_text.h"
 
 namespace METRICS {
 
@@ -43,6 +48,48 @@ void AppendPart(std::string& tail, const std::string& part) {
   }
 }
 
+/// How many blocks a cell that goes out in single numbers takes.
+size_t NumbersOf(MetricsType type) {
+  switch (type) {
+    case MetricsType::kMeter:
+      return kMetricMeterArraySize;
+    case MetricsType::kTimer:
+      return kMetricSummaryArraySize;
+    case MetricsType::kUnknown:
+    case MetricsType::kGauge:
+    case MetricsType::kRate:
+    case MetricsType::kCounter:
+    case MetricsType::kHistogram:
+    case MetricsType::kMultiField:
+    case MetricsType::kDeltaCounter:
+    case MetricsType::kTypeEnd:
+      break;
+  }
+  return 1;
+}
+
+/// What such a cell's number `idx` is called; mostly not at all.
+const std::string& NumberName(MetricsType type, unsigned long idx) {
+  if (type == MetricsType::kTimer) {
+    return MetricEncoder::ConvertIdxToTimerSuffix(idx);
+  }
+  return type == MetricsType::kMeter ? MetricEncoder::ConvertIdxToMeterSuffix(idx)
+                                     : Metric::NoopStr();
+}
+
+/// Appends a number to bytes that there is room for.
+template <class T>
+void Append(char*& to, T number) {
+  static_assert(std::is_arithmetic_v<T>);
+  std::memcpy(to, &number, sizeof(number));
+  to += sizeof(number);
+}
+
+void AppendBytes(char*& to, std::string_view bytes) {
+  std::memcpy(to, bytes.data(), bytes.size());
+  to += bytes.size();
+}
+
 }  // namespace
 
 std::string& MetricEncoder::ConvertIdxToTimerSuffix(const unsigned long& idx) {
@@ -63,16 +110,17 @@ void MetricEncoder::PrepareSuffixTables() {
   DeltaCounterSuffixes();
 }
 
-void MetricEncoder::PackSuffixedMetric(const std::vector<Series>& items) {
-  for (const Series& series : items) {
-    MetricCollectorItem& item = *series.second;
+void MetricEncoder::PackSuffixedMetric(std::vector<Series>& items) {
+  for (size_t k = 0; k < items.size(); ++k) {
+    AdvanceTo(items, k);
+    MetricCollectorItem& item = *items[k].second;
     if (!item.active_.load(std::memory_order_relaxed)) {
       continue;
     }
-    EncodeCurrentTagKV(series.first, item);
-    const CellMap fields = item.Fields();
-    for (const auto& [suffix, cell] : fields) {
-      PackSuffix(suffix, cell);
+    BeginSeries(items[k]);
+    item.ListCells(cells_);
+    for (size_t i = 0; i < cells_.size(); ++i) {
+      PackSuffix(cells_[i], i);
       if (CheckMsgLenAndSend(pack_, false)) {
         RePackFromRegistry(pack_);
       }
@@ -80,54 +128,24 @@ void MetricEncoder::PackSuffixedMetric(const std::vector<Series>& items) {
   }
 }
 
-void MetricEncoder::PackSuffix(const std::string& suffix, const CellPtr& cell) {
-  const MetricsType type = cell->Type();
-  switch (type) {
-    case MetricsType::kGauge:
-    case MetricsType::kRate:
-    case MetricsType::kCounter:
-      EncodeMetricWithSuffix(cell, suffix, type, 1, nullptr);
-      return;
-    case MetricsType::kMeter:
-      EncodeMetricWithSuffix(cell, suffix, type, kMetricMeterArraySize, &ConvertIdxToMeterSuffix);
-      return;
-    case MetricsType::kTimer:
-      EncodeMetricWithSuffix(cell, suffix, type, kMetricSummaryArraySize, &ConvertIdxToTimerSuffix);
-      return;
-    case MetricsType::kHistogram:
-      EncodeMetricWithSuffix(cell, suffix, type, 0, nullptr);
-      return;
-    case MetricsType::kDeltaCounter:
-      EncodeMetricWithSuffix(cell, suffix, type, kMetricDeltaCounterArrSize,
-                             &ConvertIdxToDeltaCounter);
-      return;
-    case MetricsType::kUnknown:
-    case MetricsType::kMultiField:
-    case MetricsType::kTypeEnd:
-      break;
+void MetricEncoder::PackSuffix(const CellRef& ref, size_t place) {
+  if (!IsCellType(ref.type)) {
+    METRICS_LOG_ERROR("Sender[%s]Internal Error for Unknown MetricType: %d\n", name_.c_str(),
+                      static_cast<int>(ref.type));
+    return;
   }
-  METRICS_LOG_ERROR("Sender[%s]Internal Error for Unknown MetricType: %d\n", name_.c_str(),
-                    static_cast<int>(type));
-}
-
-void MetricEncoder::EncodeMetricWithSuffix(const CellPtr& data, const std::string& suffix,
-                                           const MetricsType& type, const unsigned long& array_size,
-                                           SuffixOf convert) {
-  const SendRes res = data->Send(static_cast<unsigned int>(interval_));
-  const long timestamp = sender_->last_flush_ts_;
-  if (IsRow(type)) {
-    if (!DoPackSuffixToMultiField(pack_, res.values, suffix, type, timestamp)) {
-      return;
-    }
-  } else {
-    if (!CheckSendRes(type, res.values, array_size)) {
-      return;
-    }
-    DoPackSuffixMetric(pack_, res.values, suffix, type, convert, timestamp);
+  const SendRes res = ref.cell->Send(static_cast<unsigned int>(interval_));
+  if (res.values.empty()) {
+    return;
   }
-  if (res.need_prev && PreviousPointWidth(type) != 0) {
+  const SuffixBlocks& blocks = BlocksOf(ref.name, ref.type, IsRow(ref.type), place);
+  if (!CheckSendRes(ref.type, res.values, blocks.numbers)) {
+    return;
+  }
+  PackNumbers(pack_, blocks, res.values.data(), sender_->last_flush_ts_);
+  if (res.need_prev && PreviousPointWidth(ref.type) != 0) {
     METRICS_LOG_DEBUG("Pack a prev interval value for counter/meter/deltacounter.\n");
-    EncodePreviousInterval(res.prev_value, suffix, type, convert);
+    EncodePreviousInterval(res.prev_value, blocks);
   }
 }
 
@@ -136,37 +154,54 @@ bool MetricEncoder::IsRow(const MetricsType& type) const {
          (type == MetricsType::kTimer && metric_->multi_field_summary_.load());
 }
 
-void MetricEncoder::EncodePreviousInterval(double prev_value, const std::string& suffix,
-                                           const MetricsType& type, SuffixOf convert) {
-  std::vector<double> row(PreviousPointWidth(type), 0.0);
-  row.front() = prev_value;
-  if (prev_pack_.series_count == 0) {
-    RePackFromRegistry(prev_pack_);
+const MetricEncoder::SuffixBlocks& MetricEncoder::BlocksOf(const std::string& suffix,
+                                                           MetricsType type, bool row,
+                                                           size_t place) {
+  // The bounds of a histogram may have been set since the last series.
+  const size_t bounds = type == MetricsType::kHistogram ? metric_->GetHistogram().size() : 0;
+  const auto matches = [&](const SuffixBlocks& blocks) {
+    return blocks.type == type && blocks.row == row && SameText(blocks.suffix, suffix) &&
+           (type != MetricsType::kHistogram || blocks.numbers == ColumnsOf(type, bounds));
+  };
+  if (place < blocks_.size() && matches(blocks_[place])) {
+    return blocks_[place];
   }
-  const long timestamp = sender_->last_flush_ts_ - interval_;
-  if (type == MetricsType::kDeltaCounter) {
-    DoPackSuffixToMultiField(prev_pack_, row, suffix, type, timestamp);
-  } else {
-    DoPackSuffixMetric(prev_pack_, row, suffix, type, convert, timestamp);
+  const auto found = std::find_if(blocks_.begin(), blocks_.end(), matches);
+  if (found != blocks_.end()) {
+    return *found;
   }
-  CheckMsgLenAndSend(prev_pack_, false);
+  blocks_.push_back(MakeBlocks(suffix, type, row));
+  return blocks_.back();
 }
 
-void MetricEncoder::DoPackSuffixMetric(MetricDataPack& pack, const std::vector<double>& values,
-                                       const std::string& suffix, const MetricsType& type,
-                                       SuffixOf convert, long timestamp) {
+MetricEncoder::SuffixBlocks MetricEncoder::MakeBlocks(const std::string& suffix, MetricsType type,
+                                                      bool row) const {
+  SuffixBlocks blocks{suffix, type, row, 0, {}};
+  std::string tail;
+  AppendPart(tail, suffix);
+  if (row) {
+    const std::vector<FieldInfo> fields = RowFieldsOf(type);
+    blocks.numbers = fields.size();
+    blocks.headers.push_back(BlockHeader(type, tail, PrePack(fields)));
+    return blocks;
+  }
   // A summary in single numbers is a set of gauges to the receiver.
   const MetricsType wire_type = type == MetricsType::kTimer ? MetricsType::kGauge : type;
-  for (unsigned long i = 0; i < values.size(); ++i) {
-    std::string tail;
-    AppendPart(tail, suffix);
-    if (convert != nullptr) {
-      AppendPart(tail, convert(i));
-    }
-    EncodeOneSeriesMetric(pack, wire_type, StrFNVHash(tail, metric_->name_hash_),
-                          metric_->name_ + tail, std::string(), cur_tag_kv_, {values[i]},
-                          timestamp);
+  blocks.numbers = NumbersOf(type);
+  for (size_t i = 0; i < blocks.numbers; ++i) {
+    std::string whole_tail = tail;
+    AppendPart(whole_tail, NumberName(type, i));
+    blocks.headers.push_back(BlockHeader(wire_type, whole_tail, std::string()));
   }
+  return blocks;
+}
+
+std::string MetricEncoder::BlockHeader(MetricsType type, const std::string& tail,
+                                       const std::string& fields) const {
+  EPacket scratch(kTagScratchBytes);
+  PutMetricHeader(scratch, type, StrFNVHash(tail, metric_->name_hash_), metric_->name_ + tail,
+                  fields, 0);
+  return scratch.Bytes();
 }
 
 std::vector<FieldInfo> MetricEncoder::RowFieldsOf(const MetricsType& type) const {
@@ -182,22 +217,50 @@ std::vector<FieldInfo> MetricEncoder::RowFieldsOf(const MetricsType& type) const
   return fields;
 }
 
-bool MetricEncoder::DoPackSuffixToMultiField(MetricDataPack& pack,
-                                             const std::vector<double>& values,
-                                             const std::string& suffix, const MetricsType& type,
-                                             long timestamp) {
-  if (values.empty()) {
-    return false;
+void MetricEncoder::PackNumbers(MetricDataPack& pack, const SuffixBlocks& blocks,
+                                const double* values, long timestamp) {
+  if (blocks.row) {
+    PackBlock(pack, blocks.headers.front(), values, blocks.numbers, timestamp);
+    return;
   }
-  const std::vector<FieldInfo> fields = RowFieldsOf(type);
-  if (!CheckSendRes(type, values, fields.size())) {
-    return false;
+  for (size_t i = 0; i < blocks.numbers; ++i) {
+    PackBlock(pack, blocks.headers[i], values + i, 1, timestamp);
   }
-  std::string tail;
-  AppendPart(tail, suffix);
-  EncodeOneSeriesMetric(pack, type, StrFNVHash(tail, metric_->name_hash_), metric_->name_ + tail,
-                        fields, cur_tag_kv_, values, timestamp);
-  return true;
+}
+
+// As a block that is opened, given one series record and closed, but at one go: nearly all of a
+// flush is this.
+void MetricEncoder::PackBlock(MetricDataPack& pack, const std::string& header, const double* values,
+                              size_t count, long timestamp) {
+  constexpr size_t kBytesAheadOfTime = 13;  // length, number of series, type, hash
+  constexpr size_t kValueRecordBytes = sizeof(uint32_t) + sizeof(double);
+  const std::string_view tags = CurrentTags();
+  const size_t bytes =
+      header.size() + tags.size() + 2 * sizeof(uint32_t) + count * kValueRecordBytes;
+  pack.Reserve(static_cast<int32_t>(bytes));
+  const auto start = static_cast<uint32_t>(pack.Used());
+  AppendBytes(pack.cursor, header);
+  pack.Patch(start, static_cast<uint32_t>(bytes));
+  pack.Patch(start + sizeof(uint32_t), uint32_t{1});
+  pack.Patch(start + kBytesAheadOfTime, static_cast<int64_t>(timestamp));
+  AppendBytes(pack.cursor, tags);
+  Append(pack.cursor, uint32_t{0});  // no column indexes
+  Append(pack.cursor, static_cast<uint32_t>(count));
+  for (size_t i = 0; i < count; ++i) {
+    Append(pack.cursor, static_cast<uint32_t>(sizeof(double)));
+    Append(pack.cursor, values[i]);
+  }
+  ++pack.series_count;
+  ++pack.block_count;
+}
+
+void MetricEncoder::EncodePreviousInterval(double prev_value, const SuffixBlocks& blocks) {
+  const std::array<double, kMetricDeltaCounterArrSize> row{prev_value};  // the others are 0
+  if (prev_pack_.series_count == 0) {
+    RePackFromRegistry(prev_pack_);
+  }
+  PackNumbers(prev_pack_, blocks, row.data(), sender_->last_flush_ts_ - interval_);
+  CheckMsgLenAndSend(prev_pack_, false);
 }
 
 }  // namespace METRICS

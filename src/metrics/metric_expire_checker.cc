@@ -68,7 +68,9 @@ void MetricExpireChecker::CheckCollector(const CollectorPtr& collector, long now
       static_cast<size_t>(static_cast<double>(collector->SeriesSize()) * kWorthwhileShare);
   for (const auto& [tag_values, item] : collector->GetAll()) {
     const bool expired = CheckExpire(item, now);
-    item->active_.exchange(!expired);
+    if (item->active_.load(std::memory_order_relaxed) == expired) {
+      item->active_.exchange(!expired);
+    }
     // A series that a handle is bound to stays in the table for it.
     if (expired && !item->IsHeld()) {
       expired_.emplace_back(tag_values, item);

@@ -36,7 +36,7 @@ void MetricHistogram::Emit(short index, const double& value) {
   if (index < 0 || index >= bucket_count_) {
     return;
   }
-  const ReadGuard guard(rwlock_);
+  const FastReadGuard guard(rwlock_);
   FetchAddD(sum_, value);
   buckets_[static_cast<size_t>(index)].value.fetch_add(1, std::memory_order_relaxed);
 }

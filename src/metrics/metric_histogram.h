@@ -46,7 +46,7 @@ class MetricHistogram final : public MetricBasicData {
   std::vector<AtomicWrapper<long>> buckets_ METRICS_GUARDED_BY(rwlock_);
   const uint16_t bucket_count_;
   std::atomic<double> sum_ METRICS_GUARDED_BY(rwlock_){0.0};  ///< of the samples not yet flushed
-  RwLock rwlock_;  ///< shared by emitters, exclusive to the flush
+  BiasedRwLock rwlock_;  ///< shared by emitters, exclusive to the flush
 };
 
 /// A number into a histogram cell with these bounds. REQUIRES: `cell` is one.

@@ -1,15 +1,18 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
+#include <new>
 
 #include "util/thread_slot.h"
 
 namespace METRICS {
 
-/// A counter of events that many threads count and one reads: once it is spread, a thread that has
-/// a slot adds to a cache line of its own, without a locked instruction. It reads like one atomic
-/// number.
+/// A counter of events that many threads count and one reads. It reads like one atomic number, but
+/// a thread that has a slot adds to a place that no other thread writes, without a locked
+/// instruction: the first such thread in the counter itself, and once there is a second one, each
+/// to a cache line of its own, 64 bytes for each slot.
 ///
 /// Threads: all operations from any thread. What is subtracted is taken from the common part, so
 /// sums wrap around below zero between the parts, and are right together. A reading counts every
@@ -21,12 +24,12 @@ class EventCounter {
   EventCounter(const EventCounter&) = delete;
   EventCounter& operator=(const EventCounter&) = delete;
 
-  /// Makes the lines: 64 bytes for each slot. What was counted stays.
+  /// Makes the lines. What was counted stays. Without memory, too.
   void Spread() {
     if (lines_.load(std::memory_order_acquire) != nullptr) {
       return;
     }
-    std::unique_ptr<Line[]> made(new Line[kThreadSlots]);
+    std::unique_ptr<Line[]> made(new (std::nothrow) Line[kThreadSlots]);
     Line* none = nullptr;
     if (lines_.compare_exchange_strong(none, made.get(), std::memory_order_acq_rel)) {
       made.release();
@@ -34,19 +37,21 @@ class EventCounter {
   }
 
   void Add(unsigned long events) {
-    Line* const lines = lines_.load(std::memory_order_acquire);
     const uint32_t slot = ThreadSlot();
-    if (lines != nullptr && slot < kThreadSlots) {
-      // No other thread writes to this line.
-      std::atomic<unsigned long>& own = lines[slot].events;
-      own.store(own.load(std::memory_order_relaxed) + events, std::memory_order_relaxed);
-      return;
+    Line* const lines = lines_.load(std::memory_order_acquire);
+    if (slot >= kThreadSlots) {
+      common_.fetch_add(events, std::memory_order_relaxed);
+    } else if (lines != nullptr) {
+      AddOwn(lines[slot].events, events);
+    } else if (owner_.load(std::memory_order_relaxed) == slot + 1) {
+      AddOwn(first_, events);
+    } else {
+      AddAsNewThread(slot, events);
     }
-    common_.fetch_add(events, std::memory_order_relaxed);
   }
 
   unsigned long load() const {
-    unsigned long sum = common_.load();
+    unsigned long sum = common_.load() + first_.load(std::memory_order_relaxed);
     const Line* const lines = lines_.load(std::memory_order_acquire);
     for (uint32_t slot = 0; lines != nullptr && slot < kThreadSlots; ++slot) {
       sum += lines[slot].events.load(std::memory_order_relaxed);
@@ -61,8 +66,24 @@ class EventCounter {
     std::atomic<unsigned long> events{0};
   };
 
-  std::atomic<unsigned long> common_{0};
+  /// REQUIRES: only this thread writes to `place`.
+  static void AddOwn(std::atomic<unsigned long>& place, unsigned long events) {
+    place.store(place.load(std::memory_order_relaxed) + events, std::memory_order_relaxed);
+  }
+
+  __attribute__((noinline)) void AddAsNewThread(uint32_t slot, unsigned long events) {
+    common_.fetch_add(events, std::memory_order_relaxed);
+    uint32_t nobody = 0;
+    if (owner_.compare_exchange_strong(nobody, slot + 1)) {
+      return;
+    }
+    Spread();
+  }
+
   std::atomic<Line*> lines_{nullptr};
+  std::atomic<uint32_t> owner_{0};        ///< slot of the first thread, plus one
+  std::atomic<unsigned long> first_{0};   ///< counted by that thread while it was alone
+  std::atomic<unsigned long> common_{0};  ///< counted by threads without a slot, and what was taken
 };
 
 /// As for a plain atomic.

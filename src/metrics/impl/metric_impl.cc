@@ -1,6 +1,7 @@
 #include "metrics/impl/metric_impl.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 #include "codec/fnv_hash.h"
 #include "codec/pack.h"
@@ -12,6 +13,7 @@
 #include "util/metric_log.h"
 #include "util/metric_size_limits.h"
 #include "util/metric_string_util.h"
+#include "util/short_text.h"
 
 namespace METRICS {
 
@@ -23,12 +25,19 @@ using lattice_kit::codec::TagKV;
 
 namespace {
 
-// Work buffers by number of tags, so that their strings keep their capacity from emission to
-// emission. Every use fills one anew, and the collector copies what it keeps.
-thread_local std::vector<std::vector<std::string>> tag_value_pool;
+// The values of a series that is not known yet. Every use fills it anew, and the collector copies
+// what it keeps.
+thread_local std::vector<std::string> tag_value_pool;
 
 // Never destroyed: a thread may still emit while the process exits.
 const std::string& kMissingValue = *new std::string("-");
+
+uint16_t CheckedTagCount(size_t count) {
+  if (count > TagValueRefs::kMax) {  // the registry has refused it
+    throw std::length_error("more tags than a series can have");
+  }
+  return static_cast<uint16_t>(count);
+}
 
 }  // namespace
 
@@ -44,7 +53,7 @@ MetricImpl::MetricImpl(const std::string& tenant, const std::string& name, Metri
     : tenant_(tenant),
       name_(name),
       tag_names_(tag_names),
-      tag_count_(static_cast<uint16_t>(tag_names.size())),
+      tag_count_(CheckedTagCount(tag_names.size())),
       metric_(metric),
       collector_factory_(metric->registry_->client_->collector_factory_) {
   std::sort(tag_names_.begin(), tag_names_.end());
@@ -103,26 +112,55 @@ ReturnCode MetricImpl::CEmit(double /*value*/, std::vector<std::string>&& /*tag_
 
 MetricCoItemType MetricImpl::Type() { return MetricCoItemType::kCoItemUnknown; }
 
+MetricImpl::ItemPtr MetricImpl::FindOrCreate(const TagValueRefs& values) {
+  ItemPtr item = collector_->Find(values);
+  if (item != nullptr) {
+    return item;
+  }
+  std::vector<std::string>& pool = tag_value_pool;
+  pool.resize(values.size());
+  for (size_t i = 0; i < pool.size(); ++i) {
+    pool[i] = values[i];
+  }
+  return GetOrCreate(pool);
+}
+
 MetricImpl::ItemPtr MetricImpl::WithTags(const std::vector<tidegate::MetricTag>& tags) {
   if (RefuseMoreThanDeclared(tags.size()) || !PassStateGate()) {
     return GetDummyItem();
   }
-  std::vector<std::string>& pool = PreparePool();
-  const ReturnCode code = GetTagValueVec(tags, pool);
+  TagValueRefs values(tag_count_, kMissingValue);
+  if (Place(tags, values)) {
+    ItemPtr known = collector_->Find(values);
+    // Values that are equal to valid ones are valid.
+    if (known != nullptr && known->tags_valid_.load(std::memory_order_relaxed)) {
+      return known;
+    }
+  }
+  const ReturnCode code = Resolve(tags, values);
   if (code != ReturnCode::kOk) {
     METRICS_LOG_ERROR("GetTagValueVec error: %s\n", MetricGetErrorCodeStr(code));
     return GetDummyItem();
   }
-  return GetOrCreate(pool);
+  ItemPtr item = FindOrCreate(values);
+  if (item->metric_ != nullptr) {  // else it is the dummy item, which stands for any values
+    item->tags_valid_.store(true, std::memory_order_relaxed);
+  }
+  return item;
 }
 
 MetricImpl::ItemPtr MetricImpl::WithTagValues(const std::vector<std::string>& values) {
   if (RefuseMoreThanDeclared(values.size()) || !PassStateGate()) {
     return GetDummyItem();
   }
-  std::vector<std::string>& pool = PreparePool();
-  std::copy(values.begin(), values.end(), pool.begin());
-  return GetOrCreate(pool);
+  if (values.size() == tag_count_) {
+    return GetOrCreate(values);
+  }
+  TagValueRefs refs(tag_count_, kMissingValue);
+  for (size_t i = 0; i < values.size(); ++i) {
+    refs.Set(i, values[i]);
+  }
+  return FindOrCreate(refs);
 }
 
 MetricImpl::ItemPtr MetricImpl::WithTagMap(
@@ -130,14 +168,14 @@ MetricImpl::ItemPtr MetricImpl::WithTagMap(
   if (!PassStateGate()) {
     return GetDummyItem();
   }
-  std::vector<std::string>& pool = PreparePool();
-  for (size_t i = 0; i < pool.size(); ++i) {
+  TagValueRefs values(tag_count_, kMissingValue);
+  for (size_t i = 0; i < tag_count_; ++i) {
     const auto found = tags.find(tag_names_[i]);
     if (found != tags.end()) {
-      pool[i] = found->second;
+      values.Set(i, found->second);
     }
   }
-  return GetOrCreate(pool);
+  return FindOrCreate(values);
 }
 
 MetricImpl::ItemPtr MetricImpl::WithCompatibleTags(const std::vector<std::string>& tag_pairs) {
@@ -146,6 +184,18 @@ MetricImpl::ItemPtr MetricImpl::WithCompatibleTags(const std::vector<std::string
 
 ReturnCode MetricImpl::GetTagValueVec(const std::vector<tidegate::MetricTag>& tags,
                                       std::vector<std::string>& values) {
+  TagValueRefs refs(tag_count_, kMissingValue);
+  const ReturnCode code = Resolve(tags, refs);
+  for (size_t i = 0; code == ReturnCode::kOk && i < refs.size(); ++i) {
+    if (&refs[i] != &kMissingValue) {
+      values[i] = refs[i];
+    }
+  }
+  return code;
+}
+
+ReturnCode MetricImpl::Resolve(const std::vector<tidegate::MetricTag>& tags,
+                               TagValueRefs& values) const {
   if (tags.size() > tag_count_) {
     return ReturnCode::kTagNumExceeded;
   }
@@ -155,20 +205,27 @@ ReturnCode MetricImpl::GetTagValueVec(const std::vector<tidegate::MetricTag>& ta
       return ReturnCode::kInvalidString;
     }
   }
+  if (!Place(tags, values)) {
+    METRICS_LOG_CODE(ReturnCode::kUnknownTagName);
+    return ReturnCode::kUnknownTagName;
+  }
+  return ReturnCode::kOk;
+}
+
+bool MetricImpl::Place(const std::vector<tidegate::MetricTag>& tags, TagValueRefs& values) const {
   for (size_t i = 0; i < tags.size(); ++i) {
     const tidegate::MetricTag& tag = tags[i];
-    if (tag_names_[i] == tag.key) {  // tags in sorted order never search
-      values[i] = tag.value;
+    if (SameText(tag_names_[i], tag.key)) {  // tags in sorted order never search
+      values.Set(i, tag.value);
       continue;
     }
     const auto found = std::find(tag_names_.begin(), tag_names_.end(), tag.key);
     if (found == tag_names_.end()) {
-      METRICS_LOG_CODE(ReturnCode::kUnknownTagName);
-      return ReturnCode::kUnknownTagName;
+      return false;
     }
-    values[static_cast<size_t>(found - tag_names_.begin())] = tag.value;
+    values.Set(static_cast<size_t>(found - tag_names_.begin()), tag.value);
   }
-  return ReturnCode::kOk;
+  return true;
 }
 
 MetricImpl::ItemPtr MetricImpl::GetDummyItem() { return GetMetricDummyItem(metric_); }
@@ -199,16 +256,6 @@ bool MetricImpl::RefuseMoreThanDeclared(size_t count) const {
   return true;
 }
 
-std::vector<std::string>& MetricImpl::PreparePool() const {
-  std::vector<std::vector<std::string>>& pools = tag_value_pool;
-  if (pools.size() <= tag_count_) {
-    pools.resize(tag_count_ + size_t{1});
-  }
-  std::vector<std::string>& pool = pools[tag_count_];
-  pool.assign(tag_count_, kMissingValue);
-  return pool;
-}
-
 void MetricImpl::PrepareSendTagKV(const std::vector<tidegate::MetricTag>& const_tags) {
   send_tags_.clear();
   send_tags_.reserve(tag_names_.size() + const_tags.size());
@@ -232,11 +279,11 @@ void MetricImpl::PrepareTagIdx() {
   }
 }
 
-std::string MetricImpl::EncodeTagBlock(const std::vector<std::string>& tag_values,
-                                       int32_t& tag_hash) const {
+void MetricImpl::EncodeTagBlock(const std::vector<std::string>& tag_values, int32_t& tag_hash,
+                                Pack& out) const {
   const size_t declared = tag_values.size() == tag_index_.size() ? tag_values.size() : 0;
   const bool compute_hash = tag_hash == 0;
-  Pack out(kTagScratchBytes);
+  const auto start = static_cast<uint32_t>(out.Used());
   out.Put(tag_hash);
   out.Put(static_cast<uint32_t>(2 * send_tags_.size()));
   uint32_t hash = kFNVOffsetBasis;
@@ -253,9 +300,8 @@ std::string MetricImpl::EncodeTagBlock(const std::vector<std::string>& tag_value
   }
   if (compute_hash) {
     tag_hash = static_cast<int32_t>(hash);
-    out.Patch(0, tag_hash);
+    out.Patch(start, tag_hash);
   }
-  return out.Bytes();
 }
 
 SuffixedMetricImpl::~SuffixedMetricImpl() = default;

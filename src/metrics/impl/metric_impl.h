@@ -20,6 +20,7 @@ namespace METRICS {
 class Metric;
 class MetricCollectorBase;
 class MetricCollectorFactory;
+class TagValueRefs;
 struct MetricFieldCfg;
 
 /// The shared item that stands for every failure: emitting on it does nothing and answers 70.
@@ -74,9 +75,10 @@ class METRICS_API MetricImpl {
   void PrepareSendTagKV(const std::vector<tidegate::MetricTag>& const_tags);
   /// Finds the place of each declared name in that list.
   void PrepareTagIdx();
-  /// The tags of a series in their packet form: hash, number of texts, texts. Computes `tag_hash`
-  /// if it is 0.
-  std::string EncodeTagBlock(const std::vector<std::string>& tag_values, int32_t& tag_hash) const;
+  /// Appends the tags of a series in their packet form: hash, number of texts, texts. Computes
+  /// `tag_hash` if it is 0.
+  void EncodeTagBlock(const std::vector<std::string>& tag_values, int32_t& tag_hash,
+                      lattice_kit::codec::Pack& out) const;
 
   /// Takes the collector out of the factory, if this metric put it there and it still stands.
   void DeregisterCollector();
@@ -94,11 +96,15 @@ class METRICS_API MetricImpl {
   std::shared_ptr<MetricCollectorBase> collector_;
 
  private:
+  /// The item of a series whose values are elsewhere; they are copied if it is new.
+  ItemPtr FindOrCreate(const TagValueRefs& values);
+  /// Puts the values in place; false if a key is unknown.
+  bool Place(const std::vector<tidegate::MetricTag>& tags, TagValueRefs& values) const;
+  /// `GetTagValueVec` without copies.
+  ReturnCode Resolve(const std::vector<tidegate::MetricTag>& tags, TagValueRefs& values) const;
   /// False when no emission may pass; then with a line unless the metric is still being made.
   bool PassStateGate() const;
   bool RefuseMoreThanDeclared(size_t count) const;
-  /// The work buffer of this thread, all values "-".
-  std::vector<std::string>& PreparePool() const;
 
   /// The metric that `collector_` was made for, if it is another of the same full name: items
   /// point at it.

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "metrics/metric_data.h"
+#include "util/metric_common.h"
+#include "util/short_text.h"
+
+namespace METRICS {
+
+using CellPtr = std::shared_ptr<MetricBasicData>;
+using CellMap = std::unordered_map<std::string, CellPtr>;
+
+/// The cells of one series by name, in the order in which they were made. Cells are added, and
+/// stay.
+///
+/// Not thread-safe: its owner guards it. Made for the few cells that a series has, mostly one,
+/// which is kept in the table itself. Searched by comparing; from `kSearched` cells on there is an
+/// index.
+class CellTable {
+ public:
+  struct Entry {
+    CellPtr cell;
+    MetricsType type = MetricsType::kUnknown;  ///< of the cell
+    std::string name;
+  };
+
+  /// The cell of `name`, or null. Looks first where the caller expects it: at place `likely`.
+  const Entry* Find(const std::string& name, size_t likely) const {
+    if (likely < Size() && SameText((*this)[likely].name, name)) {
+      return &(*this)[likely];
+    }
+    return Search(name);
+  }
+  /// Adds a cell, or replaces the one that has the name.
+  void Set(const std::string& name, CellPtr cell);
+
+  size_t Size() const {
+    return more_ != nullptr ? 1 + more_->entries.size() : first_.cell != nullptr ? 1 : 0;
+  }
+  const Entry& operator[](size_t place) const {
+    return place == 0 ? first_ : more_->entries[place - 1];
+  }
+  CellMap ToMap() const;
+  /// Bytes of names and pointers, as the statistics count them.
+  size_t MemSize() const;
+
+  /// What a cell is accounted for in the statistics beside its name.
+  static constexpr size_t kPointerBytes = 16;
+
+ private:
+  static constexpr size_t kSearched = 12;
+
+  struct More {
+    std::vector<Entry> entries;
+    std::unordered_map<std::string, size_t> index;  ///< places by name; empty up to `kSearched`
+  };
+
+  const Entry* Search(const std::string& name) const;
+  void Add(Entry entry);
+
+  Entry first_;  ///< its cell is null as long as there is none
+  std::unique_ptr<More> more_;
+};
+
+}  // namespace METRICS

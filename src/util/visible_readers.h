@@ -1,0 +1,48 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "util/thread_slot.h"
+
+namespace METRICS {
+
+/// What a thread is reading right now: a few slots that name a lock each, on lines of its own.
+///
+/// A reader that has written its lock's address here is seen by that lock's writers without having
+/// written anything that another reader touches. Threads without a `ThreadSlot` share rows, hence
+/// the compare-exchange. A forked child finds all slots empty: the kernel wipes them, so that
+/// nobody waits for readers that do not exist.
+using ReaderSlot = std::atomic<const void*>;
+struct alignas(128) ReaderRow {  // two lines: processors fetch them in pairs
+  static constexpr size_t kSlots = 8;
+  ReaderSlot slots[kSlots];
+};
+
+/// Whether the kernel wipes the rows in children; without that they are not to be used. False until
+/// the library's own initialisation.
+extern std::atomic<bool> reader_rows_usable;
+
+/// Row of this thread; null until it asks.
+extern __thread ReaderRow* t_reader_row __attribute__((tls_model("initial-exec")));
+ReaderRow* TakeReaderRow();
+
+/// Makes this thread visible as a reader of `lock`; null when all slots of its row are taken.
+inline ReaderSlot* EnterAsReader(const void* lock) {
+  ReaderRow* const row = t_reader_row != nullptr ? t_reader_row : TakeReaderRow();
+  for (ReaderSlot& slot : row->slots) {
+    const void* free = nullptr;
+    if (slot.load(std::memory_order_relaxed) == nullptr &&
+        slot.compare_exchange_strong(free, lock)) {
+      return &slot;
+    }
+  }
+  return nullptr;
+}
+
+/// Waits until no thread is visible as a reader of `lock`. REQUIRES: readers that become visible
+/// from now on give way.
+void WaitForReaders(const void* lock);
+
+}  // namespace METRICS

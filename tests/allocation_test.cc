@@ -1,0 +1,80 @@
+// Emissions on known series allocate nothing, whatever the way in: a counting allocator says so.
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <string>
+
+#include "metrics/bound_series.h"
+#include "support/environment.h"
+
+static __thread long allocations = 0;  // of this thread: the client's others do as they like
+
+// The C library's own is behind all others.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_memalign(size_t alignment, size_t size);
+
+void* malloc(size_t size) {
+  ++allocations;
+  return __libc_malloc(size);
+}
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
+int posix_memalign(void** memory, size_t alignment, size_t size) {
+  ++allocations;
+  *memory = __libc_memalign(alignment, size);
+  return 0;
+}
+}
+#endif
+
+namespace tidegate::test {
+namespace {
+
+using namespace METRICS;
+
+TEST(AllocationTest, NoneOnAKnownSeries) {
+  TestClient client(ReportTo("/tmp/nobody.listens", kNeverDue));
+  METRICS::Metric& metric = *client.Metric("m", {"b", "a"});
+  MetricInstanceCfg cfg;
+  cfg.name = "row";
+  cfg.tag_names = {"a"};
+  cfg.fields = {{"hits", MetricsType::kRate}};
+  METRICS::Metric* row = nullptr;
+  client.Registry("p")->CreateMetric(row, cfg);
+  const std::string value = "a value that is longer than a string holds in itself";
+  const std::vector<MetricTag> sorted{{"a", value}, {"b", "2"}}, unsorted{{"b", "2"}, {"a", value}};
+  const std::vector<std::string> values{value, "2"}, fewer{value};
+  const std::unordered_map<std::string, std::string> map{{"b", "2"}, {"a", value}};
+  const std::vector<MetricFieldValue> both{Incr(1), IncrCounter(1.5)};
+  const std::vector<MetricFieldValue> hits{WithField("hits", Incr(1))};
+  const std::unordered_map<std::string, double> hits_map{{"hits", 1}};
+  const auto held = metric.WithTags(sorted);
+  const auto held_row = row->WithTagValues({"1"});
+  BoundSeries bound;
+  bound.Bind(&metric, sorted, Incr(0));
+  const std::vector<std::pair<const char*, std::function<void()>>> ways{
+      {"WithTags", [&] { metric.WithTags(sorted)->Emit(both); }},
+      {"WithTags, unsorted", [&] { metric.WithTags(unsorted)->Emit({Incr(1)}); }},
+      {"WithTagValues", [&] { metric.WithTagValues(values)->Emit(both); }},
+      {"WithTagValues, fewer", [&] { metric.WithTagValues(fewer)->Emit(both); }},
+      {"WithTagMap", [&] { metric.WithTagMap(map)->Emit(both); }},
+      {"held item", [&] { held->Emit(both); }},
+      {"held row", [&] { held_row->Emit(hits); }},
+      {"held row by map", [&] { held_row->EmitMap(hits_map); }},
+      {"bound series", [&] { bound.Emit(1); }}};
+  for (const auto& [name, emit] : ways) {
+    emit();
+    const long before = allocations;
+    for (int i = 0; i < 200; ++i) emit();
+    EXPECT_EQ(allocations, before) << name;
+  }
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  EXPECT_GT(allocations, 0) << "not counted at all";
+#endif
+}
+
+}  // namespace
+}  // namespace tidegate::test
