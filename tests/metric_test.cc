@@ -34,7 +34,10 @@ TEST_F(MetricTest, AllFormsOfTagsLeadToTheSameSeries) {
   const auto none = metric_.WithTags({});
   EXPECT_EQ(metric_.WithTagMap({}), none);
   EXPECT_EQ(metric_.WithTagValues({"-"}), none);
-  EXPECT_EQ(metric_.WithTags({{"a", "0"}, {"a", "2"}}), metric_.WithTagValues({"2"}));
+  const auto twice = metric_.WithTags({{"a", "0"}, {"a", "2"}});
+  EXPECT_EQ(twice, metric_.WithTagValues({"2"}));
+  EXPECT_EQ(metric_.WithTags({{"a", "2"}}), twice);
+  EXPECT_EQ(metric_.WithTags({{"a", "a|b"}, {"a", "2"}}), DummyItem()) << "each value is validated";
   EXPECT_NE(metric_.WithTagValues({"bad|value"}), DummyItem()) << "not validated";
   EXPECT_EQ(metric_.impl_->GetSeriesCount(), 4u);
 }

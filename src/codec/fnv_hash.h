@@ -17,8 +17,22 @@ constexpr uint32_t kFNVPrime = 0x01000193U;
 /// Hashes chain: the hash of a text is that of its tail seeded with that of its head.
 inline uint32_t StrFNVHash(const std::string& s, uint32_t seed) {
   uint32_t hash = seed;
-  for (const char c : s) {
-    hash = (hash ^ static_cast<unsigned char>(c)) * kFNVPrime;
+  const auto step = [&hash](char c) { hash = (hash ^ static_cast<unsigned char>(c)) * kFNVPrime; };
+  const char* from = s.data();
+  size_t left = s.size();
+  // Eight at a time, which leaves room in the processor for what goes on beside this chain.
+  for (; left >= 8; left -= 8, from += 8) {
+    step(from[0]);
+    step(from[1]);
+    step(from[2]);
+    step(from[3]);
+    step(from[4]);
+    step(from[5]);
+    step(from[6]);
+    step(from[7]);
+  }
+  for (; left > 0; --left) {
+    step(*from++);
   }
   return hash;
 }

@@ -195,15 +195,36 @@ class TagValueRefs {
   TagValueRefs(size_t count, const std::string& value) : count_(count) {
     std::fill_n(values_, count, &value);
   }
-  void Set(size_t place, const std::string& value) { values_[place] = &value; }
+  void Set(size_t place, const std::string& value) {
+    values_[place] = &value;
+    if (place < hashed_) {
+      SetHash(0, lattice_kit::codec::kFNVOffsetBasis);
+    }
+  }
+  /// Tells what the first `count` values hash to.
+  void SetHash(size_t count, uint32_t hash) {
+    hashed_ = count;
+    hash_ = hash;
+  }
   size_t size() const { return count_; }
   const std::string& operator[](size_t place) const { return *values_[place]; }
   const std::string* const* begin() const { return values_; }
   const std::string* const* end() const { return values_ + count_; }
 
+  /// `TagKVHash` of the values.
+  uint32_t Hash() const {
+    uint32_t hash = hash_;
+    for (size_t i = hashed_; i < count_; ++i) {
+      hash = lattice_kit::codec::StrFNVHash(*values_[i], hash);
+    }
+    return hash;
+  }
+
  private:
   const size_t count_;
-  const std::string* values_[kMax];  // filled as far as `count_`
+  size_t hashed_ = 0;
+  uint32_t hash_ = lattice_kit::codec::kFNVOffsetBasis;  ///< of the first `hashed_` values
+  const std::string* values_[kMax];                      // filled as far as `count_`
 };
 
 /// Hash of a vector of tag values: the strings chained without delimiters.
@@ -215,25 +236,7 @@ struct TagKVHash {
     }
     return hash;
   }
-};
-
-/// Hash of the tag values of a series in its table. Not `TagKVHash`, which takes four cycles for
-/// each byte, one after the other: with three tags that would be half of a look-up.
-struct SeriesHash {
-  size_t operator()(const std::vector<std::string>& tag_values) const {
-    uint64_t hash = 0;
-    for (const std::string& value : tag_values) {
-      hash = HashText(value, hash);
-    }
-    return hash;
-  }
-  size_t operator()(const TagValueRefs& tag_values) const {
-    uint64_t hash = 0;
-    for (const std::string* value : tag_values) {
-      hash = HashText(*value, hash);
-    }
-    return hash;
-  }
+  size_t operator()(const TagValueRefs& tag_values) const { return tag_values.Hash(); }
 };
 
 /// Equality of two vectors of tag values, string by string.
@@ -249,7 +252,7 @@ struct TagKVCmp {
 };
 
 using SeriesMap =
-    ConcurrentHashmap<std::vector<std::string>, MetricCollectorItem, SeriesHash, TagKVCmp>;
+    ConcurrentHashmap<std::vector<std::string>, MetricCollectorItem, TagKVHash, TagKVCmp>;
 /// A series: its tag values, in the sorted order of the declared names, and its item.
 using Series = SeriesMap::KeyedValue;
 

@@ -219,7 +219,7 @@ void MetricEncoder::BeginSeries(const Series& series) {
   cur_tag_kv_ = {};
 }
 
-std::string_view MetricEncoder::CurrentTags() {
+std::string_view MetricEncoder::EncodeCurrentTagKV() {
   if (!cur_tag_kv_.empty()) {
     return cur_tag_kv_;
   }

@@ -111,7 +111,7 @@ class MetricEncoder final : public MetricEncoderBase {
   /// Makes `series` the one being packed.
   void BeginSeries(const Series& series);
   /// Its tags in packet form, encoded when they are first asked for.
-  std::string_view CurrentTags();
+  std::string_view EncodeCurrentTagKV();
 
   // Suffixed metrics.
 
@@ -126,8 +126,9 @@ class MetricEncoder final : public MetricEncoderBase {
   };
 
   void PackSuffixedMetric(std::vector<Series>& items);
-  /// `place` is that of the cell among those of its series.
-  void PackSuffix(const CellRef& ref, size_t place);
+  /// Drains a cell and writes what it reports. `place` is that of the cell among those of its
+  /// series.
+  void EncodeMetricWithSuffix(const CellRef& ref, size_t place);
   /// Whether a cell of type `type` goes out as one row of numbers.
   bool IsRow(const MetricsType& type) const;
   /// The blocks of this metric; made when they are first asked for. `place` is where to look first.
@@ -138,11 +139,15 @@ class MetricEncoder final : public MetricEncoderBase {
   std::string BlockHeader(MetricsType type, const std::string& tail,
                           const std::string& fields) const;
   std::vector<lattice_kit::codec::FieldInfo> RowFieldsOf(const MetricsType& type) const;
-  /// Writes the blocks of the current series. REQUIRES: there are `blocks.numbers` values.
+  // Write blocks of the current series. REQUIRES: there are `blocks.numbers` values.
   void PackNumbers(MetricDataPack& pack, const SuffixBlocks& blocks, const double* values,
                    long timestamp);
-  void PackBlock(MetricDataPack& pack, const std::string& header, const double* values,
-                 size_t count, long timestamp);
+  void DoPackSuffixMetric(MetricDataPack& pack, const SuffixBlocks& blocks, const double* values,
+                          long timestamp);
+  void DoPackSuffixToMultiField(MetricDataPack& pack, const SuffixBlocks& blocks,
+                                const double* values, long timestamp);
+  void EncodeOneSeriesMetric(MetricDataPack& pack, const std::string& header, const double* values,
+                             size_t count, long timestamp);
   /// REQUIRES: `PreviousPointWidth` of the type is not 0.
   void EncodePreviousInterval(double prev_value, const SuffixBlocks& blocks);
 

@@ -104,8 +104,8 @@ void MetricEncoder::EncodeCompatibleWithSuffix(const MetricsType& type,
     if (!CheckSendRes(type, res.values, array_size)) {
       continue;
     }
-    PackNumbers(pack_, BlocksOf(std::string(), type, false), res.values.data(),
-                sender_->last_flush_ts_);
+    DoPackSuffixMetric(pack_, BlocksOf(std::string(), type, false), res.values.data(),
+                       sender_->last_flush_ts_);
     if (res.need_prev) {
       EncodeExtendCompatibleSeries(type, res.prev_value);
     }

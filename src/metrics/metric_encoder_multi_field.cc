@@ -44,7 +44,7 @@ void MetricEncoder::EncodeMultiFieldSeries(const Series& series) {
     return;
   }
   BeginSeries(series);
-  EncodeOneSeriesValue(pack_, CurrentTags(), row_.value_fields, row_.values);
+  EncodeOneSeriesValue(pack_, EncodeCurrentTagKV(), row_.value_fields, row_.values);
   if (!row_.prev_values.empty()) {
     EncodeMultiFieldExtendSeries(row_);
   }
@@ -57,7 +57,7 @@ void MetricEncoder::EncodeMultiFieldExtendSeries(const MultiFieldSendRes& res) {
   if (prev_pack_.block_series == 0) {
     EncodeRowHeader(prev_pack_, sender_->last_flush_ts_ - interval_, false);
   }
-  EncodeOneSeriesValue(prev_pack_, CurrentTags(), res.prev_fields, res.prev_values);
+  EncodeOneSeriesValue(prev_pack_, EncodeCurrentTagKV(), res.prev_fields, res.prev_values);
   METRICS_LOG_DEBUG("Pack %ld zeros for counter/meter.\n",
                     static_cast<long>(res.prev_values.size()));
   CheckMsgLenAndSend(prev_pack_, true);

@@ -120,7 +120,7 @@ void MetricEncoder::PackSuffixedMetric(std::vector<Series>& items) {
     BeginSeries(items[k]);
     item.ListCells(cells_);
     for (size_t i = 0; i < cells_.size(); ++i) {
-      PackSuffix(cells_[i], i);
+      EncodeMetricWithSuffix(cells_[i], i);
       if (CheckMsgLenAndSend(pack_, false)) {
         RePackFromRegistry(pack_);
       }
@@ -128,7 +128,7 @@ void MetricEncoder::PackSuffixedMetric(std::vector<Series>& items) {
   }
 }
 
-void MetricEncoder::PackSuffix(const CellRef& ref, size_t place) {
+void MetricEncoder::EncodeMetricWithSuffix(const CellRef& ref, size_t place) {
   if (!IsCellType(ref.type)) {
     METRICS_LOG_ERROR("Sender[%s]Internal Error for Unknown MetricType: %d\n", name_.c_str(),
                       static_cast<int>(ref.type));
@@ -220,21 +220,31 @@ std::vector<FieldInfo> MetricEncoder::RowFieldsOf(const MetricsType& type) const
 void MetricEncoder::PackNumbers(MetricDataPack& pack, const SuffixBlocks& blocks,
                                 const double* values, long timestamp) {
   if (blocks.row) {
-    PackBlock(pack, blocks.headers.front(), values, blocks.numbers, timestamp);
-    return;
+    DoPackSuffixToMultiField(pack, blocks, values, timestamp);
+  } else {
+    DoPackSuffixMetric(pack, blocks, values, timestamp);
   }
+}
+
+void MetricEncoder::DoPackSuffixMetric(MetricDataPack& pack, const SuffixBlocks& blocks,
+                                       const double* values, long timestamp) {
   for (size_t i = 0; i < blocks.numbers; ++i) {
-    PackBlock(pack, blocks.headers[i], values + i, 1, timestamp);
+    EncodeOneSeriesMetric(pack, blocks.headers[i], values + i, 1, timestamp);
   }
+}
+
+void MetricEncoder::DoPackSuffixToMultiField(MetricDataPack& pack, const SuffixBlocks& blocks,
+                                             const double* values, long timestamp) {
+  EncodeOneSeriesMetric(pack, blocks.headers.front(), values, blocks.numbers, timestamp);
 }
 
 // As a block that is opened, given one series record and closed, but at one go: nearly all of a
 // flush is this.
-void MetricEncoder::PackBlock(MetricDataPack& pack, const std::string& header, const double* values,
-                              size_t count, long timestamp) {
+void MetricEncoder::EncodeOneSeriesMetric(MetricDataPack& pack, const std::string& header,
+                                          const double* values, size_t count, long timestamp) {
   constexpr size_t kBytesAheadOfTime = 13;  // length, number of series, type, hash
   constexpr size_t kValueRecordBytes = sizeof(uint32_t) + sizeof(double);
-  const std::string_view tags = CurrentTags();
+  const std::string_view tags = EncodeCurrentTagKV();
   const size_t bytes =
       header.size() + tags.size() + 2 * sizeof(uint32_t) + count * kValueRecordBytes;
   pack.Reserve(static_cast<int32_t>(bytes));

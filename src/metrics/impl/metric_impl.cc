@@ -20,6 +20,7 @@ namespace METRICS {
 using lattice_kit::codec::EncodeText;
 using lattice_kit::codec::kFNVOffsetBasis;
 using lattice_kit::codec::Pack;
+using lattice_kit::codec::StrFNVHash;
 using lattice_kit::codec::TagFNVHash;
 using lattice_kit::codec::TagKV;
 
@@ -130,7 +131,7 @@ MetricImpl::ItemPtr MetricImpl::WithTags(const std::vector<tidegate::MetricTag>&
     return GetDummyItem();
   }
   TagValueRefs values(tag_count_, kMissingValue);
-  if (Place(tags, values)) {
+  if (Place(tags, values) == Placing::kDone) {
     ItemPtr known = collector_->Find(values);
     // Values that are equal to valid ones are valid.
     if (known != nullptr && known->tags_valid_.load(std::memory_order_relaxed)) {
@@ -205,27 +206,35 @@ ReturnCode MetricImpl::Resolve(const std::vector<tidegate::MetricTag>& tags,
       return ReturnCode::kInvalidString;
     }
   }
-  if (!Place(tags, values)) {
+  if (Place(tags, values) == Placing::kUnknownKey) {
     METRICS_LOG_CODE(ReturnCode::kUnknownTagName);
     return ReturnCode::kUnknownTagName;
   }
   return ReturnCode::kOk;
 }
 
-bool MetricImpl::Place(const std::vector<tidegate::MetricTag>& tags, TagValueRefs& values) const {
-  for (size_t i = 0; i < tags.size(); ++i) {
-    const tidegate::MetricTag& tag = tags[i];
-    if (SameText(tag_names_[i], tag.key)) {  // tags in sorted order never search
-      values.Set(i, tag.value);
-      continue;
-    }
-    const auto found = std::find(tag_names_.begin(), tag_names_.end(), tag.key);
-    if (found == tag_names_.end()) {
-      return false;
-    }
-    values.Set(static_cast<size_t>(found - tag_names_.begin()), tag.value);
+MetricImpl::Placing MetricImpl::Place(const std::vector<tidegate::MetricTag>& tags,
+                                      TagValueRefs& values) const {
+  // Tags in sorted order never search. Each byte of a hash waits for the one before: one that is
+  // begun here goes on beside other work.
+  uint32_t hash = kFNVOffsetBasis;
+  size_t i = 0;
+  for (; i < tags.size() && SameText(tag_names_[i], tags[i].key); ++i) {
+    values.Set(i, tags[i].value);
+    hash = StrFNVHash(tags[i].value, hash);
   }
-  return true;
+  values.SetHash(i, hash);
+  bool repeated = false;
+  for (; i < tags.size(); ++i) {
+    const auto found = std::find(tag_names_.begin(), tag_names_.end(), tags[i].key);
+    if (found == tag_names_.end()) {
+      return Placing::kUnknownKey;
+    }
+    const auto place = static_cast<size_t>(found - tag_names_.begin());
+    repeated = repeated || &values[place] != &kMissingValue;
+    values.Set(place, tags[i].value);
+  }
+  return repeated ? Placing::kRepeatedKey : Placing::kDone;
 }
 
 MetricImpl::ItemPtr MetricImpl::GetDummyItem() { return GetMetricDummyItem(metric_); }

@@ -98,8 +98,10 @@ class METRICS_API MetricImpl {
  private:
   /// The item of a series whose values are elsewhere; they are copied if it is new.
   ItemPtr FindOrCreate(const TagValueRefs& values);
-  /// Puts the values in place; false if a key is unknown.
-  bool Place(const std::vector<tidegate::MetricTag>& tags, TagValueRefs& values) const;
+  enum class Placing { kDone, kRepeatedKey, kUnknownKey };
+
+  /// Puts the values in place, the last one where a key is repeated.
+  Placing Place(const std::vector<tidegate::MetricTag>& tags, TagValueRefs& values) const;
   /// `GetTagValueVec` without copies.
   ReturnCode Resolve(const std::vector<tidegate::MetricTag>& tags, TagValueRefs& values) const;
   /// False when no emission may pass; then with a line unless the metric is still being made.
