@@ -157,6 +157,31 @@ TEST(ForwardUrlTest, TakesUrlsApartAndSaysWhatIsWrong) {
   }
 }
 
+TEST(ForwardUrlTest, ShowsNoPasswordOfWhatItRefuses) {
+  const std::pair<std::string, const char*> kCases[] = {
+      {"http://me:SECRET@db:x", "http://...@db:x"},
+      {"https://me:SECRET@[::1/write?db=x", "https://...@[::1/write"},
+      {"http://me:a/SECRET@db:8428", "http://...@db:8428"},
+      {"http://me:1/SECRET@db", "http://...@db"},
+      {"http://me:SECRET@b/c@db", "http://...@db"},
+      {"http://me:1#SECRET@db#x", "http://...@db"},
+      {"http://me:1?SECRET@db", "http://..."},
+      {"http://me:?precision=SECRET@db", "http://..."},
+      {"http://me:[SECRET/@db", "http://...@db"},
+      {"http://db/write?token=a@SECRET", "http://..."},
+      {"me:SECRET://@db", "...@db"},
+      {"db:8428?token=SECRET", "db:8428?..."},
+      {"http://db:x/write", "http://db:x/write"},
+  };
+  for (const auto& [text, shown] : kCases) {
+    ForwardUrl url;
+    std::string error;
+    EXPECT_FALSE(ParseForwardUrl(text, &url, &error)) << text;
+    EXPECT_EQ(error.find("SECRET"), std::string::npos) << error;
+    EXPECT_EQ(WithoutSecrets(text), shown);
+  }
+}
+
 // A server on loopback that keeps what is posted and answers as told.
 class Database {
  public:
