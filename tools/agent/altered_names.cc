@@ -37,17 +37,20 @@ Words WordsOf(LinePart part) {
 }  // namespace
 
 void AlteredNames::StartBlock(std::string_view name, std::string_view escaped, bool altered) {
-  measurement_.assign(escaped) += kEnd;
-  const auto next = originals_.lower_bound(measurement_);
-  watches_block_ =
-      next != originals_.end() && next->first.compare(0, measurement_.size(), measurement_) == 0;
+  measurement_ = escaped;
+  watches_block_ = false;
+  if (originals_.empty() && !altered) return;
+  key_.assign(escaped) += kEnd;
+  const auto next = originals_.lower_bound(key_);
+  watches_block_ = next != originals_.end() && next->first.compare(0, key_.size(), key_) == 0;
   See(LinePart::kMeasurement, name, escaped, altered);
 }
 
 void AlteredNames::See(LinePart part, std::string_view name, std::string_view escaped,
                        bool altered) {
   if (!altered && !watches_block_) return;
-  key_.assign(measurement_) += WordsOf(part).code;
+  key_.assign(measurement_) += kEnd;
+  key_ += WordsOf(part).code;
   if (part != LinePart::kMeasurement) key_ += escaped;
   const auto found = originals_.find(key_);
   if (found == originals_.end()) {
@@ -64,10 +67,7 @@ void AlteredNames::Report(LinePart part, std::string_view first, std::string_vie
                           std::string_view escaped) {
   if (log_.IsFull()) return;
   const Words words = WordsOf(part);
-  std::string of;
-  if (part != LinePart::kMeasurement) {
-    of = " of " + Shown(std::string_view(measurement_).substr(0, measurement_.size() - 1));
-  }
+  const std::string of = part == LinePart::kMeasurement ? "" : " of " + Shown(measurement_);
   log_.Report(std::string("the ") + words.names + " " + Shown(first) + " and " + Shown(second) +
               of + " are both forwarded as " + Shown(escaped) + ": " + words.outcome +
               ", rename one");

@@ -28,7 +28,7 @@ class AlteredNames {
   explicit AlteredNames(CollisionLog::Reporter report) : log_(std::move(report)) {}
 
   // The names that follow are those of a block with this measurement. `escaped` is what
-  // AppendEscaped made of `name`, `altered` what it returned.
+  // AppendEscaped made of `name`, borrowed until the next block; `altered` is what it returned.
   void StartBlock(std::string_view name, std::string_view escaped, bool altered);
 
   // A key of the block, with `escaped` and `altered` as above.
@@ -45,7 +45,7 @@ class AlteredNames {
   // What names were before they became what the key ends with. In front of that stand the
   // measurement and the part; what is escaped has no control characters, so they end it.
   std::map<std::string, std::string> originals_;
-  std::string measurement_;  // of the block, escaped, with its end
+  std::string_view measurement_;  // of the block, escaped
   bool watches_block_ = false;
   std::string key_;  // kept for its memory
 };
