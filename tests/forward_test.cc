@@ -214,7 +214,7 @@ TEST_F(LineCollisionTest, IsFoundForTheFirstThousandNamesThatAreNotTooLong) {
   EXPECT_EQ(reports_.size(), 1U);
   Write(std::string(longest - 1, 'n') + '\n', "", "t");
   Write(std::string(longest - 1, 'n') + '_', "", "t");
-  EXPECT_EQ(reports_.size(), 2U);
+  ASSERT_EQ(reports_.size(), 2U);
   EXPECT_LT(reports_[1].size(), 2000U);
 
   for (size_t i = 2; i < AlteredNames::kMaxNames + 1; ++i) Write(std::to_string(i) + '\n', "", "t");

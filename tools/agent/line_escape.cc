@@ -45,8 +45,8 @@ size_t AppendCharacter(LinePart part, std::string_view text, std::string* out, b
   }
   // Receivers differ in what a backslash means in front of itself, and at the end it would join the
   // next character.
-  const bool escape = c == '\\' && (text.size() == 1 || text[1] == '\\' || text[1] == '=' ||
-                                    IsEscapedIn(LinePart::kTag, text[1]));
+  const bool escape =
+      c == '\\' && (text.size() == 1 || text[1] == '\\' || IsEscapedIn(LinePart::kTag, text[1]));
   if (c < ' ' || c == '\x7f' || escape || (c == '"' && part == LinePart::kField)) {
     *out += '_';
     *replaced = true;

@@ -32,7 +32,7 @@ class LineWriter {
   LineWriter(bool label_pid, CollisionLog::Reporter report)
       : label_pid_(label_pid), names_(std::move(report)) {}
 
-  // Starts with the records of `block`, which is borrowed until the last of them.
+  // Starts with the records of `block`. All three are borrowed until the last of them.
   void StartBlock(const Packet& packet, const ClientId& client, const Block& block);
 
   // Appends the lines of one record of the block. False if there is nothing in it that a line can
