@@ -212,7 +212,7 @@ TEST_F(AgentTest, RefusesBadSettingsInOneLine) {
       {{"--ttl", "0"}, "--ttl"},
       {{"--socket-mode", "rw"}, "\"rw\" is no file mode, give octal digits as 0660"},
       {{"--http", "9464"}, "\"9464\" is no address, give HOST:PORT as 127.0.0.1:9464"},
-      {{"--forward", "http://me:secret@db:x/"}, "--forward: \"...@db:x/\" is no URL"},
+      {{"--forward", "http://me:secret@db:x/"}, "--forward: \"http://...@db:x/\" is no URL"},
       {{"--print", "xml"}, "xml not in {text,json}"},
       {{"--config", folder_ / "none"}, "none"},
       {{"--config", folder_ / "config"}, "tll"},

@@ -26,6 +26,7 @@ using std::chrono::seconds;
 using std::chrono::steady_clock;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
@@ -41,20 +42,24 @@ Block MakeBlock(uint8_t type, const std::string& name, const std::vector<std::st
   return block;
 }
 
-// What LineWriter makes of a block of the tenant t1.
-std::string Lines(const Block& block, bool label_pid = false) {
+// What `writer` makes of a block of the tenant t1.
+std::string Lines(const Block& block, LineWriter* writer) {
   Packet packet;
   packet.tenant = "t1";
   const ClientId client{42};
-  LineWriter writer(label_pid);
-  writer.StartBlock(packet, client, block);
+  writer->StartBlock(packet, client, block);
   std::string lines;
   for (const Series& record : block.series) {
     const size_t before = lines.size();
-    const bool appended = writer.AppendRecord(record, &lines);
+    const bool appended = writer->AppendRecord(record, &lines);
     EXPECT_EQ(appended, lines.size() > before);
   }
   return lines;
+}
+
+std::string Lines(const Block& block, bool label_pid = false) {
+  LineWriter writer(label_pid, [](const std::string& /*collision*/) {});
+  return Lines(block, &writer);
 }
 
 TEST(LineProtocolTest, WritesEachKindAsTheMappingSays) {
@@ -91,6 +96,13 @@ TEST(LineProtocolTest, WritesEachKindAsTheMappingSays) {
       {MakeBlock(6, std::string(9 << 20, 'm'), {"hist:b-0", "hist:b-1", "hist:sum", "hist:count"},
                  {{0, {}, {}, {1, 1, 1, 2}}}),
        ""},
+      // Columns that become one: the first of those that the row has, even if it has no number.
+      {MakeBlock(
+           7, "m", {"a\"", "a_", "b", "a_"},
+           {{0, {}, {}, {1, 2, 3, 4}}, {0, {}, {1, 3}, {2, 4}}, {0, {}, {}, {kNan, 2, 3, 4}}}),
+       "m,tenant=t1 a_=1,b=3 1700000000000000000\n"
+       "m,tenant=t1 a_=2,a_=4 1700000000000000000\n"
+       "m,tenant=t1 b=3 1700000000000000000\n"},
       // What is no number is left out, with its line where nothing else is in it.
       {MakeBlock(7, "m", {"a", "b", "c"}, {{0, {}, {}, {kNan, 4, kInfinity}}}),
        "m,tenant=t1 b=4 1700000000000000000\n"},
@@ -125,9 +137,94 @@ TEST(LineProtocolTest, EscapesWhatHasAMeaning) {
   };
   for (const auto& test : kCases) {
     std::string escaped;
-    AppendEscaped(test.part, test.text, &escaped);
+    const bool replaced = AppendEscaped(test.part, test.text, &escaped);
     EXPECT_EQ(escaped, test.escaped) << test.text;
+    std::string without_escapes = escaped;
+    for (const char* mark : {"\\ ", "\\,", "\\="}) {
+      for (size_t at; (at = without_escapes.find(mark)) != std::string::npos;) {
+        without_escapes.erase(at, 1);
+      }
+    }
+    EXPECT_EQ(replaced, without_escapes != test.text) << test.text;
   }
+}
+
+class LineCollisionTest : public testing::Test {
+ protected:
+  // A gauge if there is no column.
+  void Write(const std::string& name, const std::string& column, const std::string& tag) {
+    const std::vector<Tag> tags = {{tag, "v"}};
+    Lines(column.empty() ? MakeBlock(1, name, {}, {{0, tags, {}, {1}}})
+                         : MakeBlock(7, name, {column}, {{0, tags, {}, {1}}}),
+          &writer_);
+  }
+
+  std::vector<std::string> reports_;
+  LineWriter writer_{false, [this](const std::string& line) { reports_.push_back(line); }};
+};
+
+TEST_F(LineCollisionTest, IsReportedOnceForEachPairInEitherOrder) {
+  const char* const kMixed = ": their points are mixed there, rename one";
+  const char* const kTags =
+      ": their series are mixed there, and a line has only the first of them, rename one";
+  const char* const kFields =
+      ": their values are mixed there, and a line has only the first of them, rename one";
+  const std::string made[] = {
+      std::string(R"(the measurements "a\nb" and "a_b" are both forwarded as "a_b")") + kMixed,
+      std::string(R"(the measurements "a\nb" and "a\x01b" are both forwarded as "a_b")") + kMixed,
+      std::string(R"(the tags "k\xff" and "k_" of "a_b" are both forwarded as "k_")") + kTags,
+      std::string(R"(the fields "f\"" and "f_" of "m\\ n" are both forwarded as "f_")") + kFields,
+  };
+  const auto write = [this](const std::vector<size_t>& order) {
+    const struct {
+      std::string name, column, tag;
+    } kBlocks[] = {
+        {"a\nb", "", "t"},
+        {"a_b", "", "t"},
+        {"a\x01"
+         "b",
+         "", "t"},
+        {"a_b", "", "k\xff"},
+        {"a_b", "c", "k_"},
+        {"m n", "f\"", "t"},
+        {"m n", "f_", "t"},
+        {"other", "f_", "k_"},
+        {"m n", "t", "f_"},
+    };
+    for (const size_t i : order) Write(kBlocks[i].name, kBlocks[i].column, kBlocks[i].tag);
+  };
+  write({1, 4, 6, 7, 8});
+  write({7, 6, 8, 4, 1});
+  EXPECT_THAT(reports_, IsEmpty());  // no name is altered
+  write({0, 2, 3, 5});
+  // Against what is remembered a name is found at once; one that came before, when it comes again.
+  EXPECT_THAT(reports_, ElementsAre(made[1], made[0]));
+  for (int i = 0; i < 2; ++i) write({8, 7, 6, 4, 1, 5, 3, 2, 0});
+  EXPECT_THAT(reports_, ElementsAre(made[1], made[0], made[3], made[2]));
+}
+
+TEST_F(LineCollisionTest, IsFoundForTheFirstThousandNamesThatAreNotTooLong) {
+  // One in the same line; it is remembered as all others.
+  Lines(MakeBlock(1, "m", {}, {{0, {{"k\n", "1"}, {"k_", "2"}}, {}, {1}}}), &writer_);
+  EXPECT_EQ(reports_.size(), 1U);
+  // Both forms are kept, with two bytes more.
+  const size_t longest = (AlteredNames::kMaxNameBytes - 2) / 2;
+  Write(std::string(longest, 'n') + '\n', "", "t");
+  Write(std::string(longest, 'n') + '_', "", "t");
+  EXPECT_EQ(reports_.size(), 1U);
+  Write(std::string(longest - 1, 'n') + '\n', "", "t");
+  Write(std::string(longest - 1, 'n') + '_', "", "t");
+  ASSERT_EQ(reports_.size(), 2U);
+  EXPECT_LT(reports_[1].size(), 2000U);
+
+  for (size_t i = 2; i < AlteredNames::kMaxNames + 1; ++i) Write(std::to_string(i) + '\n', "", "t");
+  Write(std::to_string(AlteredNames::kMaxNames) + '_', "", "t");
+  EXPECT_EQ(reports_.size(), 2U);
+  for (size_t i = 2; i < AlteredNames::kMaxNames; ++i) Write(std::to_string(i) + '_', "", "t");
+  EXPECT_EQ(reports_.size(), AlteredNames::kMaxNames);
+  // As many lines as there may be.
+  Write("2\r", "", "t");
+  EXPECT_EQ(reports_.size(), CollisionLog::kMaxLines);
 }
 
 TEST(ForwardUrlTest, TakesUrlsApartAndSaysWhatIsWrong) {
@@ -154,6 +251,31 @@ TEST(ForwardUrlTest, TakesUrlsApartAndSaysWhatIsWrong) {
   for (const auto& [text, reason] : kWrong) {
     EXPECT_FALSE(ParseForwardUrl(text, &url, &error)) << text;
     EXPECT_EQ(error, reason);
+  }
+}
+
+TEST(ForwardUrlTest, ShowsNoPasswordOfWhatItRefuses) {
+  const std::pair<std::string, const char*> kCases[] = {
+      {"http://me:SECRET@db:x", "http://...@db:x"},
+      {"https://me:SECRET@[::1/write?db=x", "https://...@[::1/write"},
+      {"http://me:a/SECRET@db:8428", "http://...@db:8428"},
+      {"http://me:1/SECRET@db", "http://...@db"},
+      {"http://me:SECRET@b/c@db", "http://...@db"},
+      {"http://me:1#SECRET@db#x", "http://...@db"},
+      {"http://me:1?SECRET@db", "http://..."},
+      {"http://me:?precision=SECRET@db", "http://..."},
+      {"http://me:[SECRET/@db", "http://...@db"},
+      {"http://db/write?token=a@SECRET", "http://..."},
+      {"me:SECRET://@db", "...@db"},
+      {"db:8428?token=SECRET", "db:8428?..."},
+      {"http://db:x/write", "http://db:x/write"},
+  };
+  for (const auto& [text, shown] : kCases) {
+    ForwardUrl url;
+    std::string error;
+    EXPECT_FALSE(ParseForwardUrl(text, &url, &error)) << text;
+    EXPECT_EQ(error.find("SECRET"), std::string::npos) << error;
+    EXPECT_EQ(WithoutSecrets(text), shown);
   }
 }
 
@@ -228,10 +350,10 @@ class ForwarderTest : public testing::Test {
       log_.push_back(line);
     });
   }
-  void Handle(double value) {
+  void Handle(double value, const std::string& name = "m") {
     Packet packet;
     packet.tenant = "t";
-    packet.blocks.push_back(MakeBlock(1, "m", {}, {{0, {}, {}, {value}}}));
+    packet.blocks.push_back(MakeBlock(1, name, {}, {{0, {}, {}, {value}}}));
     forwarder_->Handle(packet, ClientId());
   }
   static std::string LineOf(int value) {
@@ -341,6 +463,12 @@ TEST_F(ForwarderTest, BoundsTheQueueByBytesToo) {
   EXPECT_GT(health_.forward_queue_bytes, 50000U);
   EXPECT_LE(health_.forward_queue_bytes, 120000U);
   EXPECT_EQ(health_.forward_queue_points + health_.forward_dropped_full, 10000U);
+}
+
+TEST_F(ForwarderTest, ReportsNamesThatBecomeOne) {
+  Make(Options("http://127.0.0.1:1"));
+  for (const char* name : {"m_", "m\n", "m_", "m\n"}) Handle(1, name);
+  EXPECT_THAT(log(), ElementsAre(HasSubstr("both forwarded as \"m_\"")));
 }
 
 TEST_F(ForwarderTest, CutsLongPacketsIntoBatches) {

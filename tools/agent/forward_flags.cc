@@ -24,15 +24,6 @@ std::string HostName() {
   return name;
 }
 
-// Without user, password and query, where secrets can be: the text is no URL that could be taken
-// apart.
-std::string WithoutSecrets(const std::string& text) {
-  const size_t at = text.rfind('@');
-  std::string shown = at == std::string::npos ? text : "..." + text.substr(at);
-  const size_t query = shown.find('?');
-  return query == std::string::npos ? shown : shown.substr(0, query) + "?...";
-}
-
 std::string CheckUrl(const std::string& text) {
   ForwardUrl url;
   std::string error;

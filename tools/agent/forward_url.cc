@@ -101,6 +101,13 @@ bool ParseForwardUrl(const std::string& text, ForwardUrl* url, std::string* erro
   const size_t authority_end = std::min(rest.find_first_of("/?#"), rest.size());
   std::string_view authority = rest.substr(0, authority_end);
   rest.remove_prefix(authority_end);
+  // Most likely that was half of a password, which must go neither to a host nor into the log.
+  if (rest.find('@') != std::string_view::npos) {
+    *error =
+        "an @ behind the host has to be written as %40, and in a password /, ? and # as %2F, "
+        "%3F and %23";
+    return false;
+  }
   rest = rest.substr(0, rest.find('#'));
   std::string_view credentials = TakeThrough(&authority, authority.rfind('@'), 1);
   const size_t colon = std::min(credentials.find(':'), credentials.size());
@@ -115,6 +122,21 @@ bool ParseForwardUrl(const std::string& text, ForwardUrl* url, std::string* erro
   url->shown = std::string(scheme) + "://" + std::string(authority) +
                url->target.substr(0, url->target.find('?'));
   return CheckPrecision(url->target, error);
+}
+
+std::string WithoutSecrets(const std::string& text) {
+  const size_t query = text.find('?');
+  const size_t at = text.rfind('@');
+  if (at == std::string::npos) {
+    return query == std::string::npos ? text : text.substr(0, query) + "?...";
+  }
+  size_t scheme = 0;
+  for (const std::string_view known : {"http://", "https://"}) {
+    if (text.compare(0, known.size(), known) == 0) scheme = known.size();
+  }
+  // With a ? in front of it, the @ may stand in a query as well as behind a password.
+  return text.substr(0, scheme) + "..." +
+         (query < at ? "" : text.substr(at, text.find_first_of("?#", at) - at));
 }
 
 }  // namespace tidegate::agent

@@ -19,4 +19,8 @@ struct ForwardUrl {
 // false, with one line in `error` that quotes the offending part, for what cannot be forwarded to.
 bool ParseForwardUrl(const std::string& text, ForwardUrl* url, std::string* error);
 
+// `text` for a line that says why it is refused: without what can be a user, a password, written
+// right or wrong, or a query.
+std::string WithoutSecrets(const std::string& text);
+
 }  // namespace tidegate::agent

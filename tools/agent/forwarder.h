@@ -37,8 +37,9 @@ struct ForwardOptions {
 // otherwise, redirects included, is dropped. Both are counted in Health and reported, at most once
 // per log_interval each. A reply that got lost makes a batch arrive twice.
 //
-// Threads: Handle on the decoder's; a thread of its own packs and sends, and reports; the rest from
-// the owner's. Handle writes lines and never waits. Borrows `health`, which it also forwards.
+// Threads: Handle on the decoder's; a thread of its own packs and sends; the rest from the owner's.
+// Each of them reports. Handle writes lines and never waits. Borrows `health`, which it also
+// forwards.
 class Forwarder : public PacketSink {
  public:
   using Report = std::function<void(const std::string& line)>;

@@ -20,54 +20,6 @@ constexpr std::string_view kHistogramPrefix = "hist:";
 // of what a packet holds.
 constexpr size_t kMaxBucketBytes = 16 << 20;
 
-bool IsEscapedIn(LinePart part, char c) {
-  return c == ',' || c == ' ' || (c == '=' && part != LinePart::kMeasurement);
-}
-
-bool IsPlain(char c) {
-  return c > ' ' && c != '\x7f' && c != ',' && c != '=' && c != '\\' && c != '"' && c != '#';
-}
-
-bool IsPlainText(std::string_view text) {
-  return !text.empty() && std::all_of(text.begin(), text.end(), IsPlain);
-}
-
-// How many bytes at the front of `text` are one character of UTF-8 beyond ASCII; 0 if they are
-// none.
-size_t Utf8Length(std::string_view text) {
-  const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-  const size_t length = byte(0) >= 0xf0 ? 4 : byte(0) >= 0xe0 ? 3 : 2;
-  if (byte(0) < 0xc2 || byte(0) > 0xf4 || text.size() < length) return 0;
-  for (size_t i = 1; i < length; ++i) {
-    if ((byte(i) & 0xc0) != 0x80) return 0;
-  }
-  // Too long for what they say, half of a pair, or beyond the last character.
-  const bool bad = (byte(0) == 0xe0 && byte(1) < 0xa0) || (byte(0) == 0xed && byte(1) > 0x9f) ||
-                   (byte(0) == 0xf0 && byte(1) < 0x90) || (byte(0) == 0xf4 && byte(1) > 0x8f);
-  return bad ? 0 : length;
-}
-
-// Appends the character at the front of `text` and returns its length.
-size_t AppendCharacter(LinePart part, std::string_view text, std::string* out) {
-  const char c = text.front();
-  if (static_cast<unsigned char>(c) >= 0x80) {
-    const size_t length = Utf8Length(text);
-    *out += length == 0 ? "_" : text.substr(0, length);
-    return std::max<size_t>(length, 1);
-  }
-  // Receivers differ in what a backslash means in front of itself, and at the end it would join the
-  // next character.
-  const bool escape = c == '\\' && (text.size() == 1 || text[1] == '\\' || text[1] == '=' ||
-                                    IsEscapedIn(LinePart::kTag, text[1]));
-  if (c < ' ' || c == '\x7f' || escape || (c == '"' && part == LinePart::kField)) {
-    *out += '_';
-    return 1;
-  }
-  if (IsEscapedIn(part, c)) *out += '\\';
-  *out += c;
-  return 1;
-}
-
 void AppendNumber(double value, std::string* out) {
   char digits[32];
   const auto end = std::to_chars(std::begin(digits), std::end(digits), value);
@@ -89,18 +41,6 @@ std::string_view FieldName(Kind kind, std::string_view column) {
 
 }  // namespace
 
-void AppendEscaped(LinePart part, std::string_view text, std::string* out) {
-  if (IsPlainText(text)) {
-    *out += text;
-    return;
-  }
-  if (text.empty() || (part == LinePart::kMeasurement && text.front() == '#')) {
-    *out += '_';
-    text.remove_prefix(std::min<size_t>(text.size(), 1));
-  }
-  while (!text.empty()) text.remove_prefix(AppendCharacter(part, text, out));
-}
-
 void LineWriter::StartBlock(const Packet& packet, const ClientId& client, const Block& block) {
   packet_ = &packet;
   client_ = &client;
@@ -109,13 +49,9 @@ void LineWriter::StartBlock(const Packet& packet, const ClientId& client, const 
   in_time_ = block.timestamp <= kLastSecond && block.timestamp >= -kLastSecond;
   time_ = ' ' + std::to_string(in_time_ ? block.timestamp * kNanosPerSecond : 0) + '\n';
   measurement_.clear();
-  AppendEscaped(LinePart::kMeasurement, block.name, &measurement_);
-
-  fields_.resize(block.fields.size());
-  for (size_t i = 0; i < fields_.size(); ++i) {
-    fields_[i].clear();
-    AppendEscaped(LinePart::kField, FieldName(kind_, block.fields[i].name), &fields_[i]);
-  }
+  const bool altered = AppendEscaped(LinePart::kMeasurement, block.name, &measurement_);
+  names_.StartBlock(block.name, measurement_, altered);
+  EscapeFields();
   bounds_.clear();
   if (kind_ != Kind::kHistogram) return;
   // A bucket is known by its lower end, `le` by the upper one.
@@ -126,37 +62,59 @@ void LineWriter::StartBlock(const Packet& packet, const ClientId& client, const 
   bounds_.emplace_back(",le=+Inf");
 }
 
+void LineWriter::EscapeFields() {
+  fields_.resize(block_->fields.size());
+  fields_altered_ = false;
+  for (size_t i = 0; i < fields_.size(); ++i) {
+    const std::string_view name = FieldName(kind_, block_->fields[i].name);
+    fields_[i].clear();
+    const bool altered = AppendEscaped(LinePart::kField, name, &fields_[i]);
+    names_.See(LinePart::kField, name, fields_[i], altered);
+    fields_altered_ = fields_altered_ || altered;
+  }
+}
+
 bool LineWriter::AppendRecord(const Series& record, std::string* out) {
   if (!in_time_) return false;
   tags_.Assign(*packet_, *client_, label_pid_, kind_, record);
   AppendTags();
   if (bounds_.size() * head_.size() > kMaxBucketBytes) return false;
 
+  taken_.clear();
   double merged = 0;  // of buckets with the same name as the next
   for (size_t i = 0; i < record.values.size(); ++i) {
     if (kind_ == Kind::kHistogram && i + 1 < fields_.size() && fields_[i] == fields_[i + 1]) {
       merged += record.values[i];
       continue;
     }
-    AppendField(
-        fields_.empty() ? kValueField : fields_[record.indexes.empty() ? i : record.indexes[i]],
-        std::exchange(merged, 0) + record.values[i]);
+    const size_t column = record.indexes.empty() ? i : record.indexes[i];
+    if (fields_altered_ && IsTaken(column)) continue;
+    AppendField(fields_.empty() ? kValueField : fields_[column],
+                std::exchange(merged, 0) + record.values[i]);
   }
   const bool written = AppendLine(out);
   if (kind_ == Kind::kHistogram) AppendBuckets(record, out);
   return written;
 }
 
+// Whether another column of the record, an earlier one, has this one's name in the line.
+bool LineWriter::IsTaken(size_t column) {
+  const std::string_view name = block_->fields[column].name;
+  return taken_.try_emplace(fields_[column], name).first->second != name;
+}
+
 void LineWriter::AppendTags() {
   head_ = measurement_;
   // Only where one is altered can two keys become one.
-  const bool distinct = std::all_of(tags_.begin(), tags_.end(),
-                                    [](const PointTags::Tag& tag) { return IsPlainText(tag.key); });
+  const bool usual = !names_.watches_block() &&
+                     std::all_of(tags_.begin(), tags_.end(),
+                                 [](const PointTags::Tag& tag) { return IsPlainText(tag.key); });
   std::set<std::string> keys;
   for (const PointTags::Tag& tag : tags_) {
-    if (!distinct) {
+    if (!usual) {
       std::string key;
-      AppendEscaped(LinePart::kTag, tag.key, &key);
+      const bool altered = AppendEscaped(LinePart::kTag, tag.key, &key);
+      names_.See(LinePart::kTag, tag.key, key, altered);
       if (!keys.insert(std::move(key)).second) continue;
     }
     AppendTag(tag.key, tag.value, &head_);

@@ -5,8 +5,6 @@
 namespace tidegate::agent {
 namespace {
 
-constexpr size_t kMaxReports = 1000;
-
 // Of the table, the two texts and the heap.
 constexpr size_t kHolderBytes = 128;
 
@@ -37,13 +35,12 @@ size_t NameClaims::BytesOf(const std::string& name, const Holder& holder) {
 
 void NameClaims::Report(const std::string& name, const std::string& holder,
                         std::string_view owner) {
-  if (reported_.size() >= kMaxReports) return;
+  if (log_.IsFull()) return;
   // Without one of its labels a series would be another one.
   const bool is_label = name.back() == '}';
-  const std::string line = "\"" + name + "\" stands for the " + holder + " in /metrics; " +
-                           (is_label ? "series with the " : "the ") + std::string(owner) +
-                           (is_label ? " are" : " is") + " left out there, rename it";
-  if (reported_.insert(std::hash<std::string>{}(line)).second) report_(line);
+  log_.Report("\"" + name + "\" stands for the " + holder + " in /metrics; " +
+              (is_label ? "series with the " : "the ") + std::string(owner) +
+              (is_label ? " are" : " is") + " left out there, rename it");
 }
 
 }  // namespace tidegate::agent

@@ -2,11 +2,12 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <unordered_set>
+#include <utility>
+
+#include "agent/collision_log.h"
 
 namespace tidegate::agent {
 
@@ -14,14 +15,11 @@ namespace tidegate::agent {
 // two of them one, and what they name must not be mixed: the first to claim a name keeps it until
 // it has released it as often as it claimed it.
 //
-// Not thread-safe. Reports each pair that collides once, in one line; after a thousand pairs it
-// reports no more of them.
+// Not thread-safe. Reports each pair that collides once, as CollisionLog does, in a line with the
+// name, its holder and the one that came too late.
 class NameClaims {
  public:
-  // Gets a line with the name, its holder and the one that came too late.
-  using Reporter = std::function<void(const std::string&)>;
-
-  explicit NameClaims(Reporter report) : report_(std::move(report)) {}
+  explicit NameClaims(CollisionLog::Reporter report) : log_(std::move(report)) {}
 
   // False if another owner holds the name.
   bool Claim(const std::string& name, std::string_view owner);
@@ -40,10 +38,9 @@ class NameClaims {
   static size_t BytesOf(const std::string& name, const Holder& holder);
   void Report(const std::string& name, const std::string& holder, std::string_view owner);
 
-  const Reporter report_;
+  CollisionLog log_;
   std::unordered_map<std::string, Holder> holders_;
   size_t bytes_ = 0;
-  std::unordered_set<size_t> reported_;  // hashes of lines
 };
 
 }  // namespace tidegate::agent

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "agent/point_mapping.h"
+#include "agent/quoted.h"
 
 namespace tidegate::agent {
 namespace {
@@ -32,28 +33,12 @@ bool NeedsQuotes(const std::string& text) {
          });
 }
 
-void AppendEscaped(char c, std::string* out) {
-  constexpr char kHex[] = "0123456789abcdef";
-  const auto byte = static_cast<unsigned char>(c);
-  if (c == '"' || c == '\\') {
-    *out += {'\\', c};
-  } else if (c == '\n') {
-    *out += "\\n";
-  } else if (byte < ' ' || byte > '~') {
-    *out += {'\\', 'x', kHex[byte >> 4], kHex[byte & 15]};
-  } else {
-    *out += c;
-  }
-}
-
 void AppendWord(const std::string& text, std::string* out) {
   if (!NeedsQuotes(text)) {
     *out += text;
     return;
   }
-  *out += '"';
-  for (char c : text) AppendEscaped(c, out);
-  *out += '"';
+  AppendQuoted(text, out);
 }
 
 // What every line of text begins with.

@@ -111,7 +111,7 @@ bool ClaimLabels(const std::string& metric, std::string_view key, NameClaims* cl
 
 }  // namespace
 
-SeriesTable::SeriesTable(const Options& options, Health* health, NameClaims::Reporter report,
+SeriesTable::SeriesTable(const Options& options, Health* health, CollisionLog::Reporter report,
                          Clock clock)
     : options_(options),
       clock_(std::move(clock)),

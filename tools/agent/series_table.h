@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "agent/collision_log.h"
 #include "agent/exposition.h"
 #include "agent/health.h"
 #include "agent/name_claims.h"
@@ -45,7 +46,7 @@ class SeriesTable : public PacketSink {
   static constexpr size_t kBytesPerSeries = 2048;
   static constexpr size_t kPageBytesPerSeries = 512;
 
-  SeriesTable(const Options& options, Health* health, NameClaims::Reporter report,
+  SeriesTable(const Options& options, Health* health, CollisionLog::Reporter report,
               Clock clock = std::chrono::steady_clock::now);
   ~SeriesTable() override;
 
