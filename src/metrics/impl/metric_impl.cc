@@ -152,7 +152,9 @@ MetricImpl::ItemPtr MetricImpl::WithTags(const std::vector<tidegate::MetricTag>&
     return GetDummyItem();
   }
   ItemPtr item = FindOrCreate(values);
-  if (item->metric_ != nullptr) {  // else it is the dummy item, which stands for any values
+  // Not the dummy item, which stands for any values. A store of what is there already would take
+  // the line from other threads.
+  if (item->metric_ != nullptr && !item->tags_valid_.load(std::memory_order_relaxed)) {
     item->tags_valid_.store(true, std::memory_order_relaxed);
   }
   return item;
