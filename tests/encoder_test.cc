@@ -95,6 +95,25 @@ TEST_F(EncoderTest, WhatEndedOrIsIdleIsLeftOut) {
   EXPECT_EQ(Flush(sender_, planned).size(), 1u) << "nothing was drained meanwhile";
 }
 
+TEST_F(EncoderTest, ASeriesWhoseTagsAreNotItsMetricsIsReportedOnceAFlush) {
+  struct DeafSender final : MetricSender {
+    using MetricSender::MetricSender;
+    ~DeafSender() override { Exit(); }
+    ReturnCode Init() override { return ReturnCode::kOk; }
+    void AtFork() override {}
+    void SendToSocket(char* /*buf*/, int /*len*/) override {}
+  } sender("t1", &*client_);
+  Make("p.q");
+  Metric* other = nullptr;  // of the same full name, and so in the same collector
+  client_.Registry("p")->CreateMetric(other, "q.m", {"a", "b"}, nullptr);
+  other->WithTags({{"a", "quiet"}});
+  other->WithTags({})->Emit({Observe(1), IncrCounter(1)});
+  const CollectorList collectors = All();
+  const std::string log =
+      tidegate::test::LogOf([&] { sender.encoder_->PackCollector(collectors); }, 3);
+  EXPECT_EQ(tidegate::test::CountOf("]Internal Error with Tag storage!!!!\n", log), 2u) << log;
+}
+
 TEST(EncodedTagsTest, AreTheSameAheadAndInTheFlush) {
   for (const bool pre_encode : {false, true}) {
     tidegate::test::TestClient client(

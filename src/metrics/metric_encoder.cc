@@ -220,7 +220,7 @@ void MetricEncoder::BeginSeries(const Series& series) {
 }
 
 std::string_view MetricEncoder::EncodeCurrentTagKV() {
-  if (!cur_tag_kv_.empty()) {
+  if (cur_tag_kv_.data() != nullptr) {
     return cur_tag_kv_;
   }
   const auto& [tags, item] = *series_;

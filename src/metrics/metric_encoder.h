@@ -182,7 +182,7 @@ class MetricEncoder final : public MetricEncoderBase {
 
   // Of the series being packed. What is gathered here keeps its memory from series to series.
   const Series* series_ = nullptr;
-  std::string_view cur_tag_kv_;  ///< its tags in packet form; empty: not encoded yet
+  std::string_view cur_tag_kv_;  ///< its tags in packet form; null: not encoded yet
   lattice_kit::codec::Pack tag_scratch_{kTagScratchBytes};
   std::vector<CellRef> cells_;
   MultiFieldSendRes row_;

@@ -111,6 +111,7 @@ void MetricEncoder::PrepareSuffixTables() {
 }
 
 void MetricEncoder::PackSuffixedMetric(std::vector<Series>& items) {
+  const size_t declared = metric_->impl_->tag_index_.size();
   for (size_t k = 0; k < items.size(); ++k) {
     AdvanceTo(items, k);
     MetricCollectorItem& item = *items[k].second;
@@ -118,6 +119,9 @@ void MetricEncoder::PackSuffixedMetric(std::vector<Series>& items) {
       continue;
     }
     BeginSeries(items[k]);
+    if (items[k].first.size() != declared && EncodeCurrentTagKV().empty()) {
+      cur_tag_kv_ = "";  // reported: its records go out without tags
+    }
     item.ListCells(cells_);
     for (size_t i = 0; i < cells_.size(); ++i) {
       EncodeMetricWithSuffix(cells_[i], i);
