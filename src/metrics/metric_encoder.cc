@@ -130,6 +130,9 @@ void MetricEncoder::PackMetric(const std::shared_ptr<MetricCollectorBase>& colle
     return;
   }
   blocks_.clear();
+  if (!more_blocks_.empty()) {
+    more_blocks_.clear();
+  }
   switch (collector->co_type_) {
     case MetricCoItemType::kCoItemSuffix:
       PackSuffixedMetric(items);

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "codec/tag_kv.h"
@@ -187,7 +188,11 @@ class MetricEncoder final : public MetricEncoderBase {
   std::vector<CellRef> cells_;
   MultiFieldSendRes row_;
 
+  static constexpr size_t kSearchedBlocks = 12;
+
   std::vector<SuffixBlocks> blocks_;  ///< of the metric being packed
+  /// Places in `blocks_` by suffix, of those behind the first `kSearchedBlocks`.
+  std::unordered_multimap<std::string, size_t> more_blocks_;
 };
 
 /// Whether a cell reported what its type asks for: false when `values` is empty, and, with a Warn

@@ -170,11 +170,23 @@ const MetricEncoder::SuffixBlocks& MetricEncoder::BlocksOf(const std::string& su
   if (place < blocks_.size() && matches(blocks_[place])) {
     return blocks_[place];
   }
-  const auto found = std::find_if(blocks_.begin(), blocks_.end(), matches);
-  if (found != blocks_.end()) {
-    return *found;
+  for (size_t i = 0; i < std::min(blocks_.size(), kSearchedBlocks); ++i) {
+    if (matches(blocks_[i])) {
+      return blocks_[i];
+    }
+  }
+  if (blocks_.size() > kSearchedBlocks) {
+    const auto [first, last] = more_blocks_.equal_range(suffix);
+    for (auto known = first; known != last; ++known) {
+      if (matches(blocks_[known->second])) {
+        return blocks_[known->second];
+      }
+    }
   }
   blocks_.push_back(MakeBlocks(suffix, type, row));
+  if (blocks_.size() > kSearchedBlocks) {
+    more_blocks_.emplace(suffix, blocks_.size() - 1);
+  }
   return blocks_.back();
 }
 
