@@ -9,7 +9,9 @@
 #include "metrics/bound_series.h"
 #include "support/environment.h"
 
-static __thread long allocations = 0;  // of this thread: the client's others do as they like
+// Of this thread: the client's others do as they like.
+static __thread long allocations = 0;
+static __thread long allocations_left = -1;  // until they fail; negative: they never do
 
 // The C library's own is behind all others.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
@@ -19,6 +21,8 @@ void* __libc_memalign(size_t alignment, size_t size);
 
 void* malloc(size_t size) {
   ++allocations;
+  if (allocations_left == 0) return nullptr;
+  if (allocations_left > 0) --allocations_left;
   return __libc_malloc(size);
 }
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
@@ -74,6 +78,30 @@ TEST(AllocationTest, NoneOnAKnownSeries) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   EXPECT_GT(allocations, 0) << "not counted at all";
 #endif
+}
+
+TEST(AllocationTest, WhereOneFailsATableOfCellsIsAsItWas) {
+  constexpr size_t kCells = 13;  // the first number that is searched by an index
+  bool made = false;
+  for (long left = 0; !made; ++left) {
+    CellTable table;
+    std::vector<std::string> names;
+    for (size_t i = 0; i < kCells; ++i)
+      names.push_back(std::string(99, static_cast<char>('a' + i)));
+    const CellPtr cell = MetricCollectorItem::NoopDataPtr();
+    for (size_t i = 0; i + 1 < kCells; ++i) table.Set(names[i], cell);
+    allocations_left = left;
+    try {
+      table.Set(names.back(), cell);
+      made = true;
+    } catch (const std::bad_alloc&) {
+    }
+    allocations_left = -1;
+    EXPECT_EQ(table.Size(), made ? kCells : kCells - 1);
+    for (const std::string& name : names) table.Set(name, cell);
+    EXPECT_EQ(table.Size(), kCells) << "after " << left;
+    EXPECT_EQ(table.ToMap().size(), kCells) << "after " << left;
+  }
 }
 
 }  // namespace

@@ -65,6 +65,25 @@ TEST_F(EncoderTest, APacketThatReachesTheLimitIsSentBetweenTwoCellsOfASeries) {
   EXPECT_THAT(sizes(fits, {WithSuffix("x", IncrCounter(1))}), ElementsAre(262142, 262142));
 }
 
+TEST_F(EncoderTest, ManySuffixesKeepTheirNamesWhateverTheirOrderAndType) {
+  constexpr int kSuffixes = 30;
+  Metric* const metric = Make("p");
+  const auto name = [](int suffix) { return "s" + std::to_string(suffix); };
+  for (int i = 0; i < kSuffixes; ++i) {
+    const int last = kSuffixes - 1 - i;
+    metric->WithTagValues({"up"})->Emit({WithSuffix(name(i), Store(i))});
+    metric->WithTagValues({"down"})->Emit({WithSuffix(name(last), Store(last))});
+    metric->WithTagValues({"other"})->Emit({WithSuffix(name(last), IncrCounter(last))});
+  }
+  const std::vector<Packet> packets = Flush(sender_, All());
+  ASSERT_EQ(packets.at(0).block_count, 3u * kSuffixes);
+  for (const auto& block : packets[0].blocks) {
+    const auto& series = block.series.at(0);
+    EXPECT_EQ(block.name, "p.m." + name(static_cast<int>(series.values.at(0))));
+    EXPECT_EQ(block.wire_type, series.tags.at(0).value == "other" ? 3 : 1);
+  }
+}
+
 TEST_F(EncoderTest, APacketHoldsOneRegistryAndStandingApartCostsOne) {
   Metric* const metrics[] = {Make("p"), Make("q"), Make("p", "n")};
   const auto blocks = [&](std::initializer_list<int> order) {
@@ -93,6 +112,25 @@ TEST_F(EncoderTest, WhatEndedOrIsIdleIsLeftOut) {
   EXPECT_THAT(Flush(sender_, planned), IsEmpty());
   idle->WithTags({})->active_ = true;
   EXPECT_EQ(Flush(sender_, planned).size(), 1u) << "nothing was drained meanwhile";
+}
+
+TEST_F(EncoderTest, ASeriesWhoseTagsAreNotItsMetricsIsReportedOnceAFlush) {
+  struct DeafSender final : MetricSender {
+    using MetricSender::MetricSender;
+    ~DeafSender() override { Exit(); }
+    ReturnCode Init() override { return ReturnCode::kOk; }
+    void AtFork() override {}
+    void SendToSocket(char* /*buf*/, int /*len*/) override {}
+  } sender("t1", &*client_);
+  Make("p.q");
+  Metric* other = nullptr;  // of the same full name, and so in the same collector
+  client_.Registry("p")->CreateMetric(other, "q.m", {"a", "b"}, nullptr);
+  other->WithTags({{"a", "quiet"}});
+  other->WithTags({})->Emit({Observe(1), IncrCounter(1)});
+  const CollectorList collectors = All();
+  const std::string log =
+      tidegate::test::LogOf([&] { sender.encoder_->PackCollector(collectors); }, 3);
+  EXPECT_EQ(tidegate::test::CountOf("]Internal Error with Tag storage!!!!\n", log), 2u) << log;
 }
 
 TEST(EncodedTagsTest, AreTheSameAheadAndInTheFlush) {

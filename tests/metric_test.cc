@@ -76,6 +76,24 @@ TEST_F(MetricTest, ASuffixKeepsItsFirstTypeAndABadOneStopsTheEmission) {
   EXPECT_TRUE(item.last_update_ == 0 && metric_.emit_success_ == 4 && metric_.emit_fail_ == 1);
 }
 
+TEST_F(MetricTest, TheLastDestructorsOfAThreadMayEmitOnSeriesThatAreNew) {
+  struct Last {
+    ~Last() {
+      for (const std::string& value : {std::string(99, 'x'), std::string(99, 'y')}) {
+        metric->WithTags({{"b", value}})->Emit({Incr(1)});
+      }
+    }
+    Metric* metric = nullptr;
+  };
+  std::thread([this] {
+    thread_local Last last;  // made ahead of all that the library keeps for the thread
+    last.metric = &metric_;
+    metric_.WithTags({{"b", std::string(99, 'w')}})->Emit({Incr(1)});
+  }).join();
+  EXPECT_EQ(metric_.impl_->GetSeriesCount(), 3u);
+  EXPECT_EQ(metric_.emit_success_, 3u);
+}
+
 TEST_F(MetricTest, EvenAnEmptyEmissionRefreshesTheSeries) {
   const auto item = metric_.WithTags({});
   EXPECT_TRUE(CheckExpire(item, std::time(nullptr)));

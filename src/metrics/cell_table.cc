@@ -39,8 +39,13 @@ void CellTable::Add(Entry entry) {
   }
   more_->entries.push_back(std::move(entry));
   if (Size() > kSearched) {
-    for (size_t place = more_->index.size(); place < Size(); ++place) {
-      more_->index.emplace((*this)[place].name, place);
+    try {
+      for (size_t place = more_->index.size(); place < Size(); ++place) {
+        more_->index.emplace((*this)[place].name, place);
+      }
+    } catch (...) {  // a cell that is not in the index would be made again
+      more_->entries.pop_back();
+      throw;
     }
   }
 }

@@ -130,6 +130,9 @@ void MetricEncoder::PackMetric(const std::shared_ptr<MetricCollectorBase>& colle
     return;
   }
   blocks_.clear();
+  if (!more_blocks_.empty()) {
+    more_blocks_.clear();
+  }
   switch (collector->co_type_) {
     case MetricCoItemType::kCoItemSuffix:
       PackSuffixedMetric(items);
@@ -220,7 +223,7 @@ void MetricEncoder::BeginSeries(const Series& series) {
 }
 
 std::string_view MetricEncoder::EncodeCurrentTagKV() {
-  if (!cur_tag_kv_.empty()) {
+  if (cur_tag_kv_.data() != nullptr) {
     return cur_tag_kv_;
   }
   const auto& [tags, item] = *series_;

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "codec/tag_kv.h"
@@ -182,12 +183,16 @@ class MetricEncoder final : public MetricEncoderBase {
 
   // Of the series being packed. What is gathered here keeps its memory from series to series.
   const Series* series_ = nullptr;
-  std::string_view cur_tag_kv_;  ///< its tags in packet form; empty: not encoded yet
+  std::string_view cur_tag_kv_;  ///< its tags in packet form; null: not encoded yet
   lattice_kit::codec::Pack tag_scratch_{kTagScratchBytes};
   std::vector<CellRef> cells_;
   MultiFieldSendRes row_;
 
+  static constexpr size_t kSearchedBlocks = 12;
+
   std::vector<SuffixBlocks> blocks_;  ///< of the metric being packed
+  /// Places in `blocks_` by suffix, of those behind the first `kSearchedBlocks`.
+  std::unordered_multimap<std::string, size_t> more_blocks_;
 };
 
 /// Whether a cell reported what its type asks for: false when `values` is empty, and, with a Warn

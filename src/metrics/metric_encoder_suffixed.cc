@@ -111,6 +111,7 @@ void MetricEncoder::PrepareSuffixTables() {
 }
 
 void MetricEncoder::PackSuffixedMetric(std::vector<Series>& items) {
+  const size_t declared = metric_->impl_->tag_index_.size();
   for (size_t k = 0; k < items.size(); ++k) {
     AdvanceTo(items, k);
     MetricCollectorItem& item = *items[k].second;
@@ -118,6 +119,9 @@ void MetricEncoder::PackSuffixedMetric(std::vector<Series>& items) {
       continue;
     }
     BeginSeries(items[k]);
+    if (items[k].first.size() != declared && EncodeCurrentTagKV().empty()) {
+      cur_tag_kv_ = "";  // reported: its records go out without tags
+    }
     item.ListCells(cells_);
     for (size_t i = 0; i < cells_.size(); ++i) {
       EncodeMetricWithSuffix(cells_[i], i);
@@ -166,11 +170,23 @@ const MetricEncoder::SuffixBlocks& MetricEncoder::BlocksOf(const std::string& su
   if (place < blocks_.size() && matches(blocks_[place])) {
     return blocks_[place];
   }
-  const auto found = std::find_if(blocks_.begin(), blocks_.end(), matches);
-  if (found != blocks_.end()) {
-    return *found;
+  for (size_t i = 0; i < std::min(blocks_.size(), kSearchedBlocks); ++i) {
+    if (matches(blocks_[i])) {
+      return blocks_[i];
+    }
+  }
+  if (blocks_.size() > kSearchedBlocks) {
+    const auto [first, last] = more_blocks_.equal_range(suffix);
+    for (auto known = first; known != last; ++known) {
+      if (matches(blocks_[known->second])) {
+        return blocks_[known->second];
+      }
+    }
   }
   blocks_.push_back(MakeBlocks(suffix, type, row));
+  if (blocks_.size() > kSearchedBlocks) {
+    more_blocks_.emplace(suffix, blocks_.size() - 1);
+  }
   return blocks_.back();
 }
 

@@ -28,7 +28,14 @@ namespace {
 
 // The values of a series that is not known yet. Every use fills it anew, and the collector copies
 // what it keeps.
-thread_local std::vector<std::string> tag_value_pool;
+struct TagValuePool {
+  ~TagValuePool() { gone = true; }
+
+  std::vector<std::string> values;
+  static thread_local bool gone;  ///< on this thread, whose last destructors may still emit
+};
+thread_local bool TagValuePool::gone = false;
+thread_local TagValuePool tag_value_pool;
 
 // Never destroyed: a thread may still emit while the process exits.
 const std::string& kMissingValue = *new std::string("-");
@@ -118,7 +125,8 @@ MetricImpl::ItemPtr MetricImpl::FindOrCreate(const TagValueRefs& values) {
   if (item != nullptr) {
     return item;
   }
-  std::vector<std::string>& pool = tag_value_pool;
+  std::vector<std::string> no_pool;
+  std::vector<std::string>& pool = TagValuePool::gone ? no_pool : tag_value_pool.values;
   pool.resize(values.size());
   for (size_t i = 0; i < pool.size(); ++i) {
     pool[i] = values[i];
@@ -144,7 +152,9 @@ MetricImpl::ItemPtr MetricImpl::WithTags(const std::vector<tidegate::MetricTag>&
     return GetDummyItem();
   }
   ItemPtr item = FindOrCreate(values);
-  if (item->metric_ != nullptr) {  // else it is the dummy item, which stands for any values
+  // Not the dummy item, which stands for any values. A store of what is there already would take
+  // the line from other threads.
+  if (item->metric_ != nullptr && !item->tags_valid_.load(std::memory_order_relaxed)) {
     item->tags_valid_.store(true, std::memory_order_relaxed);
   }
   return item;
