@@ -265,7 +265,7 @@ void MetricSuffixArray::DoEmit(const CellTable::Entry& entry, const MetricFieldV
 }
 
 CellMap MetricSuffixArray::Fields() {
-  const FastReadGuard guard(rwlock_);
+  const ReadGuard guard(rwlock_);
   return suffixes_.ToMap();
 }
 

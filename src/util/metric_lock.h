@@ -57,7 +57,8 @@ class METRICS_THREAD_ATTR(capability("rwlock")) RwLock {
 /// writer locks the platform's lock, takes the bias back and waits for those who are visible; from
 /// then on readers queue at the platform's lock as well. `kReadsToBias` of them with no writer in
 /// between bias it again, so that frequent writers hardly ever have one to take back. Long readers
-/// use a `ReadGuard`: a waiting writer then holds up nobody else.
+/// use a `ReadGuard`: a waiting writer then holds up nobody else. A thread that reads must not read
+/// the same lock again: it would wait behind a writer that waits for it.
 class METRICS_THREAD_ATTR(capability("rwlock")) BiasedRwLock {
  public:
   BiasedRwLock() = default;
