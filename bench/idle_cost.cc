@@ -2,13 +2,18 @@
 //
 // Prints the share of a core that the library's own threads took over SECONDS (120), with default
 // settings and a flush every INTERVAL (30) seconds, in all and by thread, in the form of Google
-// Benchmark's results. The main thread sleeps meanwhile.
+// Benchmark's results. The main thread sleeps meanwhile. Beside them, and not counted, runs a
+// thread that only wakes as often as the one of expiry does: what the machine asks for that alone.
 
+#include <pthread.h>
+
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <string>
 #include <thread>
@@ -24,6 +29,7 @@ using tidegate::bench::Client;
 
 constexpr size_t kSeries = 100000;
 constexpr size_t kTags = 3;
+constexpr char kPlainSleeper[] = "plain_sleeper";
 
 // CPU seconds of each thread so far, by its name.
 std::map<std::string, double> CpuSeconds() {
@@ -50,6 +56,14 @@ void MakeQuietSeries(METRICS::Metric& metric) {
   }
 }
 
+// Wakes 200 times a second until `stopped`.
+void SleepPlainly(const std::atomic<bool>& stopped) {
+  ::pthread_setname_np(::pthread_self(), kPlainSleeper);
+  while (!stopped) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
 int ArgumentOr(int argc, char** argv, int index, int fallback) {
   const int given = argc > index ? std::atoi(argv[index]) : 0;
   return given > 0 ? given : fallback;
@@ -65,12 +79,17 @@ int main(int argc, char** argv) {
   options.interval = interval;
   Client client(options);
   MakeQuietSeries(client.Make("quiet", kTags));
+  std::atomic<bool> stopped{false};
+  std::thread sleeper(SleepPlainly, std::cref(stopped));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // until it has its name
 
   const auto start = std::chrono::steady_clock::now();
   const auto before = CpuSeconds();
   std::this_thread::sleep_for(std::chrono::seconds(seconds));
   const auto after = CpuSeconds();
   const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - start;
+  stopped = true;
+  sleeper.join();
 
   std::printf(
       "{\"benchmarks\": [{\"name\": \"IdleCost/series:%zu/interval:%d\", \"threads\": 1,\n"
@@ -81,7 +100,7 @@ int main(int argc, char** argv) {
     const auto found = before.find(name);
     const double percent = 100 * (cpu - (found == before.end() ? 0 : found->second)) / wall.count();
     std::printf("  \"%s_percent\": %.4f,\n", name.c_str(), percent);
-    all += percent;
+    all += name == kPlainSleeper ? 0 : percent;
   }
   std::printf("  \"cpu_percent\": %.4f}]}\n", all);
 }

@@ -122,9 +122,10 @@ MetricCoItemType MetricImpl::Type() { return MetricCoItemType::kCoItemUnknown; }
 
 MetricImpl::ItemPtr MetricImpl::FindOrCreate(const TagValueRefs& values) {
   ItemPtr item = collector_->Find(values);
-  if (item != nullptr) {
-    return item;
-  }
+  return item != nullptr ? item : CopyAndGet(values);
+}
+
+MetricImpl::ItemPtr MetricImpl::CopyAndGet(const TagValueRefs& values) {
   std::vector<std::string> no_pool;
   std::vector<std::string>& pool = TagValuePool::gone ? no_pool : tag_value_pool.values;
   pool.resize(values.size());
@@ -139,19 +140,23 @@ MetricImpl::ItemPtr MetricImpl::WithTags(const std::vector<tidegate::MetricTag>&
     return GetDummyItem();
   }
   TagValueRefs values(tag_count_, kMissingValue);
-  if (Place(tags, values) == Placing::kDone) {
-    ItemPtr known = collector_->Find(values);
+  ItemPtr item;
+  const bool placed = Place(tags, values) == Placing::kDone;
+  if (placed) {
+    item = collector_->Find(values);
     // Values that are equal to valid ones are valid.
-    if (known != nullptr && known->tags_valid_.load(std::memory_order_relaxed)) {
-      return known;
+    if (item != nullptr && item->tags_valid_.load(std::memory_order_relaxed)) {
+      return item;
     }
   }
-  const ReturnCode code = Resolve(tags, values);
+  const ReturnCode code = placed ? Validate(tags) : Resolve(tags, values);
   if (code != ReturnCode::kOk) {
     METRICS_LOG_ERROR("GetTagValueVec error: %s\n", MetricGetErrorCodeStr(code));
     return GetDummyItem();
   }
-  ItemPtr item = FindOrCreate(values);
+  if (item == nullptr) {
+    item = CopyAndGet(values);
+  }
   // Not the dummy item, which stands for any values. A store of what is there already would take
   // the line from other threads.
   if (item->metric_ != nullptr && !item->tags_valid_.load(std::memory_order_relaxed)) {
@@ -205,8 +210,7 @@ ReturnCode MetricImpl::GetTagValueVec(const std::vector<tidegate::MetricTag>& ta
   return code;
 }
 
-ReturnCode MetricImpl::Resolve(const std::vector<tidegate::MetricTag>& tags,
-                               TagValueRefs& values) const {
+ReturnCode MetricImpl::Validate(const std::vector<tidegate::MetricTag>& tags) const {
   if (tags.size() > tag_count_) {
     return ReturnCode::kTagNumExceeded;
   }
@@ -215,6 +219,15 @@ ReturnCode MetricImpl::Resolve(const std::vector<tidegate::MetricTag>& tags,
       METRICS_LOG_CODE(ReturnCode::kInvalidString);
       return ReturnCode::kInvalidString;
     }
+  }
+  return ReturnCode::kOk;
+}
+
+ReturnCode MetricImpl::Resolve(const std::vector<tidegate::MetricTag>& tags,
+                               TagValueRefs& values) const {
+  const ReturnCode code = Validate(tags);
+  if (code != ReturnCode::kOk) {
+    return code;
   }
   if (Place(tags, values) == Placing::kUnknownKey) {
     METRICS_LOG_CODE(ReturnCode::kUnknownTagName);

@@ -98,10 +98,13 @@ class METRICS_API MetricImpl {
  private:
   /// The item of a series whose values are elsewhere; they are copied if it is new.
   ItemPtr FindOrCreate(const TagValueRefs& values);
+  /// `GetOrCreate` with copies of the values.
+  ItemPtr CopyAndGet(const TagValueRefs& values);
   enum class Placing { kDone, kRepeatedKey, kUnknownKey };
 
   /// Puts the values in place, the last one where a key is repeated.
   Placing Place(const std::vector<tidegate::MetricTag>& tags, TagValueRefs& values) const;
+  ReturnCode Validate(const std::vector<tidegate::MetricTag>& tags) const;
   /// `GetTagValueVec` without copies.
   ReturnCode Resolve(const std::vector<tidegate::MetricTag>& tags, TagValueRefs& values) const;
   /// False when no emission may pass; then with a line unless the metric is still being made.
