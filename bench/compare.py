@@ -3,8 +3,9 @@
 
 Reads the results of several process runs of the benchmarks, FOLDER/<group>.<run>.json, and writes
 FOLDER/results.md: a table of what was asked for against what was measured, and one of all figures.
-FOLDER/results.svg shows the first as a plot. DOCUMENT gets the first table between its two marks. A ratio is taken within each run, between figures of the
-same process; shown are the median of the runs and, in brackets, the lowest and the highest.
+FOLDER/results.svg shows the first as a plot. DOCUMENT gets the first table between its two marks. A
+ratio is taken within each run, between figures of the same process; shown are the median of the runs
+and, in brackets, the lowest and the highest.
 
 At one thread a time is the CPU time of that thread, which other processes disturb least. At several
 threads it is the wall time of one operation as each thread sees it: Debian's Google Benchmark divides
@@ -61,6 +62,7 @@ LOOK_UP = "the peer's look-up by labels and increment"
 COLLECT = "the peer's collection as text"
 LOCKS = "a shared-lock round trip"
 COUNTER = "the peer's cached counter"
+PLAIN_LOCK = "the plain lock"
 MEMORY = Figure("MemoryOfRates/tags_encoded_at_flush", "bytes_per_series")
 PEAK = Figure("MemoryOfRates/tags_encoded_at_flush", "bytes_per_series_at_flush_peak")
 
@@ -100,6 +102,18 @@ ROWS = [
         PEAK, 0.5, Figure("PeerMemory", PEAK.counter), "the peer at its peak", "bytes"),
     Row("memory", "creating a series, 100,000 of them",
         Figure("CreateSeries/series:100000", "ns_per_series"), 1200),
+    Row("lock", "readers' lock, a write behind each read",
+        times("ReadsAndAWrite/BiasedRwLock/reads/1"), 1.5,
+        times("ReadsAndAWrite/RwLock/reads/1"), PLAIN_LOCK),
+    Row("lock", "the same, behind each 8 reads",
+        times("ReadsAndAWrite/BiasedRwLock/reads/8"), 1.5,
+        times("ReadsAndAWrite/RwLock/reads/8"), PLAIN_LOCK),
+    Row("lock", "the same, 2 threads",
+        times("ReadsAndAWrite/BiasedRwLock/reads/8@2"), 1.5,
+        times("ReadsAndAWrite/RwLock/reads/8@2"), PLAIN_LOCK),
+    Row("lock", "a write beside a reader that never pauses",
+        Figure("WriteBesideAReader<BiasedRwLock>", "median_ns"), 1,
+        Figure("WriteBesideAReader<RwLock>", "median_ns"), PLAIN_LOCK),
     Row("idle", "100,000 quiet series for 2 minutes, of a core",
         Figure("IdleCost/series:100000/interval:30", "cpu_percent"), 0.2, unit="%"),
 ]
