@@ -5,6 +5,7 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <random>
 #include <set>
 #include <string>
 #include <vector>
@@ -38,6 +39,38 @@ TEST(ConcurrentHashmapTest, KeysOfOneHashStayApartAndTheTotalCountsAllTables) {
     EXPECT_EQ(total, 13u);
   }
   EXPECT_EQ(total, 5u);
+}
+
+// Few enough values for chains, enough for several buckets.
+struct FewHashes {
+  size_t operator()(int key) const { return static_cast<size_t>(key % 7) * 0x9e3779b1U; }
+};
+
+TEST(ConcurrentHashmapTest, IsAMapWhateverIsAddedAndErasedInWhichOrder) {
+  std::atomic<unsigned long> total{0};
+  ConcurrentHashmap<int, int, FewHashes, std::equal_to<int>> map(total);
+  std::map<int, int> expected;
+  std::mt19937 random(1);
+  for (int step = 0; step < 5000; ++step) {
+    const int key = static_cast<int>(random() % 60);
+    if (random() % 2 == 0) {
+      const bool added = map.Insert(key, std::make_shared<int>(step)) == ReturnCode::kOk;
+      EXPECT_EQ(added, expected.emplace(key, step).second);
+    } else {
+      EXPECT_EQ(map.Erase(key) != nullptr, expected.erase(key) == 1);
+    }
+    if (random() % 500 == 0) {
+      map.Clear();
+      expected.clear();
+    }
+    std::map<int, int> listed;
+    for (const auto& [known, value] : map.GetAll()) listed.emplace(known, *value);
+    ASSERT_EQ(listed, expected);
+    for (int other = 0; other < 60; ++other) {
+      ASSERT_EQ(map.Get(other) != nullptr, expected.count(other) == 1) << other;
+    }
+  }
+  EXPECT_EQ(total, expected.size());
 }
 
 class CollectorTest : public testing::Test {

@@ -39,6 +39,10 @@ std::shared_ptr<MetricCollectorItem> MetricCollectorBase::GetOrCreate(
     const std::vector<std::string>& /*tag_values*/) {
   return nullptr;
 }
+std::shared_ptr<MetricCollectorItem> MetricCollectorBase::GetOrCreateHashed(
+    const std::vector<std::string>& tag_values, uint32_t /*hash*/) {
+  return GetOrCreate(tag_values);
+}
 uint32_t MetricCollectorBase::Id() { return 0; }
 std::shared_ptr<MetricCollectorItem> MetricCollectorBase::Find(const TagValueRefs& /*values*/) {
   return nullptr;
@@ -132,15 +136,20 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::Find(const TagValueRefs& 
 
 std::shared_ptr<MetricCollectorItem> HashMapCollector::GetOrCreate(
     const std::vector<std::string>& tag_values) {
-  std::shared_ptr<MetricCollectorItem> item = series_->Get(tag_values);
+  return GetOrCreateHashed(tag_values, SeriesMap::HashOf(tag_values));
+}
+
+std::shared_ptr<MetricCollectorItem> HashMapCollector::GetOrCreateHashed(
+    const std::vector<std::string>& tag_values, uint32_t hash) {
+  std::shared_ptr<MetricCollectorItem> item = series_->Get(tag_values, hash);
   if (item != nullptr) {
     return item;
   }
-  return CreateSeries(tag_values);
+  return CreateSeries(tag_values, hash);
 }
 
 std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateSeries(
-    const std::vector<std::string>& tag_values) {
+    const std::vector<std::string>& tag_values, uint32_t hash) {
   if (AtSeriesQuota()) {
     return MetricImpl::GetMetricDummyItem(metric_);
   }
@@ -153,8 +162,8 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateSeries(
                       static_cast<int>(co_type_));
     return MetricImpl::GetMetricDummyItem(metric_);
   }
-  while (series_->Insert(tag_values, item) != ReturnCode::kOk) {
-    if (std::shared_ptr<MetricCollectorItem> winner = series_->Get(tag_values)) {
+  while (series_->Insert(tag_values, item, hash) != ReturnCode::kOk) {
+    if (std::shared_ptr<MetricCollectorItem> winner = series_->Get(tag_values, hash)) {
       return winner;
     }  // cleared or erased meanwhile: this item takes its place
   }

@@ -26,10 +26,10 @@ class MetricCollectorFactory;
 /// on average, never shrinking.
 ///
 /// An entry owns its key and is itself shared, so what `GetAll` hands out stays whole while other
-/// threads erase or clear. Beside the buckets stands a list of all entries in the order of their
-/// insertion, which is mostly that of their memory: walking it is cheap. `total` counts the entries
-/// of all tables that share it and is changed under the table's lock together with the table; it
-/// must outlive the table.
+/// threads erase or clear. The chains run through a list of all entries in the order of their
+/// insertion, which is mostly that of their memory: walking it is cheap, and neither a search nor a
+/// rehash touches entries that it is not after. `total` counts the entries of all tables that share
+/// it and is changed under the table's lock together with the table; it must outlive the table.
 template <class K, class V, class Hash, class Eq>
 class ConcurrentHashmap {
  public:
@@ -37,12 +37,12 @@ class ConcurrentHashmap {
   using KeyedValue = std::pair<const K&, std::shared_ptr<V>>;
 
   explicit ConcurrentHashmap(std::atomic<unsigned long>& total)
-      : total_(total), buckets_(kFirstBuckets) {}
+      : total_(total), buckets_(kFirstBuckets, kNone) {}
 
   ~ConcurrentHashmap() {
     if (InForkTeardown() && rwlock_.ReinitAfterFork()) {
       Abandon(buckets_);
-      Abandon(entries_);
+      Abandon(links_);
       return;
     }
     Clear();
@@ -51,30 +51,40 @@ class ConcurrentHashmap {
   ConcurrentHashmap(const ConcurrentHashmap&) = delete;
   ConcurrentHashmap& operator=(const ConcurrentHashmap&) = delete;
 
-  /// The value of `key`, or null. `Key` is K or what `Hash` and `Eq` take for one. Allocates
-  /// nothing.
+  /// What operations on `key` that take a hash are to be given. `Key` is K or what `Hash` and `Eq`
+  /// take for one.
+  template <class Key>
+  static uint32_t HashOf(const Key& key) {
+    return static_cast<uint32_t>(Hash()(key));
+  }
+
+  /// The value of `key`, or null. Allocates nothing.
   template <class Key>
   std::shared_ptr<V> Get(const Key& key) {
-    const auto hash = static_cast<uint32_t>(Hash()(key));
+    return Get(key, HashOf(key));
+  }
+  template <class Key>
+  std::shared_ptr<V> Get(const Key& key, uint32_t hash) {
     const FastReadGuard guard(rwlock_);
-    const Entry* const entry = Find(hash, key);
-    return entry == nullptr ? nullptr : entry->value;
+    const uint32_t place = Find(hash, key);
+    return place == kNone ? nullptr : links_[place].entry->value;
   }
 
   /// Adds a copy of `key` with `value`, or answers `kObjectExisted`.
   ReturnCode Insert(const K& key, const std::shared_ptr<V>& value) {
-    const auto hash = static_cast<uint32_t>(Hash()(key));
-    auto entry = std::make_shared<Entry>(hash, key, value);
+    return Insert(key, value, HashOf(key));
+  }
+  ReturnCode Insert(const K& key, const std::shared_ptr<V>& value, uint32_t hash) {
+    auto entry = std::make_shared<const Entry>(key, value);
     const WriteGuard guard(rwlock_);
-    if (Find(hash, key) != nullptr) {
+    if (Find(hash, key) != kNone) {
       return ReturnCode::kObjectExisted;
     }
-    if (entries_.size() >= buckets_.size()) {
+    if (links_.size() >= buckets_.size()) {
       Rehash();
     }
-    entry->place = static_cast<uint32_t>(entries_.size());
-    entries_.push_back(std::move(entry));
-    Link(entries_.back().get());
+    links_.push_back({std::move(entry), hash, kNone});
+    Hang(static_cast<uint32_t>(links_.size() - 1));
     total_.fetch_add(1);
     return ReturnCode::kOk;
   }
@@ -83,13 +93,10 @@ class ConcurrentHashmap {
   std::vector<KeyedValue> GetAll() {
     std::vector<KeyedValue> all;
     const ReadGuard guard(rwlock_);
-    all.reserve(entries_.size());
-    constexpr size_t kAhead = 16;
-    for (size_t i = 0; i < entries_.size(); ++i) {
-      if (i + kAhead < entries_.size()) {
-        __builtin_prefetch(entries_[i + kAhead].get(), 1);
-      }
-      const std::shared_ptr<Entry>& entry = entries_[i];
+    all.reserve(links_.size());
+    for (size_t i = 0; i < links_.size(); ++i) {
+      FetchAhead(i);
+      const std::shared_ptr<const Entry>& entry = links_[i].entry;
       all.emplace_back(entry->key, std::shared_ptr<V>(entry, entry->value.get()));
     }
     return all;
@@ -98,91 +105,112 @@ class ConcurrentHashmap {
   /// Takes `key` out and returns its value, or null when it was not there, or with another value
   /// than `own`.
   std::shared_ptr<V> Erase(const K& key, const V* own = nullptr) {
-    const auto hash = static_cast<uint32_t>(Hash()(key));
-    std::shared_ptr<Entry> erased;  // dies behind the guard: it may be the last owner of the item
+    const uint32_t hash = HashOf(key);
+    std::shared_ptr<const Entry> erased;  // dies behind the guard: it may be the item's last owner
     const WriteGuard guard(rwlock_);
-    Entry* const entry = Find(hash, key);
-    if (entry == nullptr || (own != nullptr && entry->value.get() != own)) {
+    const uint32_t place = Find(hash, key);
+    if (place == kNone || (own != nullptr && links_[place].entry->value.get() != own)) {
       return nullptr;
     }
-    Unlink(entry);
-    const uint32_t place = entry->place;
-    erased = std::move(entries_[place]);
-    if (place + 1 != entries_.size()) {  // the last one takes its place
-      entries_[place] = std::move(entries_.back());
-      entries_[place]->place = place;
+    *PointerTo(place) = links_[place].next;
+    erased = std::move(links_[place].entry);
+    const auto last = static_cast<uint32_t>(links_.size() - 1);
+    if (place != last) {  // which takes its place
+      *PointerTo(last) = place;
+      links_[place] = std::move(links_[last]);
     }
-    entries_.pop_back();
+    links_.pop_back();
     total_.fetch_sub(1);
     return erased->value;
   }
 
   /// Takes all entries out.
   void Clear() {
-    std::vector<std::shared_ptr<Entry>> cleared;  // as in `Erase`
+    std::vector<Link> cleared;  // as in `Erase`
     const WriteGuard guard(rwlock_);
-    total_.fetch_sub(entries_.size());
-    cleared.swap(entries_);
-    std::fill(buckets_.begin(), buckets_.end(), nullptr);
+    total_.fetch_sub(links_.size());
+    cleared.swap(links_);
+    std::fill(buckets_.begin(), buckets_.end(), kNone);
   }
 
   size_t Size() {
     const FastReadGuard guard(rwlock_);
-    return entries_.size();
+    return links_.size();
   }
 
  private:
   struct Entry {
-    Entry(uint32_t key_hash, const K& entry_key, const std::shared_ptr<V>& entry_value)
-        : hash(key_hash), key(entry_key), value(entry_value) {}
+    Entry(const K& entry_key, const std::shared_ptr<V>& entry_value)
+        : key(entry_key), value(entry_value) {}
 
-    const uint32_t hash;
-    uint32_t place = 0;  // in `entries_`; guarded by the table's lock, as the next one
     const K key;
     const std::shared_ptr<V> value;
-    Entry* next = nullptr;
+  };
+
+  struct Link {
+    std::shared_ptr<const Entry> entry;
+    uint32_t hash;
+    uint32_t next;  ///< place of the next one of its bucket
   };
 
   static constexpr size_t kFirstBuckets = 8;  // a power of two, as all sizes
+  static constexpr uint32_t kNone = UINT32_MAX;
 
   size_t IndexOf(uint32_t hash) const METRICS_REQUIRES_SHARED(rwlock_) {
     return hash & (buckets_.size() - 1);
   }
 
   template <class Key>
-  Entry* Find(uint32_t hash, const Key& key) const METRICS_REQUIRES_SHARED(rwlock_) {
-    Entry* entry = buckets_[IndexOf(hash)];
-    while (entry != nullptr && !(entry->hash == hash && Eq()(entry->key, key))) {
-      entry = entry->next;
+  uint32_t Find(uint32_t hash, const Key& key) const METRICS_REQUIRES_SHARED(rwlock_) {
+    uint32_t place = buckets_[IndexOf(hash)];
+    while (place != kNone) {
+      const Link& link = links_[place];
+      if (link.hash == hash && Eq()(link.entry->key, key)) {
+        break;
+      }
+      place = link.next;
     }
-    return entry;
+    return place;
   }
 
-  void Link(Entry* entry) METRICS_REQUIRES(rwlock_) {
-    Entry*& head = buckets_[IndexOf(entry->hash)];
-    entry->next = head;
-    head = entry;
+  /// Puts `links_[place]` at the head of its bucket.
+  void Hang(uint32_t place) METRICS_REQUIRES(rwlock_) {
+    uint32_t& head = buckets_[IndexOf(links_[place].hash)];
+    links_[place].next = head;
+    head = place;
   }
 
-  void Unlink(Entry* entry) METRICS_REQUIRES(rwlock_) {
-    Entry** link = &buckets_[IndexOf(entry->hash)];
-    while (*link != entry) {
-      link = &(*link)->next;
+  /// What points to `links_[place]`, in its bucket or in a link of it.
+  uint32_t* PointerTo(uint32_t place) METRICS_REQUIRES(rwlock_) {
+    uint32_t* pointer = &buckets_[IndexOf(links_[place].hash)];
+    while (*pointer != place) {
+      pointer = &links_[*pointer].next;
     }
-    *link = entry->next;
+    return pointer;
   }
 
   void Rehash() METRICS_REQUIRES(rwlock_) {
-    buckets_.assign(buckets_.size() * 2, nullptr);
-    for (const std::shared_ptr<Entry>& entry : entries_) {
-      Link(entry.get());
+    buckets_.assign(buckets_.size() * 2, kNone);
+    for (uint32_t place = 0; place < links_.size(); ++place) {
+      Hang(place);
+    }
+  }
+
+  /// For a walk that has come to `links_[place]`: has an entry behind it fetched, with the counts
+  /// of its owners, which stand ahead of it.
+  void FetchAhead(size_t place) const METRICS_REQUIRES_SHARED(rwlock_) {
+    constexpr size_t kAhead = 16;
+    if (place + kAhead < links_.size()) {
+      const Entry* const entry = links_[place + kAhead].entry.get();
+      __builtin_prefetch(reinterpret_cast<const char*>(entry) - sizeof(long), 1);
+      __builtin_prefetch(&entry->value, 1);
     }
   }
 
   std::atomic<unsigned long>& total_;
   BiasedRwLock rwlock_;
-  std::vector<Entry*> buckets_ METRICS_GUARDED_BY(rwlock_);
-  std::vector<std::shared_ptr<Entry>> entries_ METRICS_GUARDED_BY(rwlock_);
+  std::vector<uint32_t> buckets_ METRICS_GUARDED_BY(rwlock_);  ///< place of the first one of each
+  std::vector<Link> links_ METRICS_GUARDED_BY(rwlock_);
 };
 
 /// A vector of tag values that is not made: the strings stand where the caller has them.
@@ -282,6 +310,9 @@ class MetricCollectorBase {
   /// a failed emission, or null, by the kind of collector.
   virtual std::shared_ptr<MetricCollectorItem> GetOrCreate(
       const std::vector<std::string>& tag_values);
+  /// The same with the `TagKVHash` of the values, where it is known.
+  virtual std::shared_ptr<MetricCollectorItem> GetOrCreateHashed(
+      const std::vector<std::string>& tag_values, uint32_t hash);
   virtual uint32_t Id();
   /// The item of a known series. Null for an unknown one, and always where a collector can only be
   /// asked with a vector: then `GetOrCreate` knows.
@@ -329,6 +360,8 @@ class HashMapCollector final : public MetricCollectorBase {
   void Erase(const std::vector<std::string>& tag_values) override;
   std::shared_ptr<MetricCollectorItem> GetOrCreate(
       const std::vector<std::string>& tag_values) override;
+  std::shared_ptr<MetricCollectorItem> GetOrCreateHashed(const std::vector<std::string>& tag_values,
+                                                         uint32_t hash) override;
   uint32_t Id() override { return 2; }
   std::shared_ptr<MetricCollectorItem> Find(const TagValueRefs& tag_values) override;
   bool EraseIdle(const std::vector<std::string>& tag_values, MetricCollectorItem& item) override;
@@ -336,7 +369,8 @@ class HashMapCollector final : public MetricCollectorBase {
  private:
   /// Whatever stands under `tag_values`, or only `own` if that is not null.
   void EraseSeries(const std::vector<std::string>& tag_values, const MetricCollectorItem* own);
-  std::shared_ptr<MetricCollectorItem> CreateSeries(const std::vector<std::string>& tag_values);
+  std::shared_ptr<MetricCollectorItem> CreateSeries(const std::vector<std::string>& tag_values,
+                                                    uint32_t hash);
 
   const std::unique_ptr<SeriesMap> series_;
 };

@@ -197,24 +197,33 @@ void MetricEncoder::CleanUpPackage() {
   }
 }
 
-void MetricEncoder::AdvanceTo(std::vector<Series>& items, size_t at) {
+void MetricEncoder::FetchAhead(const std::vector<Series>& items, size_t at) {
   constexpr size_t kAhead = 8;  // what the second step reads has come by then
   const auto prefetch = [](const void* start, size_t lines) {
     for (size_t i = 0; i < lines; ++i) {
       __builtin_prefetch(static_cast<const char*>(start) + i * kCacheLineBytes);
     }
   };
-  if (at > 0) {
-    items[at - 1].second.reset();
-  }
   if (at + 2 * kAhead < items.size()) {
     const auto& [tags, item] = items[at + 2 * kAhead];
-    prefetch(item.get(), 3);
+    prefetch(item.get(), 4);
     prefetch(&tags, 1);
   }
   if (at + kAhead < items.size()) {
-    prefetch(items[at + kAhead].first.data(), 2);
+    const auto& [tags, item] = items[at + kAhead];
+    if (item->encoded_tags_.empty()) {
+      prefetch(tags.data(), 2);
+    } else {
+      prefetch(item->encoded_tags_.data(), 2);
+    }
   }
+}
+
+void MetricEncoder::AdvanceTo(std::vector<Series>& items, size_t at) {
+  if (at > 0) {
+    items[at - 1].second.reset();
+  }
+  FetchAhead(items, at);
 }
 
 void MetricEncoder::BeginSeries(const Series& series) {

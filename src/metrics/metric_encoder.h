@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -106,8 +107,10 @@ class MetricEncoder final : public MetricEncoderBase {
   void StampAndSend(MetricDataPack& pack, bool close);
   /// Sends the packet if it has reached the size limit.
   bool CheckMsgLenAndSend(MetricDataPack& pack, bool close);
-  /// Lets go of the series ahead of `items[at]`, whose memory is still near, and has that of the
-  /// ones behind it fetched: a flush of many series waits for little else.
+  /// For a walk that has come to `items[at]`: has the memory of the ones behind it fetched. A flush
+  /// of many series waits for little else.
+  static void FetchAhead(const std::vector<Series>& items, size_t at);
+  /// The same, and lets go of the series ahead of it, whose memory is still near.
   static void AdvanceTo(std::vector<Series>& items, size_t at);
   /// Makes `series` the one being packed.
   void BeginSeries(const Series& series);
@@ -126,7 +129,15 @@ class MetricEncoder final : public MetricEncoderBase {
     std::vector<std::string> headers;  ///< of closed blocks, without their length and time
   };
 
+  /// A series whose cells are listed, and on their way to the cache while others are packed.
+  struct ListedSeries {
+    bool active = false;
+    std::vector<CellRef> cells;
+  };
+
   void PackSuffixedMetric(std::vector<Series>& items);
+  static void ListSeries(MetricCollectorItem& item, ListedSeries& listed);
+  void PackListedSeries(const Series& series, const ListedSeries& listed);
   /// Drains a cell and writes what it reports. `place` is that of the cell among those of its
   /// series.
   void EncodeMetricWithSuffix(const CellRef& ref, size_t place);
@@ -185,7 +196,8 @@ class MetricEncoder final : public MetricEncoderBase {
   const Series* series_ = nullptr;
   std::string_view cur_tag_kv_;  ///< its tags in packet form; null: not encoded yet
   lattice_kit::codec::Pack tag_scratch_{kTagScratchBytes};
-  std::vector<CellRef> cells_;
+  static constexpr size_t kListedAhead = 8;
+  std::array<ListedSeries, kListedAhead> listed_;
   MultiFieldSendRes row_;
 
   static constexpr size_t kSearchedBlocks = 12;

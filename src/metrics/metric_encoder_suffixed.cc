@@ -111,23 +111,38 @@ void MetricEncoder::PrepareSuffixTables() {
 }
 
 void MetricEncoder::PackSuffixedMetric(std::vector<Series>& items) {
-  const size_t declared = metric_->impl_->tag_index_.size();
-  for (size_t k = 0; k < items.size(); ++k) {
-    AdvanceTo(items, k);
-    MetricCollectorItem& item = *items[k].second;
-    if (!item.active_.load(std::memory_order_relaxed)) {
-      continue;
+  for (size_t begin = 0; begin < items.size(); begin += kListedAhead) {
+    const size_t end = std::min(begin + kListedAhead, items.size());
+    for (size_t k = begin; k < end; ++k) {
+      FetchAhead(items, k);
+      ListSeries(*items[k].second, listed_[k - begin]);
     }
-    BeginSeries(items[k]);
-    if (items[k].first.size() != declared && EncodeCurrentTagKV().empty()) {
-      cur_tag_kv_ = "";  // reported: its records go out without tags
+    for (size_t k = begin; k < end; ++k) {
+      PackListedSeries(items[k], listed_[k - begin]);
+      items[k].second.reset();
     }
-    item.ListCells(cells_);
-    for (size_t i = 0; i < cells_.size(); ++i) {
-      EncodeMetricWithSuffix(cells_[i], i);
-      if (CheckMsgLenAndSend(pack_, false)) {
-        RePackFromRegistry(pack_);
-      }
+  }
+}
+
+void MetricEncoder::ListSeries(MetricCollectorItem& item, ListedSeries& listed) {
+  listed.active = item.active_.load(std::memory_order_relaxed);
+  if (listed.active) {
+    item.ListCells(listed.cells);
+  }
+}
+
+void MetricEncoder::PackListedSeries(const Series& series, const ListedSeries& listed) {
+  if (!listed.active) {
+    return;
+  }
+  BeginSeries(series);
+  if (series.first.size() != metric_->impl_->tag_index_.size() && EncodeCurrentTagKV().empty()) {
+    cur_tag_kv_ = "";  // reported: its records go out without tags
+  }
+  for (size_t i = 0; i < listed.cells.size(); ++i) {
+    EncodeMetricWithSuffix(listed.cells[i], i);
+    if (CheckMsgLenAndSend(pack_, false)) {
+      RePackFromRegistry(pack_);
     }
   }
 }

@@ -90,7 +90,10 @@ void MetricImpl::DeregisterCollector() {
 }
 
 MetricImpl::ItemPtr MetricImpl::GetOrCreate(const std::vector<std::string>& tag_values) {
-  ItemPtr item = collector_->GetOrCreate(tag_values);
+  return OrDummy(collector_->GetOrCreate(tag_values));
+}
+
+MetricImpl::ItemPtr MetricImpl::OrDummy(ItemPtr item) {
   if (item == nullptr) {
     return GetDummyItem();
   }
@@ -132,7 +135,7 @@ MetricImpl::ItemPtr MetricImpl::CopyAndGet(const TagValueRefs& values) {
   for (size_t i = 0; i < pool.size(); ++i) {
     pool[i] = values[i];
   }
-  return GetOrCreate(pool);
+  return OrDummy(collector_->GetOrCreateHashed(pool, SeriesMap::HashOf(values)));
 }
 
 MetricImpl::ItemPtr MetricImpl::WithTags(const std::vector<tidegate::MetricTag>& tags) {

@@ -98,6 +98,7 @@ class METRICS_API MetricImpl {
  private:
   /// The item of a series whose values are elsewhere; they are copied if it is new.
   ItemPtr FindOrCreate(const TagValueRefs& values);
+  ItemPtr OrDummy(ItemPtr item);
   /// `GetOrCreate` with copies of the values.
   ItemPtr CopyAndGet(const TagValueRefs& values);
   enum class Placing { kDone, kRepeatedKey, kUnknownKey };
