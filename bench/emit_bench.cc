@@ -157,7 +157,7 @@ void HeldHistogram(benchmark::State& state) {
   static Metric* const twenty = make(20);
   EmitSamples(state, (state.range(0) == 10 ? ten : twenty)->WithTags({}), Stat);
 }
-BENCHMARK(HeldHistogram)->Arg(10)->Arg(20)->UseRealTime();
+BENCHMARK(HeldHistogram)->Arg(10)->Arg(20)->ThreadRange(1, 2)->UseRealTime();
 
 constexpr size_t kFields = 8;
 

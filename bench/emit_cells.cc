@@ -29,9 +29,18 @@ BENCHMARK_TEMPLATE(CellAdd, MetricsType::kGauge)
     ->ThreadRange(1, 2)
     ->UseRealTime();
 BENCHMARK_TEMPLATE(CellAdd, MetricsType::kRate)->Name("CellRate")->ThreadRange(1, 2)->UseRealTime();
-BENCHMARK_TEMPLATE(CellAdd, MetricsType::kCounter)->Name("CellCounter")->UseRealTime();
-BENCHMARK_TEMPLATE(CellAdd, MetricsType::kMeter)->Name("CellMeter")->UseRealTime();
-BENCHMARK_TEMPLATE(CellAdd, MetricsType::kDeltaCounter)->Name("CellDeltaCounter")->UseRealTime();
+BENCHMARK_TEMPLATE(CellAdd, MetricsType::kCounter)
+    ->Name("CellCounter")
+    ->ThreadRange(1, 2)
+    ->UseRealTime();
+BENCHMARK_TEMPLATE(CellAdd, MetricsType::kMeter)
+    ->Name("CellMeter")
+    ->ThreadRange(1, 2)
+    ->UseRealTime();
+BENCHMARK_TEMPLATE(CellAdd, MetricsType::kDeltaCounter)
+    ->Name("CellDeltaCounter")
+    ->ThreadRange(1, 2)
+    ->UseRealTime();
 
 void CellRateDouble(benchmark::State& state) {
   static const CellPtr cell = MetricCollectorItem::CreateData(MetricsType::kRate, false, 0);

@@ -51,12 +51,16 @@ measure() {
     run_once emit "$run" emit_bench --benchmark_filter=-threads:2
     for program in "$BIN"/*_bench; do
       program=${program##*/}
-      [[ $program == emit_bench ]] || run_once "${program%_bench}" "$run" "$program"
+      case $program in
+        emit_bench | lock_bench) ;;
+        *) run_once "${program%_bench}" "$run" "$program" ;;
+      esac
     done
   done
   step "$CONTENDED_RUNS runs with several threads"
   for ((run = 1; run <= CONTENDED_RUNS; ++run)); do
     run_once contended "$run" emit_bench --benchmark_filter=threads:2
+    run_once lock "$run" lock_bench
   done
   step "resting for $IDLE_SECONDS s"
   "$BIN/idle_cost" "$IDLE_SECONDS" "$IDLE_INTERVAL" >"$folder/idle.1.json"

@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <functional>
 #include <string>
 
 #include "metrics/bound_series.h"
+#include "metrics/metric_collector.h"
 #include "support/environment.h"
 
 // Of this thread: the client's others do as they like.
@@ -17,6 +19,8 @@ static __thread long allocations_left = -1;  // until they fail; negative: they 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 extern "C" {
 void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* memory, size_t size);
 void* __libc_memalign(size_t alignment, size_t size);
 
 void* malloc(size_t size) {
@@ -24,6 +28,18 @@ void* malloc(size_t size) {
   if (allocations_left == 0) return nullptr;
   if (allocations_left > 0) --allocations_left;
   return __libc_malloc(size);
+}
+void* calloc(size_t count, size_t size) {
+  ++allocations;
+  return __libc_calloc(count, size);
+}
+void* realloc(void* memory, size_t size) {
+  ++allocations;
+  return __libc_realloc(memory, size);
+}
+void* aligned_alloc(size_t alignment, size_t size) {
+  ++allocations;
+  return __libc_memalign(alignment, size);
 }
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 int posix_memalign(void** memory, size_t alignment, size_t size) {
@@ -101,6 +117,30 @@ TEST(AllocationTest, WhereOneFailsATableOfCellsIsAsItWas) {
     for (const std::string& name : names) table.Set(name, cell);
     EXPECT_EQ(table.Size(), kCells) << "after " << left;
     EXPECT_EQ(table.ToMap().size(), kCells) << "after " << left;
+  }
+}
+
+TEST(AllocationTest, WhereOneFailsATableOfSeriesIsAsItWas) {
+  constexpr int kLast = 8;  // the first number that makes the table grow
+  const auto key = [](int i) {
+    return std::vector<std::string>{std::string(99, static_cast<char>('a' + i))};
+  };
+  const std::vector<std::string> last = key(kLast);
+  bool made = false;
+  for (long left = 0; !made; ++left) {
+    std::atomic<unsigned long> total{0};
+    SeriesMap table(total);
+    for (int i = 0; i < kLast; ++i) table.Insert(key(i), DummyItem());
+    allocations_left = left;
+    try {
+      made = table.Insert(last, DummyItem()) == ReturnCode::kOk;
+    } catch (const std::bad_alloc&) {
+    }
+    allocations_left = -1;
+    EXPECT_EQ(table.Size(), made ? kLast + 1u : kLast) << "after " << left;
+    EXPECT_EQ(table.Get(last) != nullptr, made) << "after " << left;
+    for (int i = 0; i < kLast; ++i) EXPECT_NE(table.Erase(key(i)), nullptr) << "after " << left;
+    EXPECT_EQ(total, made ? 1u : 0u);
   }
 }
 

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -82,6 +83,37 @@ TEST_F(EncoderTest, ManySuffixesKeepTheirNamesWhateverTheirOrderAndType) {
     EXPECT_EQ(block.name, "p.m." + name(static_cast<int>(series.values.at(0))));
     EXPECT_EQ(block.wire_type, series.tags.at(0).value == "other" ? 3 : 1);
   }
+}
+
+TEST_F(EncoderTest, EachNumberStaysWithItsSeriesAndSuffixWhoeverElseIsIdle) {
+  Metric* const metric = Make("p");
+  std::map<std::string, double> awake, asleep;
+  for (int series = 0; series < 50; ++series) {
+    const std::string tag = std::to_string(series);
+    const auto item = metric->WithTagValues({tag});
+    const bool idle = series % 7 == 0;
+    for (int suffix = 0; suffix < (series == 20 ? 70 : series % 4); ++suffix) {
+      const std::string name = "s" + std::to_string(suffix);
+      item->Emit({WithSuffix(name, Store(100 * series + suffix))});
+      (idle ? asleep : awake)["p.m." + name + " " + tag] = 100 * series + suffix;
+    }
+    item->active_ = !idle;
+  }
+  const auto flushed = [&] {
+    std::map<std::string, double> numbers;
+    for (const Packet& packet : Flush(sender_, All())) {
+      for (const auto& block : packet.blocks) {
+        const auto& series = block.series.at(0);
+        numbers[block.name + " " + series.tags.at(0).value] = series.values.at(0);
+      }
+    }
+    return numbers;
+  };
+  EXPECT_EQ(flushed(), awake);
+  for (int series = 0; series < 50; series += 7) {
+    metric->WithTagValues({std::to_string(series)})->active_ = true;
+  }
+  EXPECT_EQ(flushed(), asleep);
 }
 
 TEST_F(EncoderTest, APacketHoldsOneRegistryAndStandingApartCostsOne) {

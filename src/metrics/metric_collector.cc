@@ -39,10 +39,6 @@ std::shared_ptr<MetricCollectorItem> MetricCollectorBase::GetOrCreate(
     const std::vector<std::string>& /*tag_values*/) {
   return nullptr;
 }
-std::shared_ptr<MetricCollectorItem> MetricCollectorBase::GetOrCreateHashed(
-    const std::vector<std::string>& tag_values, uint32_t /*hash*/) {
-  return GetOrCreate(tag_values);
-}
 uint32_t MetricCollectorBase::Id() { return 0; }
 std::shared_ptr<MetricCollectorItem> MetricCollectorBase::Find(const TagValueRefs& /*values*/) {
   return nullptr;
@@ -51,6 +47,11 @@ std::shared_ptr<MetricCollectorItem> MetricCollectorBase::Find(const TagValueRef
 bool MetricCollectorBase::EraseIdle(const std::vector<std::string>& /*tag_values*/,
                                     MetricCollectorItem& /*item*/) {
   return true;
+}
+
+std::shared_ptr<MetricCollectorItem> MetricCollectorBase::GetOrCreateOf(
+    const std::vector<std::string>& tag_values, const TagValueRefs& /*refs*/) {
+  return GetOrCreate(tag_values);
 }
 
 unsigned long MetricCollectorBase::CountCells() {
@@ -139,13 +140,9 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::GetOrCreate(
   return GetOrCreateHashed(tag_values, SeriesMap::HashOf(tag_values));
 }
 
-std::shared_ptr<MetricCollectorItem> HashMapCollector::GetOrCreateHashed(
-    const std::vector<std::string>& tag_values, uint32_t hash) {
-  std::shared_ptr<MetricCollectorItem> item = series_->Get(tag_values, hash);
-  if (item != nullptr) {
-    return item;
-  }
-  return CreateSeries(tag_values, hash);
+std::shared_ptr<MetricCollectorItem> HashMapCollector::GetOrCreateOf(
+    const std::vector<std::string>& tag_values, const TagValueRefs& refs) {
+  return GetOrCreateHashed(tag_values, SeriesMap::HashOf(refs));
 }
 
 std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateSeries(

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cassert>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -75,6 +76,7 @@ class ConcurrentHashmap {
     return Insert(key, value, HashOf(key));
   }
   ReturnCode Insert(const K& key, const std::shared_ptr<V>& value, uint32_t hash) {
+    assert(hash == HashOf(key));
     auto entry = std::make_shared<const Entry>(key, value);
     const WriteGuard guard(rwlock_);
     if (Find(hash, key) != kNone) {
@@ -239,20 +241,19 @@ class TagValueRefs {
   const std::string* const* begin() const { return values_; }
   const std::string* const* end() const { return values_ + count_; }
 
-  /// `TagKVHash` of the values.
+  /// `TagKVHash` of the values, computed once.
   uint32_t Hash() const {
-    uint32_t hash = hash_;
-    for (size_t i = hashed_; i < count_; ++i) {
-      hash = lattice_kit::codec::StrFNVHash(*values_[i], hash);
+    for (; hashed_ < count_; ++hashed_) {
+      hash_ = lattice_kit::codec::StrFNVHash(*values_[hashed_], hash_);
     }
-    return hash;
+    return hash_;
   }
 
  private:
   const size_t count_;
-  size_t hashed_ = 0;
-  uint32_t hash_ = lattice_kit::codec::kFNVOffsetBasis;  ///< of the first `hashed_` values
-  const std::string* values_[kMax];                      // filled as far as `count_`
+  mutable size_t hashed_ = 0;
+  mutable uint32_t hash_ = lattice_kit::codec::kFNVOffsetBasis;  ///< of the first `hashed_` values
+  const std::string* values_[kMax];                              // filled as far as `count_`
 };
 
 /// Hash of a vector of tag values: the strings chained without delimiters.
@@ -310,9 +311,6 @@ class MetricCollectorBase {
   /// a failed emission, or null, by the kind of collector.
   virtual std::shared_ptr<MetricCollectorItem> GetOrCreate(
       const std::vector<std::string>& tag_values);
-  /// The same with the `TagKVHash` of the values, where it is known.
-  virtual std::shared_ptr<MetricCollectorItem> GetOrCreateHashed(
-      const std::vector<std::string>& tag_values, uint32_t hash);
   virtual uint32_t Id();
   /// The item of a known series. Null for an unknown one, and always where a collector can only be
   /// asked with a vector: then `GetOrCreate` knows.
@@ -320,6 +318,9 @@ class MetricCollectorBase {
   /// For the expiry: erases `item` if it is still what stands under `tag_values`. False when a
   /// handle holds it. A collector that erases nothing leaves it as it is.
   virtual bool EraseIdle(const std::vector<std::string>& tag_values, MetricCollectorItem& item);
+  /// `GetOrCreate` of values that are equal to `refs`, which may know their hash.
+  virtual std::shared_ptr<MetricCollectorItem> GetOrCreateOf(
+      const std::vector<std::string>& tag_values, const TagValueRefs& refs);
 
   /// A new item of this collector's kind, which is in no table yet; null for an unknown kind.
   /// `encode_tags`: with its tags encoded ahead.
@@ -360,13 +361,21 @@ class HashMapCollector final : public MetricCollectorBase {
   void Erase(const std::vector<std::string>& tag_values) override;
   std::shared_ptr<MetricCollectorItem> GetOrCreate(
       const std::vector<std::string>& tag_values) override;
-  std::shared_ptr<MetricCollectorItem> GetOrCreateHashed(const std::vector<std::string>& tag_values,
-                                                         uint32_t hash) override;
   uint32_t Id() override { return 2; }
   std::shared_ptr<MetricCollectorItem> Find(const TagValueRefs& tag_values) override;
   bool EraseIdle(const std::vector<std::string>& tag_values, MetricCollectorItem& item) override;
+  std::shared_ptr<MetricCollectorItem> GetOrCreateOf(const std::vector<std::string>& tag_values,
+                                                     const TagValueRefs& refs) override;
 
  private:
+  std::shared_ptr<MetricCollectorItem> GetOrCreateHashed(const std::vector<std::string>& tag_values,
+                                                         uint32_t hash) {
+    std::shared_ptr<MetricCollectorItem> item = series_->Get(tag_values, hash);
+    if (item == nullptr) {
+      item = CreateSeries(tag_values, hash);
+    }
+    return item;
+  }
   /// Whatever stands under `tag_values`, or only `own` if that is not null.
   void EraseSeries(const std::vector<std::string>& tag_values, const MetricCollectorItem* own);
   std::shared_ptr<MetricCollectorItem> CreateSeries(const std::vector<std::string>& tag_values,

@@ -280,7 +280,7 @@ size_t MetricSuffixArray::MemSize() {
 }
 
 void MetricSuffixArray::ListCells(std::vector<CellRef>& cells) {
-  const FastReadGuard guard(rwlock_);
+  const ReadGuard guard(rwlock_);
   cells.resize(suffixes_.Size());
   for (size_t i = 0; i < cells.size(); ++i) {
     const CellTable::Entry& entry = suffixes_[i];

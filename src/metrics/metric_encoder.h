@@ -129,14 +129,16 @@ class MetricEncoder final : public MetricEncoderBase {
     std::vector<std::string> headers;  ///< of closed blocks, without their length and time
   };
 
-  /// A series whose cells are listed, and on their way to the cache while others are packed.
+  /// A series whose cells are listed, and on their way to the cache while others are packed. One
+  /// that wakes, or gets a cell, behind that goes out with the next flush.
   struct ListedSeries {
     bool active = false;
     std::vector<CellRef> cells;
   };
 
   void PackSuffixedMetric(std::vector<Series>& items);
-  static void ListSeries(MetricCollectorItem& item, ListedSeries& listed);
+  /// Lists `items[begin]` and some behind it into `listed_`; gives the place behind the last one.
+  size_t ListFrom(const std::vector<Series>& items, size_t begin);
   void PackListedSeries(const Series& series, const ListedSeries& listed);
   /// Drains a cell and writes what it reports. `place` is that of the cell among those of its
   /// series.
@@ -196,8 +198,9 @@ class MetricEncoder final : public MetricEncoderBase {
   const Series* series_ = nullptr;
   std::string_view cur_tag_kv_;  ///< its tags in packet form; null: not encoded yet
   lattice_kit::codec::Pack tag_scratch_{kTagScratchBytes};
-  static constexpr size_t kListedAhead = 8;
-  std::array<ListedSeries, kListedAhead> listed_;
+  static constexpr size_t kSeriesAhead = 8;
+  static constexpr size_t kCellsKept = 1024;  ///< that a list keeps memory for
+  std::array<ListedSeries, kSeriesAhead> listed_;
   MultiFieldSendRes row_;
 
   static constexpr size_t kSearchedBlocks = 12;

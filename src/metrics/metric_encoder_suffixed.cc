@@ -111,30 +111,40 @@ void MetricEncoder::PrepareSuffixTables() {
 }
 
 void MetricEncoder::PackSuffixedMetric(std::vector<Series>& items) {
-  for (size_t begin = 0; begin < items.size(); begin += kListedAhead) {
-    const size_t end = std::min(begin + kListedAhead, items.size());
+  for (size_t begin = 0, end = 0; begin < items.size(); begin = end) {
+    end = ListFrom(items, begin);
     for (size_t k = begin; k < end; ++k) {
-      FetchAhead(items, k);
-      ListSeries(*items[k].second, listed_[k - begin]);
-    }
-    for (size_t k = begin; k < end; ++k) {
-      PackListedSeries(items[k], listed_[k - begin]);
+      ListedSeries& listed = listed_[k - begin];
+      if (listed.active) {
+        PackListedSeries(items[k], listed);
+      }
       items[k].second.reset();
+      if (listed.cells.capacity() > kCellsKept) {
+        std::vector<CellRef>().swap(listed.cells);
+      }
     }
   }
 }
 
-void MetricEncoder::ListSeries(MetricCollectorItem& item, ListedSeries& listed) {
-  listed.active = item.active_.load(std::memory_order_relaxed);
-  if (listed.active) {
-    item.ListCells(listed.cells);
+size_t MetricEncoder::ListFrom(const std::vector<Series>& items, size_t begin) {
+  constexpr size_t kCellsAhead = 64;  // more would push each other out of the cache
+  const size_t last = std::min(begin + kSeriesAhead, items.size());
+  size_t cells = 0;
+  size_t k = begin;
+  for (; k < last && cells < kCellsAhead; ++k) {
+    FetchAhead(items, k);
+    MetricCollectorItem& item = *items[k].second;
+    ListedSeries& listed = listed_[k - begin];
+    listed.active = item.active_.load(std::memory_order_relaxed);
+    if (listed.active) {
+      item.ListCells(listed.cells);
+      cells += listed.cells.size();
+    }
   }
+  return k;
 }
 
 void MetricEncoder::PackListedSeries(const Series& series, const ListedSeries& listed) {
-  if (!listed.active) {
-    return;
-  }
   BeginSeries(series);
   if (series.first.size() != metric_->impl_->tag_index_.size() && EncodeCurrentTagKV().empty()) {
     cur_tag_kv_ = "";  // reported: its records go out without tags

@@ -125,7 +125,10 @@ MetricCoItemType MetricImpl::Type() { return MetricCoItemType::kCoItemUnknown; }
 
 MetricImpl::ItemPtr MetricImpl::FindOrCreate(const TagValueRefs& values) {
   ItemPtr item = collector_->Find(values);
-  return item != nullptr ? item : CopyAndGet(values);
+  if (item == nullptr) {
+    item = CopyAndGet(values);
+  }
+  return item;
 }
 
 MetricImpl::ItemPtr MetricImpl::CopyAndGet(const TagValueRefs& values) {
@@ -135,7 +138,7 @@ MetricImpl::ItemPtr MetricImpl::CopyAndGet(const TagValueRefs& values) {
   for (size_t i = 0; i < pool.size(); ++i) {
     pool[i] = values[i];
   }
-  return OrDummy(collector_->GetOrCreateHashed(pool, SeriesMap::HashOf(values)));
+  return OrDummy(collector_->GetOrCreateOf(pool, values));
 }
 
 MetricImpl::ItemPtr MetricImpl::WithTags(const std::vector<tidegate::MetricTag>& tags) {
