@@ -205,6 +205,25 @@ TEST_F(AgentTest, GoesOnWhileNobodyReadsWhatItPrints) {
   EXPECT_THAT(Content("err"), HasSubstr("dropped: packets=0 unprinted points="));
 }
 
+TEST_F(AgentTest, EndsInOrderIfTheSignalIsRepeatedAtOnce) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  const UniqueFd read_end(ends[0]);
+  const UniqueFd write_end(ends[1]);
+  Start({"--drain", "2"}, write_end.get());
+  // More than the pipe takes, so the agent cannot end before the drain does.
+  Send(Connect(), GaugeNamed(std::string(100000, 'n')));
+  kill(pid_, SIGSTOP);
+  kill(pid_, SIGTERM);
+  kill(pid_, SIGINT);
+  kill(pid_, SIGCONT);
+  // A pause, as a signal that waits is not repeated.
+  std::this_thread::sleep_for(milliseconds(100));
+  kill(pid_, SIGTERM);
+  EXPECT_EQ(Wait(), 0);
+  EXPECT_THAT(Content("err"), HasSubstr("packets=1 series=1 points=1 errors=0\n"));
+}
+
 TEST_F(AgentTest, RefusesBadSettingsInOneLine) {
   std::ofstream(folder_ / "config") << "tll = 60\n";
   const std::pair<std::vector<std::string>, const char*> kCases[] = {
