@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <atomic>
 #include <chrono>
@@ -17,6 +19,7 @@
 #include "agent/forward_url.h"
 #include "agent/forwarder.h"
 #include "agent/line_protocol.h"
+#include "agent/unique_fd.h"
 
 namespace tidegate::agent {
 namespace {
@@ -424,9 +427,12 @@ TEST_F(ForwarderTest, DropsWhatIsRefusedAndQuotesTheServerOnce) {
   EXPECT_THAT(database_.bodies(), ElementsAre(LineOf(1), LineOf(2), LineOf(3)));
   EXPECT_EQ(health_.forward_dropped_rejected, 2U);
   EXPECT_EQ(health_.forward_retried_points, 0U);
-  EXPECT_THAT(log(), ElementsAre("dropped 1 points that " + Url() +
-                                 "/write refused, HTTP 307: no longer  here (redirects are not "
-                                 "followed: name /elsewhere in --forward)"));
+  EXPECT_TRUE(forwarder_->Stop(seconds(20)));
+  const std::string refused = " points that " + Url() + "/write refused";
+  EXPECT_THAT(log(), ElementsAre("dropped 1" + refused +
+                                     ", HTTP 307: no longer  here (redirects are not "
+                                     "followed: name /elsewhere in --forward)",
+                                 "dropped 1 more" + refused));
 }
 
 TEST_F(ForwarderTest, KeepsTheNewestWhileNobodyListens) {
@@ -520,10 +526,32 @@ TEST_F(ForwarderTest, StopsInTimeIfTheDatabaseHangs) {
   ASSERT_TRUE(Await([&] { return !database_.requests().empty(); }));
   Handle(2);
   const auto start = steady_clock::now();
-  forwarder_->Stop(milliseconds(100));
+  EXPECT_TRUE(forwarder_->Stop(milliseconds(100)));
   EXPECT_LT(steady_clock::now() - start, seconds(20));
   release.set_value();
   EXPECT_THAT(log().back(), HasSubstr("dropped 2 points that could not be forwarded"));
+}
+
+TEST_F(ForwarderTest, StopsWithoutAConnectionThatIsOnlyHalfMade) {
+  const UniqueFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof(address);
+  auto* const any = reinterpret_cast<sockaddr*>(&address);
+  ASSERT_EQ(bind(listener.get(), any, size) + listen(listener.get(), 1), 0);
+  ASSERT_EQ(getsockname(listener.get(), any, &size), 0);
+  ForwardOptions options = Options("https://127.0.0.1:" + std::to_string(ntohs(address.sin_port)));
+  options.connect_grace = milliseconds(100);
+  Make(options);
+  forwarder_->Start();
+  Handle(1);
+  Handle(2);
+  // Nobody answers its TLS, for HttpPoster::kMaxConnectTime.
+  const UniqueFd silent(accept(listener.get(), nullptr, nullptr));
+  EXPECT_FALSE(forwarder_->Stop(milliseconds(0)));
+  EXPECT_THAT(log(), ElementsAre("dropped 2 points that could not be forwarded"));
+  EXPECT_EQ(health_.forward_dropped_shutdown, 2U);
 }
 
 TEST_F(ForwarderTest, ForwardsTheAgentsOwnNumbers) {
