@@ -270,6 +270,19 @@ TEST_F(AgentTest, HostileStringsStayOnOneLine) {
   }
 }
 
+TEST_F(AgentTest, PrintsTheProcessBehindTheTags) {
+  const std::string pid = std::to_string(getpid());
+  for (const auto& [format, tags] : {
+           std::pair("text", "{dc=b,host=a,pid=" + pid + "} 1.5\n"),
+           std::pair("json", R"({"dc":"b","host":"a","pid":")" + pid + R"("},"value":1.5})" + "\n"),
+       }) {
+    Start({"--label-pid", "--print", format});
+    Send(Connect(), ReadGolden("gauge.hex"));
+    Await("out", tags);
+    EXPECT_EQ(Terminate(), 0);
+  }
+}
+
 TEST_F(AgentTest, TakesOneMebibyteWholeAndCountsWhatIsLonger) {
   constexpr int kLimit = 1 << 20;
   Start();

@@ -34,7 +34,8 @@ std::vector<PacketSink*> Agent::Sinks() {
   std::vector<PacketSink*> sinks = {&table_};
   if (options_.print) {
     sinks.push_back(&printer_.emplace(
-        *options_.print, STDOUT_FILENO, [this](int error) { PrintingEnded(error); }, &health_));
+        *options_.print, options_.label_pid, STDOUT_FILENO,
+        [this](int error) { PrintingEnded(error); }, &health_));
   }
   if (options_.forward) {
     sinks.push_back(&forwarder_.emplace(*options_.forward, &health_,
