@@ -67,6 +67,10 @@ std::string Lines(const Block& block, bool label_pid = false) {
 
 TEST(LineProtocolTest, WritesEachKindAsTheMappingSays) {
   const std::vector<Tag> tags = {{"dc", "b"}, {"host", "a"}};
+  std::vector<std::string> columns;
+  for (int i = 0; i < 100; ++i) columns.push_back("hist:b-" + std::to_string(i));
+  columns.insert(columns.end(), {"hist:sum", "hist:count"});
+  const std::vector<double> values(columns.size(), 1);
   const struct {
     Block block;
     const char* lines;
@@ -96,9 +100,13 @@ TEST(LineProtocolTest, WritesEachKindAsTheMappingSays) {
        "m.h,tenant=t1,x_y=1 b-0.0=2,b-1.0=7,sum=8,count=9 1700000000000000000\n"
        "m.h,tenant=t1,x_y=1,le=1 bucket=5 1700000000000000000\n"
        "m.h,tenant=t1,x_y=1,le=+Inf bucket=9 1700000000000000000\n"},
-      {MakeBlock(6, std::string(9 << 20, 'm'), {"hist:b-0", "hist:b-1", "hist:sum", "hist:count"},
-                 {{0, {}, {}, {1, 1, 1, 2}}}),
+      // More than 16 MiB of bucket lines, and lines of more than 256 KiB.
+      {MakeBlock(6, std::string(200 << 10, 'm'), columns, {{0, {}, {}, values}}), ""},
+      {MakeBlock(7, "m", {std::string(200 << 10, 'a'), std::string(100 << 10, 'b')},
+                 {{0, {}, {}, {1, 1}}}),
        ""},
+      {MakeBlock(1, std::string(256 << 10, 'm'), {}, {{0, {}, {}, {1}}}), ""},
+      {MakeBlock(1, "m", {}, {{0, {{"k", std::string(256 << 10, 'v')}}, {}, {1}}}), ""},
       // Columns that become one: the first of those that the row has, even if it has no number.
       {MakeBlock(
            7, "m", {"a\"", "a_", "b", "a_"},
@@ -496,6 +504,15 @@ TEST_F(ForwarderTest, CutsLongPacketsIntoBatches) {
   EXPECT_TRUE(forwarded == 95 || forwarded == 105) << forwarded;
   EXPECT_EQ(forwarded + health_.forward_dropped_full, 505U);
   EXPECT_EQ(health_.forward_batches, (forwarded + 9) / 10);
+}
+
+TEST_F(ForwarderTest, LimitsTheLinesOfOnePacket) {
+  Make(Options("http://127.0.0.1:1"));
+  Packet packet;
+  packet.blocks.push_back(MakeBlock(1, std::string((256 << 10) - 100, 'm'), {},
+                                    std::vector<Series>(2000, {0, {}, {}, {1}})));
+  forwarder_->Handle(packet, ClientId());
+  EXPECT_NEAR(static_cast<double>(health_.forward_dropped_empty), 2000 - 1025, 10);
 }
 
 TEST_F(ForwarderTest, SendsWhatWaitsBeforeItStops) {

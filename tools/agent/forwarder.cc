@@ -15,6 +15,9 @@ using std::chrono::milliseconds;
 // Lines are handed to the queue when they are so many bytes, as a packet can be long.
 constexpr size_t kChunkSize = size_t{64} << 10;
 
+// Every record repeats the names of its block: more takes a packet that is made to be expensive.
+constexpr size_t kMaxPacketBytes = size_t{256} << 20;
+
 // While draining there is no time for long pauses.
 constexpr milliseconds kLongestDrainPause{500};
 
@@ -93,11 +96,14 @@ void Forwarder::DropWhatIsLeft() {
 
 void Forwarder::Handle(const Packet& packet, const ClientId& client) {
   uint64_t points = 0;
+  size_t bytes = 0;
   for (const Block& block : packet.blocks) {
     writer_.StartBlock(packet, client, block);
     for (const Series& record : block.series) {
-      if (writer_.AppendRecord(record, &lines_)) {
+      const size_t before = lines_.size();
+      if (bytes < kMaxPacketBytes && writer_.AppendRecord(record, &lines_)) {
         ++points;
+        bytes += lines_.size() - before;
       } else {
         ++health_->forward_dropped_empty;
       }
