@@ -205,6 +205,25 @@ TEST_F(AgentTest, GoesOnWhileNobodyReadsWhatItPrints) {
   EXPECT_THAT(Content("err"), HasSubstr("dropped: packets=0 unprinted points="));
 }
 
+TEST_F(AgentTest, EndsInOrderIfTheSignalIsRepeatedAtOnce) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  const UniqueFd read_end(ends[0]);
+  const UniqueFd write_end(ends[1]);
+  Start({"--drain", "2"}, write_end.get());
+  // More than the pipe takes, so the agent cannot end before the drain does.
+  Send(Connect(), GaugeNamed(std::string(100000, 'n')));
+  kill(pid_, SIGSTOP);
+  kill(pid_, SIGTERM);
+  kill(pid_, SIGINT);
+  kill(pid_, SIGCONT);
+  // A pause, as a signal that waits is not repeated.
+  std::this_thread::sleep_for(milliseconds(100));
+  kill(pid_, SIGTERM);
+  EXPECT_EQ(Wait(), 0);
+  EXPECT_THAT(Content("err"), HasSubstr("packets=1 series=1 points=1 errors=0\n"));
+}
+
 TEST_F(AgentTest, RefusesBadSettingsInOneLine) {
   std::ofstream(folder_ / "config") << "tll = 60\n";
   const std::pair<std::vector<std::string>, const char*> kCases[] = {
@@ -213,6 +232,7 @@ TEST_F(AgentTest, RefusesBadSettingsInOneLine) {
       {{"--socket-mode", "rw"}, "\"rw\" is no file mode, give octal digits as 0660"},
       {{"--http", "9464"}, "\"9464\" is no address, give HOST:PORT as 127.0.0.1:9464"},
       {{"--forward", "http://me:secret@db:x/"}, "--forward: \"http://...@db:x/\" is no URL"},
+      {{"--forward-interval", "nan"}, "--forward-interval: \"nan\" is no number of seconds"},
       {{"--print", "xml"}, "xml not in {text,json}"},
       {{"--config", folder_ / "none"}, "none"},
       {{"--config", folder_ / "config"}, "tll"},
@@ -225,6 +245,10 @@ TEST_F(AgentTest, RefusesBadSettingsInOneLine) {
     EXPECT_THAT(error, StartsWith("tidegate-agent: "));
     EXPECT_EQ(error.find('\n'), error.size() - 1) << error;
   }
+  socket_ += std::string(108 - socket_.size(), 'x');
+  Spawn();
+  EXPECT_EQ(Wait(), 2);
+  EXPECT_THAT(Content("err"), HasSubstr("is no path for a socket, give one of 1 to 107 bytes"));
 }
 
 TEST_F(AgentTest, HostileStringsStayOnOneLine) {
@@ -243,6 +267,19 @@ TEST_F(AgentTest, HostileStringsStayOnOneLine) {
     Await("out", line);
     EXPECT_EQ(Terminate(), 0);
     EXPECT_EQ(Content("out"), line);
+  }
+}
+
+TEST_F(AgentTest, PrintsTheProcessBehindTheTags) {
+  const std::string pid = std::to_string(getpid());
+  for (const auto& [format, tags] : {
+           std::pair("text", "{dc=b,host=a,pid=" + pid + "} 1.5\n"),
+           std::pair("json", R"({"dc":"b","host":"a","pid":")" + pid + R"("},"value":1.5})" + "\n"),
+       }) {
+    Start({"--label-pid", "--print", format});
+    Send(Connect(), ReadGolden("gauge.hex"));
+    Await("out", tags);
+    EXPECT_EQ(Terminate(), 0);
   }
 }
 
@@ -280,11 +317,6 @@ TEST_F(AgentTest, TakesOverAStaleSocketOnly) {
   EXPECT_EQ(Wait(), 1);
   EXPECT_EQ(Content("err"), "tidegate-agent: " + socket_ + " exists and is not a socket\n");
   EXPECT_TRUE(fs::is_regular_file(socket_));
-
-  socket_ += std::string(108 - socket_.size(), 'x');
-  Spawn();
-  EXPECT_EQ(Wait(), 1);
-  EXPECT_THAT(Content("err"), HasSubstr("the socket path is too long, 108 of at most 107 bytes"));
 }
 
 TEST_F(AgentTest, WaitsQuietlyForDescriptors) {

@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <atomic>
 #include <chrono>
@@ -17,6 +19,7 @@
 #include "agent/forward_url.h"
 #include "agent/forwarder.h"
 #include "agent/line_protocol.h"
+#include "agent/unique_fd.h"
 
 namespace tidegate::agent {
 namespace {
@@ -64,6 +67,10 @@ std::string Lines(const Block& block, bool label_pid = false) {
 
 TEST(LineProtocolTest, WritesEachKindAsTheMappingSays) {
   const std::vector<Tag> tags = {{"dc", "b"}, {"host", "a"}};
+  std::vector<std::string> columns;
+  for (int i = 0; i < 100; ++i) columns.push_back("hist:b-" + std::to_string(i));
+  columns.insert(columns.end(), {"hist:sum", "hist:count"});
+  const std::vector<double> values(columns.size(), 1);
   const struct {
     Block block;
     const char* lines;
@@ -93,9 +100,13 @@ TEST(LineProtocolTest, WritesEachKindAsTheMappingSays) {
        "m.h,tenant=t1,x_y=1 b-0.0=2,b-1.0=7,sum=8,count=9 1700000000000000000\n"
        "m.h,tenant=t1,x_y=1,le=1 bucket=5 1700000000000000000\n"
        "m.h,tenant=t1,x_y=1,le=+Inf bucket=9 1700000000000000000\n"},
-      {MakeBlock(6, std::string(9 << 20, 'm'), {"hist:b-0", "hist:b-1", "hist:sum", "hist:count"},
-                 {{0, {}, {}, {1, 1, 1, 2}}}),
+      // More than 16 MiB of bucket lines, and lines of more than 256 KiB.
+      {MakeBlock(6, std::string(200 << 10, 'm'), columns, {{0, {}, {}, values}}), ""},
+      {MakeBlock(7, "m", {std::string(200 << 10, 'a'), std::string(100 << 10, 'b')},
+                 {{0, {}, {}, {1, 1}}}),
        ""},
+      {MakeBlock(1, std::string(256 << 10, 'm'), {}, {{0, {}, {}, {1}}}), ""},
+      {MakeBlock(1, "m", {}, {{0, {{"k", std::string(256 << 10, 'v')}}, {}, {1}}}), ""},
       // Columns that become one: the first of those that the row has, even if it has no number.
       {MakeBlock(
            7, "m", {"a\"", "a_", "b", "a_"},
@@ -424,9 +435,12 @@ TEST_F(ForwarderTest, DropsWhatIsRefusedAndQuotesTheServerOnce) {
   EXPECT_THAT(database_.bodies(), ElementsAre(LineOf(1), LineOf(2), LineOf(3)));
   EXPECT_EQ(health_.forward_dropped_rejected, 2U);
   EXPECT_EQ(health_.forward_retried_points, 0U);
-  EXPECT_THAT(log(), ElementsAre("dropped 1 points that " + Url() +
-                                 "/write refused, HTTP 307: no longer  here (redirects are not "
-                                 "followed: name /elsewhere in --forward)"));
+  EXPECT_TRUE(forwarder_->Stop(seconds(20)));
+  const std::string refused = " points that " + Url() + "/write refused";
+  EXPECT_THAT(log(), ElementsAre("dropped 1" + refused +
+                                     ", HTTP 307: no longer  here (redirects are not "
+                                     "followed: name /elsewhere in --forward)",
+                                 "dropped 1 more" + refused));
 }
 
 TEST_F(ForwarderTest, KeepsTheNewestWhileNobodyListens) {
@@ -492,6 +506,15 @@ TEST_F(ForwarderTest, CutsLongPacketsIntoBatches) {
   EXPECT_EQ(health_.forward_batches, (forwarded + 9) / 10);
 }
 
+TEST_F(ForwarderTest, LimitsTheLinesOfOnePacket) {
+  Make(Options("http://127.0.0.1:1"));
+  Packet packet;
+  packet.blocks.push_back(MakeBlock(1, std::string((256 << 10) - 100, 'm'), {},
+                                    std::vector<Series>(2000, {0, {}, {}, {1}})));
+  forwarder_->Handle(packet, ClientId());
+  EXPECT_NEAR(static_cast<double>(health_.forward_dropped_empty), 2000 - 1025, 10);
+}
+
 TEST_F(ForwarderTest, SendsWhatWaitsBeforeItStops) {
   database_.Serve({Status(503), Status(204)});
   ForwardOptions options = Options(Url());
@@ -520,10 +543,32 @@ TEST_F(ForwarderTest, StopsInTimeIfTheDatabaseHangs) {
   ASSERT_TRUE(Await([&] { return !database_.requests().empty(); }));
   Handle(2);
   const auto start = steady_clock::now();
-  forwarder_->Stop(milliseconds(100));
+  EXPECT_TRUE(forwarder_->Stop(milliseconds(100)));
   EXPECT_LT(steady_clock::now() - start, seconds(20));
   release.set_value();
   EXPECT_THAT(log().back(), HasSubstr("dropped 2 points that could not be forwarded"));
+}
+
+TEST_F(ForwarderTest, StopsWithoutAConnectionThatIsOnlyHalfMade) {
+  const UniqueFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof(address);
+  auto* const any = reinterpret_cast<sockaddr*>(&address);
+  ASSERT_EQ(bind(listener.get(), any, size) + listen(listener.get(), 1), 0);
+  ASSERT_EQ(getsockname(listener.get(), any, &size), 0);
+  ForwardOptions options = Options("https://127.0.0.1:" + std::to_string(ntohs(address.sin_port)));
+  options.connect_grace = milliseconds(100);
+  Make(options);
+  forwarder_->Start();
+  Handle(1);
+  Handle(2);
+  // Nobody answers its TLS, for HttpPoster::kMaxConnectTime.
+  const UniqueFd silent(accept(listener.get(), nullptr, nullptr));
+  EXPECT_FALSE(forwarder_->Stop(milliseconds(0)));
+  EXPECT_THAT(log(), ElementsAre("dropped 2 points that could not be forwarded"));
+  EXPECT_EQ(health_.forward_dropped_shutdown, 2U);
 }
 
 TEST_F(ForwarderTest, ForwardsTheAgentsOwnNumbers) {

@@ -116,6 +116,9 @@ TEST_F(SeriesTableTest, ShowsEachKindInItsFamilies) {
        "gauge row_y_rate 7\ngauge row_z 8\n"},
       {{1, "n\n\\", {}, {{"9 k", "a\"b\\c\nd\xff\xc3\xa9"}, {"__x", "1"}, {"e", ""}}, {0}},
        "gauge n__{_9_k=\"a\\\"b\\\\c\\nd\xef\xbf\xbd\xc3\xa9\",exported__x=\"1\"} 0\n"},
+      {{1, "nul", {}, {{"k", std::string("a\0b", 3)}}, {0}},
+       "gauge nul{k=\"a\xef\xbf\xbd"
+       "b\"} 0\n"},
       {{1, "g", {}, {{"pid", "p"}, {"tenant", "t"}, {"tenant", "u"}}, {0}},
        "gauge g{pid=\"p\",exported_tenant=\"t\"} 0\n"},
       {{1, "g", {}, {{"b", "1"}, {"a", "2"}}, {0}}, "gauge g{a=\"2\",b=\"1\"} 0\n"},

@@ -34,7 +34,8 @@ std::vector<PacketSink*> Agent::Sinks() {
   std::vector<PacketSink*> sinks = {&table_};
   if (options_.print) {
     sinks.push_back(&printer_.emplace(
-        *options_.print, STDOUT_FILENO, [this](int /*error*/) { PrintingEnded(); }, &health_));
+        *options_.print, options_.label_pid, STDOUT_FILENO,
+        [this](int error) { PrintingEnded(error); }, &health_));
   }
   if (options_.forward) {
     sinks.push_back(&forwarder_.emplace(*options_.forward, &health_,
@@ -62,9 +63,9 @@ int Agent::Run() {
 int Agent::End(int status) {
   const bool http_ended = !http_ || http_->Stop(kHttpDrain);
   log_.Finish(kLogDrain);
-  // A slow client must not keep the process; its thread still uses what the destructors would take
-  // away.
-  if (!http_ended) std::_Exit(status);
+  // Neither a slow client nor a database that is hard to reach may keep the process; their threads
+  // still use what the destructors would take away.
+  if (!http_ended || !forwarder_ended_) std::_Exit(status);
   return status;
 }
 
@@ -91,11 +92,11 @@ bool Agent::Start() {
 }
 
 // Printing is all that there is to do, or else the rest goes on without it.
-void Agent::PrintingEnded() {
+void Agent::PrintingEnded(int error) {
   if (options_.http.empty() && !options_.forward) {
     Stop();
   } else {
-    log_.Report("points are no longer printed, standard output is closed");
+    log_.Report("points are no longer printed: " + std::generic_category().message(error));
   }
 }
 
@@ -114,7 +115,7 @@ void Agent::AppendPage(std::string* page) {
 bool Agent::FinishOutputs() {
   using Clock = std::chrono::steady_clock;
   const Clock::time_point end = Clock::now() + options_.drain;
-  if (forwarder_) forwarder_->Stop(options_.drain);
+  if (forwarder_) forwarder_ended_ = forwarder_->Stop(options_.drain);
   if (!printer_) return true;
   // It has printed meanwhile.
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
@@ -127,9 +128,11 @@ bool Agent::FinishOutputs() {
 
 void Agent::ReportTotals() {
   const uint64_t errors = health_.Errors();
-  if (health_.dropped_packets > 0 || health_.unprinted_points > 0) {
+  const uint64_t unforwarded = health_.ForwardDropped();
+  if (health_.dropped_packets > 0 || health_.unprinted_points > 0 || unforwarded > 0) {
     log_.Report("dropped: packets=" + std::to_string(health_.dropped_packets) +
-                " unprinted points=" + std::to_string(health_.unprinted_points));
+                " unprinted points=" + std::to_string(health_.unprinted_points) +
+                " unforwarded points=" + std::to_string(unforwarded));
   }
   log_.Report("packets=" + std::to_string(health_.packets) +
               " series=" + std::to_string(table_.made()) +

@@ -41,7 +41,7 @@ class Agent {
  private:
   std::vector<PacketSink*> Sinks();
   bool Start();
-  void PrintingEnded();
+  void PrintingEnded(int error);
   void HttpEnded();
   void AppendPage(std::string* page);
   // Ends what comes after the decoder. False if points could not be printed.
@@ -58,6 +58,7 @@ class Agent {
   SeriesTable table_;
   std::optional<PacketLog> printer_;
   std::atomic<bool> http_failed_{false};
+  bool forwarder_ended_ = true;  // or else it still connects behind all time for it
   std::optional<HttpServer> http_;
   std::optional<Forwarder> forwarder_;
   Decoder decoder_;  // after all sinks

@@ -44,11 +44,12 @@ void AppendNumber(double value, std::string* out) {
   }
 }
 
-// The bytes of the UTF-8 character that `text` begins with, or 0 if it begins with none.
+// The bytes of the UTF-8 character that `text` begins with, or 0 if it begins with none. A NUL
+// counts as none: receivers take it for the end of the page.
 size_t CharacterSize(std::string_view text) {
   const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
   const unsigned char first = byte(0);
-  if (first < 0x80) return 1;
+  if (first < 0x80) return first == 0 ? 0 : 1;
   const size_t size = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
   if (first < 0xc2 || first > 0xf4 || text.size() < size) return 0;
   for (size_t i = 1; i < size; ++i) {

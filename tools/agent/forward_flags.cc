@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cmath>
 
 namespace tidegate::agent {
 namespace {
@@ -32,6 +33,20 @@ std::string CheckUrl(const std::string& text) {
              : "\"" + WithoutSecrets(text) + "\" is no URL to forward to: " + error;
 }
 
+// CLI::Range lets it through, as a NaN is neither below nor above anything.
+std::string CheckNoNan(const std::string& text) {
+  double number = 0;
+  const bool is_nan = CLI::detail::lexical_cast(text, number) && std::isnan(number);
+  return is_nan ? "\"" + text + "\" is no number of seconds" : "";
+}
+
+void AddSeconds(CLI::App* app, const char* name, double least, double* seconds, const char* help) {
+  app->add_option(name, *seconds, help)
+      ->check(CLI::Range(least, kLongestTime))
+      ->check(CheckNoNan)
+      ->capture_default_str();
+}
+
 }  // namespace
 
 void ForwardFlags::DeclareOn(CLI::App* app) {
@@ -42,9 +57,7 @@ void ForwardFlags::DeclareOn(CLI::App* app) {
   app->add_option("--forward-batch-points", batch_points, "Points of a request, at most")
       ->check(CLI::Range(uint64_t{1}, kMostPoints))
       ->capture_default_str();
-  app->add_option("--forward-interval", interval, "Seconds that a point waits for others")
-      ->check(CLI::Range(0.01, kLongestTime))
-      ->capture_default_str();
+  AddSeconds(app, "--forward-interval", 0.01, &interval, "Seconds that a point waits for others");
   app->add_option("--forward-queue-points", queue_points, "Points that may wait for the database")
       ->check(CLI::Range(uint64_t{1}, kMostPoints))
       ->capture_default_str();
@@ -52,9 +65,7 @@ void ForwardFlags::DeclareOn(CLI::App* app) {
       ->transform(CLI::AsSizeValue(false))
       ->check(CLI::Range(kFewestBytes, kMostBytes))
       ->capture_default_str();
-  app->add_option("--forward-timeout", timeout, "Seconds for each step of a request")
-      ->check(CLI::Range(0.1, kLongestTime))
-      ->capture_default_str();
+  AddSeconds(app, "--forward-timeout", 0.1, &timeout, "Seconds for each step of a request");
 }
 
 ForwardOptions ForwardFlags::ToOptions(bool label_pid) const {

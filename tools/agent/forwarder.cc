@@ -15,6 +15,9 @@ using std::chrono::milliseconds;
 // Lines are handed to the queue when they are so many bytes, as a packet can be long.
 constexpr size_t kChunkSize = size_t{64} << 10;
 
+// Every record repeats the names of its block: more takes a packet that is made to be expensive.
+constexpr size_t kMaxPacketBytes = size_t{256} << 20;
+
 // While draining there is no time for long pauses.
 constexpr milliseconds kLongestDrainPause{500};
 
@@ -50,36 +53,57 @@ Forwarder::Forwarder(ForwardOptions options, Health* health, Report report)
       writer_(options_.label_pid, report_),
       random_(std::random_device()()) {}
 
-Forwarder::~Forwarder() { Stop(milliseconds(0)); }
+Forwarder::~Forwarder() {
+  Stop(milliseconds(0));
+  if (thread_.joinable()) thread_.join();
+  if (canceller_.joinable()) canceller_.join();
+}
 
 void Forwarder::Start() { thread_ = std::thread(&Forwarder::Run, this); }
 
-void Forwarder::Stop(milliseconds drain) {
-  if (!thread_.joinable()) return;
+bool Forwarder::Stop(milliseconds drain) {
+  if (!thread_.joinable() || draining_) return !thread_.joinable();
   drain_end_ = Clock::now() + drain;
   draining_ = true;
   queue_.Flush();
-  const std::future<void> ended = ended_.get_future();
+  canceller_ = std::thread(&Forwarder::CancelWhenDrained, this);
+  const bool ended =
+      ended_.wait_until(drain_end_ + options_.connect_grace) == std::future_status::ready;
+  if (ended) {
+    thread_.join();
+    canceller_.join();
+  }
+  DropWhatIsLeft();
+  return ended;
+}
+
+// On a thread of its own, as Cancel waits for a connection that is just being made.
+void Forwarder::CancelWhenDrained() {
   Clock::time_point cancel_at = drain_end_;
-  while (ended.wait_until(cancel_at) != std::future_status::ready) {
+  while (ended_.wait_until(cancel_at) != std::future_status::ready) {
     poster_.Cancel();
     // The request may have been about to start.
     cancel_at = Clock::now() + kCancelPause;
   }
-  thread_.join();
+}
 
-  const uint64_t left = queue_.Clear();
+void Forwarder::DropWhatIsLeft() {
+  const uint64_t left = queue_.Clear() + sending_;
   PublishSize();
+  health_->forward_dropped_shutdown += left;
   if (left > 0) report_("dropped " + std::to_string(left) + " points that could not be forwarded");
 }
 
 void Forwarder::Handle(const Packet& packet, const ClientId& client) {
   uint64_t points = 0;
+  size_t bytes = 0;
   for (const Block& block : packet.blocks) {
     writer_.StartBlock(packet, client, block);
     for (const Series& record : block.series) {
-      if (writer_.AppendRecord(record, &lines_)) {
+      const size_t before = lines_.size();
+      if (bytes < kMaxPacketBytes && writer_.AppendRecord(record, &lines_)) {
         ++points;
+        bytes += lines_.size() - before;
       } else {
         ++health_->forward_dropped_empty;
       }
@@ -126,7 +150,11 @@ void Forwarder::Run() {
     }
     PublishSize();
   }
-  ended_.set_value();
+  if (refused_points_ > 0) {
+    report_("dropped " + std::to_string(refused_points_) + " more points that " +
+            options_.url.shown + " refused");
+  }
+  end_.set_value();
 }
 
 void Forwarder::SendHealthIfDue() {
@@ -140,7 +168,9 @@ void Forwarder::SendHealthIfDue() {
 }
 
 void Forwarder::Deliver(Batch batch) {
+  sending_ = batch.points;
   const HttpReply reply = poster_.Post(batch.body, Timeout());
+  sending_ = 0;
   if (IsWorthRetrying(reply.status)) return Retry(std::move(batch), reply);
   failures_ = 0;
   if (!IsTaken(reply.status)) return Reject(batch, reply);

@@ -29,6 +29,11 @@ uint64_t Health::Errors() const {
   return sum;
 }
 
+uint64_t Health::ForwardDropped() const {
+  return forward_dropped_full + forward_dropped_rejected + forward_dropped_empty +
+         forward_dropped_shutdown;
+}
+
 void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
   const std::chrono::duration<double> uptime = std::chrono::steady_clock::now() - start;
   handle({"tidegate_agent_info", "The agent runs.", false, "version", TIDEGATE_VERSION, 1});
@@ -71,6 +76,7 @@ void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
   handle({kDropped, kDroppedHelp, true, "reason", "full", ValueOf(forward_dropped_full)});
   handle({kDropped, kDroppedHelp, true, "reason", "rejected", ValueOf(forward_dropped_rejected)});
   handle({kDropped, kDroppedHelp, true, "reason", "empty", ValueOf(forward_dropped_empty)});
+  handle({kDropped, kDroppedHelp, true, "reason", "shutdown", ValueOf(forward_dropped_shutdown)});
   counter("tidegate_agent_forward_retried_points_total",
           "Points whose sending failed and is tried again.", forward_retried_points);
   counter("tidegate_agent_forward_batches_total", "Requests that the database took.",

@@ -63,12 +63,14 @@ struct Health {
   Number forward_dropped_full{0};      // points
   Number forward_dropped_rejected{0};  // points that the server did not want
   Number forward_dropped_empty{0};     // points that make no line: no number in it, or too long
+  Number forward_dropped_shutdown{0};  // points that were left when the agent ended
   Number forward_retried_points{0};
   Number forward_batches{0};
 
   const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
 
   uint64_t Errors() const;
+  uint64_t ForwardDropped() const;
 
   // Hands out every number as a sample; those of one name follow each other.
   void ForEach(const std::function<void(const Sample&)>& handle) const;

@@ -27,11 +27,12 @@ class HttpPoster {
   HttpPoster(const HttpPoster&) = delete;
   HttpPoster& operator=(const HttpPoster&) = delete;
 
-  // Waits for the connection (kMaxConnectTime at most), the peer's reading and its reply, `timeout`
-  // at most for each.
+  // Waits for the connection, the peer's reading and its reply, `timeout` at most for each, and for
+  // a connection kMaxConnectTime at most: for each address of the host and for TLS, while looking
+  // the name up takes what the machine's resolver allows.
   HttpReply Post(const std::string& gzip_body, std::chrono::milliseconds timeout);
 
-  // Ends a Post that is under way; one that is still connecting ends when that does.
+  // Ends a Post that is under way; while one is still connecting, waits until that has ended.
   void Cancel();
 
   static constexpr std::chrono::milliseconds kMaxConnectTime{3000};

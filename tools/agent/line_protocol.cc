@@ -46,12 +46,16 @@ void LineWriter::StartBlock(const Packet& packet, const ClientId& client, const 
   client_ = &client;
   block_ = &block;
   kind_ = KindOf(block);
-  in_time_ = block.timestamp <= kLastSecond && block.timestamp >= -kLastSecond;
-  time_ = ' ' + std::to_string(in_time_ ? block.timestamp * kNanosPerSecond : 0) + '\n';
+  fits_ = block.timestamp <= kLastSecond && block.timestamp >= -kLastSecond;
+  time_ = ' ' + std::to_string(fits_ ? block.timestamp * kNanosPerSecond : 0) + '\n';
   measurement_.clear();
   const bool altered = AppendEscaped(LinePart::kMeasurement, block.name, &measurement_);
   names_.StartBlock(block.name, measurement_, altered);
   EscapeFields();
+  // Before any record is tried, as a packet can hold one long name and very many of them.
+  fits_ = fits_ && measurement_.size() + packet.tenant.size() <= kMaxLineBytes &&
+          std::all_of(fields_.begin(), fields_.end(),
+                      [](const std::string& field) { return field.size() <= kMaxLineBytes; });
   bounds_.clear();
   if (kind_ != Kind::kHistogram) return;
   // A bucket is known by its lower end, `le` by the upper one.
@@ -75,7 +79,7 @@ void LineWriter::EscapeFields() {
 }
 
 bool LineWriter::AppendRecord(const Series& record, std::string* out) {
-  if (!in_time_) return false;
+  if (!fits_) return false;
   tags_.Assign(*packet_, *client_, label_pid_, kind_, record);
   AppendTags();
   if (bounds_.size() * head_.size() > kMaxBucketBytes) return false;
@@ -93,7 +97,7 @@ bool LineWriter::AppendRecord(const Series& record, std::string* out) {
                 std::exchange(merged, 0) + record.values[i]);
   }
   const bool written = AppendLine(out);
-  if (kind_ == Kind::kHistogram) AppendBuckets(record, out);
+  if (written && kind_ == Kind::kHistogram) AppendBuckets(record, out);
   return written;
 }
 
@@ -122,7 +126,7 @@ void LineWriter::AppendTags() {
 }
 
 void LineWriter::AppendField(std::string_view escaped_name, double value) {
-  if (!std::isfinite(value)) return;
+  if (!std::isfinite(value) || values_.size() > kMaxLineBytes) return;
   values_ += values_.empty() ? ' ' : ',';
   values_ += escaped_name;
   values_ += '=';
@@ -130,10 +134,11 @@ void LineWriter::AppendField(std::string_view escaped_name, double value) {
 }
 
 bool LineWriter::AppendLine(std::string* out) {
-  if (values_.empty()) return false;
-  out->append(head_).append(values_).append(time_);
+  const bool fits =
+      !values_.empty() && head_.size() + values_.size() + time_.size() <= kMaxLineBytes;
+  if (fits) out->append(head_).append(values_).append(time_);
   values_.clear();
-  return true;
+  return fits;
 }
 
 void LineWriter::AppendBuckets(const Series& record, std::string* out) {

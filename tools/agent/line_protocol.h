@@ -20,7 +20,8 @@ namespace tidegate::agent {
 // Writes points as lines of the InfluxDB line protocol. Every field is a float; NaN and infinities,
 // which no receiver takes, are left out, and so is a line without any field. Times are nanoseconds.
 // Buckets whose bounds are equal in the digits of their names are one. A histogram whose bucket
-// lines would take more than 16 MiB gets no line at all.
+// lines would take more than 16 MiB gets no line at all, nor does a record whose line would be
+// longer than kMaxLineBytes, which receivers refuse as well.
 //
 // Names that become one by the escapes are reported as AlteredNames does. Points of such
 // measurements are mixed; of such tags of a series and such columns of a row a line has the first.
@@ -28,6 +29,8 @@ namespace tidegate::agent {
 // Not thread-safe. Keeps buffers, so that usual points are written without allocations.
 class LineWriter {
  public:
+  static constexpr size_t kMaxLineBytes = size_t{256} << 10;
+
   // With `label_pid` lines carry the process as a tag. `report` is called by the methods.
   LineWriter(bool label_pid, CollisionLog::Reporter report)
       : label_pid_(label_pid), names_(std::move(report)) {}
@@ -53,7 +56,7 @@ class LineWriter {
   const ClientId* client_ = nullptr;
   const Block* block_ = nullptr;
   Kind kind_ = Kind::kGauge;
-  bool in_time_ = false;             // the block's time can be said in nanoseconds
+  bool fits_ = false;                // its time is one in nanoseconds, no name alone is too long
   std::string measurement_;          // escaped, as all below
   std::vector<std::string> fields_;  // names of the columns
   bool fields_altered_ = false;      // one of them at least

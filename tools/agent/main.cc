@@ -1,7 +1,11 @@
 #include <malloc.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <exception>
 
 #include "agent/agent.h"
@@ -13,15 +17,16 @@ using tidegate::agent::Agent;
 using tidegate::agent::Options;
 using tidegate::agent::OptionsError;
 
-// Ends the agent in order at the first signal of a kind, as long as this object lives. A second one
-// kills it, should a write be stuck even so.
+// Ends the agent in order at the first signal, as long as this object lives. A later one kills it,
+// should a write be stuck even so; but not one that comes at once, as those who stop a process and
+// then its whole group mean it only once.
 class StopOnSignals {
  public:
   explicit StopOnSignals(Agent* agent) {
     target_ = agent;
     struct sigaction action = {};
-    action.sa_handler = [](int) { target_->Stop(); };
-    action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND);
+    action.sa_handler = HandleSignal;
+    action.sa_flags = SA_RESTART;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
   }
@@ -33,7 +38,23 @@ class StopOnSignals {
   StopOnSignals& operator=(const StopOnSignals&) = delete;
 
  private:
+  static constexpr int64_t kOnceMillis = 1000;
+
+  static void HandleSignal(int number) {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const int64_t millis = int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+    int64_t first = 0;
+    if (first_.compare_exchange_strong(first, millis)) {
+      target_->Stop();
+    } else if (millis - first > kOnceMillis) {
+      _exit(128 + number);
+    }
+  }
+
   static inline Agent* target_ = nullptr;
+  static inline std::atomic<int64_t> first_{0};  // when it came, by the monotonic clock
+  static_assert(std::atomic<int64_t>::is_always_lock_free);
 };
 
 }  // namespace

@@ -13,35 +13,52 @@ constexpr size_t kMaxBytes = 16 << 20;
 // handed on before a whole packet's are together.
 constexpr size_t kWriteSize = 1 << 16;
 
+// More takes a packet that is made to be expensive.
+constexpr size_t kMaxPacketBytes = size_t{256} << 20;
+
 }  // namespace
 
-PacketLog::PacketLog(PrintFormat format, int fd, std::function<void(int)> on_error, Health* health)
-    : format_(format), health_(health), writer_(fd, kMaxBytes, std::move(on_error)) {}
+PacketLog::PacketLog(PrintFormat format, bool label_pid, int fd, std::function<void(int)> on_error,
+                     Health* health)
+    : format_(format),
+      label_pid_(label_pid),
+      health_(health),
+      writer_(fd, kMaxBytes, std::move(on_error)) {}
 
-void PacketLog::Handle(const Packet& packet, const ClientId& /*client*/) {
+void PacketLog::Handle(const Packet& packet, const ClientId& client) {
+  const Tag tag = {"pid", std::to_string(client.pid)};
+  const Tag* const pid = label_pid_ ? &tag : nullptr;
+  flushed_ = 0;
   for (size_t i = 0; i < packet.blocks.size() && writer_.error() == 0;) {
     const size_t timer = format_ == PrintFormat::kText ? TimerBlocks(packet, i) : 0;
     if (timer != 0) {
-      AppendTimerText(packet, i, &buffer_);
+      AppendTimerText(packet, i, pid, &buffer_);
       EndPoints(timer);
       i += timer;
       continue;
     }
-    const Block& block = packet.blocks[i++];
-    for (const Series& record : block.series) {
-      if (format_ == PrintFormat::kText) {
-        AppendText(packet, block, record, &buffer_);
-      } else {
-        AppendJson(packet, block, record, &buffer_);
-      }
-      EndPoints(1);
-    }
+    Append(packet, packet.blocks[i++], pid);
   }
   Flush();
 }
 
 void PacketLog::Finish(std::chrono::milliseconds timeout) {
   health_->unprinted_points += writer_.Finish(timeout);
+}
+
+void PacketLog::Append(const Packet& packet, const Block& block, const Tag* pid) {
+  for (const Series& record : block.series) {
+    if (flushed_ > kMaxPacketBytes) {
+      ++health_->unprinted_points;
+      continue;
+    }
+    if (format_ == PrintFormat::kText) {
+      AppendText(packet, block, record, pid, &buffer_);
+    } else {
+      AppendJson(packet, block, record, pid, &buffer_);
+    }
+    EndPoints(1);
+  }
 }
 
 void PacketLog::EndPoints(size_t count) {
@@ -51,6 +68,7 @@ void PacketLog::EndPoints(size_t count) {
 
 void PacketLog::Flush() {
   if (buffer_.empty()) return;
+  flushed_ += buffer_.size();
   health_->unprinted_points += writer_.Write(std::exchange(buffer_, {}), std::exchange(points_, 0));
 }
 

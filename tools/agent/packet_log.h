@@ -15,14 +15,17 @@ namespace tidegate::agent {
 enum class PrintFormat { kText, kJson };
 
 // Prints every point, as text or as lines of JSON, to a descriptor. Points whose lines nobody reads
-// in time are dropped, and counted, beyond 16 MiB.
+// in time are dropped, and counted, beyond 16 MiB; so are those of one packet whose lines, by a
+// long name that each of them repeats, would be beyond 256 MiB.
 //
 // Threads: as every sink; Finish from one thread, behind the last Handle. Borrows descriptor and
 // `health`.
 class PacketLog : public PacketSink {
  public:
-  // `on_error` is called once, on another thread, if the points cannot be written any more.
-  PacketLog(PrintFormat format, int fd, std::function<void(int)> on_error, Health* health);
+  // With `label_pid` the process is the last tag of each point. `on_error` is called once, on
+  // another thread, if the points cannot be written any more.
+  PacketLog(PrintFormat format, bool label_pid, int fd, std::function<void(int)> on_error,
+            Health* health);
 
   void Handle(const Packet& packet, const ClientId& client) override;
 
@@ -33,13 +36,16 @@ class PacketLog : public PacketSink {
   int error() const { return writer_.error(); }
 
  private:
+  void Append(const Packet& packet, const Block& block, const Tag* pid);
   void EndPoints(size_t count);
   void Flush();
 
   const PrintFormat format_;
+  const bool label_pid_;
   Health* const health_;
   std::string buffer_;   // lines that the writer does not have yet
   uint64_t points_ = 0;  // in those
+  size_t flushed_ = 0;   // bytes of the packet's lines that the writer has got
   StreamWriter writer_;
 };
 

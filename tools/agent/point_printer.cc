@@ -41,9 +41,15 @@ void AppendWord(const std::string& text, std::string* out) {
   AppendQuoted(text, out);
 }
 
+template <typename Handle>
+void ForEachTag(const Series& record, const Tag* extra, const Handle& handle) {
+  for (const Tag& tag : record.tags) handle(tag);
+  if (extra != nullptr) handle(*extra);
+}
+
 // What every line of text begins with.
 void AppendHead(const Packet& packet, int64_t timestamp, std::string_view type,
-                const std::string& name, const std::vector<Tag>& tags, std::string* out) {
+                const std::string& name, const Series& record, const Tag* extra, std::string* out) {
   *out += std::to_string(timestamp);
   *out += ' ';
   AppendWord(packet.tenant, out);
@@ -52,12 +58,13 @@ void AppendHead(const Packet& packet, int64_t timestamp, std::string_view type,
   *out += ' ';
   AppendWord(name, out);
   *out += '{';
-  for (const Tag& tag : tags) {
-    if (&tag != tags.data()) *out += ',';
+  const char* separator = "";
+  ForEachTag(record, extra, [&](const Tag& tag) {
+    *out += std::exchange(separator, ",");
     AppendWord(tag.key, out);
     *out += '=';
     AppendWord(tag.value, out);
-  }
+  });
   *out += '}';
 }
 
@@ -106,11 +113,11 @@ size_t TimerBlocks(const Packet& packet, size_t first) {
   return std::size(kTimerColumns);
 }
 
-void AppendTimerText(const Packet& packet, size_t first, std::string* out) {
+void AppendTimerText(const Packet& packet, size_t first, const Tag* extra, std::string* out) {
   const Block& block = packet.blocks[first];
   std::string base;
   SplitTimerName(block.name, kTimerColumns[0], &base);
-  AppendHead(packet, block.timestamp, "timer", base, block.series[0].tags, out);
+  AppendHead(packet, block.timestamp, "timer", base, block.series[0], extra, out);
   for (size_t i = 0; i < std::size(kTimerColumns); ++i) {
     *out += ' ';
     *out += kTimerColumns[i];
@@ -120,8 +127,10 @@ void AppendTimerText(const Packet& packet, size_t first, std::string* out) {
   *out += '\n';
 }
 
-void AppendText(const Packet& packet, const Block& block, const Series& record, std::string* out) {
-  AppendHead(packet, block.timestamp, WireTypeName(block.wire_type), block.name, record.tags, out);
+void AppendText(const Packet& packet, const Block& block, const Series& record, const Tag* extra,
+                std::string* out) {
+  AppendHead(packet, block.timestamp, WireTypeName(block.wire_type), block.name, record, extra,
+             out);
   for (size_t i = 0; i < record.values.size(); ++i) {
     *out += ' ';
     if (!block.fields.empty()) {
@@ -133,14 +142,15 @@ void AppendText(const Packet& packet, const Block& block, const Series& record, 
   *out += '\n';
 }
 
-void AppendJson(const Packet& packet, const Block& block, const Series& record, std::string* out) {
+void AppendJson(const Packet& packet, const Block& block, const Series& record, const Tag* extra,
+                std::string* out) {
   Json line;
   line["timestamp"] = block.timestamp;
   line["tenant"] = packet.tenant;
   line["type"] = WireTypeName(block.wire_type);
   line["name"] = block.name;
   Json& tags = line["tags"] = Json::object();
-  for (const Tag& tag : record.tags) AddMember(tag.key, tag.value, &tags);
+  ForEachTag(record, extra, [&](const Tag& tag) { AddMember(tag.key, tag.value, &tags); });
   if (block.fields.empty()) {
     line["value"] = NumberToJson(record.values.front());
   } else {

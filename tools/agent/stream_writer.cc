@@ -61,9 +61,13 @@ void StreamWriter::Run() {
 
 bool StreamWriter::WriteChunk(std::string_view text) {
   while (!text.empty() && error_ == 0) {
-    if (GaveUp()) return false;
+    // Behind the deadline, what can be written without waiting still is.
+    const bool late = GaveUp();
     pollfd ready = {fd_, POLLOUT, 0};
-    if (poll(&ready, 1, kPollMillis) <= 0) continue;
+    if (poll(&ready, 1, late ? 0 : kPollMillis) <= 0) {
+      if (late) return false;
+      continue;
+    }
     const ssize_t written = write(fd_, text.data(), std::min(text.size(), write_size_));
     if (written >= 0) {
       text.remove_prefix(static_cast<size_t>(written));

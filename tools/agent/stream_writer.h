@@ -28,8 +28,8 @@ class StreamWriter {
   // Never waits. Returns how many lines were dropped, of this or older text.
   uint64_t Write(std::string text, uint64_t lines);
 
-  // Writes what waits, but gives up after `timeout`, and ends the thread. Returns how many lines
-  // were not written whole.
+  // Writes what waits, but does not wait for a reader after `timeout`, and ends the thread. Returns
+  // how many lines were not written whole.
   uint64_t Finish(std::chrono::milliseconds timeout);
 
   // The errno that ended the writing, or 0.
