@@ -43,7 +43,7 @@ make_root() {
 }
 
 # What precedes each script; a section that fails leaves no servers behind.
-PREAMBLE='set -euxo pipefail; trap "{ kill \$(jobs -p) || true; } 2>/dev/null" EXIT'
+PREAMBLE="set -euxo pipefail; trap '{ kill \$(jobs -p) || true; } 2>/dev/null' EXIT"
 
 # sections: writes the sh blocks of each section of README.md to a numbered file in the scratch folder.
 sections() {
