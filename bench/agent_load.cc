@@ -1,7 +1,8 @@
 // agent_load AGENT [CLIENTS RATE SECONDS]: does the agent keep up with CLIENTS (20) that each send
 // RATE (10) packets of 200 KiB a second for SECONDS (10), and does any of them hit the time-out
 // that the library's sender has? Starts the agent, which says at its end what it decoded and
-// dropped. Status 1 if a send failed or, at the default load, a packet was dropped.
+// dropped. Status 1 if a send failed, if decoded and dropped packets are not those sent, if one was
+// no good, or if one was dropped at the default load.
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -13,6 +14,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cinttypes>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -106,6 +108,24 @@ std::string Content(const std::string& path) {
   return text.str();
 }
 
+// The number behind the last `name` in the log, 0 if there is none.
+uint64_t NumberBehind(const std::string& log, const std::string& name) {
+  const size_t at = log.rfind(name);
+  return at == std::string::npos ? 0 : std::strtoull(log.c_str() + at + name.size(), nullptr, 10);
+}
+
+// By the lines that the agent ends with. The one of dropped packets is there only if some were.
+bool AllAccountedFor(const std::string& log, uint64_t sent, bool may_drop) {
+  const std::string totals = "tidegate-agent: packets=";
+  const uint64_t decoded = NumberBehind(log, totals);
+  const uint64_t dropped = NumberBehind(log, "dropped: packets=");
+  const uint64_t errors = NumberBehind(log, " errors=");
+  std::printf("agent: decoded=%" PRIu64 " dropped=%" PRIu64 " errors=%" PRIu64 "\n", decoded,
+              dropped, errors);
+  return log.find(totals) != std::string::npos && decoded + dropped == sent && errors == 0 &&
+         (may_drop || dropped == 0);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -155,7 +175,6 @@ int main(int argc, char** argv) {
   std::printf("agent: cpu=%.2f s (user %.2f, system %.2f), most memory %ld MiB, exit status %d\n",
               Seconds(usage.ru_utime) + Seconds(usage.ru_stime), Seconds(usage.ru_utime),
               Seconds(usage.ru_stime), usage.ru_maxrss / 1024, status);
-  // The agent has this line only if something was.
-  const bool dropped = log.find("dropped: packets=") != std::string::npos;
-  return status == 0 && totals.failed == 0 && (argc > 2 || !dropped) ? 0 : 1;
+  const bool complete = AllAccountedFor(log, totals.sent, argc > 2);
+  return status == 0 && totals.sent > 0 && totals.failed == 0 && complete ? 0 : 1;
 }

@@ -89,6 +89,7 @@ if(TIDEGATE_BUILD_AGENT)
   install(
     FILES ${tidegate_systemd}/tidegate-agent.conf
     DESTINATION ${tidegate_etc}
+    PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ # there can be a password in it
     COMPONENT tools)
 endif()
 

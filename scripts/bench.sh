@@ -67,6 +67,13 @@ measure() {
   python3 "$ROOT/bench/compare.py" "$folder"
 }
 
+# try_agent_load: 2 s of a load that is far below what an agent takes.
+try_agent_load() {
+  build release tidegate-agent
+  step "sending to an agent for 2 s"
+  quietly "$BIN/agent_load" "$ROOT/build/release/tools/agent/tidegate-agent" 3 10 2
+}
+
 need_packages "${BUILD_PACKAGES[@]}" "${BENCH_PACKAGES[@]}"
 if [[ ${1:-} == instructions ]]; then
   check_instructions "${@:2}"
@@ -80,9 +87,11 @@ IDLE_INTERVAL=30
 min_time=()
 if [[ ${1:-} == --short ]]; then
   shift
+  short=yes
   RUNS=1 CONTENDED_RUNS=1 IDLE_SECONDS=3 IDLE_INTERVAL=1
   min_time=(--benchmark_min_time=0.01)
 fi
 (($# <= 1)) || die "too many arguments"
 folder=${1:-$ROOT/build/bench-results}
 measure
+[[ -z ${short:-} ]] || try_agent_load

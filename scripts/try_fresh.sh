@@ -3,7 +3,7 @@
 #
 # Makes a minimal root file system by debootstrap (in `folder`, which stays to be looked into, or in a
 # scratch folder), puts a clone of what is committed here into it, and runs there every block of README.md that is
-# marked as sh, one after the other, each as one script in the root of the clone. Prints each block with
+# marked as sh, one after the other, those of a section as one script in the root of the clone. Prints each with
 # what it printed, and how long it took. MIRROR: where packages come from.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
@@ -42,27 +42,39 @@ make_root() {
   quietly git clone -q "$ROOT" "$FRESH/root/tidegate"
 }
 
-# blocks: writes the sh blocks of README.md to numbered files in the scratch folder.
-blocks() {
-  awk -v folder="$SCRATCH" '
-    /^```sh$/ { file = sprintf("%s/block_%02d.sh", folder, ++n); print "set -euxo pipefail" > file; next }
-    /^```$/ { if (file) close(file); file = "" }
-    file { print > file }
+# What precedes each script; a section that fails leaves no servers behind.
+PREAMBLE="set -euxo pipefail; trap '{ kill \$(jobs -p) || true; } 2>/dev/null' EXIT"
+
+# sections: writes the sh blocks of each section of README.md to a numbered file in the scratch folder.
+sections() {
+  awk -v folder="$SCRATCH" -v preamble="$PREAMBLE" '
+    /^## / { ++n }
+    /^```sh$/ {
+      file = sprintf("%s/section_%02d.sh", folder, n)
+      if (!(file in begun)) print preamble > file
+      begun[file] = inside = 1
+      next
+    }
+    /^```$/ { inside = 0 }
+    inside { print > file }
   ' "$ROOT/README.md"
 }
 
-# run_block <file>: in the clone, with all that earlier blocks have left there.
-run_block() {
+# run_section <file>: in the clone, with all that earlier sections have left there.
+run_section() {
   local start=$SECONDS
   step "$(basename "$1")"
-  cp "$1" "$FRESH/root/block.sh"
-  inside bash -c 'cd /root/tidegate && bash /root/block.sh' </dev/null 2>&1
+  cp "$1" "$FRESH/root/section.sh"
+  inside bash -c 'cd /root/tidegate && bash /root/section.sh' </dev/null 2>&1 |
+    tee -a "$SCRATCH/output"
   step "$(basename "$1") passed in $((SECONDS - start)) s"
 }
 
 make_root
-blocks
-for block in "$SCRATCH"/block_*.sh; do
-  run_block "$block"
+sections
+for section in "$SCRATCH"/section_*.sh; do
+  run_section "$section"
 done
+# A database that got nothing answers all the same.
+grep -q '"result":\[{"metric":{"status":"200"}' "$SCRATCH/output" || die "no numbers in the database"
 step "README.md holds on a fresh Debian 12"

@@ -104,12 +104,12 @@ check_packages() {
     "libtidegate-metrics-dev_*.deb ./usr/lib/.*/libtidegate_metrics\.so$"
     "tidegate-agent_*.deb ./usr/bin/tidegate-agent$"
     "tidegate-agent_*.deb ./usr/lib/systemd/system/tidegate-agent\.service$"
-    "tidegate-agent_*.deb ./etc/tidegate-agent\.conf$")
+    "tidegate-agent_*.deb ^-rw-r----- ./etc/tidegate-agent\.conf$")
   local line package
   for line in "${content[@]}"; do
     package=$(find "$SCRATCH/packages" -maxdepth 1 -name "${line%% *}")
     [[ -n $package ]] || die "no package ${line%% *}"
-    dpkg-deb -c "$package" | awk '{ print $6 }' | grep -q "${line#* }" ||
+    dpkg-deb -c "$package" | awk '{ print $1, $6 }' | grep -q "${line#* }" ||
       die "$(basename "$package") has no file ${line#* }"
   done
 }
