@@ -111,9 +111,12 @@ ROWS = [
     Row("lock", "the same, 2 threads",
         times("ReadsAndAWrite/BiasedRwLock/reads/8@2"), 1.5,
         times("ReadsAndAWrite/RwLock/reads/8@2"), PLAIN_LOCK),
-    Row("lock", "a write beside a reader that never pauses",
+    Row("lock", "a write beside a reader that never pauses: half of them wait for at most",
         Figure("WriteBesideAReader<BiasedRwLock>", "median_ns"), 1,
         Figure("WriteBesideAReader<RwLock>", "median_ns"), PLAIN_LOCK),
+    Row("lock", "99 of 100 of them wait for at most",
+        Figure("WriteBesideAReader<BiasedRwLock>", "p99_ns"), 1,
+        Figure("WriteBesideAReader<RwLock>", "p99_ns"), PLAIN_LOCK),
     Row("idle", "100,000 quiet series for 2 minutes, of a core",
         Figure("IdleCost/series:100000/interval:30", "cpu_percent"), 0.2, unit="%"),
 ]
