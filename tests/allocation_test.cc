@@ -23,6 +23,7 @@ void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* memory, size_t size);
 void* __libc_memalign(size_t alignment, size_t size);
 
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 void* malloc(size_t size) {
   ++allocations;
   if (allocations_left == 0) return nullptr;
@@ -41,12 +42,12 @@ void* aligned_alloc(size_t alignment, size_t size) {
   ++allocations;
   return __libc_memalign(alignment, size);
 }
-// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 int posix_memalign(void** memory, size_t alignment, size_t size) {
   ++allocations;
   *memory = __libc_memalign(alignment, size);
   return 0;
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 }
 #endif
 
