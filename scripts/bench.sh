@@ -85,6 +85,7 @@ CONTENDED_RUNS=${CONTENDED_RUNS:-9}
 IDLE_SECONDS=${IDLE_SECONDS:-120}
 IDLE_INTERVAL=30
 min_time=()
+short=
 if [[ ${1:-} == --short ]]; then
   shift
   short=yes
@@ -94,4 +95,4 @@ fi
 (($# <= 1)) || die "too many arguments"
 folder=${1:-$ROOT/build/bench-results}
 measure
-[[ -z ${short:-} ]] || try_agent_load
+[[ -z $short ]] || try_agent_load

@@ -48,6 +48,16 @@ void Send(const UniqueFd& client, const std::string& bytes) {
       << errno;
 }
 
+struct Pipe {
+  Pipe() {
+    int ends[2];
+    EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0) << errno;
+    read_end = UniqueFd(ends[0]);
+    write_end = UniqueFd(ends[1]);
+  }
+  UniqueFd read_end, write_end;
+};
+
 // Runs the real program on a socket in a folder of its own.
 class AgentTest : public testing::Test {
  protected:
@@ -192,11 +202,8 @@ TEST_F(AgentTest, ServesTheNewestValuesOverHttp) {
 }
 
 TEST_F(AgentTest, GoesOnWhileNobodyReadsWhatItPrints) {
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  const UniqueFd read_end(ends[0]);
-  const UniqueFd write_end(ends[1]);
-  Start({"--drain", "0"}, write_end.get());
+  const Pipe pipe;
+  Start({"--drain", "0"}, pipe.write_end.get());
   const UniqueFd client = Connect();
   const std::string packet = GaugeNamed(std::string(100000, 'n'));
   for (int i = 0; i < 300; ++i) Send(client, packet);  // 30 MB: more than any buffer on the way
@@ -206,11 +213,8 @@ TEST_F(AgentTest, GoesOnWhileNobodyReadsWhatItPrints) {
 }
 
 TEST_F(AgentTest, EndsInOrderIfTheSignalIsRepeatedAtOnce) {
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  const UniqueFd read_end(ends[0]);
-  const UniqueFd write_end(ends[1]);
-  Start({"--drain", "2"}, write_end.get());
+  const Pipe pipe;
+  Start({"--drain", "2"}, pipe.write_end.get());
   // More than the pipe takes, so the agent cannot end before the drain does.
   Send(Connect(), GaugeNamed(std::string(100000, 'n')));
   kill(pid_, SIGSTOP);
@@ -343,11 +347,9 @@ TEST_F(AgentTest, WaitsQuietlyForDescriptors) {
 }
 
 TEST_F(AgentTest, EndsWhenNobodyReadsItsOutput) {
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  const UniqueFd write_end(ends[1]);
-  Start({}, ends[1]);
-  close(ends[0]);
+  Pipe pipe;
+  Start({}, pipe.write_end.get());
+  pipe.read_end.Reset();
   Send(Connect(), ReadGolden("gauge.hex"));
   EXPECT_EQ(Wait(), 0);
   EXPECT_THAT(Content("err"), HasSubstr("packets=1 series=1 points=1 errors=0\n"));

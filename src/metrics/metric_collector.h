@@ -368,8 +368,9 @@ class HashMapCollector final : public MetricCollectorBase {
                                                      const TagValueRefs& refs) override;
 
  private:
-  std::shared_ptr<MetricCollectorItem> GetOrCreateHashed(const std::vector<std::string>& tag_values,
-                                                         uint32_t hash) {
+  /// Inlined, as every look-up by values goes through it.
+  [[gnu::always_inline]] std::shared_ptr<MetricCollectorItem> GetOrCreateHashed(
+      const std::vector<std::string>& tag_values, uint32_t hash) {
     std::shared_ptr<MetricCollectorItem> item = series_->Get(tag_values, hash);
     if (item == nullptr) {
       item = CreateSeries(tag_values, hash);

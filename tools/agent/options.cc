@@ -1,15 +1,13 @@
 #include "agent/options.h"
 
-#include <sys/un.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
 #include <string>
 
 #include "agent/forward_flags.h"
 #include "agent/http_server.h"
+#include "agent/seqpacket_server.h"
 
 namespace tidegate::agent {
 namespace {
@@ -26,13 +24,6 @@ struct Raw {
   int64_t ttl = 0;
   int64_t drain = 0;
 };
-
-std::string CheckSocket(const std::string& path) {
-  constexpr size_t kMost = sizeof(sockaddr_un::sun_path) - 1;
-  if (!path.empty() && path.size() <= kMost) return {};
-  return "\"" + path + "\" is no path for a socket, give one of 1 to " + std::to_string(kMost) +
-         " bytes";
-}
 
 std::string CheckMode(const std::string& text) {
   const bool octal =
@@ -67,7 +58,7 @@ void Declare(CLI::App* app, Raw* raw) {
   app->set_config("--config", "", "File with settings, by the same names: ttl = 60");
   app->allow_config_extras(CLI::config_extras_mode::error);
   app->add_option("--socket", options.socket, "Path of the socket to listen on")
-      ->check(CheckSocket)
+      ->check(SeqpacketServer::CheckPath)
       ->capture_default_str();
   app->add_option("--socket-mode", raw->mode, "Who may send: mode of the socket file, octal")
       ->check(CheckMode)

@@ -31,15 +31,8 @@ std::string ErrnoText() { return std::generic_category().message(errno); }
 int NewSocket() { return socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); }
 
 bool MakeAddress(const std::string& path, sockaddr_un* address, std::string* error) {
-  if (path.empty()) {
-    *error = "the socket path is empty";
-    return false;
-  }
-  if (path.size() >= sizeof(address->sun_path)) {
-    *error = "the socket path is too long, " + std::to_string(path.size()) + " of at most " +
-             std::to_string(sizeof(address->sun_path) - 1) + " bytes: " + path;
-    return false;
-  }
+  *error = SeqpacketServer::CheckPath(path);
+  if (!error->empty()) return false;
   *address = {};
   address->sun_family = AF_UNIX;
   std::memcpy(address->sun_path, path.c_str(), path.size() + 1);
@@ -110,6 +103,13 @@ SeqpacketServer::SeqpacketServer(MessageHandler on_message, WarningHandler on_wa
       client_count_(clients) {}
 
 SeqpacketServer::~SeqpacketServer() { RemoveSocketFile(); }
+
+std::string SeqpacketServer::CheckPath(const std::string& path) {
+  constexpr size_t kMost = sizeof(sockaddr_un::sun_path) - 1;
+  if (!path.empty() && path.size() <= kMost) return {};
+  return "\"" + path + "\" is no path for a socket, give one of 1 to " + std::to_string(kMost) +
+         " bytes";
+}
 
 bool SeqpacketServer::Listen(const std::string& path, mode_t mode, std::string* error) {
   const std::filesystem::path folder = std::filesystem::path(path).parent_path();

@@ -43,6 +43,9 @@ class SeqpacketServer {
   SeqpacketServer(const SeqpacketServer&) = delete;
   SeqpacketServer& operator=(const SeqpacketServer&) = delete;
 
+  // What keeps `path` from being that of a socket; empty if nothing does.
+  static std::string CheckPath(const std::string& path);
+
   // Opens the socket, once per object, as a file of that mode. Makes the missing folders of `path`
   // and takes the place of a socket file that nobody listens on; anything else that stands at
   // `path` is left alone and is an error. Returns false and says why in `error`.

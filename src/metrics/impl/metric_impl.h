@@ -98,6 +98,7 @@ class METRICS_API MetricImpl {
  private:
   /// The item of a series whose values are elsewhere; they are copied if it is new.
   ItemPtr FindOrCreate(const TagValueRefs& values);
+  /// `item`, or, if it is null, what `GetDummyItem` gives.
   ItemPtr OrDummy(ItemPtr item);
   /// `GetOrCreate` with copies of the values.
   ItemPtr CopyAndGet(const TagValueRefs& values);
@@ -105,6 +106,7 @@ class METRICS_API MetricImpl {
 
   /// Puts the values in place, the last one where a key is repeated.
   Placing Place(const std::vector<tidegate::MetricTag>& tags, TagValueRefs& values) const;
+  /// 37 for too many tags, 53 for a bad value.
   ReturnCode Validate(const std::vector<tidegate::MetricTag>& tags) const;
   /// `GetTagValueVec` without copies.
   ReturnCode Resolve(const std::vector<tidegate::MetricTag>& tags, TagValueRefs& values) const;
