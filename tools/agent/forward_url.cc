@@ -74,12 +74,20 @@ bool ParseAuthority(std::string_view authority, ForwardUrl* url, std::string* er
 
 // The lines carry nanoseconds, which is what every receiver takes if it is not told otherwise.
 bool CheckPrecision(std::string_view target, std::string* error) {
-  const size_t at = std::min(target.find("?precision="), target.find("&precision="));
-  if (at == std::string_view::npos) return true;
-  const std::string_view given = target.substr(at + 1, target.find('&', at + 1) - at - 1);
-  if (given == "precision=ns") return true;
-  *error = "\"" + std::string(given) + "\" does not hold, timestamps are nanoseconds: leave it out";
-  return false;
+  constexpr std::string_view kName = "precision=";
+  target.remove_prefix(std::min(target.find('?'), target.size()));
+  while (!target.empty()) {
+    target.remove_prefix(1);
+    const std::string_view parameter = target.substr(0, target.find('&'));
+    target.remove_prefix(parameter.size());
+    if (parameter.substr(0, kName.size()) != kName || parameter == "precision=ns") continue;
+    // What comes after the value may be a secret behind a wrong separator.
+    const size_t end = parameter.find_first_not_of("abcdefghijklmnopqrstuvwxyz", kName.size());
+    *error = "\"" + std::string(parameter.substr(0, end)) +
+             "\" does not hold, timestamps are nanoseconds: leave it out";
+    return false;
+  }
+  return true;
 }
 
 }  // namespace
