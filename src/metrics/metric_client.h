@@ -75,7 +75,7 @@ class METRICS_API MetricClient {
   void AtFork();
 
   /// What this client holds, in lines for people: registries, metrics with their series, cells and
-  /// emissions, senders with their last flush and what became of their packets. From any thread,
+  /// emissions (with self monitoring those since its last report, which takes them), senders with their last flush and what became of their packets. From any thread,
   /// while the client is in service or after its end; copies the lists of all series, and waits for
   /// a sender that is being made or stopped. The text may change with every version.
   std::string DebugString() const;

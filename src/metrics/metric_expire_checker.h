@@ -34,8 +34,8 @@ class MetricExpireChecker {
   void Start(const int& seconds);
   /// Body of the thread; `interval` is the pause in milliseconds.
   void DoCheck(std::shared_ptr<MetricCollectorFactory> factory, int interval);
-  /// Erases what is in `expired_` and still idle at second `now`. By key: a series that was cleared
-  /// and made again since the walk goes too.
+  /// Erases what is in `expired_` and still idle at second `now`. A series that was made anew under
+  /// the same tags since the walk stays.
   void DoClean(const CollectorPtr& collector, const long& now);
   /// Stops the walker and joins it.
   void Exit();
