@@ -23,6 +23,7 @@ set(TIDEGATE_PUBLIC_HEADERS
     src/metrics/metric_collector_item.h
     src/metrics/metric_configer.h
     src/metrics/metric_data.h
+    src/metrics/metric_factory.h
     src/metrics/metric_method.h
     src/metrics/metric_registry.h
     src/metrics/scoped_timer.h

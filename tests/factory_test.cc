@@ -68,5 +68,30 @@ TEST_F(FactoryTest, BlockTakesTheTenantFirstAndGetAndRemoveThePrefix) {
   EXPECT_EQ(&client_.Sender("tenant"), sender) << "it outlives its last registry";
 }
 
+TEST_F(FactoryTest, ARemovedRegistryLeavesItsPlaceAmongThe512) {
+  const auto create = [this](const std::string& prefix) {
+    MetricRegistryCfg registry;
+    registry.prefix = prefix;
+    registry.tenant = "t1";
+    MetricInstanceCfg definition;
+    definition.name = "m";
+    return client_->CreateMetric(registry, definition);
+  };
+  while (factory_.GetAllRegistry().size() < MetricFactory::kMaxRegistries) {
+    ASSERT_EQ(create("p" + std::to_string(factory_.GetAllRegistry().size())).code, R::kOk);
+  }
+  EXPECT_EQ(create("one.more").code, R::kMaxRegistry);
+  EXPECT_EQ(client_->RemoveRegistry("t1", "p7"), R::kObjectNotExisted) << "the prefix comes first";
+  EXPECT_EQ(client_->RemoveRegistry("p7", "t1"), R::kOk);
+  const auto [metric, code] = create("one.more");
+  ASSERT_EQ(code, R::kOk);
+  const auto emit = [metric = metric] { return metric->WithTags({})->Emit({Store(1)}); };
+  EXPECT_EQ(emit(), R::kOk);
+  EXPECT_EQ(client_->Block("one.more", "t1"), R::kOk);
+  EXPECT_EQ(emit(), R::kNotSupported);
+  EXPECT_EQ(client_->UnBlock("one.more", "t1"), R::kOk);
+  EXPECT_EQ(emit(), R::kOk);
+}
+
 }  // namespace
 }  // namespace METRICS

@@ -9,6 +9,7 @@
 #include "metrics/metric_client.h"
 #include "metrics/metric_collector_item.h"
 #include "metrics/metric_configer.h"
+#include "metrics/metric_factory.h"
 #include "metrics/metric_method.h"
 #include "metrics/metric_registry.h"
 #include "metrics/scoped_timer.h"

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cassert>
 #include <optional>
 #include <utility>
 
@@ -94,6 +95,21 @@ MetricClient::CreateMetricResult MetricClient::CreateMetric(MetricRegistryCfg re
     code = registry->CreateMetric(metric, metric_cfg);
   }
   return {metric, code};
+}
+
+ReturnCode MetricClient::RemoveRegistry(const std::string& prefix, const std::string& tenant) {
+  assert(metric_factory_ != nullptr);
+  return metric_factory_->RemoveRegistry(prefix, tenant);
+}
+
+ReturnCode MetricClient::Block(const std::string& prefix, const std::string& tenant) {
+  assert(metric_factory_ != nullptr);
+  return metric_factory_->Block(tenant, prefix);
+}
+
+ReturnCode MetricClient::UnBlock(const std::string& prefix, const std::string& tenant) {
+  assert(metric_factory_ != nullptr);
+  return metric_factory_->UnBlock(tenant, prefix);
 }
 
 void MetricClient::ShutDownFactories() {

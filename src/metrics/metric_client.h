@@ -64,6 +64,14 @@ class METRICS_API MetricClient {
   /// Finds or makes a registry and a metric in it, as above.
   CreateMetricResult CreateMetric(MetricRegistryCfg registry_cfg, MetricInstanceCfg metric_cfg);
 
+  // From any thread, while the client is in service. 20 when there is no such registry.
+  /// Removes a registry with its metrics and what they had not flushed; its place among the 512 is
+  /// free again. The caller must have stopped emitting on its metrics.
+  ReturnCode RemoveRegistry(const std::string& prefix, const std::string& tenant);
+  /// Refuses emissions on the metrics of a registry, and drops their series, until `UnBlock`.
+  ReturnCode Block(const std::string& prefix, const std::string& tenant);
+  ReturnCode UnBlock(const std::string& prefix, const std::string& tenant);
+
   /// Stops all threads and drops everything, unflushed values too. Safe twice. Always 0.
   ReturnCode Exit();
   /// Sends what the cells hold, then as `Exit`. A flush that was running meanwhile counts as the
@@ -80,7 +88,8 @@ class METRICS_API MetricClient {
   /// a sender that is being made or stopped. The text may change with every version.
   std::string DebugString() const;
 
-  // Set by `Init`, read by the parts of the library, null otherwise.
+  // Set by `Init`, null otherwise. Applications may use `metric_factory_`, whose `GetRegistry` finds
+  // a registry without making it; the others are read by the parts of the library.
   std::shared_ptr<MetricCollectorFactory> collector_factory_;
   std::shared_ptr<MetricFactory> metric_factory_;
   std::unique_ptr<MetricConfiger> configer_;

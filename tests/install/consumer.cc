@@ -44,6 +44,21 @@ int main() {
     return 1;
   }
   const auto emitted = metric->WithTags({{"kind", "plain"}})->Emit({METRICS::IncrCounter(1)});
+
+  // Registries end, and come back, through the client and through its factory alike.
+  METRICS::MetricFactory& factory = *client.metric_factory_;
+  METRICS::MetricRegistry* found = nullptr;
+  const METRICS::ReturnCode codes[] = {factory.GetRegistry(found, "installed", "consumer"),
+                                       client.Block("installed", "consumer"),
+                                       factory.UnBlock("consumer", "installed"),
+                                       factory.Block("consumer", "installed"),
+                                       client.UnBlock("installed", "consumer"),
+                                       client.RemoveRegistry("installed", "consumer"),
+                                       client.CreateRegistry(found, registry),
+                                       factory.RemoveRegistry("installed", "consumer")};
+  for (const METRICS::ReturnCode refused : codes) {
+    if (refused != METRICS::ReturnCode::kOk) return 1;
+  }
   client.FlushAndExit();
   std::printf("emitted: %s\n", METRICS::MetricGetErrorCodeStr(emitted));
   return emitted == METRICS::ReturnCode::kOk ? 0 : 1;
