@@ -3,13 +3,18 @@
 #include "util/metric_lock.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <optional>
 #include <thread>
 #include <vector>
+
+#include "util/wait.h"
 
 namespace METRICS {
 namespace {
@@ -75,6 +80,46 @@ TEST(BiasedRwLockTest, AChildDoesNotWaitForReadersThatDoNotExistAndIsToldOfWrite
   EXPECT_TRUE(::waitpid(child, &status, 0) == child && status == 0) << status;
   step = 2;
   other.join();
+}
+
+long NapsOfThisThread() {
+  rusage usage{};
+  ::getrusage(RUSAGE_THREAD, &usage);
+  return usage.ru_nvcsw;  // a yield is none
+}
+
+TEST(WaitTest, NapsSoThatAThreadOfAnyPriorityGivesUpTheProcessor) {
+  const long before = NapsOfThisThread();
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
+  WaitUntil([end] { return std::chrono::steady_clock::now() >= end; });
+  EXPECT_GT(NapsOfThisThread(), before + 20);
+}
+
+TEST(WaitTest, AWriterThatIsCancelledWhileItWaitsForAReaderLeavesTheLockWhole) {
+  struct Shared {
+    BiasedRwLock lock;
+    std::atomic<bool> writing{false};
+  } shared;
+  ReadOften(shared.lock);
+  pthread_t writer{};
+  {
+    const FastReadGuard reading(shared.lock);
+    const auto write = [](void* argument) -> void* {
+      auto& [lock, writing] = *static_cast<Shared*>(argument);
+      writing = true;
+      { const WriteGuard guard(lock); }
+      for (;;) ::pause();  // is cancelled here
+    };
+    ASSERT_EQ(::pthread_create(&writer, nullptr, write, &shared), 0);
+    while (!shared.writing) std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // until it naps
+    ::pthread_cancel(writer);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // some naps more
+  }
+  void* result = nullptr;
+  ::pthread_join(writer, &result);
+  EXPECT_EQ(result, PTHREAD_CANCELED);
+  EXPECT_FALSE(shared.lock.ReinitAfterFork()) << "it is locked for good";
 }
 
 }  // namespace

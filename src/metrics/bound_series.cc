@@ -1,6 +1,5 @@
 #include "metrics/bound_series.h"
 
-#include <thread>
 #include <utility>
 
 #include "metrics/metric.h"
@@ -9,6 +8,7 @@
 #include "metrics/metric_histogram.h"
 #include "util/event_counter.h"
 #include "util/metric_log.h"
+#include "util/wait.h"
 
 namespace METRICS {
 namespace {
@@ -40,7 +40,7 @@ ReturnCode HoldSeries(Metric& metric, const BoundSeries::Tags& tags, ItemPtr& it
   if (code != ReturnCode::kOk) {
     return code;
   }
-  while (true) {
+  for (uint32_t turn = 0;; ++turn) {
     item = impl.WithTagValues(values);
     if (item == DummyItem()) {
       return RefusalOf(impl);
@@ -48,7 +48,7 @@ ReturnCode HoldSeries(Metric& metric, const BoundSeries::Tags& tags, ItemPtr& it
     if (item->Hold()) {
       return ReturnCode::kOk;
     }
-    std::this_thread::yield();  // the expiry is about to take it out of the table
+    PauseInWait(turn);  // the expiry is about to take it out of the table
   }
 }
 

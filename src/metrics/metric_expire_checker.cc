@@ -8,6 +8,7 @@
 #include "util/fork_guard.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
+#include "util/wait.h"
 
 namespace METRICS {
 namespace {
@@ -39,9 +40,7 @@ void MetricExpireChecker::Start(const int& seconds) {
   }
   thread_ = std::thread([this, factory, interval = check_interval_] {
     // The thread may be here ahead of the store below.
-    while (state_.load() == MetricState::INIT) {
-      std::this_thread::yield();
-    }
+    WaitUntil([this] { return state_.load() != MetricState::INIT; });
     DoCheck(factory, interval);
   });
   state_.exchange(MetricState::READY);

@@ -2,8 +2,9 @@
 
 #include <atomic>
 #include <memory>
-#include <thread>
 #include <utility>
+
+#include "util/wait.h"
 
 namespace METRICS {
 
@@ -28,9 +29,7 @@ class AtomicSharedPtr {
   class Guard {
    public:
     explicit Guard(std::atomic_flag& busy) : busy_(busy) {
-      while (busy_.test_and_set(std::memory_order_acquire)) {
-        std::this_thread::yield();
-      }
+      WaitUntil([this] { return !busy_.test_and_set(std::memory_order_acquire); });
     }
     ~Guard() { busy_.clear(std::memory_order_release); }
     Guard(const Guard&) = delete;

@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "util/metric_log.h"
+#include "util/wait.h"
 
 namespace METRICS {
 
@@ -46,6 +47,7 @@ bool SyncMilliStepSleep(const int& total_ms, const int& step_ms,
 }
 
 void SleepMillis(int ms) {
+  const NoCancellation no_cancellation;
   timespec left{ms / 1000, static_cast<long>(ms % 1000) * 1000000};
   while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
   }

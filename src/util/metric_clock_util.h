@@ -22,7 +22,7 @@ int CheckFlushInterval(const int& interval);
 bool SyncMilliStepSleep(const int& total_ms, const int& step_ms,
                         volatile std::atomic<MetricState>& state);
 
-/// Sleeps `ms` milliseconds, through signals.
+/// Sleeps `ms` milliseconds, through signals. Never cancelled.
 void SleepMillis(int ms);
 
 /// Wall clock in whole milliseconds since the epoch.

@@ -22,6 +22,7 @@ void DebugMsg(const std::vector<std::string>& tag_values, const char* format, ..
     joined += value;
     joined += '|';
   }
+  const NoCancellation no_cancellation;
   std::cout << "[MetricSDK][Debug]" << text.data() << " with tag value: " << joined << std::endl;
 }
 

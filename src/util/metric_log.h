@@ -8,6 +8,7 @@
 
 #include "util/metric_error_code.h"
 #include "util/metric_log_level.h"
+#include "util/wait.h"
 
 namespace METRICS {
 
@@ -28,10 +29,12 @@ void DebugMsg(const std::vector<std::string>& tag_values, const char* format, ..
 #define METRICS_LOG_TEXT(x) METRICS_LOG_TEXT_OF(x)
 
 // The prefix becomes part of the format at compile time, and the level is checked before any
-// argument is computed.
+// argument is computed. Printing is a cancellation point, and lines come from below functions that
+// may not throw.
 #define METRICS_LOG(enabled, severity, ...)                        \
   do {                                                             \
     if (enabled) {                                                 \
+      const ::METRICS::NoCancellation no_cancellation;             \
       std::printf("[MetricSDK][" severity "][" __FILE_NAME__       \
                   ":" METRICS_LOG_TEXT(__LINE__) "]" __VA_ARGS__); \
     }                                                              \

@@ -1,9 +1,8 @@
 #include "util/visible_readers.h"
 
-#include <sched.h>
 #include <sys/mman.h>
 
-#include <ctime>
+#include "util/wait.h"
 
 namespace METRICS {
 namespace {
@@ -17,23 +16,6 @@ alignas(kPageBytes) ReaderRow rows[kRows];
 static_assert(sizeof(rows) % kPageBytes == 0);
 
 std::atomic<uint32_t> rows_taken{0};  ///< the first ones: nobody ever used those behind
-
-// A reader is gone after some nanoseconds unless it was put off the processor; then it may need
-// this one, and a thread of real-time priority only gives it up by sleeping.
-void WaitForReader(const ReaderSlot& slot, const void* lock) {
-  constexpr int kSpins = 100;
-  constexpr int kYields = 100;
-  constexpr timespec kNap{0, 50000};
-  for (int turn = 0; slot.load(std::memory_order_acquire) == lock; ++turn) {
-    if (turn < kSpins) {
-      __builtin_ia32_pause();
-    } else if (turn < kSpins + kYields) {
-      ::sched_yield();
-    } else {
-      ::nanosleep(&kNap, nullptr);
-    }
-  }
-}
 
 }  // namespace
 
@@ -59,7 +41,7 @@ void WaitForReaders(const void* lock) {
   for (uint32_t row = 0; row < taken; ++row) {
     for (const ReaderSlot& slot : rows[row].slots) {
       if (slot.load() == lock) {
-        WaitForReader(slot, lock);
+        WaitUntil([&slot, lock] { return slot.load(std::memory_order_acquire) != lock; });
       }
     }
   }
