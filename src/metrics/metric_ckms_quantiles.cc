@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <new>
 
 #include "metrics/metric_summary.h"
 #include "util/fork_guard.h"
@@ -42,6 +43,9 @@ CKMSQuantiles::~CKMSQuantiles() {
 
 void CKMSQuantiles::Insert(double value) {
   const WriteGuard guard(mutex_);
+  if (buffer_count_ == kBufferSize) {  // memory was short when it filled up
+    MergeBuffer();
+  }
   buffer_[buffer_count_] = value;
   ++buffer_count_;
   ++count_;
@@ -53,9 +57,16 @@ void CKMSQuantiles::Insert(double value) {
     max_ = value;
   }
   if (buffer_count_ == kBufferSize) {
-    insertBatch();
-    compress();
+    try {
+      MergeBuffer();
+    } catch (const std::bad_alloc&) {  // the sample is kept: the next one tries again
+    }
   }
+}
+
+void CKMSQuantiles::MergeBuffer() {
+  insertBatch();
+  compress();
 }
 
 SendRes CKMSQuantiles::Send(const unsigned int& /*interval*/) {
@@ -104,11 +115,15 @@ double CKMSQuantiles::allowableError(int rank, size_t kept) const {
 
 // The algorithm inserts into the list in place. Here it is merged into a second one, which gives
 // the same list in one pass: `merged_` is the part ahead of the place of insertion, `read` where
-// the part behind it begins in the old list.
+// the part behind it begins in the old list. What needs memory comes first, so that a failure
+// leaves all as it was.
 bool CKMSQuantiles::insertBatch() {
   if (buffer_count_ == 0) {
     return false;
   }
+  merged_.clear();
+  merged_.reserve(sample_.size() + buffer_count_);
+  sample_.reserve(1);
   SortNumbersFirst(buffer_.data(), buffer_.data() + buffer_count_);
   size_t start = 0;
   if (sample_.empty()) {
@@ -116,8 +131,6 @@ bool CKMSQuantiles::insertBatch() {
     start = 1;
   }
   size_t kept = sample_.size();
-  merged_.clear();
-  merged_.reserve(kept + buffer_count_);
   merged_.push_back(sample_.front());
   size_t read = 1;
   for (size_t i = start; i < buffer_count_; ++i) {
@@ -170,8 +183,7 @@ void CKMSQuantiles::compress() {
 }
 
 double CKMSQuantiles::get(double q) {
-  insertBatch();
-  compress();
+  MergeBuffer();
   if (sample_.empty()) {
     return std::numeric_limits<double>::quiet_NaN();
   }

@@ -17,7 +17,8 @@ namespace METRICS {
 ///
 /// Threads: one mutex serialises everything. Every 500th sample pays for a merge, whose cost grows
 /// with the samples kept: about 1,300 of 10,000 random ones and 12,000 of a million. The memory is
-/// kept from interval to interval. NaNs count, go through the sum, and blur the percentiles.
+/// kept from interval to interval. Where there is none for a merge, `Insert` throws and has taken
+/// nothing. NaNs count, go through the sum, and blur the percentiles.
 class CKMSQuantiles {
  public:
   /// A percentile that is aimed at, and its allowed error.
@@ -57,6 +58,7 @@ class CKMSQuantiles {
   static constexpr size_t kBufferSize = 500;
 
   double get(double q) METRICS_REQUIRES(mutex_);
+  void MergeBuffer() METRICS_REQUIRES(mutex_);
   bool insertBatch() METRICS_REQUIRES(mutex_);
   void compress() METRICS_REQUIRES(mutex_);
   /// The rank error that is allowed at `rank` of a list of `kept` items.
