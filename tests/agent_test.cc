@@ -2,8 +2,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +15,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -61,7 +64,7 @@ struct Pipe {
 // Runs the real program on a socket in a folder of its own.
 class AgentTest : public testing::Test {
  protected:
-  using SocketCall = int (*)(int, const sockaddr*, socklen_t);
+  using SocketCall = std::function<int(int, const sockaddr*, socklen_t)>;
 
   ~AgentTest() override {
     if (pid_ > 0) {
@@ -117,7 +120,7 @@ class AgentTest : public testing::Test {
     kill(pid_, SIGTERM);
     return Wait();
   }
-  UniqueFd Connect(SocketCall call = connect) const {
+  UniqueFd Connect(const SocketCall& call = connect) const {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     socket_.copy(address.sun_path, sizeof(address.sun_path) - 1);
@@ -321,6 +324,51 @@ TEST_F(AgentTest, TakesOverAStaleSocketOnly) {
   EXPECT_EQ(Wait(), 1);
   EXPECT_EQ(Content("err"), "tidegate-agent: " + socket_ + " exists and is not a socket\n");
   EXPECT_TRUE(fs::is_regular_file(socket_));
+}
+
+TEST_F(AgentTest, LocksAFileOfItsOwnWhileItStarts) {
+  socket_ = folder_ / "s";
+  const UniqueFd folder(open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(flock(folder.get(), LOCK_EX), 0);  // which any user can do who may look into it
+  UniqueFd lock(Create("s.lock"));             // left by one that was killed
+  Start();
+  EXPECT_FALSE(fs::exists(folder_ / "s.lock"));
+  EXPECT_EQ(Terminate(), 0);
+
+  lock = UniqueFd(Create("s.lock"));
+  ASSERT_EQ(flock(lock.get(), LOCK_EX), 0);
+  const std::string foreign = "tidegate-agent: " + socket_ + ".lock of user " +
+                              std::to_string(geteuid()) + " stands where the lock file has to be\n";
+  Spawn();
+  EXPECT_EQ(Wait(), 1);
+  EXPECT_EQ(Content("err"), "tidegate-agent: another process keeps " + socket_ + ".lock locked\n");
+  fs::remove(folder_ / "s.lock");
+  ASSERT_EQ(mkfifo((folder_ / "s.lock").c_str(), 0600), 0);
+  Spawn();
+  EXPECT_EQ(Wait(), 1);
+  EXPECT_EQ(Content("err"), foreign);
+  EXPECT_TRUE(fs::is_fifo(folder_ / "s.lock"));
+  EXPECT_FALSE(fs::exists(socket_));
+}
+
+TEST_F(AgentTest, KeepsFewClientsWaitingWhileItIsStopped) {
+  Start();
+  kill(pid_, SIGSTOP);
+  int connected = 0;
+  // As one whose connection is full: it comes anew each time.
+  for (int result = 0; result == 0 && connected < 1000;) {
+    const UniqueFd client = Connect([&](int fd, const sockaddr* address, socklen_t size) {
+      fcntl(fd, F_SETFL, O_NONBLOCK);
+      result = connect(fd, address, size);
+      return 0;
+    });
+    if (result == 0) Send(client, ReadGolden("gauge.hex"));
+    connected += result == 0 ? 1 : 0;
+  }
+  EXPECT_EQ(connected, 129);
+  kill(pid_, SIGCONT);
+  EXPECT_EQ(Terminate(), 0);
+  EXPECT_THAT(Content("err"), HasSubstr("packets=129 series=1 points=129 errors=0\n"));
 }
 
 TEST_F(AgentTest, WaitsQuietlyForDescriptors) {

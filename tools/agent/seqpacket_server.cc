@@ -1,9 +1,7 @@
 #include "agent/seqpacket_server.h"
 
-#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -11,20 +9,24 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <system_error>
-#include <thread>
 #include <utility>
+
+#include "agent/start_lock.h"
 
 namespace tidegate::agent {
 namespace {
 
-constexpr int kBurst = 64;               // messages of one client before the next has its turn
+constexpr int kBurst = 64;  // messages of one client before the next has its turn
 constexpr int kAcceptRetryMillis = 100;  // while accepting fails
+
+// Connections that the agent has not come to: of each, the kernel keeps what its client has sent,
+// also after the client has gone. More clients wait, for as long as they themselves allow.
+constexpr int kBacklog = 128;
 
 std::string ErrnoText() { return std::generic_category().message(errno); }
 
@@ -43,22 +45,16 @@ const sockaddr* AsSockaddr(const sockaddr_un* address) {
   return reinterpret_cast<const sockaddr*>(address);
 }
 
-// False if another process holds the lock for longer than a start takes. A folder that cannot be
-// opened or locked at all is no error.
-bool LockFolder(int folder) {
-  constexpr int kTries = 20;
-  for (int i = 0; i < kTries; ++i) {
-    if (flock(folder, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return false;
-}
-
 ClientId IdOf(int fd) {
   ucred peer = {};
   socklen_t size = sizeof(peer);
   if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return {};
   return {peer.pid};
+}
+
+// A file that another user has put there shall be found.
+std::string Named(const std::string& path, const struct stat& info) {
+  return info.st_uid == geteuid() ? path : path + " of user " + std::to_string(info.st_uid);
 }
 
 // Removes the socket file of a process that is gone; an empty place is fine as well.
@@ -71,22 +67,22 @@ bool MakeRoom(const sockaddr_un& address, std::string* error) {
     return false;
   }
   if (!S_ISSOCK(info.st_mode)) {
-    *error = path + " exists and is not a socket";
+    *error = Named(path, info) + " exists and is not a socket";
     return false;
   }
   const UniqueFd probe(NewSocket());
   // EAGAIN is a full listen queue, EPROTOTYPE a bound socket of another kind.
   if (connect(probe.get(), AsSockaddr(&address), sizeof(address)) == 0 || errno == EAGAIN ||
       errno == EPROTOTYPE) {
-    *error = "another process is listening on " + path;
+    *error = "another process is listening on " + Named(path, info);
     return false;
   }
   if (errno != ECONNREFUSED && errno != ENOENT) {
-    *error = "cannot tell whether " + path + " is in use: " + ErrnoText();
+    *error = "cannot tell whether " + Named(path, info) + " is in use: " + ErrnoText();
     return false;
   }
   if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-    *error = "cannot remove the stale socket " + path + ": " + ErrnoText();
+    *error = "cannot remove the stale socket " + Named(path, info) + ": " + ErrnoText();
     return false;
   }
   return true;
@@ -121,16 +117,8 @@ bool SeqpacketServer::Listen(const std::string& path, mode_t mode, std::string* 
       return false;
     }
   }
-  // Of two agents that start together, each could take the socket that the other has bound but not
-  // yet listens on for a stale one. A lock on the folder leaves no file behind; where the folder
-  // cannot be opened, that small risk stays.
-  const UniqueFd lock(
-      open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (lock.valid() && !LockFolder(lock.get())) {
-    *error = "another process keeps the folder of " + path + " locked";
-    return false;
-  }
-
+  StartLock lock;
+  if (!lock.Take(path + ".lock", error)) return false;
   if (!Bind(path, mode, error)) return false;
   if (!Watch(stop_event_.get(), true) || !Watch(listener_.get(), true)) {
     *error = "cannot watch the socket: " + ErrnoText();
@@ -152,7 +140,7 @@ bool SeqpacketServer::Bind(const std::string& path, mode_t mode, std::string* er
   path_ = path;
   socket_device_ = info.st_dev;
   socket_inode_ = info.st_ino;
-  if (chmod(path.c_str(), mode) != 0 || listen(listener_.get(), SOMAXCONN) != 0) {
+  if (chmod(path.c_str(), mode) != 0 || listen(listener_.get(), kBacklog) != 0) {
     *error = "cannot listen on " + path + ": " + ErrnoText();
     return false;
   }
