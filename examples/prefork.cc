@@ -1,5 +1,5 @@
 // prefork [SOCKET_PATH]: a server that forks its workers. Threads do not survive a fork, so each
-// child begins anew with the client that it inherited: handles first, then AtFork, then Init.
+// child begins anew with the client that it inherited: AtFork, then Init.
 
 #include <sys/wait.h>
 #include <unistd.h>

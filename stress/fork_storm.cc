@@ -79,7 +79,16 @@ std::string ChildTenant(int number) { return "child" + std::to_string(number); }
 
 // What a child does. 0 is success.
 int LiveAsChild(MetricClient& client, const std::string& socket, int number) {
-  client.AtFork();
+  switch (number % 3) {  // these three are one in a child
+    case 0:
+      client.AtFork();
+      break;
+    case 1:
+      client.Exit();
+      break;
+    default:
+      client.FlushAndExit();
+  }
   if (client.Init(new test::TestConfiger({}, test::kNeverDue), new test::TestVendor({socket}),
                   nullptr, SelfMonitored()) != ReturnCode::kOk) {
     return 2;

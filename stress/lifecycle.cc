@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -14,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "metrics/bound_series.h"
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_factory.h"
 #include "metrics/metric_sender_manager.h"
@@ -333,6 +335,109 @@ void InitAgainAfterAtFork(int length) {
   });
 }
 
+// Whether `child` ends by itself, in time and with status 0.
+bool EndsWell(pid_t child) {
+  int status = 0;
+  if (!WaitFor([&] { return ::waitpid(child, &status, WNOHANG) != 0; })) {
+    ::kill(child, SIGKILL);
+    ::waitpid(child, &status, 0);
+  }
+  return status == 0;
+}
+
+// Of a service that keeps its client and its handles in global variables.
+MetricClient forked_client;
+METRICS::BoundSeries forked_handle;
+
+// Children that know nothing of the client, after an `exec` that failed, say: they exit, or end it
+// as they would their own. Emitters, a flush and an expiry are under way in the parent.
+void ForgottenChildren(int length) {
+  if (kSanitized) {
+    return;
+  }
+  const test::ScopedLogLevel silent(4);
+  const TempDir dir;
+  AgentSocket agent(dir.File("s"));
+  forked_client.Init(new TestConfiger({}, 1), new TestVendor({agent.path()}), nullptr,
+                     {true, false});
+  METRICS::Metric* const metric =
+      forked_client.CreateMetric({"p", {}, "t1"}, {"m", {"w"}, {}, {}}).metric;
+  std::atomic<long> emissions{0};
+  std::atomic<bool> done{false};
+  std::vector<std::thread> emitters;
+  EXPECT_EQ(forked_handle.Bind(metric, {{"w", "held"}}, Add(0)), ReturnCode::kOk);
+  forked_handle.Emit(1);
+  for (int t = 0; t < 2; ++t) {
+    emitters.emplace_back([&, t] {  // new series all along
+      for (int n = 0; !done; ++n) {
+        metric->WithTags({{"w", std::to_string(n % 20000) + "." + std::to_string(t)}})
+            ->Emit({Add(1)});
+        ++emissions;
+      }
+    });
+  }
+  Repeat(length, [](int round) {
+    for (const auto end :
+         {+[] {}, +[] { forked_client.Exit(); }, +[] { forked_client.FlushAndExit(); },
+          +[] { forked_client.AtFork(); }}) {
+      std::fflush(nullptr);
+      const pid_t child = ::fork();
+      if (child == 0) {
+        end();
+        if (round % 2 == 0) {
+          forked_handle = METRICS::BoundSeries();
+        }
+        std::exit(0);
+      }
+      EXPECT_TRUE(EndsWell(child)) << "round " << round;
+    }
+  });
+  done = true;
+  for (std::thread& emitter : emitters) {
+    emitter.join();
+  }
+  forked_handle = METRICS::BoundSeries();
+  test::SleepToMidSecond();
+  forked_client.FlushAndExit();
+  agent.Stop();
+  EXPECT_EQ(EmissionsOf(agent.Received(), "t1"), static_cast<double>(emissions + 1));
+}
+
+// Forks at every stage of an end that another thread is at.
+void ForksDuringAnEnd(int length) {
+  if (kSanitized) {
+    return;
+  }
+  Repeat(length, [](int) {
+    for (const auto end : {+[](MetricClient& client) { client.FlushAndExit(); },
+                           +[](MetricClient& client) { client.Exit(); }}) {
+      const TempDir dir;
+      AgentSocket agent(dir.File("s"));
+      TestClient client(Everything(agent, kNeverDue));
+      for (const char* tenant : {"t1", "t2", "t3", "t4"}) {
+        METRICS::Metric* const metric = client.Metric("m", {"w"}, "p", tenant);
+        for (int series = 0; series < 500; ++series) {
+          metric->WithTags({{"w", std::to_string(series)}})->Emit({Add(1)});
+        }
+      }
+      std::atomic<bool> ended{false};
+      std::thread ender([&] {
+        end(*client);
+        ended = true;
+      });
+      while (!ended) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+          client->AtFork();
+          ::_exit(0);
+        }
+        EXPECT_TRUE(EndsWell(child));
+      }
+      ender.join();
+    }
+  });
+}
+
 // 512 registries, which racing threads make, serve and report; one more is refused.
 void Registries(int length) {
   Repeat(length, [](int) {
@@ -463,6 +568,8 @@ const std::vector<Case> kCases = {
     {"ends", Ends},
     {"ends_at_a_boundary", EndsAtABoundary},
     {"init_again_after_at_fork", InitAgainAfterAtFork},
+    {"forgotten_children", ForgottenChildren},
+    {"forks_during_an_end", ForksDuringAnEnd},
     {"registries", Registries},
     {"metrics", Metrics},
     {"series_quota", SeriesQuota},

@@ -1,5 +1,6 @@
 #include "metrics/metric_sender.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -73,6 +74,7 @@ TEST(SenderTest, SurvivesEveryAbsenceOfTheAgent) {
     SCOPED_TRACE(what);
     change();
     const std::string log = Send(client.Sender(), ReadGolden("gauge.hex"));
+    EXPECT_EQ(::fcntl(client.Sender().sock_, F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(CountOf("]Sender[t1] UDS reconnect, close old socket: ", log), errors.size());
     for (const int error : errors) {
       EXPECT_THAT(log, HasSubstr("]Sender[t1] Send fail with errno[" + std::to_string(error) +

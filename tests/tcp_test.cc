@@ -1,4 +1,5 @@
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -85,6 +86,7 @@ TEST(TcpSenderTest, IsReadyWhateverItsFirstConnectionAndEndsFreelyWithNothingToS
       TestClient client({{}, kNeverDue, {}, {}, std::nullopt});
       MetricTcpSender& sender = MakeSender(client, to);
       EXPECT_EQ(sender.state_.load(), METRICS::MetricState::READY);
+      EXPECT_EQ(::fcntl(sender.sock_, F_GETFD), FD_CLOEXEC);
       sender.DoPackAndSend();
     };
     EXPECT_THAT(LogOf(run, 0), testing::HasSubstr(line));

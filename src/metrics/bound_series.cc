@@ -1,5 +1,7 @@
 #include "metrics/bound_series.h"
 
+#include <unistd.h>
+
 #include <utility>
 
 #include "metrics/metric.h"
@@ -7,6 +9,7 @@
 #include "metrics/metric_data.h"
 #include "metrics/metric_histogram.h"
 #include "util/event_counter.h"
+#include "util/fork_guard.h"
 #include "util/metric_log.h"
 #include "util/wait.h"
 
@@ -56,8 +59,16 @@ ReturnCode HoldSeries(Metric& metric, const BoundSeries::Tags& tags, ItemPtr& it
 
 /// What a handle keeps alive. The metric goes last: the item refers to it.
 struct BoundSeries::Pins {
-  ~Pins() { item->LetGo(); }
+  ~Pins() {
+    if (::getpid() != process) {
+      // A child must not let the last owner go: who dies then takes locks of the parent's threads.
+      Abandon(metric), Abandon(item), Abandon(cell);
+    } else {
+      item->LetGo();
+    }
+  }
 
+  const pid_t process = ::getpid();
   std::shared_ptr<Metric> metric;
   ItemPtr item;
   CellPtr cell;

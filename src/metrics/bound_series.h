@@ -38,8 +38,8 @@ class MetricCollectorItem;
 /// quota for as long as the handle lives. Removal: after its registry was blocked or cleared, its
 /// metric or registry removed, or the client has ended, the values of a handle are lost, without a
 /// code, and exact timers keep theirs until the handle goes. So bind anew after `UnBlock`. Fork: a
-/// child may neither emit on a handle of its parent nor keep it: it assigns `BoundSeries()` to each
-/// ahead of `MetricClient::AtFork` and binds anew after `Init`.
+/// child may not emit on a handle of its parent; it may drop it or bind it anew, after `Init`. What
+/// the handle was bound to is leaked there.
 class METRICS_API BoundSeries {
  public:
   using Tags = std::vector<tidegate::MetricTag>;

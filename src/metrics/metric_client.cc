@@ -31,6 +31,9 @@ void RunOneTimeInitialisations() {
   MetricEncoder::PrepareSuffixTables();
 }
 
+/// Whether this process is not the one that called `Init`; false where none did.
+bool IsForkedChildOf(pid_t process) { return process != 0 && ::getpid() != process; }
+
 /// Puts a new object into `member`, after the old one is gone. False, with a line, when there is
 /// none to be had.
 template <class Member, class... Args>
@@ -66,13 +69,19 @@ ReturnCode MetricClient::Init(tidegate::MConfigerImplBase* configer_impl,
   if (code != ReturnCode::kOk) {
     METRICS_LOG_WARN("%s\n", MetricGetErrorCodeStr(code));
   }
-  if (configer_->enable_monitor_) {
-    self_monitor_->Start();
-  }
-  if (configer_->enable_expire_) {
-    expire_checker_->Start(configer_->expire_seconds_);
+  if (!StartThreads()) {
+    Exit();
+    return ReturnCode::kAllocCollectorError;
   }
   return ReturnCode::kOk;
+}
+
+bool MetricClient::StartThreads() {
+  // What else fails there leaves a client in service.
+  constexpr ReturnCode kNoThread = ReturnCode::kAllocCollectorError;
+  return (!configer_->enable_monitor_ || self_monitor_->Start() != kNoThread) &&
+         (!configer_->enable_expire_ ||
+          expire_checker_->Start(configer_->expire_seconds_) != kNoThread);
 }
 
 ReturnCode MetricClient::CreateRegistry(MetricRegistry*& registry, MetricRegistryCfg cfg) {
@@ -136,6 +145,10 @@ void MetricClient::ReleaseFactories() {
 }
 
 ReturnCode MetricClient::Exit() {
+  if (IsForkedChildOf(init_pid_)) {
+    AtFork();
+    return ReturnCode::kOk;
+  }
   ShutDownFactories();
   std::exchange(sender_manager_, nullptr).reset();
   ReleaseServices();
@@ -144,6 +157,10 @@ ReturnCode MetricClient::Exit() {
 }
 
 void MetricClient::FlushAndExit() {
+  if (IsForkedChildOf(init_pid_)) {
+    AtFork();
+    return;
+  }
   sender_manager_->FlushAndExit();
   ShutDownFactories();
   ReleaseServices();
@@ -152,22 +169,32 @@ void MetricClient::FlushAndExit() {
 
 void MetricClient::AtFork() {
   std::optional<ForkTeardown> teardown;
-  if (::getpid() != init_pid_) {
+  if (IsForkedChildOf(init_pid_)) {
     teardown.emplace();
-    // Ahead of everything: registries below reach into the collector factory as they go.
-    sender_manager_->RepairAfterFork();
-    metric_factory_->RepairAfterFork();
-    collector_factory_->RepairAfterFork();
   }
-  sender_manager_->AtFork();
-  if (configer_->enable_monitor_) {
-    self_monitor_->AtFork();
+  // Any member may be null: it has ended, or a thread of the parent was ending it.
+  const auto with = [](const auto& member, auto call) {
+    if (member != nullptr) {
+      call(*member);
+    }
+  };
+  const auto repair = [](auto& member) { member.RepairAfterFork(); };
+  const auto forget = [](auto& member) { member.AtFork(); };
+  if (teardown.has_value()) {
+    // Before everything: registries below reach into the collector factory as they go.
+    with(sender_manager_, repair);
+    with(metric_factory_, repair);
+    with(collector_factory_, repair);
   }
-  if (configer_->enable_expire_) {
-    expire_checker_->AtFork();
+  with(sender_manager_, forget);
+  if (configer_ != nullptr && configer_->enable_monitor_) {
+    with(self_monitor_, forget);
   }
-  metric_factory_->AtFork();
-  collector_factory_->AtFork();
+  if (configer_ != nullptr && configer_->enable_expire_) {
+    with(expire_checker_, forget);
+  }
+  with(metric_factory_, forget);
+  with(collector_factory_, forget);
   std::exchange(sender_manager_, nullptr).reset();
   std::exchange(configer_, nullptr).reset();
   std::exchange(self_monitor_, nullptr).reset();

@@ -51,7 +51,9 @@ class METRICS_API MetricClient {
   /// Brings the client into service. Takes the three objects over: they must come from `new` and
   /// are deleted when the client ends. Null for `vendor` and `discovery` selects `DummyVendor`
   /// and `DummyServiceDiscovery`. REQUIRES: `configer_impl` is not null, and the client is new or
-  /// has ended. 83 when an object cannot be made; destroy the client then.
+  /// has ended. 83 when an object cannot be made; destroy the client then. 17 when a thread cannot
+  /// be made: the client has ended then, the three objects are deleted, and `Init` may be called
+  /// again.
   ///
   /// Reads METRICS_MAX_METRICS_PER_REGISTRY, once in the life of the process.
   ReturnCode Init(tidegate::MConfigerImplBase* configer_impl, tidegate::VendorInterface* vendor,
@@ -72,24 +74,29 @@ class METRICS_API MetricClient {
   ReturnCode Block(const std::string& prefix, const std::string& tenant);
   ReturnCode UnBlock(const std::string& prefix, const std::string& tenant);
 
-  /// Stops all threads and drops everything, unflushed values too. Safe twice. Always 0.
+  /// Stops all threads and drops everything, unflushed values too. Safe twice. Always 0. In the
+  /// child of a `fork`: as `AtFork`.
   ReturnCode Exit();
   /// Sends what the cells hold, then as `Exit`. A flush that was running meanwhile counts as the
-  /// last one. REQUIRES: the client is in service.
+  /// last one. In the child of a `fork`: as `AtFork`, nothing is sent. REQUIRES: the client is in
+  /// service.
   void FlushAndExit();
   /// For the child of a `fork`, to be called by the application before anything else of this
   /// client: drops everything without touching the parent's threads, connections or data; nothing
-  /// is sent. `Init` may be called again afterwards. REQUIRES: the client is in service.
+  /// is sent. `Init` may be called again afterwards. Whatever the parent's threads were doing with
+  /// this client when it forked, ending it included, does no harm. Does nothing on a client that is
+  /// not in service.
   void AtFork();
 
   /// What this client holds, in lines for people: registries, metrics with their series, cells and
-  /// emissions (with self monitoring those since its last report, which takes them), senders with their last flush and what became of their packets. From any thread,
-  /// while the client is in service or after its end; copies the lists of all series, and waits for
-  /// a sender that is being made or stopped. The text may change with every version.
+  /// emissions (with self monitoring those since its last report, which takes them), senders with
+  /// their last flush and what became of their packets. From any thread, while the client is in
+  /// service or after its end; copies the lists of all series, and waits for a sender that is being
+  /// made or stopped. The text may change with every version.
   std::string DebugString() const;
 
-  // Set by `Init`, null otherwise. Applications may use `metric_factory_`, whose `GetRegistry` finds
-  // a registry without making it; the others are read by the parts of the library.
+  // Set by `Init`, null otherwise. Applications may use `metric_factory_`, whose `GetRegistry`
+  // finds a registry without making it; the others are read by the parts of the library.
   std::shared_ptr<MetricCollectorFactory> collector_factory_;
   std::shared_ptr<MetricFactory> metric_factory_;
   std::unique_ptr<MetricConfiger> configer_;
@@ -98,6 +105,8 @@ class METRICS_API MetricClient {
   std::unique_ptr<MetricSenderManager> sender_manager_;
 
  private:
+  /// False when there is no thread to be had.
+  bool StartThreads();
   void ShutDownFactories();
   void ReleaseServices();
   void ReleaseFactories();

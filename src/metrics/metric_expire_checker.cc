@@ -8,6 +8,7 @@
 #include "util/fork_guard.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
+#include "util/metric_thread.h"
 #include "util/wait.h"
 
 namespace METRICS {
@@ -28,22 +29,26 @@ MetricExpireChecker::~MetricExpireChecker() {
   METRICS_LOG_DEBUG("MetricExpireChecker Destructor.\n");
 }
 
-void MetricExpireChecker::Start(const int& seconds) {
+ReturnCode MetricExpireChecker::Start(const int& seconds) {
   if (state_.load() != MetricState::INIT) {
-    return;
+    return ReturnCode::kOk;
   }
   check_interval_ = seconds >= kScaledFrom ? seconds / kScale : seconds;
   const std::shared_ptr<MetricCollectorFactory> factory = client_->collector_factory_;
   if (factory == nullptr) {
     METRICS_LOG_WARN("MetricExpireChecker start fialed, internal error with nullptr.\n");
-    return;
+    return ReturnCode::kNullptr;
   }
-  thread_ = std::thread([this, factory, interval = check_interval_] {
-    // The thread may be here ahead of the store below.
-    WaitUntil([this] { return state_.load() != MetricState::INIT; });
-    DoCheck(factory, interval);
-  });
-  state_.exchange(MetricState::READY);
+  const ReturnCode code =
+      StartThread(thread_, "ms_expirer", [this, factory, interval = check_interval_] {
+        // The thread may be here ahead of the store below.
+        WaitUntil([this] { return state_.load() != MetricState::INIT; });
+        DoCheck(factory, interval);
+      });
+  if (code == ReturnCode::kOk) {
+    state_.exchange(MetricState::READY);
+  }
+  return code;
 }
 
 void MetricExpireChecker::DoCheck(std::shared_ptr<MetricCollectorFactory> factory, int interval) {

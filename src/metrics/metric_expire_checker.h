@@ -10,6 +10,7 @@
 
 #include "metrics/metric_collector_factory.h"
 #include "util/metric_common.h"
+#include "util/metric_error_code.h"
 
 namespace METRICS {
 
@@ -30,8 +31,9 @@ class MetricExpireChecker {
   MetricExpireChecker& operator=(const MetricExpireChecker&) = delete;
 
   /// Starts the walker. `seconds` sets its pause and nothing else: `seconds` milliseconds up to 10,
-  /// a tenth of that from 11 on. Does nothing the second time.
-  void Start(const int& seconds);
+  /// a tenth of that from 11 on. Does nothing the second time. 17 when there is no thread to be
+  /// had, 81 without collectors; it can be called again then.
+  ReturnCode Start(const int& seconds);
   /// Body of the thread; `interval` is the pause in milliseconds.
   void DoCheck(std::shared_ptr<MetricCollectorFactory> factory, int interval);
   /// Erases what is in `expired_` and still idle at second `now`. A series that was made anew under

@@ -40,14 +40,22 @@ ReturnCode MetricFactory::CreateRegistry(MetricRegistry*& registry, std::string 
                                          int flush_interval, MetricSenderType sender_type) {
   const std::string key = KeyOf(tenant, prefix);
   registry = nullptr;
+  bool full = false;
   {
     const ReadGuard guard(rwlock_);
     if (Find(key) != nullptr) {
       METRICS_LOG_CODE(ReturnCode::kObjectExisted);
       return ReturnCode::kObjectExisted;
     }
+    full = registries_.size() >= kMaxRegistries;
   }
   ReturnCode code = CheckDefinition(prefix, tags, tenant, flush_interval);
+  if (code == ReturnCode::kOk) {
+    // The thread of a new tenant comes before the registry is in the table, from where others take
+    // it: without one there is no registry.
+    code = full ? ReturnCode::kMaxRegistry
+                : client_->sender_manager_->PrepareSender(tenant, sender_type);
+  }
   if (code != ReturnCode::kOk) {
     METRICS_LOG_CODE(code);
     return code;

@@ -34,7 +34,7 @@ class METRICS_API MetricFactory {
 
   /// Makes a registry and, with the first one of a tenant, the tenant's sender. `registry` is null
   /// unless the result is 0. Refusals: 19 exists, 35 more than 255 tags, 53 bad tenant, prefix or
-  /// tag, 51 duplicated tag key, 70 interval below 1, 33 table full.
+  /// tag, 51 duplicated tag key, 70 interval below 1, 33 table full, 17 no thread for the sender.
   ReturnCode CreateRegistry(MetricRegistry*& registry, std::string prefix,
                             const std::vector<tidegate::MetricTag>&& tags, std::string tenant,
                             tidegate::VendorInterface* vendor, int flush_interval,

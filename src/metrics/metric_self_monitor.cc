@@ -14,6 +14,7 @@
 #include "util/fork_guard.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
+#include "util/metric_thread.h"
 
 namespace METRICS {
 namespace {
@@ -81,7 +82,7 @@ MetricSelfMonitor::~MetricSelfMonitor() {
 }
 
 ReturnCode MetricSelfMonitor::Start() {
-  const ReturnCode code = MakeMetrics();
+  ReturnCode code = MakeMetrics();
   if (code != ReturnCode::kOk) {
     METRICS_LOG_CODE(code);
     return code;
@@ -92,7 +93,13 @@ ReturnCode MetricSelfMonitor::Start() {
     return ReturnCode::kOk;
   }
   state_.exchange(MetricState::READY);
-  thread_ = std::thread(&MetricSelfMonitor::ClickLoop, this, client_->metric_factory_, interval_);
+  code = StartThread(thread_, "ms_monitor", &MetricSelfMonitor::ClickLoop, this,
+                     client_->metric_factory_, interval_);
+  if (code != ReturnCode::kOk) {
+    state_.store(MetricState::INIT);
+    METRICS_LOG_CODE(code);
+    return code;
+  }
   METRICS_LOG_INFO("Self Monitor started\n");
   return ReturnCode::kOk;
 }
@@ -233,6 +240,8 @@ void MetricSelfMonitor::AtFork() {
     state_.exchange(MetricState::SHUTDOWN);
     if (InForkTeardown()) {
       Abandon(thread_);
+      Abandon(statistic_.version_data);
+      Abandon(statistic_.version_item);
     } else if (thread_.joinable()) {
       thread_.join();
     }

@@ -47,7 +47,8 @@ class MetricSelfMonitor {
   MetricSelfMonitor(const MetricSelfMonitor&) = delete;
   MetricSelfMonitor& operator=(const MetricSelfMonitor&) = delete;
 
-  /// Makes the registry, its metrics and the thread. The code of the first failure.
+  /// Makes the registry, its metrics and the thread. The code of the first failure: 17 when there
+  /// is no thread to be had.
   ReturnCode Start();
   /// Body of the thread; `interval` is the pause in milliseconds.
   void ClickLoop(std::shared_ptr<MetricFactory> factory, int interval);

@@ -1,5 +1,6 @@
 #include "metrics/metric_sender.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include "util/fork_guard.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
+#include "util/metric_thread.h"
 
 namespace METRICS {
 namespace {
@@ -34,7 +36,7 @@ MetricSender::MetricSender(const std::string& tenant, MetricClient* client)
       encoder_(std::make_shared<MetricEncoder>(this, tenant)),
       monitor_enabled_(client->configer_->enable_monitor_) {
   // Last: the thread touches nothing virtual until a leaf class's `Init` lets it go.
-  thread_ = std::thread(&MetricSender::Send, this, tenant);
+  StartThread(thread_, "ms_sender", &MetricSender::Send, this, tenant);
 }
 
 MetricSender::~MetricSender() { client_ = nullptr; }
@@ -210,17 +212,24 @@ void MetricSender::JoinThread() {
 }
 
 void MetricSender::StopThread() {
-  const MetricState before = state_.exchange(MetricState::SHUTDOWN);
+  const bool interrupted = WorkInterrupted();
+  state_.store(MetricState::SHUTDOWN);
   if (!InForkTeardown()) {
     JoinThread();
     return;
   }
   Abandon(thread_);
-  // A thread of the parent may have been in the middle of changing the encoder.
-  if (before == MetricState::INIT || work_state_ == WorkState::kWorking) {
+  if (interrupted) {
     Abandon(encoder_);
   }
 }
+
+bool MetricSender::WorkInterrupted() const {
+  return InForkTeardown() &&
+         (state_.load() == MetricState::INIT || work_state_ == WorkState::kWorking);
+}
+
+void MetricSender::CloseOnExec() const { ::fcntl(sock_, F_SETFD, FD_CLOEXEC); }
 
 void MetricSender::CloseSocket() {
   if (sock_ >= 0) {

@@ -51,7 +51,8 @@ class MetricSender {
     kWorking = 3,   ///< flushing
   };
 
-  /// Starts the flush thread, which waits for the leaf class's `Init`.
+  /// Starts the flush thread, which waits for the leaf class's `Init`. Where the system has none to
+  /// give, `thread_` is not joinable and the sender is of no use.
   MetricSender(const std::string& tenant, MetricClient* client);
   /// REQUIRES: the leaf class has joined the thread.
   virtual ~MetricSender();
@@ -105,12 +106,18 @@ class MetricSender {
   std::atomic<int64_t> flushed_ts_{0};  ///< boundary of the last whole flush; 0: none yet
   std::atomic<uint64_t> packets_delivered_{0};
   std::atomic<uint64_t> packets_dropped_{0};
+  bool init_called_ = false;  ///< guarded by the manager's mutex
 
  protected:
+  /// Keeps the socket out of programs that the service executes.
+  void CloseOnExec() const;
   void CloseSocket();
   /// Stops the thread and joins it, or abandons it where it does not exist, with what it was
   /// changing.
   void StopThread();
+  /// Whether this is a fork's teardown, and a thread of the parent may have been changing what its
+  /// `Init` or a flush changes.
+  bool WorkInterrupted() const;
   /// What the leaf classes' `AtFork` share.
   void ForgetParent();
   /// Gives the encoder whom it sends for.

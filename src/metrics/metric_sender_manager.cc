@@ -19,11 +19,29 @@ MetricSenderManager::~MetricSenderManager() {
   METRICS_LOG_DEBUG("MetricSenderManager Destructor.\n");
 }
 
+ReturnCode MetricSenderManager::PrepareSender(const std::string& tenant, MetricSenderType type) {
+  const WriteGuard guard(mutex_);
+  return Prepare(tenant, type);
+}
+
 ReturnCode MetricSenderManager::CreateSender(const std::string& tenant, MetricSenderType type) {
   const WriteGuard guard(mutex_);
-  if (senders_.count(tenant) != 0) {
+  const ReturnCode code = Prepare(tenant, type);
+  if (code != ReturnCode::kOk) {
+    return code;
+  }
+  MetricSender& sender = *senders_.find(tenant)->second;
+  if (std::exchange(sender.init_called_, true)) {
     METRICS_LOG_WARN("Sender of [%s] already exist, CreateSender skipped.\n", tenant.c_str());
     return ReturnCode::kObjectExisted;
+  }
+  sender.Init();
+  return ReturnCode::kOk;
+}
+
+ReturnCode MetricSenderManager::Prepare(const std::string& tenant, MetricSenderType type) {
+  if (senders_.count(tenant) != 0) {
+    return ReturnCode::kOk;
   }
   std::unique_ptr<MetricSender> made;
   if (type == MetricSenderType::kSenderUnixDomain) {
@@ -31,11 +49,12 @@ ReturnCode MetricSenderManager::CreateSender(const std::string& tenant, MetricSe
   } else {
     made = std::make_unique<MetricTcpSender>(tenant, client_);
   }
-  MetricSender& sender = *made;
+  if (!made->thread_.joinable()) {
+    return ReturnCode::kAllocCollectorError;
+  }
   table_changing_.store(true);
   senders_.emplace(tenant, std::move(made));
   table_changing_.store(false);
-  sender.Init();
   return ReturnCode::kOk;
 }
 
@@ -69,7 +88,9 @@ void MetricSenderManager::DeleteAll() {
   for (auto& [tenant, sender] : senders_) {
     sender.reset();
   }
+  table_changing_.store(true);
   senders_.clear();
+  table_changing_.store(false);
 }
 
 // The number in the closing lines of these three is taken after the table was emptied.
@@ -94,7 +115,9 @@ void MetricSenderManager::FlushAndExit() {
 void MetricSenderManager::AtFork() {
   const WriteGuard guard(mutex_);
   for (const auto& [tenant, sender] : senders_) {
-    sender->AtFork();
+    if (sender != nullptr) {  // a thread of the parent was about to delete it
+      sender->AtFork();
+    }
   }
   DeleteAll();
   METRICS_LOG_WARN("MetricSenderManager AtFork, sender num: %lu\n", senders_.size());

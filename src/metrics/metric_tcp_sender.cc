@@ -63,6 +63,7 @@ ReturnCode MetricTcpSender::SocketInit() {
     METRICS_LOG_ERROR("Sender[%s] Create Socket Fd Fail.\n", tenant_.c_str());
     return ReturnCode::kCreateSocketFailed;
   }
+  CloseOnExec();
   const timeval timeout{0, kTimeoutMicros};
   int result = ::setsockopt(sock_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
   if (result < 0) {
@@ -165,8 +166,8 @@ uint16_t MetricTcpSender::ReadResponse(bool header_phase,
 }
 
 void MetricTcpSender::AtFork() {
-  if (InForkTeardown() && work_state_ == WorkState::kWorking) {
-    Abandon(endpoint_);  // the parent's thread was rewriting it
+  if (WorkInterrupted()) {
+    Abandon(endpoint_);
   }
   ForgetParent();
   METRICS_LOG_WARN("MetricTcpSender[%s] AtFork, interval: %d\n", tenant_.c_str(), interval_.load());

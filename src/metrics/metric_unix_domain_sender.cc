@@ -57,6 +57,7 @@ ReturnCode MetricUnixDomainSender::SocketInit() {
     METRICS_LOG_ERROR("Sender[%s] Create Socket Fd Fail.\n", tenant_.c_str());
     return ReturnCode::kCreateSocketFailed;
   }
+  CloseOnExec();
   SetSocketOptions();
   ConnectToAgent();
   return ReturnCode::kOk;
