@@ -11,7 +11,8 @@ namespace lattice_kit::codec {
 ///
 /// Integers and doubles are stored as they stand in memory, which is little-endian on every
 /// platform of the library. Not thread-safe. Owns its memory; not copyable. Lengths are signed
-/// 32-bit numbers; memory exhaustion ends the process.
+/// 32-bit numbers, and whoever may exceed them asks `TryReserve` first; memory exhaustion ends the
+/// process.
 class Pack {
  public:
   /// Allocates `initial_capacity` bytes.
@@ -28,6 +29,19 @@ class Pack {
     if (capacity - Used() <= n) {
       Grow(n);
     }
+  }
+  /// The same, or false, and nothing changed, when the buffer would get longer than its lengths can
+  /// tell.
+  bool TryReserve(size_t n) {
+    if (static_cast<size_t>(capacity - Used()) > n) {
+      return true;
+    }
+    constexpr size_t kMaxUsed = INT32_MAX - 4096;  // with what `Grow` adds
+    if (n > kMaxUsed - static_cast<size_t>(Used())) {
+      return false;
+    }
+    Grow(static_cast<int32_t>(n));
+    return true;
   }
 
   /// Appends a number of fixed width.

@@ -45,7 +45,7 @@ std::shared_ptr<MetricCollectorItem> MetricCollectorBase::Find(const TagValueRef
 }
 
 bool MetricCollectorBase::EraseIdle(const std::vector<std::string>& /*tag_values*/,
-                                    MetricCollectorItem& /*item*/) {
+                                    MetricCollectorItem& /*item*/, long /*now*/) {
   return true;
 }
 
@@ -69,6 +69,16 @@ bool MetricCollectorBase::AtSeriesQuota() const {
   }
   // The line names the default quota, whatever the configured one is.
   METRICS_LOG_WARN("TotalSeriesCount reach maximum, count: %lu quota: %d\n", count, 10000000);
+  return true;
+}
+
+bool MetricCollectorBase::HasTooLongTags(const std::vector<std::string>& tag_values) const {
+  const unsigned long bytes = metric_->impl_->send_tag_bytes_ + GetSize(tag_values);
+  if (bytes <= kMaxSeriesTagBytes) {
+    return false;
+  }
+  METRICS_LOG_ERROR("Tags of a series in metric[%s] too long, bytes: %lu, limit: %lu\n",
+                    name_.c_str(), bytes, kMaxSeriesTagBytes);
   return true;
 }
 
@@ -110,22 +120,30 @@ ReturnCode HashMapCollector::Clear() {
 }
 
 void HashMapCollector::Erase(const std::vector<std::string>& tag_values) {
-  EraseSeries(tag_values, nullptr);
+  EraseSeriesIf(tag_values, [](const MetricCollectorItem& /*item*/) { return true; });
 }
 
 bool HashMapCollector::EraseIdle(const std::vector<std::string>& tag_values,
-                                 MetricCollectorItem& item) {
+                                 MetricCollectorItem& item, long now) {
   if (!item.ClaimForErasing()) {
     return false;
   }
-  EraseSeries(tag_values, &item);
-  return true;
+  bool idle = true;
+  EraseSeriesIf(tag_values, [&](const MetricCollectorItem& found) {
+    idle = item.IsIdle(now);
+    return idle && &found == &item;
+  });
+  if (!idle) {
+    item.Unclaim();
+  }
+  return idle;
 }
 
-void HashMapCollector::EraseSeries(const std::vector<std::string>& tag_values,
-                                   const MetricCollectorItem* own) {
+template <class Condition>
+void HashMapCollector::EraseSeriesIf(const std::vector<std::string>& tag_values,
+                                     Condition condition) {
   const std::shared_ptr<Metric> metric = PinMetric();
-  const std::shared_ptr<MetricCollectorItem> item = series_->Erase(tag_values, own);
+  const std::shared_ptr<MetricCollectorItem> item = series_->EraseIf(tag_values, condition);
   if (item != nullptr && metric != nullptr) {
     metric->cache_mem_.fetch_sub(GetSize(tag_values) + item->MemSize() + kErasedSeriesBytes);
   }
@@ -152,6 +170,9 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateSeries(
   }
   if (metric_ == nullptr) {
     return DummyItem();
+  }
+  if (HasTooLongTags(tag_values)) {
+    return MetricImpl::GetMetricDummyItem(metric_);
   }
   std::shared_ptr<MetricCollectorItem> item = MakeItem(tag_values, pre_encode_tags_);
   if (item == nullptr) {

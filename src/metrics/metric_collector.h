@@ -104,14 +104,18 @@ class ConcurrentHashmap {
     return all;
   }
 
-  /// Takes `key` out and returns its value, or null when it was not there, or with another value
-  /// than `own`.
-  std::shared_ptr<V> Erase(const K& key, const V* own = nullptr) {
+  /// Takes `key` out and returns its value, or null when it was not there.
+  std::shared_ptr<V> Erase(const K& key) {
+    return EraseIf(key, [](const V& /*value*/) { return true; });
+  }
+  /// The same if `condition`, which is asked with the table locked, holds for the value.
+  template <class Condition>
+  std::shared_ptr<V> EraseIf(const K& key, Condition condition) {
     const uint32_t hash = HashOf(key);
     std::shared_ptr<const Entry> erased;  // dies behind the guard: it may be the item's last owner
     const WriteGuard guard(rwlock_);
     const uint32_t place = Find(hash, key);
-    if (place == kNone || (own != nullptr && links_[place].entry->value.get() != own)) {
+    if (place == kNone || !condition(*links_[place].entry->value)) {
       return nullptr;
     }
     *PointerTo(place) = links_[place].next;
@@ -307,8 +311,8 @@ class MetricCollectorBase {
   virtual ReturnCode Clear();
   /// Drops one series, if it is there.
   virtual void Erase(const std::vector<std::string>& tag_values);
-  /// The item of the series, made on first sight. At the series quota: the dummy item, counted as
-  /// a failed emission, or null, by the kind of collector.
+  /// The item of the series, made on first sight. At the series quota, or with tags that are too
+  /// long: the dummy item, counted as a failed emission, or null, by the kind of collector.
   virtual std::shared_ptr<MetricCollectorItem> GetOrCreate(
       const std::vector<std::string>& tag_values);
   virtual uint32_t Id();
@@ -316,8 +320,10 @@ class MetricCollectorBase {
   /// asked with a vector: then `GetOrCreate` knows.
   virtual std::shared_ptr<MetricCollectorItem> Find(const TagValueRefs& tag_values);
   /// For the expiry: erases `item` if it is still what stands under `tag_values`. False when a
-  /// handle holds it. A collector that erases nothing leaves it as it is.
-  virtual bool EraseIdle(const std::vector<std::string>& tag_values, MetricCollectorItem& item);
+  /// handle holds it, or when an emission that came before the table was locked makes it live at
+  /// second `now`. A collector that erases nothing leaves it as it is.
+  virtual bool EraseIdle(const std::vector<std::string>& tag_values, MetricCollectorItem& item,
+                         long now);
   /// `GetOrCreate` of values that are equal to `refs`, which may know their hash.
   virtual std::shared_ptr<MetricCollectorItem> GetOrCreateOf(
       const std::vector<std::string>& tag_values, const TagValueRefs& refs);
@@ -328,6 +334,9 @@ class MetricCollectorBase {
                                                 bool encode_tags) const;
   /// Whether the series quota is reached, with a Warn line if so.
   bool AtSeriesQuota() const;
+  /// Whether the tags of a series, its metric's and registry's included, add up to more than
+  /// `kMaxSeriesTagBytes`, with an Error line if so.
+  bool HasTooLongTags(const std::vector<std::string>& tag_values) const;
   /// The metric, kept alive by the result; null when it is being destroyed.
   std::shared_ptr<Metric> PinMetric() const { return metric_ref_.lock(); }
 
@@ -363,7 +372,8 @@ class HashMapCollector final : public MetricCollectorBase {
       const std::vector<std::string>& tag_values) override;
   uint32_t Id() override { return 2; }
   std::shared_ptr<MetricCollectorItem> Find(const TagValueRefs& tag_values) override;
-  bool EraseIdle(const std::vector<std::string>& tag_values, MetricCollectorItem& item) override;
+  bool EraseIdle(const std::vector<std::string>& tag_values, MetricCollectorItem& item,
+                 long now) override;
   std::shared_ptr<MetricCollectorItem> GetOrCreateOf(const std::vector<std::string>& tag_values,
                                                      const TagValueRefs& refs) override;
 
@@ -377,8 +387,8 @@ class HashMapCollector final : public MetricCollectorBase {
     }
     return item;
   }
-  /// Whatever stands under `tag_values`, or only `own` if that is not null.
-  void EraseSeries(const std::vector<std::string>& tag_values, const MetricCollectorItem* own);
+  template <class Condition>
+  void EraseSeriesIf(const std::vector<std::string>& tag_values, Condition condition);
   std::shared_ptr<MetricCollectorItem> CreateSeries(const std::vector<std::string>& tag_values,
                                                     uint32_t hash);
 

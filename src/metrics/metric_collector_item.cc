@@ -1,6 +1,5 @@
 #include "metrics/metric_collector_item.h"
 
-#include <algorithm>
 #include <ctime>
 #include <utility>
 
@@ -56,14 +55,6 @@ ReturnCode CellOfType(MetricsType type, const CellPtr& found, CellPtr& cell) {
   }
   cell = found;
   return ReturnCode::kOk;
-}
-
-const MetricFieldInfo* FindLast(const std::string& name,
-                                const std::vector<MetricFieldInfo>& fields) {
-  const auto found =
-      std::find_if(fields.rbegin(), fields.rend(),
-                   [&name](const MetricFieldInfo& field) { return field.name == name; });
-  return found == fields.rend() ? nullptr : &*found;
 }
 
 /// A cell whose fields share a cache line, and with no other cell's where they fit into one.
@@ -400,12 +391,10 @@ MultiFieldSendRes MetricFieldArray::Send(const std::vector<MetricFieldInfo>& fie
 
 void MetricFieldArray::Drain(const std::vector<MetricFieldInfo>& fields, MultiFieldSendRes& row) {
   const auto interval = static_cast<unsigned int>(metric_->registry_->FlushInterval());
-  // With two fields of one name the cell is the last one's; the others stay quiet.
-  const bool shared_names = field_count_ < fields.size();
   row.Clear();
   uint32_t column = 0;
   for (const MetricFieldInfo& field : fields) {
-    if (shared_names && FindLast(field.name, fields) != &field) {
+    if (!field.reports) {
       column += ColumnsOf(field.type, field.bounds.size());
       continue;
     }
@@ -452,7 +441,7 @@ const std::vector<double>& FindHistogram(const std::string& name,
 }
 
 bool CheckExpire(const std::shared_ptr<MetricCollectorItem>& item, const long& now) {
-  return now - item->last_update_.load(std::memory_order_relaxed) > kExpireAfterSeconds;
+  return item->IsIdle(now);
 }
 
 }  // namespace METRICS

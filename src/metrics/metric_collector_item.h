@@ -104,8 +104,14 @@ class METRICS_API MetricCollectorItem {
   bool Hold();
   bool IsHeld() const { return holders_.load(std::memory_order_relaxed) > 0; }
   void LetGo() { holders_.fetch_sub(1, std::memory_order_release); }
-  /// For the expiry, ahead of erasing: false when somebody holds the item. Ends all `Hold`s.
+  /// For the expiry, before erasing: false when somebody holds the item. Ends all `Hold`s.
   bool ClaimForErasing();
+  /// Takes that back: the item stays.
+  void Unclaim() { holders_.store(0, std::memory_order_release); }
+  /// Whether the item has had no emission for more than 7200 seconds at second `now`.
+  bool IsIdle(long now) const {
+    return now - last_update_.load(std::memory_order_relaxed) > kExpireAfterSeconds;
+  }
 
   // Written by emitting threads and, for `active_`, by the expiry; read by flush and expiry. A
   // stale reading delays an expiry, no more.

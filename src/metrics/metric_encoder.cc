@@ -298,6 +298,11 @@ void MetricEncoder::RefillMetricHeader(MetricDataPack& pack) {
   ++pack.block_count;
 }
 
+bool MetricEncoder::RefuseRecord(size_t bytes) {
+  METRICS_LOG_ERROR("Series record too long, bytes: %lu\n", bytes);
+  return false;
+}
+
 void MetricEncoder::CopyFromCurrentMetricHeader(MetricDataPack& pack) {
   pack.header_offset = static_cast<uint32_t>(pack.Used());
   PutBytes(pack, pack.header_copy);
@@ -306,7 +311,9 @@ void MetricEncoder::CopyFromCurrentMetricHeader(MetricDataPack& pack) {
 void MetricEncoder::EncodeOneSeriesValue(MetricDataPack& pack, std::string_view tag_block,
                                          const std::vector<uint32_t>& field_indexes,
                                          const std::vector<double>& values) {
-  if (values.empty()) {
+  const size_t bytes = tag_block.size() + (2 + field_indexes.size()) * sizeof(uint32_t) +
+                       values.size() * (sizeof(uint32_t) + sizeof(double));
+  if (values.empty() || !MakeRoom(pack, bytes)) {
     return;
   }
   PutBytes(pack, tag_block);

@@ -81,7 +81,8 @@ class MetricEncoder final : public MetricEncoderBase {
   static void RefillMetricHeader(MetricDataPack& pack);
   /// Opens the block whose header was saved again, in a new packet.
   static void CopyFromCurrentMetricHeader(MetricDataPack& pack);
-  /// Writes one series record; nothing without `values`.
+  /// Writes one series record; nothing without `values`, or, with an Error line, for one that is
+  /// longer than a packet can get.
   static void EncodeOneSeriesValue(MetricDataPack& pack, std::string_view tag_block,
                                    const std::vector<uint32_t>& field_indexes,
                                    const std::vector<double>& values);
@@ -162,6 +163,12 @@ class MetricEncoder final : public MetricEncoderBase {
                                 const double* values, long timestamp);
   void EncodeOneSeriesMetric(MetricDataPack& pack, const std::string& header, const double* values,
                              size_t count, long timestamp);
+  /// Makes room for the bytes of a series record; false, with an Error line, when a packet cannot
+  /// get that long.
+  static bool MakeRoom(MetricDataPack& pack, size_t bytes) {
+    return pack.TryReserve(bytes) || RefuseRecord(bytes);
+  }
+  static bool RefuseRecord(size_t bytes);
   /// REQUIRES: `PreviousPointWidth` of the type is not 0.
   void EncodePreviousInterval(double prev_value, const SuffixBlocks& blocks);
 
@@ -180,8 +187,8 @@ class MetricEncoder final : public MetricEncoderBase {
                         unsigned long array_size);
   void EncodeCompatibleWithSuffix(const MetricsType& type, std::vector<Series>& items);
   void EncodeExtendCompatibleSeries(const MetricsType& type, double prev_value);
-  /// Builds the tags of a series once, from its pairs and the registry's tags; of equal keys one
-  /// is kept.
+  /// Builds the tags of a series once, from its pairs and the registry's tags. Of equal keys the
+  /// first is kept: a pair's before the registry's.
   void EncodeCompatibleMetricTagKV(const Series& series);
 
   MetricDataPack pack_;       ///< of the flush's boundary

@@ -138,7 +138,7 @@ void MetricEncoder::EncodeCompatibleMetricTagKV(const Series& series) {
   for (const tidegate::MetricTag& tag : inserted) {
     tags.emplace_back(tag.key, tag.value);
   }
-  std::sort(tags.begin(), tags.end());
+  std::stable_sort(tags.begin(), tags.end());  // of equal keys the series' own comes first
   const auto same_key = [](const TagKV& a, const TagKV& b) { return a.key == b.key; };
   tags.erase(std::unique(tags.begin(), tags.end(), same_key), tags.end());
   if (item.tag_hash_ == 0) {

@@ -186,11 +186,8 @@ bool MetricEncoder::IsRow(const MetricsType& type) const {
 const MetricEncoder::SuffixBlocks& MetricEncoder::BlocksOf(const std::string& suffix,
                                                            MetricsType type, bool row,
                                                            size_t place) {
-  // The bounds of a histogram may have been set since the last series.
-  const size_t bounds = type == MetricsType::kHistogram ? metric_->GetHistogram().size() : 0;
   const auto matches = [&](const SuffixBlocks& blocks) {
-    return blocks.type == type && blocks.row == row && SameText(blocks.suffix, suffix) &&
-           (type != MetricsType::kHistogram || blocks.numbers == ColumnsOf(type, bounds));
+    return blocks.type == type && blocks.row == row && SameText(blocks.suffix, suffix);
   };
   if (place < blocks_.size() && matches(blocks_[place])) {
     return blocks_[place];
@@ -288,7 +285,9 @@ void MetricEncoder::EncodeOneSeriesMetric(MetricDataPack& pack, const std::strin
   const std::string_view tags = EncodeCurrentTagKV();
   const size_t bytes =
       header.size() + tags.size() + 2 * sizeof(uint32_t) + count * kValueRecordBytes;
-  pack.Reserve(static_cast<int32_t>(bytes));
+  if (!MakeRoom(pack, bytes)) {
+    return;
+  }
   const auto start = static_cast<uint32_t>(pack.Used());
   AppendBytes(pack.cursor, header);
   pack.Patch(start, static_cast<uint32_t>(bytes));

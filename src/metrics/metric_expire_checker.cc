@@ -68,19 +68,21 @@ void MetricExpireChecker::DoCheck(std::shared_ptr<MetricCollectorFactory> factor
 
 void MetricExpireChecker::CheckCollector(const CollectorPtr& collector, long now) {
   expired_.clear();
-  const auto limit =
-      static_cast<size_t>(static_cast<double>(collector->SeriesSize()) * kWorthwhileShare);
+  size_t erasable = 0;  // all that no handle is bound to: a held series stays in the table
   for (const auto& [tag_values, item] : collector->GetAll()) {
     const bool expired = CheckExpire(item, now);
     if (item->active_.load(std::memory_order_relaxed) == expired) {
       item->active_.exchange(!expired);
     }
-    // A series that a handle is bound to stays in the table for it.
-    if (expired && !item->IsHeld()) {
+    if (item->IsHeld()) {
+      continue;
+    }
+    ++erasable;
+    if (expired) {
       expired_.emplace_back(tag_values, item);
     }
   }
-  if (expired_.size() >= limit) {
+  if (expired_.size() >= static_cast<size_t>(static_cast<double>(erasable) * kWorthwhileShare)) {
     DoClean(collector, now);
   }
   expired_.clear();  // what stays hidden is not to be kept alive through the pause
@@ -93,10 +95,10 @@ void MetricExpireChecker::DoClean(const CollectorPtr& collector, const long& now
   size_t erased = 0;
   for (const auto& [tag_values, item] : expired_) {
     // A series that came back, or was bound, since the walk stays.
-    if (!CheckExpire(item, now)) {
-      item->active_.exchange(true);
-    } else if (collector->EraseIdle(tag_values, *item)) {
+    if (CheckExpire(item, now) && collector->EraseIdle(tag_values, *item, now)) {
       ++erased;
+    } else if (!CheckExpire(item, now)) {
+      item->active_.exchange(true);
     }
   }
   METRICS_LOG_WARN("%lu of %lu Series Expired in Collecotor: %s\n", erased, expired_.size(),

@@ -18,7 +18,8 @@ class MetricClient;
 
 /// Drops series that nobody feeds: a thread "ms_expirer" that walks all collectors, hides series
 /// that had no emission for more than 7200 seconds from the flushes, and erases them in batches,
-/// once at least a quarter of a collector's series is idle.
+/// once at least a quarter of a collector's series is idle; those that a handle holds are neither
+/// erased nor counted.
 ///
 /// Threads: `Start`, `Exit` and `AtFork` on the client's threads; the walker alone touches
 /// `expired_`. It holds no lock of its own and keeps an emission from a table for the removal of

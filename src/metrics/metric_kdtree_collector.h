@@ -13,7 +13,8 @@ namespace METRICS {
 /// A collector over 512 trees, chosen by a hash of the tag values. Stands beside `HashMapCollector`
 /// for builds that give the factory's `collector_kind_` another default; its series do not expire.
 ///
-/// At the series quota a new series gives a null item. Tags are always encoded ahead.
+/// At the series quota, or with tags that are too long, a new series gives a null item. Tags are
+/// always encoded ahead.
 class KDTreeCollector final : public MetricCollectorBase {
  public:
   KDTreeCollector(MetricCollectorFactory* factory, Metric* metric);

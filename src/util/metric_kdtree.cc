@@ -81,7 +81,7 @@ KDTree::ItemPtr KDTree::GetOrCreate(const std::vector<std::string>& tag_values) 
   if (const TreeNode* const found = Descend(slot, depth, tag_values); found != nullptr) {
     return found->item;
   }
-  if (collector_->AtSeriesQuota()) {
+  if (collector_->AtSeriesQuota() || collector_->HasTooLongTags(tag_values)) {
     return nullptr;
   }
   const std::shared_ptr<TreeNode> made = NewNode(tag_values);

@@ -38,7 +38,8 @@ class KDTree {
   KDTree(const KDTree&) = delete;
   KDTree& operator=(const KDTree&) = delete;
 
-  /// The item of the series, made on first sight; null at the series quota.
+  /// The item of the series, made on first sight; null at the series quota, or with tags that are
+  /// too long.
   ItemPtr GetOrCreate(const std::vector<std::string>& tag_values);
   /// All series, newest first.
   std::vector<KeyedItem> GetAll();

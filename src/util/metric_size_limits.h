@@ -10,6 +10,9 @@ constexpr int32_t kMetricMaxMsgLen = 262143;
 /// Send buffer of the agent's socket in bytes; a scratch buffer that grew beyond it is cut back.
 constexpr int32_t kMetricSendBufSize = 409600;
 
+/// Most bytes of the keys and values of all tags of one series.
+constexpr unsigned long kMaxSeriesTagBytes = 64UL << 20;
+
 /// Initial capacity of the scratch buffers that tags and columns are encoded in, in bytes.
 constexpr int32_t kTagScratchBytes = 64;
 

@@ -304,6 +304,10 @@ void MetricImpl::PrepareSendTagKV(const std::vector<tidegate::MetricTag>& const_
     send_tags_.emplace_back(tag.key, tag.value);
   }
   std::sort(send_tags_.begin(), send_tags_.end());
+  send_tag_bytes_ = 0;
+  for (const TagKV& tag : send_tags_) {
+    send_tag_bytes_ += tag.key.size() + tag.value.size();
+  }
 }
 
 void MetricImpl::PrepareTagIdx() {

@@ -91,6 +91,7 @@ class METRICS_API MetricImpl {
   // Constant once the metric is in service.
   std::vector<uint16_t> tag_index_;  ///< from the place of a name to its place in `send_tags_`
   std::vector<lattice_kit::codec::TagKV> send_tags_;  ///< sorted; declared tags without values
+  size_t send_tag_bytes_ = 0;                         ///< of their keys and values
   Metric* const metric_;
   const std::shared_ptr<MetricCollectorFactory> collector_factory_;
   std::shared_ptr<MetricCollectorBase> collector_;

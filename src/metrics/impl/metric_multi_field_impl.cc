@@ -75,6 +75,38 @@ void MultiFieldMetricImpl::InitField(const std::vector<MetricFieldCfg>&& fields)
   }
   codec_field_info_ = MetricEncoder::PrePack(columns);
   codec_field_num_ = static_cast<uint32_t>(columns.size());
+  SettleSharedNames();
+}
+
+void MultiFieldMetricImpl::SettleSharedNames() {
+  Owners owners;
+  for (const MetricFieldInfo& field : field_infos_) {
+    owners[field.name] = &field;
+  }
+  if (owners.size() == field_infos_.size() || FitsColumns(owners)) {
+    return;
+  }
+  for (MetricFieldInfo& field : field_infos_) {
+    field.reports = owners[field.name] == &field;
+  }
+}
+
+bool MultiFieldMetricImpl::FitsColumns(const Owners& owners) const {
+  uint32_t end = 0;
+  uint32_t previous_end = 0;  // of the points of the interval before
+  for (const MetricFieldInfo& field : field_infos_) {
+    const MetricFieldInfo& owner = *owners.at(field.name);
+    end += ColumnsOf(owner.type, owner.bounds.size());
+    const uint32_t width = PreviousPointWidth(field.type);
+    if (width == 0 || PreviousPointWidth(owner.type) == 0) {
+      continue;
+    }
+    if (end < previous_end + width) {
+      return false;
+    }
+    previous_end = end;
+  }
+  return end <= codec_field_num_;
 }
 
 void MultiFieldMetricImpl::GenerateSingleField(Columns& out, const std::string& name) {

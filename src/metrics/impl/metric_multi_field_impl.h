@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "codec/tag_kv.h"
@@ -16,13 +17,16 @@ struct MetricFieldInfo {
   std::string name;
   MetricsType type = MetricsType::kUnknown;
   std::vector<double> bounds;  ///< of a histogram field; empty otherwise
+  /// False for a field that stays quiet: a later one of its name reports their cell.
+  bool reports = true;
 };
 
 /// The implementation of metrics with a row of declared fields.
 ///
 /// Written once by `InitField`, before the metric is visible to other threads, and constant from
 /// then on. A field may take several columns of the row: a meter 2, a timer 10, a delta counter 3,
-/// a histogram one per bound and 2.
+/// a histogram one per bound and 2. Fields of one name share the cell of the last one: each reports
+/// it, or the last one alone where the columns would not fit.
 class METRICS_API MultiFieldMetricImpl final : public MetricImpl {
  public:
   using MetricImpl::MetricImpl;
@@ -44,6 +48,15 @@ class METRICS_API MultiFieldMetricImpl final : public MetricImpl {
   std::vector<MetricFieldInfo> field_infos_;  ///< in the order of their declaration
   std::string codec_field_info_;              ///< the columns in packet form
   uint32_t codec_field_num_ = 0;              ///< number of columns
+
+ private:
+  /// The last field of each name, whose cell it is.
+  using Owners = std::unordered_map<std::string, const MetricFieldInfo*>;
+
+  void SettleSharedNames();
+  /// Whether a row in which each field reports the cell of its name keeps to the columns, and
+  /// names none of them twice.
+  bool FitsColumns(const Owners& owners) const;
 };
 
 }  // namespace METRICS
