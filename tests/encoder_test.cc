@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,11 +27,30 @@ std::vector<Packet> Flush(tidegate::test::ListSender& sender, const CollectorLis
   return std::exchange(sender.packets, {});
 }
 
+// Each block as its name, type, time and number of series; packets end with "|".
+std::string Outline(const std::vector<Packet>& packets) {
+  std::ostringstream text;
+  for (const Packet& packet : packets) {
+    for (const auto& block : packet.blocks) {
+      text << (&block == &packet.blocks[0] ? "" : ",") << block.name << " " << int{block.wire_type}
+           << "@" << block.timestamp << "x" << block.series.size();
+    }
+    text << "|";
+  }
+  return text.str();
+}
+
 class EncoderTest : public testing::Test {
  protected:
-  Metric* Make(const std::string& prefix, const std::string& name = "m") {
+  using K = MetricCoItemType;
+  using T = MetricsType;
+
+  Metric* Make(const std::string& prefix, const std::string& name = "m", int interval = 5,
+               K kind = K::kCoItemSuffix, const std::vector<MetricFieldCfg>& fields = {}) {
     Metric* metric = nullptr;
-    client_.Registry(prefix, "t1", {}, 5)->CreateMetric(metric, name, {"a"}, nullptr);
+    MetricInstanceCfg cfg{name, {}, {}, fields, nullptr};
+    if (kind != K::kCoItemCompatible) cfg.tag_names = {"a"};
+    client_.Registry(prefix, "t1", {}, interval)->CreateMetric(metric, {kind, cfg});
     return metric;
   }
   CollectorList All() { return client_->collector_factory_->GetTenantCollector("t1"); }
@@ -66,36 +86,131 @@ TEST_F(EncoderTest, APacketThatReachesTheLimitIsSentBetweenTwoCellsOfASeries) {
   EXPECT_THAT(sizes(fits, {WithSuffix("x", IncrCounter(1))}), ElementsAre(262142, 262142));
 }
 
-TEST_F(EncoderTest, ManySuffixesKeepTheirNamesWhateverTheirOrderAndType) {
-  constexpr int kSuffixes = 30;
-  Metric* const metric = Make("p");
-  const auto name = [](int suffix) { return "s" + std::to_string(suffix); };
-  for (int i = 0; i < kSuffixes; ++i) {
-    const int last = kSuffixes - 1 - i;
-    metric->WithTagValues({"up"})->Emit({WithSuffix(name(i), Store(i))});
-    metric->WithTagValues({"down"})->Emit({WithSuffix(name(last), Store(last))});
-    metric->WithTagValues({"other"})->Emit({WithSuffix(name(last), IncrCounter(last))});
-  }
-  const std::vector<Packet> packets = Flush(sender_, All());
-  ASSERT_EQ(packets.at(0).block_count, 3u * kSuffixes);
-  for (const auto& block : packets[0].blocks) {
-    const auto& series = block.series.at(0);
-    EXPECT_EQ(block.name, "p.m." + name(static_cast<int>(series.values.at(0))));
-    EXPECT_EQ(block.wire_type, series.tags.at(0).value == "other" ? 3 : 1);
+// The packet of the interval before goes ahead of the other one, but for compatible series that
+// share a block. A block is opened again for what follows, even if all of that is idle.
+TEST_F(EncoderTest, ACutPacketGoesOnAsItsFormHasIt) {
+  const struct {
+    K kind;
+    T type;
+    std::string one, idle_behind;
+  } forms[] = {{K::kCoItemSuffix, T(), "p.m.counter 3@995x1|p.m.counter 3@1000x1|", ""},
+               {K::kCoItemField, T(), "p.m 7@995x1|p.m 7@1000x1|", "p.m 7@1000x0,"},
+               {K::kCoItemCompatible, T::kCounter, "p.m 3@1000x1|p.m 3@995x1|", "p.m 3@1000x0,"},
+               {K::kCoItemCompatible, T::kMeter,
+                "p.m 4@995x1,p.m.rate 4@995x1|p.m 4@1000x1,p.m.rate 4@1000x1|", ""}};
+  const std::string big(262143, 'v');
+  Metric* const other = Make("p", "z");
+  for (const auto& [kind, type, one, idle_behind] : forms) {
+    for (const bool idle : {false, true}) {
+      Metric& metric = *Make("p", "m", 5, kind, {{"counter", T::kCounter}});
+      metric.SetCompatibleType(type);
+      for (const std::string& tag : {big, std::string("idle")}) {
+        if (tag != big && !idle) continue;
+        if (type != T()) {
+          metric.impl_->CEmit(1, {"w", tag});
+        } else {
+          metric.WithTagValues({tag})->Emit({IncrCounter(1)});
+        }
+      }
+      const CollectorPtr collector = metric.impl_->collector_;
+      if (idle) collector->GetAll().at(1).second->active_ = false;
+      other->WithTags({})->Emit({Store(1)});
+      EXPECT_EQ(Outline(Flush(sender_, {collector, other->impl_->collector_})),
+                one + (idle ? idle_behind : "") + "p.z.store 1@1000x1|");
+      EXPECT_EQ(Outline(Flush(sender_, {})), "");
+      metric.registry_->RemoveMetric("m");
+    }
   }
 }
 
-TEST_F(EncoderTest, EachNumberStaysWithItsSeriesAndSuffixWhoeverElseIsIdle) {
+TEST_F(EncoderTest, FieldsOfOneNameReportTheirCellEachAsFarAsTheColumnsGo) {
+  HistoUtilBase few({1}), more({1, 2, 3});
+  const T g = T::kGauge, r = T::kRate, c = T::kCounter, m = T::kMeter, t = T::kTimer,
+          h = T::kHistogram, d = T::kDeltaCounter;
+  const struct {
+    std::vector<MetricFieldCfg> fields;
+    std::string now, before;
+  } pinned[] = {{{{"f", g}, {"f", g}}, "{ 0 } = { 5 }", ""},
+                {{{"f", r}, {"x", g}, {"f", r}}, "{ 0, 2 } = { 1, 0 }", ""},
+                {{{"f", c}, {"x", g}, {"f", c}}, "{ 0, 2 } = { 5, 5 }", "{ 0 } = { 0 }"},
+                {{{"f", m}, {"f", m}}, "{ 0, 1, 2, 3 } = { 5, 1, 5, 0 }", "{ 0, 1 } = { 0, 0 }"},
+                {{{"f", t}, {"f", g}}, "{ 0 } = { 5 }", ""},  // in the first column of the timer
+                {{{"f", m}, {"f", c}}, "{ 2 } = { 5 }", "{ 2 } = { 0 }"},
+                {{{"f", g}, {"f", m}}, "{ 1, 2 } = { 5, 1 }", "{ 1, 2 } = { 0, 0 }"},
+                {{{"x", c}, {"y", c}, {"f", d}, {"f", c}},  // else a column would come twice
+                 "{ 5 } = { 5 }",
+                 "{ 5 } = { 0 }"}};
+  const auto flush = [this](const std::vector<MetricFieldCfg>& fields) {
+    Metric& metric = *Make("p", "m", 5, K::kCoItemField, fields);
+    metric.WithTags({})->EmitMap({{"f", 5}});
+    std::map<int64_t, std::string> records;
+    for (const Packet& packet : Flush(sender_, {metric.impl_->collector_})) {
+      const auto& series = packet.blocks.at(0).series.at(0);
+      records[packet.blocks[0].timestamp] =
+          testing::PrintToString(series.indexes) + " = " + testing::PrintToString(series.values);
+    }
+    metric.registry_->RemoveMetric("m");
+    return records;
+  };
+  for (const auto& [fields, now, before] : pinned) {
+    auto records = flush(fields);
+    EXPECT_EQ(records[1000], now);
+    EXPECT_EQ(records[995], before);
+  }
+  for (const T first : {g, r, c, m, t, h, d}) {  // all that is sent is well formed
+    for (const T second : {g, r, c, m, t, h, d}) {
+      flush({{"f", first, &few}, {"f", second, &more}, {"f", first, &few}});
+    }
+  }
+}
+
+TEST_F(EncoderTest, WhatIsSetInTheMiddleOfAFlushHoldsFromThereOn) {
+  Metric& metric = *Make("p");
+  HistoUtilBase bounds({1, 10});
+  metric.WithTagValues({std::string(262143, 'v')})->Emit({Observe(1)});
+  for (char tag = '1'; tag <= '9'; ++tag) {
+    metric.WithTagValues({{tag}})->Emit({Observe(1), Stat(5)});
+  }
+  sender_.between = [&] {
+    metric.SetMultiFieldSummary(true);
+    metric.SetHistogram(&bounds);
+    for (const char* tag : {"1", "9"}) {  // one has its cells on the way already
+      metric.WithTagValues({tag})->Emit({WithSuffix("late", Stat(5)), Stat(5)});
+    }
+  };
+  const std::vector<Packet> packets = Flush(sender_, All());
+  EXPECT_THAT(packets.at(0).blocks,
+              testing::Each(testing::Field(&tidegate::agent::Block::wire_type, 1)));
+  std::string rows;
+  for (int i = 1; i <= 9; ++i) rows += "p.m.timer 5@1000x1,";
+  EXPECT_EQ(Outline({packets.at(1)}), rows + "p.m.late 6@1000x1|") << "the others have no buckets";
+}
+
+TEST_F(EncoderTest, CountsAbove32767AreCutInTheStatisticAlone) {
+  Metric& quiet = *Make("p", "quiet", 5, K::kCoItemField, {{"f", T::kGauge}});
+  quiet.WithTags({})->active_ = false;
+  Metric& metric = *Make("p");
+  metric.WithTags({})->Emit({Store(1)});
+  CollectorList collectors(32768, quiet.impl_->collector_);  // a block each, without a series
+  collectors.push_back(metric.impl_->collector_);
+  EXPECT_EQ(Flush(sender_, collectors).at(0).block_count, 32769u);
+  EXPECT_EQ(sender_.statistic_.metric_num, -32767);
+}
+
+TEST_F(EncoderTest, EachNumberStaysWithItsSeriesAndSuffixInAnyOrderWhoeverElseIsIdle) {
   Metric* const metric = Make("p");
+  metric->SetMultiFieldSummary(true);
   std::map<std::string, double> awake, asleep;
   for (int series = 0; series < 50; ++series) {
     const std::string tag = std::to_string(series);
     const auto item = metric->WithTagValues({tag});
     const bool idle = series % 7 == 0;
-    for (int suffix = 0; suffix < (series == 20 ? 70 : series % 4); ++suffix) {
+    const int suffixes = series % 10 == 0 ? 70 : series % 4;
+    for (int i = 0; i < suffixes; ++i) {
+      const int suffix = series % 20 == 0 ? i : suffixes - 1 - i, number = 100 * series + suffix;
       const std::string name = "s" + std::to_string(suffix);
-      item->Emit({WithSuffix(name, Store(100 * series + suffix))});
-      (idle ? asleep : awake)["p.m." + name + " " + tag] = 100 * series + suffix;
+      item->Emit({WithSuffix(name, series % 3 == 0 ? Observe(number) : Store(number))});
+      (idle ? asleep : awake)["p.m." + name + " " + tag] = number;
     }
     item->active_ = !idle;
   }
@@ -104,7 +219,9 @@ TEST_F(EncoderTest, EachNumberStaysWithItsSeriesAndSuffixWhoeverElseIsIdle) {
     for (const Packet& packet : Flush(sender_, All())) {
       for (const auto& block : packet.blocks) {
         const auto& series = block.series.at(0);
-        numbers[block.name + " " + series.tags.at(0).value] = series.values.at(0);
+        const std::string& tag = series.tags.at(0).value;
+        EXPECT_EQ(block.wire_type, std::stoi(tag) % 3 == 0 ? 5 : 1);
+        numbers[block.name + " " + tag] = series.values.at(0);
       }
     }
     return numbers;
@@ -131,6 +248,12 @@ TEST_F(EncoderTest, APacketHoldsOneRegistryAndStandingApartCostsOne) {
   EXPECT_THAT(blocks({0, 2, 1}), ElementsAre(2, 1));
   EXPECT_THAT(blocks({0, 1, 2}), ElementsAre(1, 1, 1));
   EXPECT_THAT(blocks({}), IsEmpty());
+
+  Metric* const slow = Make("slow", "m", 10);  // what is pending of an interval before leaves first
+  for (Metric* const metric : {metrics[0], slow}) metric->WithTags({})->Emit({IncrCounter(1)});
+  EXPECT_EQ(Outline(Flush(sender_, {metrics[0]->impl_->collector_, slow->impl_->collector_})),
+            "p.m.counter 3@1000x1|p.m.counter 3@995x1|"
+            "slow.m.counter 3@1000x1|slow.m.counter 3@990x1|");
 }
 
 TEST_F(EncoderTest, WhatEndedOrIsIdleIsLeftOut) {
@@ -165,23 +288,45 @@ TEST_F(EncoderTest, ASeriesWhoseTagsAreNotItsMetricsIsReportedOnceAFlush) {
   EXPECT_EQ(tidegate::test::CountOf("]Internal Error with Tag storage!!!!\n", log), 2u) << log;
 }
 
-TEST(EncodedTagsTest, AreTheSameAheadAndInTheFlush) {
-  for (const bool pre_encode : {false, true}) {
-    tidegate::test::TestClient client(
-        tidegate::test::ReportTo("", tidegate::test::kNeverDue, pre_encode));
-    tidegate::test::ListSender sender(client);
-    Metric* metric = nullptr;
-    client.Registry("p", "t1", {{"bb", "registry's"}})
-        ->CreateMetric(metric, {"m", {"c", "a"}, {{"b", "own"}}, {}, nullptr});
-    const auto item = metric->WithTags({{"c", "1"}});
-    EXPECT_EQ(item->encoded_tags_.empty(), !pre_encode);
-    item->Emit({Store(1)});
-    const Packet packet = Flush(sender, {metric->impl_->collector_}).at(0);
-    const std::vector<Tag> tags{{"a", "-"}, {"b", "own"}, {"bb", "registry's"}, {"c", "1"}};
-    EXPECT_EQ(packet.blocks.at(0).series.at(0).tags, tags);
-    EXPECT_EQ(packet.blocks[0].series[0].tag_hash,
-              lattice_kit::codec::TagVecFNVHash(
-                  {{"a", "-"}, {"b", "own"}, {"bb", "registry's"}, {"c", "1"}}));
+TEST(PackTest, GrowsBeforeTheLastByteIsUsedByWholeKilobytesAndNotBeyond2GiB) {
+  const struct {
+    int32_t capacity, used, wanted, grown;
+  } cases[] = {{64, 60, 3, 64},
+               {64, 60, 4, 1088},  // one byte stays free
+               {64, 0, 1089, 2112},
+               {262143, 262000, 142, 262143},
+               {262143, 262000, 5000, 267263}};
+  for (const auto& [capacity, used, wanted, grown] : cases) {
+    const std::string bytes(static_cast<size_t>(used), 'x');
+    lattice_kit::codec::Pack pack(capacity);
+    pack.PutRaw(bytes.data(), used);
+    pack.Reserve(wanted);
+    EXPECT_EQ(pack.capacity, grown) << used << " and " << wanted;
+    EXPECT_FALSE(pack.TryReserve((size_t{1} << 31) - bytes.size()));
+    EXPECT_TRUE(pack.Bytes() == bytes && pack.capacity == grown);
+  }
+  MetricDataPack pack;
+  const auto encode = [&pack](std::string_view tags) {
+    MetricEncoder::EncodeOneSeriesValue(pack, tags, {}, {1});
+  };
+  // Nothing is read of what is too long.
+  EXPECT_THAT(tidegate::test::LogOf(
+                  [&] {
+                    encode({pack.begin, size_t{1} << 31});
+                  },
+                  3),
+              testing::EndsWith("]Series record too long, bytes: 2147483668\n"));
+  EXPECT_TRUE(pack.Used() == 0 && pack.series_count == 0);
+}
+
+// The answers come from another implementation, in another language.
+TEST(HashTest, ListsOfStringsHaveKnownAnswers) {
+  const std::pair<std::vector<std::string>, uint32_t> answers[] = {
+      {{}, 0x811c9dc5},          {{""}, 0x050c5d1f},
+      {{"", ""}, 0x117697cd},    {{"ab", "c"}, 0x35708e65},
+      {{"a", "bc"}, 0xb125c599}, {{"abcdefghijklmnopq", "\xc3\xa9"}, 0xd1ff3cec}};
+  for (const auto& [list, hash] : answers) {
+    EXPECT_EQ(lattice_kit::codec::StrVecFNVHash(list), hash) << testing::PrintToString(list);
   }
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <ctime>
 
 #include "support/agent_socket.h"
 #include "support/environment.h"
@@ -14,8 +15,9 @@ using METRICS::MetricExpireChecker;
 using METRICS::Store;
 
 TEST(ExpireTest, HidesIdleSeriesAndErasesThemFromAQuarterOn) {
-  using Case = std::array<size_t, 3>;
-  for (const auto& test : {Case{1, 1, 1}, {3, 1, 1}, {4, 1, 1}, {8, 1, 0}, {8, 2, 2}, {8, 8, 8}}) {
+  using Case = std::array<size_t, 4>;  // all, idle, erased, held: the last ones, which do not count
+  for (const auto& test :
+       {Case{1, 1, 1}, {3, 1, 1}, {4, 1, 1}, {8, 1, 0}, {8, 1, 1, 1}, {8, 2, 2}, {8, 8, 7, 1}}) {
     SCOPED_TRACE(testing::PrintToString(test));
     const size_t series = test[0], idle = test[1], erased = test[2], left = series - erased;
     const TempDir dir;
@@ -28,6 +30,7 @@ TEST(ExpireTest, HidesIdleSeriesAndErasesThemFromAQuarterOn) {
       items.push_back(metric->WithTagValues({std::to_string(i)}));
       items[i]->Emit({Store(1)});
       items[i]->last_update_ -= i < idle ? 7202 : 7000;
+      EXPECT_TRUE(i < series - test[3] || items[i]->Hold());
     }
     items.back()->active_ = idle == series;  // a pass sets that right
     MetricExpireChecker checker(&*client);
@@ -54,8 +57,27 @@ TEST(ExpireTest, HidesIdleSeriesAndErasesThemFromAQuarterOn) {
     EXPECT_EQ(reported, expected);
 
     EXPECT_EQ(metric->WithTagValues({"0"}) == items[0], erased == 0) << "it starts anew";
-    EXPECT_EQ(metric->WithTagValues({"new"}) == METRICS::DummyItem(), left == 8) << "quota";
+    EXPECT_EQ(metric->WithTagValues({"new"}) == METRICS::DummyItem(), left + (erased > 0) == 8)
+        << "quota";
   }
+}
+
+TEST(ExpireTest, AnEmissionThatComesBeforeTheTableIsLockedKeepsItsSeries) {
+  TestClient client;
+  METRICS::Metric& metric = *client.Metric("m", {"a"});
+  METRICS::MetricCollectorBase& collector = *metric.impl_->collector_;
+  const auto item = metric.WithTagValues({"0"});
+  const long now = std::time(nullptr);
+  EXPECT_TRUE(CheckExpire(item, now));
+  item->Emit({Store(1)});
+  EXPECT_FALSE(collector.EraseIdle({"0"}, *item, now));
+  EXPECT_EQ(metric.WithTagValues({"0"}), item);
+  EXPECT_TRUE(item->Hold()) << "it takes handles";
+  item->last_update_ = 0;
+  EXPECT_FALSE(collector.EraseIdle({"0"}, *item, now)) << "it is held";
+  item->LetGo();
+  EXPECT_TRUE(collector.EraseIdle({"0"}, *item, now));
+  EXPECT_NE(metric.WithTagValues({"0"}), item);
 }
 
 }  // namespace

@@ -50,6 +50,11 @@ TEST_F(FactoryTest, OfTwoErrorsTheEarlierCheckAnswers) {
   }
 }
 
+TEST_F(FactoryTest, TheLimitIs512Registries) {
+  for (int i = 0; i < 512; ++i) client_.Registry(std::to_string(i));
+  EXPECT_EQ(factory_.CreateRegistry(registry_, "more", {}, "t1", 1), R::kMaxRegistry);
+}
+
 TEST_F(FactoryTest, BlockTakesTheTenantFirstAndGetAndRemoveThePrefix) {
   client_.Registry("prefix", "tenant");
   EXPECT_EQ(factory_.Block("prefix", "tenant"), R::kObjectNotExisted);

@@ -72,24 +72,6 @@ TEST_F(ItemTest, ManySuffixesStayApartInWhateverOrderTheyCome) {
   }
 }
 
-TEST_F(ItemTest, FieldsOfOneNameAreSafeWhateverTheirTypes) {
-  HistoUtilBase few({1}), more({1, 2, 3});
-  MetricFieldValue value = WithField("f", Store(3.5));
-  const T types[] = {T::kGauge, T::kRate,      T::kCounter,     T::kMeter,
-                     T::kTimer, T::kHistogram, T::kDeltaCounter};
-  for (const T first : types) {
-    for (const T second : types) {
-      Metric& metric = *Make(2, {{"f", first, &few}, {"f", second, &more}, {"f", first, &few}});
-      const auto row = metric.WithTags({});
-      value.type = first;
-      EXPECT_EQ(row->Emit({value}), R::kOk);
-      EXPECT_EQ(row->Emit({value, value}), R::kInvalidParamNumber);
-      EXPECT_EQ(row->EmitMap({{"f", 3.5}}), R::kOk);
-    }
-  }
-  Flush();
-}
-
 TEST_F(ItemTest, ACompatibleMetricChecksItsTagsAndHasOneCellPerSeries) {
   Metric& metric = *Make(3, {}, T::kGauge);
   for (const Strings& tags : {Strings(), Strings{"k", "v"}, Strings(510, "k"),

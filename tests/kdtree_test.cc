@@ -1,5 +1,6 @@
 #include "metrics/metric_kdtree_collector.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <set>
@@ -7,11 +8,14 @@
 #include "metrics/metric_collector_factory.h"
 #include "support/agent_socket.h"
 #include "support/environment.h"
+#include "util/metric_log.h"
 
 namespace METRICS {
 namespace {
 
 using tidegate::test::AgentSocket;
+using tidegate::test::CountOf;
+using tidegate::test::LogOf;
 using Item = std::shared_ptr<MetricCollectorItem>;
 using Strings = std::vector<std::string>;
 
@@ -101,6 +105,41 @@ TEST_P(CollectorKindTest, RacingThreadsGetOneItemPerKeyAndClearGivesAllBack) {
   EXPECT_NE(collector.GetOrCreate(keys[0]), items[0]);
   bench.client.Registry("p")->RemoveMetric("m");
   EXPECT_EQ(bench.Total(), 1u) << "so does destruction";
+}
+
+TEST_P(CollectorKindTest, ANewSeriesIsTracedAndOneWithMoreThan64MiBOfTagsRefused) {
+  Bench bench(GetParam(), false);
+  Metric& metric = *bench.metric;
+  const std::string in = GetParam() == kKDTree ? "KDTree" : "Collector: p.m";
+  EXPECT_THAT(LogOf(
+                  [&] {
+                    metric.WithTagValues({"1", "", "3"});
+                  },
+                  0),
+              testing::HasSubstr("[MetricSDK][Debug]Create a Item in " + in +
+                                 " with DataBase type: 1 with tag value: 1||3|\n"));
+  std::string most((64 << 20) - 3, 'v');  // the names are the rest
+  EXPECT_NE(metric.WithTagValues({most, "", ""}), DummyItem());
+  Metric* compatible = nullptr;
+  metric.registry_->CreateMetric(compatible, {MetricCoItemType::kCoItemCompatible,
+                                              MetricInstanceCfg{"c", {}, {}, {}, nullptr}});
+  const std::string log = LogOf(
+      [&] {
+        EXPECT_EQ(metric.WithTagValues({most, "", "x"}), DummyItem());
+        EXPECT_EQ(metric.WithTagValues({most}), DummyItem());
+        EXPECT_EQ(metric.WithTagMap({{"b", most}}), DummyItem());
+        most += "four";
+        EXPECT_EQ(compatible->impl_->CEmit(1, {"", std::move(most)}), ReturnCode::kNotSupported);
+      },
+      3);
+  EXPECT_EQ(CountOf(" too long, bytes: 6710886", log), 4u) << log;
+  EXPECT_TRUE(metric.emit_fail_ == 3 && compatible->emit_fail_ == 1 && bench.Total() == 2);
+}
+
+TEST(DebugMsgTest, CutsItsTextAt1023Bytes) {
+  const auto trace = [] { DebugMsg({}, "%s", std::string(1024, 'x').c_str()); };
+  EXPECT_EQ(LogOf(trace, 0), "[MetricSDK][Debug]" + std::string(1023, 'x') + " with tag value: \n");
+  EXPECT_EQ(LogOf(trace, 1), "");
 }
 
 TEST(KDTreeTest, KeysOfAnyLengthRaceForTheSlotsOfOneTree) {

@@ -5,8 +5,10 @@
 
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "metrics/global_resources_limit.h"
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_factory.h"
 #include "support/environment.h"
@@ -86,14 +88,19 @@ TEST_F(RegistryTest, OfTwoErrorsTheEarlierCheckAnswers) {
             R::kInternalError);
 }
 
-TEST(RegistryDeathTest, TheEnvironmentLimitsMetricsByItsLow32BitsOrNotAtAll) {
+TEST(RegistryDeathTest, TheEnvironmentLimitsMetricsByItsLow32BitsOrTheFirstCallDoes) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // the variable is read once per process
-  for (const auto& [text, limit] : {std::pair("4294967299", 3), std::pair("many", 1024)}) {
+  using Case = std::tuple<const char*, unsigned long, int>;  // variable, call, limit
+  for (const auto& [text, call, limit] :
+       {Case("4294967299", 0, 3), {"many", 0, 1024}, {"4294967299", 5, 5}}) {
     EXPECT_EXIT(
         {
           setenv("METRICS_MAX_METRICS_PER_REGISTRY", text, 1);
           tidegate::test::TestClient client;
           setenv("METRICS_MAX_METRICS_PER_REGISTRY", "1", 1);
+          for (const unsigned long max : {call, 7UL}) {
+            if (call != 0) SetGlobalResourcesLimit({max});
+          }
           MetricRegistry& registry = *client.Registry("p");
           Metric* metric = nullptr;
           int made = 0;

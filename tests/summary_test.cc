@@ -65,6 +65,23 @@ TEST_F(SummaryTest, ExactCellsReportThePercentilesOfAPlainSortWithNansBehind) {
   }
 }
 
+TEST(ChainedVectorTest, AddsFourBlocksOfASizeAndBeginsAnewBehindADrain) {
+  // Samples that fit into a number of blocks.
+  const std::pair<size_t, uint32_t> steps[] = {{1, 256},    {2, 512},    {4, 1024},  {5, 1536},
+                                               {8, 3072},   {9, 4096},   {13, 9216}, {17, 19456},
+                                               {20, 31744}, {21, 39936}, {22, 48128}};
+  ChainedVector samples;
+  for (int round = 0; round < 2; ++round) {
+    for (const auto& [blocks, fit] : steps) {
+      while (samples.Size() < fit) samples.Add(1);
+      EXPECT_EQ(samples.BlockCount(), blocks);
+      samples.Add(1);
+      EXPECT_EQ(samples.BlockCount(), blocks + 1);
+    }
+    EXPECT_EQ(samples.Send().at(4), 48129);
+  }
+}
+
 TEST_F(SummaryTest, ThreadsThatEmitBesideADrainLoseNothing) {
   for (MetricBasicData* const cell : all) {
     std::atomic<int> rounds{0};

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "agent/packet_reader.h"
@@ -29,17 +31,19 @@ class ListSender final : public METRICS::MetricSender {
   void AtFork() override {}
   void SendToSocket(char* buf, int len) override {
     sending = true;
+    if (between) std::exchange(between, nullptr)();
     const std::lock_guard guard(gate);
     agent::Packet& packet = packets.emplace_back();
     agent::ReadError error;
     EXPECT_TRUE(ReadPacket(buf, static_cast<size_t>(len), &packet, &error)) << error.reason;
     EXPECT_EQ(packet.tenant_tags.at(1).value, "service");
-    EXPECT_EQ(statistic_.metric_num, static_cast<int>(packet.block_count));
-    EXPECT_EQ(statistic_.series_num, static_cast<int>(packet.series_count));
+    EXPECT_EQ(statistic_.metric_num, static_cast<int16_t>(packet.block_count));
+    EXPECT_EQ(statistic_.series_num, static_cast<int16_t>(packet.series_count));
   }
 
   std::mutex gate;  // held: the agent is slow
   std::atomic<bool> sending{false};
+  std::function<void()> between;  // done at the next packet, in the middle of a flush
   std::vector<agent::Packet> packets;
 };
 

@@ -72,9 +72,7 @@ int Agent::End(int status) {
 bool Agent::Start() {
   std::string error;
   if (!options_.http.empty()) {
-    http_.emplace([this](std::string* page) { AppendPage(page); },
-                  [this](const std::string& line) { log_.ReportSome(line); },
-                  [this] { HttpEnded(); }, &health_);
+    http_.emplace([this](std::string* page) { AppendPage(page); }, [this] { HttpEnded(); });
     if (!http_->Start(options_.http, &error)) {
       log_.Report(error);
       return false;
