@@ -72,7 +72,9 @@ int Agent::End(int status) {
 bool Agent::Start() {
   std::string error;
   if (!options_.http.empty()) {
-    http_.emplace([this](std::string* page) { AppendPage(page); }, [this] { HttpEnded(); });
+    http_.emplace([this](std::string* page) { AppendPage(page); },
+                  [this](const std::string& line) { log_.ReportSome(line); },
+                  [this] { HttpEnded(); }, &health_);
     if (!http_->Start(options_.http, &error)) {
       log_.Report(error);
       return false;

@@ -66,6 +66,13 @@ void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
   handle({kRefused, kRefusedHelp, true, "reason", "limit", ValueOf(refused_points)});
   handle({kRefused, kRefusedHelp, true, "reason", "collision", ValueOf(collided_points)});
 
+  constexpr std::string_view kCut = "tidegate_agent_http_cut_clients_total";
+  constexpr std::string_view kCutHelp = "HTTP clients cut off before they had their answer.";
+  handle({kCut, kCutHelp, true, "reason", "slow", ValueOf(http_cut_slow)});
+  handle({kCut, kCutHelp, true, "reason", "crowded", ValueOf(http_cut_crowded)});
+  counter("tidegate_agent_http_failed_pages_total", "Pages of metrics that could not be made.",
+          http_failed_pages);
+
   gauge("tidegate_agent_forward_queue_points", "Points that wait to be forwarded.",
         forward_queue_points);
   gauge("tidegate_agent_forward_queue_bytes", "Bytes of those.", forward_queue_bytes);

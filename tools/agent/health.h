@@ -56,6 +56,11 @@ struct Health {
   Number collided_points{0};   // of series whose names another one holds
   Number unprinted_points{0};  // that standard output did not take in time
 
+  // By the HTTP side.
+  Number http_cut_slow{0};      // clients that took an answer too slowly
+  Number http_cut_crowded{0};   // clients that made room for others
+  Number http_failed_pages{0};  // for lack of memory
+
   // By the forwarder.
   Number forward_queue_points{0};
   Number forward_queue_bytes{0};

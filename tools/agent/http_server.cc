@@ -1,91 +1,48 @@
 #include "agent/http_server.h"
 
-#include <httplib.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <chrono>
-#include <cstddef>
-#include <mutex>
+#include <cstdint>
+#include <exception>
+#include <iterator>
+#include <optional>
 #include <system_error>
 #include <utility>
+
+#include "agent/listen_socket.h"
 
 namespace tidegate::agent {
 namespace {
 
-constexpr size_t kThreads = 4;
-constexpr time_t kReadSeconds = 5;
-constexpr time_t kWriteSeconds = 10;
-constexpr time_t kKeepAliveSeconds = 1;
+constexpr int kAcceptsAtOnce = 16;
+constexpr std::chrono::seconds kAcceptPause(1);  // when there are no descriptors
 
-constexpr const char* kMetricsType = "text/plain; version=0.0.4; charset=utf-8";
-constexpr const char* kWelcomePage =
-    "<!DOCTYPE html><title>tidegate-agent</title><h1>tidegate-agent</h1>\n"
-    "<p>Version " TIDEGATE_VERSION
-    ". Receives metrics of the services on this host over a local socket.</p>\n"
-    "<ul><li><a href=\"/metrics\">/metrics</a>: the newest value of every series, for Prometheus\n"
-    "<li><a href=\"/healthz\">/healthz</a>: says ok</ul>\n";
+// Services need descriptors as well.
+HttpLimits WithinDescriptors(HttpLimits limits) {
+  rlimit descriptors = {};
+  if (getrlimit(RLIMIT_NOFILE, &descriptors) == 0) {
+    limits.connections = std::min<size_t>(limits.connections, descriptors.rlim_cur / 4);
+  }
+  return limits;
+}
 
 }  // namespace
 
-struct HttpServer::Impl {
-  void Metrics(httplib::Response* response) {
-    const auto content = std::make_shared<std::string>();
-    {
-      // So that many clients at once cannot hold many pages in the making.
-      const std::lock_guard<std::mutex> lock(mutex);
-      content->reserve(last_size + last_size / 8);
-      page(content.get());
-      last_size = content->size();
-    }
-    // Goes out from where it is; as plain content it would be copied, and compressed as well.
-    response->set_content_provider(content->size(), kMetricsType,
-                                   [content](size_t offset, size_t size, httplib::DataSink& sink) {
-                                     constexpr size_t kPart = 1 << 16;
-                                     return sink.write(content->data() + offset,
-                                                       std::min(size, kPart));
-                                   });
-  }
-
-  PageWriter page;
-  httplib::Server server;
-  std::mutex mutex;  // of a page in the making
-  size_t last_size = 0;
-};
-
-HttpServer::HttpServer(PageWriter page, std::function<void()> on_failure)
-    : impl_(std::make_unique<Impl>()), on_failure_(std::move(on_failure)) {
-  impl_->page = std::move(page);
-  httplib::Server& server = impl_->server;
-  server.new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
-  // Before anything of a body is read: one without a length would have no limit.
-  server.set_pre_routing_handler([](const httplib::Request& request, httplib::Response& response) {
-    using Result = httplib::Server::HandlerResponse;
-    if (request.method == "GET" || request.method == "HEAD") return Result::Unhandled;
-    response.status = 405;
-    response.set_header("Allow", "GET, HEAD");
-    return Result::Handled;
-  });
-  server.set_read_timeout(kReadSeconds);
-  server.set_write_timeout(kWriteSeconds);
-  server.set_keep_alive_timeout(kKeepAliveSeconds);
-  // The library's own would let a second agent take the same port and half of the requests.
-  server.set_socket_options([](socket_t fd) {
-    const int on = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-  });
-  server.Get("/metrics", [this](const httplib::Request&, httplib::Response& response) {
-    impl_->Metrics(&response);
-  });
-  server.Get("/healthz", [](const httplib::Request&, httplib::Response& response) {
-    response.set_content("ok\n", "text/plain");
-  });
-  server.Get("/", [](const httplib::Request&, httplib::Response& response) {
-    response.set_content(kWelcomePage, "text/html; charset=utf-8");
-  });
-}
+HttpServer::HttpServer(PageWriter page, std::function<void(const std::string&)> report,
+                       std::function<void()> on_failure, Health* health, const HttpLimits& limits)
+    : report_(std::move(report)),
+      on_failure_(std::move(on_failure)),
+      maker_(std::move(page), report_, [this] { Wake(); }),
+      connections_(
+          WithinDescriptors(limits), [this] { maker_.Make(); }, health) {}
 
 HttpServer::~HttpServer() {
   while (!Stop(std::chrono::hours(1))) {
@@ -113,40 +70,111 @@ bool HttpServer::Start(const std::string& address, std::string* error) {
     *error = "\"" + address + "\" is no address for HTTP";
     return false;
   }
-  errno = 0;
-  if (port == 0) {
-    port = impl_->server.bind_to_any_port(host);
-  } else if (!impl_->server.bind_to_port(host, port)) {
-    port = -1;
+  std::string reason;
+  listener_ = ListenOn(host, &port, &reason);
+  if (!listener_.valid()) {
+    *error = "cannot serve HTTP on " + address + ": " + reason;
+    return false;
   }
-  if (port < 0) {
-    *error = "cannot serve HTTP on " + address + ": " +
-             (errno == 0 ? "no such host" : std::generic_category().message(errno));
+  wake_ = UniqueFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  if (!wake_.valid() || !connections_.Open()) {
+    *error = "cannot serve HTTP on " + address + ": no memory or no descriptors";
     return false;
   }
   url_ = "http://" + address.substr(0, address.rfind(':') + 1) + std::to_string(port);
-  thread_ = std::thread([this] {
-    impl_->server.listen_after_bind();
-    ended_ = true;
-    if (!stopping_) on_failure_();
-  });
-  // Stop would do nothing to a server that is not there yet.
-  while (!impl_->server.is_running() && !ended_) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  try {
+    maker_.Start();
+    thread_ = std::thread([this] {
+      pthread_setname_np(pthread_self(), "http");
+      Run();
+    });
+  } catch (const std::system_error& failure) {
+    *error = "cannot serve HTTP on " + address + ": " + failure.code().message();
+    return false;
   }
   return true;
 }
 
 bool HttpServer::Stop(std::chrono::milliseconds most) {
   if (!thread_.joinable()) return true;
-  if (!stopping_.exchange(true)) impl_->server.stop();
-  const auto end = std::chrono::steady_clock::now() + most;
+  if (!stopping_.exchange(true)) Wake();
+  const auto end = Clock::now() + most;
   while (!ended_) {
-    if (std::chrono::steady_clock::now() >= end) return false;
+    if (Clock::now() >= end) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   thread_.join();
   return true;
+}
+
+void HttpServer::Wake() {
+  const uint64_t one = 1;
+  // A full counter wakes as well.
+  [[maybe_unused]] const ssize_t written = write(wake_.get(), &one, sizeof(one));
+}
+
+void HttpServer::Run() noexcept {
+  try {
+    Serve();
+  } catch (const std::exception&) {
+    connections_.CutAll();
+    connections_.Run();
+  }
+  maker_.Stop();
+  ended_ = true;
+  if (!stopping_) on_failure_();
+}
+
+void HttpServer::Serve() {
+  while (!stopping_ || !connections_.empty()) {
+    Wait();
+    std::optional<std::string> page;
+    if (maker_.Take(&page)) connections_.SetPage(std::move(page));
+    if (stopping_) {
+      listener_.Reset();
+      connections_.Drain();
+    } else {
+      AcceptSome();
+    }
+    connections_.Run();
+  }
+}
+
+void HttpServer::Wait() {
+  const Clock::time_point now = Clock::now();
+  const bool accepts = listener_.valid() && connections_.HasRoom() && now >= accepts_from_;
+  pollfd fds[] = {{wake_.get(), POLLIN, 0},
+                  {connections_.fd(), POLLIN, 0},
+                  {accepts ? listener_.get() : -1, POLLIN, 0}};
+  int timeout = connections_.Timeout();
+  if (now < accepts_from_) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(accepts_from_ - now).count();
+    timeout = timeout < 0 ? static_cast<int>(left) : std::min(timeout, static_cast<int>(left));
+  }
+  if (poll(fds, std::size(fds), timeout) <= 0) return;
+  uint64_t times = 0;
+  [[maybe_unused]] const ssize_t size = read(wake_.get(), &times, sizeof(times));
+}
+
+void HttpServer::AcceptSome() {
+  if (Clock::now() < accepts_from_) return;
+  for (int i = 0; i < kAcceptsAtOnce && connections_.HasRoom(); ++i) {
+    sockaddr_storage storage = {};
+    auto* const address = reinterpret_cast<sockaddr*>(&storage);
+    socklen_t size = sizeof(storage);
+    UniqueFd client(accept4(listener_.get(), address, &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (client.valid()) {
+      connections_.Add(std::move(client), address, size);
+    } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+      const int failure = errno;
+      accepts_from_ = Clock::now() + kAcceptPause;
+      report_("cannot accept an HTTP client, new ones wait: " +
+              std::generic_category().message(failure));
+      return;
+    } else if (errno == EAGAIN) {
+      return;
+    }
+  }
 }
 
 }  // namespace tidegate::agent

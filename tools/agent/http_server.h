@@ -3,30 +3,34 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <memory>
 #include <string>
 #include <thread>
 
+#include "agent/health.h"
+#include "agent/http_connections.h"
+#include "agent/page_maker.h"
+#include "agent/unique_fd.h"
+
 namespace tidegate::agent {
 
-// The agent's pages: /metrics, /healthz and, at /, what this is.
+// The agent's pages: /metrics, /healthz and, at /, what this is. What clients may take is bounded,
+// see HttpConnections. Only GET and HEAD are served, ranges are ignored.
 //
-// Threads: Start and Stop from one; `page` is called on threads of its own, four at most, and not
-// by two at a time. A client gets 5 s for each part of its request and 10 s for each part of the
-// answer that it does not take, so four that are slow on purpose keep the others waiting. Only GET
-// and HEAD are served, and no body is ever read; the limits on the request line and the header are
-// those of the HTTP library.
+// Threads: Start and Stop from one. It has two of its own: one serves all clients, the other one
+// calls `page`, so the other pages do not wait for it.
 class HttpServer {
  public:
-  // Appends the content of /metrics.
+  // Appends the content of /metrics. If it throws, clients get status 503.
   using PageWriter = std::function<void(std::string*)>;
 
   // Takes "host:port" apart, with brackets around a host that has colons itself. False if it is
   // something else.
   static bool SplitAddress(const std::string& address, std::string* host, int* port);
 
-  // `on_failure` is called on another thread if the server ends without Stop.
-  HttpServer(PageWriter page, std::function<void()> on_failure);
+  // `report` gets lines for the log, some ten in a second at most; `on_failure` is called on
+  // another thread if the server ends without Stop. Counts in `health`, which it borrows.
+  HttpServer(PageWriter page, std::function<void(const std::string&)> report,
+             std::function<void()> on_failure, Health* health, const HttpLimits& limits = {});
   ~HttpServer();  // stops, and waits for the slowest client
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
@@ -41,10 +45,22 @@ class HttpServer {
   const std::string& url() const { return url_; }
 
  private:
-  struct Impl;
+  using Clock = std::chrono::steady_clock;
 
-  const std::unique_ptr<Impl> impl_;
+  void Run() noexcept;
+  void Serve();
+  // Waits for something to do.
+  void Wait();
+  void AcceptSome();
+  void Wake();
+
+  const std::function<void(const std::string&)> report_;
   const std::function<void()> on_failure_;
+  PageMaker maker_;
+  HttpConnections connections_;
+  UniqueFd listener_;
+  UniqueFd wake_;  // an eventfd
+  Clock::time_point accepts_from_;
   std::atomic<bool> stopping_{false};
   std::atomic<bool> ended_{false};  // the thread is about to
   std::string url_;

@@ -22,6 +22,7 @@ class UniqueFd {
   int get() const { return fd_; }
   bool valid() const { return fd_ >= 0; }
   void Reset() { *this = UniqueFd(); }
+  int Release() { return std::exchange(fd_, -1); }  // to a new owner
 
  private:
   int fd_;

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+namespace tidegate::agent {
+
+// Writes pages on a thread of its own, one at a time, so that a long one delays nothing else.
+//
+// Threads: `write`, `report` and `on_made` are called on its own; all methods from one.
+class PageMaker {
+ public:
+  // `write` appends a page; if it throws, there is no page, and `report` gets a line. `on_made`
+  // says that there is something to take; it must not throw.
+  PageMaker(std::function<void(std::string*)> write, std::function<void(const std::string&)> report,
+            std::function<void()> on_made);
+  ~PageMaker() { Stop(); }
+  PageMaker(const PageMaker&) = delete;
+  PageMaker& operator=(const PageMaker&) = delete;
+
+  // Throws std::system_error if there can be no thread.
+  void Start();
+  // Waits for the page that is being written. Safe twice.
+  void Stop();
+
+  // Begins a page. REQUIRES: the one before has been taken.
+  void Make();
+  // Whether the page has been written or has failed; if so it is handed over, in the latter case
+  // without a value. Once for each.
+  bool Take(std::optional<std::string>* page);
+
+ private:
+  enum class State { kIdle, kAsked, kMade, kStopped };
+
+  void Run();
+  std::optional<std::string> Write() noexcept;
+
+  const std::function<void(std::string*)> write_;
+  const std::function<void(const std::string&)> report_;
+  const std::function<void()> on_made_;
+  size_t last_size_ = 0;  // of its thread
+  std::mutex mutex_;      // of all below
+  std::condition_variable changed_;
+  State state_ = State::kIdle;
+  std::optional<std::string> page_;
+  std::thread thread_;  // only of the callers' thread
+};
+
+}  // namespace tidegate::agent
