@@ -8,6 +8,8 @@
 #include <functional>
 #include <new>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "metrics/bound_series.h"
 #include "metrics/metric_ckms_quantiles.h"
@@ -97,12 +99,24 @@ TEST(AllocationTest, NoneOnAKnownSeries) {
       {"held row", [&] { held_row->Emit(hits); }},
       {"held row by map", [&] { held_row->EmitMap(hits_map); }},
       {"bound series", [&] { bound.Emit(1); }}};
-  for (const auto& [name, emit] : ways) {
-    emit();
-    const long before = allocations;
-    for (int i = 0; i < 200; ++i) emit();
-    EXPECT_EQ(allocations, before) << name;
+  const auto expect_none = [&ways = ways](int rounds) {
+    for (const auto& [name, emit] : ways) {
+      const long before = allocations;
+      for (int i = 0; i < rounds; ++i) emit();
+      EXPECT_EQ(allocations, before) << name;
+    }
+  };
+  for (const auto& way : ways) way.second();
+  expect_none(200);
+  std::vector<std::thread> threads;  // nor the first one of a new thread
+  std::atomic<int> working{12};
+  for (int i = 0; i < 12; ++i) {
+    threads.emplace_back([&] {
+      expect_none(1);
+      for (--working; working > 0;) std::this_thread::yield();
+    });
   }
+  for (std::thread& thread : threads) thread.join();
   EXPECT_GT(allocations, 0) << "not counted at all";
 }
 

@@ -119,7 +119,7 @@ ReturnCode BoundSeries::BindTo(Metric& metric, const Tags& tags, const std::stri
   cell_ = pins->cell.get();
   item_ = pins->item.get();
   success_ = &pins->metric->emit_success_;
-  success_->Spread();
+  success_->Spread(EventCounter::kSpreadLines);
   type_ = type;
   pins_ = pins;
   return ReturnCode::kOk;

@@ -114,6 +114,7 @@ void MetricEncoder::PackCollector(
       CleanUpPackage();
       RePackFromRegistry(pack_);
     }
+    metric_->emit_success_.SpreadAsAsked();
     PackMetric(collector);
   }
   CleanUpPackage();

@@ -9,6 +9,7 @@
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
 #include "util/metric_thread.h"
+#include "util/thread_slot.h"
 #include "util/wait.h"
 
 namespace METRICS {
@@ -53,6 +54,7 @@ ReturnCode MetricExpireChecker::Start(const int& seconds) {
 
 void MetricExpireChecker::DoCheck(std::shared_ptr<MetricCollectorFactory> factory, int interval) {
   ::pthread_setname_np(::pthread_self(), "ms_expirer");
+  DoWithoutThreadSlot();
   while (state_.load() == MetricState::READY &&
          factory->state_.load(std::memory_order_relaxed) == MetricState::READY) {
     const long now = ::time(nullptr);

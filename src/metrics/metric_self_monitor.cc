@@ -15,6 +15,7 @@
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
 #include "util/metric_thread.h"
+#include "util/thread_slot.h"
 
 namespace METRICS {
 namespace {
@@ -175,6 +176,7 @@ void MetricSelfMonitor::BindOwnSender() {
 
 void MetricSelfMonitor::ClickLoop(std::shared_ptr<MetricFactory> factory, int interval) {
   ::pthread_setname_np(::pthread_self(), "ms_monitor");
+  DoWithoutThreadSlot();
   const long heartbeat = 1;
   while (state_.load() == MetricState::READY) {
     LogIfFailed(BindVersion());  // the series may have been erased meanwhile

@@ -16,6 +16,7 @@
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
 #include "util/metric_thread.h"
+#include "util/thread_slot.h"
 
 namespace METRICS {
 namespace {
@@ -51,6 +52,7 @@ int MetricSender::AdjustSleepStep(int interval_ms) {
 
 void MetricSender::Send(std::string tenant) {
   ::pthread_setname_np(::pthread_self(), "ms_sender");
+  DoWithoutThreadSlot();
   if (collector_factory_ == nullptr) {
     METRICS_LOG_WARN("Sender[%s] start fialed, internal error with nullptr.\n", tenant.c_str());
     return;

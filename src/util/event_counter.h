@@ -2,59 +2,59 @@
 
 #include <atomic>
 #include <cstdint>
-#include <memory>
-#include <new>
 
 #include "util/thread_slot.h"
 
 namespace METRICS {
 
 /// A counter of events that many threads count and one reads. It reads like one atomic number, but
-/// a thread that has a slot adds to a place that no other thread writes, without a locked
-/// instruction: the first such thread in the counter itself, and once there is a second one, each
-/// to a cache line of its own, 64 bytes for each slot.
+/// a thread that has a line adds to it without a locked instruction, and no other thread writes to
+/// that line. There is a line for each of the first `kFirstLines` slots, see `ThreadSlot`, and once
+/// the counter is spread, for as many as count on it. All others share a number.
 ///
 /// Threads: all operations from any thread. What is subtracted is taken from the common part, so
 /// sums wrap around below zero between the parts, and are right together. A reading counts every
-/// event that happened before it once, and those that happen meanwhile at most once.
+/// event that happened before it once, and those that happen meanwhile at most once. Owns its
+/// lines, 64 bytes each and as many again for each list of them; without memory there are fewer.
 class EventCounter {
  public:
-  EventCounter() = default;
-  ~EventCounter() { delete[] lines_.load(std::memory_order_relaxed); }
+  /// What a counter is spread to at least.
+  static constexpr uint32_t kSpreadLines = 32;
+
+  EventCounter();
+  ~EventCounter();
   EventCounter(const EventCounter&) = delete;
   EventCounter& operator=(const EventCounter&) = delete;
 
-  /// Makes the lines. What was counted stays. Without memory, too.
-  void Spread() {
-    if (lines_.load(std::memory_order_acquire) != nullptr) {
-      return;
-    }
-    std::unique_ptr<Line[]> made(new (std::nothrow) Line[kThreadSlots]);
-    Line* none = nullptr;
-    if (lines_.compare_exchange_strong(none, made.get(), std::memory_order_acq_rel)) {
-      made.release();
+  /// Counts. Never allocates.
+  void Add(unsigned long events) {
+    Lines* const lines = lines_.load(std::memory_order_acquire);
+    const uint32_t slot = TakenThreadSlot();
+    if (slot < lines->count) {
+      AddOwn(lines->At(slot), events);
+    } else {
+      AddWithoutLine(events);
     }
   }
 
-  void Add(unsigned long events) {
-    const uint32_t slot = ThreadSlot();
-    Line* const lines = lines_.load(std::memory_order_acquire);
-    if (slot >= kThreadSlots) {
-      common_.fetch_add(events, std::memory_order_relaxed);
-    } else if (lines != nullptr) {
-      AddOwn(lines[slot].events, events);
-    } else if (owner_.load(std::memory_order_relaxed) == slot + 1) {
-      AddOwn(first_, events);
-    } else {
-      AddAsNewThread(slot, events);
+  /// Makes lines for the threads that share a number so far, if there are any. For a thread that
+  /// may allocate. What was counted stays.
+  void SpreadAsAsked() {
+    const uint32_t asked = lines_asked_.load(std::memory_order_relaxed);
+    if (asked > lines_.load(std::memory_order_acquire)->count) {
+      Spread(asked);
     }
   }
+  /// Makes lines for the slots below `count`, and for all up to the next power of two.
+  void Spread(uint32_t count);
 
   unsigned long load() const {
-    unsigned long sum = common_.load() + first_.load(std::memory_order_relaxed);
-    const Line* const lines = lines_.load(std::memory_order_acquire);
-    for (uint32_t slot = 0; lines != nullptr && slot < kThreadSlots; ++slot) {
-      sum += lines[slot].events.load(std::memory_order_relaxed);
+    unsigned long sum = common_.load();
+    for (Lines* lines = lines_.load(std::memory_order_acquire); lines != nullptr;
+         lines = lines->older) {
+      for (uint32_t slot = 0; slot < lines->count; ++slot) {
+        sum += lines->At(slot).load(std::memory_order_relaxed);
+      }
     }
     return sum;
   }
@@ -62,28 +62,33 @@ class EventCounter {
   void fetch_sub(unsigned long events) { common_.fetch_sub(events); }
 
  private:
+  static constexpr uint32_t kFirstLines = 4;
+
   struct alignas(64) Line {
     std::atomic<unsigned long> events{0};
+  };
+  /// The head of a list of lines, which stand behind it.
+  struct alignas(64) Lines {
+    std::atomic<unsigned long>& At(uint32_t slot) {
+      return (reinterpret_cast<Line*>(this + 1) + slot)->events;
+    }
+
+    uint32_t count;
+    Lines* older;  ///< a shorter list, which counts too; threads may still be adding to it
   };
 
   /// REQUIRES: only this thread writes to `place`.
   static void AddOwn(std::atomic<unsigned long>& place, unsigned long events) {
     place.store(place.load(std::memory_order_relaxed) + events, std::memory_order_relaxed);
   }
+  void AddWithoutLine(unsigned long events);
+  /// Null without memory.
+  static Lines* MakeLines(uint32_t count, Lines* older);
 
-  __attribute__((noinline)) void AddAsNewThread(uint32_t slot, unsigned long events) {
-    common_.fetch_add(events, std::memory_order_relaxed);
-    uint32_t nobody = 0;
-    if (owner_.compare_exchange_strong(nobody, slot + 1)) {
-      return;
-    }
-    Spread();
-  }
-
-  std::atomic<Line*> lines_{nullptr};
-  std::atomic<uint32_t> owner_{0};        ///< slot of the first thread, plus one
-  std::atomic<unsigned long> first_{0};   ///< counted by that thread while it was alone
-  std::atomic<unsigned long> common_{0};  ///< counted by threads without a slot, and what was taken
+  static Lines none_;
+  std::atomic<Lines*> lines_;             ///< the longest list; never null
+  std::atomic<unsigned long> common_{0};  ///< counted without a line, and what was taken
+  std::atomic<uint32_t> lines_asked_{0};  ///< as many would do for all who counted without one
 };
 
 /// As for a plain atomic.

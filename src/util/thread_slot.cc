@@ -2,53 +2,70 @@
 
 #include <atomic>
 
-namespace METRICS::thread_slot_internal {
+#include "util/thread_end.h"
+
+namespace METRICS {
 namespace {
 
-/// A bit for each slot that is free.
-std::atomic<uint32_t> free_slots{0xffffffff};
-static_assert(kThreadSlots == 32);
+constexpr uint32_t kWordBits = 64;
 
-/// Hands the thread's slot on at its end.
-class SlotGuard {
- public:
-  SlotGuard() = default;
-  ~SlotGuard() {
-    // What is emitted by later destructors of this thread has to do without.
-    t_slot_plus_one = kThreadSlots + 1;
-    if (slot_ < kThreadSlots) {
-      free_slots.fetch_or(uint32_t{1} << slot_, std::memory_order_release);
-    }
-  }
-  SlotGuard(const SlotGuard&) = delete;
-  SlotGuard& operator=(const SlotGuard&) = delete;
+/// A bit for each slot that is taken.
+std::atomic<uint64_t> taken_slots[kThreadSlots / kWordBits];
 
-  uint32_t Take() {
-    uint32_t free = free_slots.load(std::memory_order_relaxed);
-    while (free != 0) {
-      const auto slot = static_cast<uint32_t>(__builtin_ctz(free));
-      if (free_slots.compare_exchange_weak(free, free & (free - 1), std::memory_order_acquire)) {
-        slot_ = slot;
-        break;
+#define METRICS_OF_THREAD __thread __attribute__((tls_model("initial-exec")))
+METRICS_OF_THREAD ThreadEndAction t_at_end;
+METRICS_OF_THREAD bool t_takes_none = false;
+#undef METRICS_OF_THREAD
+
+uint32_t TakeFreeSlot() {
+  for (uint32_t word = 0; word < kThreadSlots / kWordBits; ++word) {
+    uint64_t taken = taken_slots[word].load(std::memory_order_relaxed);
+    while (~taken != 0) {
+      const auto bit = static_cast<uint32_t>(__builtin_ctzll(~taken));
+      if (taken_slots[word].compare_exchange_weak(taken, taken | uint64_t{1} << bit,
+                                                  std::memory_order_acquire)) {
+        return word * kWordBits + bit;
       }
     }
-    return slot_;
   }
+  return kNoThreadSlot;
+}
 
- private:
-  uint32_t slot_ = kThreadSlots;
-};
+void HandOn(uint32_t slot) {
+  taken_slots[slot / kWordBits].fetch_and(~(uint64_t{1} << slot % kWordBits),
+                                          std::memory_order_release);
+}
 
-thread_local SlotGuard t_guard;
+void HandOnOwn() {
+  HandOn(thread_slot_internal::t_slot);
+  thread_slot_internal::t_slot = kNoThreadSlot;
+}
 
 }  // namespace
 
-__thread uint32_t t_slot_plus_one = 0;
+namespace thread_slot_internal {
+
+__thread uint32_t t_slot = kNoThreadSlot;
 
 uint32_t TakeSlot() {
-  const uint32_t slot = t_guard.Take();
-  t_slot_plus_one = slot + 1;
+  if (t_takes_none) {
+    return kNoThreadSlot;
+  }
+  const uint32_t slot = TakeFreeSlot();
+  if (slot == kNoThreadSlot) {
+    return slot;
+  }
+  if (!AtThreadEnd(t_at_end, &HandOnOwn)) {
+    t_takes_none = true;
+    HandOn(slot);
+    return kNoThreadSlot;
+  }
+  t_slot = slot;
   return slot;
 }
 
-}  // namespace METRICS::thread_slot_internal
+}  // namespace thread_slot_internal
+
+void DoWithoutThreadSlot() { t_takes_none = true; }
+
+}  // namespace METRICS

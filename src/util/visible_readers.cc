@@ -2,20 +2,22 @@
 
 #include <sys/mman.h>
 
+#include "util/thread_end.h"
+#include "util/thread_slot.h"
 #include "util/wait.h"
 
 namespace METRICS {
 namespace {
 
 constexpr size_t kPageBytes = 4096;
-// One for each thread that has a slot, and as many for all others.
-constexpr uint32_t kRows = 2 * kThreadSlots;
 
-// Whole pages, of which nothing else is to be wiped.
-alignas(kPageBytes) ReaderRow rows[kRows];
+// Whole pages, of which nothing else is to be wiped. They take no memory until they are used.
+alignas(kPageBytes) ReaderRow rows[kThreadSlots];
 static_assert(sizeof(rows) % kPageBytes == 0);
 
 std::atomic<uint32_t> rows_taken{0};  ///< the first ones: nobody ever used those behind
+
+__thread ThreadEndAction t_at_end __attribute__((tls_model("initial-exec")));
 
 }  // namespace
 
@@ -24,10 +26,10 @@ std::atomic<bool> reader_rows_usable{::madvise(rows, sizeof(rows), MADV_WIPEONFO
 __thread ReaderRow* t_reader_row = nullptr;
 
 ReaderRow* TakeReaderRow() {
-  static std::atomic<uint32_t> next_shared{0};
-  uint32_t row = ThreadSlot();
-  if (row >= kThreadSlots) {
-    row = kThreadSlots + next_shared.fetch_add(1) % kThreadSlots;
+  const uint32_t row = ThreadSlot();
+  // The last action is the first to run: the row is let go before its slot is handed on.
+  if (row == kNoThreadSlot || !AtThreadEnd(t_at_end, [] { t_reader_row = nullptr; })) {
+    return nullptr;
   }
   uint32_t taken = rows_taken.load();
   while (taken <= row && !rows_taken.compare_exchange_weak(taken, row + 1)) {

@@ -4,16 +4,14 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "util/thread_slot.h"
-
 namespace METRICS {
 
 /// What a thread is reading right now: a few slots that name a lock each, on lines of its own.
 ///
 /// A reader that has written its lock's address here is seen by that lock's writers without having
-/// written anything that another reader touches. Threads without a `ThreadSlot` share rows, hence
-/// the compare-exchange. A forked child finds all slots empty: the kernel wipes them, so that
-/// nobody waits for readers that do not exist.
+/// written anything that another thread writes. Each `ThreadSlot` has a row; threads without one
+/// are not visible. A forked child finds all slots empty: the kernel wipes them, so that nobody
+/// waits for readers that do not exist.
 using ReaderSlot = std::atomic<const void*>;
 struct alignas(128) ReaderRow {  // two lines: processors fetch them in pairs
   static constexpr size_t kSlots = 8;
@@ -24,17 +22,19 @@ struct alignas(128) ReaderRow {  // two lines: processors fetch them in pairs
 /// the library's own initialisation.
 extern std::atomic<bool> reader_rows_usable;
 
-/// Row of this thread; null until it asks.
+/// Row of this thread; null while it has none.
 extern __thread ReaderRow* t_reader_row __attribute__((tls_model("initial-exec")));
 ReaderRow* TakeReaderRow();
 
-/// Makes this thread visible as a reader of `lock`; null when all slots of its row are taken.
+/// Makes this thread visible as a reader of `lock`; null when it has no row, or no slot of it free.
 inline ReaderSlot* EnterAsReader(const void* lock) {
   ReaderRow* const row = t_reader_row != nullptr ? t_reader_row : TakeReaderRow();
+  if (row == nullptr) {
+    return nullptr;
+  }
   for (ReaderSlot& slot : row->slots) {
-    const void* free = nullptr;
-    if (slot.load(std::memory_order_relaxed) == nullptr &&
-        slot.compare_exchange_strong(free, lock)) {
+    if (slot.load(std::memory_order_relaxed) == nullptr) {
+      slot.store(lock);
       return &slot;
     }
   }

@@ -1,7 +1,9 @@
 #include "metrics/impl/metric_impl.h"
 
 #include <algorithm>
+#include <memory>
 #include <stdexcept>
+#include <utility>
 
 #include "codec/fnv_hash.h"
 #include "codec/pack.h"
@@ -14,6 +16,7 @@
 #include "util/metric_size_limits.h"
 #include "util/metric_string_util.h"
 #include "util/short_text.h"
+#include "util/thread_end.h"
 
 namespace METRICS {
 
@@ -28,14 +31,20 @@ namespace {
 
 // The values of a series that is not known yet. Every use fills it anew, and the collector copies
 // what it keeps.
-struct TagValuePool {
-  ~TagValuePool() { gone = true; }
+__thread std::vector<std::string>* tag_value_pool = nullptr;
+__thread ThreadEndAction pool_at_end;
 
-  std::vector<std::string> values;
-  static thread_local bool gone;  ///< on this thread, whose last destructors may still emit
-};
-thread_local bool TagValuePool::gone = false;
-thread_local TagValuePool tag_value_pool;
+/// The pool of this thread; null at its very end, when its last destructors may still emit.
+std::vector<std::string>* TagValuePool() {
+  if (tag_value_pool == nullptr) {
+    auto made = std::make_unique<std::vector<std::string>>();
+    const auto drop = [] { delete std::exchange(tag_value_pool, nullptr); };
+    if (AtThreadEnd(pool_at_end, drop)) {
+      tag_value_pool = made.release();
+    }
+  }
+  return tag_value_pool;
+}
 
 // Never destroyed: a thread may still emit while the process exits.
 const std::string& kMissingValue = *new std::string("-");
@@ -132,8 +141,9 @@ MetricImpl::ItemPtr MetricImpl::FindOrCreate(const TagValueRefs& values) {
 }
 
 MetricImpl::ItemPtr MetricImpl::CopyAndGet(const TagValueRefs& values) {
-  std::vector<std::string> no_pool;
-  std::vector<std::string>& pool = TagValuePool::gone ? no_pool : tag_value_pool.values;
+  std::vector<std::string> own;
+  std::vector<std::string>* const shared = TagValuePool();
+  std::vector<std::string>& pool = shared != nullptr ? *shared : own;
   pool.resize(values.size());
   for (size_t i = 0; i < pool.size(); ++i) {
     pool[i] = values[i];
