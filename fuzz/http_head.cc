@@ -1,0 +1,145 @@
+// The HTTP side of the agent, between the socket and the page: whatever bytes come, in one piece or
+// in two, every answer is one that this server gives, whole and with its own body.
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "agent/http_connections.h"
+#include "fuzz/target.h"
+
+namespace tidegate::fuzz {
+namespace {
+
+constexpr std::string_view kPage = "# TYPE a gauge\na 1\n";
+constexpr std::string_view kHealthy = "ok\n";
+constexpr std::string_view kWelcome = "<!DOCTYPE html>";  // begins so
+
+struct Answer {
+  int status = 0;
+  std::string body;
+  bool operator==(const Answer& other) const {
+    return status == other.status && body == other.body;
+  }
+};
+
+class Server {
+ public:
+  Server()
+      : connections_(
+            agent::HttpLimits(), [this] { asked_ = true; }, &health_) {
+    Require(connections_.Open(), "there is a server");
+  }
+
+  // What one client gets that sends these parts, and reads after each.
+  std::string Exchange(const std::vector<std::string_view>& parts) {
+    int ends[2];
+    Require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) == 0,
+            "there are sockets");
+    sockaddr address = {};
+    address.sa_family = AF_UNIX;
+    connections_.Add(agent::UniqueFd(ends[0]), &address, sizeof(address));
+    std::string got;
+    {
+      const agent::UniqueFd client(ends[1]);
+      for (const std::string_view part : parts) {
+        // What comes after the end of the connection finds nobody.
+        [[maybe_unused]] const ssize_t sent =
+            send(client.get(), part.data(), part.size(), MSG_NOSIGNAL);
+        Serve();
+        Receive(client, &got);
+      }
+    }
+    Serve();
+    Require(connections_.empty(), "a client that left is gone");
+    return got;
+  }
+
+ private:
+  static agent::HttpLimits Limits() {
+    agent::HttpLimits limits;
+    limits.connections = 1;  // as many as there are, which spares looking for others
+    return limits;
+  }
+  void Serve() {
+    int rounds = 0;
+    bool asked = false;
+    do {
+      connections_.Run();
+      asked = std::exchange(asked_, false);
+      if (asked) connections_.SetPage(std::string(kPage));
+      Require(++rounds < 10000, "the server comes to rest");
+    } while (asked || connections_.Timeout() == 0);
+  }
+  static void Receive(const agent::UniqueFd& client, std::string* got) {
+    char part[1 << 16];
+    ssize_t size = 0;
+    while ((size = recv(client.get(), part, sizeof(part), 0)) > 0) {
+      got->append(part, static_cast<size_t>(size));
+    }
+  }
+
+  agent::Health health_;
+  bool asked_ = false;
+  agent::HttpConnections connections_;
+};
+
+// Takes one answer off the front. An answer to HEAD has no body; no body begins as an answer does.
+Answer TakeAnswer(std::string_view* rest) {
+  constexpr std::string_view kStart = "HTTP/1.1 ";
+  constexpr std::string_view kLength = "\r\nContent-Length: ";
+  Answer answer;
+  const size_t end = rest->find("\r\n\r\n");
+  Require(rest->substr(0, kStart.size()) == kStart && end != std::string_view::npos,
+          "an answer has a head");
+  const std::string head(rest->substr(0, end));
+  rest->remove_prefix(end + 4);
+  answer.status = std::stoi(head.substr(kStart.size(), 3));
+  if (answer.status == 100) return answer;
+  const size_t length = head.find(kLength);
+  Require(length != std::string::npos, "an answer says how long it is");
+  const size_t size = std::stoul(head.substr(length + kLength.size()));
+  if (rest->empty() || rest->substr(0, kStart.size()) == kStart) return answer;
+  Require(size <= rest->size(), "a body is as long as its head says");
+  answer.body = rest->substr(0, size);
+  rest->remove_prefix(size);
+  return answer;
+}
+
+std::vector<Answer> AnswersIn(std::string_view text) {
+  constexpr int kStatuses[] = {100, 200, 400, 404, 405, 413, 414, 431, 500, 505};
+  std::vector<Answer> answers;
+  while (!text.empty()) {
+    const Answer& answer = answers.emplace_back(TakeAnswer(&text));
+    Require(std::count(std::begin(kStatuses), std::end(kStatuses), answer.status) == 1,
+            "a status that this server gives");
+    if (answer.status != 200 || answer.body.empty()) continue;
+    Require(answer.body == kPage || answer.body == kHealthy ||
+                answer.body.compare(0, kWelcome.size(), kWelcome) == 0,
+            "a body is that of its page");
+  }
+  return answers;
+}
+
+bool ReadHead(const uint8_t* data, size_t size) {
+  static Server* const server = new Server;  // never ends
+  const std::string_view all(reinterpret_cast<const char*>(data), size);
+  const std::vector<Answer> whole = AnswersIn(server->Exchange({all}));
+  const std::vector<Answer> cut =
+      AnswersIn(server->Exchange({all.substr(0, size / 2), all.substr(size / 2)}));
+  Require(whole == cut, "how the bytes come changes nothing");
+  return !whole.empty() && std::all_of(whole.begin(), whole.end(),
+                                       [](const Answer& answer) { return answer.status == 200; });
+}
+
+const Registration kRegistration("http_head", ReadHead);
+
+}  // namespace
+}  // namespace tidegate::fuzz
