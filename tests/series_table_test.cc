@@ -4,14 +4,27 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <limits>
 #include <memory>
+#include <new>
 #include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "agent/bounded_queue.h"
+
+static __thread long allocations_left = -1;  // until they fail; negative: they never do
+
+void* operator new(size_t size) {
+  if (allocations_left == 0) throw std::bad_alloc();
+  if (allocations_left > 0) --allocations_left;
+  void* const memory = std::malloc(size);
+  return memory != nullptr ? memory : throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, size_t /*size*/) noexcept { std::free(memory); }
 
 namespace tidegate::agent {
 namespace {
@@ -41,9 +54,11 @@ class SeriesTableTest : public testing::Test {
   void Make(const SeriesTable::Options& options) {
     table_ = std::make_unique<SeriesTable>(
         options, &health_, [this](const std::string& line) { reports_.push_back(line); },
-        [this] { return now_; });
+        [this] {
+          return SeriesTable::Time{now_, kTime};
+        });
   }
-  void Handle(const Point& point) {
+  static Packet PacketOf(const Point& point) {
     Packet packet;
     packet.tenant = "t1";
     Block& block = packet.blocks.emplace_back();
@@ -52,12 +67,21 @@ class SeriesTableTest : public testing::Test {
     block.timestamp = point.time;
     for (const std::string& column : point.columns) block.fields.push_back({column});
     block.series.push_back({0, point.tags, point.indexes, point.values});
-    table_->Handle(packet, {77});
+    return packet;
   }
+  void Handle(const Point& point) { table_->Handle(PacketOf(point), {77}); }
   std::string Page(bool timestamps = false) {
     std::string page;
+    const size_t most = table_->PageBytes();
     table_->AppendPage(timestamps, &page);
+    EXPECT_LE(page.size(), most);
     return page;
+  }
+  // Points and series.
+  std::string Refused(Refusal reason) const {
+    const auto i = static_cast<size_t>(reason);
+    return std::to_string(health_.refused_points[i]) + " of " +
+           std::to_string(health_.refused_series[i]);
   }
   // The samples of the page, each behind the type of its family, without the tenant.
   std::string Samples() {
@@ -174,7 +198,7 @@ TEST_F(SeriesTableTest, LimitsSeriesAndForgetsThoseWithoutNews) {
   options.max_series = 2;
   Make(options);
   for (const char* host : {"a", "b", "c", "a", "d"}) Handle({1, "g", {}, {{"host", host}}, {1}});
-  EXPECT_EQ(health_.refused_points, 2U);
+  EXPECT_EQ(Refused(Refusal::kLimit), "2 of 2");
   EXPECT_EQ(health_.series, 2U);
   now_ += seconds(300);
   Handle({1, "g", {}, {{"host", "b"}}, {2}});
@@ -205,11 +229,9 @@ TEST_F(SeriesTableTest, LimitsSeriesAndForgetsThoseWithoutNews) {
   EXPECT_EQ(health_.series, 1U);
   std::vector<Tag> tags;
   for (int i = 1000; i < 2000; ++i) tags.push_back({std::to_string(i), "v"});
-  Handle({1, std::string(20000, 'n'), {}, tags, {1}});  // each label holds the name
-  EXPECT_EQ(health_.series, 1U);
-  Handle({1, std::string(2000, 'n'), {}, tags, {1}});
+  Handle({1, std::string(400000, 'n'), {}, tags, {1}});
   EXPECT_EQ(health_.series, 2U);
-  EXPECT_GT(health_.series_bytes, 2000000U);
+  EXPECT_LT(health_.series_bytes, 4000000U);  // labels do not hold the name
 
   // A series that is there may change its columns.
   options.max_series = 1;
@@ -249,12 +271,132 @@ TEST_F(SeriesTableTest, LeavesOutWhatCollidesAndSaysSoOnce) {
                   HasSubstr("\"a_b{x_y}\" stands for the tag x.y in /metrics; series with the "
                             "tag x_y are left out there"),
                   HasSubstr("\"a_sum\" stands for the histogram a")));
-  EXPECT_EQ(health_.collided_points, 8U);
+  EXPECT_EQ(Refused(Refusal::kCollision), "8 of 4");
 
   now_ += seconds(301);
   Handle({1, "a_b", {}, {}, {2}});
   table_->Sweep();
   EXPECT_EQ(Samples(), "gauge a_b 2\n");
+}
+
+// The text of one source, by which two rows come to one family.
+TEST_F(SeriesTableTest, ShowsOneOfTwoMetricsThatAreDescribedAlike) {
+  Make({});
+  Handle({7, "x", {"y of row x.y"}, {}, {1}});
+  Handle({7, "x.y of row x", {"y"}, {}, {2}});
+  EXPECT_EQ(Samples(), "gauge x_y_of_row_x_y 1\n");
+}
+
+TEST_F(SeriesTableTest, CountsEveryByteOfThePage) {
+  const std::string odd(1000, '\xff');  // each becomes three
+  std::vector<std::string> bounds;
+  for (int i = 0; i < 50; ++i)
+    bounds.push_back("hist:b--1.7976931348623" + std::to_string(99 - i) + "e+308");
+  bounds.insert(bounds.end(), {"hist:sum", "hist:count"});
+  const Point kPoints[] = {
+      {1,
+       "g" + odd,
+       {},
+       {{odd, odd}, {"__9", "\"\\\n"}},
+       {-1.7976931348623157e+308},
+       {},
+       INT64_MIN + 1},
+      {3, "", {}, {}, {1}},
+      {8, "d", {"counter", "rate", "delta"}, {{"a", odd}}, {1, 2, 3}},
+      {5, "t", kTimer, {{"a", odd}}, std::vector<double>(10, -1.2345678901234567e-300)},
+      {6, "h", bounds, {{"a", odd}}, std::vector<double>(52, 1)},
+      {7, odd, {odd, "9", ""}, {}, {1, 2, 3}},
+  };
+  for (const Point& point : kPoints) {
+    SCOPED_TRACE(int{point.type});
+    Make({});
+    Handle(point);
+    const size_t page = Page(true).size();
+    EXPECT_GT(page, 0U);
+    EXPECT_LT(table_->PageBytes(), 2 * page + 300);
+    now_ += seconds(301);
+    table_->Sweep();
+    EXPECT_EQ(table_->PageBytes(), 0U);
+  }
+}
+
+TEST_F(SeriesTableTest, RefusesWhatLiesAheadOrTakesTooMuchWork) {
+  Make({});
+  Handle({1, "g", {}, {}, {1}, {}, kTime + 3600});
+  Handle({1, "g", {}, {}, {2}, {}, kTime + 3601});
+  Handle({1, "g", {}, {}, {3}, {}, INT64_MAX});
+  EXPECT_EQ(Samples(), "gauge g 1\n");
+  EXPECT_EQ(health_.refused_points[static_cast<size_t>(Refusal::kAhead)], 2U);
+
+  const size_t before = health_.series;
+  const auto& refused = health_.refused_points[static_cast<size_t>(Refusal::kWork)];
+  // Every key holds the tenant.
+  Packet packet = PacketOf({1, "many", {}, {}, {1}});
+  packet.tenant.assign(500000, 't');
+  packet.blocks[0].series.resize(2000, packet.blocks[0].series[0]);
+  table_->Handle(packet, {});
+  EXPECT_NEAR(static_cast<double>(refused), 2000 - SeriesTable::kMaxPacketWork / 500000.0, 5);
+  // Every family holds the name.
+  const uint64_t so_far = refused;
+  packet = PacketOf({7,
+                     std::string(9000, 'n'),
+                     std::vector<std::string>(150, "c"),
+                     {},
+                     std::vector<double>(150, 1)});
+  packet.blocks.resize(50, packet.blocks[0]);
+  for (size_t i = 0; i < packet.blocks.size(); ++i) packet.blocks[i].name += std::to_string(i);
+  table_->Handle(packet, {});
+  EXPECT_GT(refused, so_far + 30);
+  Handle({1, "next", {}, {}, {1}});  // a packet anew
+  EXPECT_GT(health_.series, before + 2);
+}
+
+// Whatever allocation fails, in a packet or on a page, the table goes on and nothing stays behind.
+TEST_F(SeriesTableTest, OutlivesEveryFailingAllocation) {
+  const std::string text(40, 'x');
+  const Point kPoints[] = {
+      {1, "gauge." + text, {}, {{text, "1"}, {"b", text}}, {1}},
+      {7, "row." + text, {text, "y"}, {}, {1, 2}},
+      {7, "row." + text, {text, "y", "z"}, {}, {1, 2, 3}},    // other columns of the same series
+      {7, "row." + text, {"z", text}, {{"b", "c"}}, {1, 2}},  // families that others have
+      {1, "gauge." + text, {}, {{text, "1"}, {"b", "2"}}, {1}},
+      {1, "gauge_" + text, {}, {{"c." + text, "1"}, {"c_" + text, "2"}}, {1}},  // collide
+      {5, "timer." + text, kTimer, {}, std::vector<double>(10, 1)},
+      {6, "timer." + text, {"hist:b-0", "hist:sum", "hist:count"}, {}, {1, 2, 3}},  // collides
+  };
+  bool failed = true;
+  uint64_t series = 0;
+  std::string expected;
+  for (long n = -1; failed; ++n) {
+    SCOPED_TRACE(n);
+    failed = n < 0;
+    Make({});
+    const auto try_all = [&](bool failing) {
+      for (const Point& point : kPoints) {
+        const Packet packet = PacketOf(point);
+        std::string page;
+        allocations_left = failing ? n : -1;
+        try {
+          table_->Handle(packet, {77});
+          table_->AppendPage(false, &page);
+        } catch (const std::bad_alloc&) {
+          failed = true;
+        }
+        allocations_left = -1;
+      }
+    };
+    try_all(true);
+    try_all(false);
+    if (n < 0) series = health_.series;
+    EXPECT_EQ(health_.series, series);
+    now_ += seconds(301);
+    table_->Sweep();
+    EXPECT_EQ(health_.series_bytes, 0U);
+    EXPECT_EQ(table_->PageBytes(), 0U);
+    try_all(false);
+    if (n < 0) expected = Samples();
+    EXPECT_EQ(Samples(), expected);  // all names and labels were free
+  }
 }
 
 TEST(BoundedQueueTest, DropsTheOldestAndHandsOutTheRestAfterItWasClosed) {

@@ -25,8 +25,9 @@ Agent::Agent(const Options& options)
       queue_(options.queue_bytes, &health_),
       server_([this](SeqpacketServer::Message message) { queue_.Push(std::move(message)); },
               [this](const std::string& warning) { log_.ReportSome(warning); }, &health_.clients),
-      table_({options.max_series, options.ttl, options.label_pid, !options.http.empty()}, &health_,
-             [this](const std::string& collision) { log_.Report(collision); }),
+      table_({options.max_series, options.ttl, options.label_pid, !options.http.empty(),
+              options.max_ahead},
+             &health_, [this](const std::string& collision) { log_.Report(collision); }),
       decoder_(
           &queue_, Sinks(), [this] { table_.Sweep(); }, &health_, &log_) {}
 

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <iterator>
 #include <set>
+#include <type_traits>
 
 namespace tidegate::agent {
 namespace {
@@ -20,16 +21,25 @@ constexpr int64_t kMaxSeconds = INT64_MAX / 1000 - 1;
 
 constexpr std::string_view kReplacement = "\xef\xbf\xbd";  // U+FFFD
 
-std::string Fit(std::string_view name, bool colons) {
-  std::string fitted;
-  fitted.reserve(name.size() + 1);
-  if (name.empty() || (name[0] >= '0' && name[0] <= '9')) fitted += '_';
+constexpr std::string_view kSum = "_sum";
+constexpr std::string_view kCount = "_count";
+constexpr std::string_view kBucket = "_bucket";
+
+// The longest that stand in a line, with what is around them.
+constexpr size_t kMaxNumberSize = sizeof(" -1.7976931348623157e+308") - 1;
+constexpr size_t kMaxTimestampSize = sizeof(" -9223372036854774000") - 1;
+constexpr size_t kMaxLeSize = sizeof(R"(,le="-1.7976931348623157e+308")") - 1;
+constexpr size_t kMaxQuantileSize = sizeof(R"(,quantile="0.999")") - 1;
+constexpr size_t kBraces = 2;
+static_assert(kMaxQuantileSize > kCount.size());
+
+void AppendFitted(std::string_view name, bool colons, std::string* fitted) {
+  if (name.empty() || (name[0] >= '0' && name[0] <= '9')) *fitted += '_';
   for (const char c : name) {
     const bool fits = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
                       c == '_' || (colons && c == ':');
-    fitted += fits ? c : '_';
+    *fitted += fits ? c : '_';
   }
-  return fitted;
 }
 
 void AppendNumber(double value, std::string* out) {
@@ -62,21 +72,38 @@ size_t CharacterSize(std::string_view text) {
   return odd ? 0 : size;
 }
 
-// Receivers refuse a whole page for one byte that is not UTF-8.
-void AppendEscaped(std::string_view text, bool quotes, std::string* out) {
-  while (!text.empty()) {
-    const size_t size = CharacterSize(text);
-    if (size == 0) {
-      *out += kReplacement;
-    } else if (text[0] == '\n') {
-      *out += "\\n";
-    } else if (text[0] == '\\' || (quotes && text[0] == '"')) {
-      *out += {'\\', text[0]};
+bool IsPlain(char c) {
+  return c >= ' ' && c != '\\' && c != '"';  // no byte of a longer character, as char is signed
+}
+static_assert(std::is_signed_v<char>);
+
+// Hands out the pieces of the escaped text. Receivers refuse a whole page for one byte that is not
+// UTF-8.
+template <typename Handle>
+void Escape(std::string_view text, bool quotes, const Handle& handle) {
+  for (size_t i = 0; i < text.size();) {
+    size_t size = 0;
+    while (i + size < text.size() && IsPlain(text[i + size])) ++size;
+    if (size > 0) {
+      handle(text.substr(i, size));
+    } else if (size = CharacterSize(text.substr(i)); size == 0) {
+      handle(kReplacement);
+      size = 1;
+    } else if (text[i] == '\n') {
+      handle("\\n");
+    } else if (text[i] == '\\') {
+      handle("\\\\");
+    } else if (quotes && text[i] == '"') {
+      handle("\\\"");
     } else {
-      *out += text.substr(0, size);
+      handle(text.substr(i, size));
     }
-    text.remove_prefix(size == 0 ? 1 : size);
+    i += size;
   }
+}
+
+void AppendEscaped(std::string_view text, bool quotes, std::string* out) {
+  Escape(text, quotes, [&](std::string_view piece) { *out += piece; });
 }
 
 std::string_view TypeName(FamilyType type) {
@@ -117,47 +144,52 @@ std::string WithTotal(std::string name) {
 
 }  // namespace
 
-std::string MetricNameOf(std::string_view name) { return Fit(name, true); }
+std::string MetricNameOf(std::string_view name) {
+  std::string fitted;
+  fitted.reserve(name.size() + 1);
+  AppendFitted(name, true, &fitted);
+  return fitted;
+}
 
-std::string LabelNameOf(std::string_view name) {
-  std::string fitted = Fit(name, false);
-  return fitted.compare(0, 2, "__") == 0 ? "exported" + fitted : fitted;
+void AssignLabelName(std::string_view name, std::string* fitted) {
+  fitted->clear();
+  AppendFitted(name, false, fitted);
+  if (fitted->compare(0, 2, "__") == 0) fitted->insert(0, "exported");
 }
 
 std::vector<FamilyPart> FamiliesOf(Kind kind, std::string_view name,
                                    const std::vector<std::string>& columns) {
   const std::string fitted = MetricNameOf(name);
-  const std::string text(name);
   const auto column = [&](size_t i) {
-    return FamilyPart{
-        fitted + '_' + Fit("_" + columns[i], true).substr(1), FamilyType::kGauge, i,
-        "column " + columns[i] + (kind == Kind::kRow ? " of row " : " of timer ") + text};
+    FamilyPart part{fitted, FamilyType::kGauge, i};
+    part.name.reserve(fitted.size() + 1 + columns[i].size());
+    // The name is in front, so a digit stands well.
+    AppendFitted("_" + columns[i], true, &part.name);
+    return part;
   };
   switch (kind) {
     case Kind::kGauge:
-      return {{fitted, FamilyType::kGauge, 0, "gauge " + text}};
     case Kind::kRate:
-      return {{fitted, FamilyType::kGauge, 0, "rate " + text}};
+      return {{fitted, FamilyType::kGauge, 0}};
     case Kind::kCounter:
-      return {{WithTotal(fitted), FamilyType::kCounter, 0, "counter " + text}};
+      return {{WithTotal(fitted), FamilyType::kCounter, 0}};
     case Kind::kMeter:
-      return {{fitted, FamilyType::kUntyped, 0, "meter " + text}};
+      return {{fitted, FamilyType::kUntyped, 0}};
     case Kind::kDeltaCounter:
-      return {
-          {WithTotal(fitted), FamilyType::kCounter, kDeltaCounterColumn, "delta counter " + text},
-          {fitted + "_rate", FamilyType::kGauge, kDeltaRateColumn,
-           "rate of the delta counter " + text}};
+      return {{WithTotal(fitted), FamilyType::kCounter, kDeltaCounterColumn},
+              {fitted + "_rate", FamilyType::kGauge, kDeltaRateColumn}};
     case Kind::kTimerRow:
-      return {{fitted, FamilyType::kSummary, 0, "timer " + text},
+      return {{fitted, FamilyType::kSummary, 0},
               column(kTimerMin),
               column(kTimerMax),
               column(kTimerAvg)};
     case Kind::kHistogram:
-      return {{fitted, FamilyType::kHistogram, 0, "histogram " + text}};
+      return {{fitted, FamilyType::kHistogram, 0}};
     case Kind::kRow:
       break;
   }
   std::vector<FamilyPart> families;
+  families.reserve(columns.size());
   // Nothing keeps a row from having two columns of one name.
   std::set<std::string_view> seen;
   for (size_t i = 0; i < columns.size(); ++i) {
@@ -166,23 +198,93 @@ std::vector<FamilyPart> FamiliesOf(Kind kind, std::string_view name,
   return families;
 }
 
-std::vector<std::string> SampleNamesOf(const FamilyPart& family) {
-  std::vector<std::string> names = {family.name};
-  if (family.type == FamilyType::kSummary || family.type == FamilyType::kHistogram) {
-    names.push_back(family.name + "_sum");
-    names.push_back(family.name + "_count");
-  }
-  if (family.type == FamilyType::kHistogram) names.push_back(family.name + "_bucket");
-  return names;
+const std::vector<std::string_view>& SuffixesOf(FamilyType type) {
+  static const std::vector<std::string_view> of_single = {""};
+  static const std::vector<std::string_view> of_summary = {"", kSum, kCount};
+  static const std::vector<std::string_view> of_histogram = {"", kSum, kCount, kBucket};
+  if (type == FamilyType::kHistogram) return of_histogram;
+  return type == FamilyType::kSummary ? of_summary : of_single;
 }
 
-void AppendFamilyHead(const FamilyPart& family, std::string* page) {
-  AppendHead(family.name, family.source, TypeName(family.type), page);
+std::string SourceOf(Kind kind, std::string_view name, std::string_view column) {
+  std::string source;
+  switch (kind) {
+    case Kind::kGauge:
+      source = "gauge ";
+      break;
+    case Kind::kRate:
+      source = "rate ";
+      break;
+    case Kind::kCounter:
+      source = "counter ";
+      break;
+    case Kind::kMeter:
+      source = "meter ";
+      break;
+    case Kind::kDeltaCounter:
+      source = column == kDeltaColumns[kDeltaRateColumn] ? "rate of the delta counter "
+                                                         : "delta counter ";
+      break;
+    case Kind::kTimerRow:
+      if (!column.empty()) source.append("column ").append(column).append(" of ");
+      source += "timer ";
+      break;
+    case Kind::kHistogram:
+      source = "histogram ";
+      break;
+    case Kind::kRow:
+      source.append("column ").append(column).append(" of row ");
+      break;
+  }
+  return source.append(name);
+}
+
+void AppendFamilyHead(const FamilyPart& family, std::string_view source, std::string* page) {
+  AppendHead(family.name, source, TypeName(family.type), page);
+}
+
+size_t EscapedSize(std::string_view text, bool quotes) {
+  size_t size = 0;
+  Escape(text, quotes, [&](std::string_view piece) { size += piece.size(); });
+  return size;
+}
+
+size_t HeadSize(const FamilyPart& family, std::string_view source) {
+  constexpr size_t kRest = sizeof("# HELP  \n# TYPE  \n") - 1;
+  return kRest + 2 * family.name.size() + EscapedSize(source, false) + TypeName(family.type).size();
+}
+
+size_t LabelSize(std::string_view key, std::string_view value) {
+  constexpr size_t kRest = sizeof(R"(="",)") - 1;
+  std::string name;
+  AssignLabelName(key, &name);
+  return name.size() + EscapedSize(value, true) + kRest;
+}
+
+LinesSize SeriesSize(const FamilyPart& family, const std::vector<double>& bounds) {
+  constexpr size_t kRest = kBraces + kMaxNumberSize + kMaxTimestampSize + 1;  // the line's end
+  const size_t line = family.name.size() + kRest;
+  switch (family.type) {
+    case FamilyType::kSummary: {
+      const size_t lines = std::size(kQuantiles) + 2;
+      return {lines, lines * (line + kMaxQuantileSize)};
+    }
+    case FamilyType::kHistogram: {
+      const size_t lines = bounds.size() + 2;
+      return {lines, lines * (line + kBucket.size() + kMaxLeSize)};
+    }
+    case FamilyType::kGauge:
+    case FamilyType::kCounter:
+    case FamilyType::kUntyped:
+      break;
+  }
+  return {1, line};
 }
 
 void SampleWriter::AddLabel(std::string_view key, std::string_view value) {
   if (!labels_.empty()) labels_ += ',';
-  labels_ += LabelNameOf(key);
+  AssignLabelName(key, &label_);
+  labels_ += label_;
   labels_ += "=\"";
   AppendEscaped(value, true, &labels_);
   labels_ += '"';
@@ -197,8 +299,8 @@ void SampleWriter::Summary(const std::string& name, const Cell* cells) {
     const Cell& cell = cells[kTimerFirstQuantile + i];
     Line(name, {}, kQuantiles[i], cell.value, cell.timestamp);
   }
-  Line(name, "_sum", {}, cells[kTimerSum].value, cells[kTimerSum].timestamp);
-  Line(name, "_count", {}, cells[kTimerCount].value, cells[kTimerCount].timestamp);
+  Line(name, kSum, {}, cells[kTimerSum].value, cells[kTimerSum].timestamp);
+  Line(name, kCount, {}, cells[kTimerCount].value, cells[kTimerCount].timestamp);
 }
 
 void SampleWriter::Histogram(const std::string& name, const std::vector<double>& bounds,
@@ -213,12 +315,12 @@ void SampleWriter::Histogram(const std::string& name, const std::vector<double>&
     le = "le=\"";
     AppendNumber(last ? INFINITY : bounds[i + 1], &le);
     le += '"';
-    Line(name, "_bucket", le, below, cells[i].timestamp);
+    Line(name, kBucket, le, below, cells[i].timestamp);
   }
   const Cell& sum = cells[bounds.size()];
   const Cell& count = cells[bounds.size() + 1];
-  Line(name, "_sum", {}, sum.value, sum.timestamp);
-  Line(name, "_count", {}, count.value, count.timestamp);
+  Line(name, kSum, {}, sum.value, sum.timestamp);
+  Line(name, kCount, {}, count.value, count.timestamp);
 }
 
 void SampleWriter::Line(std::string_view name, std::string_view suffix, std::string_view extra,

@@ -20,8 +20,8 @@ namespace tidegate::agent {
 std::string MetricNameOf(std::string_view name);
 
 // The same without ":"; a name that would begin with "__", which is reserved, gets "exported"
-// before it.
-std::string LabelNameOf(std::string_view name);
+// before it. Allocates nothing where `fitted` has held as much before.
+void AssignLabelName(std::string_view name, std::string* fitted);
 
 enum class FamilyType { kGauge, kCounter, kUntyped, kSummary, kHistogram };
 
@@ -29,8 +29,7 @@ enum class FamilyType { kGauge, kCounter, kUntyped, kSummary, kHistogram };
 struct FamilyPart {
   std::string name;
   FamilyType type;
-  size_t column;       // that the value is from; of summaries and histograms 0
-  std::string source;  // one line that says what is shown
+  size_t column;  // that the value is from; of summaries and histograms 0
 };
 
 // The families of a metric with these columns, which has at least one. `name` and `columns` are
@@ -38,8 +37,12 @@ struct FamilyPart {
 std::vector<FamilyPart> FamiliesOf(Kind kind, std::string_view name,
                                    const std::vector<std::string>& columns);
 
-// The names of a family's lines.
-std::vector<std::string> SampleNamesOf(const FamilyPart& family);
+// What the names of the lines of a family end with, after its own name. Allocates nothing but once.
+const std::vector<std::string_view>& SuffixesOf(FamilyType type);
+
+// Says what a family shows: "column c of row r". `column` is the name of the family's column, empty
+// for summaries and histograms.
+std::string SourceOf(Kind kind, std::string_view name, std::string_view column);
 
 // The newest value of a column, or for accumulated ones its sum.
 struct Cell {
@@ -47,8 +50,22 @@ struct Cell {
   int64_t timestamp = INT64_MIN;  // seconds since the epoch; INT64_MIN: there was none yet
 };
 
-// Appends the lines of HELP and TYPE.
-void AppendFamilyHead(const FamilyPart& family, std::string* page);
+// Appends the lines of HELP, with the text of SourceOf, and TYPE.
+void AppendFamilyHead(const FamilyPart& family, std::string_view source, std::string* page);
+
+// How long a text becomes as the value of a label, which stands in quotes, or after HELP.
+size_t EscapedSize(std::string_view text, bool quotes);
+
+// How long the parts of a page become, every escape included.
+size_t HeadSize(const FamilyPart& family, std::string_view source);
+size_t LabelSize(std::string_view key, std::string_view value);
+// Of a series in a family: how many lines it takes at most, and how long they are at most beside
+// the labels of each.
+struct LinesSize {
+  size_t lines;
+  size_t bytes;
+};
+LinesSize SeriesSize(const FamilyPart& family, const std::vector<double>& bounds);
 
 // Writes the lines of series.
 //
@@ -75,6 +92,7 @@ class SampleWriter {
   const bool timestamps_;
   std::string* const page_;
   std::string labels_;  // as they stand between the braces
+  std::string label_;   // kept for its memory
 };
 
 // Appends the agent's numbers on itself.

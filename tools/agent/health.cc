@@ -8,6 +8,9 @@ namespace {
 constexpr std::string_view kFailureNames[] = {"too_long", "foreign", "version", "malformed"};
 static_assert(std::size(kFailureNames) == kDecodeFailures);
 
+constexpr std::string_view kRefusalNames[] = {"limit", "collision", "work", "ahead"};
+static_assert(std::size(kRefusalNames) == kRefusals);
+
 // Offsets in the header.
 constexpr size_t kMagicOffset = 0;
 constexpr size_t kVersionOffset = 8;
@@ -61,10 +64,14 @@ void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
           "Points that standard output did not take in time.", unprinted_points);
   gauge("tidegate_agent_series", "Series in the table.", series);
   gauge("tidegate_agent_series_bytes", "Bytes that they take.", series_bytes);
-  constexpr std::string_view kRefused = "tidegate_agent_refused_points_total";
-  constexpr std::string_view kRefusedHelp = "Points that found no place in the table.";
-  handle({kRefused, kRefusedHelp, true, "reason", "limit", ValueOf(refused_points)});
-  handle({kRefused, kRefusedHelp, true, "reason", "collision", ValueOf(collided_points)});
+  for (size_t i = 0; i < kRefusals; ++i) {
+    handle({"tidegate_agent_refused_points_total", "Points that found no place in the table.", true,
+            "reason", kRefusalNames[i], ValueOf(refused_points[i])});
+  }
+  for (size_t i = 0; i < refused_series.size(); ++i) {
+    handle({"tidegate_agent_refused_series_total", "Series that are not shown, each once.", true,
+            "reason", kRefusalNames[i], ValueOf(refused_series[i])});
+  }
 
   constexpr std::string_view kCut = "tidegate_agent_http_cut_clients_total";
   constexpr std::string_view kCutHelp = "HTTP clients cut off before they had their answer.";

@@ -19,6 +19,11 @@ constexpr size_t kDecodeFailures = 4;
 // What refused a message of which ReadPacket said `error`.
 DecodeFailure FailureOf(const ReadError& error);
 
+// Why the table of series did not take a point: it was full, another series holds the name, the
+// packet took too much work, or the time lies too far ahead.
+enum class Refusal { kLimit, kCollision, kWork, kAhead };
+constexpr size_t kRefusals = 4;
+
 // The agent's numbers on itself: the one list that the page of metrics, the forwarded data and the
 // last line of the log are made from.
 //
@@ -50,10 +55,11 @@ struct Health {
   Number packets{0};  // decoded whole
   Number points{0};   // series records of those
   std::array<Number, kDecodeFailures> refused{};
-  Number series{0};            // in the table now
-  Number series_bytes{0};      // that they take
-  Number refused_points{0};    // of new series beyond the limit of the table
-  Number collided_points{0};   // of series whose names another one holds
+  Number series{0};        // in the table now
+  Number series_bytes{0};  // that they take
+  std::array<Number, kRefusals> refused_points{};
+  // Each once; of those reasons that are one of a series: kLimit and kCollision.
+  std::array<Number, 2> refused_series{};
   Number unprinted_points{0};  // that standard output did not take in time
 
   // By the HTTP side.

@@ -3,44 +3,58 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <string_view>
 #include <unordered_map>
-#include <utility>
-
-#include "agent/collision_log.h"
 
 namespace tidegate::agent {
 
-// Who holds which name on the page of metrics. Fitting names to the receiver's alphabet can make
-// two of them one, and what they name must not be mixed: the first to claim a name keeps it until
-// it has released it as often as it claimed it.
+// Who holds which name on the page of metrics, or in a metric of it. Fitting names to the
+// receiver's alphabet can make two of them one, and what they name must not be mixed: the first to
+// claim a name keeps it until it has released it as often as it claimed it.
 //
-// Not thread-safe. Reports each pair that collides once, as CollisionLog does, in a line with the
-// name, its holder and the one that came too late.
+// Not thread-safe. Borrows `bytes`, and adds to it what the names take, roughly. An exception
+// leaves everything as it was.
+template <typename Owner>
 class NameClaims {
  public:
-  explicit NameClaims(CollisionLog::Reporter report) : log_(std::move(report)) {}
+  explicit NameClaims(size_t* bytes) : bytes_(bytes) {}
 
-  // False if another owner holds the name.
-  bool Claim(const std::string& name, std::string_view owner);
-  // REQUIRES: a claim of this owner that it has not yet released.
-  void Release(const std::string& name);
+  // Null if the name is now claimed, or else the other owner that holds it, good until the next
+  // call. `owner_bytes` is what the owner has on the heap.
+  const Owner* Claim(const std::string& name, const Owner& owner, size_t owner_bytes) {
+    auto found = holders_.find(name);
+    if (found == holders_.end()) {
+      found = holders_.emplace(name, Holder{owner, owner_bytes, 0}).first;
+      *bytes_ += BytesOf(*found);
+    }
+    Holder& holder = found->second;
+    if (!(holder.owner == owner)) return &holder.owner;
+    ++holder.claims;
+    return nullptr;
+  }
 
-  // What all names that are held take, roughly.
-  size_t bytes() const { return bytes_; }
+  // Allocates nothing. REQUIRES: a claim that is not yet released.
+  void Release(const std::string& name) {
+    const auto found = holders_.find(name);
+    if (--found->second.claims > 0) return;
+    *bytes_ -= BytesOf(*found);
+    holders_.erase(found);
+  }
 
  private:
   struct Holder {
-    std::string owner;
-    uint64_t claims = 0;
+    Owner owner;
+    size_t owner_bytes;
+    uint64_t claims;
   };
+  using Holders = std::unordered_map<std::string, Holder>;
 
-  static size_t BytesOf(const std::string& name, const Holder& holder);
-  void Report(const std::string& name, const std::string& holder, std::string_view owner);
+  static size_t BytesOf(const typename Holders::value_type& entry) {
+    constexpr size_t kHeapAndTable = 64;
+    return sizeof(entry) + entry.first.size() + entry.second.owner_bytes + kHeapAndTable;
+  }
 
-  CollisionLog log_;
-  std::unordered_map<std::string, Holder> holders_;
-  size_t bytes_ = 0;
+  Holders holders_;
+  size_t* const bytes_;
 };
 
 }  // namespace tidegate::agent

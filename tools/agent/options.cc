@@ -22,6 +22,7 @@ struct Raw {
   bool quiet = false;
   ForwardFlags forward;
   int64_t ttl = 0;
+  int64_t max_ahead = 0;
   int64_t drain = 0;
 };
 
@@ -71,6 +72,8 @@ void Declare(CLI::App* app, Raw* raw) {
       ->check(CheckAddress);
   app->add_flag("--timestamps", options.timestamps, "Write timestamps on /metrics");
   AddSeconds(app, "--ttl", 1, &raw->ttl, "Seconds after which a series without news is gone");
+  AddSeconds(app, "--max-ahead", 1, &raw->max_ahead,
+             "Seconds that a point may be ahead of the host's clock to be shown on /metrics");
   app->add_option("--max-series", options.max_series, "Series that are kept at a time")
       ->check(CLI::Range(size_t{1}, size_t{1} << 32))
       ->capture_default_str();
@@ -83,6 +86,7 @@ Options Finish(const Raw& raw) {
   Options options = raw.options;
   options.socket_mode = static_cast<mode_t>(std::stoul(raw.mode, nullptr, 8));
   options.ttl = std::chrono::seconds(raw.ttl);
+  options.max_ahead = std::chrono::seconds(raw.max_ahead);
   options.drain = std::chrono::seconds(raw.drain);
   if (!raw.forward.url.empty()) options.forward = raw.forward.ToOptions(options.label_pid);
   const bool elsewhere = !options.http.empty() || options.forward;
@@ -100,6 +104,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, OptionsEr
       "tidegate-agent");
   Raw raw;
   raw.ttl = raw.options.ttl.count();
+  raw.max_ahead = raw.options.max_ahead.count();
   raw.drain = raw.options.drain.count();
   Declare(&app, &raw);
   try {

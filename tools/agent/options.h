@@ -22,6 +22,7 @@ struct Options {
   bool timestamps = false;
   std::optional<ForwardOptions> forward;
   std::chrono::seconds ttl{300};
+  std::chrono::seconds max_ahead{3600};
   size_t max_series = 1000000;
   size_t queue_bytes = 64 << 20;
   std::chrono::seconds drain{5};
