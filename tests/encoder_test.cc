@@ -256,17 +256,12 @@ TEST_F(EncoderTest, APacketHoldsOneRegistryAndStandingApartCostsOne) {
             "slow.m.counter 3@1000x1|slow.m.counter 3@990x1|");
 }
 
-TEST_F(EncoderTest, WhatEndedOrIsIdleIsLeftOut) {
-  for (const char* const prefix : {"p", "q", "r"}) Make(prefix)->WithTags({})->Emit({Store(1)});
+TEST_F(EncoderTest, WhatEndedSinceAFlushWasPlannedIsLeftOut) {
+  for (const char* const prefix : {"p", "q"}) Make(prefix)->WithTags({})->Emit({Store(1)});
   const CollectorList planned = All();
-  Metric* idle = nullptr;
-  client_.Registry("r")->GetMetric(idle, "m");
-  idle->WithTags({})->active_ = false;
   client_.Registry("p")->RemoveMetric("m");
   client_->metric_factory_->RemoveRegistry("q", "t1");
   EXPECT_THAT(Flush(sender_, planned), IsEmpty());
-  idle->WithTags({})->active_ = true;
-  EXPECT_EQ(Flush(sender_, planned).size(), 1u) << "nothing was drained meanwhile";
 }
 
 TEST_F(EncoderTest, ASeriesWhoseTagsAreNotItsMetricsIsReportedOnceAFlush) {

@@ -10,33 +10,10 @@
 namespace tidegate::agent {
 namespace {
 
-using Values = std::vector<double>;
-
 // A copy of exactly the right size lets the address sanitizer see a read past the end.
 bool Read(const std::string& bytes, Packet* packet, ReadError* error) {
   const std::vector<char> exact(bytes.begin(), bytes.end());
   return ReadPacket(exact.data(), exact.size(), packet, error);
-}
-
-Packet ReadValid(const char* golden) {
-  Packet packet;
-  ReadError error;
-  EXPECT_TRUE(Read(ReadGolden(golden), &packet, &error)) << error.offset << ": " << error.reason;
-  return packet;
-}
-
-TEST(PacketReaderTest, DecodesIndexesAndABlockWithoutSeries) {
-  const Packet packet = ReadValid("multi_field.hex");
-  ASSERT_EQ(packet.blocks.size(), 2u);
-  const Block& block = packet.blocks[0];
-  ASSERT_EQ(block.series.size(), 2u);
-  EXPECT_EQ(block.series[0].values, (Values{3.0, -0.25}));
-  EXPECT_EQ(block.FieldName(block.series[0], 0), "c");
-  EXPECT_TRUE(block.series[1].tags.empty());
-  EXPECT_EQ(block.series[1].values, Values{2.0});
-  EXPECT_EQ(block.FieldName(block.series[1], 0), "g");
-  EXPECT_EQ(packet.blocks[1].name, "svc.idle");
-  EXPECT_TRUE(packet.blocks[1].series.empty());
 }
 
 TEST(PacketReaderTest, NamesOffsetAndReasonOfEachCorruption) {

@@ -3,12 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstring>
 #include <map>
-#include <numeric>
 #include <string>
 #include <vector>
 
@@ -24,7 +22,6 @@ namespace {
 
 using namespace METRICS;
 using testing::IsEmpty;
-using Values = std::vector<double>;
 
 // FNV-1a of 32 bits, written down here once more so that the library's own is held against it.
 uint32_t Fnv1a(const std::string& bytes) {
@@ -36,7 +33,7 @@ uint32_t Fnv1a(const std::string& bytes) {
 }
 
 // What was reported of a series, by timestamp.
-using Timeline = std::map<int64_t, Values>;
+using Timeline = std::map<int64_t, std::vector<double>>;
 
 // Stops the agent, checks what holds for every packet there is, and gives the timelines by name and
 // tag values, of names that start with `prefix`. None may be reported twice for one timestamp.
@@ -63,15 +60,10 @@ std::map<std::string, Timeline> TimelinesOf(AgentSocket& agent, const std::strin
   return timelines;
 }
 
-Values ColumnOf(const Timeline& timeline, size_t column) {
-  Values values;
-  for (const auto& [timestamp, row] : timeline) values.push_back(row.at(column));
-  return values;
-}
-
 double SumOf(const Timeline& timeline, size_t column) {
-  const Values values = ColumnOf(timeline, column);
-  return std::accumulate(values.begin(), values.end(), 0.0);
+  double sum = 0;
+  for (const auto& [timestamp, row] : timeline) sum += row.at(column);
+  return sum;
 }
 
 TEST(RoadTest, AGaugeMakesTheDocumentedPacket) {
@@ -103,59 +95,6 @@ TEST(RoadTest, AGaugeMakesTheDocumentedPacket) {
   }
 }
 
-TEST(RoadTest, TotalsOfEachKindAreExactOverManyFlushes) {
-  for (const bool pre_encode_tags : {false, true}) {
-    const TempDir dir;
-    AgentSocket agent(dir.File("s"));
-    TestClient client(ReportTo(agent.path(), 1, pre_encode_tags));
-    METRICS::Metric* const metric = client.Metric("m", {"w"});
-    std::array<std::atomic<int>, 2> emissions{};
-    Workers emitters;
-    emitters.Start(4, [&](int worker) {
-      const auto w = static_cast<size_t>(worker % 2);
-      EXPECT_EQ(metric->WithTags({{"w", std::to_string(w)}})
-                    ->Emit({Store(worker), Incr(3), Incr(0.25), IncrMeter(2L), IncrCounter(5),
-                            IncrCounter(0.5), Add(7)}),
-                ReturnCode::kOk);
-      ++emissions.at(w);
-    });
-    // A flush is one packet; the first one brings one more, of the interval before.
-    ASSERT_TRUE(agent.WaitForPackets(4));
-    emitters.Stop();
-    SleepToMidSecond();
-    for (const char* w : {"0", "1"}) metric->WithTags({{"w", w}})->Emit({Store(99)});
-    client->FlushAndExit();
-    std::map<std::string, Timeline> timelines = TimelinesOf(agent, "");
-
-    for (const size_t w : {0u, 1u}) {
-      const std::string tag = "/" + std::to_string(w);
-      const double n = emissions.at(w);
-      ASSERT_GT(n, 100);
-      EXPECT_EQ(SumOf(timelines["p.m.rate" + tag], 0), 3.25 * n);
-      EXPECT_EQ(SumOf(timelines["p.m.meter.rate" + tag], 0), 2 * n);
-      EXPECT_EQ(SumOf(timelines["p.m.delta_counter" + tag], 1), 7 * n);
-      EXPECT_EQ(SumOf(timelines["p.m.delta_counter" + tag], 2), 7 * n);
-      for (const auto& [name, total] : {std::pair("p.m.meter", 2 * n),
-                                        {"p.m.counter", 5.5 * n},
-                                        {"p.m.delta_counter", 7 * n}}) {
-        SCOPED_TRACE(name + tag);
-        const Timeline& timeline = timelines[name + tag];
-        const Values totals = ColumnOf(timeline, 0);
-        ASSERT_GE(totals.size(), 4u);
-        EXPECT_EQ(totals.back(), total);
-        EXPECT_TRUE(std::is_sorted(totals.begin(), totals.end()));
-        // A total begins with a zero for the interval before its first one.
-        EXPECT_THAT(timeline.begin()->second, testing::Each(0.0));
-        EXPECT_EQ(std::next(timeline.begin())->first, timeline.begin()->first + 1);
-      }
-      Values gauge = ColumnOf(timelines["p.m.store" + tag], 0);
-      EXPECT_EQ(gauge.back(), 99);
-      gauge.pop_back();
-      EXPECT_THAT(gauge, testing::Each(testing::AnyOf(w, w + 2)));
-    }
-  }
-}
-
 // Metrics and registries come, go and are blocked; what is not touched loses nothing. The flushes
 // are driven by hand, some hundred a second, so that they meet everything that happens.
 TEST(RoadTest, RemovalBlockAndRefusalsBesideFlushesLeaveOthersExact) {
@@ -174,7 +113,8 @@ TEST(RoadTest, RemovalBlockAndRefusalsBesideFlushesLeaveOthersExact) {
     Workers workers;
     workers.Start(1, [&](int) { client.Flush(++now); });
     workers.Start(2, [&](int i) {
-      steady->WithTags({{"w", std::to_string(i)}})->Emit({Add(1)});
+      steady->WithTags({{"w", std::to_string(i)}})
+          ->Emit({Add(1), Incr(3), Incr(0.25), IncrMeter(2L), IncrCounter(5)});
       ++emissions;
       blocked->WithTags({{"w", std::to_string(turns % 50)}})->Emit({Add(1)});
     });
@@ -206,11 +146,18 @@ TEST(RoadTest, RemovalBlockAndRefusalsBesideFlushesLeaveOthersExact) {
     // Removed as often as it was, a metric made under the name again is reported.
     client.Metric("m", {}, "churn")->WithTags({})->Emit({Store(42)});
     client->FlushAndExit();
-    double total = 0;
+    std::map<std::string, double> totals;
     for (const auto& [series, timeline] : TimelinesOf(agent, "p.steady.")) {
-      total += SumOf(timeline, 2);
+      const std::string name = series.substr(9, series.find('/') - 9);
+      const bool total = name == "counter" || name == "meter";
+      totals[name] +=
+          total ? timeline.rbegin()->second[0] : SumOf(timeline, name == "delta_counter" ? 2 : 0);
     }
-    EXPECT_EQ(total, emissions);
+    const double n = emissions;
+    EXPECT_THAT(totals, testing::ElementsAre(
+                            testing::Pair("counter", 5 * n), testing::Pair("delta_counter", n),
+                            testing::Pair("meter", 2 * n), testing::Pair("meter.rate", 2 * n),
+                            testing::Pair("rate", 3.25 * n)));
     EXPECT_EQ(SumOf(TimelinesOf(agent, "churn.m.store")["churn.m.store"], 0), 42);
   }
 }
