@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <cstdint>
 #include <ctime>
 #include <limits>
@@ -89,7 +90,8 @@ TEST_F(BoundSeriesTest, EmitsWhatTheItemWould) {
 
 TEST_F(BoundSeriesTest, RefusalsLeaveAHandleThatDoesNoHarm) {
   Metric* const metric = Make("m");
-  Metric* const row = Make("row", {{"f", T::kGauge}});
+  Metric* const row = Make("row", {{"f", T::kGauge}, {"h", T::kHistogram}});
+  const BoundSeries::Tags other{{"k", "other"}};
   metric->WithTags(tags)->Emit(Incr(1));
   Metric* compatible = nullptr;
   registry->CreateMetric(compatible,
@@ -109,8 +111,11 @@ TEST_F(BoundSeriesTest, RefusalsLeaveAHandleThatDoesNoHarm) {
       {R::kInvalidString, metric, {{"k", ""}}, "rate", T::kRate},
       {R::kUnknownTagName, metric, {{"other", "v"}}, "rate", T::kRate},
       {R::kTagNumExceeded, metric, {{"k", "v"}, {"l", "v"}}, "rate", T::kRate},
+      {R::kInvalidString, metric, other, "a b", T::kRate},
+      {R::kMaxHistoBucket, metric, other, "h", T::kHistogram},
       {R::kObjectNotExisted, row, tags, "g", T::kGauge},
       {R::kInvalidMetricType, row, tags, "f", T::kRate},
+      {R::kMaxHistoBucket, row, tags, "h", T::kHistogram},
       {R::kNotSupported, compatible, {}, "", T::kGauge},
   };
   BoundSeries series;
@@ -119,6 +124,8 @@ TEST_F(BoundSeriesTest, RefusalsLeaveAHandleThatDoesNoHarm) {
     EXPECT_EQ(series.Bind(refusal.metric, refusal.tags, refusal.name, refusal.type), refusal.code);
     EXPECT_TRUE(!series && series.Emit(1) == R::kNotSupported);
   }
+  EXPECT_EQ(metric->impl_->GetSeriesCount() + row->impl_->GetSeriesCount(), 1u) << "nothing made";
+  EXPECT_EQ(metric->WithTags(tags)->Size(), 1u);
   registry->Block();
   EXPECT_EQ(series.Bind(metric, tags, Incr(0)), R::kObjectBlocked);
   registry->UnBlock();
@@ -158,14 +165,94 @@ TEST_F(BoundSeriesTest, HandlesOutliveTheirMetricAndTheClient) {
   BoundSeries removed = Bound(*metric, Observe(0));
   BoundSeries ended = Bound(*Make("ended"), Observe(0));
   registry->RemoveMetric("removed");
-  EXPECT_EQ(removed.Emit(1), R::kOk);
+  EXPECT_EQ(removed.Emit(1), R::kObjectExit);
   EXPECT_EQ(BoundSeries().Bind(metric, tags, Observe(0)), R::kObjectExit);
   BoundSeries moved = std::move(removed);
   EXPECT_EQ(removed.Emit(1), R::kNotSupported);  // NOLINT(bugprone-use-after-move): that is asked
   removed = std::move(moved);
   client.reset();
-  EXPECT_EQ(removed.Emit(1), R::kOk);
-  EXPECT_EQ(ended.Emit(1), R::kOk);
+  EXPECT_EQ(removed.Emit(1), R::kObjectExit);
+  EXPECT_EQ(ended.Emit(1), R::kObjectExit);
+}
+
+TEST_F(BoundSeriesTest, WhatIsEmittedOnADroppedSeriesIsRefusedAndCounted) {
+  for (const int kind : {0, 1}) {
+    (*client)->collector_factory_->collector_kind_ = kind;
+    const std::string name = "m" + std::to_string(kind);
+    Metric& metric = *Make(name);
+    Metric& row = *Make(name + ".row", {{"f", T::kTimer}});
+    const auto item = metric.WithTags(tags);
+    const auto fields = row.WithTags(tags);
+    BoundSeries timer = Bound(metric, Observe(0));
+    BoundSeries copy = timer;
+    const auto emit_all = [&](R code) {
+      EXPECT_EQ(item->Emit({Observe(1)}), code);
+      EXPECT_EQ(item->Emit({Observe(1), Incr(1)}), code);
+      EXPECT_EQ(fields->Emit({WithField("f", Observe(1))}), code);
+      EXPECT_EQ(fields->Emit({WithField("f", Observe(1)), WithField("f", Observe(1))}),
+                code == R::kOk ? R::kInvalidParamNumber : code);
+      EXPECT_EQ(fields->EmitMap({{"f", 1}}), code);
+    };
+    emit_all(R::kOk);
+    EXPECT_EQ(timer.Emit(1), R::kOk);
+    const auto emitted = [&] { return metric.emit_success_ + row.emit_success_; };
+    const auto failed = [&] { return metric.emit_fail_ + row.emit_fail_; };
+    const unsigned long before = emitted();
+    const unsigned long failed_before = failed();
+
+    registry->Block();
+    emit_all(R::kObjectBlocked);
+    EXPECT_EQ(timer.Emit(1), R::kObjectBlocked);
+    EXPECT_EQ(copy.Emit(1.5), R::kObjectBlocked);
+    item->Refresh();
+    EXPECT_FALSE(item->active_) << "it stays out of flushes";
+    registry->UnBlock();
+    emit_all(R::kObjectExit);
+    EXPECT_EQ(emitted(), before);
+    EXPECT_EQ(failed() - failed_before, 12u);
+    EXPECT_EQ(item->Fields().at("timer")->Send(1).values.at(4), 3) << "nothing more was kept";
+
+    EXPECT_EQ(metric.impl_->GetSeriesCount(), 0u);
+    for (int round = 0; round < 2; ++round) {
+      EXPECT_EQ(timer.Emit(1), R::kOk) << "bound anew";
+      EXPECT_EQ(copy.Emit(1), R::kOk);
+      EXPECT_EQ(Drain(metric, "timer").at(4), 2);
+      EXPECT_TRUE(metric.WithTags(tags)->IsHeld());
+      registry->Block();
+      registry->UnBlock();
+    }
+    EXPECT_EQ(emitted(), before + 4);
+    // What stands in the way of binding anew is answered, and counted once.
+    metric.WithTags(tags)->Emit(WithSuffix("timer", Incr(1)));
+    EXPECT_EQ(timer.Emit(1), R::kInvalidMetricType);
+    EXPECT_EQ(failed() - failed_before, 13u);
+    registry->RemoveMetric(name);
+    EXPECT_EQ(timer.Emit(1), R::kObjectExit);
+  }
+}
+
+TEST_F(BoundSeriesTest, HandlesOfManyThreadsFollowBlocksAndLoseNothingThatWasAccepted) {
+  Metric& metric = *Make("m");
+  BoundSeries series = Bound(metric, IncrCounter(0));
+  std::atomic<unsigned long> accepted{0}, refused{0};
+  Workers emitters;
+  emitters.Start(3, [&](int) {
+    for (int i = 0; i < 100; ++i) ++(series.Emit(1) == R::kOk ? accepted : refused);
+  });
+  for (int round = 0; round < 50; ++round) {
+    registry->Block();
+    EXPECT_TRUE(WaitFor([&, seen = refused.load()] { return refused > seen; }));
+    registry->UnBlock();
+    EXPECT_TRUE(WaitFor([&, seen = accepted.load()] { return accepted > seen; }));
+  }
+  emitters.Stop();
+  EXPECT_EQ(metric.emit_success_, accepted);
+  EXPECT_EQ(metric.emit_fail_, refused);
+  registry->Block();
+  registry->UnBlock();
+  EXPECT_EQ(series.Emit(7), R::kOk);
+  EXPECT_THAT(Drain(metric, "counter"), ElementsAre(7));
+  EXPECT_EQ(metric.impl_->GetSeriesCount(), 1u);
 }
 
 TEST_F(BoundSeriesTest, CountsAddUpOverThreadsThatComeAndGo) {

@@ -60,6 +60,8 @@ TEST(ConvenienceTest, BoundsAreRefusedWithAReason) {
       {HistoUtil::Linear(5, -1, 2), "bound 2, 4, is not above bound 1, 5"},
       {HistoUtil::Exponential(1, 1e200, 3), "bound 3, inf, is not finite"},
       {HistoUtil::Explicit({std::nan("")}), "bound 1, nan, is not finite"},
+      {HistoUtil::Exponential(1e-8, 10, 3),
+       "bounds 1, 1e-08, and 2, 1e-07, are equal at six decimals"},
   };
   TestClient client;
   MetricRegistry& registry = *client.Registry("p");
@@ -67,7 +69,13 @@ TEST(ConvenienceTest, BoundsAreRefusedWithAReason) {
     EXPECT_EQ(bounds.Reason(), reason);
     HistoUtil copy = bounds;
     Metric* metric = nullptr;
-    EXPECT_EQ(registry.CreateMetric(metric, "h", {}, &copy), ReturnCode::kMaxHistoBucket) << reason;
+    const std::string lines = LogOf([&] {
+      EXPECT_EQ(registry.CreateMetric(metric, "h", {}, &copy), ReturnCode::kMaxHistoBucket);
+      EXPECT_EQ(client.Metric("m")->SetHistogram(&copy), ReturnCode::kMaxHistoBucket);
+      EXPECT_EQ(CheckMetricFieldCfg({{"f", MetricsType::kHistogram, &copy}}),
+                ReturnCode::kMaxHistoBucket);
+    });
+    EXPECT_EQ(CountOf(std::string("]Bounds of a histogram refused: ") + reason + "\n", lines), 3u);
   }
 }
 
@@ -87,22 +95,90 @@ TEST(ConvenienceTest, AScopeIsObservedOnceWhereItsTagsSay) {
   const std::vector<double> micros = DrainTimer(metric, {{"status", "200"}});
   ASSERT_EQ(micros.size(), 10u);
   EXPECT_TRUE(micros[0] >= 2000 && micros[0] < 60e6 && micros[4] == 1) << micros[0];
+  BoundSeries bound;
+  bound.Bind(&metric, {{"status", "bound"}}, Observe(0));
+  const auto item = metric.WithTags({{"status", "held"}});
   {
     ScopedTimer cancelled(&metric);
+    cancelled.WithTags({{"status", "cancelled"}});
     cancelled.Cancel();
     const ScopedTimer nothing(static_cast<Metric*>(nullptr));
     const ScopedTimer plain(&metric);
-    ScopedTimer held(metric.WithTags({{"status", "held"}}));
-    held = ScopedTimer(metric.WithTags({{"status", "held"}}));
-    BoundSeries bound;
-    bound.Bind(&metric, {{"status", "bound"}}, Observe(0));
+    ScopedTimer held(item);
+    held = ScopedTimer(item);
+    EXPECT_TRUE(item->IsHeld()) << "for expiry";
     const ScopedTimer fast(bound);
   }
+  EXPECT_FALSE(item->IsHeld());
   for (const auto& [status, count] :
        {std::pair("-", 1), std::pair("held", 2), std::pair("bound", 1)}) {
     EXPECT_EQ(DrainTimer(metric, {{"status", status}}).at(4), count) << status;
   }
   EXPECT_EQ(metric.impl_->GetSeriesCount(), 4u);
+}
+
+TEST(ConvenienceTest, AScopeThatReportsNothingSaysWhy) {
+  TestClient client;
+  Metric& metric = *client.Metric("m", {"status"});
+  MetricRegistry& registry = *client.Registry("p");
+  Metric* compatible = nullptr;
+  registry.CreateMetric(compatible, {MetricCoItemType::kCoItemCompatible, {"c", {}, {}, {}}});
+  BoundSeries counter, nowhere;
+  counter.Bind(&metric, {}, IncrCounter(0));
+  EXPECT_EQ(ScopedTimer(static_cast<Metric*>(nullptr)).Stop(), ReturnCode::kNullptr);
+  EXPECT_EQ(ScopedTimer(compatible).Stop(), ReturnCode::kNotSupported);
+  EXPECT_EQ(compatible->impl_->GetSeriesCount(), 0u);
+  EXPECT_EQ(ScopedTimer(nowhere).Stop(), ReturnCode::kNotSupported);
+  EXPECT_THAT(
+      LogOf([&] { EXPECT_EQ(ScopedTimer(counter).Stop(), ReturnCode::kInvalidMetricType); }),
+      HasSubstr("]ScopedTimer on a handle of type counter: nothing is observed\n"));
+  EXPECT_THAT(metric.WithTags({})->Fields().at("counter")->Send(1).values, testing::IsEmpty());
+  EXPECT_EQ(metric.emit_fail_, 0u);
+
+  // What happens to the series while the scope runs is not its loss.
+  ScopedTimer nightly(&metric);
+  nightly.WithTags({{"status", "nightly"}});
+  registry.Block();
+  registry.UnBlock();
+  EXPECT_EQ(nightly.Stop(), ReturnCode::kOk);
+  EXPECT_EQ(nightly.Stop(), ReturnCode::kNotSupported);
+  EXPECT_EQ(DrainTimer(metric, {{"status", "nightly"}}).at(4), 1);
+  ScopedTimer refused(&metric);
+  refused.WithTags({{"status", "bad tag|"}});
+  refused.WithTags({{"unknown", "v"}});
+  EXPECT_EQ(refused.Stop(), ReturnCode::kNotSupported);
+  EXPECT_EQ(metric.emit_fail_, 1u) << "refused once";
+}
+
+TEST(ConvenienceTest, SettingsThatDoNotFitAreToldWhenARegistryIsMade) {
+  EXPECT_EQ(tidegate::StaticConfiger({}).GetTenantInterval("any"), std::pair(true, 30));
+  EXPECT_FALSE(tidegate::StaticVendor({}).EnableMonitor());
+  const std::string lines = LogOf([] {
+    MetricClient client;
+    client.Init(new tidegate::StaticConfiger({10}),
+                new tidegate::StaticVendor({"/nowhere", {{"ok", "v"}, {"a b", "v"}}, {{"c", "{"}}}),
+                nullptr, {});
+    MetricRegistry* registry = nullptr;
+    MetricSender* sender = nullptr;
+    for (const int interval : {15, 30, 5}) {
+      MetricRegistryCfg cfg;
+      cfg.tenant = "t";
+      cfg.prefix = "every" + std::to_string(interval);
+      cfg.flush_interval = interval;
+      client.CreateRegistry(registry, cfg);
+      // The flush thread asks for the tenant's interval: it or the caller may be the one to tell.
+      client.sender_manager_->GetSender(sender, "t");
+      WaitFor([&] { return sender->interval_known_.load(); });
+    }
+  });
+  EXPECT_THAT(lines,
+              HasSubstr("Illegal tag of the vendor on registry[t.every15]: key[a b] value[v]"));
+  EXPECT_EQ(CountOf("Illegal tag of the vendor", lines), 6u);
+  EXPECT_THAT(
+      lines,
+      HasSubstr("]Interval[15s] of registry[t.every15] is no multiple of its tenant's[10s]\n"));
+  EXPECT_THAT(lines, HasSubstr("]Interval[5s] of registry[t.every5] is no multiple"));
+  EXPECT_EQ(CountOf("[t.every30] is no multiple", lines), 0u);
 }
 
 TEST(ConvenienceTest, AFirstProgramNeedsNoClassOfItsOwn) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <initializer_list>
 #include <map>
 #include <string>
 #include <utility>
@@ -13,8 +14,13 @@ namespace tidegate {
 ///     client.Init(new tidegate::StaticConfiger({10}), ...);  // every tenant every 10 seconds
 ///
 /// Constant after construction, and so safe from any thread. Must come from `new`, as every
-/// `MConfigerImplBase`; the client deletes it.
+/// `MConfigerImplBase`; the client deletes it. A tenant's interval that is no divisor of one of its
+/// registries' intervals gives a Warn line when that registry is made.
 class StaticConfiger : public MConfigerImplBase {
+  class Nothing {
+    Nothing() = default;
+  };
+
  public:
   struct Options {
     int default_interval = 30;  ///< seconds, for tenants that `intervals` does not name
@@ -24,6 +30,8 @@ class StaticConfiger : public MConfigerImplBase {
   };
 
   StaticConfiger() : StaticConfiger(Options{}) {}
+  /// `StaticConfiger({})`, which could as well mean a copy: the defaults.
+  explicit StaticConfiger(std::initializer_list<Nothing> /*none*/) : StaticConfiger() {}
   /// An interval below 1 leaves the tenant at the library's 30 seconds.
   explicit StaticConfiger(Options options)
       : default_interval_(options.default_interval), intervals_(std::move(options.intervals)) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <initializer_list>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,9 +16,14 @@ namespace tidegate {
 ///     client.Init(..., new tidegate::StaticVendor({"/run/agent.sock"}), nullptr, {});
 ///
 /// Constant after construction, and so safe from any thread. Must come from `new`, as every vendor
-/// that `Init` is given; the client deletes it. The operations that the library does not call
+/// that `Init` is given; the client deletes it. An illegal tag gives a Warn line for each registry
+/// that is made with it, and travels as it is. The operations that the library does not call
 /// answer as on a plain machine.
 class StaticVendor : public VendorInterface {
+  class Nothing {
+    Nothing() = default;
+  };
+
  public:
   struct Options {
     /// The agent's Unix domain socket, at most 107 bytes.
@@ -29,6 +35,8 @@ class StaticVendor : public VendorInterface {
   };
 
   StaticVendor() = default;
+  /// `StaticVendor({})`, which could as well mean a copy: the defaults.
+  explicit StaticVendor(std::initializer_list<Nothing> /*none*/) {}
   explicit StaticVendor(Options options) : options_(std::move(options)) {}
 
   bool Initialized() override { return true; }

@@ -2,15 +2,20 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <utility>
 
+#include "metrics/impl/metric_multi_field_impl.h"
 #include "metrics/metric.h"
+#include "metrics/metric_collector.h"
 #include "metrics/metric_collector_item.h"
 #include "metrics/metric_data.h"
 #include "metrics/metric_histogram.h"
 #include "util/event_counter.h"
 #include "util/fork_guard.h"
+#include "util/metric_lock.h"
 #include "util/metric_log.h"
+#include "util/metric_string_util.h"
 #include "util/wait.h"
 
 namespace METRICS {
@@ -32,23 +37,47 @@ ReturnCode RefusalOf(const MetricImpl& impl) {
   return ReturnCode::kNotSupported;
 }
 
+/// Whether the series of `metric` can have a cell of `type` named `name`, as far as that can be
+/// told without a series.
+ReturnCode CheckCell(Metric& metric, const std::string& name, MetricsType type) {
+  const std::vector<double>* bounds = nullptr;
+  if (metric.kind_ == MetricCoItemType::kCoItemSuffix) {
+    if (!IsValidKeyOrEmpty(name)) {
+      return ReturnCode::kInvalidString;
+    }
+    bounds = &metric.GetHistogram();
+  } else if (metric.kind_ == MetricCoItemType::kCoItemField) {
+    const std::vector<MetricFieldInfo>& fields = metric.GetFieldInfo();
+    // Of two fields of one name the last one has the cell.
+    const auto field = std::find_if(fields.rbegin(), fields.rend(),
+                                    [&name](const MetricFieldInfo& f) { return f.name == name; });
+    if (field == fields.rend()) {
+      return ReturnCode::kObjectNotExisted;
+    }
+    if (field->type != type) {
+      return ReturnCode::kInvalidMetricType;
+    }
+    bounds = &FindHistogram(name, fields);
+  } else {
+    return ReturnCode::kNotSupported;
+  }
+  if (type == MetricsType::kHistogram && bounds->empty()) {
+    METRICS_LOG_WARN("Histogram [%s] of metric[%s] has no bounds\n", name.c_str(),
+                     metric.name_.c_str());
+    return ReturnCode::kMaxHistoBucket;
+  }
+  return ReturnCode::kOk;
+}
+
 /// The item of the series, which expiry leaves alone from now on.
-ReturnCode HoldSeries(Metric& metric, const BoundSeries::Tags& tags, ItemPtr& item) {
-  MetricImpl& impl = *metric.impl_;
-  if (impl.state_.load(std::memory_order_acquire) != MetricState::READY) {
-    return RefusalOf(impl);  // a removed one has lost its tag names
-  }
-  std::vector<std::string> values(impl.tag_count_, "-");
-  const ReturnCode code = impl.GetTagValueVec(tags, values);
-  if (code != ReturnCode::kOk) {
-    return code;
-  }
+ReturnCode HoldSeries(MetricImpl& impl, const std::vector<std::string>& values, ItemPtr& held) {
   for (uint32_t turn = 0;; ++turn) {
-    item = impl.WithTagValues(values);
+    ItemPtr item = impl.WithTagValues(values);
     if (item == DummyItem()) {
       return RefusalOf(impl);
     }
     if (item->Hold()) {
+      held = std::move(item);
       return ReturnCode::kOk;
     }
     PauseInWait(turn);  // the expiry is about to take it out of the table
@@ -57,21 +86,28 @@ ReturnCode HoldSeries(Metric& metric, const BoundSeries::Tags& tags, ItemPtr& it
 
 }  // namespace
 
-/// What a handle keeps alive. The metric goes last: the item refers to it.
+/// What a handle keeps alive, and what it takes to bind it anew.
 struct BoundSeries::Pins {
   ~Pins() {
     if (::getpid() != process) {
       // A child must not let the last owner go: who dies then takes locks of the parent's threads.
       Abandon(metric), Abandon(item), Abandon(cell);
-    } else {
+    } else if (item != nullptr) {
       item->LetGo();
     }
   }
+  /// The handle on the series that has taken the place of a dropped one; null, with the code in
+  /// `code` and counted, if there is none to be had. Any thread.
+  std::shared_ptr<BoundSeries> BoundAnew(MetricsType type, ReturnCode& code);
 
   const pid_t process = ::getpid();
-  std::shared_ptr<Metric> metric;
+  std::shared_ptr<Metric> metric;  // goes last: the item refers to it
   ItemPtr item;
   CellPtr cell;
+  std::vector<std::string> values;
+  std::string name;
+  Mutex mutex;
+  std::shared_ptr<BoundSeries> anew METRICS_GUARDED_BY(mutex);
 };
 
 ReturnCode BoundSeries::Bind(Metric* metric, const Tags& tags, const std::string& name,
@@ -85,7 +121,7 @@ ReturnCode BoundSeries::Bind(Metric* metric, const Tags& tags, const std::string
   } else if (metric->kind_ == MetricCoItemType::kCoItemCompatible) {
     code = ReturnCode::kNotSupported;
   } else {
-    code = BindTo(*metric, tags, name, type);
+    code = BindTags(*metric, tags, name, type);
   }
   if (code != ReturnCode::kOk) {
     METRICS_LOG_CODE(code);
@@ -93,16 +129,35 @@ ReturnCode BoundSeries::Bind(Metric* metric, const Tags& tags, const std::string
   return code;
 }
 
-ReturnCode BoundSeries::BindTo(Metric& metric, const Tags& tags, const std::string& name,
-                               MetricsType type) {
-  ItemPtr item;
-  ReturnCode code = HoldSeries(metric, tags, item);
+ReturnCode BoundSeries::BindTags(Metric& metric, const Tags& tags, const std::string& name,
+                                 MetricsType type) {
+  MetricImpl& impl = *metric.impl_;
+  if (impl.state_.load(std::memory_order_acquire) != MetricState::READY) {
+    return RefusalOf(impl);  // a removed one has lost its tag names
+  }
+  std::vector<std::string> values(impl.tag_count_, "-");
+  const ReturnCode code = impl.GetTagValueVec(tags, values);
+  return code == ReturnCode::kOk ? BindValues(metric, std::move(values), name, type) : code;
+}
+
+ReturnCode BoundSeries::BindValues(Metric& metric, std::vector<std::string> values,
+                                   const std::string& name, MetricsType type) {
+  // The collector's own metric: with two metrics of one full name it is the first one's.
+  const std::shared_ptr<Metric> owner = metric.impl_->collector_->PinMetric();
+  if (owner == nullptr) {
+    return ReturnCode::kObjectExit;
+  }
+  ReturnCode code = CheckCell(*owner, name, type);
   if (code != ReturnCode::kOk) {
     return code;
   }
-  // The item's own metric: with two metrics of one full name it is the first one's.
   const auto pins = std::make_shared<Pins>();
-  pins->item = std::move(item);
+  pins->values = std::move(values);
+  pins->name = name;
+  code = HoldSeries(*metric.impl_, pins->values, pins->item);
+  if (code != ReturnCode::kOk) {
+    return code;
+  }
   pins->metric = pins->item->metric_->weak_from_this().lock();
   if (pins->metric == nullptr) {
     return ReturnCode::kObjectExit;
@@ -123,6 +178,27 @@ ReturnCode BoundSeries::BindTo(Metric& metric, const Tags& tags, const std::stri
   type_ = type;
   pins_ = pins;
   return ReturnCode::kOk;
+}
+
+std::shared_ptr<BoundSeries> BoundSeries::Pins::BoundAnew(MetricsType type, ReturnCode& code) {
+  const WriteGuard guard(mutex);
+  if (anew != nullptr && !anew->item_->IsDropped()) {
+    return anew;
+  }
+  anew = nullptr;
+  if (metric->impl_->state_.load(std::memory_order_acquire) != MetricState::READY) {
+    code = item->RefuseDropped();
+    return nullptr;
+  }
+  auto made = std::make_shared<BoundSeries>();
+  code = made->BindValues(*metric, values, name, type);
+  if (code == ReturnCode::kOk) {
+    anew = std::move(made);
+  } else if (code != ReturnCode::kNotSupported && code != ReturnCode::kObjectBlocked &&
+             code != ReturnCode::kObjectExit) {  // with these the look-up has counted
+    metric->emit_fail_.fetch_add(1, std::memory_order_relaxed);
+  }
+  return anew;
 }
 
 // The cells' own forms are named, so that they need no virtual call and can be inlined.
@@ -161,11 +237,26 @@ ReturnCode BoundSeries::EmitNumber(Number number) {
   if (cell_ == nullptr) {
     return ReturnCode::kNotSupported;
   }
+  MetricCollectorItem& item = *item_;
+  if (!item.active_.load(std::memory_order_relaxed)) {
+    return EmitHidden(number);
+  }
   // The cell comes last: it has the one instruction that others may have to wait for.
+  item.MarkTime();
   success_->Add(1);
-  item_->Refresh();
   EmitToCell(number);
   return ReturnCode::kOk;
+}
+
+template <class Number>
+ReturnCode BoundSeries::EmitHidden(Number number) {
+  if (!item_->IsDropped()) {
+    item_->SetActive(true);
+    return Emit(number);  // again, on the way of all others
+  }
+  ReturnCode code = ReturnCode::kOk;
+  const std::shared_ptr<BoundSeries> anew = pins_->BoundAnew(type_, code);
+  return anew != nullptr ? anew->Emit(number) : code;
 }
 
 ReturnCode BoundSeries::EmitInteger(int64_t number) { return EmitNumber<long>(number); }

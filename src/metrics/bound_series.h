@@ -35,9 +35,11 @@ class MetricCollectorItem;
 /// same time as anything else on this handle. Ownership: copies share what they are bound to. It
 /// stays in memory, the metric included, until the last of them goes. Expiry: a bound series is
 /// never erased. When idle it is hidden, and its next emission brings it back; it counts in the
-/// quota for as long as the handle lives. Removal: after its registry was blocked or cleared, its
-/// metric or registry removed, or the client has ended, the values of a handle are lost, without a
-/// code, and exact timers keep theirs until the handle goes. So bind anew after `UnBlock`. Fork: a
+/// quota for as long as the handle lives. Removal: once its registry is blocked, `Emit` answers 22
+/// and keeps nothing; the first emission after `UnBlock` binds the handle and its copies anew, and
+/// each from then on takes a lock that they share, for some 30 ns, until you `Bind` again. After
+/// its registry was cleared or its metric or registry removed, and once the client has ended,
+/// `Emit` answers 23 for good. All of these count in the metric's `emit_fail_`. Fork: a
 /// child may not emit on a handle of its parent; it may drop it or bind it anew, after `Init`. What
 /// the handle was bound to is leaked there.
 class METRICS_API BoundSeries {
@@ -57,11 +59,12 @@ class METRICS_API BoundSeries {
   }
 
   /// Binds to the suffix or field `name` of the series of `tags`, which are made if they are new.
-  /// Any other result than 0 leaves the handle bound to nothing: 81 without a metric; 52 for a type
-  /// that is none, or that of the suffix or field is another; 37, 53 or 50 for tags that
-  /// `Metric::WithTags` would refuse; 22 and 23 for a blocked or removed metric; 70 for a
-  /// compatible metric and at the quota of series; 53 for an illegal suffix, 20 for a field that
-  /// was not declared.
+  /// Any other result than 0 leaves the handle bound to nothing, and nothing made: 81 without a
+  /// metric; 52 for a type that is none, or that of the suffix or field is another; 37, 53 or 50
+  /// for tags that `Metric::WithTags` would refuse; 22 and 23 for a blocked or removed metric; 70
+  /// for a compatible metric and at the quota of series; 53 for an illegal suffix, 20 for a field
+  /// that was not declared; 36, with a Warn line, for a histogram without bounds, which would drop
+  /// every sample.
   ReturnCode Bind(Metric* metric, const Tags& tags, const std::string& name, MetricsType type);
   /// The same, with the name and type of `like`, whose number does not count:
   /// `Bind(metric, tags, WithSuffix("bytes", IncrCounter(0)))`.
@@ -69,8 +72,9 @@ class METRICS_API BoundSeries {
     return Bind(metric, tags, like.name, like.type);
   }
 
-  /// Emits one number. 0, or 70 when bound to nothing. Integers go in as integers up to 64 bits
-  /// signed, everything else as a double.
+  /// Emits one number. 0; 70 when bound to nothing; 22 and 23 where the series was dropped (see
+  /// above), or what `Bind` answers if it cannot be bound anew. Integers go in as integers up to 64
+  /// bits signed, everything else as a double.
   template <class Number, std::enable_if_t<std::is_arithmetic_v<Number>, int> = 0>
   ReturnCode Emit(Number number) {
     if constexpr (std::is_integral_v<Number>) {
@@ -88,6 +92,8 @@ class METRICS_API BoundSeries {
 
   /// Whether it is bound; what has become of the series since then does not count.
   explicit operator bool() const { return cell_ != nullptr; }
+  /// Of the cell; `kUnknown` when bound to nothing.
+  MetricsType Type() const { return type_; }
 
  private:
   struct Pins;
@@ -96,6 +102,8 @@ class METRICS_API BoundSeries {
   ReturnCode EmitReal(double number);
   template <class Number>
   __attribute__((visibility("hidden"))) ReturnCode EmitNumber(Number number);
+  template <class Number>
+  __attribute__((visibility("hidden"), cold, noinline)) ReturnCode EmitHidden(Number number);
   template <class Number>
   __attribute__((visibility("hidden"))) void EmitToCell(Number number);
   void Swap(BoundSeries& other) noexcept {
@@ -106,7 +114,9 @@ class METRICS_API BoundSeries {
     std::swap(type_, other.type_);
     pins_.swap(other.pins_);
   }
-  ReturnCode BindTo(Metric& metric, const Tags& tags, const std::string& name, MetricsType type);
+  ReturnCode BindTags(Metric& metric, const Tags& tags, const std::string& name, MetricsType type);
+  ReturnCode BindValues(Metric& metric, std::vector<std::string> values, const std::string& name,
+                        MetricsType type);
 
   // What an emission reads, kept alive by `pins_`.
   MetricBasicData* cell_ = nullptr;
@@ -114,7 +124,7 @@ class METRICS_API BoundSeries {
   EventCounter* success_ = nullptr;
   const std::vector<double>* bounds_ = nullptr;  ///< of a histogram
   MetricsType type_ = MetricsType::kUnknown;
-  std::shared_ptr<const Pins> pins_;
+  std::shared_ptr<Pins> pins_;
 };
 
 }  // namespace METRICS

@@ -5,11 +5,16 @@
 #include <cstdio>
 #include <utility>
 
+#include "util/metric_log.h"
+#include "util/metric_string_util.h"
+
 namespace METRICS {
 namespace {
 
 /// One bound more than there may be is enough to be refused.
 size_t Capped(size_t count) { return std::min(count, HistoUtilBase::kMaxBounds + 1); }
+
+const char* const kTooMany = "there are more than 100 bounds";
 
 }  // namespace
 
@@ -19,6 +24,18 @@ HistoUtilBase::HistoUtilBase(std::vector<double> ascending_bounds)
 HistoUtilBase::~HistoUtilBase() = default;
 
 bool HistoUtilBase::Check() const { return bounds.size() <= kMaxBounds; }
+
+std::string HistoUtilBase::Reason() const { return bounds.size() > kMaxBounds ? kTooMany : ""; }
+
+bool CheckBounds(const HistoUtilBase& histo) {
+  if (histo.Check()) {
+    return true;
+  }
+  const std::string reason = histo.Reason();
+  METRICS_LOG_WARN("Bounds of a histogram refused: %s\n",
+                   reason.empty() ? "their Check() says so" : reason.c_str());
+  return false;
+}
 
 HistoUtil::HistoUtil(std::vector<double> ascending_bounds)
     : HistoUtilBase(std::move(ascending_bounds)) {}
@@ -50,7 +67,7 @@ std::string HistoUtil::Reason() const {
     return "there are no bounds";
   }
   if (bounds.size() > kMaxBounds) {
-    return "there are more than 100 bounds";
+    return kTooMany;
   }
   for (size_t i = 0; i < bounds.size(); ++i) {
     char text[128] = "";
@@ -59,6 +76,9 @@ std::string HistoUtil::Reason() const {
     } else if (i > 0 && !(bounds[i - 1] < bounds[i])) {
       std::snprintf(text, sizeof(text), "bound %zu, %g, is not above bound %zu, %g", i + 1,
                     bounds[i], i, bounds[i - 1]);
+    } else if (i > 0 && FormatFixed(bounds[i - 1]) == FormatFixed(bounds[i])) {
+      std::snprintf(text, sizeof(text), "bounds %zu, %g, and %zu, %g, are equal at six decimals", i,
+                    bounds[i - 1], i + 1, bounds[i]);
     }
     if (text[0] != '\0') {
       return text;

@@ -25,7 +25,13 @@ class METRICS_API HistoUtilBase {
 
   /// Lower bounds of the buckets, ascending, in the unit of the samples.
   std::vector<double> bounds;
+
+  /// Why `Check` refuses, in English, for the log line about it; empty if nothing is wrong.
+  virtual std::string Reason() const;
 };
+
+/// `histo.Check()`, with a Warn line that gives the reason where it refuses.
+bool CheckBounds(const HistoUtilBase& histo);
 
 /// Bounds that are checked as a whole: whoever makes a metric with bad ones gets 36, and reads here
 /// what is wrong with them.
@@ -34,7 +40,8 @@ class METRICS_API HistoUtilBase {
 ///     definition.histo = &bounds;
 ///
 /// Each bound begins a bucket, and the first one is the smallest sample that counts. Bad are no
-/// bounds, more than 100, ones that are not finite and ones that do not ascend. A plain value
+/// bounds, more than 100, ones that are not finite, ones that do not ascend, and neighbours that
+/// are equal at six decimals: a packet names a bucket by its bound at six decimals. A plain value
 /// without locks.
 class METRICS_API HistoUtil : public HistoUtilBase {
  public:
@@ -46,7 +53,7 @@ class METRICS_API HistoUtil : public HistoUtilBase {
 
   bool Check() const override;
   /// What is wrong, in English; empty if nothing is.
-  std::string Reason() const;
+  std::string Reason() const override;
 
  private:
   explicit HistoUtil(std::vector<double> ascending_bounds);

@@ -80,7 +80,7 @@ ReturnCode Metric::SetHistogram(HistoUtilBase* histo) {
     return ReturnCode::kNotSupported;
   }
   const bool unset = GetHistogram().empty();
-  if (unset && !histo->Check()) {
+  if (unset && !CheckBounds(*histo)) {
     METRICS_LOG_CODE(ReturnCode::kMaxHistoBucket);
     return ReturnCode::kMaxHistoBucket;
   }

@@ -115,7 +115,7 @@ std::vector<Series> HashMapCollector::GetAll() { return series_->GetAll(); }
 unsigned long HashMapCollector::SeriesSize() { return series_->Size(); }
 
 ReturnCode HashMapCollector::Clear() {
-  series_->Clear();
+  series_->Clear([](MetricCollectorItem& item) { item.Drop(); });
   return ReturnCode::kOk;
 }
 
@@ -144,7 +144,11 @@ void HashMapCollector::EraseSeriesIf(const std::vector<std::string>& tag_values,
                                      Condition condition) {
   const std::shared_ptr<Metric> metric = PinMetric();
   const std::shared_ptr<MetricCollectorItem> item = series_->EraseIf(tag_values, condition);
-  if (item != nullptr && metric != nullptr) {
+  if (item == nullptr) {
+    return;
+  }
+  item->Drop();
+  if (metric != nullptr) {
     metric->cache_mem_.fetch_sub(GetSize(tag_values) + item->MemSize() + kErasedSeriesBytes);
   }
 }

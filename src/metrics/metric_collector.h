@@ -130,13 +130,24 @@ class ConcurrentHashmap {
     return erased->value;
   }
 
-  /// Takes all entries out.
+  /// Takes all entries out and gives each value to `on_each`, without the lock.
+  template <class OnEach>
+  void Clear(OnEach on_each) {
+    std::vector<Link> cleared;
+    {
+      const WriteGuard guard(rwlock_);
+      total_.fetch_sub(links_.size());
+      cleared.swap(links_);
+      std::fill(buckets_.begin(), buckets_.end(), kNone);
+    }
+    for (Link& link : cleared) {
+      on_each(*link.entry->value);
+      link.entry.reset();  // while it is near
+    }
+  }
+
   void Clear() {
-    std::vector<Link> cleared;  // as in `Erase`
-    const WriteGuard guard(rwlock_);
-    total_.fetch_sub(links_.size());
-    cleared.swap(links_);
-    std::fill(buckets_.begin(), buckets_.end(), kNone);
+    Clear([](V& /*value*/) {});
   }
 
   size_t Size() {
@@ -307,7 +318,7 @@ class MetricCollectorBase {
   virtual unsigned long SeriesSize();
   /// Number of cells in all series.
   virtual unsigned long DPSize();
-  /// Drops all series. Items that callers hold go on taking emissions, which are lost.
+  /// Drops all series. Items that callers hold refuse emissions from then on.
   virtual ReturnCode Clear();
   /// Drops one series, if it is there.
   virtual void Erase(const std::vector<std::string>& tag_values);

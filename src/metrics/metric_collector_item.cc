@@ -138,13 +138,43 @@ CellMap& MetricCollectorItem::NoopFields() {
 }
 
 void MetricCollectorItem::MarkUpdated(size_t count) {
-  Refresh();
+  MarkTime();
   metric_->emit_success_.Add(count);
 }
 
+void MetricCollectorItem::MarkNewSecond(int64_t now) {
+  last_update_.store(now, std::memory_order_relaxed);
+  if (IsHidden()) {  // since the emission began
+    SetActive(true);
+  }
+}
+
+void MetricCollectorItem::SetActive(bool active) {
+  if (active_.load(std::memory_order_relaxed) == active) {
+    return;
+  }
+  active_.exchange(active);
+  // `Drop` marks first and hides then: whoever comes second sees the other.
+  if (active && IsDropped()) {
+    active_.exchange(false);
+  }
+}
+
+void MetricCollectorItem::Drop() {
+  holders_.fetch_or(kDropped);
+  active_.exchange(false);
+}
+
+ReturnCode MetricCollectorItem::RefuseDropped() const {
+  metric_->emit_fail_.fetch_add(1, std::memory_order_relaxed);
+  return metric_->impl_->state_.load(std::memory_order_acquire) == MetricState::BLOCKED
+             ? ReturnCode::kObjectBlocked
+             : ReturnCode::kObjectExit;
+}
+
 bool MetricCollectorItem::Hold() {
-  int32_t holders = holders_.load(std::memory_order_relaxed);
-  while (holders != kErasing) {
+  uint32_t holders = holders_.load(std::memory_order_relaxed);
+  while (holders < kDropped) {
     if (holders_.compare_exchange_weak(holders, holders + 1, std::memory_order_acquire)) {
       return true;
     }
@@ -153,7 +183,7 @@ bool MetricCollectorItem::Hold() {
 }
 
 bool MetricCollectorItem::ClaimForErasing() {
-  int32_t nobody = 0;
+  uint32_t nobody = 0;
   return holders_.compare_exchange_strong(nobody, kErasing, std::memory_order_acquire);
 }
 
@@ -168,6 +198,9 @@ ReturnCode MetricSuffixArray::Emit(std::vector<MetricFieldValue>&& values) {
 }
 
 ReturnCode MetricSuffixArray::Emit(const std::vector<MetricFieldValue>& values) {
+  if (IsHidden()) {
+    return EmitHidden([&] { return Emit(values); });
+  }
   for (size_t i = 0; i < values.size(); ++i) {
     if (EmitToKnown(values[i], i)) {
       continue;
@@ -182,6 +215,9 @@ ReturnCode MetricSuffixArray::Emit(const std::vector<MetricFieldValue>& values) 
 }
 
 ReturnCode MetricSuffixArray::Emit(const MetricFieldValue& value) {
+  if (IsHidden()) {
+    return EmitHidden([&] { return Emit(value); });
+  }
   const ReturnCode code = EmitToKnown(value, 0) ? ReturnCode::kOk : EmitToNew(value);
   if (code == ReturnCode::kOk) {
     MarkUpdated(1);
@@ -307,6 +343,9 @@ ReturnCode MetricFieldArray::Emit(std::vector<MetricFieldValue>&& values) {
 }
 
 ReturnCode MetricFieldArray::Emit(const std::vector<MetricFieldValue>& values) {
+  if (IsHidden()) {
+    return EmitHidden([&] { return Emit(values); });
+  }
   if (RefuseMoreThanFields(values.size())) {
     return ReturnCode::kInvalidParamNumber;
   }
@@ -318,6 +357,9 @@ ReturnCode MetricFieldArray::Emit(const std::vector<MetricFieldValue>& values) {
 }
 
 ReturnCode MetricFieldArray::Emit(const MetricFieldValue& value) {
+  if (IsHidden()) {
+    return EmitHidden([&] { return Emit(value); });
+  }
   if (RefuseMoreThanFields(1)) {
     return ReturnCode::kInvalidParamNumber;
   }
@@ -363,6 +405,9 @@ void MetricFieldArray::DoEmit(const CellTable::Entry& entry, const MetricFieldVa
 }
 
 ReturnCode MetricFieldArray::EmitMap(const std::unordered_map<std::string, double>& values) {
+  if (IsHidden()) {
+    return EmitHidden([&] { return EmitMap(values); });
+  }
   for (const auto& [name, number] : values) {
     const CellTable::Entry* const found = fields_.Find(name, 0);
     if (found == nullptr) {
@@ -425,6 +470,9 @@ MetricCompatibleItem::MetricCompatibleItem(Metric* metric, const int& tag_hash,
 }
 
 ReturnCode MetricCompatibleItem::Emit(double& value) {
+  if (IsHidden()) {
+    return EmitHidden([&] { return Emit(value); });
+  }
   data_->Emit(std::as_const(value));
   MarkUpdated(1);
   return ReturnCode::kOk;

@@ -36,10 +36,10 @@ constexpr long kExpireAfterSeconds = 7200;
 /// `With...` family of `Metric`, emit on it and may keep it, as long as the metric exists.
 ///
 /// Threads: all operations from any thread. Ownership: by shared pointer, of the collector and of
-/// callers. An item that the library has dropped (its registry was blocked, or the series idle
-/// for more than 7200 seconds) goes on taking emissions, which are lost; its
-/// timers keep their samples until it is dropped, so take the item again after `UnBlock`. The base
-/// class is the dummy item that callers get after a failure: emitting on it does nothing and
+/// callers. An item that the library has dropped keeps nothing more: `Emit` answers 22 while its
+/// registry is blocked, else 23 (the series was idle for more than 7200 seconds, or the registry
+/// blocked and unblocked), and counts in the metric's `emit_fail_`; take the item again then. The
+/// base class is the dummy item that callers get after a failure: emitting on it does nothing and
 /// answers 70.
 class METRICS_API MetricCollectorItem {
  public:
@@ -87,43 +87,62 @@ class METRICS_API MetricCollectorItem {
   static CellPtr NoopDataPtr();
   static CellMap& NoopFields();
 
-  /// Marks the series as alive now, for cells that are fed directly.
+  /// Marks the series as alive now, for cells that are fed directly. A dropped one stays dropped.
   void Refresh() {
+    MarkTime();
+    if (!active_.load(std::memory_order_relaxed)) {
+      SetActive(true);
+    }
+  }
+  /// Notes the second of an emission, which has found the series active.
+  void MarkTime() {
     const int64_t now = ::time(nullptr);
     // A store of what is there already would take the line from other threads.
     if (last_update_.load(std::memory_order_relaxed) != now) {
-      last_update_.store(now, std::memory_order_relaxed);
-    }
-    if (!active_.load(std::memory_order_relaxed)) {
-      active_.exchange(true);
+      MarkNewSecond(now);
     }
   }
+  /// Puts the series into flushes or hides it. One that was dropped stays hidden.
+  void SetActive(bool active);
 
   // A held series is hidden when it is idle, but never erased by expiry.
-  /// False when the expiry is erasing the item: look it up anew.
+  /// False when the library has dropped the item or is about to erase it: look it up anew.
   bool Hold();
-  bool IsHeld() const { return holders_.load(std::memory_order_relaxed) > 0; }
+  bool IsHeld() const { return holders_.load(std::memory_order_relaxed) % kDropped > 0; }
   void LetGo() { holders_.fetch_sub(1, std::memory_order_release); }
   /// For the expiry, before erasing: false when somebody holds the item. Ends all `Hold`s.
   bool ClaimForErasing();
   /// Takes that back: the item stays.
-  void Unclaim() { holders_.store(0, std::memory_order_release); }
+  void Unclaim() { holders_.fetch_and(~kErasing, std::memory_order_release); }
   /// Whether the item has had no emission for more than 7200 seconds at second `now`.
   bool IsIdle(long now) const {
     return now - last_update_.load(std::memory_order_relaxed) > kExpireAfterSeconds;
   }
 
+  /// For the collector, once it has taken the item out of its table: no flush will see what is
+  /// emitted from now on, so emissions are refused. What is under way may still get in.
+  void Drop();
+  bool IsDropped() const { return (holders_.load() & kDropped) != 0; }
+  /// Counts an emission on a dropped item as failed; 22 while its metric is blocked, else 23.
+  ReturnCode RefuseDropped() const;
+
   // Written by emitting threads and, for `active_`, by the expiry; read by flush and expiry. A
   // stale reading delays an expiry, no more.
   std::atomic<int64_t> last_update_{0};  ///< second of the last successful emission
-  std::atomic<bool> active_{true};       ///< false: idle, and left out of flushes
+  /// False: idle or dropped, and left out of flushes. What every emission looks at first, so that
+  /// only those that find it false look further.
+  std::atomic<bool> active_{true};
   /// Its tag values have been validated, and equal ones need not be again.
   std::atomic<bool> tags_valid_{false};
 
  private:
-  static constexpr int32_t kErasing = -1;
+  // Bits of `holders_` above the number of holders.
+  static constexpr uint32_t kDropped = 1U << 30;
+  static constexpr uint32_t kErasing = 1U << 31;
 
-  std::atomic<int32_t> holders_{0};
+  __attribute__((noinline)) void MarkNewSecond(int64_t now);
+
+  std::atomic<uint32_t> holders_{0};
 
  public:
   // Constant after construction, unless the tags are not encoded ahead: then the flush thread, and
@@ -133,6 +152,21 @@ class METRICS_API MetricCollectorItem {
   std::string encoded_tags_;
 
  protected:
+  bool IsHidden() const { return !active_.load(std::memory_order_relaxed); }
+  /// The way of an emission on a hidden item: refuses on a dropped one, else shows it and calls
+  /// `emit`, which emits once more; what fails leaves it hidden.
+  template <class Emission>
+  __attribute__((cold, noinline)) ReturnCode EmitHidden(Emission emit) {
+    if (IsDropped()) {
+      return RefuseDropped();
+    }
+    SetActive(true);
+    const ReturnCode code = emit();
+    if (code != ReturnCode::kOk) {
+      SetActive(false);
+    }
+    return code;
+  }
   /// What every successful emission of `count` values ends with.
   void MarkUpdated(size_t count);
 };

@@ -73,9 +73,7 @@ void MetricExpireChecker::CheckCollector(const CollectorPtr& collector, long now
   size_t erasable = 0;  // all that no handle is bound to: a held series stays in the table
   for (const auto& [tag_values, item] : collector->GetAll()) {
     const bool expired = CheckExpire(item, now);
-    if (item->active_.load(std::memory_order_relaxed) == expired) {
-      item->active_.exchange(!expired);
-    }
+    item->SetActive(!expired);
     if (item->IsHeld()) {
       continue;
     }
@@ -100,7 +98,7 @@ void MetricExpireChecker::DoClean(const CollectorPtr& collector, const long& now
     if (CheckExpire(item, now) && collector->EraseIdle(tag_values, *item, now)) {
       ++erased;
     } else if (!CheckExpire(item, now)) {
-      item->active_.exchange(true);
+      item->SetActive(true);
     }
   }
   METRICS_LOG_WARN("%lu of %lu Series Expired in Collecotor: %s\n", erased, expired_.size(),

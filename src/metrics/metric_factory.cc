@@ -72,6 +72,7 @@ ReturnCode MetricFactory::CreateRegistry(MetricRegistry*& registry, std::string 
   made->GenrateTagsOnRegistry(std::move(tags),
                               vendor != nullptr ? vendor : client_->configer_->vendor_.get());
   client_->sender_manager_->CreateSender(tenant, sender_type);
+  made->WarnOfInterval(client_->sender_manager_->KnownInterval(tenant));
   return ReturnCode::kOk;
 }
 

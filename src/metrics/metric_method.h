@@ -70,9 +70,11 @@ using IfOtherNumber =
                      int>;
 
 // The verbs. Each fixes a type and a default name; safe from any thread. They take every arithmetic
-// type: integers up to 64 bits signed stay integers, everything else becomes a double.
+// type: integers up to 64 bits signed stay integers, everything else becomes a double. Nothing
+// looks at the double: a NaN or an infinity stays in the sum of a rate, counter, meter, delta
+// counter or histogram, whose numbers are none from then on until the series is erased.
 
-/// Adds to a per-second rate named "rate".
+/// Adds to a per-second rate named "rate". A NaN or an infinity ruins the series.
 METRICS_API MetricFieldValue Incr(int value);
 METRICS_API MetricFieldValue Incr(long value);
 METRICS_API MetricFieldValue Incr(double value);
@@ -80,7 +82,8 @@ template <class Number, IfOtherNumber<Number> = 0>
 MetricFieldValue Incr(Number value) {
   return EmitAs(value, [](auto number) { return Incr(number); });
 }
-/// A sample, by convention in microseconds, of a summary named "timer".
+/// A sample, by convention in microseconds, of a summary named "timer". A NaN ruins the sums of its
+/// interval.
 METRICS_API MetricFieldValue Observe(int value);
 METRICS_API MetricFieldValue Observe(long value);
 METRICS_API MetricFieldValue Observe(double value);
@@ -93,7 +96,7 @@ template <class Rep, class Period>
 MetricFieldValue Observe(const std::chrono::duration<Rep, Period>& time) {
   return Observe(Microseconds(time));
 }
-/// Sets a gauge named "store"; the last value of an interval stands.
+/// Sets a gauge named "store"; the last value of an interval stands. A NaN is no value.
 METRICS_API MetricFieldValue Store(int value);
 METRICS_API MetricFieldValue Store(long value);
 METRICS_API MetricFieldValue Store(double value);
@@ -101,7 +104,8 @@ template <class Number, IfOtherNumber<Number> = 0>
 MetricFieldValue Store(Number value) {
   return EmitAs(value, [](auto number) { return Store(number); });
 }
-/// Adds to a running total that is also reported per second, named "meter".
+/// Adds to a running total that is also reported per second, named "meter". A NaN or an infinity
+/// ruins the series.
 METRICS_API MetricFieldValue IncrMeter(int value);
 METRICS_API MetricFieldValue IncrMeter(long value);
 METRICS_API MetricFieldValue IncrMeter(double value);
@@ -109,7 +113,7 @@ template <class Number, IfOtherNumber<Number> = 0>
 MetricFieldValue IncrMeter(Number value) {
   return EmitAs(value, [](auto number) { return IncrMeter(number); });
 }
-/// Adds to a running total named "counter".
+/// Adds to a running total named "counter". A NaN or an infinity ruins the series.
 METRICS_API MetricFieldValue IncrCounter(int value);
 METRICS_API MetricFieldValue IncrCounter(long value);
 METRICS_API MetricFieldValue IncrCounter(double value);
@@ -117,7 +121,7 @@ template <class Number, IfOtherNumber<Number> = 0>
 MetricFieldValue IncrCounter(Number value) {
   return EmitAs(value, [](auto number) { return IncrCounter(number); });
 }
-/// A sample of a histogram named "histogram".
+/// A sample of a histogram named "histogram". A NaN or an infinity ruins the sum of the series.
 METRICS_API MetricFieldValue Stat(int value);
 METRICS_API MetricFieldValue Stat(long value);
 METRICS_API MetricFieldValue Stat(double value);
@@ -126,7 +130,7 @@ MetricFieldValue Stat(Number value) {
   return EmitAs(value, [](auto number) { return Stat(number); });
 }
 /// Adds to a running total that is also reported per second and as the interval's increase, named
-/// "delta_counter".
+/// "delta_counter". A NaN or an infinity ruins the series.
 METRICS_API MetricFieldValue Add(int value);
 METRICS_API MetricFieldValue Add(long value);
 METRICS_API MetricFieldValue Add(double value);

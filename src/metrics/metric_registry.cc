@@ -117,7 +117,7 @@ ReturnCode MetricRegistry::CheckDefinition(const MetricInstanceCfg& cfg) const {
   if (code != ReturnCode::kOk) {
     return code;
   }
-  if (cfg.histo != nullptr && !cfg.histo->Check()) {
+  if (cfg.histo != nullptr && !CheckBounds(*cfg.histo)) {
     return ReturnCode::kMaxHistoBucket;
   }
   return CheckMetricFieldCfg(cfg.fields);
@@ -242,8 +242,26 @@ void MetricRegistry::RepairAfterFork() {
   }
 }
 
+void MetricRegistry::WarnOfTags(const std::vector<tidegate::MetricTag>& tags) const {
+  for (const tidegate::MetricTag& tag : tags) {
+    if (!IsValidTag(tag)) {
+      METRICS_LOG_WARN("Illegal tag of the vendor on registry[%s.%s]: key[%s] value[%s]\n",
+                       tenant_.c_str(), prefix_.c_str(), tag.key.c_str(), tag.value.c_str());
+    }
+  }
+}
+
+void MetricRegistry::WarnOfInterval(int tenant_interval) const {
+  if (tenant_interval > 0 && flush_interval_ % tenant_interval != 0) {
+    METRICS_LOG_WARN("Interval[%ds] of registry[%s.%s] is no multiple of its tenant's[%ds]\n",
+                     flush_interval_, tenant_.c_str(), prefix_.c_str(), tenant_interval);
+  }
+}
+
 void MetricRegistry::GenrateTagsOnRegistry(const std::vector<tidegate::MetricTag>&& global_tags,
                                            tidegate::VendorInterface* vendor) {
+  WarnOfTags(vendor->ImmutableTags());
+  WarnOfTags(vendor->RewritableTags());
   std::vector<tidegate::MetricTag> merged;
   MergeTags(global_tags, vendor->RewritableTags(), merged);
   std::vector<tidegate::MetricTag> tags;
@@ -281,7 +299,7 @@ ReturnCode CheckMetricFieldCfg(const std::vector<MetricFieldCfg>& fields) {
       code = ReturnCode::kInvalidString;
     } else if (!IsCellType(field.type)) {
       code = ReturnCode::kInvalidMetricType;
-    } else if (field.histo != nullptr && !field.histo->Check()) {
+    } else if (field.histo != nullptr && !CheckBounds(*field.histo)) {
       code = ReturnCode::kMaxHistoBucket;
     }
     if (code != ReturnCode::kOk) {

@@ -94,13 +94,16 @@ class METRICS_API MetricRegistry {
   void RepairAfterFork() METRICS_NO_THREAD_SAFETY;
 
   /// Merges the tags that metrics inherit: the vendor's immutable ones go before `global_tags`,
-  /// and those before the vendor's rewritable ones.
+  /// and those before the vendor's rewritable ones. Warns of illegal ones of the vendor.
   void GenrateTagsOnRegistry(const std::vector<tidegate::MetricTag>&& global_tags,
                              tidegate::VendorInterface* vendor);
   /// Appends to `out` all of `first` and those of `second` whose key `first` lacks.
   static void MergeTags(const std::vector<tidegate::MetricTag>& first,
                         const std::vector<tidegate::MetricTag>& second,
                         std::vector<tidegate::MetricTag>& out);
+
+  /// Says so if the interval is no multiple of its tenant's: rates are wrong then.
+  void WarnOfInterval(int tenant_interval) const;
 
   const std::string& Tenant() const { return tenant_; }
   const std::string& Prefix() const { return prefix_; }
@@ -123,6 +126,7 @@ class METRICS_API MetricRegistry {
   ReturnCode CheckDefinition(const MetricInstanceCfg& cfg) const;
   ReturnCode CheckConstTags(const MetricInstanceCfg& cfg,
                             const std::vector<tidegate::MetricTag>& inserted) const;
+  void WarnOfTags(const std::vector<tidegate::MetricTag>& tags) const;
   bool AtMetricLimit() const METRICS_REQUIRES(rwlock_);
   /// What every removal of a metric does ahead of taking it out of the table.
   static void Retire(Metric& metric);

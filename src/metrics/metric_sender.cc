@@ -11,6 +11,7 @@
 #include "metrics/metric_client.h"
 #include "metrics/metric_configer.h"
 #include "metrics/metric_encoder.h"
+#include "metrics/metric_factory.h"
 #include "metrics/metric_self_monitor.h"
 #include "util/fork_guard.h"
 #include "util/metric_clock_util.h"
@@ -58,6 +59,7 @@ void MetricSender::Send(std::string tenant) {
     return;
   }
   FetchTenantInterval(tenant);
+  WarnOfIntervals(tenant);
   while (state_.load(std::memory_order_acquire) == MetricState::INIT) {
     SleepMillis(kPollMillis);
   }
@@ -79,6 +81,17 @@ void MetricSender::FetchTenantInterval(const std::string& tenant) {
       METRICS_LOG_INFO("tenant config interval: tenant= %s, interval= %d\n", tenant.c_str(),
                        interval);
       return;
+    }
+  }
+}
+
+void MetricSender::WarnOfIntervals(const std::string& tenant) {
+  // A registry that is made from here on asks for itself.
+  interval_known_.store(true);
+  for (const std::shared_ptr<MetricRegistry>& registry :
+       client_->metric_factory_->GetAllRegistry()) {
+    if (registry->Tenant() == tenant) {
+      registry->WarnOfInterval(interval_.load());
     }
   }
 }

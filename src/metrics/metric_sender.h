@@ -92,6 +92,7 @@ class MetricSender {
   Statistic statistic_;
   const std::string tenant_;
   std::atomic<int32_t> interval_{30};  ///< seconds; the running thread keeps what it started with
+  std::atomic<bool> interval_known_{false};  ///< the settings have been asked for `interval_`
   int64_t last_flush_ts_ = 0;  ///< the boundary in work, seconds since the epoch; 0: none yet
   MetricClient* client_;       ///< not owned
   std::shared_ptr<MetricCollectorFactory> collector_factory_;
@@ -127,6 +128,7 @@ class MetricSender {
 
  private:
   void FetchTenantInterval(const std::string& tenant);
+  void WarnOfIntervals(const std::string& tenant);
   bool Running() const { return state_.load(std::memory_order_acquire) == MetricState::READY; }
   /// Sleeps to the next boundary and stores it in `flush_ts`, with a line if one was missed.
   bool SleepToBoundary(const std::string& tenant, int64_t& flush_ts, int& left_ms, int period_ms,

@@ -145,6 +145,14 @@ ReturnCode MetricSenderManager::UpdateSenderInterval(
   return ReturnCode::kOk;
 }
 
+int MetricSenderManager::KnownInterval(const std::string& tenant) {
+  const WriteGuard guard(mutex_);
+  const auto found = senders_.find(tenant);
+  return found != senders_.end() && found->second->interval_known_.load()
+             ? found->second->interval_.load()
+             : 0;
+}
+
 std::vector<std::string> MetricSenderManager::GetAllTenant() {
   const WriteGuard guard(mutex_);
   std::vector<std::string> tenants;

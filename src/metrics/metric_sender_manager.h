@@ -49,6 +49,8 @@ class METRICS_API MetricSenderManager {
   /// Stores new intervals, in seconds and not validated, for the tenants that have a sender. A
   /// running thread keeps its period. Always 0.
   ReturnCode UpdateSenderInterval(std::unordered_map<std::string, int>& intervals);
+  /// The interval of `tenant` in seconds; 0 as long as its flush thread has not asked for it.
+  int KnownInterval(const std::string& tenant);
   std::vector<std::string> GetAllTenant();
   /// A line for each sender, in the order of the tenants. Waits as all operations do.
   std::string DebugString();

@@ -11,6 +11,8 @@
 #include "metrics/metric_collector_item.h"
 #include "metrics/metric_method.h"
 #include "tidegate/metric_tag.h"
+#include "util/metric_error_code.h"
+#include "util/metric_export.h"
 
 namespace METRICS {
 
@@ -22,12 +24,16 @@ namespace METRICS {
 ///     timer.WithTags({{"status", reply.code}});  // once they are known
 ///
 /// A timer of a metric that was never told its tags observes on the series of all tags missing.
-/// Observes once: at `Stop` or at the end, unless `Cancel` came first. Threads: one at a time.
-/// Ownership: holds what it observes on; the metric is the caller's and must live. Moving hands the
-/// measurement on. Failure: nothing here throws but the copies of what you pass; a sample that
-/// cannot be emitted is lost. REQUIRES: the metric is no compatible one, and `name` is new or a
-/// timer. On a BoundSeries nothing is looked up or allocated.
-class ScopedTimer {
+/// The series is looked up, and made, when the timer observes, so expiry cannot take it away
+/// meanwhile, and a cancelled timer makes none. Observes once: at `Stop` or at the end, unless
+/// `Cancel` came first. Threads: one at a time. Ownership: of a metric and of a `BoundSeries` it
+/// keeps the address, and they must outlive it; an item it shares, and holds for expiry to leave
+/// alone. Moving hands the measurement on.
+/// Memory: `WithTags` keeps the list that it is given, and allocates only to copy one that was not
+/// moved; the look-up allocates for a new series, as `Metric::WithTags` does; on a `BoundSeries`
+/// nothing is looked up or allocated. Where memory ends the sample is lost, with code 83, but the
+/// cell of an exact timer that cannot grow ends the process, as in every `Emit`.
+class [[nodiscard]] ScopedTimer {
  public:
   using Clock = std::chrono::steady_clock;
   using ItemPtr = std::shared_ptr<MetricCollectorItem>;
@@ -36,69 +42,44 @@ class ScopedTimer {
   explicit ScopedTimer(Metric* metric, std::string name = "timer") noexcept
       : metric_(metric), name_(std::move(name)) {}
   explicit ScopedTimer(ItemPtr item, std::string name = "timer") noexcept
-      : item_(std::move(item)), name_(std::move(name)) {}
-  /// REQUIRES: bound to a timer, or to nothing.
-  explicit ScopedTimer(BoundSeries series) noexcept : series_(std::move(series)) {}
+      : item_(std::move(item)), held_(item_ != nullptr && item_->Hold()), name_(std::move(name)) {}
+  /// On a handle that is bound to anything but a timer nothing is observed, with a Warn line.
+  explicit ScopedTimer(BoundSeries& series) noexcept : series_(&series) {}
+  explicit ScopedTimer(BoundSeries&& series) = delete;  // the handle must outlive the timer
 
   ScopedTimer(ScopedTimer&& other) noexcept
       : metric_(other.metric_),
+        tags_(std::move(other.tags_)),
         item_(std::move(other.item_)),
-        series_(std::move(other.series_)),
+        held_(std::exchange(other.held_, false)),
+        series_(other.series_),
         name_(std::move(other.name_)),
         begin_(other.begin_),
         running_(std::exchange(other.running_, false)) {}
   /// What was measured here so far is observed.
-  ScopedTimer& operator=(ScopedTimer other) noexcept {
-    std::swap(metric_, other.metric_);
-    item_.swap(other.item_);
-    std::swap(series_, other.series_);
-    name_.swap(other.name_);
-    std::swap(begin_, other.begin_);
-    std::swap(running_, other.running_);
-    return *this;
-  }
+  METRICS_API ScopedTimer& operator=(ScopedTimer other) noexcept;
   ScopedTimer(const ScopedTimer&) = delete;
-  ~ScopedTimer() { Stop(); }
+  METRICS_API ~ScopedTimer();
 
   /// Names the series, as often as needed; the last one counts. Only for a timer of a metric.
-  void WithTags(const std::vector<tidegate::MetricTag>& tags) noexcept {
-    if (metric_ == nullptr || !running_) {
-      return;
-    }
-    try {
-      item_ = metric_->WithTags(tags);
-    } catch (...) {  // memory is exhausted: rather no sample than one of the wrong series
-      running_ = false;
-    }
-  }
+  void WithTags(std::vector<tidegate::MetricTag> tags) noexcept { tags_ = std::move(tags); }
 
   Clock::duration Elapsed() const noexcept { return Clock::now() - begin_; }
 
-  /// Observes now. From then on, as after `Cancel`, the timer does nothing.
-  void Stop() noexcept {
-    if (!std::exchange(running_, false)) {
-      return;
-    }
-    const Clock::duration elapsed = Elapsed();
-    try {
-      if (metric_ != nullptr && item_ == nullptr) {
-        item_ = metric_->WithTags({});
-      }
-      if (item_ != nullptr) {
-        item_->Emit(WithSuffix(name_, Observe(elapsed)));
-      } else {
-        series_.Emit(elapsed);
-      }
-    } catch (...) {  // memory is exhausted: the sample is lost, the service is not
-      running_ = false;
-    }
-  }
+  /// Observes now. From then on, as after `Cancel`, the timer does nothing and answers 70. What
+  /// `Emit` answers: 0, or 70 where the tags were refused; 81 without a metric or an item, 52 for a
+  /// handle that is no timer, 70 for a compatible metric.
+  METRICS_API ReturnCode Stop() noexcept;
   void Cancel() noexcept { running_ = false; }
 
  private:
+  ReturnCode Report(Clock::duration elapsed) const;
+
   Metric* metric_ = nullptr;
+  std::vector<tidegate::MetricTag> tags_;
   ItemPtr item_;
-  BoundSeries series_;
+  bool held_ = false;
+  BoundSeries* series_ = nullptr;
   std::string name_;
   Clock::time_point begin_ = Clock::now();
   bool running_ = true;

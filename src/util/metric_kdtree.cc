@@ -140,6 +140,7 @@ void KDTree::Clear() {
   collector_->factory_->total_series_.fetch_sub(size_.exchange(0));
   while (node != nullptr) {
     TreeNode* const next = node->next_node;
+    node->item->Drop();
     const std::shared_ptr<TreeNode> dropped = std::move(node->self);
     node = next;
   }
