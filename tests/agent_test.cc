@@ -206,7 +206,7 @@ TEST_F(AgentTest, ServesTheNewestValuesOverHttp) {
 
 TEST_F(AgentTest, GoesOnWhileNobodyReadsWhatItPrints) {
   const Pipe pipe;
-  Start({"--drain", "0"}, pipe.write_end.get());
+  Start({"--drain", "2"}, pipe.write_end.get());
   const UniqueFd client = Connect();
   const std::string packet = GaugeNamed(std::string(100000, 'n'));
   for (int i = 0; i < 300; ++i) Send(client, packet);  // 30 MB: more than any buffer on the way

@@ -13,8 +13,6 @@
 #include <string>
 #include <vector>
 
-#include "agent/bounded_queue.h"
-
 static __thread long allocations_left = -1;  // until they fail; negative: they never do
 
 void* operator new(size_t size) {
@@ -397,23 +395,6 @@ TEST_F(SeriesTableTest, OutlivesEveryFailingAllocation) {
     if (n < 0) expected = Samples();
     EXPECT_EQ(Samples(), expected);  // all names and labels were free
   }
-}
-
-TEST(BoundedQueueTest, DropsTheOldestAndHandsOutTheRestAfterItWasClosed) {
-  using Queue = BoundedQueue<int>;
-  Queue queue(3000);
-  for (int i = 0; i < 2; ++i) EXPECT_THAT(queue.Push(i, 900), IsEmpty());
-  EXPECT_THAT(queue.Push(2, 1500), ElementsAre(0));
-  EXPECT_THAT(queue.Push(3, 400), IsEmpty());
-  EXPECT_THAT(queue.Push(4, 4000), ElementsAre(1, 2, 3, 4));
-  queue.Push(5, 0);
-  queue.Close();
-  int item = 0;
-  EXPECT_EQ(queue.Pop(&item, seconds(20)), Queue::Result::kItem);
-  EXPECT_EQ(item, 5);
-  EXPECT_EQ(queue.Pop(&item, seconds(20)), Queue::Result::kClosed);
-  for (int i = 0; i < 1000; ++i) queue.Push(i, 0);  // nothing is for nothing
-  EXPECT_LT(queue.size(), 200U);
 }
 
 }  // namespace

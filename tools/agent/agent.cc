@@ -11,6 +11,8 @@
 #include <thread>
 #include <utility>
 
+#include "agent/survives.h"
+
 namespace tidegate::agent {
 namespace {
 
@@ -29,7 +31,7 @@ Agent::Agent(const Options& options)
               options.max_ahead},
              &health_, [this](const std::string& collision) { log_.Report(collision); }),
       decoder_(
-          &queue_, Sinks(), [this] { table_.Sweep(); }, &health_, &log_) {}
+          &queue_, Sinks(), [this] { LookAfterThings(); }, &health_, &log_) {}
 
 std::vector<PacketSink*> Agent::Sinks() {
   std::vector<PacketSink*> sinks = {&table_};
@@ -51,14 +53,33 @@ int Agent::Run() {
     pthread_setname_np(pthread_self(), "decoder");
     decoder_.Run();
   });
-  std::string error;
-  const bool served = server_.Run(&error);
-  if (!served) log_.Report(error);
-  queue_.Close();
+  const bool served = Serve();
+  const Clock::time_point end = Clock::now() + options_.drain;
+  queue_.Close(end);
   decoder.join();
-  const bool printed = FinishOutputs();
+  const bool printed = FinishOutputs(end);
   ReportTotals();
   return End(served && printed && !http_failed_ ? 0 : 1);
+}
+
+bool Agent::Serve() {
+  bool served = false;
+  Survives(&health_, [&] {
+    std::string error;
+    served = server_.Run(&error);
+    if (!served) log_.Report(error);
+  });
+  return served;
+}
+
+void Agent::LookAfterThings() {
+  if (health_.out_of_memory != out_of_memory_) {
+    out_of_memory_ = health_.out_of_memory;
+    log_.ReportOutOfMemory();
+  }
+  table_.Sweep();
+  const std::string drops = queue_.ReportDrops(Clock::now());
+  if (!drops.empty()) log_.Report(drops);
 }
 
 int Agent::End(int status) {
@@ -95,17 +116,19 @@ bool Agent::Start() {
 }
 
 // Printing is all that there is to do, or else the rest goes on without it.
-void Agent::PrintingEnded(int error) {
+void Agent::PrintingEnded(int error) noexcept {
   if (options_.http.empty() && !options_.forward) {
     Stop();
   } else {
-    log_.Report("points are no longer printed: " + std::generic_category().message(error));
+    Survives(&health_, [&] {
+      log_.Report("points are no longer printed: " + std::generic_category().message(error));
+    });
   }
 }
 
 // An agent that looks alive and shows nothing would be worse than one that starts anew.
-void Agent::HttpEnded() {
-  log_.Report("serving " + options_.http + " has ended by itself, so the agent ends as well");
+void Agent::HttpEnded() noexcept {
+  log_.Report({"serving ", options_.http, " has ended by itself, so the agent ends as well"});
   http_failed_ = true;
   Stop();
 }
@@ -115,14 +138,15 @@ void Agent::AppendPage(std::string* page) {
   table_.AppendPage(options_.timestamps, page);
 }
 
-bool Agent::FinishOutputs() {
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point end = Clock::now() + options_.drain;
-  if (forwarder_) forwarder_ended_ = forwarder_->Stop(options_.drain);
+bool Agent::FinishOutputs(Clock::time_point end) {
+  const auto left = [end] {
+    const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+    return std::max(time, std::chrono::milliseconds(0));
+  };
+  if (forwarder_) forwarder_ended_ = forwarder_->Stop(left());
   if (!printer_) return true;
   // It has printed meanwhile.
-  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
-  printer_->Finish(std::max(left, std::chrono::milliseconds(0)));
+  printer_->Finish(left());
   // A reader that has seen enough is no failure.
   if (printer_->error() == 0 || printer_->error() == EPIPE) return true;
   log_.Report("cannot write points: " + std::generic_category().message(printer_->error()));
@@ -132,8 +156,13 @@ bool Agent::FinishOutputs() {
 void Agent::ReportTotals() {
   const uint64_t errors = health_.Errors();
   const uint64_t unforwarded = health_.ForwardDropped();
-  if (health_.dropped_packets > 0 || health_.unprinted_points > 0 || unforwarded > 0) {
-    log_.Report("dropped: packets=" + std::to_string(health_.dropped_packets) +
+  const uint64_t dropped = health_.DroppedPackets();
+  // Also what was dropped since the last line about it.
+  const std::string drops = queue_.ReportDrops(Clock::time_point::max());
+  if (!drops.empty()) log_.Report(drops);
+  if (health_.out_of_memory != out_of_memory_) log_.ReportOutOfMemory();
+  if (dropped > 0 || health_.unprinted_points > 0 || unforwarded > 0) {
+    log_.Report("dropped: packets=" + std::to_string(dropped) +
                 " unprinted points=" + std::to_string(health_.unprinted_points) +
                 " unforwarded points=" + std::to_string(unforwarded));
   }

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,6 +14,7 @@
 #include "agent/log.h"
 #include "agent/options.h"
 #include "agent/packet_log.h"
+#include "agent/packet_queue.h"
 #include "agent/seqpacket_server.h"
 #include "agent/series_table.h"
 
@@ -25,27 +28,33 @@ namespace tidegate::agent {
 //   forwarder:     packs points and sends them to a database
 //   HTTP:          pages from the table of series
 //
-// No thread waits for one behind it. Run once; Stop from any thread and from a signal handler.
+// No thread waits for one behind it, and none ends because memory runs out: what it loses by that
+// is counted. Run once; Stop from any thread and from a signal handler.
 class Agent {
  public:
   explicit Agent(const Options& options);
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
 
-  // Serves until Stop, and then until what was received is handed on, for at most the time of
-  // --drain where a reader does not read. Returns the exit status of the process.
+  // Serves until Stop, and then until what was received is decoded and handed on, for at most the
+  // time of --drain. Returns the exit status of the process.
   int Run();
 
   void Stop() { server_.Stop(); }
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   std::vector<PacketSink*> Sinks();
   bool Start();
-  void PrintingEnded(int error);
-  void HttpEnded();
+  bool Serve();
+  // Once a second, on the decoder's thread.
+  void LookAfterThings();
+  void PrintingEnded(int error) noexcept;
+  void HttpEnded() noexcept;
   void AppendPage(std::string* page);
-  // Ends what comes after the decoder. False if points could not be printed.
-  bool FinishOutputs();
+  // Ends what comes after the decoder, by `end`. False if points could not be printed.
+  bool FinishOutputs(Clock::time_point end);
   // What Run returns, with the last lines written.
   int End(int status);
   void ReportTotals();
@@ -57,6 +66,7 @@ class Agent {
   SeqpacketServer server_;
   SeriesTable table_;
   std::optional<PacketLog> printer_;
+  uint64_t out_of_memory_ = 0;  // of the count of health_, that the log knows of
   std::atomic<bool> http_failed_{false};
   bool forwarder_ended_ = true;  // or else it still connects behind all time for it
   std::optional<HttpServer> http_;

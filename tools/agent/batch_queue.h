@@ -4,9 +4,8 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -26,6 +25,9 @@ struct BatchLimits {
   uint64_t queue_points = 1000000;           // what waits, in points
   size_t queue_bytes = size_t{64} << 20;     // and in bytes, compressed where that is done
 };
+
+// In a queue, or one on its way: what is moved from list to list needs no memory.
+using Batches = std::list<Batch>;
 
 // What the queue holds, without the batch that a thread has taken out.
 struct QueueSize {
@@ -49,19 +51,20 @@ class BatchQueue {
   const BatchLimits& limits() const { return limits_; }
 
   // Adds whole lines, which hold `points` and come into one batch. Returns how many points had to
-  // go for them.
+  // go for them. Without memory for them, throws and adds nothing.
   uint64_t Append(std::string_view lines, uint64_t points);
 
-  // The next batch: the oldest unpacked one while it is too early to send, else the oldest packed
-  // one, if there is one. Waits for a batch until `until`; behind Flush only for the time to send.
-  std::optional<Batch> Take(Clock::time_point until);
+  // The next batch, alone in its list: the oldest unpacked one while it is too early to send, else
+  // the oldest packed one. Waits for a batch until `until`, behind Flush only for the time to send;
+  // returns an empty list if there is none.
+  Batches Take(Clock::time_point until);
 
   // Puts back a batch that has been packed. Returns how many points had to go for it.
-  uint64_t ReturnPacked(Batch batch);
+  uint64_t ReturnPacked(Batches batch);
 
   // Puts back a batch that could not be sent; it is too early to send until `retry_at`, behind
   // Flush for half a second at most. Returns how many points had to go for it.
-  uint64_t ReturnUnsent(Batch batch, Clock::time_point retry_at);
+  uint64_t ReturnUnsent(Batches batch, Clock::time_point retry_at);
 
   // From now on the open batch does not wait to become full or old. It is no more too early to
   // send.
@@ -73,12 +76,11 @@ class BatchQueue {
   QueueSize Size() const;
 
  private:
-  using Batches = std::deque<Batch>;
-
   // All of these with mutex_ held.
   void CloseOpen();
+  uint64_t OpenPoints() const { return open_.empty() ? 0 : open_.front().points; }
   void Count(const Batch& batch);
-  Batch Pop(Batches* batches);
+  Batches Pop(Batches* batches);
   uint64_t DropAboveLimits();
   Clock::time_point NextEvent(Clock::time_point until) const;
 
@@ -88,8 +90,8 @@ class BatchQueue {
   std::condition_variable changed_;
   Batches packed_;                // older than all of raw_
   Batches raw_;                   // older than open_
-  Batch open_;                    // not counted in size_
-  Clock::time_point open_since_;  // of the first line in open_
+  Batches open_;                  // one at most, not counted in size_
+  Clock::time_point open_since_;  // the first line in open_ came then
   QueueSize size_;                // of packed_ and raw_
   Clock::time_point send_at_;     // it is too early to send before this
   bool flushing_ = false;

@@ -3,10 +3,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <deque>
+#include <list>
 #include <mutex>
 #include <utility>
-#include <vector>
 
 namespace tidegate::agent {
 
@@ -19,18 +18,21 @@ template <typename Item>
 class BoundedQueue {
  public:
   enum class Result { kItem, kTimeout, kClosed };
+  using Slot = std::pair<Item, size_t>;  // with its bytes
 
   explicit BoundedQueue(size_t max_bytes) : max_bytes_(max_bytes) {}
 
   // Appends an item of that many bytes. Returns the items that had to go for it, which is the item
-  // itself if it is larger than the whole queue.
-  std::vector<Item> Push(Item item, size_t bytes) {
-    std::vector<Item> dropped;
+  // itself if it is larger than the whole queue. Without memory for it, throws and changes nothing.
+  std::list<Slot> Push(Item item, size_t bytes) {
+    std::list<Slot> dropped;
+    std::list<Slot> node;
+    node.emplace_back(std::move(item), bytes + kOverhead);
     {
       const std::lock_guard<std::mutex> lock(mutex_);
-      items_.push_back({std::move(item), bytes + kOverhead});
+      slots_.splice(slots_.end(), node);
       bytes_ += bytes + kOverhead;
-      while (bytes_ > max_bytes_) dropped.push_back(TakeOldest());
+      while (bytes_ > max_bytes_) TakeOldest(&dropped);
     }
     ready_.notify_one();
     return dropped;
@@ -38,10 +40,12 @@ class BoundedQueue {
 
   // Waits for an item. A closed queue still hands out what is in it.
   Result Pop(Item* item, std::chrono::milliseconds timeout) {
+    std::list<Slot> taken;
     std::unique_lock<std::mutex> lock(mutex_);
-    ready_.wait_for(lock, timeout, [this] { return closed_ || !items_.empty(); });
-    if (items_.empty()) return closed_ ? Result::kClosed : Result::kTimeout;
-    *item = TakeOldest();
+    ready_.wait_for(lock, timeout, [this] { return closed_ || !slots_.empty(); });
+    if (slots_.empty()) return closed_ ? Result::kClosed : Result::kTimeout;
+    TakeOldest(&taken);
+    *item = std::move(taken.front().first);
     return Result::kItem;
   }
 
@@ -55,33 +59,22 @@ class BoundedQueue {
 
   size_t size() const {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return items_.size();
-  }
-  size_t bytes() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return bytes_;
+    return slots_.size();
   }
 
  private:
-  struct Slot {
-    Item item;
-    size_t bytes;
-  };
-
   // So that empty items fill the queue as well.
-  static constexpr size_t kOverhead = sizeof(Slot) + 16;
+  static constexpr size_t kOverhead = sizeof(Slot) + 32;
 
-  Item TakeOldest() {
-    Item item = std::move(items_.front().item);
-    bytes_ -= items_.front().bytes;
-    items_.pop_front();
-    return item;
+  void TakeOldest(std::list<Slot>* to) {
+    bytes_ -= slots_.front().second;
+    to->splice(to->end(), slots_, slots_.begin());
   }
 
   const size_t max_bytes_;
   mutable std::mutex mutex_;  // of all below
   std::condition_variable ready_;
-  std::deque<Slot> items_;
+  std::list<Slot> slots_;
   size_t bytes_ = 0;
   bool closed_ = false;
 };

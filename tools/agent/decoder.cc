@@ -2,28 +2,11 @@
 
 #include <utility>
 
+#include "agent/survives.h"
+
 namespace tidegate::agent {
 
 using std::chrono::steady_clock;
-
-void PacketQueue::Push(SeqpacketServer::Message message) {
-  const size_t bytes = message.size;
-  health_->bytes += message.sent_size;
-  health_->dropped_packets += queue_.Push(std::move(message), bytes).size();
-  UpdateHealth();
-}
-
-PacketQueue::Result PacketQueue::Pop(SeqpacketServer::Message* message,
-                                     std::chrono::milliseconds timeout) {
-  const Result result = queue_.Pop(message, timeout);
-  UpdateHealth();
-  return result;
-}
-
-void PacketQueue::UpdateHealth() {
-  health_->queued_packets = queue_.size();
-  health_->queued_bytes = queue_.bytes();
-}
 
 Decoder::Decoder(PacketQueue* queue, std::vector<PacketSink*> sinks,
                  std::function<void()> on_second, Health* health, Log* log)
@@ -43,28 +26,39 @@ void Decoder::Run() {
     if (result == PacketQueue::Result::kItem) Decode(message);
     if (const steady_clock::time_point now = steady_clock::now(); now - last >= kSecond) {
       last = now;
-      on_second_();
+      Survives(health_, on_second_);
     }
   }
 }
 
 void Decoder::Decode(const SeqpacketServer::Message& message) {
+  const Packet* packet = nullptr;
+  if (!Survives(health_, [&] { packet = Read(message); })) {
+    ++health_->dropped_memory;
+    reader_ = PacketReader();  // gives back what it keeps
+  }
+  if (packet == nullptr) return;
+  ++health_->packets;
+  health_->points += packet->series_count;
+  for (PacketSink* sink : sinks_) {
+    Survives(health_, [&] { sink->Handle(*packet, message.client); });
+  }
+}
+
+const Packet* Decoder::Read(const SeqpacketServer::Message& message) {
   const size_t size = message.size;
   if (message.sent_size > size) {
     Refuse(DecodeFailure::kTooLong, "message of " + std::to_string(message.sent_size) +
                                         " bytes is longer than " + std::to_string(size));
-    return;
+    return nullptr;
   }
   ReadError error;
   const Packet* const packet = reader_.Read(message.data.get(), size, &error);
   if (packet == nullptr) {
     Refuse(FailureOf(error), "malformed packet of " + std::to_string(size) + " bytes at offset " +
                                  std::to_string(error.offset) + ": " + error.reason);
-    return;
   }
-  ++health_->packets;
-  health_->points += packet->series_count;
-  for (PacketSink* sink : sinks_) sink->Handle(*packet, message.client);
+  return packet;
 }
 
 void Decoder::Refuse(DecodeFailure failure, const std::string& text) {

@@ -1,42 +1,20 @@
 #pragma once
 
-#include <chrono>
-#include <cstddef>
 #include <functional>
 #include <string>
 #include <vector>
 
-#include "agent/bounded_queue.h"
 #include "agent/health.h"
 #include "agent/log.h"
+#include "agent/packet_queue.h"
 #include "agent/packet_sink.h"
 #include "agent/seqpacket_server.h"
 
 namespace tidegate::agent {
 
-// Messages on their way from the thread that reads sockets, which never waits for the decoder: the
-// oldest are dropped, and counted, beyond `max_bytes`.
-//
-// Threads: Push from the reader, Pop from the decoder, Close from any. Borrows `health`.
-class PacketQueue {
- public:
-  using Result = BoundedQueue<SeqpacketServer::Message>::Result;
-
-  PacketQueue(size_t max_bytes, Health* health) : queue_(max_bytes), health_(health) {}
-
-  void Push(SeqpacketServer::Message message);
-  Result Pop(SeqpacketServer::Message* message, std::chrono::milliseconds timeout);
-  void Close() { queue_.Close(); }
-
- private:
-  void UpdateHealth();
-
-  BoundedQueue<SeqpacketServer::Message> queue_;
-  Health* const health_;
-};
-
 // Decodes messages and hands the packets to all sinks. A refused message is counted, gets a line of
-// the log and changes nothing else.
+// the log and changes nothing else. Where memory runs out, a packet is lost, or a sink loses what
+// it had to keep of it: both are counted.
 //
 // Threads: Run on one thread, which is that of the sinks and of `on_second`. Borrows everything.
 class Decoder {
@@ -50,6 +28,7 @@ class Decoder {
 
  private:
   void Decode(const SeqpacketServer::Message& message);
+  const Packet* Read(const SeqpacketServer::Message& message);
   void Refuse(DecodeFailure failure, const std::string& text);
 
   PacketQueue* const queue_;

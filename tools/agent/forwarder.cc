@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "agent/gzip.h"
+#include "agent/survives.h"
 
 namespace tidegate::agent {
 namespace {
@@ -66,12 +67,16 @@ bool Forwarder::Stop(milliseconds drain) {
   drain_end_ = Clock::now() + drain;
   draining_ = true;
   queue_.Flush();
-  canceller_ = std::thread(&Forwarder::CancelWhenDrained, this);
+  // Without a thread for it, this one may have to wait for the connection.
+  if (!Survives(health_,
+                [this] { canceller_ = std::thread(&Forwarder::CancelWhenDrained, this); })) {
+    CancelWhenDrained();
+  }
   const bool ended =
       ended_.wait_until(drain_end_ + options_.connect_grace) == std::future_status::ready;
   if (ended) {
     thread_.join();
-    canceller_.join();
+    if (canceller_.joinable()) canceller_.join();
   }
   DropWhatIsLeft();
   return ended;
@@ -81,7 +86,7 @@ bool Forwarder::Stop(milliseconds drain) {
 void Forwarder::CancelWhenDrained() {
   Clock::time_point cancel_at = drain_end_;
   while (ended_.wait_until(cancel_at) != std::future_status::ready) {
-    poster_.Cancel();
+    Survives(health_, [this] { poster_.Cancel(); });
     // The request may have been about to start.
     cancel_at = Clock::now() + kCancelPause;
   }
@@ -91,10 +96,24 @@ void Forwarder::DropWhatIsLeft() {
   const uint64_t left = queue_.Clear() + sending_;
   PublishSize();
   health_->forward_dropped_shutdown += left;
-  if (left > 0) report_("dropped " + std::to_string(left) + " points that could not be forwarded");
+  if (left == 0) return;
+  Survives(health_, [&] {
+    report_("dropped " + std::to_string(left) + " points that could not be forwarded");
+  });
 }
 
 void Forwarder::Handle(const Packet& packet, const ClientId& client) {
+  left_ = packet.series_count;
+  try {
+    AppendLines(packet, client);
+  } catch (const std::exception&) {
+    health_->forward_dropped_memory += left_;
+    lines_ = std::string();
+    throw;
+  }
+}
+
+void Forwarder::AppendLines(const Packet& packet, const ClientId& client) {
   uint64_t points = 0;
   size_t bytes = 0;
   for (const Block& block : packet.blocks) {
@@ -106,6 +125,7 @@ void Forwarder::Handle(const Packet& packet, const ClientId& client) {
         bytes += lines_.size() - before;
       } else {
         ++health_->forward_dropped_empty;
+        --left_;
       }
       if (IsChunkFull(points)) Append(std::exchange(points, 0));
     }
@@ -116,6 +136,7 @@ void Forwarder::Handle(const Packet& packet, const ClientId& client) {
 void Forwarder::Append(uint64_t points) {
   if (lines_.empty()) return;
   CountFull(queue_.Append(lines_, points));
+  left_ -= points;
   // One huge histogram must not be paid for until the end.
   if (lines_.capacity() > 4 * kChunkSize) {
     lines_ = std::string();
@@ -137,24 +158,25 @@ void Forwarder::Run() {
   while (true) {
     const bool draining = draining_;
     if (draining && Clock::now() >= drain_end_) break;
-    SendHealthIfDue();
-    std::optional<Batch> batch = queue_.Take(draining ? drain_end_ : next_health_);
-    if (!batch) {
-      if (draining) break;
-    } else if (batch->packed) {
-      Deliver(*std::move(batch));
-    } else {
-      batch->body = Gzip(batch->body);
-      batch->packed = true;
-      CountFull(queue_.ReturnPacked(*std::move(batch)));
+    Survives(health_, [this] { SendHealthIfDue(); });
+    Batches batch = queue_.Take(draining ? drain_end_ : next_health_);
+    if (batch.empty() && draining) break;
+    if (!batch.empty() &&
+        !Survives(health_, [&] { batch.front().packed ? Deliver(&batch) : Pack(&batch); })) {
+      sending_ = 0;
+      // What was kept, or counted, is no longer in there.
+      if (!batch.empty()) health_->forward_dropped_memory += batch.front().points;
     }
     PublishSize();
   }
-  if (refused_points_ > 0) {
-    report_("dropped " + std::to_string(refused_points_) + " more points that " +
-            options_.url.shown + " refused");
-  }
+  Survives(health_, [this] { ReportRefused(); });
   end_.set_value();
+}
+
+void Forwarder::ReportRefused() {
+  if (refused_points_ == 0) return;
+  report_("dropped " + std::to_string(refused_points_) + " more points that " + options_.url.shown +
+          " refused");
 }
 
 void Forwarder::SendHealthIfDue() {
@@ -167,24 +189,41 @@ void Forwarder::SendHealthIfDue() {
   CountFull(queue_.Append(lines, 0));
 }
 
-void Forwarder::Deliver(Batch batch) {
-  sending_ = batch.points;
-  const HttpReply reply = poster_.Post(batch.body, Timeout());
+void Forwarder::Pack(Batches* batch) {
+  batch->front().body = Gzip(batch->front().body);
+  batch->front().packed = true;
+  CountFull(queue_.ReturnPacked(std::move(*batch)));
+}
+
+void Forwarder::Deliver(Batches* batch) {
+  sending_ = batch->front().points;
+  const HttpReply reply = Post(batch->front());
   sending_ = 0;
-  if (IsWorthRetrying(reply.status)) return Retry(std::move(batch), reply);
+  if (IsWorthRetrying(reply.status)) return Retry(batch, reply);
+  const Batches done = std::move(*batch);
   failures_ = 0;
-  if (!IsTaken(reply.status)) return Reject(batch, reply);
+  if (!IsTaken(reply.status)) return Reject(done.front(), reply);
+  health_->forwarded_points += done.front().points;
+  ++health_->forward_batches;
   if (std::exchange(outage_reported_, false)) {
     report_("forwards to " + options_.url.shown + " again");
   }
-  health_->forwarded_points += batch.points;
-  ++health_->forward_batches;
 }
 
-void Forwarder::Retry(Batch batch, const HttpReply& reply) {
+HttpReply Forwarder::Post(const Batch& batch) {
+  HttpReply reply = {};
+  if (!Survives(health_, [&] { reply = poster_.Post(batch.body, Timeout()); })) {
+    Survives(health_, [this] { poster_.Cancel(); });  // half a request may have been sent
+    reply = {};
+    reply.text = "out of memory";
+  }
+  return reply;
+}
+
+void Forwarder::Retry(Batches* batch, const HttpReply& reply) {
   const milliseconds pause = NextPause(reply.wait);
-  health_->forward_retried_points += batch.points;
-  CountFull(queue_.ReturnUnsent(std::move(batch), Clock::now() + pause));
+  health_->forward_retried_points += batch->front().points;
+  CountFull(queue_.ReturnUnsent(std::move(*batch), Clock::now() + pause));
   if (!IsDue(&next_outage_line_)) return;
   outage_reported_ = true;
   report_("cannot forward to " + options_.url.shown + ", " + Shown(reply) + "; " +

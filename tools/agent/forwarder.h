@@ -63,14 +63,18 @@ class Forwarder : public PacketSink {
  private:
   using Clock = BatchQueue::Clock;
 
+  void AppendLines(const Packet& packet, const ClientId& client);
   void Append(uint64_t points);
   bool IsChunkFull(uint64_t points) const;
   void Run();
   void CancelWhenDrained();
   void DropWhatIsLeft();
+  void ReportRefused();
   void SendHealthIfDue();
-  void Deliver(Batch batch);
-  void Retry(Batch batch, const HttpReply& reply);
+  void Pack(Batches* batch);
+  void Deliver(Batches* batch);
+  HttpReply Post(const Batch& batch);
+  void Retry(Batches* batch, const HttpReply& reply);
   void Reject(const Batch& batch, const HttpReply& reply);
   bool IsDue(Clock::time_point* next_line) const;
   std::chrono::milliseconds NextPause(std::chrono::milliseconds wanted);
@@ -94,6 +98,7 @@ class Forwarder : public PacketSink {
   // Of Handle.
   LineWriter writer_;
   std::string lines_;
+  uint64_t left_ = 0;  // points of the packet that are neither in the queue nor counted
 
   // Of the thread.
   Clock::time_point next_health_;

@@ -2,6 +2,7 @@
 
 #include <zlib.h>
 
+#include <memory>
 #include <new>
 #include <stdexcept>
 
@@ -19,6 +20,7 @@ std::string Gzip(std::string_view text) {
                    Z_DEFAULT_STRATEGY) != Z_OK) {
     throw std::bad_alloc();
   }
+  const std::unique_ptr<z_stream, int (*)(z_stream*)> end(&stream, deflateEnd);
   std::string packed(deflateBound(&stream, text.size()), '\0');
   // zlib only reads from next_in, whose type is older than const.
   stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
@@ -28,7 +30,6 @@ std::string Gzip(std::string_view text) {
   const int result = deflate(&stream, Z_FINISH);
   packed.resize(stream.total_out);
   packed.shrink_to_fit();  // it may wait for long
-  deflateEnd(&stream);
   if (result != Z_STREAM_END) throw std::length_error("text is too long for gzip");
   return packed;
 }

@@ -32,9 +32,11 @@ uint64_t Health::Errors() const {
   return sum;
 }
 
+uint64_t Health::DroppedPackets() const { return dropped_full + dropped_shutdown + dropped_memory; }
+
 uint64_t Health::ForwardDropped() const {
   return forward_dropped_full + forward_dropped_rejected + forward_dropped_empty +
-         forward_dropped_shutdown;
+         forward_dropped_shutdown + forward_dropped_memory;
 }
 
 void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
@@ -58,8 +60,12 @@ void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
   }
   gauge("tidegate_agent_queue_packets", "Messages that wait to be decoded.", queued_packets);
   gauge("tidegate_agent_queue_bytes", "Bytes of those.", queued_bytes);
-  counter("tidegate_agent_dropped_packets_total", "Messages dropped from a full queue.",
-          dropped_packets);
+  constexpr std::string_view kLost = "tidegate_agent_dropped_packets_total";
+  constexpr std::string_view kLostHelp = "Messages that were not decoded.";
+  handle({kLost, kLostHelp, true, "reason", "full", ValueOf(dropped_full)});
+  handle({kLost, kLostHelp, true, "reason", "shutdown", ValueOf(dropped_shutdown)});
+  handle({kLost, kLostHelp, true, "reason", "memory", ValueOf(dropped_memory)});
+  counter("tidegate_agent_out_of_memory_total", "Times that memory ran out.", out_of_memory);
   counter("tidegate_agent_unprinted_points_total",
           "Points that standard output did not take in time.", unprinted_points);
   gauge("tidegate_agent_series", "Series in the table.", series);
@@ -91,6 +97,7 @@ void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
   handle({kDropped, kDroppedHelp, true, "reason", "rejected", ValueOf(forward_dropped_rejected)});
   handle({kDropped, kDroppedHelp, true, "reason", "empty", ValueOf(forward_dropped_empty)});
   handle({kDropped, kDroppedHelp, true, "reason", "shutdown", ValueOf(forward_dropped_shutdown)});
+  handle({kDropped, kDroppedHelp, true, "reason", "memory", ValueOf(forward_dropped_memory)});
   counter("tidegate_agent_forward_retried_points_total",
           "Points whose sending failed and is tried again.", forward_retried_points);
   counter("tidegate_agent_forward_batches_total", "Requests that the database took.",

@@ -43,13 +43,18 @@ struct Health {
   };
 
   // By the reading thread.
-  Number clients{0};          // connected now
-  Number bytes{0};            // of all messages, whatever they held
-  Number dropped_packets{0};  // messages that found the queue full
+  Number clients{0};       // connected now
+  Number bytes{0};         // of all messages, whatever they held
+  Number dropped_full{0};  // messages that made room in a full queue
+
+  // By any thread: each time something was lost, and counted as far as it can be told.
+  Number out_of_memory{0};
 
   // By the reading and the decoding thread.
   Number queued_packets{0};
   Number queued_bytes{0};
+  Number dropped_shutdown{0};  // messages that were left when the agent ended
+  Number dropped_memory{0};    // messages for which there was no memory
 
   // By the decoding thread.
   Number packets{0};  // decoded whole
@@ -75,12 +80,14 @@ struct Health {
   Number forward_dropped_rejected{0};  // points that the server did not want
   Number forward_dropped_empty{0};     // points that make no line: no number in it, or too long
   Number forward_dropped_shutdown{0};  // points that were left when the agent ended
+  Number forward_dropped_memory{0};    // points for which there was no memory
   Number forward_retried_points{0};
   Number forward_batches{0};
 
   const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
 
   uint64_t Errors() const;
+  uint64_t DroppedPackets() const;
   uint64_t ForwardDropped() const;
 
   // Hands out every number as a sample; those of one name follow each other.

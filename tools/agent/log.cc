@@ -1,7 +1,13 @@
 #include "agent/log.h"
 
+#include <poll.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <charconv>
 #include <cstddef>
+#include <iterator>
+#include <new>
 #include <utility>
 
 namespace tidegate::agent {
@@ -10,22 +16,30 @@ namespace {
 constexpr size_t kMaxBytes = 1 << 20;
 constexpr size_t kMaxText = 2000;
 constexpr int kPerSecond = 10;
+constexpr std::chrono::minutes kAlarmInterval(1);
 
 }  // namespace
 
 // Without standard error there is nobody to tell.
-Log::Log(int fd) : writer_(fd, kMaxBytes, [](int) {}) {}
+Log::Log(int fd) : fd_(fd), writer_(fd, kMaxBytes, [](int) {}) {}
 
-void Log::Report(const std::string& text) {
-  std::string line = "tidegate-agent: " + text.substr(0, kMaxText);
-  if (text.size() > kMaxText) line += "...";
-  // Names of clients can be in it.
-  std::replace_if(
-      line.begin(), line.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; }, '?');
-  writer_.Write(line + '\n', 1);
+void Log::Report(std::initializer_list<std::string_view> texts) noexcept {
+  try {
+    std::string line = "tidegate-agent: ";
+    const size_t most = line.size() + kMaxText;
+    for (const std::string_view text : texts) line += text;
+    if (line.size() > most) line.replace(most, std::string::npos, "...");
+    // Names of clients can be in it.
+    std::replace_if(
+        line.begin(), line.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; }, '?');
+    line += '\n';
+    writer_.Write(std::move(line), 1);
+  } catch (const std::bad_alloc&) {
+    ReportOutOfMemory();
+  }
 }
 
-void Log::ReportSome(const std::string& text) {
+void Log::ReportSome(const std::string& text) noexcept {
   uint64_t left_out = 0;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -40,7 +54,24 @@ void Log::ReportSome(const std::string& text) {
     }
     left_out = std::exchange(left_out_, 0);
   }
-  Report(left_out == 0 ? text : text + " (" + std::to_string(left_out) + " more were not shown)");
+  if (left_out == 0) return Report(text);
+  char number[24];  // of 64 bits
+  const char* const end = std::to_chars(std::begin(number), std::end(number), left_out).ptr;
+  Report({text, " (", {number, static_cast<size_t>(end - number)}, " more were not shown)"});
+}
+
+void Log::ReportOutOfMemory() noexcept {
+  constexpr std::string_view kLine =
+      "tidegate-agent: out of memory: what could not be kept is dropped, and counted\n";
+  const Clock::rep now = Clock::now().time_since_epoch().count();
+  Clock::rep next = next_alarm_;
+  if (now < next) return;
+  const Clock::rep later = now + Clock::duration(kAlarmInterval).count();
+  if (!next_alarm_.compare_exchange_strong(next, later)) return;
+  // Past the writer, which would have to keep it. Where poll says so, a line can be written whole.
+  pollfd ready = {fd_, POLLOUT, 0};
+  if (poll(&ready, 1, 0) <= 0) return;
+  [[maybe_unused]] const ssize_t written = write(fd_, kLine.data(), kLine.size());
 }
 
 }  // namespace tidegate::agent

@@ -1,9 +1,13 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <initializer_list>
+#include <limits>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "agent/stream_writer.h"
 
@@ -17,18 +21,25 @@ class Log {
  public:
   explicit Log(int fd);
 
-  void Report(const std::string& text);
+  // A line of these texts, one after the other.
+  void Report(std::initializer_list<std::string_view> texts) noexcept;
+  void Report(const std::string& text) noexcept { Report({text}); }
 
   // For lines that a client can cause at will: beyond ten in a second they are only counted, and
   // the next one that is shown tells how many were not.
-  void ReportSome(const std::string& text);
+  void ReportSome(const std::string& text) noexcept;
+
+  // Says that memory has run out, once a minute at most, and needs none for it.
+  void ReportOutOfMemory() noexcept;
 
   void Finish(std::chrono::milliseconds timeout) { writer_.Finish(timeout); }
 
  private:
   using Clock = std::chrono::steady_clock;
 
+  const int fd_;
   StreamWriter writer_;
+  std::atomic<Clock::rep> next_alarm_{std::numeric_limits<Clock::rep>::min()};
   std::mutex mutex_;  // of all below
   Clock::time_point second_;
   int in_second_ = 0;

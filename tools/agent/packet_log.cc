@@ -1,5 +1,6 @@
 #include "agent/packet_log.h"
 
+#include <exception>
 #include <utility>
 
 #include "agent/point_printer.h"
@@ -26,6 +27,18 @@ PacketLog::PacketLog(PrintFormat format, bool label_pid, int fd, std::function<v
       writer_(fd, kMaxBytes, std::move(on_error)) {}
 
 void PacketLog::Handle(const Packet& packet, const ClientId& client) {
+  left_ = packet.series_count;
+  try {
+    Print(packet, client);
+  } catch (const std::exception&) {
+    health_->unprinted_points += left_;
+    points_ = 0;
+    buffer_ = std::string();
+    throw;
+  }
+}
+
+void PacketLog::Print(const Packet& packet, const ClientId& client) {
   const Tag tag = {"pid", std::to_string(client.pid)};
   const Tag* const pid = label_pid_ ? &tag : nullptr;
   flushed_ = 0;
@@ -50,6 +63,7 @@ void PacketLog::Append(const Packet& packet, const Block& block, const Tag* pid)
   for (const Series& record : block.series) {
     if (flushed_ > kMaxPacketBytes) {
       ++health_->unprinted_points;
+      --left_;
       continue;
     }
     if (format_ == PrintFormat::kText) {
@@ -69,6 +83,7 @@ void PacketLog::EndPoints(size_t count) {
 void PacketLog::Flush() {
   if (buffer_.empty()) return;
   flushed_ += buffer_.size();
+  left_ -= points_;
   health_->unprinted_points += writer_.Write(std::exchange(buffer_, {}), std::exchange(points_, 0));
 }
 

@@ -36,6 +36,7 @@ class PacketLog : public PacketSink {
   int error() const { return writer_.error(); }
 
  private:
+  void Print(const Packet& packet, const ClientId& client);
   void Append(const Packet& packet, const Block& block, const Tag* pid);
   void EndPoints(size_t count);
   void Flush();
@@ -46,6 +47,7 @@ class PacketLog : public PacketSink {
   std::string buffer_;   // lines that the writer does not have yet
   uint64_t points_ = 0;  // in those
   size_t flushed_ = 0;   // bytes of the packet's lines that the writer has got
+  uint64_t left_ = 0;    // points of the packet that are neither with the writer nor counted
   StreamWriter writer_;
 };
 

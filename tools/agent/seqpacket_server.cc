@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <iterator>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -21,7 +22,7 @@
 namespace tidegate::agent {
 namespace {
 
-constexpr int kBurst = 64;  // messages of one client before the next has its turn
+constexpr int kBurst = 64;               // messages of one client before the next has its turn
 constexpr int kAcceptRetryMillis = 100;  // while accepting fails
 
 // Connections that the agent has not come to: of each, the kernel keeps what its client has sent,
@@ -45,11 +46,10 @@ const sockaddr* AsSockaddr(const sockaddr_un* address) {
   return reinterpret_cast<const sockaddr*>(address);
 }
 
-ClientId IdOf(int fd) {
+pid_t PeerOf(int fd) {
   ucred peer = {};
   socklen_t size = sizeof(peer);
-  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return {};
-  return {peer.pid};
+  return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
 }
 
 // A file that another user has put there shall be found.
@@ -199,23 +199,41 @@ void SeqpacketServer::AcceptPending() {
       PauseAccepting(errno != EAGAIN && errno != EINVAL);
       return;
     }
-    // Makes every message carry its sender's credentials, which tells an empty message from the
-    // end of the connection.
-    const int on = 1;
-    setsockopt(client.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof(on));
-    const int fd = client.get();
-    if (Watch(fd, true)) {
-      clients_[fd] = {std::move(client), IdOf(fd)};
-      *client_count_ = clients_.size();
-    } else {
-      on_warning_("cannot serve a client: " + ErrnoText());
-    }
+    if (!Serve(std::move(client))) Warn("cannot serve a client: ");
+  }
+}
+
+bool SeqpacketServer::Serve(UniqueFd client) {
+  const int fd = client.get();
+  // Makes every message carry its sender's credentials, which tells an empty message from the end
+  // of the connection.
+  const int on = 1;
+  setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof(on));
+  try {
+    clients_[fd] = {std::move(client), {PeerOf(fd), ++connections_}};
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return false;
+  }
+  if (!Watch(fd, true)) {
+    clients_.erase(fd);
+    return false;
+  }
+  *client_count_ = clients_.size();
+  return true;
+}
+
+void SeqpacketServer::Warn(const char* trouble) noexcept {
+  try {
+    on_warning_(trouble + ErrnoText());
+  } catch (const std::bad_alloc&) {
+    on_warning_("out of memory");  // so short a string takes none
   }
 }
 
 void SeqpacketServer::PauseAccepting(bool pause) {
   if (pause == accept_paused_) return;
-  if (pause) on_warning_("cannot accept a client, new clients wait: " + ErrnoText());
+  if (pause) Warn("cannot accept a client, new clients wait: ");
   accept_paused_ = pause;
   Watch(listener_.get(), !pause);
 }
@@ -232,9 +250,10 @@ SeqpacketServer::ReadResult SeqpacketServer::ReadSome(const Client& client) {
     }
     Message message;
     message.size = std::min(static_cast<size_t>(waiting), kMaxMessageSize);
-    message.data.reset(new char[message.size]);  // not set to zero, as make_unique would
+    message.data.reset(new (std::nothrow) char[message.size]);  // not set to zero
     message.sent_size = static_cast<size_t>(waiting);
     message.client = client.id;
+    if (message.data == nullptr) message.size = 0;  // takes the message off the socket
     iovec part = {message.data.get(), message.size};
     // Room for the credentials and nothing else: descriptors that a client passes are dropped.
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];

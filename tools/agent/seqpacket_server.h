@@ -27,13 +27,13 @@ class SeqpacketServer {
   static constexpr size_t kMaxMessageSize = 1 << 20;  // bytes
 
   struct Message {
-    std::unique_ptr<char[]> data;
-    size_t size = 0;       // bytes at `data`
+    std::unique_ptr<char[]> data;  // null: there was no memory for it
+    size_t size = 0;               // bytes at `data`
     size_t sent_size = 0;  // bytes that the client sent; more than `size` if the message was cut
     ClientId client;
   };
-  using MessageHandler = std::function<void(Message)>;
-  // Gets one line about trouble that does not end the server.
+  using MessageHandler = std::function<void(Message)>;  // throws nothing
+  // Gets one line about trouble that does not end the server. Throws nothing.
   using WarningHandler = std::function<void(const std::string&)>;
 
   // Keeps the number of connected clients in `clients`, which it borrows.
@@ -70,7 +70,10 @@ class SeqpacketServer {
   bool Bind(const std::string& path, mode_t mode, std::string* error);
   bool Watch(int fd, bool ready_to_read);
   void AcceptPending();
+  // Reads the connection from now on. False, with errno, if it cannot.
+  bool Serve(UniqueFd client);
   void PauseAccepting(bool pause);
+  void Warn(const char* trouble) noexcept;
   ReadResult ReadSome(const Client& client);
   void Drain();
   void RemoveSocketFile();
@@ -81,6 +84,7 @@ class SeqpacketServer {
   UniqueFd stop_event_;
   UniqueFd listener_;
   std::unordered_map<int, Client> clients_;
+  uint64_t connections_ = 0;  // so far
   std::atomic<uint64_t>* const client_count_;
   bool accept_paused_ = false;  // the listener is not watched, it would be ready all the time
   std::string path_;            // empty while there is no socket file of ours

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <limits>
+#include <new>
 #include <utility>
 
 namespace tidegate::agent {
@@ -33,12 +34,18 @@ StreamWriter::StreamWriter(int fd, size_t max_bytes, std::function<void(int)> on
       deadline_(std::numeric_limits<Clock::rep>::max()),
       thread_([this] { Run(); }) {}
 
-uint64_t StreamWriter::Write(std::string text, uint64_t lines) {
+uint64_t StreamWriter::Write(std::string text, uint64_t lines) noexcept {
   if (error_ != 0) return lines;
   const size_t bytes = text.size();
-  uint64_t dropped = 0;
-  for (const Chunk& chunk : queue_.Push({std::move(text), lines}, bytes)) dropped += chunk.lines;
-  return dropped;
+  try {
+    uint64_t dropped = 0;
+    for (const auto& slot : queue_.Push({std::move(text), lines}, bytes)) {
+      dropped += slot.first.lines;
+    }
+    return dropped;
+  } catch (const std::bad_alloc&) {
+    return lines;
+  }
 }
 
 uint64_t StreamWriter::Finish(milliseconds timeout) {

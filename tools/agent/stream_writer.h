@@ -20,13 +20,15 @@ namespace tidegate::agent {
 class StreamWriter {
  public:
   // `on_error` is called on the writer's thread, once, with the errno that ends the writing.
+  // It throws nothing.
   StreamWriter(int fd, size_t max_bytes, std::function<void(int)> on_error);
   ~StreamWriter() { Finish(std::chrono::milliseconds(0)); }
   StreamWriter(const StreamWriter&) = delete;
   StreamWriter& operator=(const StreamWriter&) = delete;
 
-  // Never waits. Returns how many lines were dropped, of this or older text.
-  uint64_t Write(std::string text, uint64_t lines);
+  // Never waits. Returns how many lines were dropped, of this or older text; these if there is no
+  // memory for them.
+  uint64_t Write(std::string text, uint64_t lines) noexcept;
 
   // Writes what waits, but does not wait for a reader after `timeout`, and ends the thread. Returns
   // how many lines were not written whole.
