@@ -14,6 +14,7 @@
 #include "metrics/bound_series.h"
 #include "metrics/metric_ckms_quantiles.h"
 #include "metrics/metric_collector.h"
+#include "metrics/metric_collector_factory.h"
 #include "support/environment.h"
 
 // Of this thread: the client's others do as they like.
@@ -120,6 +121,20 @@ TEST(AllocationTest, NoneOnAKnownSeries) {
   EXPECT_GT(allocations, 0) << "not counted at all";
 }
 
+// Whether `attempt` gets through with `left` allocations.
+template <class Attempt>
+bool Manages(long left, Attempt attempt) {
+  bool managed = true;
+  allocations_left = left;
+  try {
+    attempt();
+  } catch (const std::bad_alloc&) {
+    managed = false;
+  }
+  allocations_left = -1;
+  return managed;
+}
+
 TEST(AllocationTest, WhereOneFailsATableOfCellsIsAsItWas) {
   constexpr size_t kCells = 13;  // the first number that is searched by an index
   bool made = false;
@@ -130,13 +145,7 @@ TEST(AllocationTest, WhereOneFailsATableOfCellsIsAsItWas) {
       names.push_back(std::string(99, static_cast<char>('a' + i)));
     const CellPtr cell = MetricCollectorItem::NoopDataPtr();
     for (size_t i = 0; i + 1 < kCells; ++i) table.Set(names[i], cell);
-    allocations_left = left;
-    try {
-      table.Set(names.back(), cell);
-      made = true;
-    } catch (const std::bad_alloc&) {
-    }
-    allocations_left = -1;
+    made = Manages(left, [&] { table.Set(names.back(), cell); });
     EXPECT_EQ(table.Size(), made ? kCells : kCells - 1);
     for (const std::string& name : names) table.Set(name, cell);
     EXPECT_EQ(table.Size(), kCells) << "after " << left;
@@ -155,12 +164,7 @@ TEST(AllocationTest, WhereOneFailsATableOfSeriesIsAsItWas) {
     std::atomic<unsigned long> total{0};
     SeriesMap table(total);
     for (int i = 0; i < kLast; ++i) table.Insert(key(i), DummyItem());
-    allocations_left = left;
-    try {
-      made = table.Insert(last, DummyItem()) == ReturnCode::kOk;
-    } catch (const std::bad_alloc&) {
-    }
-    allocations_left = -1;
+    made = Manages(left, [&] { table.Insert(last, DummyItem()); });
     EXPECT_EQ(table.Size(), made ? kLast + 1u : kLast) << "after " << left;
     EXPECT_EQ(table.Get(last) != nullptr, made) << "after " << left;
     for (int i = 0; i < kLast; ++i) EXPECT_NE(table.Erase(key(i)), nullptr) << "after " << left;
@@ -178,19 +182,113 @@ TEST(AllocationTest, WhereOneFailsAnEstimatorHasWhatItTookAndNoMore) {
       CKMSQuantiles quantiles, expected;
       int refused = 0;
       for (int n = 0; n < kSamples; ++n) {
-        allocations_left = n >= from && n < from + 110 ? left : -1;
-        bool taken = true;
-        try {
-          quantiles.Insert(SampleAt(n));
-        } catch (const std::bad_alloc&) {
-          taken = false;
+        const bool short_of_memory = n >= from && n < from + 110;
+        if (Manages(short_of_memory ? left : -1, [&] { quantiles.Insert(SampleAt(n)); })) {
+          expected.Insert(SampleAt(n));
+        } else {
           ++refused;
         }
-        allocations_left = -1;
-        if (taken) expected.Insert(SampleAt(n));
       }
       EXPECT_EQ(quantiles.Send(1).values, expected.Send(1).values) << from << ' ' << left;
       EXPECT_EQ(refused > 0, left == 0 && from % 500 >= 400) << from << ' ' << left;
+    }
+  }
+}
+
+// Each way in makes a series and its cells, and emits 1: at the first attempt that gets through,
+// and once more. What an attempt leaves behind that fails is whole, and nothing is counted twice.
+TEST(AllocationTest, WhereOneFailsASeriesIsWholeAndHasWhatItTookAndNoMore) {
+  for (const uint32_t mode : {0u, 1u, 2u}) {  // tags encoded later, ahead, in trees
+    TestClient client(ReportTo("/tmp/nobody.listens", kNeverDue, mode == 1));
+    client->collector_factory_->collector_kind_ = mode / 2;
+    HistoUtilBase bounds({0, 10});
+    MetricRegistry& registry = *client.Registry("p");
+    const auto make = [&](int kind, const char* name, const std::vector<MetricFieldCfg>& fields) {
+      METRICS::Metric* metric = nullptr;
+      registry.CreateMetric(metric, {static_cast<MetricCoItemType>(kind),
+                                     {name, {"a"}, {}, fields, kind == 1 ? &bounds : nullptr}});
+      return metric;
+    };
+    METRICS::Metric& metric = *make(1, "m", {});
+    METRICS::Metric& estimating = *make(1, "e", {});
+    estimating.SetUseCkms(true);
+    METRICS::Metric& row = *make(2, "row",
+                                 {{"counter", MetricsType::kCounter},
+                                  {"gauge", MetricsType::kGauge},
+                                  {"histogram", MetricsType::kHistogram, &bounds},
+                                  {"timer", MetricsType::kTimer},
+                                  {"meter", MetricsType::kMeter}});
+    METRICS::Metric& compatible = *make(3, "c", {});
+    compatible.SetCompatibleType(MetricsType::kCounter);
+    const auto tags = [](const std::string& of) { return std::vector<MetricTag>{{"a", of}}; };
+    BoundSeries bound;
+    const struct {
+      const char* name;
+      METRICS::Metric& metric;
+      std::function<void(const std::string&)> emit;
+      std::string cell;
+    } ways[] = {
+        {"WithTags", metric,
+         [&](const std::string& of) { metric.WithTags(tags(of))->Emit(IncrCounter(1)); },
+         "counter"},
+        {"a list", metric,
+         [&](const std::string& of) {
+           metric.WithTags(tags(of))->Emit({Store(1), WithSuffix("x", Add(1)), IncrCounter(1)});
+         },
+         "counter"},
+        {"histogram", metric,
+         [&](const std::string& of) { metric.WithTagValues({of})->Emit(Stat(1)); }, "histogram"},
+        {"estimator", estimating,
+         [&](const std::string& of) {
+           estimating.WithTagMap({{"a", of}})->Emit(Observe(1));
+         },
+         "timer"},
+        {"row", row,
+         [&](const std::string& of) {
+           row.WithTags(tags(of))->EmitMap({{"counter", 1}});
+         },
+         "counter"},
+        {"compatible", compatible,
+         [&](const std::string& of) {
+           compatible.CEmit(1, {"a", of});
+         },
+         ""},
+        {"handle", metric,
+         [&](const std::string& of) {
+           bound.Bind(&metric, tags(of), IncrCounter(0));
+           bound.Emit(1);
+         },
+         "counter"},
+        {"handle on a timer", metric,
+         [&](const std::string& of) { bound.Bind(&metric, tags(of), Observe(0)); }, ""}};
+    for (const auto& way : ways) {
+      SCOPED_TRACE(std::string(way.name) + " in mode " + std::to_string(mode));
+      // Long, so that it is allocated.
+      const std::string of = std::string(40, 'v') + std::to_string(&way - ways);
+      bool done = false;
+      long left = 0;
+      for (; !done && left < 1000; ++left) {
+        done = Manages(left, [&] { way.emit(of); });
+        unsigned long series = 0;
+        for (METRICS::Metric* each : {&metric, &estimating, &row, &compatible}) {
+          series += each->impl_->GetSeriesCount();
+        }
+        EXPECT_EQ(client->collector_factory_->total_series_, series) << left;
+      }
+      EXPECT_TRUE(done && left > 3) << left;
+      way.emit(of);
+      bound = BoundSeries();
+      const auto item = &way.metric == &compatible ? compatible.impl_->WithCompatibleTags({"a", of})
+                                                   : way.metric.WithTags(tags(of));
+      const CellPtr cell = way.cell.empty() ? item->Data() : item->Fields().at(way.cell);
+      const std::vector<double> values = cell->Send(1).values;
+      if (way.cell == "histogram") {
+        EXPECT_EQ(values, (std::vector<double>{2, 0, 2, 2}));
+      } else if (way.cell == "timer") {
+        EXPECT_EQ(values.at(4), 2);
+      } else if (&way.metric == &compatible || !way.cell.empty()) {
+        EXPECT_EQ(values, std::vector<double>{2});
+      }
     }
   }
 }

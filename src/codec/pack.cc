@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <new>
 
 #include "util/metric_size_limits.h"
 
@@ -10,7 +11,11 @@ namespace lattice_kit::codec {
 Pack::Pack(int32_t initial_capacity)
     : begin(static_cast<char*>(std::malloc(static_cast<size_t>(initial_capacity)))),
       cursor(begin),
-      capacity(initial_capacity) {}
+      capacity(initial_capacity) {
+  if (begin == nullptr) {
+    throw std::bad_alloc();
+  }
+}
 
 Pack::~Pack() {
   std::free(begin);
@@ -48,7 +53,7 @@ void Pack::Reallocate(int32_t new_capacity) {
   const int32_t used = Used();
   void* const moved = std::realloc(begin, static_cast<size_t>(new_capacity));
   if (moved == nullptr) {
-    std::abort();
+    throw std::bad_alloc();
   }
   begin = static_cast<char*>(moved);
   cursor = begin + used;

@@ -11,8 +11,8 @@ namespace lattice_kit::codec {
 ///
 /// Integers and doubles are stored as they stand in memory, which is little-endian on every
 /// platform of the library. Not thread-safe. Owns its memory; not copyable. Lengths are signed
-/// 32-bit numbers, and whoever may exceed them asks `TryReserve` first; memory exhaustion ends the
-/// process.
+/// 32-bit numbers, and whoever may exceed them asks `TryReserve` first. Without memory it throws
+/// `std::bad_alloc` and is as it was.
 class Pack {
  public:
   /// Allocates `initial_capacity` bytes.
