@@ -102,7 +102,6 @@ Answer TakeAnswer(std::string_view* rest) {
   const std::string head(rest->substr(0, end));
   rest->remove_prefix(end + 4);
   answer.status = std::stoi(head.substr(kStart.size(), 3));
-  if (answer.status == 100) return answer;
   const size_t length = head.find(kLength);
   Require(length != std::string::npos, "an answer says how long it is");
   const size_t size = std::stoul(head.substr(length + kLength.size()));
@@ -114,7 +113,7 @@ Answer TakeAnswer(std::string_view* rest) {
 }
 
 std::vector<Answer> AnswersIn(std::string_view text) {
-  constexpr int kStatuses[] = {100, 200, 400, 404, 405, 413, 414, 431, 500, 505};
+  constexpr int kStatuses[] = {200, 400, 404, 405, 413, 414, 417, 431, 500, 505};
   std::vector<Answer> answers;
   while (!text.empty()) {
     const Answer& answer = answers.emplace_back(TakeAnswer(&text));

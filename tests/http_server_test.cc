@@ -195,6 +195,7 @@ TEST_F(HttpServerTest, AnswersHostileRequestsAndClosesThem) {
       {Request("/metrics", "Content-Length: 1000000000\r\n") + "abc", {"HTTP/1.1 413 "}},
       {Request("/metrics", "Transfer-Encoding: chunked\r\n") + "FFFFFFFFFFFFFFFF\r\n",
        {"HTTP/1.1 413 "}},
+      {Request("/", "Expect: 100-continue\r\n") + Request("/"), {"HTTP/1.1 417 "}},
       {Request("/x", close), {"HTTP/1.1 404 "}},
       {Request("/healthz?a=b&c", close), {"HTTP/1.1 200 ", "ok\n"}},
       {Request("/metrics") + Request("/healthz", "Content-Length: 0\r\n") + "\x16\x03\x01\r\n\r\n",

@@ -19,12 +19,13 @@ constexpr std::string_view kWelcomePage =
     "<ul><li><a href=\"/metrics\">/metrics</a>: the newest value of every series, for Prometheus\n"
     "<li><a href=\"/healthz\">/healthz</a>: says ok</ul>\n";
 
+const char* Header(MHD_Connection* connection, const char* name) {
+  return MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
+}
+
 bool HasBody(MHD_Connection* connection) {
-  const auto header = [connection](const char* name) {
-    return MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
-  };
-  const char* const length = header(MHD_HTTP_HEADER_CONTENT_LENGTH);
-  return header(MHD_HTTP_HEADER_TRANSFER_ENCODING) != nullptr ||
+  const char* const length = Header(connection, MHD_HTTP_HEADER_CONTENT_LENGTH);
+  return Header(connection, MHD_HTTP_HEADER_TRANSFER_ENCODING) != nullptr ||
          (length != nullptr && std::string_view(length) != "0");
 }
 
@@ -191,6 +192,10 @@ MHD_Result HttpConnections::BeginRequest(Client* client, std::string_view method
   }
   if (HasBody(client->connection)) {
     return MHD_queue_response(client->connection, MHD_HTTP_CONTENT_TOO_LARGE, no_body_.get());
+  }
+  // Without a body there is nothing to expect; the library would take what follows for one.
+  if (Header(client->connection, MHD_HTTP_HEADER_EXPECT) != nullptr) {
+    return MHD_queue_response(client->connection, MHD_HTTP_EXPECTATION_FAILED, no_body_.get());
   }
   return MHD_YES;
 }
