@@ -320,7 +320,8 @@ void SampleWriter::Histogram(const std::string& name, const std::vector<double>&
   const Cell& sum = cells[bounds.size()];
   const Cell& count = cells[bounds.size() + 1];
   Line(name, kSum, {}, sum.value, sum.timestamp);
-  Line(name, kCount, {}, count.value, count.timestamp);
+  // What a packet says of it can be anything, and receivers want that of all buckets.
+  Line(name, kCount, {}, below, count.timestamp);
 }
 
 void SampleWriter::Line(std::string_view name, std::string_view suffix, std::string_view extra,

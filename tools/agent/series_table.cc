@@ -76,7 +76,7 @@ size_t HashOf(const Block& block) {
 
 size_t HeapBytes(const std::string& text) {
   static const size_t within = std::string().capacity();
-  return text.capacity() > within ? text.capacity() + kHeapOverhead : 0;
+  return text.size() > within ? text.size() + kHeapOverhead : 0;
 }
 
 std::string Shown(std::string_view name) {
@@ -361,18 +361,17 @@ void SeriesTable::Update(const Series& record, int64_t timestamp, Entry* entry) 
 }
 
 bool SeriesTable::ClaimLabels(Metric* metric, size_t* claimed) {
+  std::string* const label = &name_;
   const std::string* holder = nullptr;
-  ForEachTag(key_, [&](std::string_view key, std::string_view /*value*/) METRICS_REQUIRES(mutex_) {
-    const std::string tag(key);
-    AssignLabelName(tag, &name_);
-    holder = metric->labels.Claim(name_, tag, HeapBytes(tag));
-    if (holder == nullptr) {
-      ++*claimed;
-    } else {
-      ReportLabel(metric->name, *holder, tag);
-    }
+  std::string tag;
+  ForEachTag(key_, [&](std::string_view key, std::string_view /*value*/) {
+    tag.assign(key);
+    AssignLabelName(key, label);
+    holder = metric->labels.Claim(*label, tag, HeapBytes(tag));
+    if (holder == nullptr) ++*claimed;
     return holder == nullptr;
   });
+  if (holder != nullptr) ReportLabel(metric->name, *holder, tag);
   return holder == nullptr;
 }
 
@@ -386,17 +385,19 @@ void SeriesTable::ReportLabel(std::string_view metric, std::string_view holder,
 }
 
 void SeriesTable::ReleaseLabels(std::string_view key, size_t count, Metric* metric) {
-  ForEachTag(key, [&](std::string_view tag, std::string_view /*value*/) METRICS_REQUIRES(mutex_) {
+  std::string* const label = &name_;
+  ForEachTag(key, [&](std::string_view tag, std::string_view /*value*/) {
     if (count-- == 0) return false;
-    AssignLabelName(tag, &name_);
-    metric->labels.Release(name_);
+    AssignLabelName(tag, label);
+    metric->labels.Release(*label);
     return true;
   });
 }
 
 void SeriesTable::ClaimOwnNames() {
-  health_->ForEach([&](const Health::Sample& sample) METRICS_REQUIRES(mutex_) {
-    names_.Claim(std::string(sample.name), {nullptr, {}}, 0);
+  NameClaims<Holder>* const names = &names_;
+  health_->ForEach([names](const Health::Sample& sample) {
+    names->Claim(std::string(sample.name), {nullptr, {}}, 0);
   });
   bytes_ = 0;
 }
