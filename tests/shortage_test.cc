@@ -1,12 +1,16 @@
-// Threads that the system refuses.
+// Threads and memory that are not to be had.
 
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/prctl.h>
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <new>
 
 #include "metrics/metric_factory.h"
 #include "support/agent_socket.h"
@@ -22,6 +26,26 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
   if (threads_left > 0) --threads_left;
   return next(thread, attributes, start, argument);
 }
+
+static thread_local long allocations_left = -1;  // as above, of this thread
+static std::atomic<bool> own_threads_starve{false};
+
+static bool OnOwnThread() {
+  char name[16];
+  return ::prctl(PR_GET_NAME, name) == 0 && std::strncmp(name, "ms_", 3) == 0;
+}
+
+void* operator new(size_t size) {
+  if (allocations_left == 0 || (own_threads_starve && OnOwnThread())) throw std::bad_alloc();
+  if (allocations_left > 0) --allocations_left;
+  void* const memory = std::malloc(size);
+  return memory != nullptr ? memory : throw std::bad_alloc();
+}
+void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return std::malloc(size);
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, size_t /*size*/) noexcept { std::free(memory); }
 
 namespace tidegate::test {
 namespace {
@@ -73,6 +97,98 @@ TEST(ShortageTest, WithoutAThreadACallLeavesNothingAndTheNextOneTriesAgain) {
   size_t received = 0;
   for (const Point& point : agent.Points()) received += point.tenant == "t1" ? 1 : 0;
   EXPECT_EQ(received, 100u);
+}
+
+// Lets each allocation of a flush fail in turn. What reports once per emission then arrives with
+// it, or with the next flush, or is counted as dropped.
+TEST(ShortageTest, AFlushWithoutMemoryIsGivenUpAndWhatItDrainedIsCounted) {
+  const TempDir dir;
+  AgentSocket agent(dir.File("s"));
+  TestClientOptions options = ReportTo(agent.path(), kNeverDue);
+  options.core.force_self_monitor = true;
+  options.core.monitor_interval = 1000000;
+  TestClient client(std::move(options));
+  METRICS::Metric* const suffixed = client.Metric("suffixed", {"w"});
+  METRICS::Metric *row = nullptr, *compatible = nullptr;
+  client.Registry("p")->CreateMetric(
+      row, METRICS::MetricInstanceCfg{
+               "row", {"w"}, {}, {{"f", METRICS::MetricsType::kGauge, nullptr}}, nullptr});
+  client.Registry("p")->CreateMetric(compatible, {METRICS::MetricCoItemType::kCoItemCompatible,
+                                                  {"compatible", {}, {}, {}, nullptr}});
+  compatible->SetCompatibleType(METRICS::MetricsType::kGauge);
+  METRICS::MetricSender& sender = client.Sender();
+  const auto& drops = sender.statistic_.drop_series;
+  constexpr size_t kSeries = 10;  // more than are listed at once
+  const auto dropped = [&] {
+    const std::vector<double> values = drops.Load()->Send(1).values;
+    return values.empty() ? 0 : static_cast<size_t>(values[0]);
+  };
+  client.Flush(1);
+  size_t flushes = 0, all_dropped = 0;
+  for (long left = 0; left >= 0; ++left) {
+    for (size_t i = 0; i < kSeries; ++i) {
+      const std::string w = std::to_string(i);
+      suffixed->WithTags({{"w", w}})->Emit({Store(1), METRICS::WithSuffix("b", Store(2))});
+      row->WithTags({{"w", w}})->Emit({METRICS::WithField("f", Store(3))});
+      compatible->CEmit(4, {"w", w});
+    }
+    allocations_left = left;
+    EXPECT_TRUE(sender.DoPackAndSend());
+    const bool given_up = allocations_left == 0;
+    allocations_left = -1;
+    client.Flush(2);
+    const size_t lost = dropped();
+    size_t received = 0;
+    EXPECT_TRUE(agent.WaitUntil([&](const AgentSocket::Packets& packets) {
+      received = PointsOf(packets).size();
+      return received + lost >= 4 * kSeries;
+    })) << left;
+    EXPECT_EQ(received + lost, 4 * kSeries) << "dropped " << lost << " after " << left;
+    agent.Take();
+    all_dropped += lost;
+    ++flushes;
+    if (!given_up) break;
+  }
+  EXPECT_GT(flushes, 30u);
+  EXPECT_GT(all_dropped, 10u);
+  EXPECT_TRUE(agent.Errors().empty());
+}
+
+TEST(ShortageTest, TheLibrarysThreadsOutliveALackOfMemory) {
+  const TempDir dir;
+  AgentSocket agent(dir.File("s"));
+  TestClientOptions options = ReportTo(agent.path(), 1);
+  options.core = {true, true};
+  options.core.monitor_interval = 100;
+  options.core.expire_seconds = 1000;  // a pass every 100 ms
+  TestClient client(std::move(options));
+  METRICS::Metric* const metric = client.Metric("m", {"w"});
+  const long threads = ThreadCount();
+  double emitted = 0, received = 0;
+  const std::string log = LogOf(
+      [&] {
+        own_threads_starve = true;
+        for (int i = 0; i < 250; ++i) {  // over two boundaries at least
+          metric->WithTags({{"w", std::to_string(i)}})->Emit({METRICS::Add(1)});
+          ++emitted;
+          std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        own_threads_starve = false;
+      },
+      3);
+  for (const char* what : {"ms_expirer: out of memory, a pass",
+                           "ms_monitor: out of memory, a round", "t1: out of memory, a flush"}) {
+    EXPECT_GE(CountOf(std::string("]") + what + " given up\n", log), 2u) << what;
+  }
+  EXPECT_EQ(ThreadCount(), threads);
+  EXPECT_TRUE(agent.WaitUntil([&](const AgentSocket::Packets& packets) {
+    received = 0;
+    for (const Point& point : PointsOf(packets)) {
+      received += point.name == "p.m.delta_counter" ? point.values.back() : 0;
+    }
+    return received >= emitted;
+  }));
+  EXPECT_EQ(received, emitted);
 }
 
 }  // namespace

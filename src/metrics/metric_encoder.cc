@@ -1,5 +1,7 @@
 #include "metrics/metric_encoder.h"
 
+#include <new>
+
 #include "metrics/metric.h"
 #include "metrics/metric_client.h"
 #include "metrics/metric_configer.h"
@@ -31,6 +33,7 @@ constexpr char kSdkVersion[] = "1.0.4";
 
 // The header of a block.
 constexpr uint32_t kBlockSeriesOffset = 4;
+constexpr size_t kBlockHeaderBytes = 29;  // beside the name and the fields
 
 constexpr uint32_t kValueBytes = sizeof(double);
 
@@ -99,6 +102,28 @@ void MetricEncoder::EncodeTenantTags(EPacket& packet) {
 
 void MetricEncoder::PackCollector(
     const std::vector<std::shared_ptr<MetricCollectorBase>>& collectors) {
+  try {
+    PackAll(collectors);
+  } catch (const std::bad_alloc&) {
+    // Headers and records get their room before their first byte: what the packets hold is whole.
+    RefillMetricHeader(pack_);
+    RefillMetricHeader(prev_pack_);
+    EndFlush();
+    throw;
+  }
+  EndFlush();
+}
+
+void MetricEncoder::EndFlush() {
+  CleanUpPackage();
+  // Nothing is locked here: the last pin of a metric or registry destroys it.
+  metric_.reset();
+  registry_.reset();
+}
+
+void MetricEncoder::CountLostSeries() { sender_->CountLostSeries(); }
+
+void MetricEncoder::PackAll(const std::vector<std::shared_ptr<MetricCollectorBase>>& collectors) {
   for (const std::shared_ptr<MetricCollectorBase>& collector : collectors) {
     metric_ = collector->PinMetric();
     std::shared_ptr<MetricRegistry> registry =
@@ -117,10 +142,6 @@ void MetricEncoder::PackCollector(
     metric_->emit_success_.SpreadAsAsked();
     PackMetric(collector);
   }
-  CleanUpPackage();
-  // Nothing is locked here: the last pin of a metric or registry destroys it.
-  metric_.reset();
-  registry_.reset();
 }
 
 void MetricEncoder::PackMetric(const std::shared_ptr<MetricCollectorBase>& collector) {
@@ -279,6 +300,8 @@ void MetricEncoder::PutMetricHeader(EPacket& pack, MetricsType type, unsigned in
 void MetricEncoder::EncodeMetricHeader(MetricDataPack& pack, MetricsType type, unsigned int hash,
                                        const std::string& name, const std::string& fields,
                                        long timestamp, bool save) {
+  // Ahead of the first byte: where memory runs out, no part of a header is left behind.
+  pack.Reserve(static_cast<int32_t>(kBlockHeaderBytes + name.size() + fields.size()));
   pack.header_offset = static_cast<uint32_t>(pack.Used());
   PutMetricHeader(pack, type, hash, name, fields, timestamp);
   if (save) {
@@ -305,8 +328,9 @@ bool MetricEncoder::RefuseRecord(size_t bytes) {
 }
 
 void MetricEncoder::CopyFromCurrentMetricHeader(MetricDataPack& pack) {
-  pack.header_offset = static_cast<uint32_t>(pack.Used());
+  const auto start = static_cast<uint32_t>(pack.Used());
   PutBytes(pack, pack.header_copy);
+  pack.header_offset = start;
 }
 
 void MetricEncoder::EncodeOneSeriesValue(MetricDataPack& pack, std::string_view tag_block,

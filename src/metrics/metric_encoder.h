@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -52,7 +53,9 @@ class MetricEncoderBase {
 /// Two packets grow side by side: one of the flush's boundary, and one of the interval before it
 /// for counters that begin or resume. A packet is sent when it has reached 262143 bytes, when the
 /// registry changes and at the end; a series record is never split, so a packet can be longer.
-/// What a cell has reported is gone from it, whether or not the packet arrives.
+/// What a cell has reported is gone from it, whether or not the packet arrives. A flush that runs
+/// out of memory sends the records that it has and throws; the cells that it had not come to keep
+/// theirs.
 class MetricEncoder final : public MetricEncoderBase {
  public:
   using SuffixOf = std::string& (*)(const unsigned long&);
@@ -99,7 +102,14 @@ class MetricEncoder final : public MetricEncoderBase {
  private:
   void EncodeCodecHeader(const std::string& tenant);
   void EncodeTenantTags(EPacket& packet);
+  void PackAll(const std::vector<std::shared_ptr<MetricCollectorBase>>& collectors);
+  void EndFlush();
+  void CountLostSeries();
   void PackMetric(const std::shared_ptr<MetricCollectorBase>& collector);
+  /// Drains a series or a cell and writes what it reports: `work`. Where memory runs out in
+  /// between, that is lost, and the sender counts it.
+  template <class Work>
+  void DrainAndWrite(Work work);
   /// Sends what both packets hold.
   void CleanUpPackage();
   void RePackFromRegistry(MetricDataPack& pack);
@@ -216,6 +226,16 @@ class MetricEncoder final : public MetricEncoderBase {
   /// Places in `blocks_` by suffix, of those behind the first `kSearchedBlocks`.
   std::unordered_multimap<std::string, size_t> more_blocks_;
 };
+
+template <class Work>
+void MetricEncoder::DrainAndWrite(Work work) {
+  try {
+    work();
+  } catch (const std::bad_alloc&) {
+    CountLostSeries();
+    throw;
+  }
+}
 
 /// Whether a cell reported what its type asks for: false when `values` is empty, and, with a Warn
 /// line, when its size is not `expected`.

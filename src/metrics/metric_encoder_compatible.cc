@@ -72,17 +72,19 @@ void MetricEncoder::EncodeCompatible(const MetricsType& type, std::vector<Series
     if (!item.active_.load(std::memory_order_relaxed)) {
       continue;
     }
-    const SendRes res = item.Data()->Send(static_cast<unsigned int>(interval_));
-    if (!CheckSendRes(type, res.values, array_size)) {
-      continue;
-    }
-    EncodeCompatibleMetricTagKV(items[k]);
-    EncodeOneSeriesValue(pack_, item.encoded_tags_, {}, res.values);
-    ContinueBlockIfSent(k + 1 == items.size());
-    if (res.need_prev) {
-      cur_tag_kv_ = item.encoded_tags_;
-      EncodeExtendCompatibleSeries(type, res.prev_value);
-    }
+    DrainAndWrite([&] {
+      const SendRes res = item.Data()->Send(static_cast<unsigned int>(interval_));
+      if (!CheckSendRes(type, res.values, array_size)) {
+        return;
+      }
+      EncodeCompatibleMetricTagKV(items[k]);
+      EncodeOneSeriesValue(pack_, item.encoded_tags_, {}, res.values);
+      ContinueBlockIfSent(k + 1 == items.size());
+      if (res.need_prev) {
+        cur_tag_kv_ = item.encoded_tags_;
+        EncodeExtendCompatibleSeries(type, res.prev_value);
+      }
+    });
   }
   RefillMetricHeader(pack_);
 }
@@ -100,15 +102,17 @@ void MetricEncoder::EncodeCompatibleWithSuffix(const MetricsType& type,
     }
     EncodeCompatibleMetricTagKV(series);
     cur_tag_kv_ = item.encoded_tags_;
-    const SendRes res = item.Data()->Send(static_cast<unsigned int>(interval_));
-    if (!CheckSendRes(type, res.values, array_size)) {
-      continue;
-    }
-    DoPackSuffixMetric(pack_, BlocksOf(std::string(), type, false), res.values.data(),
-                       sender_->last_flush_ts_);
-    if (res.need_prev) {
-      EncodeExtendCompatibleSeries(type, res.prev_value);
-    }
+    DrainAndWrite([&] {
+      const SendRes res = item.Data()->Send(static_cast<unsigned int>(interval_));
+      if (!CheckSendRes(type, res.values, array_size)) {
+        return;
+      }
+      DoPackSuffixMetric(pack_, BlocksOf(std::string(), type, false), res.values.data(),
+                         sender_->last_flush_ts_);
+      if (res.need_prev) {
+        EncodeExtendCompatibleSeries(type, res.prev_value);
+      }
+    });
     if (CheckMsgLenAndSend(pack_, false)) {
       RePackFromRegistry(pack_);
     }

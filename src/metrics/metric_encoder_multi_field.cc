@@ -16,7 +16,7 @@ void MetricEncoder::PackMultiFeildMetric(std::vector<Series>& items) {
     if (!items[k].second->active_.load(std::memory_order_relaxed)) {
       continue;
     }
-    EncodeMultiFieldSeries(items[k]);
+    DrainAndWrite([&] { EncodeMultiFieldSeries(items[k]); });
     ContinueBlockIfSent(k + 1 == items.size());
   }
   RefillMetricHeader(pack_);

@@ -150,7 +150,7 @@ void MetricEncoder::PackListedSeries(const Series& series, const ListedSeries& l
     cur_tag_kv_ = "";  // reported: its records go out without tags
   }
   for (size_t i = 0; i < listed.cells.size(); ++i) {
-    EncodeMetricWithSuffix(listed.cells[i], i);
+    DrainAndWrite([&] { EncodeMetricWithSuffix(listed.cells[i], i); });
     if (CheckMsgLenAndSend(pack_, false)) {
       RePackFromRegistry(pack_);
     }

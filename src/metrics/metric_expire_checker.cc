@@ -11,6 +11,7 @@
 #include "util/metric_thread.h"
 #include "util/thread_slot.h"
 #include "util/wait.h"
+#include "util/within_memory.h"
 
 namespace METRICS {
 namespace {
@@ -58,9 +59,15 @@ void MetricExpireChecker::DoCheck(std::shared_ptr<MetricCollectorFactory> factor
   while (state_.load() == MetricState::READY &&
          factory->state_.load(std::memory_order_relaxed) == MetricState::READY) {
     const long now = ::time(nullptr);
-    const CollectorList collectors = factory->GetAll();
-    for (const CollectorPtr& collector : collectors) {
-      CheckCollector(collector, now);
+    CollectorList collectors;
+    const bool done = RunWithinMemory("ms_expirer", "a pass", [&] {
+      collectors = factory->GetAll();
+      for (const CollectorPtr& collector : collectors) {
+        CheckCollector(collector, now);
+      }
+    });
+    if (!done) {
+      expired_.clear();
     }
     if (!SyncMilliStepSleep(interval, kSliceMillis, state_)) {
       return;

@@ -16,6 +16,7 @@
 #include "util/metric_log.h"
 #include "util/metric_thread.h"
 #include "util/thread_slot.h"
+#include "util/within_memory.h"
 
 namespace METRICS {
 namespace {
@@ -179,10 +180,14 @@ void MetricSelfMonitor::ClickLoop(std::shared_ptr<MetricFactory> factory, int in
   DoWithoutThreadSlot();
   const long heartbeat = 1;
   while (state_.load() == MetricState::READY) {
-    LogIfFailed(BindVersion());  // the series may have been erased meanwhile
-    statistic_.version_data->Emit(heartbeat);
-    statistic_.version_item->Refresh();
-    if (!EmitForMetric(factory) || !SyncMilliStepSleep(interval, kSliceMillis, state_)) {
+    bool in_service = true;
+    RunWithinMemory("ms_monitor", "a round", [&] {
+      LogIfFailed(BindVersion());  // the series may have been erased meanwhile
+      statistic_.version_data->Emit(heartbeat);
+      statistic_.version_item->Refresh();
+      in_service = EmitForMetric(factory);
+    });
+    if (!in_service || !SyncMilliStepSleep(interval, kSliceMillis, state_)) {
       return;
     }
   }

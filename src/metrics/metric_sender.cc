@@ -18,6 +18,7 @@
 #include "util/metric_log.h"
 #include "util/metric_thread.h"
 #include "util/thread_slot.h"
+#include "util/within_memory.h"
 
 namespace METRICS {
 namespace {
@@ -28,6 +29,13 @@ constexpr int kMaxInterval = std::numeric_limits<int32_t>::max() / kMillisPerSec
 constexpr int kIntervalTries = 3;
 
 using std::chrono::steady_clock;
+
+void AddTo(const AtomicSharedPtr<MetricBasicData>& cell, long amount) {
+  const std::shared_ptr<MetricBasicData> data = cell.Load();
+  if (data != nullptr) {
+    data->Emit(amount);
+  }
+}
 
 }  // namespace
 
@@ -59,7 +67,7 @@ void MetricSender::Send(std::string tenant) {
     return;
   }
   FetchTenantInterval(tenant);
-  WarnOfIntervals(tenant);
+  RunWithinMemory(tenant.c_str(), "a check of intervals", [&] { WarnOfIntervals(tenant); });
   while (state_.load(std::memory_order_acquire) == MetricState::INIT) {
     SleepMillis(kPollMillis);
   }
@@ -75,11 +83,13 @@ void MetricSender::Send(std::string tenant) {
 void MetricSender::FetchTenantInterval(const std::string& tenant) {
   for (int attempt = 0; attempt < kIntervalTries && state_.load() != MetricState::SHUTDOWN;
        ++attempt) {
-    const auto [found, interval] = client_->configer_->impl_->GetTenantInterval(tenant);
-    if (found) {
-      interval_.exchange(interval);
+    std::pair<bool, int> answer{false, 0};
+    RunWithinMemory(tenant.c_str(), "a question for the interval",
+                    [&] { answer = client_->configer_->impl_->GetTenantInterval(tenant); });
+    if (answer.first) {
+      interval_.exchange(answer.second);
       METRICS_LOG_INFO("tenant config interval: tenant= %s, interval= %d\n", tenant.c_str(),
-                       interval);
+                       answer.second);
       return;
     }
   }
@@ -144,6 +154,11 @@ bool MetricSender::DoPackAndSend() {
   if (collector_factory_->state_.load(std::memory_order_relaxed) != MetricState::READY) {
     return false;
   }
+  RunWithinMemory(tenant_.c_str(), "a flush", [this] { Flush(); });
+  return true;
+}
+
+void MetricSender::Flush() {
   const int64_t start = WallMicros();
   const CollectorList collectors =
       collector_factory_->GetTenantSendCollector(tenant_, interval_.load(), last_flush_ts_);
@@ -154,7 +169,6 @@ bool MetricSender::DoPackAndSend() {
     client_->self_monitor_->EmitForSenderLatency(tenant_, "tenant", WallMicros() - start);
     InitStat();  // keeps both series alive, also where nothing is sent or dropped for hours
   }
-  return true;
 }
 
 void MetricSender::InitStat() {
@@ -194,18 +208,18 @@ void MetricSender::UpdateStatTime(bool success) {
   }
 }
 
+void MetricSender::CountLostSeries() {
+  METRICS_LOG_ERROR("Sender[%s] A series dropped, no memory to pack what it reports\n",
+                    tenant_.c_str());
+  AddTo(statistic_.drop_series, 1);
+}
+
 void MetricSender::AccountPacket(bool delivered, int bytes, int64_t started_micros) {
-  const auto add = [](const AtomicSharedPtr<MetricBasicData>& cell, long amount) {
-    const std::shared_ptr<MetricBasicData> data = cell.Load();
-    if (data != nullptr) {
-      data->Emit(amount);
-    }
-  };
   const int64_t now = WallMicros();
   const Statistic& stat = statistic_;
-  add(delivered ? stat.send_bytes : stat.drop_bytes, bytes);
-  add(delivered ? stat.send_metrics : stat.drop_metrics, stat.metric_num);
-  add(delivered ? stat.send_series : stat.drop_series, stat.series_num);
+  AddTo(delivered ? stat.send_bytes : stat.drop_bytes, bytes);
+  AddTo(delivered ? stat.send_metrics : stat.drop_metrics, stat.metric_num);
+  AddTo(delivered ? stat.send_series : stat.drop_series, stat.series_num);
   client_->self_monitor_->EmitForSenderLatency(tenant_, "package", now - started_micros);
 }
 
@@ -269,7 +283,7 @@ void MetricSender::FlushAndExit() {
   // A flush that was running meanwhile was the last one: what it had not due, and what came in
   // after its boundary, is lost.
   if (work_state_ != WorkState::kWorking) {
-    FlushRest();
+    RunWithinMemory(tenant_.c_str(), "the last flush", [this] { FlushRest(); });
   }
   CloseSocket();
   METRICS_LOG_WARN("MetricSender[%s] FlushAndExit, interval: %d, exit cost: %ldms\n",

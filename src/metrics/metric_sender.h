@@ -77,9 +77,12 @@ class MetricSender {
   bool AdjustTime(const std::string& tenant, long& flush_ts, int& left_ms, const int& interval);
   /// Length of a slice of sleep for a period, both in milliseconds.
   static int AdjustSleepStep(int interval_ms);
-  /// One flush of what is due at `last_flush_ts_`. False: the thread must end.
+  /// One flush of what is due at `last_flush_ts_`. False: the thread must end. Where memory runs
+  /// out it ends early, and what it had not drained goes out with the next one.
   bool DoPackAndSend();
   void DoNothing() {}
+  /// Accounts for what a cell reported and the encoder had no memory to write.
+  void CountLostSeries();
   /// Binds the handles of `statistic_` to the self monitor's series and marks these as alive. Runs
   /// at each flush.
   void InitStat();
@@ -133,6 +136,7 @@ class MetricSender {
   /// Sleeps to the next boundary and stores it in `flush_ts`, with a line if one was missed.
   bool SleepToBoundary(const std::string& tenant, int64_t& flush_ts, int& left_ms, int period_ms,
                        int step_ms);
+  void Flush();
   void Loop(const std::string& tenant, int period_ms);
   void JoinThread();
   void FlushRest();

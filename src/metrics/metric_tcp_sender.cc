@@ -15,6 +15,7 @@
 #include "metrics/metric_encoder.h"
 #include "util/fork_guard.h"
 #include "util/metric_log.h"
+#include "util/within_memory.h"
 
 namespace METRICS {
 namespace {
@@ -109,9 +110,14 @@ bool MetricTcpSender::Connect(const tidegate::Endpoint& endpoint) const {
 
 void MetricTcpSender::SendToSocket(char* buf, int len) {
   tcp_state_ = TcpState::kWriteHeader;
-  const std::string data(buf, static_cast<size_t>(len));
-  const MetricProducerPacket packet = MetricProducerPacket::Create(data);
-  while (!Step(packet)) {
+  const bool delivered = RunWithinMemory(tenant_.c_str(), "a packet", [&] {
+    const std::string data(buf, static_cast<size_t>(len));
+    const MetricProducerPacket packet = MetricProducerPacket::Create(data);
+    while (!Step(packet)) {
+    }
+  });
+  if (!delivered) {
+    packets_dropped_.fetch_add(1, std::memory_order_relaxed);
   }
 }
 

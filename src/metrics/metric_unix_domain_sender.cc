@@ -14,6 +14,7 @@
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
 #include "util/metric_size_limits.h"
+#include "util/within_memory.h"
 
 namespace METRICS {
 namespace {
@@ -112,15 +113,18 @@ void MetricUnixDomainSender::CountFailure(int error) const {
 void MetricUnixDomainSender::SendToSocket(char* buf, int len) {
   const int64_t start = WallMicros();
   int error = 0;
-  const bool delivered = Deliver(buf, len, error);
+  bool delivered = false;
+  RunWithinMemory(tenant_.c_str(), "a packet", [&] { delivered = Deliver(buf, len, error); });
   (delivered ? packets_delivered_ : packets_dropped_).fetch_add(1, std::memory_order_relaxed);
   if (!monitor_enabled_.load(std::memory_order_relaxed)) {
     return;
   }
-  AccountPacket(delivered, len, start);
-  if (!delivered) {
-    CountFailure(error);
-  }
+  RunWithinMemory(tenant_.c_str(), "the account of a packet", [&] {
+    AccountPacket(delivered, len, start);
+    if (!delivered) {
+      CountFailure(error);
+    }
+  });
   UpdateStatTime(delivered);
 }
 
