@@ -18,7 +18,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using tidegate::agent::Packet;
-using tidegate::agent::Tag;
 
 // The packets of a flush at second 1000.
 std::vector<Packet> Flush(tidegate::test::ListSender& sender, const CollectorList& collectors) {
@@ -32,8 +31,8 @@ std::string Outline(const std::vector<Packet>& packets) {
   std::ostringstream text;
   for (const Packet& packet : packets) {
     for (const auto& block : packet.blocks) {
-      text << (&block == &packet.blocks[0] ? "" : ",") << block.name << " " << int{block.wire_type}
-           << "@" << block.timestamp << "x" << block.series.size();
+      text << (&block == packet.blocks.data() ? "" : ",") << block.name << " "
+           << int{block.wire_type} << "@" << block.timestamp << "x" << block.series.size();
     }
     text << "|";
   }
