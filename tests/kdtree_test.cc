@@ -9,6 +9,7 @@
 #include "support/agent_socket.h"
 #include "support/environment.h"
 #include "util/metric_log.h"
+#include "util/metric_size_limits.h"
 
 namespace METRICS {
 namespace {
@@ -118,22 +119,27 @@ TEST_P(CollectorKindTest, ANewSeriesIsTracedAndOneWithMoreThan64MiBOfTagsRefused
                   0),
               testing::HasSubstr("[MetricSDK][Debug]Create a Item in " + in +
                                  " with DataBase type: 1 with tag value: 1||3|\n"));
-  std::string most((64 << 20) - 3, 'v');  // the names are the rest
-  EXPECT_NE(metric.WithTagValues({most, "", ""}), DummyItem());
+  EXPECT_EQ(metric.impl_->send_tag_bytes_, 3u) << "of the names";
   Metric* compatible = nullptr;
-  metric.registry_->CreateMetric(compatible, {MetricCoItemType::kCoItemCompatible,
-                                              MetricInstanceCfg{"c", {}, {}, {}, nullptr}});
+  metric.registry_->CreateMetric(compatible,
+                                 {MetricCoItemType::kCoItemCompatible, {"c", {}, {}, {}, nullptr}});
   const std::string log = LogOf(
       [&] {
-        EXPECT_EQ(metric.WithTagValues({most, "", "x"}), DummyItem());
-        EXPECT_EQ(metric.WithTagValues({most}), DummyItem());
-        EXPECT_EQ(metric.WithTagMap({{"b", most}}), DummyItem());
-        most += "four";
-        EXPECT_EQ(compatible->impl_->CEmit(1, {"", std::move(most)}), ReturnCode::kNotSupported);
+        EXPECT_EQ(compatible->impl_->CEmit(1, {"k", std::string(64 << 20, 'v')}),
+                  ReturnCode::kNotSupported);
+        for (Metric* const each : {&metric, compatible}) {  // 3 are left beside their own tags
+          each->impl_->send_tag_bytes_ = kMaxSeriesTagBytes - 3;
+        }
+        EXPECT_NE(metric.WithTagValues({"x", "yz", ""}), DummyItem());
+        EXPECT_EQ(metric.WithTagValues({"x", "yz", "-"}), DummyItem());
+        EXPECT_EQ(metric.WithTagValues({"xy"}), DummyItem());
+        EXPECT_EQ(metric.WithTagMap({{"b", "xy"}}), DummyItem());
+        EXPECT_EQ(compatible->impl_->CEmit(1, {"k", "v"}), ReturnCode::kOk);
+        EXPECT_EQ(compatible->impl_->CEmit(1, {"k", "xyz"}), ReturnCode::kNotSupported);
       },
       3);
-  EXPECT_EQ(CountOf(" too long, bytes: 6710886", log), 4u) << log;
-  EXPECT_TRUE(metric.emit_fail_ == 3 && compatible->emit_fail_ == 1 && bench.Total() == 2);
+  EXPECT_EQ(CountOf(" too long, bytes: 6710886", log), 5u) << log;
+  EXPECT_TRUE(metric.emit_fail_ == 3 && compatible->emit_fail_ == 2 && bench.Total() == 3);
 }
 
 TEST(DebugMsgTest, CutsItsTextAt1023Bytes) {

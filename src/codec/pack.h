@@ -37,7 +37,7 @@ class Pack {
       return true;
     }
     constexpr size_t kMaxUsed = INT32_MAX - 4096;  // with what `Grow` adds
-    if (n > kMaxUsed - static_cast<size_t>(Used())) {
+    if (n > kMaxUsed || static_cast<size_t>(Used()) > kMaxUsed - n) {
       return false;
     }
     Grow(static_cast<int32_t>(n));
