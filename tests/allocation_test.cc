@@ -280,6 +280,7 @@ TEST(AllocationTest, WhereOneFailsASeriesIsWholeAndHasWhatItTookAndNoMore) {
       bound = BoundSeries();
       const auto item = &way.metric == &compatible ? compatible.impl_->WithCompatibleTags({"a", of})
                                                    : way.metric.WithTags(tags(of));
+      EXPECT_FALSE(item->IsHeld());
       const CellPtr cell = way.cell.empty() ? item->Data() : item->Fields().at(way.cell);
       const std::vector<double> values = cell->Send(1).values;
       if (way.cell == "histogram") {
@@ -290,6 +291,16 @@ TEST(AllocationTest, WhereOneFailsASeriesIsWholeAndHasWhatItTookAndNoMore) {
         EXPECT_EQ(values, std::vector<double>{2});
       }
     }
+    ASSERT_EQ(bound.Bind(&metric, tags("anew"), IncrCounter(0)), ReturnCode::kOk);
+    registry.Block();
+    registry.UnBlock();
+    long left = 0;
+    while (left < 1000 && !Manages(left, [&] { bound.Emit(1); })) ++left;
+    EXPECT_GT(left, 3) << "it is bound anew";
+    bound = BoundSeries();
+    const auto item = metric.WithTags(tags("anew"));
+    EXPECT_FALSE(item->IsHeld());
+    EXPECT_EQ(item->Fields().at("counter")->Send(1).values, std::vector<double>{1});
   }
 }
 
