@@ -88,9 +88,9 @@ TEST_F(CollectorTest, FactoryKeepsOneCollectorPerTenantAndNameAndRemovesNoOther)
   const CollectorPtr collector = factory_.CreateCollector("t1", "x", metric_);
   EXPECT_EQ(factory_.CreateCollector("t1", "x", metric_), collector);
   EXPECT_NE(factory_.CreateCollector("t2", "x", metric_), collector);
-  factory_.RemoveCollector("t2", "x", collector.get());  // not the one that stands there
+  EXPECT_EQ(factory_.RemoveCollector("t2", "y"), ReturnCode::kObjectNotExisted);
   EXPECT_EQ(factory_.GetAll().size(), 3u);
-  factory_.RemoveCollector("t1", "x", collector.get());
+  EXPECT_EQ(factory_.RemoveCollector("t1", "x"), ReturnCode::kOk);
   EXPECT_EQ(factory_.GetAll().size(), 2u);
 }
 

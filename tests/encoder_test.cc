@@ -271,11 +271,9 @@ TEST_F(EncoderTest, ASeriesWhoseTagsAreNotItsMetricsIsReportedOnceAFlush) {
     void AtFork() override {}
     void SendToSocket(char* /*buf*/, int /*len*/) override {}
   } sender("t1", &*client_);
-  Make("p.q");
-  Metric* other = nullptr;  // of the same full name, and so in the same collector
-  client_.Registry("p")->CreateMetric(other, "q.m", {"a", "b"}, nullptr);
-  other->WithTags({{"a", "quiet"}});
-  other->WithTags({})->Emit({Observe(1), IncrCounter(1)});
+  MetricCollectorBase& collector = *Make("p.q")->impl_->collector_;
+  collector.GetOrCreate({"quiet", "-"});
+  collector.GetOrCreate({"-", "-"})->Emit({Observe(1), IncrCounter(1)});
   const CollectorList collectors = All();
   const std::string log =
       tidegate::test::LogOf([&] { sender.encoder_->PackCollector(collectors); }, 3);

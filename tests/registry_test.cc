@@ -3,15 +3,21 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
+#include <functional>
+#include <future>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
+#include "metrics/bound_series.h"
 #include "metrics/global_resources_limit.h"
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_factory.h"
 #include "support/environment.h"
+#include "support/list_sender.h"
 
 namespace METRICS {
 namespace {
@@ -140,6 +146,179 @@ TEST_F(RegistryTest, BlockingDropsSeriesAndKeepsMetricsAndUnblockingRevivesAnyth
   EXPECT_TRUE(held->state_ == MetricState::SHUTDOWN && held->GetAllMetricNames().empty());
   held->UnBlock();
   EXPECT_EQ(held->state_.load(), MetricState::READY);
+}
+
+// How a metric, or its series, can end.
+struct End {
+  const char* name;
+  std::function<void(MetricClient&, MetricRegistry&, const std::string& metric)> run;
+};
+const End kEnds[] = {
+    {"RemoveMetric", [](auto&, auto& registry, auto& metric) { registry.RemoveMetric(metric); }},
+    {"RemoveRegistry",
+     [](auto& client, auto& registry, auto&) { client.RemoveRegistry(registry.Prefix(), "t1"); }},
+    {"Clear", [](auto&, auto& registry, auto&) { registry.Clear(); }},
+    {"Block", [](auto& client, auto& registry, auto&) { client.Block(registry.Prefix(), "t1"); }},
+};
+
+// Two metrics with the full name a.b.c.
+class NamesakesTest : public testing::Test {
+ protected:
+  struct Namesake {
+    MetricRegistry* registry;
+    std::string name;
+    Metric* metric;
+  };
+
+  Namesake Make(const std::string& prefix, const std::string& name, Strings tag_names) {
+    Namesake made{client_.Registry(prefix), name, nullptr};
+    EXPECT_EQ(made.registry->CreateMetric(made.metric, name, std::move(tag_names), nullptr),
+              R::kOk);
+    return made;
+  }
+  bool Emit(Metric* metric, int number) {
+    const R code = metric->WithTags({{"x", "1"}})->Emit({Incr(number)});
+    if (code == R::kOk) accepted_ += number;
+    return code == R::kOk;
+  }
+  // Flushes, and gives what has been reported under the name so far.
+  double Reported() {
+    sender_.encoder_->PackCollector(
+        client_->collector_factory_->GetTenantSendCollector("t1", 1, 0));
+    for (const auto& packet : std::exchange(sender_.packets, {})) {
+      for (const auto& block : packet.blocks) {
+        for (const auto& series : block.series) {
+          if (block.name == "a.b.c.rate") reported_ += series.values.at(0);
+        }
+      }
+    }
+    return reported_;
+  }
+
+  tidegate::test::TestClient client_;
+  tidegate::test::ListSender sender_{client_};
+  std::atomic<int> accepted_{0};
+  double reported_ = 0;
+};
+
+TEST_F(NamesakesTest, OfTwoWithEqualTagsTheOneThatIsLeftLosesNothing) {
+  Metric* stat = nullptr;
+  client_.Registry("stat")->CreateMetric(stat, Cfg("s", {"metric_name"}, {}, nullptr,
+                                                   {{"emit.success", T::kRate},
+                                                    {"emit.fail", T::kRate},
+                                                    {"cache.series", T::kGauge},
+                                                    {"cache.mem", T::kGauge}}));
+  for (const End& end : kEnds) {
+    for (const bool first_ends : {true, false}) {
+      SCOPED_TRACE(testing::Message() << end.name << " of the first: " << first_ends);
+      Namesake ended = Make("a.b", "c", {"x"}), left;
+      const std::string log = tidegate::test::LogOf([&] { left = Make("a", "b.c", {"x"}); }, 2);
+      EXPECT_THAT(log,
+                  testing::HasSubstr("Metric tenant[t1] [a][b.c] has the full name of [a.b][c]: "
+                                     "they share their series\n"));
+      if (!first_ends) std::swap(ended, left);
+      EXPECT_TRUE(Emit(ended.metric, 1) && Emit(left.metric, 10));
+      left.metric->EmitStat(stat);
+      const auto held = left.metric->WithTags({{"x", "1"}});
+      {
+        tidegate::test::Workers others;
+        others.Start(2, [&](int) { Emit(left.metric, 100); });
+        Reported();
+        end.run(*client_, *ended.registry, ended.name);
+        Reported();
+      }
+      EXPECT_TRUE(Emit(left.metric, 1000));
+      EXPECT_EQ(left.metric->WithTags({{"x", "1"}}), held) << "the series goes on";
+      EXPECT_EQ(Reported(), accepted_);
+      const CellPtr success =
+          stat->WithTags({{"metric_name", "a.b.c"}})->Fields().at("emit.success");
+      success->Send(1);
+      left.metric->EmitStat(stat);
+      EXPECT_GE(success->Send(1).values.at(0), 1) << "and is still counted";
+      left.registry->RemoveMetric(left.name);
+      client_->UnBlock("a.b", "t1");
+      client_->UnBlock("a", "t1");
+      ended.registry = client_.Registry(ended.name == "c" ? "a.b" : "a");
+      ended.registry->RemoveMetric(ended.name);
+      EXPECT_EQ(client_->collector_factory_->GetAll().size(), 1u) << "that of the statistics";
+      EXPECT_EQ(client_->collector_factory_->total_series_, 1u);
+      client_->RemoveRegistry(ended.registry->Prefix(), "t1");
+    }
+  }
+}
+
+TEST_F(NamesakesTest, OneWithOtherTagsIsRefusedUntilTheFirstHasGone) {
+  for (const uint32_t kind : {0u, 1u}) {
+    client_->collector_factory_->collector_kind_ = kind;
+    const Namesake first = Make("a.b", "c", {"x"});
+    Namesake second;
+    const std::string made = tidegate::test::LogOf(
+        [&] {
+          second = Make("a", "b.c", {"x", "y"});
+        },
+        2);
+    EXPECT_THAT(made,
+                testing::HasSubstr("Metric tenant[t1] [a][b.c] has the full name of [a.b][c]: "
+                                   "its emissions are refused\n"));
+    const std::string refused = tidegate::test::LogOf(
+        [&] {
+          for (int i = 0; i < 3; ++i) EXPECT_FALSE(Emit(second.metric, 1));
+          EXPECT_EQ(second.metric->WithTagValues({"1", "2"}), DummyItem());
+          EXPECT_EQ(second.metric->WithTagMap({}), DummyItem());
+          BoundSeries bound;
+          EXPECT_EQ(bound.Bind(second.metric, {}, Incr(0)), R::kNotSupported);
+        },
+        2);
+    EXPECT_EQ(
+        tidegate::test::CountOf("[a][b.c]: refused, another metric has its full name\n", refused),
+        1u)
+        << refused;
+    EXPECT_EQ(second.metric->emit_fail_, 6u);
+    EXPECT_TRUE(Emit(first.metric, 10));
+    Emit(client_.Metric("unrelated", {"x"}, "a.b"), 0);
+    EXPECT_EQ(Reported(), accepted_);
+    first.registry->RemoveMetric("c");
+    EXPECT_TRUE(Emit(second.metric, 100));
+    EXPECT_EQ(Reported(), accepted_);
+    second.registry->RemoveMetric("b.c");
+  }
+}
+
+// A collector whose series, as they die, do `look`; once.
+class WatchedCollector final : public MetricCollectorBase {
+ public:
+  WatchedCollector(MetricClient& client, Metric* metric, std::function<void()> look)
+      : MetricCollectorBase(client.collector_factory_.get(), metric), look_(std::move(look)) {}
+  SeriesRemains TakeAll() override {
+    return {this, [](void* self) {
+              if (auto look = std::exchange(static_cast<WatchedCollector*>(self)->look_, nullptr)) {
+                look();
+              }
+            }};
+  }
+
+ private:
+  std::function<void()> look_;
+};
+
+TEST(RemovalTest, SeriesDieWithoutTheLocksOfTheTables) {
+  for (const End& end : kEnds) {
+    SCOPED_TRACE(end.name);
+    tidegate::test::TestClient client;
+    Metric* const metric = client.Metric("m");
+    MetricRegistry& registry = *client.Registry("p");
+    bool free = false;
+    std::future<void> other;
+    metric->impl_->collector_ = std::make_shared<WatchedCollector>(*client, metric, [&] {
+      other = std::async(std::launch::async, [&] {
+        client->metric_factory_->GetAllRegistryNames();
+        registry.GetAllMetricNames();
+      });
+      free = other.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+    });
+    end.run(*client, registry, "m");
+    EXPECT_TRUE(free);
+  }
 }
 
 }  // namespace

@@ -176,13 +176,13 @@ TEST(RoadTest, MetricsThatShareAFullNameOutliveEachOther) {
   emitters.Start(2, [&](int i) { second->WithTags({{"w", std::to_string(i)}})->Emit({Add(1)}); });
   EXPECT_EQ(first->registry_->RemoveMetric("c"), ReturnCode::kOk);
   for (int now = 1001; now < 1050; ++now) client.Flush(now);  // meets what is left
-  client.Metric("c", {}, "a.b")->WithTags({})->Emit({Add(4)});
+  client.Metric("c", {"w"}, "a.b")->WithTags({{"w", "4"}})->Emit({Add(4)});
   emitters.Stop();
   EXPECT_EQ(second->registry_->RemoveMetric("b.c"), ReturnCode::kOk);
   client->FlushAndExit();
   std::map<std::string, Timeline> timelines = TimelinesOf(agent, "");
   EXPECT_EQ(timelines["a.b.c.delta_counter/0"][1000].at(0), 3);
-  EXPECT_EQ(SumOf(timelines["a.b.c.delta_counter"], 2), 4);
+  EXPECT_EQ(SumOf(timelines["a.b.c.delta_counter/4"], 2), 4);
 }
 
 }  // namespace

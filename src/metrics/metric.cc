@@ -150,10 +150,18 @@ ReturnCode Metric::EmitStat(Metric* stat_metric) {
       stat_metric->impl_->WithTags({{"metric_name", name_}});
   std::vector<MetricFieldValue> values;
   values.reserve(4);  // nothing is counted here that could not be told for want of memory
-  values.push_back(StatValue("cache.series", MetricsType::kGauge, cache_series_.load()));
-  values.push_back(StatValue("cache.mem", MetricsType::kGauge, cache_mem_.load()));
-  values.push_back(StatValue("emit.success", MetricsType::kRate, GetStatValue(emit_success_)));
-  values.push_back(StatValue("emit.fail", MetricsType::kRate, GetStatValue(emit_fail_)));
+  // Series that are shared with another metric are counted there, whether that is removed or not.
+  const std::shared_ptr<Metric>& owner = impl_->CollectorOwner();
+  Metric& counted = owner == nullptr ? *this : *owner;
+  unsigned long fails = GetStatValue(emit_fail_);
+  if (owner != nullptr) {
+    fails += GetStatValue(owner->emit_fail_);
+  }
+  values.push_back(StatValue("cache.series", MetricsType::kGauge, counted.cache_series_.load()));
+  values.push_back(StatValue("cache.mem", MetricsType::kGauge, counted.cache_mem_.load()));
+  values.push_back(
+      StatValue("emit.success", MetricsType::kRate, GetStatValue(counted.emit_success_)));
+  values.push_back(StatValue("emit.fail", MetricsType::kRate, fails));
   return item->Emit(std::move(values));
 }
 

@@ -17,6 +17,10 @@ namespace {
 constexpr unsigned long kCreatedSeriesBytes = 112;
 constexpr unsigned long kErasedSeriesBytes = 56;
 
+struct DropItem {
+  void operator()(MetricCollectorItem& item) const { item.Drop(); }
+};
+
 }  // namespace
 
 MetricCollectorBase::MetricCollectorBase(MetricCollectorFactory* factory, Metric* metric)
@@ -52,6 +56,11 @@ bool MetricCollectorBase::EraseIdle(const std::vector<std::string>& /*tag_values
 std::shared_ptr<MetricCollectorItem> MetricCollectorBase::GetOrCreateOf(
     const std::vector<std::string>& tag_values, const TagValueRefs& /*refs*/) {
   return GetOrCreate(tag_values);
+}
+
+SeriesRemains MetricCollectorBase::TakeAll() {
+  Clear();
+  return NoRemains();
 }
 
 unsigned long MetricCollectorBase::CountCells() {
@@ -115,9 +124,11 @@ std::vector<Series> HashMapCollector::GetAll() { return series_->GetAll(); }
 unsigned long HashMapCollector::SeriesSize() { return series_->Size(); }
 
 ReturnCode HashMapCollector::Clear() {
-  series_->Clear([](MetricCollectorItem& item) { item.Drop(); });
+  TakeAll();
   return ReturnCode::kOk;
 }
+
+SeriesRemains HashMapCollector::TakeAll() { return series_->TakeAll<DropItem>(); }
 
 void HashMapCollector::Erase(const std::vector<std::string>& tag_values) {
   EraseSeriesIf(tag_values, [](const MetricCollectorItem& /*item*/) { return true; });
@@ -169,6 +180,9 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::GetOrCreateOf(
 
 std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateSeries(
     const std::vector<std::string>& tag_values, uint32_t hash) {
+  if (standby_.load(std::memory_order_acquire)) {
+    return nullptr;
+  }
   if (AtSeriesQuota()) {
     return MetricImpl::GetMetricDummyItem(metric_);
   }

@@ -5,6 +5,7 @@
 #include <cassert>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -130,24 +131,26 @@ class ConcurrentHashmap {
     return erased->value;
   }
 
-  /// Takes all entries out and gives each value to `on_each`, without the lock.
+  /// Takes all entries out. Each value goes to an `OnEach` as it dies, without the lock; they live
+  /// as long as what this gives. Without memory for that they die here.
   template <class OnEach>
-  void Clear(OnEach on_each) {
-    std::vector<Link> cleared;
-    {
-      const WriteGuard guard(rwlock_);
-      total_.fetch_sub(links_.size());
-      cleared.swap(links_);
-      std::fill(buckets_.begin(), buckets_.end(), kNone);
+  SeriesRemains TakeAll() {
+    auto* const taken = new (std::nothrow) std::vector<Link>();
+    if (taken == nullptr) {
+      std::vector<Link> cleared;
+      TakeAll(cleared);
+      Bury<OnEach>(cleared);
+      return NoRemains();
     }
-    for (Link& link : cleared) {
-      on_each(*link.entry->value);
-      link.entry.reset();  // while it is near
-    }
+    TakeAll(*taken);
+    return {taken, [](void* links) {
+              const std::unique_ptr<std::vector<Link>> own(static_cast<std::vector<Link>*>(links));
+              Bury<OnEach>(*own);
+            }};
   }
-
   void Clear() {
-    Clear([](V& /*value*/) {});
+    std::vector<Link> cleared;
+    TakeAll(cleared);
   }
 
   size_t Size() {
@@ -172,6 +175,21 @@ class ConcurrentHashmap {
 
   static constexpr size_t kFirstBuckets = 8;  // a power of two, as all sizes
   static constexpr uint32_t kNone = UINT32_MAX;
+
+  template <class OnEach>
+  static void Bury(std::vector<Link>& links) {
+    for (Link& link : links) {
+      OnEach()(*link.entry->value);
+      link.entry.reset();  // while it is near
+    }
+  }
+
+  void TakeAll(std::vector<Link>& taken) {
+    const WriteGuard guard(rwlock_);
+    total_.fetch_sub(links_.size());
+    taken.swap(links_);
+    buckets_.assign(kFirstBuckets, kNone);  // in the memory that it has
+  }
 
   size_t IndexOf(uint32_t hash) const METRICS_REQUIRES_SHARED(rwlock_) {
     return hash & (buckets_.size() - 1);
@@ -338,6 +356,8 @@ class MetricCollectorBase {
   /// `GetOrCreate` of values that are equal to `refs`, which may know their hash.
   virtual std::shared_ptr<MetricCollectorItem> GetOrCreateOf(
       const std::vector<std::string>& tag_values, const TagValueRefs& refs);
+  /// As `Clear`, but the series live as long as what it gives, if the collector can do that.
+  virtual SeriesRemains TakeAll();
 
   /// A new item of this collector's kind, which is in no table yet; null for an unknown kind.
   /// `encode_tags`: with its tags encoded ahead.
@@ -357,6 +377,10 @@ class MetricCollectorBase {
   const MetricCoItemType co_type_;
   const std::string name_;
   const bool pre_encode_tags_;  ///< encode a series' tags once, when it is made
+
+  /// Another metric of the same full name has its series in packets: none is made here, and
+  /// look-ups give null. Written by the factory under its lock.
+  std::atomic<bool> standby_{false};
 
  protected:
   unsigned long CountCells();
@@ -378,6 +402,7 @@ class HashMapCollector final : public MetricCollectorBase {
   unsigned long SeriesSize() override;
   unsigned long DPSize() override { return CountCells(); }
   ReturnCode Clear() override;
+  SeriesRemains TakeAll() override;
   void Erase(const std::vector<std::string>& tag_values) override;
   std::shared_ptr<MetricCollectorItem> GetOrCreate(
       const std::vector<std::string>& tag_values) override;

@@ -1,5 +1,6 @@
 #include "metrics/metric_collector_factory.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "metrics/metric.h"
@@ -11,9 +12,21 @@
 namespace METRICS {
 namespace {
 
-bool InService(const std::shared_ptr<Metric>& metric) {
-  return metric != nullptr &&
-         metric->impl_->state_.load(std::memory_order_acquire) == MetricState::READY;
+bool IsReady(const MetricImpl& impl) {
+  return impl.state_.load(std::memory_order_acquire) == MetricState::READY;
+}
+
+bool AnyInService(const std::vector<const MetricImpl*>& members) {
+  return std::any_of(members.begin(), members.end(),
+                     [](const MetricImpl* member) { return IsReady(*member); });
+}
+
+/// Whether the look-ups of `metric` have as many values as the series of `owner`. Those of
+/// compatible metrics have any number.
+bool FitsInto(const Metric& metric, const Metric& owner) {
+  constexpr MetricCoItemType kAny = MetricCoItemType::kCoItemCompatible;
+  return (metric.kind_ == kAny) == (owner.kind_ == kAny) &&
+         (metric.kind_ == kAny || metric.impl_->tag_count_ == owner.impl_->tag_count_);
 }
 
 }  // namespace
@@ -39,33 +52,117 @@ MetricCollectorFactory::~MetricCollectorFactory() {
 }
 
 CollectorPtr MetricCollectorFactory::CreateCollector(const std::string& tenant,
-                                                     const std::string& name, Metric* metric,
-                                                     std::shared_ptr<Metric>* owner) {
+                                                     const std::string& name, Metric* metric) {
   if (state_.load(std::memory_order_relaxed) != MetricState::READY) {
     return nullptr;
   }
-  // These die behind the guard: a metric that goes takes the lock.
+  // These die after the guard: a metric that goes takes the lock.
   CollectorPtr replaced;
-  std::shared_ptr<Metric> pin;
+  Membership place;
   const WriteGuard guard(rwlock_);
+  NameMap& names = NamesOf(tenant);
+  place = FindStanding(names, name, replaced);
+  return place.collector != nullptr ? place.collector : Put(names, name, metric);
+}
+
+MetricCollectorFactory::Membership MetricCollectorFactory::Join(Metric& metric) {
+  Membership place;
+  if (state_.load(std::memory_order_relaxed) != MetricState::READY) {
+    return place;
+  }
+  CollectorPtr replaced;  // as in `CreateCollector`
+  const MetricImpl& member = *metric.impl_;
+  const WriteGuard guard(rwlock_);
+  NameMap& names = NamesOf(member.tenant_);
+  place = FindStanding(names, member.name_, replaced);
+  if (place.collector == nullptr) {
+    place.collector = Put(names, member.name_, &metric);
+  } else if (FitsInto(metric, *place.owner)) {
+    Members& members = members_[place.collector.get()];
+    if (members.empty()) {
+      members.push_back(place.owner->impl_.get());
+    }
+    members.push_back(&member);
+    place.shared = true;
+  } else {
+    place.collector = NewCollector(&metric);
+    place.collector->standby_.store(true, std::memory_order_relaxed);
+    waiting_.push_back({&member, place.collector});
+  }
+  return place;
+}
+
+bool MetricCollectorFactory::Leave(const MetricImpl& member, const MetricCollectorBase& collector) {
+  CollectorPtr removed, waited;  // these die after the guard
+  const WriteGuard guard(rwlock_);
+  const auto waiting =
+      std::find_if(waiting_.begin(), waiting_.end(),
+                   [&](const Waiting& candidate) { return candidate.member == &member; });
+  if (waiting != waiting_.end()) {
+    waited = std::move(waiting->collector);
+    waiting_.erase(waiting);
+    return true;
+  }
+  const auto shared = members_.find(&collector);
+  if (shared != members_.end()) {
+    Members& members = shared->second;
+    members.erase(std::remove(members.begin(), members.end(), &member), members.end());
+    if (!members.empty()) {
+      const bool serving = AnyInService(members);
+      if (members.size() == 1 && members[0]->metric_ == collector.metric_) {
+        members_.erase(shared);
+      }
+      return !serving;
+    }
+    members_.erase(shared);
+  }
+  if (Remove(member.tenant_, member.name_, &collector, removed) == ReturnCode::kOk) {
+    PromoteWaiting(member);
+  }
+  return true;
+}
+
+bool MetricCollectorFactory::OthersInService(const MetricImpl& member,
+                                             const MetricCollectorBase& collector) {
+  // For writing, so that of two members that are blocked at a time the second sees the first.
+  const WriteGuard guard(rwlock_);
+  const auto shared = members_.find(&collector);
+  if (shared == members_.end()) {
+    return false;
+  }
+  return std::any_of(shared->second.begin(), shared->second.end(),
+                     [&](const MetricImpl* other) { return other != &member && IsReady(*other); });
+}
+
+MetricCollectorFactory::NameMap& MetricCollectorFactory::NamesOf(const std::string& tenant) {
   const auto [names, new_tenant] = tenants_.try_emplace(tenant);
   if (new_tenant) {
     METRICS_LOG_DEBUG("Create Tenant Collector: %s\n", tenant.c_str());
   }
-  const auto found = names->second.find(name);
-  if (found != names->second.end()) {
-    pin = found->second->PinMetric();
-    if (pin != nullptr) {
-      if (owner != nullptr) {
-        *owner = pin;
-      }
-      return found->second;
-    }
-    // Its metric is being destroyed and will look for it in vain.
-    replaced = std::move(found->second);
-    names->second.erase(found);
-    --total_collectors_;
+  return names->second;
+}
+
+MetricCollectorFactory::Membership MetricCollectorFactory::FindStanding(NameMap& names,
+                                                                        const std::string& name,
+                                                                        CollectorPtr& replaced) {
+  Membership place;
+  const auto found = names.find(name);
+  if (found == names.end()) {
+    return place;
   }
+  place.owner = found->second->PinMetric();
+  if (place.owner != nullptr) {
+    place.owner_registry = place.owner->PinRegistry();
+    place.collector = found->second;
+    return place;
+  }
+  replaced = std::move(found->second);
+  names.erase(found);
+  --total_collectors_;
+  return place;
+}
+
+CollectorPtr MetricCollectorFactory::NewCollector(Metric* metric) {
   CollectorPtr collector;
   if (collector_kind_ != 0) {
     collector = std::make_shared<KDTreeCollector>(this, metric);
@@ -73,7 +170,12 @@ CollectorPtr MetricCollectorFactory::CreateCollector(const std::string& tenant,
     collector = std::make_shared<HashMapCollector>(this, metric);
   }
   collector->Init();
-  names->second.emplace(name, collector);
+  return collector;
+}
+
+CollectorPtr MetricCollectorFactory::Put(NameMap& names, const std::string& name, Metric* metric) {
+  CollectorPtr collector = NewCollector(metric);
+  names.emplace(name, collector);
   ++total_collectors_;
   METRICS_LOG_DEBUG(
       "Create Metric Collector: %s, collector "
@@ -91,14 +193,6 @@ ReturnCode MetricCollectorFactory::RemoveCollector(const std::string& tenant,
     METRICS_LOG_CODE(code);
   }
   return code;
-}
-
-ReturnCode MetricCollectorFactory::RemoveCollector(const std::string& tenant,
-                                                   const std::string& name,
-                                                   const MetricCollectorBase* own) {
-  CollectorPtr removed;  // dies behind the guard
-  const WriteGuard guard(rwlock_);
-  return Remove(tenant, name, own, removed);
 }
 
 ReturnCode MetricCollectorFactory::Remove(const std::string& tenant, const std::string& name,
@@ -123,6 +217,19 @@ ReturnCode MetricCollectorFactory::Remove(const std::string& tenant, const std::
   return ReturnCode::kOk;
 }
 
+void MetricCollectorFactory::PromoteWaiting(const MetricImpl& member) {
+  const auto next = std::find_if(waiting_.begin(), waiting_.end(), [&](const Waiting& candidate) {
+    return candidate.member->tenant_ == member.tenant_ && candidate.member->name_ == member.name_;
+  });
+  if (next == waiting_.end()) {
+    return;
+  }
+  NamesOf(member.tenant_).emplace(member.name_, next->collector);
+  ++total_collectors_;
+  next->collector->standby_.store(false, std::memory_order_release);
+  waiting_.erase(next);
+}
+
 CollectorList MetricCollectorFactory::GetAll() const {
   CollectorList all;
   const ReadGuard guard(rwlock_);
@@ -136,7 +243,21 @@ CollectorList MetricCollectorFactory::GetAll() const {
 }
 
 bool MetricCollectorFactory::CheckMetricStatus(const CollectorPtr& collector) const {
-  return collector != nullptr && InService(collector->PinMetric());
+  if (collector == nullptr) {
+    return false;
+  }
+  const std::shared_ptr<Metric> metric = collector->PinMetric();
+  const ReadGuard guard(rwlock_);
+  return InService(*collector, metric);
+}
+
+bool MetricCollectorFactory::InService(const MetricCollectorBase& collector,
+                                       const std::shared_ptr<Metric>& metric) const {
+  if (metric == nullptr || IsReady(*metric->impl_)) {
+    return metric != nullptr;
+  }
+  const auto shared = members_.find(&collector);
+  return shared != members_.end() && AnyInService(shared->second);
 }
 
 CollectorList MetricCollectorFactory::GetTenantCollector(const std::string& tenant) const {
@@ -157,7 +278,7 @@ void MetricCollectorFactory::ForEachInService(const std::string& tenant, Visit v
   for (const auto& [name, collector] : names->second) {
     pins.metrics.push_back(collector->PinMetric());
     const std::shared_ptr<Metric>& metric = pins.metrics.back();
-    if (!InService(metric)) {
+    if (!InService(*collector, metric)) {
       continue;
     }
     pins.registries.push_back(metric->PinRegistry());
@@ -203,6 +324,7 @@ std::map<std::string, unsigned long> MetricCollectorFactory::GetCollectorSeriesM
 
 void MetricCollectorFactory::DropAll() {
   tenants_.clear();
+  waiting_.clear();
   total_collectors_ = 0;
 }
 
@@ -226,6 +348,8 @@ void MetricCollectorFactory::AtFork() {
 void MetricCollectorFactory::RepairAfterFork() {
   if (rwlock_.ReinitAfterFork()) {
     Abandon(tenants_);
+    Abandon(members_);
+    Abandon(waiting_);
   }
 }
 

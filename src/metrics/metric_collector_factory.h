@@ -17,6 +17,8 @@ namespace METRICS {
 
 class Metric;
 class MetricClient;
+class MetricImpl;
+class MetricRegistry;
 
 using CollectorPtr = std::shared_ptr<MetricCollectorBase>;
 using CollectorList = std::vector<CollectorPtr>;
@@ -36,17 +38,30 @@ class MetricCollectorFactory {
   MetricCollectorFactory& operator=(const MetricCollectorFactory&) = delete;
 
   /// The collector that stands under `tenant` and `name`, made for `metric` if there is none;
-  /// null once the factory is shut down. One that was made for another metric of the same full
-  /// name comes with that metric in `owner`, which whoever emits on it must keep: the series point
-  /// at it. REQUIRES: `metric` is owned by a shared pointer.
-  CollectorPtr CreateCollector(const std::string& tenant, const std::string& name, Metric* metric,
-                               std::shared_ptr<Metric>* owner = nullptr);
-
+  /// null once the factory is shut down. REQUIRES: `metric` is owned by a shared pointer.
+  CollectorPtr CreateCollector(const std::string& tenant, const std::string& name, Metric* metric);
   /// Takes a collector out; it dies with its last holder. `kObjectNotExisted` when unknown.
   ReturnCode RemoveCollector(const std::string& tenant, const std::string& name);
-  /// As above, but only if the collector is `own`, and without a line when it is not there.
-  ReturnCode RemoveCollector(const std::string& tenant, const std::string& name,
-                             const MetricCollectorBase* own);
+
+  /// What a metric gets. `owner` is the metric of the same full name that was there before it, if
+  /// there is one.
+  struct Membership {
+    CollectorPtr collector;  ///< null once the factory is shut down
+    /// It is the one of `owner`, which has as many tags. The series point at `owner`, so whoever
+    /// emits on them keeps it, and its registry too, which the flush asks.
+    bool shared = false;
+    std::shared_ptr<MetricRegistry> owner_registry;
+    std::shared_ptr<Metric> owner;
+  };
+  /// As `CreateCollector` under the full name of `metric`, which is a member of what it gets until
+  /// it leaves. A metric whose look-ups would not fit a collector that stands there gets one on
+  /// standby, which stands in its place once all its members have left.
+  Membership Join(Metric& metric);
+  /// The last member takes the collector out. False when another one is in service, which needs the
+  /// series.
+  bool Leave(const MetricImpl& member, const MetricCollectorBase& collector);
+  /// Whether another member of `collector` than `member` is in service.
+  bool OthersInService(const MetricImpl& member, const MetricCollectorBase& collector);
 
   /// All collectors of all tenants.
   CollectorList GetAll() const;
@@ -82,18 +97,39 @@ class MetricCollectorFactory {
   std::atomic<MetricState> state_{MetricState::INIT};
 
  private:
+  using Members = std::vector<const MetricImpl*>;
   struct Pins;
+  struct Waiting {
+    const MetricImpl* member;
+    CollectorPtr collector;
+  };
 
   /// Calls `visit(collector, flush interval)` for each collector of `tenant` in service, under
   /// the read lock.
   template <class Visit>
   void ForEachInService(const std::string& tenant, Visit visit) const;
+  bool InService(const MetricCollectorBase& collector, const std::shared_ptr<Metric>& metric) const
+      METRICS_REQUIRES_SHARED(rwlock_);
+  NameMap& NamesOf(const std::string& tenant) METRICS_REQUIRES(rwlock_);
+  /// The collector under `name`, with its metric and registry pinned, or none. One whose metric is
+  /// being destroyed, and will look for it in vain, goes to `replaced`.
+  Membership FindStanding(NameMap& names, const std::string& name, CollectorPtr& replaced)
+      METRICS_REQUIRES(rwlock_);
+  CollectorPtr NewCollector(Metric* metric);
+  CollectorPtr Put(NameMap& names, const std::string& name, Metric* metric)
+      METRICS_REQUIRES(rwlock_);
   ReturnCode Remove(const std::string& tenant, const std::string& name,
                     const MetricCollectorBase* own, CollectorPtr& removed)
       METRICS_REQUIRES(rwlock_);
+  /// Puts the first collector that waits for the name of `member` in its place.
+  void PromoteWaiting(const MetricImpl& member) METRICS_REQUIRES(rwlock_);
   void DropAll() METRICS_REQUIRES(rwlock_);
 
   mutable RwLock rwlock_;
+  /// The members of the collectors that have had more than one, the one that they were made for
+  /// included as long as it has not left.
+  std::unordered_map<const MetricCollectorBase*, Members> members_ METRICS_GUARDED_BY(rwlock_);
+  std::vector<Waiting> waiting_ METRICS_GUARDED_BY(rwlock_);
 };
 
 }  // namespace METRICS

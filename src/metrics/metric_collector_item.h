@@ -282,6 +282,13 @@ class METRICS_API MetricCompatibleItem final : public MetricCollectorItem {
   const CellPtr data_;
 };
 
+/// Series that were taken out of a collector: they die with it, so without any lock.
+using SeriesRemains = std::unique_ptr<void, void (*)(void*)>;
+
+inline SeriesRemains NoRemains() {
+  return {nullptr, [](void*) {}};
+}
+
 /// The bounds of the first field named `name`, or an empty list.
 const std::vector<double>& FindHistogram(const std::string& name,
                                          const std::vector<MetricFieldInfo>& fields);

@@ -6,6 +6,7 @@
 #include "metrics/metric_client.h"
 #include "metrics/metric_configer.h"
 #include "metrics/metric_sender_manager.h"
+#include "metrics/removed.h"
 #include "util/fork_guard.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
@@ -146,13 +147,15 @@ ReturnCode MetricFactory::GetRegistry(MetricRegistry*& registry, std::string pre
 
 ReturnCode MetricFactory::RemoveRegistry(std::string prefix, std::string tenant) {
   const std::string key = KeyOf(tenant, prefix);
+  Removed removed;  // dies after the guard
   const WriteGuard guard(rwlock_);
   const auto found = registries_.find(key);
   if (found == registries_.end()) {
     METRICS_LOG_CODE(ReturnCode::kObjectNotExisted);
     return ReturnCode::kObjectNotExisted;
   }
-  found->second->Clear();
+  removed.registries.push_back(found->second);
+  found->second->Clear(removed);
   registries_.erase(found);
   return ReturnCode::kOk;
 }
@@ -160,9 +163,10 @@ ReturnCode MetricFactory::RemoveRegistry(std::string prefix, std::string tenant)
 ReturnCode MetricFactory::Block(const std::string& tenant, const std::string& prefix) {
   METRICS_LOG_DEBUG("Try to block registry[%s.%s]\n", tenant.c_str(), prefix.c_str());
   const std::string key = KeyOf(tenant, prefix);
+  Removed removed;  // dies after the guard
   const ReadGuard guard(rwlock_);
   MetricRegistry* const registry = Find(key);
-  return registry == nullptr ? ReturnCode::kObjectNotExisted : registry->Block();
+  return registry == nullptr ? ReturnCode::kObjectNotExisted : registry->Block(removed);
 }
 
 ReturnCode MetricFactory::UnBlock(const std::string& tenant, const std::string& prefix) {
@@ -194,9 +198,11 @@ std::vector<std::shared_ptr<MetricRegistry>> MetricFactory::GetAllRegistry() con
 }
 
 void MetricFactory::Clear() {
+  Removed removed;  // dies after the guard
   const WriteGuard guard(rwlock_);
   for (const auto& [key, registry] : registries_) {
-    registry->Clear();
+    removed.registries.push_back(registry);
+    registry->Clear(removed);
   }
   registries_.clear();
 }

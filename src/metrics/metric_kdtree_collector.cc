@@ -29,6 +29,9 @@ ReturnCode KDTreeCollector::Init() {
 
 std::shared_ptr<MetricCollectorItem> KDTreeCollector::GetOrCreate(
     const std::vector<std::string>& tag_values) {
+  if (standby_.load(std::memory_order_acquire)) {
+    return nullptr;
+  }
   const uint32_t hash = lattice_kit::codec::StrVecFNVHash(tag_values);
   return trees_[hash & kTreeMask].GetOrCreate(tag_values);
 }

@@ -7,6 +7,7 @@
 #include "metrics/global_resources_limit.h"
 #include "metrics/metric_client.h"
 #include "metrics/metric_data.h"
+#include "metrics/removed.h"
 #include "util/fork_guard.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
@@ -83,7 +84,7 @@ ReturnCode MetricRegistry::CreateMetric(Metric*& metric, MetricInitCfg init) {
   }
   if (code != ReturnCode::kOk) {
     // A flush may hold the metric for a while; its collector goes at once.
-    made->impl_->DeregisterCollector();
+    made->impl_->LeaveCollector();
     METRICS_LOG_CODE(code);
     return code;
   }
@@ -153,21 +154,22 @@ ReturnCode MetricRegistry::GetMetric(Metric*& metric, std::string name) {
   return metric == nullptr ? ReturnCode::kObjectNotExisted : ReturnCode::kOk;
 }
 
-void MetricRegistry::Retire(Metric& metric) {
-  MetricImpl& impl = *metric.impl_;
-  impl.state_.store(MetricState::SHUTDOWN, std::memory_order_relaxed);
-  impl.ClearCollector();
-  impl.DeregisterCollector();
-  impl.tag_names_.clear();
+void MetricRegistry::Retire(const std::shared_ptr<Metric>& metric, Removed& removed) {
+  removed.metrics.push_back(metric);
+  removed.series.push_back(NoRemains());
+  // Its tag names stay: a thread of the library may be past the state gate and read them.
+  metric->impl_->state_.store(MetricState::SHUTDOWN, std::memory_order_relaxed);
+  removed.series.back() = metric->impl_->LeaveCollector();
 }
 
 ReturnCode MetricRegistry::RemoveMetric(std::string name) {
+  Removed removed;  // dies after the guard
   const WriteGuard guard(rwlock_);
   const auto found = metrics_.find(name);
   if (found == metrics_.end()) {
     return ReturnCode::kObjectNotExisted;
   }
-  Retire(*found->second);
+  Retire(found->second, removed);
   metrics_.erase(found);
   METRICS_LOG_WARN("Metric Remove: tenant[%s] %s.%s\n", tenant_.c_str(), prefix_.c_str(),
                    name.c_str());
@@ -195,13 +197,19 @@ std::vector<std::shared_ptr<Metric>> MetricRegistry::GetAllMetric() const {
 }
 
 ReturnCode MetricRegistry::Block() {
+  Removed removed;
+  return Block(removed);
+}
+
+ReturnCode MetricRegistry::Block(Removed& removed) {
   const WriteGuard guard(rwlock_);
+  removed.series.reserve(removed.series.size() + metrics_.size());
   state_.exchange(MetricState::BLOCKED);
   METRICS_LOG_DEBUG("Block MetricRegistry tenant[%s], prefix[%s], metric size[%ld]\n",
                     tenant_.c_str(), prefix_.c_str(), static_cast<long>(metrics_.size()));
   for (const auto& [name, metric] : metrics_) {
     metric->impl_->state_.store(MetricState::BLOCKED, std::memory_order_relaxed);
-    metric->impl_->ClearCollector();
+    removed.series.push_back(metric->impl_->TakeSeries());
   }
   return ReturnCode::kOk;
 }
@@ -218,12 +226,17 @@ ReturnCode MetricRegistry::UnBlock() {
 }
 
 ReturnCode MetricRegistry::Clear() {
+  Removed removed;
+  return Clear(removed);
+}
+
+ReturnCode MetricRegistry::Clear(Removed& removed) {
   const WriteGuard guard(rwlock_);
   state_.exchange(MetricState::SHUTDOWN);
   METRICS_LOG_DEBUG("MetricRegistry Clear tenant[%s], prefix[%s], metric size[%ld]\n",
                     tenant_.c_str(), prefix_.c_str(), static_cast<long>(metrics_.size()));
   for (const auto& [name, metric] : metrics_) {
-    Retire(*metric);
+    Retire(metric, removed);
   }
   metrics_.clear();
   return ReturnCode::kOk;

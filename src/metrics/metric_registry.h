@@ -20,6 +20,7 @@
 namespace METRICS {
 
 class MetricClient;
+struct Removed;
 
 /// Describes a registry.
 struct MetricRegistryCfg {
@@ -88,6 +89,9 @@ class METRICS_API MetricRegistry {
   ReturnCode UnBlock();
   /// Removes all metrics. Always 0.
   ReturnCode Clear();
+  // The same for the factory, which holds its own lock: what dies goes to `removed`.
+  ReturnCode Block(Removed& removed);
+  ReturnCode Clear(Removed& removed);
   /// For the child of a fork: forgets all metrics.
   void AtFork();
   /// In a forked child, ahead of everything else: see `MetricCollectorFactory::RepairAfterFork`.
@@ -128,8 +132,9 @@ class METRICS_API MetricRegistry {
                             const std::vector<tidegate::MetricTag>& inserted) const;
   void WarnOfTags(const std::vector<tidegate::MetricTag>& tags) const;
   bool AtMetricLimit() const METRICS_REQUIRES(rwlock_);
-  /// What every removal of a metric does ahead of taking it out of the table.
-  static void Retire(Metric& metric);
+  /// What every removal of a metric does before it leaves the table. What it was goes to `removed`,
+  /// which dies without any lock.
+  static void Retire(const std::shared_ptr<Metric>& metric, Removed& removed);
 
   mutable RwLock rwlock_;
   std::vector<tidegate::MetricTag> tags_ METRICS_GUARDED_BY(rwlock_);  ///< merged, sorted by key

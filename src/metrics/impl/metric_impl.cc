@@ -49,6 +49,14 @@ std::vector<std::string>* TagValuePool() {
 // Never destroyed: a thread may still emit while the process exits.
 const std::string& kMissingValue = *new std::string("-");
 
+/// The two parts of a full name, told apart.
+std::string PrefixAndName(const Metric& metric) {
+  const std::shared_ptr<MetricRegistry> registry = metric.PinRegistry();
+  const std::string prefix = registry == nullptr ? std::string() : registry->prefix_;
+  const size_t start = prefix.empty() ? 0 : prefix.size() + 1;
+  return "[" + prefix + "][" + metric.name_.substr(start) + "]";
+}
+
 uint16_t CheckedTagCount(size_t count) {
   if (count > TagValueRefs::kMax) {  // the registry has refused it
     throw std::length_error("more tags than a series can have");
@@ -76,26 +84,50 @@ MetricImpl::MetricImpl(const std::string& tenant, const std::string& name, Metri
   std::sort(tag_names_.begin(), tag_names_.end());
 }
 
-MetricImpl::~MetricImpl() { DeregisterCollector(); }
+MetricImpl::~MetricImpl() {
+  if (joined_.exchange(false)) {
+    collector_factory_->Leave(*this, *collector_);
+  }
+}
 
 ReturnCode MetricImpl::InitCollector() {
   if (state_.load() != MetricState::INIT) {
     return ReturnCode::kOk;
   }
-  collector_ = collector_factory_->CreateCollector(tenant_, name_, metric_, &collector_owner_);
+  MetricCollectorFactory::Membership place = collector_factory_->Join(*metric_);
+  collector_ = std::move(place.collector);
   if (collector_ == nullptr) {
     METRICS_LOG_WARN("Metric %s Get New Collector Fail\n", name_.c_str());
     return ReturnCode::kAllocCollectorError;
   }
-  registered_.store(collector_owner_ == nullptr);
+  joined_.store(true);
+  if (place.owner != nullptr) {
+    TellNamesakes(*place.owner, place.shared);
+  }
+  if (place.shared) {
+    owner_registry_ = std::move(place.owner_registry);
+    collector_owner_ = std::move(place.owner);
+  }
   state_.store(MetricState::READY, std::memory_order_release);
   return ReturnCode::kOk;
 }
 
-void MetricImpl::DeregisterCollector() {
-  if (registered_.exchange(false)) {
-    collector_factory_->RemoveCollector(tenant_, name_, collector_.get());
-  }
+void MetricImpl::TellNamesakes(const Metric& other, bool shared) const {
+  METRICS_LOG_WARN("Metric tenant[%s] %s has the full name of %s: %s\n", tenant_.c_str(),
+                   PrefixAndName(*metric_).c_str(), PrefixAndName(other).c_str(),
+                   shared ? "they share their series" : "its emissions are refused");
+}
+
+SeriesRemains MetricImpl::TakeSeries() {
+  return collector_ == nullptr || collector_factory_->OthersInService(*this, *collector_)
+             ? NoRemains()
+             : collector_->TakeAll();
+}
+
+SeriesRemains MetricImpl::LeaveCollector() {
+  return joined_.exchange(false) && collector_factory_->Leave(*this, *collector_)
+             ? collector_->TakeAll()
+             : NoRemains();
 }
 
 MetricImpl::ItemPtr MetricImpl::GetOrCreate(const std::vector<std::string>& tag_values) {
@@ -103,10 +135,14 @@ MetricImpl::ItemPtr MetricImpl::GetOrCreate(const std::vector<std::string>& tag_
 }
 
 MetricImpl::ItemPtr MetricImpl::OrDummy(ItemPtr item) {
-  if (item == nullptr) {
-    return GetDummyItem();
+  if (item != nullptr) {
+    return item;
   }
-  return item;
+  if (collector_->standby_.load(std::memory_order_relaxed) && !told_refusal_.exchange(true)) {
+    METRICS_LOG_ERROR("Metric tenant[%s] %s: refused, another metric has its full name\n",
+                      tenant_.c_str(), PrefixAndName(*metric_).c_str());
+  }
+  return GetDummyItem();
 }
 
 ReturnCode MetricImpl::ClearCollector() {

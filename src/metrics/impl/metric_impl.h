@@ -20,6 +20,7 @@ namespace METRICS {
 class Metric;
 class MetricCollectorBase;
 class MetricCollectorFactory;
+class MetricRegistry;
 class TagValueRefs;
 struct MetricFieldCfg;
 
@@ -80,8 +81,12 @@ class METRICS_API MetricImpl {
   void EncodeTagBlock(const std::vector<std::string>& tag_values, int32_t& tag_hash,
                       lattice_kit::codec::Pack& out) const;
 
-  /// Takes the collector out of the factory, if this metric put it there and it still stands.
-  void DeregisterCollector();
+  /// Takes the series out of the collector, unless another metric in service has them too.
+  SeriesRemains TakeSeries();
+  /// The same for good: the collector leaves the factory, unless another metric has it too.
+  SeriesRemains LeaveCollector();
+  /// What series of this metric are counted on, if it is another metric.
+  const std::shared_ptr<Metric>& CollectorOwner() const { return collector_owner_; }
 
   std::atomic<MetricState> state_{MetricState::INIT};  ///< also stored by the registry
   const std::string tenant_;
@@ -115,10 +120,14 @@ class METRICS_API MetricImpl {
   bool PassStateGate() const;
   bool RefuseMoreThanDeclared(size_t count) const;
 
-  /// The metric that `collector_` was made for, if it is another of the same full name: items
-  /// point at it.
+  void TellNamesakes(const Metric& other, bool shared) const;
+
+  // The metric that `collector_` was made for, if it is another of the same full name, and its
+  // registry: the series are defined by them, whatever is removed.
+  std::shared_ptr<MetricRegistry> owner_registry_;
   std::shared_ptr<Metric> collector_owner_;
-  std::atomic<bool> registered_{false};  ///< this metric's collector stands in the factory
+  std::atomic<bool> joined_{false};        ///< the factory knows this metric and its collector
+  std::atomic<bool> told_refusal_{false};  ///< the line about a collector on standby is printed
 };
 
 /// The implementation of ordinary metrics: suffixes appear as they are emitted.
