@@ -176,7 +176,7 @@ TEST_F(BoundSeriesTest, HandlesOutliveTheirMetricAndTheClient) {
 }
 
 TEST_F(BoundSeriesTest, WhatIsEmittedOnADroppedSeriesIsRefusedAndCounted) {
-  for (const int kind : {0, 1}) {
+  for (const uint32_t kind : {0U, 1U}) {
     (*client)->collector_factory_->collector_kind_ = kind;
     const std::string name = "m" + std::to_string(kind);
     Metric& metric = *Make(name);

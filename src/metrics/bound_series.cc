@@ -98,7 +98,8 @@ struct BoundSeries::Pins {
   }
   /// The handle on the series that has taken the place of a dropped one; null, with the code in
   /// `code` and counted, if there is none to be had. Any thread.
-  std::shared_ptr<BoundSeries> BoundAnew(MetricsType type, ReturnCode& code);
+  __attribute__((visibility("hidden"))) std::shared_ptr<BoundSeries> BoundAnew(MetricsType type,
+                                                                               ReturnCode& code);
 
   const pid_t process = ::getpid();
   std::shared_ptr<Metric> metric;  // goes last: the item refers to it

@@ -114,9 +114,13 @@ class METRICS_API BoundSeries {
     std::swap(type_, other.type_);
     pins_.swap(other.pins_);
   }
-  ReturnCode BindTags(Metric& metric, const Tags& tags, const std::string& name, MetricsType type);
-  ReturnCode BindValues(Metric& metric, std::vector<std::string> values, const std::string& name,
-                        MetricsType type);
+  __attribute__((visibility("hidden"))) ReturnCode BindTags(Metric& metric, const Tags& tags,
+                                                            const std::string& name,
+                                                            MetricsType type);
+  __attribute__((visibility("hidden"))) ReturnCode BindValues(Metric& metric,
+                                                              std::vector<std::string> values,
+                                                              const std::string& name,
+                                                              MetricsType type);
 
   // What an emission reads, kept alive by `pins_`.
   MetricBasicData* cell_ = nullptr;

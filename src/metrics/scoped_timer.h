@@ -39,12 +39,12 @@ class [[nodiscard]] ScopedTimer {
   using ItemPtr = std::shared_ptr<MetricCollectorItem>;
 
   /// `name` is the suffix or field of the sample. Null measures, and observes nothing.
-  explicit ScopedTimer(Metric* metric, std::string name = "timer") noexcept
+  [[nodiscard]] explicit ScopedTimer(Metric* metric, std::string name = "timer") noexcept
       : metric_(metric), name_(std::move(name)) {}
-  explicit ScopedTimer(ItemPtr item, std::string name = "timer") noexcept
+  [[nodiscard]] explicit ScopedTimer(ItemPtr item, std::string name = "timer") noexcept
       : item_(std::move(item)), held_(item_ != nullptr && item_->Hold()), name_(std::move(name)) {}
   /// On a handle that is bound to anything but a timer nothing is observed, with a Warn line.
-  explicit ScopedTimer(BoundSeries& series) noexcept : series_(&series) {}
+  [[nodiscard]] explicit ScopedTimer(BoundSeries& series) noexcept : series_(&series) {}
   explicit ScopedTimer(BoundSeries&& series) = delete;  // the handle must outlive the timer
 
   ScopedTimer(ScopedTimer&& other) noexcept
