@@ -234,30 +234,35 @@ void BoundSeries::EmitToCell(Number number) {
 }
 
 template <class Number>
-ReturnCode BoundSeries::EmitNumber(Number number) {
-  if (cell_ == nullptr) {
-    return ReturnCode::kNotSupported;
-  }
-  MetricCollectorItem& item = *item_;
-  if (!item.active_.load(std::memory_order_relaxed)) {
-    return EmitHidden(number);
-  }
+ReturnCode BoundSeries::EmitShown(Number number) {
   // The cell comes last: it has the one instruction that others may have to wait for.
-  item.MarkTime();
+  item_->MarkTime();
   success_->Add(1);
   EmitToCell(number);
   return ReturnCode::kOk;
 }
 
 template <class Number>
+ReturnCode BoundSeries::EmitNumber(Number number) {
+  if (cell_ == nullptr) {
+    return ReturnCode::kNotSupported;
+  }
+  return item_->active_.load(std::memory_order_relaxed) ? EmitShown(number) : EmitHidden(number);
+}
+
+template <class Number>
 ReturnCode BoundSeries::EmitHidden(Number number) {
   if (!item_->IsDropped()) {
     item_->SetActive(true);
-    return Emit(number);  // again, on the way of all others
+    return EmitShown(number);
   }
   ReturnCode code = ReturnCode::kOk;
   const std::shared_ptr<BoundSeries> anew = pins_->BoundAnew(type_, code);
-  return anew != nullptr ? anew->Emit(number) : code;
+  if (anew == nullptr) {
+    return code;
+  }
+  anew->item_->SetActive(true);
+  return anew->EmitShown(number);
 }
 
 ReturnCode BoundSeries::EmitInteger(int64_t number) { return EmitNumber<long>(number); }

@@ -198,31 +198,31 @@ ReturnCode MetricSuffixArray::Emit(std::vector<MetricFieldValue>&& values) {
 }
 
 ReturnCode MetricSuffixArray::Emit(const std::vector<MetricFieldValue>& values) {
-  if (IsHidden()) {
-    return EmitHidden([&] { return Emit(values); });
-  }
-  for (size_t i = 0; i < values.size(); ++i) {
-    if (EmitToKnown(values[i], i)) {
-      continue;
+  const auto emit = [&]() __attribute__((always_inline)) {
+    for (size_t i = 0; i < values.size(); ++i) {
+      if (EmitToKnown(values[i], i)) {
+        continue;
+      }
+      const ReturnCode code = EmitToNew(values[i]);
+      if (code != ReturnCode::kOk) {
+        return code;
+      }
     }
-    const ReturnCode code = EmitToNew(values[i]);
-    if (code != ReturnCode::kOk) {
-      return code;
-    }
-  }
-  MarkUpdated(values.size());
-  return ReturnCode::kOk;
+    MarkUpdated(values.size());
+    return ReturnCode::kOk;
+  };
+  return IsHidden() ? EmitHidden(emit) : emit();
 }
 
 ReturnCode MetricSuffixArray::Emit(const MetricFieldValue& value) {
-  if (IsHidden()) {
-    return EmitHidden([&] { return Emit(value); });
-  }
-  const ReturnCode code = EmitToKnown(value, 0) ? ReturnCode::kOk : EmitToNew(value);
-  if (code == ReturnCode::kOk) {
-    MarkUpdated(1);
-  }
-  return code;
+  const auto emit = [&]() __attribute__((always_inline)) {
+    const ReturnCode code = EmitToKnown(value, 0) ? ReturnCode::kOk : EmitToNew(value);
+    if (code == ReturnCode::kOk) {
+      MarkUpdated(1);
+    }
+    return code;
+  };
+  return IsHidden() ? EmitHidden(emit) : emit();
 }
 
 bool MetricSuffixArray::EmitToKnown(const MetricFieldValue& value, size_t place) {
@@ -343,29 +343,29 @@ ReturnCode MetricFieldArray::Emit(std::vector<MetricFieldValue>&& values) {
 }
 
 ReturnCode MetricFieldArray::Emit(const std::vector<MetricFieldValue>& values) {
-  if (IsHidden()) {
-    return EmitHidden([&] { return Emit(values); });
-  }
-  if (RefuseMoreThanFields(values.size())) {
-    return ReturnCode::kInvalidParamNumber;
-  }
-  for (size_t i = 0; i < values.size(); ++i) {
-    EmitToField(values[i], i);
-  }
-  MarkUpdated(1);
-  return ReturnCode::kOk;
+  const auto emit = [&]() __attribute__((always_inline)) {
+    if (RefuseMoreThanFields(values.size())) {
+      return ReturnCode::kInvalidParamNumber;
+    }
+    for (size_t i = 0; i < values.size(); ++i) {
+      EmitToField(values[i], i);
+    }
+    MarkUpdated(1);
+    return ReturnCode::kOk;
+  };
+  return IsHidden() ? EmitHidden(emit) : emit();
 }
 
 ReturnCode MetricFieldArray::Emit(const MetricFieldValue& value) {
-  if (IsHidden()) {
-    return EmitHidden([&] { return Emit(value); });
-  }
-  if (RefuseMoreThanFields(1)) {
-    return ReturnCode::kInvalidParamNumber;
-  }
-  EmitToField(value, 0);
-  MarkUpdated(1);
-  return ReturnCode::kOk;
+  const auto emit = [&]() __attribute__((always_inline)) {
+    if (RefuseMoreThanFields(1)) {
+      return ReturnCode::kInvalidParamNumber;
+    }
+    EmitToField(value, 0);
+    MarkUpdated(1);
+    return ReturnCode::kOk;
+  };
+  return IsHidden() ? EmitHidden(emit) : emit();
 }
 
 bool MetricFieldArray::RefuseMoreThanFields(size_t count) {
@@ -405,23 +405,23 @@ void MetricFieldArray::DoEmit(const CellTable::Entry& entry, const MetricFieldVa
 }
 
 ReturnCode MetricFieldArray::EmitMap(const std::unordered_map<std::string, double>& values) {
-  if (IsHidden()) {
-    return EmitHidden([&] { return EmitMap(values); });
-  }
-  for (const auto& [name, number] : values) {
-    const CellTable::Entry* const found = fields_.Find(name, 0);
-    if (found == nullptr) {
-      continue;
+  const auto emit = [&]() __attribute__((always_inline)) {
+    for (const auto& [name, number] : values) {
+      const CellTable::Entry* const found = fields_.Find(name, 0);
+      if (found == nullptr) {
+        continue;
+      }
+      MetricBasicData& cell = *found->cell;
+      if (found->type == MetricsType::kHistogram) {
+        EmitSample(cell, number, FindHistogram(name, metric_->GetFieldInfo()));
+      } else {
+        cell.Emit(number);
+      }
     }
-    MetricBasicData& cell = *found->cell;
-    if (found->type == MetricsType::kHistogram) {
-      EmitSample(cell, number, FindHistogram(name, metric_->GetFieldInfo()));
-    } else {
-      cell.Emit(number);
-    }
-  }
-  MarkUpdated(1);
-  return ReturnCode::kOk;
+    MarkUpdated(1);
+    return ReturnCode::kOk;
+  };
+  return IsHidden() ? EmitHidden(emit) : emit();
 }
 
 CellMap MetricFieldArray::Fields() { return fields_.ToMap(); }
@@ -470,12 +470,12 @@ MetricCompatibleItem::MetricCompatibleItem(Metric* metric, const int& tag_hash,
 }
 
 ReturnCode MetricCompatibleItem::Emit(double& value) {
-  if (IsHidden()) {
-    return EmitHidden([&] { return Emit(value); });
-  }
-  data_->Emit(std::as_const(value));
-  MarkUpdated(1);
-  return ReturnCode::kOk;
+  const auto emit = [&]() __attribute__((always_inline)) {
+    data_->Emit(std::as_const(value));
+    MarkUpdated(1);
+    return ReturnCode::kOk;
+  };
+  return IsHidden() ? EmitHidden(emit) : emit();
 }
 
 const std::vector<double>& FindHistogram(const std::string& name,

@@ -154,7 +154,7 @@ class METRICS_API MetricCollectorItem {
  protected:
   bool IsHidden() const { return !active_.load(std::memory_order_relaxed); }
   /// The way of an emission on a hidden item: refuses on a dropped one, else shows it and calls
-  /// `emit`, which emits once more; what fails leaves it hidden.
+  /// `emit`; what fails leaves it hidden.
   template <class Emission>
   __attribute__((cold, noinline)) ReturnCode EmitHidden(Emission emit) {
     if (IsDropped()) {
