@@ -277,12 +277,15 @@ TEST_F(SeriesTableTest, LeavesOutWhatCollidesAndSaysSoOnce) {
   EXPECT_EQ(Samples(), "gauge a_b 2\n");
 }
 
-// The text of one source, by which two rows come to one family.
-TEST_F(SeriesTableTest, ShowsOneOfTwoMetricsThatAreDescribedAlike) {
+TEST_F(SeriesTableTest, ShowsNothingTwice) {
   Make({});
   Handle({7, "x", {"y of row x.y"}, {}, {1}});
   Handle({7, "x.y of row x", {"y"}, {}, {2}});
   EXPECT_EQ(Samples(), "gauge x_y_of_row_x_y 1\n");
+  // Values that are shown alike are one.
+  Make({});
+  for (const char* value : {"\xf5", "\xf6"}) Handle({1, "g", {}, {{"k", value}}, {1}});
+  EXPECT_EQ(Samples(), "gauge g{k=\"\xef\xbf\xbd\"} 1\n");
 }
 
 TEST_F(SeriesTableTest, CountsEveryByteOfThePage) {

@@ -1,5 +1,6 @@
 #include "agent/exposition.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
@@ -84,20 +85,19 @@ void Escape(std::string_view text, bool quotes, const Handle& handle) {
   for (size_t i = 0; i < text.size();) {
     size_t size = 0;
     while (i + size < text.size() && IsPlain(text[i + size])) ++size;
-    if (size > 0) {
-      handle(text.substr(i, size));
-    } else if (size = CharacterSize(text.substr(i)); size == 0) {
-      handle(kReplacement);
+    if (size == 0) size = CharacterSize(text.substr(i));
+    std::string_view piece = text.substr(i, size);
+    if (size == 0) {
+      piece = kReplacement;
       size = 1;
-    } else if (text[i] == '\n') {
-      handle("\\n");
-    } else if (text[i] == '\\') {
-      handle("\\\\");
-    } else if (quotes && text[i] == '"') {
-      handle("\\\"");
-    } else {
-      handle(text.substr(i, size));
+    } else if (piece == "\n") {
+      piece = "\\n";
+    } else if (piece == "\\") {
+      piece = "\\\\";
+    } else if (quotes && piece == "\"") {
+      piece = "\\\"";
     }
+    handle(piece);
     i += size;
   }
 }
@@ -155,6 +155,14 @@ void AssignLabelName(std::string_view name, std::string* fitted) {
   fitted->clear();
   AppendFitted(name, false, fitted);
   if (fitted->compare(0, 2, "__") == 0) fitted->insert(0, "exported");
+}
+
+void AppendText(std::string_view text, std::string* out) {
+  while (!text.empty()) {
+    const size_t size = CharacterSize(text);
+    *out += size == 0 ? kReplacement : text.substr(0, size);
+    text.remove_prefix(std::max<size_t>(size, 1));
+  }
 }
 
 std::vector<FamilyPart> FamiliesOf(Kind kind, std::string_view name,

@@ -23,6 +23,10 @@ std::string MetricNameOf(std::string_view name);
 // before it. Allocates nothing where `fitted` has held as much before.
 void AssignLabelName(std::string_view name, std::string* fitted);
 
+// Appends what is shown of the value of a label, before escapes: with U+FFFD for every byte that is
+// not UTF-8, and for NUL.
+void AppendText(std::string_view text, std::string* out);
+
 enum class FamilyType { kGauge, kCounter, kUntyped, kSummary, kHistogram };
 
 // One family of the page that shows a metric, or a part of it.

@@ -38,6 +38,13 @@ std::string_view TakeSized(std::string_view* key) {
   return text;
 }
 
+// And without a NUL.
+bool IsAscii(std::string_view text) {
+  bool ascii = true;
+  for (const char c : text) ascii = ascii & (static_cast<signed char>(c) > 0);
+  return ascii;
+}
+
 // The key of a series is its tags and then the number of its metric. Calls handle(key, value) with
 // the tags, in order, until it answers false.
 template <typename Handle>
@@ -234,7 +241,7 @@ void SeriesTable::Measure(Kind kind, const std::string& name, Layout* layout) {
   layout->bytes = sizeof(Layout) + 4 * kHeapOverhead + layout->bounds.capacity() * sizeof(double) +
                   layout->parts.capacity() * sizeof(FamilyPart);
   for (const std::string& column : layout->columns) {
-    layout->bytes += sizeof(column) + HeapBytes(column);
+    layout->bytes += sizeof(std::string) + HeapBytes(column);
   }
   for (const FamilyPart& part : layout->parts) {
     // The name stands in the table of families as well; claims count themselves.
@@ -249,12 +256,28 @@ void SeriesTable::Measure(Kind kind, const std::string& name, Layout* layout) {
 
 void SeriesTable::MakeKey() {
   tag_bytes_ = 0;
+  bool ascii = true;
   for (const PointTags::Tag& tag : tags_) {
     tag_bytes_ += 2 * sizeof(uint32_t) + tag.key.size() + tag.value.size();
+    ascii = ascii && IsAscii(tag.value);
   }
+  if (!ascii) return MakeOddKey();
   key_.resize(tag_bytes_ + sizeof(uint64_t));
   char* end = key_.data();
   for (const PointTags::Tag& tag : tags_) end = PutSized(tag.value, PutSized(tag.key, end));
+}
+
+void SeriesTable::MakeOddKey() {
+  tag_bytes_ = 0;
+  for (const PointTags::Tag& tag : tags_) {
+    shown_.clear();
+    AppendText(tag.value, &shown_);
+    const size_t size = 2 * sizeof(uint32_t) + tag.key.size() + shown_.size();
+    key_.resize(tag_bytes_ + size);
+    PutSized(shown_, PutSized(tag.key, key_.data() + tag_bytes_));
+    tag_bytes_ += size;
+  }
+  key_.resize(tag_bytes_ + sizeof(uint64_t));
 }
 
 void SeriesTable::CompleteKey(const Metric& metric) {

@@ -172,7 +172,9 @@ class SeriesTable : public PacketSink {
   void AddLayout(Target* target) METRICS_REQUIRES(mutex_);
   // Fills in the sizes of a layout.
   static void Measure(Kind kind, const std::string& name, Layout* layout);
+  // Of the values as they are shown, so that no two series look alike.
   void MakeKey() METRICS_REQUIRES(mutex_);
+  void MakeOddKey() METRICS_REQUIRES(mutex_);
   void CompleteKey(const Metric& metric) METRICS_REQUIRES(mutex_);
   Node* FindSeries(const Metric& metric) METRICS_REQUIRES(mutex_);
   // Null if its labels are refused.
@@ -192,7 +194,7 @@ class SeriesTable : public PacketSink {
   void ClaimOwnNames() METRICS_REQUIRES(mutex_);
   void ShowParts(Layout* layout) METRICS_REQUIRES(mutex_);
   // False if a name of it is another one's.
-  bool ShowPart(Layout* layout, size_t part) METRICS_REQUIRES(mutex_);
+  bool ShowPart(Layout* layout, size_t i) METRICS_REQUIRES(mutex_);
   bool ClaimNames(const Layout& layout, const FamilyPart& part, size_t* claimed)
       METRICS_REQUIRES(mutex_);
   void ReportName(const Holder& holder, const Holder& late) METRICS_REQUIRES(mutex_);
@@ -255,6 +257,7 @@ class SeriesTable : public PacketSink {
   PointTags tags_ METRICS_GUARDED_BY(mutex_);
   std::string key_ METRICS_GUARDED_BY(mutex_);  // of the tags, with room for the metric's number
   size_t tag_bytes_ METRICS_GUARDED_BY(mutex_) = 0;
+  std::string shown_ METRICS_GUARDED_BY(mutex_);       // of values that are not ASCII
   size_t label_bytes_ METRICS_GUARDED_BY(mutex_) = 0;  // of the tags on a line of the page
 
   // As it is claimed or released. Kept, so that what was claimed can be released without memory.
