@@ -5,10 +5,12 @@
 
 #include <array>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <set>
 
 #include "metrics/metric_expire_checker.h"
+#include "metrics/metric_factory.h"
 #include "support/agent_socket.h"
 #include "support/environment.h"
 
@@ -125,6 +127,37 @@ TEST(SelfMonitorTest, ItsSeriesOutliveAPassThatErasesEverythingIdle) {
   EXPECT_EQ(factory.GetCollectorSeriesMap()["inf.tidegate.version"], 1u);
   EXPECT_EQ(factory.GetCollectorSeriesMap()["inf.tidegate.sender"], 4u);
   for (const auto& item : own) EXPECT_TRUE(item->active_);
+}
+
+TEST(SelfMonitorTest, ItsMetricsMayBeRemovedBlockedAndClearedWhileItReports) {
+  const auto remove = [](TestClient& client) {
+    client->RemoveRegistry("inf.tidegate", "inf.metrics");
+  };
+  const auto clear = [](TestClient& client) { client->metric_factory_->Clear(); };
+  for (const auto& end : {std::function<void(TestClient&)>(remove), {clear}}) {
+    TestClientOptions options = Everything();
+    options.core.monitor_interval = 0;
+    TestClient client(options);
+    METRICS::MetricSelfMonitor& monitor = *client->self_monitor_;
+    METRICS::MetricSender& sender = client.Sender("inf.metrics");
+    Workers flushes;  // what flush threads do, at a higher rate
+    flushes.Start(2, [&](int i) {
+      monitor.EmitForSenderLatency("t1", "package", i);
+      monitor.EmitForSenderFial("t1", "gone");
+      if (i == 0) sender.InitStat();
+    });
+    client->Block("inf.tidegate", "inf.metrics");
+    client->UnBlock("inf.tidegate", "inf.metrics");
+    EXPECT_TRUE(WaitFor([&] {
+      return client->collector_factory_->GetCollectorSeriesMap()["inf.tidegate.sender.fail"] > 0;
+    }));
+    end(client);
+    client.Metric("m")->WithTags({})->Emit({Store(1)});
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // let all of them meet it
+    flushes.Stop();
+    EXPECT_EQ(monitor.InitSelfMonitorItem(nullptr, {}), nullptr);
+    EXPECT_EQ(client->metric_factory_->GetAllRegistry().size(), 1u) << "that of the service";
+  }
 }
 
 }  // namespace

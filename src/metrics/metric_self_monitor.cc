@@ -63,16 +63,6 @@ void LogIfFailed(ReturnCode code) {
   }
 }
 
-/// Emits one number on a series of `metric`; nothing before it is made.
-void EmitOn(const std::atomic<Metric*>& target, const std::vector<tidegate::MetricTag>& tags,
-            MetricsType type, long number) {
-  Metric* const metric = target.load(std::memory_order_acquire);
-  if (metric == nullptr) {
-    return;
-  }
-  LogIfFailed(metric->WithTags(tags)->Emit(Nameless(type, number)));
-}
-
 }  // namespace
 
 MetricSelfMonitor::MetricSelfMonitor(MetricClient* client) : client_(client) {}
@@ -85,6 +75,9 @@ MetricSelfMonitor::~MetricSelfMonitor() {
 
 ReturnCode MetricSelfMonitor::Start() {
   ReturnCode code = MakeMetrics();
+  if (registry_pin_ != nullptr) {
+    metric_pins_ = registry_pin_->GetAllMetric();
+  }
   if (code != ReturnCode::kOk) {
     METRICS_LOG_CODE(code);
     return code;
@@ -110,6 +103,7 @@ ReturnCode MetricSelfMonitor::MakeMetrics() {
   ReturnCode code = client_->metric_factory_->CreateRegistry(
       registry_, RegistryCfg(client_->configer_->monitor_flush_interval_));
   if (code == ReturnCode::kOk) {
+    registry_pin_ = registry_->WeakSelf().lock();
     code = MakeVersion();
   }
   if (code == ReturnCode::kOk) {
@@ -136,6 +130,23 @@ ReturnCode MetricSelfMonitor::MakeMetrics() {
   return code;
 }
 
+Metric* MetricSelfMonitor::Standing(const std::atomic<Metric*>& target) {
+  Metric* const metric = target.load(std::memory_order_acquire);
+  const bool removed = metric == nullptr || metric->impl_->state_.load(std::memory_order_acquire) ==
+                                                MetricState::SHUTDOWN;
+  return removed ? nullptr : metric;
+}
+
+/// Nothing before the metric is made and after it is removed.
+void MetricSelfMonitor::EmitOn(const std::atomic<Metric*>& target,
+                               const std::vector<tidegate::MetricTag>& tags, MetricsType type,
+                               long number) {
+  Metric* const metric = Standing(target);
+  if (metric != nullptr) {
+    LogIfFailed(metric->WithTags(tags)->Emit(Nameless(type, number)));
+  }
+}
+
 ReturnCode MetricSelfMonitor::MakeVersion() {
   const ReturnCode code = MakeMetric(*registry_, "version", {kVersionTag}, {}, statistic_.version);
   return code == ReturnCode::kOk ? BindVersion() : code;
@@ -143,8 +154,8 @@ ReturnCode MetricSelfMonitor::MakeVersion() {
 
 ReturnCode MetricSelfMonitor::BindVersion() {
   std::shared_ptr<MetricCollectorItem> item =
-      InitSelfMonitorItem(statistic_.version.load(), {{kVersionTag, kVersion}});
-  if (item == statistic_.version_item) {
+      InitSelfMonitorItem(Standing(statistic_.version), {{kVersionTag, kVersion}});
+  if (item == nullptr || item == statistic_.version_item) {
     return ReturnCode::kOk;
   }
   const ReturnCode code = item->Emit(Nameless(MetricsType::kGauge, 1));
@@ -197,7 +208,13 @@ bool MetricSelfMonitor::EmitForMetric(std::shared_ptr<MetricFactory>& factory) {
   if (factory->state_.load(std::memory_order_relaxed) != MetricState::READY) {
     return false;
   }
-  Metric* const stat_metric = statistic_.metric_stat.load(std::memory_order_acquire);
+  Metric* const stat_metric = Standing(statistic_.metric_stat);
+  if (stat_metric == nullptr) {
+    if (!std::exchange(told_removal_, true)) {
+      METRICS_LOG_WARN("Self Monitor: its metrics have been removed, nothing is reported.\n");
+    }
+    return true;
+  }
   for (const std::shared_ptr<MetricRegistry>& registry : factory->GetAllRegistry()) {
     for (const std::shared_ptr<Metric>& metric : registry->GetAllMetric()) {
       LogIfFailed(metric->EmitStat(stat_metric));
@@ -215,8 +232,7 @@ std::shared_ptr<MetricBasicData> MetricSelfMonitor::InitSenderMonitorData(
     std::vector<tidegate::MetricTag>&& tags, const std::string& field,
     std::shared_ptr<MetricCollectorItem>& item) const {
   if (item == nullptr) {
-    item = InitSelfMonitorItem(statistic_.sender_stat.load(std::memory_order_acquire),
-                               std::move(tags));
+    item = InitSelfMonitorItem(Standing(statistic_.sender_stat), std::move(tags));
     if (item != nullptr) {
       item->Refresh();  // its cells are fed directly, which the expiry does not see
     }

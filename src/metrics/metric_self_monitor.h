@@ -26,7 +26,9 @@ class MetricRegistry;
 ///
 /// Threads: `Start`, `Exit` and `AtFork` on the client's threads; "ms_monitor" keeps the heartbeat
 /// and walks the registries; the flush threads report through `EmitForSender...`. A stop costs at
-/// most 5 ms and what is left of a walk.
+/// most 5 ms and what is left of a walk. Removal: these metrics stay in memory as long as this
+/// object, so that they may be removed or cleared at any moment; from then on it reports nothing,
+/// after one Warn line.
 class MetricSelfMonitor {
  public:
   /// What the loop and the senders write into. The metrics are set by `Start` and, but for
@@ -80,6 +82,10 @@ class MetricSelfMonitor {
   int32_t interval_ = 1;                ///< milliseconds
 
  private:
+  /// `target`, or null once it is removed.
+  static Metric* Standing(const std::atomic<Metric*>& target);
+  static void EmitOn(const std::atomic<Metric*>& target,
+                     const std::vector<tidegate::MetricTag>& tags, MetricsType type, long number);
   ReturnCode MakeMetrics();
   ReturnCode MakeVersion();
   /// Takes the heartbeat's series, anew if it is not the one that is held.
@@ -87,6 +93,11 @@ class MetricSelfMonitor {
   ReturnCode MakeLatency();
   /// Lets the sender of these metrics report on itself, which it could not when it was made.
   void BindOwnSender();
+
+  // What the raw pointers point at.
+  std::shared_ptr<MetricRegistry> registry_pin_;
+  std::vector<std::shared_ptr<Metric>> metric_pins_;
+  bool told_removal_ = false;  ///< of the loop
 };
 
 }  // namespace METRICS
