@@ -83,8 +83,9 @@ void PacketLog::EndPoints(size_t count) {
 void PacketLog::Flush() {
   if (buffer_.empty()) return;
   flushed_ += buffer_.size();
-  left_ -= points_;
-  health_->unprinted_points += writer_.Write(std::exchange(buffer_, {}), std::exchange(points_, 0));
+  const uint64_t points = std::exchange(points_, 0);
+  health_->unprinted_points += writer_.Write(std::exchange(buffer_, {}), points);
+  left_ -= points;
 }
 
 }  // namespace tidegate::agent

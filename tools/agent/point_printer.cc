@@ -14,7 +14,7 @@
 namespace tidegate::agent {
 namespace {
 
-using Json = nlohmann::ordered_json;
+using Json = nlohmann::json;
 
 void AppendNumber(double value, std::string* out) {
   if (std::isnan(value)) {
@@ -87,10 +87,18 @@ Json NumberToJson(double value) {
   return text;
 }
 
-// Goes around the lookup for an equal key, which would drop the second of two and take quadratic
-// time on long lists.
-void AddMember(const std::string& key, Json value, Json* object) {
-  object->get_ref<Json::object_t&>().emplace_back(key, std::move(value));
+// Numbers and strings only: to destroy an object of that library takes memory, and ends the process
+// where there is none.
+void AppendJsonValue(const Json& value, std::string* out) {
+  *out += value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+void AppendMember(const char* separator, const std::string& key, const Json& value,
+                  std::string* out) {
+  *out += separator;
+  AppendJsonValue(key, out);
+  *out += ':';
+  AppendJsonValue(value, out);
 }
 
 }  // namespace
@@ -144,24 +152,28 @@ void AppendText(const Packet& packet, const Block& block, const Series& record, 
 
 void AppendJson(const Packet& packet, const Block& block, const Series& record, const Tag* extra,
                 std::string* out) {
-  Json line;
-  line["timestamp"] = block.timestamp;
-  line["tenant"] = packet.tenant;
-  line["type"] = WireTypeName(block.wire_type);
-  line["name"] = block.name;
-  Json& tags = line["tags"] = Json::object();
-  ForEachTag(record, extra, [&](const Tag& tag) { AddMember(tag.key, tag.value, &tags); });
+  AppendMember("{", "timestamp", block.timestamp, out);
+  AppendMember(",", "tenant", packet.tenant, out);
+  AppendMember(",", "type", WireTypeName(block.wire_type), out);
+  AppendMember(",", "name", block.name, out);
+  *out += ",\"tags\":{";
+  const char* separator = "";
+  ForEachTag(record, extra, [&](const Tag& tag) {
+    AppendMember(std::exchange(separator, ","), tag.key, tag.value, out);
+  });
+  *out += '}';
   if (block.fields.empty()) {
-    line["value"] = NumberToJson(record.values.front());
+    AppendMember(",", "value", NumberToJson(record.values.front()), out);
   } else {
-    Json fields = Json::object();
+    *out += ",\"fields\":{";
+    separator = "";
     for (size_t i = 0; i < record.values.size(); ++i) {
-      AddMember(block.FieldName(record, i), NumberToJson(record.values[i]), &fields);
+      AppendMember(std::exchange(separator, ","), block.FieldName(record, i),
+                   NumberToJson(record.values[i]), out);
     }
-    line["fields"] = std::move(fields);
+    *out += '}';
   }
-  *out += line.dump(-1, ' ', false, Json::error_handler_t::replace);
-  *out += '\n';
+  *out += "}\n";
 }
 
 }  // namespace tidegate::agent

@@ -131,13 +131,14 @@ bool SeqpacketServer::Bind(const std::string& path, mode_t mode, std::string* er
   sockaddr_un address;
   if (!MakeAddress(path, &address, error) || !MakeRoom(address, error)) return false;
   listener_ = UniqueFd(NewSocket());
+  std::string bound = path;  // before there is a file to remove
   struct stat info;
   if (!listener_.valid() || bind(listener_.get(), AsSockaddr(&address), sizeof(address)) != 0 ||
       lstat(path.c_str(), &info) != 0) {
     *error = "cannot make the socket " + path + ": " + ErrnoText();
     return false;
   }
-  path_ = path;
+  path_ = std::move(bound);
   socket_device_ = info.st_dev;
   socket_inode_ = info.st_ino;
   if (chmod(path.c_str(), mode) != 0 || listen(listener_.get(), kBacklog) != 0) {

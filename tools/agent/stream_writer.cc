@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <climits>
 #include <limits>
-#include <new>
 #include <utility>
 
 namespace tidegate::agent {
@@ -34,18 +33,12 @@ StreamWriter::StreamWriter(int fd, size_t max_bytes, std::function<void(int)> on
       deadline_(std::numeric_limits<Clock::rep>::max()),
       thread_([this] { Run(); }) {}
 
-uint64_t StreamWriter::Write(std::string text, uint64_t lines) noexcept {
+uint64_t StreamWriter::Write(std::string text, uint64_t lines) {
   if (error_ != 0) return lines;
   const size_t bytes = text.size();
-  try {
-    uint64_t dropped = 0;
-    for (const auto& slot : queue_.Push({std::move(text), lines}, bytes)) {
-      dropped += slot.first.lines;
-    }
-    return dropped;
-  } catch (const std::bad_alloc&) {
-    return lines;
-  }
+  uint64_t dropped = 0;
+  for (const auto& slot : queue_.Push({std::move(text), lines}, bytes)) dropped += slot.first.lines;
+  return dropped;
 }
 
 uint64_t StreamWriter::Finish(milliseconds timeout) {

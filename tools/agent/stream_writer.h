@@ -26,9 +26,9 @@ class StreamWriter {
   StreamWriter(const StreamWriter&) = delete;
   StreamWriter& operator=(const StreamWriter&) = delete;
 
-  // Never waits. Returns how many lines were dropped, of this or older text; these if there is no
-  // memory for them.
-  uint64_t Write(std::string text, uint64_t lines) noexcept;
+  // Never waits. Returns how many lines were dropped, of this or older text. Without memory for it,
+  // throws and drops it alone.
+  uint64_t Write(std::string text, uint64_t lines);
 
   // Writes what waits, but does not wait for a reader after `timeout`, and ends the thread. Returns
   // how many lines were not written whole.

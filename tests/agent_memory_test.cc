@@ -1,0 +1,201 @@
+// Runs the agent's own code in this process while allocations fail on its threads.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <new>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "agent/agent.h"
+#include "agent/forward_url.h"
+#include "agent/unique_fd.h"
+#include "golden/golden_file.h"
+
+namespace {
+
+constexpr long kFailures = 3;  // one after the other
+std::atomic<long> allocations{0};
+std::atomic<long> first_failure{-1};  // which of them fails; negative: none
+thread_local bool of_the_test = false;
+
+bool MayAllocate() {
+  if (of_the_test) return true;
+  const long first = first_failure;
+  const long number = allocations++;
+  return first < 0 || number < first || number >= first + kFailures;
+}
+
+}  // namespace
+
+[[gnu::noinline]] void* operator new(size_t size) {
+  void* const memory = MayAllocate() ? std::malloc(size) : nullptr;
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+[[gnu::noinline]] void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return MayAllocate() ? std::malloc(size) : nullptr;
+}
+void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {
+  return operator new(size, tag);
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, size_t /*size*/) noexcept {
+  std::free(memory);
+}
+
+namespace tidegate::agent {
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::milliseconds;
+
+class AgentMemoryTest : public testing::Test {
+ protected:
+  AgentMemoryTest() {
+    of_the_test = true;
+    std::string error;
+    options_.socket = folder_ / "s";
+    options_.print = PrintFormat::kJson;
+    options_.http = "127.0.0.1:0";
+    options_.drain = std::chrono::seconds(0);
+    ForwardOptions& forward = options_.forward.emplace();
+    EXPECT_TRUE(ParseForwardUrl("http://127.0.0.1:1", &forward.url, &error)) << error;
+    forward.limits.interval = milliseconds(1);
+    forward.health_interval = milliseconds(5);
+  }
+  ~AgentMemoryTest() override { fs::remove_all(folder_); }
+
+  // Standard output and error go to files as long as it lives.
+  class Redirection {
+   public:
+    Redirection(int fd, const fs::path& file) : fd_(fd), before_(dup(fd)) {
+      const UniqueFd to(open(file.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_APPEND, 0600));
+      dup2(to.get(), fd);
+    }
+    ~Redirection() { dup2(before_.get(), fd_); }
+    Redirection(const Redirection&) = delete;
+    Redirection& operator=(const Redirection&) = delete;
+
+   private:
+    const int fd_;
+    const UniqueFd before_;
+  };
+
+  std::string Content(const char* file) const {
+    std::ostringstream text;
+    text << std::ifstream(folder_ / file).rdbuf();
+    return text.str();
+  }
+
+  // The status of an agent that gets what a few clients send; -1 if it could not be made.
+  int Run() {
+    const Redirection out(STDOUT_FILENO, folder_ / "out");
+    const Redirection err(STDERR_FILENO, folder_ / "err");
+    std::atomic<Agent*> made{nullptr};
+    std::atomic<bool> ended{false};
+    std::atomic<bool> stopped{false};
+    int status = 1;
+    std::thread subject([&] {
+      try {  // as main does
+        Agent agent(options_);
+        made = &agent;
+        status = agent.Run();
+        ended = true;
+        while (!stopped) std::this_thread::yield();
+      } catch (const std::exception&) {
+        made = nullptr;
+      }
+      ended = true;
+    });
+    sent_ = 0;
+    for (int client = 0; client < 3; ++client) Send(ended);
+    // Long enough for most of it; what is left is counted.
+    for (int i = 0; i < 50 && !ended && Content("out").find("svc.m") == std::string::npos; ++i) {
+      std::this_thread::sleep_for(milliseconds(1));
+    }
+    if (Agent* const agent = made; agent != nullptr && !ended) agent->Stop();
+    stopped = true;
+    subject.join();
+    return status;
+  }
+  void Send(const std::atomic<bool>& ended) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    options_.socket.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const UniqueFd client(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    const auto* const any = reinterpret_cast<const sockaddr*>(&address);
+    while (connect(client.get(), any, sizeof(address)) != 0) {
+      if (ended) return;
+      std::this_thread::sleep_for(milliseconds(1));
+    }
+    for (const char* file : {"gauge.hex", "multi_field.hex"}) {
+      const std::string packet = ReadGolden(file);
+      for (const size_t size : {packet.size(), packet.size() / 2}) {
+        sent_ += send(client.get(), packet.data(), size, MSG_NOSIGNAL) > 0 ? 1 : 0;
+      }
+    }
+  }
+
+  char template_[19] = "/tmp/memory_XXXXXX";
+  const fs::path folder_ = mkdtemp(template_);
+  Options options_;
+  uint64_t sent_ = 0;
+};
+
+// The number behind `name` in `line`.
+uint64_t NumberOf(const std::string& line, const std::string& name) {
+  const size_t at = line.find(name);
+  return at == std::string::npos ? 0 : std::stoull(line.substr(at + name.size()));
+}
+
+TEST_F(AgentMemoryTest, WhereItRunsOutNothingIsLostWithoutASign) {
+  allocations = 0;
+  ASSERT_EQ(Run(), 0) << Content("err");
+  const long all = allocations;
+  ASSERT_GT(all, 100);
+  int survived = 0;
+  int told = 0;
+  for (long first = 0; first < all; first += all / 200 + 1) {
+    SCOPED_TRACE(first);
+    allocations = 0;
+    first_failure = first;
+    const int status = Run();
+    first_failure = -1;
+    const std::string log = Content("err");
+    EXPECT_FALSE(fs::exists(folder_ / "s")) << log;
+    EXPECT_FALSE(fs::exists(folder_ / "s.lock")) << log;
+    told += log.find("out of memory") != std::string::npos ? 1 : 0;
+    if (status != 0) continue;
+    ++survived;
+    const size_t totals = log.rfind("tidegate-agent: packets=");
+    if (totals == std::string::npos) {
+      EXPECT_THAT(log, testing::HasSubstr("out of memory"));
+      continue;
+    }
+    const std::string last = log.substr(totals);
+    const uint64_t counted =
+        NumberOf(last, "packets=") + NumberOf(last, "errors=") + NumberOf(log, "dropped: packets=");
+    if (counted == sent_) continue;
+    // A connection that there was no memory for, and was closed: its client knows.
+    EXPECT_EQ((sent_ - counted) % 4, 0U) << log;
+    EXPECT_THAT(log, testing::AnyOf(testing::HasSubstr("cannot serve a client"),
+                                    testing::HasSubstr("out of memory")));
+  }
+  EXPECT_GT(survived, 20);
+  EXPECT_GT(told, 20);
+}
+
+}  // namespace
+}  // namespace tidegate::agent
