@@ -188,8 +188,8 @@ TEST_F(AgentMemoryTest, WhereItRunsOutNothingIsLostWithoutASign) {
     const uint64_t counted =
         NumberOf(last, "packets=") + NumberOf(last, "errors=") + NumberOf(log, "dropped: packets=");
     if (counted == sent_) continue;
-    // A connection that there was no memory for, and was closed: its client knows.
-    EXPECT_EQ((sent_ - counted) % 4, 0U) << log;
+    // What went into a connection that there was no memory for, and that was closed.
+    EXPECT_LE(sent_ - counted, 8U) << log;
     EXPECT_THAT(log, testing::AnyOf(testing::HasSubstr("cannot serve a client"),
                                     testing::HasSubstr("out of memory")));
   }
