@@ -113,10 +113,8 @@ void HttpConnections::SetPage(std::optional<std::string> page) {
   const auto made = std::find_if(pages_.begin(), pages_.end(), [](const Page& other) {
     return other.state == Page::State::kMaking;
   });
-  if (page) {
-    made->text = std::move(*page);
-    made->response = MakeResponse(made->text, kMetricsType);
-  }
+  made->text = std::move(page);
+  if (made->text) made->response = MakeResponse(*made->text, kMetricsType);
   made->state = made->response ? Page::State::kReady : Page::State::kFailed;
   made->made = Clock::now();
   if (!made->response) ++health_->http_failed_pages;

@@ -84,7 +84,7 @@ class HttpConnections {
   struct Page {
     enum class State { kFree, kMaking, kReady, kFailed };
     State state = State::kFree;
-    std::string text;
+    std::optional<std::string> text;  // none when free: an empty string may keep its memory
     Response response;
     size_t readers = 0;  // clients that wait for it or read it
     Clock::time_point made;
