@@ -367,6 +367,7 @@ void ForgottenChildren(int length) {
   std::vector<std::thread> emitters;
   EXPECT_EQ(forked_handle.Bind(metric, {{"w", "held"}}, Add(0)), ReturnCode::kOk);
   forked_handle.Emit(1);
+  emitters.reserve(2);
   for (int t = 0; t < 2; ++t) {
     emitters.emplace_back([&, t] {  // new series all along
       for (int n = 0; !done; ++n) {

@@ -18,6 +18,7 @@
 
 static std::atomic<int> threads_left{-1};  // until they fail; negative: they never do
 
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): reserved names
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                               void* (*start)(void*), void* argument) noexcept {
   static const auto next =
