@@ -61,6 +61,9 @@ void* operator new(size_t size) {
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
+void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return NextFails() ? nullptr : std::malloc(size);
+}
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, size_t /*size*/) noexcept { std::free(memory); }
 #endif
