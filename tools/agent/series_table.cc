@@ -40,9 +40,8 @@ std::string_view TakeSized(std::string_view* key) {
 
 // And without a NUL.
 bool IsAscii(std::string_view text) {
-  bool ascii = true;
-  for (const char c : text) ascii = ascii & (static_cast<signed char>(c) > 0);
-  return ascii;
+  return std::all_of(text.begin(), text.end(),
+                     [](char c) { return static_cast<signed char>(c) > 0; });
 }
 
 // The key of a series is its tags and then the number of its metric. Calls handle(key, value) with
