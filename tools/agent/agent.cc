@@ -128,7 +128,7 @@ void Agent::PrintingEnded(int error) noexcept {
 
 // An agent that looks alive and shows nothing would be worse than one that starts anew.
 void Agent::HttpEnded() noexcept {
-  log_.Report({"serving ", options_.http, " has ended by itself, so the agent ends as well"});
+  log_.ReportJoined({"serving ", options_.http, " has ended by itself, so the agent ends as well"});
   http_failed_ = true;
   Stop();
 }

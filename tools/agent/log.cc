@@ -23,7 +23,7 @@ constexpr std::chrono::minutes kAlarmInterval(1);
 // Without standard error there is nobody to tell.
 Log::Log(int fd) : fd_(fd), writer_(fd, kMaxBytes, [](int) {}) {}
 
-void Log::Report(std::initializer_list<std::string_view> texts) noexcept {
+void Log::ReportJoined(std::initializer_list<std::string_view> texts) noexcept {
   try {
     std::string line = "tidegate-agent: ";
     const size_t most = line.size() + kMaxText;
@@ -57,7 +57,7 @@ void Log::ReportSome(const std::string& text) noexcept {
   if (left_out == 0) return Report(text);
   char number[24];  // of 64 bits
   const char* const end = std::to_chars(std::begin(number), std::end(number), left_out).ptr;
-  Report({text, " (", {number, static_cast<size_t>(end - number)}, " more were not shown)"});
+  ReportJoined({text, " (", {number, static_cast<size_t>(end - number)}, " more were not shown)"});
 }
 
 void Log::ReportOutOfMemory() noexcept {

@@ -22,8 +22,8 @@ class Log {
   explicit Log(int fd);
 
   // A line of these texts, one after the other.
-  void Report(std::initializer_list<std::string_view> texts) noexcept;
-  void Report(const std::string& text) noexcept { Report({text}); }
+  void ReportJoined(std::initializer_list<std::string_view> texts) noexcept;
+  void Report(const std::string& text) noexcept { ReportJoined({text}); }
 
   // For lines that a client can cause at will: beyond ten in a second they are only counted, and
   // the next one that is shown tells how many were not.
