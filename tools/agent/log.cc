@@ -28,7 +28,10 @@ void Log::ReportJoined(std::initializer_list<std::string_view> texts) noexcept {
     std::string line = "tidegate-agent: ";
     const size_t most = line.size() + kMaxText;
     for (const std::string_view text : texts) line += text;
-    if (line.size() > most) line.replace(most, std::string::npos, "...");
+    if (line.size() > most) {
+      line.resize(most);
+      line += "...";
+    }
     // Names of clients can be in it.
     std::replace_if(
         line.begin(), line.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; }, '?');
