@@ -93,7 +93,9 @@ MetricCollectorFactory::Membership MetricCollectorFactory::Join(Metric& metric) 
 }
 
 bool MetricCollectorFactory::Leave(const MetricImpl& member, const MetricCollectorBase& collector) {
-  CollectorPtr removed, waited;  // these die after the guard
+  // These die after the guard.
+  CollectorPtr removed;
+  CollectorPtr waited;
   const WriteGuard guard(rwlock_);
   const auto waiting =
       std::find_if(waiting_.begin(), waiting_.end(),
