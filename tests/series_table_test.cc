@@ -21,6 +21,9 @@ void* operator new(size_t size) {
   void* const memory = std::malloc(size);
   return memory != nullptr ? memory : throw std::bad_alloc();
 }
+void* operator new(size_t size, const std::nothrow_t& /*unused*/) noexcept {
+  return std::malloc(size);
+}
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, size_t /*size*/) noexcept { std::free(memory); }
 
@@ -142,7 +145,7 @@ TEST_F(SeriesTableTest, ShowsEachKindInItsFamilies) {
        "gauge nul{k=\"a\xef\xbf\xbd"
        "b\"} 0\n"},
       {{1, "g", {}, {{"pid", "p"}, {"tenant", "t"}, {"tenant", "u"}}, {0}},
-       "gauge g{pid=\"p\",exported_tenant=\"t\"} 0\n"},
+       "gauge g{exported_tenant=\"t\",pid=\"p\"} 0\n"},
       {{1, "g", {}, {{"b", "1"}, {"a", "2"}}, {0}}, "gauge g{a=\"2\",b=\"1\"} 0\n"},
   };
   for (const auto& [point, samples] : kCases) {
@@ -282,6 +285,14 @@ TEST_F(SeriesTableTest, ShowsNothingTwice) {
   Handle({7, "x", {"y of row x.y"}, {}, {1}});
   Handle({7, "x.y of row x", {"y"}, {}, {2}});
   EXPECT_EQ(Samples(), "gauge x_y_of_row_x_y 1\n");
+  // Tags are in order when some were renamed, too.
+  Make({});
+  Handle({1, "g", {}, {{"tenant", "1"}, {"a", "2"}}, {1}});
+  Handle({1, "g", {}, {{"a", "2"}, {"exported_tenant", "1"}}, {2}});
+  EXPECT_EQ(Samples(), "gauge g{a=\"2\",exported_tenant=\"1\"} 2\n");
+  Handle({1, "h", {}, {{"le", "1"}, {"le", "2"}}, {1}});
+  Handle({1, "h", {}, {{"exported_le", "2"}, {"le", "1"}}, {2}});
+  EXPECT_THAT(Samples(), HasSubstr("h{exported_le=\"2\",le=\"1\"} 2\n"));
   // Values that are shown alike are one.
   Make({});
   for (const char* value : {"\xf5", "\xf6"}) Handle({1, "g", {}, {{"k", value}}, {1}});

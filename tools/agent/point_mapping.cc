@@ -116,8 +116,11 @@ void PointTags::Assign(const Packet& packet, const ClientId& client, bool label_
 void PointTags::Rename(size_t first, std::string_view of_kind) {
   renamed_.clear();
   // The order of tags must not make two series of one.
-  std::stable_sort(tags_.begin() + static_cast<std::ptrdiff_t>(first), tags_.end(),
-                   [](const Tag& a, const Tag& b) { return a.key < b.key; });
+  const auto sort = [&] {
+    std::stable_sort(tags_.begin() + static_cast<std::ptrdiff_t>(first), tags_.end(),
+                     [](const Tag& a, const Tag& b) { return a.key < b.key; });
+  };
+  sort();
   std::set<std::string_view> taken = {of_kind};
   for (size_t i = 0; i < first; ++i) taken.insert(tags_[i].key);
   size_t kept = first;
@@ -131,6 +134,7 @@ void PointTags::Rename(size_t first, std::string_view of_kind) {
     tags_[kept++] = tag;
   }
   tags_.resize(kept);
+  sort();  // by their new keys
 }
 
 }  // namespace tidegate::agent
