@@ -1,0 +1,146 @@
+#include "agent/series_layout.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace tidegate::agent {
+namespace {
+
+bool SameColumns(const Block& block, const std::vector<std::string>& columns) {
+  return block.fields.empty() ||
+         std::equal(block.fields.begin(), block.fields.end(), columns.begin(), columns.end(),
+                    [](const Field& field, const std::string& name) { return field.name == name; });
+}
+
+void KeepNewest(double value, int64_t timestamp, Cell* cell) {
+  if (timestamp >= cell->timestamp) *cell = {value, timestamp};
+}
+
+// A sum that met a NaN would stay one, and a counter must not fall.
+void AddUp(double value, int64_t timestamp, bool falls, Cell* cell) {
+  if (std::isfinite(value) && (falls || value > 0)) cell->value += value;
+  cell->timestamp = std::max(cell->timestamp, timestamp);
+}
+
+}  // namespace
+
+size_t HeapBytes(const std::string& text) {
+  static const size_t within = std::string().capacity();
+  return text.size() > within ? text.size() + kHeapOverhead : 0;
+}
+
+size_t HashOfColumns(const Block& block) {
+  constexpr size_t kMix = 0x9e3779b97f4a7c15;
+  size_t hash = 0;
+  for (const Field& field : block.fields) {
+    hash = (hash ^ std::hash<std::string>{}(field.name)) * kMix;
+  }
+  return hash;
+}
+
+SeriesLayout* SeriesMetric::Find(const Block& block) const {
+  auto [next, end] = layouts.size() == 1 ? std::make_pair(layouts.begin(), layouts.end())
+                                         : layouts.equal_range(HashOfColumns(block));
+  while (next != end && !SameColumns(block, next->second->columns)) ++next;
+  return next == end ? nullptr : next->second.get();
+}
+
+size_t SeriesMetric::Bytes() const {
+  return sizeof(SeriesMetric) + 2 * HeapBytes(name) + sizeof(std::string) + 6 * kHeapOverhead;
+}
+
+void SeriesEntry::Update(const Series& record, int64_t timestamp,
+                         std::chrono::steady_clock::time_point now) {
+  Cell* const to = cells();
+  const std::vector<double>& values = record.values;
+  switch (layout->metric->kind) {
+    case Kind::kHistogram:
+      for (size_t i = 0; i < values.size(); ++i) {
+        AddUp(values[i], timestamp, i == layout->bounds.size(), &to[i]);
+      }
+      break;
+    case Kind::kTimerRow:
+      for (size_t i = 0; i < values.size(); ++i) {
+        if (i == kTimerSum || i == kTimerCount) {
+          AddUp(values[i], timestamp, i == kTimerSum, &to[i]);
+        } else {
+          KeepNewest(values[i], timestamp, &to[i]);
+        }
+      }
+      break;
+    default:
+      if (timestamp < newest) return;
+      for (size_t i = 0; i < values.size(); ++i) {
+        KeepNewest(values[i], timestamp, &to[record.indexes.empty() ? i : record.indexes[i]]);
+      }
+  }
+  // What keeps adding up at times before one that was wrong is no news: the series has to end for
+  // newer quantiles to be shown.
+  if (timestamp >= newest) news = now;
+  newest = std::max(newest, timestamp);
+}
+
+size_t SeriesEntry::PageBytes() const {
+  const LinesSize& size = layout->series_size;
+  return size.bytes + size.lines * label_bytes;
+}
+
+SeriesLayout::SeriesLayout(Kind kind, const Block& block, bool page) {
+  columns.reserve(std::max<size_t>(block.fields.size(), 1));
+  for (const Field& field : block.fields) columns.push_back(field.name);
+  if (columns.empty()) columns.emplace_back();
+  if (kind == Kind::kHistogram) bounds = *HistogramBounds(block);
+  if (page) parts = FamiliesOf(kind, block.name, columns);
+  sources.assign(parts.size(), kHidden);
+  Measure(kind, block.name);
+}
+
+void SeriesLayout::Measure(Kind kind, const std::string& name) {
+  bytes = sizeof(SeriesLayout) + 4 * kHeapOverhead + bounds.capacity() * sizeof(double) +
+          parts.capacity() * sizeof(FamilyPart);
+  for (const std::string& column : columns) bytes += sizeof(std::string) + HeapBytes(column);
+  for (const FamilyPart& part : parts) {
+    // The name stands in the table of families as well; claims count themselves.
+    bytes += 2 * HeapBytes(part.name) + sizeof(uint32_t) + sizeof(Families::value_type) +
+             2 * sizeof(FamilySource) + 4 * kHeapOverhead;
+    head_bytes += HeadSize(part, SourceOf(kind, name, ColumnOf(part)));
+    const LinesSize size = SeriesSize(part, bounds);
+    series_size.lines += size.lines;
+    series_size.bytes += size.bytes;
+  }
+}
+
+std::string_view SeriesLayout::ColumnOf(const FamilyPart& part) const {
+  const bool whole = part.type == FamilyType::kSummary || part.type == FamilyType::kHistogram;
+  return whole ? std::string_view() : columns[part.column];
+}
+
+size_t SeriesLayout::CellBytes() const {
+  return columns.size() > 1 ? columns.size() * sizeof(Cell) + kHeapOverhead : 0;
+}
+
+std::unique_ptr<Cell[]> SeriesLayout::Prepare() {
+  if (series.size() == series.capacity()) series.reserve(2 * series.size() + 1);
+  return columns.size() > 1 ? std::make_unique<Cell[]>(columns.size()) : nullptr;
+}
+
+void SeriesLayout::Add(SeriesNode* node, std::unique_ptr<Cell[]> row) {
+  SeriesEntry& entry = node->second;
+  entry.layout = this;
+  entry.position = static_cast<uint32_t>(series.size());
+  entry.cell = Cell();
+  entry.row = std::move(row);
+  entry.newest = INT64_MIN;
+  series.push_back(node);
+}
+
+void SeriesLayout::Remove(SeriesNode* node) {
+  // If the columns of a series change while a page is written, that page may lack another series of
+  // the layout, or this one; the next page is whole.
+  const uint32_t position = node->second.position;
+  series.back()->second.position = position;
+  series[position] = series.back();
+  series.pop_back();
+}
+
+}  // namespace tidegate::agent

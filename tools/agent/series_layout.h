@@ -1,0 +1,109 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "agent/exposition.h"
+#include "agent/name_claims.h"
+#include "agent/packet_reader.h"
+#include "agent/point_mapping.h"
+
+// What the table of series keeps: metrics, their columns, and series with their cells. Not
+// thread-safe; the table guards it.
+
+namespace tidegate::agent {
+
+struct SeriesLayout;
+
+// What the heap and the tables add to each piece of memory.
+inline constexpr size_t kHeapOverhead = 16;
+// What a text takes outside of its string.
+size_t HeapBytes(const std::string& text);
+
+// What the series of one name and kind have in common.
+struct SeriesMetric {
+  Kind kind;
+  std::string name;
+  uint64_t id;                     // in the keys of its series
+  NameClaims<std::string> labels;  // as they are shown, by tags
+  // By columns, as HashOfColumns has them.
+  std::unordered_multimap<size_t, std::unique_ptr<SeriesLayout>> layouts;
+
+  // The layout with the block's columns, or null.
+  SeriesLayout* Find(const Block& block) const;
+  size_t Bytes() const;  // without its layouts
+};
+
+size_t HashOfColumns(const Block& block);
+
+struct SeriesEntry {
+  SeriesLayout* layout = nullptr;
+  uint32_t position = 0;        // in the layout's series
+  uint32_t label_bytes = 0;     // of its labels on a line of the page
+  Cell cell;                    // of the only column, without a detour through the heap
+  std::unique_ptr<Cell[]> row;  // of all columns, if there are more
+  int64_t newest = INT64_MIN;   // timestamp
+  std::chrono::steady_clock::time_point news;
+
+  Cell* cells() { return row ? row.get() : &cell; }
+  const Cell* cells() const { return row ? row.get() : &cell; }
+
+  void Update(const Series& record, int64_t timestamp, std::chrono::steady_clock::time_point now);
+  bool IsOutdated(std::chrono::steady_clock::time_point now, std::chrono::seconds ttl) const {
+    return now - news > ttl;
+  }
+  size_t PageBytes() const;  // at most
+};
+
+// A series in the table, with its key.
+using SeriesNode = std::pair<const std::string, SeriesEntry>;
+
+// What the series of a metric with the same columns have in common. Columns change with the
+// version of a service, rarely; the series then begin anew.
+struct SeriesLayout {
+  static constexpr uint32_t kHidden = UINT32_MAX;  // another metric holds the name
+
+  // Without parts if there is no page. The metric is left to the table.
+  SeriesLayout(Kind kind, const Block& block, bool page);
+
+  // Of a part of it, as SourceOf takes it.
+  std::string_view ColumnOf(const FamilyPart& part) const;
+  size_t CellBytes() const;  // of one series, outside of its entry
+
+  // Does all of adding a series that needs memory. Returns its cells if they are many.
+  std::unique_ptr<Cell[]> Prepare();
+  // REQUIRES: Prepare.
+  void Add(SeriesNode* node, std::unique_ptr<Cell[]> row);
+  void Remove(SeriesNode* node);
+
+  SeriesMetric* metric = nullptr;
+  std::vector<std::string> columns;  // one without a name, if the metric has none
+  std::vector<double> bounds;        // of histograms
+  std::vector<FamilyPart> parts;
+  std::vector<uint32_t> sources;  // of those, the position in the family, or kHidden
+  bool shown_whole = false;
+  std::vector<SeriesNode*> series;
+  size_t bytes = 0;                // that it takes itself
+  size_t head_bytes = 0;           // on the page
+  LinesSize series_size = {0, 0};  // of each series there
+
+ private:
+  void Measure(Kind kind, const std::string& name);
+};
+
+// A part of a layout that is shown in a family.
+struct FamilySource {
+  SeriesLayout* layout;
+  size_t part;
+};
+using Families = std::map<std::string, std::vector<FamilySource>>;
+
+}  // namespace tidegate::agent
