@@ -16,6 +16,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #include "agent/agent.h"
@@ -111,11 +112,14 @@ class AgentMemoryTest : public testing::Test {
       try {  // as main does
         Agent agent(options_);
         made = &agent;
-        status = agent.Run();
+        try {
+          status = agent.Run();
+        } catch (const std::bad_alloc&) {
+        }
         ended = true;
-        while (!stopped) std::this_thread::yield();
-      } catch (const std::exception&) {
-        made = nullptr;
+        while (!stopped) std::this_thread::yield();  // it may just be told to stop
+      } catch (const std::bad_alloc&) {
+      } catch (const std::system_error&) {
       }
       ended = true;
     });
