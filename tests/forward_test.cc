@@ -513,6 +513,12 @@ TEST_F(ForwarderTest, LimitsTheLinesOfOnePacket) {
                                     std::vector<Series>(2000, {0, {}, {}, {1}})));
   forwarder_->Handle(packet, ClientId());
   EXPECT_NEAR(static_cast<double>(health_.forward_dropped_empty), 2000 - 1025, 10);
+  // Lines that are too long take as much work, so that the next block is beyond the limit too.
+  const uint64_t so_far = health_.forward_dropped_empty;
+  for (Series& record : packet.blocks[0].series) record.tags = {{"k", std::string(100, 'v')}};
+  packet.blocks.push_back(MakeBlock(1, "next", {}, {{0, {}, {}, {1}}}));
+  forwarder_->Handle(packet, ClientId());
+  EXPECT_EQ(health_.forward_dropped_empty, so_far + 2001);
 }
 
 TEST_F(ForwarderTest, SendsWhatWaitsBeforeItStops) {

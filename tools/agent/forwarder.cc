@@ -122,11 +122,12 @@ void Forwarder::AppendLines(const Packet& packet, const ClientId& client) {
       const size_t before = lines_.size();
       if (bytes < kMaxPacketBytes && writer_.AppendRecord(record, &lines_)) {
         ++points;
-        bytes += lines_.size() - before;
       } else {
         ++health_->forward_dropped_empty;
         --left_;
       }
+      // A line that is too long takes as much to make as one that is sent.
+      bytes += std::max(lines_.size() - before, writer_.tried_bytes());
       if (IsChunkFull(points)) Append(std::exchange(points, 0));
     }
   }

@@ -79,9 +79,11 @@ void LineWriter::EscapeFields() {
 }
 
 bool LineWriter::AppendRecord(const Series& record, std::string* out) {
+  tried_bytes_ = 0;
   if (!fits_) return false;
   tags_.Assign(*packet_, *client_, label_pid_, kind_, record);
   AppendTags();
+  tried_bytes_ = head_.size();
   if (bounds_.size() * head_.size() > kMaxBucketBytes) return false;
 
   taken_.clear();
@@ -96,6 +98,7 @@ bool LineWriter::AppendRecord(const Series& record, std::string* out) {
     AppendField(fields_.empty() ? kValueField : fields_[column],
                 std::exchange(merged, 0) + record.values[i]);
   }
+  tried_bytes_ += values_.size();
   const bool written = AppendLine(out);
   if (written && kind_ == Kind::kHistogram) AppendBuckets(record, out);
   return written;

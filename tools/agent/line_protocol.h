@@ -42,6 +42,9 @@ class LineWriter {
   // carry: nothing is appended then.
   bool AppendRecord(const Series& record, std::string* out);
 
+  // Bytes that the line of the last record took, or would have taken.
+  size_t tried_bytes() const { return tried_bytes_; }
+
  private:
   void EscapeFields();
   bool IsTaken(size_t column);
@@ -65,6 +68,7 @@ class LineWriter {
   PointTags tags_;
   std::string head_;    // of the record: measurement and tags
   std::string values_;  // of the line: its fields
+  size_t tried_bytes_ = 0;
   // Of the record, and only if fields_altered_: the columns that hold the names of its line.
   std::map<std::string_view, std::string_view> taken_;
 };
