@@ -273,6 +273,12 @@ TEST_F(SeriesTableTest, LeavesOutWhatCollidesAndSaysSoOnce) {
                             "tag x_y are left out there"),
                   HasSubstr("\"a_sum\" stands for the histogram a")));
   EXPECT_EQ(Refused(Refusal::kCollision), "8 of 4");
+  Handle({1, "row.d", {}, {}, {6}});
+  for (int i = 0; i < 2; ++i) {
+    Handle({7, "row", {"c"}, {}, {7}});
+    Handle({7, "row", {"c", "d"}, {}, {8, 9}});  // a new column of a series that is shown
+  }
+  EXPECT_EQ(Refused(Refusal::kCollision), "10 of 5");
 
   now_ += seconds(301);
   Handle({1, "a_b", {}, {}, {2}});
@@ -359,6 +365,12 @@ TEST_F(SeriesTableTest, RefusesWhatLiesAheadOrTakesTooMuchWork) {
   for (size_t i = 0; i < packet.blocks.size(); ++i) packet.blocks[i].name += std::to_string(i);
   table_->Handle(packet, {});
   EXPECT_GT(refused, so_far + 30);
+  // Every record is held against the length of the name, as there is no room for it.
+  const uint64_t until_now = refused;
+  packet = PacketOf({7, std::string(400000, 'n'), std::vector<std::string>(14, "c"), {}, {1}, {0}});
+  packet.blocks[0].series.resize(1000, packet.blocks[0].series[0]);
+  table_->Handle(packet, {});
+  EXPECT_GT(refused, until_now + 900);
   Handle({1, "next", {}, {}, {1}});  // a packet anew
   EXPECT_GT(health_.series, before + 2);
 }

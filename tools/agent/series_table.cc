@@ -106,6 +106,7 @@ SeriesTable::Node* SeriesTable::Place(Target* target, Node* known) {
   work_ += target->layout->CellBytes();
   if (known != nullptr) {
     Move(known, target->layout);
+    if (!target->layout->shown_whole) CountSeriesOnce(Refusal::kCollision);
     return known;
   }
   Node* const node = AddSeries(target->layout);
@@ -284,11 +285,17 @@ size_t SeriesTable::ProductOf(const Target& target) {
   for (const Field& field : block.fields) {
     columns += 3 * field.name.size() + EscapedSize(field.name, false);
   }
+  // Until there is room for the layout, every record of the block comes here.
+  work_ += name + columns;
   return lines * (label_bytes_ + name + kRestOfLines) + columns;
 }
 
 void SeriesTable::Refuse(Refusal reason) {
   CountPoints(reason, 1);
+  CountSeriesOnce(reason);
+}
+
+void SeriesTable::CountSeriesOnce(Refusal reason) {
   if (!metric_hash_) metric_hash_ = std::hash<std::string>{}(metric_key_);
   const size_t tags = std::hash<std::string_view>{}(key_.tags());
   const size_t of_reason = static_cast<size_t>(reason);

@@ -122,6 +122,8 @@ class SeriesTable : public PacketSink {
   size_t ProductOf(const Target& target) METRICS_REQUIRES(mutex_);
   // Counts the record in work, and its series if that is new.
   void Refuse(Refusal reason) METRICS_REQUIRES(mutex_);
+  // That of the record in work.
+  void CountSeriesOnce(Refusal reason) METRICS_REQUIRES(mutex_);
   void CountPoints(Refusal reason, size_t count);
   void CountSeries(Refusal reason);
   void UpdateHealth() METRICS_REQUIRES(mutex_);
