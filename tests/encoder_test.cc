@@ -297,6 +297,11 @@ TEST(PackTest, GrowsBeforeTheLastByteIsUsedByWholeKilobytesAndNotBeyond2GiB) {
     EXPECT_FALSE(pack.TryReserve((size_t{1} << 31) - bytes.size()));
     EXPECT_TRUE(pack.Bytes() == bytes && pack.capacity == grown);
   }
+  for (const auto& [large, kept] : {std::pair(409600, 409600), {409601, 262143}}) {
+    lattice_kit::codec::Pack pack(large);
+    pack.Clear();
+    EXPECT_EQ(pack.capacity, kept);
+  }
   MetricDataPack pack;
   const auto encode = [&pack](std::string_view tags) {
     MetricEncoder::EncodeOneSeriesValue(pack, tags, {}, {1});

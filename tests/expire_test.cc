@@ -4,6 +4,7 @@
 
 #include <array>
 #include <ctime>
+#include <utility>
 
 #include "support/agent_socket.h"
 #include "support/environment.h"
@@ -61,6 +62,19 @@ TEST(ExpireTest, HidesIdleSeriesAndErasesThemFromAQuarterOn) {
     EXPECT_EQ(metric->WithTagValues({"new"}) == METRICS::DummyItem(), left + (erased > 0) == 8)
         << "quota";
   }
+}
+
+TEST(ExpireTest, AnIntervalMakesAPauseOfATenthFromElevenOnAndASeriesIsIdleAfter7200Seconds) {
+  TestClient client;
+  for (const auto& [seconds, pause] : {std::pair(10, 10), {11, 1}, {600, 60}}) {
+    MetricExpireChecker checker(&*client);
+    checker.Start(seconds);
+    EXPECT_EQ(checker.check_interval_, pause);
+  }
+  const auto item = client.Metric("m")->WithTags({});
+  item->last_update_ = 1000;
+  EXPECT_FALSE(CheckExpire(item, 8200));
+  EXPECT_TRUE(CheckExpire(item, 8201));
 }
 
 TEST(ExpireTest, AnEmissionThatComesBeforeTheTableIsLockedKeepsItsSeries) {

@@ -30,6 +30,7 @@ TEST(HistogramTest, ReportsBucketsSumAndCountUnlessTheSumIsZero) {
       {{{0, 1}, {0, 2}, {1, 50}}, {2, 1, 0, 53, 3}},
       {{{1, 5}, {1, -5}}, {}},  // counted with the next sum that is not zero
       {{{1, 1}}, {0, 3, 0, 1, 3}},
+      {{{0, -2}}, {1, 0, 0, -2, 1}},
       {{{3, 8}, {-32768, 8}, {-1, 8}, {32767, 8}}, {}},  // no such bucket
       {{{2, 200.5}}, {0, 0, 1, 200.5, 1}}};
   MetricHistogram cell(3);

@@ -79,6 +79,8 @@ TEST_F(RegistryTest, OfTwoErrorsTheEarlierCheckAnswers) {
                {Cfg("m", {}, {}, nullptr, {{"", T::kMultiField, &bad}}), R::kInvalidString},
                {Cfg("m", {}, {}, nullptr, {{"f", T::kTimer, &bad}}), R::kMaxHistoBucket},
                {Cfg("m", {}, {}, nullptr, Fields(103, {"f", T::kTimer})), R::kFieldNumExceeded},
+               {Cfg("m", {}, {}, nullptr, Fields(1025, {"f", T::kGauge})), R::kFieldNumExceeded},
+               {Cfg("old", {}, {}, nullptr, Fields(1024, {"f", T::kGauge})), R::kObjectExisted},
                // 65540 columns count as 4
                {Cfg("old", {}, {}, nullptr, Fields(6554, {"f", T::kTimer})), R::kObjectExisted},
                {Cfg("old", {}, {}, nullptr, {{"f", T::kMultiField}}), R::kInvalidMetricType},
