@@ -58,7 +58,12 @@ std::string ErrorOf(R code) {
 
 // A refusal that prints the text of its code, and leaves nothing.
 Bad Refused(std::string what, R code, std::function<R()> call) {
-  return {std::move(what), std::move(call), code, {ErrorOf(code)}};
+  std::vector<std::string> lines{ErrorOf(code)};
+  if (code == R::kMaxHistoBucket) {
+    lines.insert(lines.begin(),
+                 "Warn: Bounds of a histogram refused: there are more than 100 bounds");
+  }
+  return {std::move(what), std::move(call), code, std::move(lines)};
 }
 
 MetricInstanceCfg Described(std::string name, Strings tag_names, Tags const_tags,

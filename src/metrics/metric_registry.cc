@@ -264,8 +264,9 @@ void MetricRegistry::WarnOfTags(const std::vector<tidegate::MetricTag>& tags) co
   }
 }
 
-void MetricRegistry::WarnOfInterval(int tenant_interval) const {
-  if (tenant_interval > 0 && flush_interval_ % tenant_interval != 0) {
+void MetricRegistry::WarnOfInterval(int tenant_interval) {
+  if (tenant_interval > 0 && flush_interval_ % tenant_interval != 0 &&
+      !interval_told_.exchange(true)) {
     METRICS_LOG_WARN("Interval[%ds] of registry[%s.%s] is no multiple of its tenant's[%ds]\n",
                      flush_interval_, tenant_.c_str(), prefix_.c_str(), tenant_interval);
   }

@@ -106,8 +106,9 @@ class METRICS_API MetricRegistry {
                         const std::vector<tidegate::MetricTag>& second,
                         std::vector<tidegate::MetricTag>& out);
 
-  /// Says so if the interval is no multiple of its tenant's: rates are wrong then.
-  void WarnOfInterval(int tenant_interval) const;
+  /// Says so, once, if the interval is no multiple of its tenant's: rates are wrong then. From the
+  /// thread that makes the registry and from the flush thread, whoever knows the tenant's first.
+  void WarnOfInterval(int tenant_interval);
 
   const std::string& Tenant() const { return tenant_; }
   const std::string& Prefix() const { return prefix_; }
@@ -141,6 +142,7 @@ class METRICS_API MetricRegistry {
   /// By name without prefix.
   std::unordered_map<std::string, std::shared_ptr<Metric>> metrics_ METRICS_GUARDED_BY(rwlock_);
   std::weak_ptr<MetricRegistry> self_;  ///< written once by `Make`
+  std::atomic<bool> interval_told_{false};
 };
 
 /// Checks field declarations: 53 for a name, 52 for a type, 36 for bounds, 38 for more than 1024
