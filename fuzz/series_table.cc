@@ -1,7 +1,7 @@
 // The agent's table of series and its page. An input is a few packets with pauses between them, in
 // a form that a fuzzer changes easily; the limits are low, so that they are reached. Whatever
 // comes, a strict reader takes the page, it takes no more bytes than were counted for it, and in
-// the end nothing stays behind.
+// the end nothing is left.
 
 #include "agent/series_table.h"
 
@@ -162,7 +162,7 @@ class Play {
     now_ += 10 * options_.ttl;
     table_.Sweep();
     Require(health_.series == 0 && health_.series_bytes == 0 && table_.PageBytes() == 0,
-            "nothing stays behind");
+            "nothing is left");
     Require(ReadPage() == 0, "what is out of date is not shown");
     return shown;
   }

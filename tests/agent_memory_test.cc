@@ -158,7 +158,7 @@ class AgentMemoryTest : public testing::Test {
   uint64_t sent_ = 0;
 };
 
-// The number behind `name` in `line`.
+// The number after `name` in `line`.
 uint64_t NumberOf(const std::string& line, const std::string& name) {
   const size_t at = line.find(name);
   return at == std::string::npos ? 0 : std::stoull(line.substr(at + name.size()));

@@ -29,7 +29,7 @@ static bool NextFails() {
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-// The C library's own is behind all others.
+// The C library's own is what all others call.
 extern "C" {
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
@@ -199,9 +199,9 @@ TEST(AllocationTest, WhereOneFailsAnEstimatorHasWhatItTookAndNoMore) {
 }
 
 // Each way in makes a series and its cells, and emits 1: at the first attempt that gets through,
-// and once more. What an attempt leaves behind that fails is whole, and nothing is counted twice.
+// and once more. What a failed attempt leaves is whole, and nothing is counted twice.
 TEST(AllocationTest, WhereOneFailsASeriesIsWholeAndHasWhatItTookAndNoMore) {
-  for (const uint32_t mode : {0u, 1u, 2u}) {  // tags encoded later, ahead, in trees
+  for (const uint32_t mode : {0u, 1u, 2u}) {  // tags encoded at the flush, at creation, in trees
     TestClient client(ReportTo("/tmp/nobody.listens", kNeverDue, mode == 1));
     client->collector_factory_->collector_kind_ = mode / 2;
     HistoUtilBase bounds({0, 10});

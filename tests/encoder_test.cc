@@ -85,7 +85,7 @@ TEST_F(EncoderTest, APacketThatReachesTheLimitIsSentBetweenTwoCellsOfASeries) {
   EXPECT_THAT(sizes(fits, {WithSuffix("x", IncrCounter(1))}), ElementsAre(262142, 262142));
 }
 
-// The packet of the interval before goes ahead of the other one, but for compatible series that
+// The packet of the interval before goes before the other one, but for compatible series that
 // share a block. A block is opened again for what follows, even if all of that is idle.
 TEST_F(EncoderTest, ACutPacketGoesOnAsItsFormHasIt) {
   const struct {

@@ -375,7 +375,7 @@ TEST_F(SeriesTableTest, RefusesWhatLiesAheadOrTakesTooMuchWork) {
   EXPECT_GT(health_.series, before + 2);
 }
 
-// Whatever allocation fails, in a packet or on a page, the table goes on and nothing stays behind.
+// Whatever allocation fails, in a packet or on a page, the table goes on and nothing is left.
 TEST_F(SeriesTableTest, OutlivesEveryFailingAllocation) {
   const std::string text(40, 'x');
   const Point kPoints[] = {

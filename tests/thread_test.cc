@@ -26,7 +26,7 @@ uint32_t SlotOfANewThread() {
   return slot;
 }
 
-// Threads that are all there at once, as many as `count`, each with `work` behind it.
+// Threads that are all there at once, as many as `count`, each with `work` done.
 template <class Work>
 void RunTogether(int count, Work work) {
   std::atomic<int> waiting{0};

@@ -39,7 +39,7 @@ class MetricCollectorItem;
 /// and keeps nothing; the first emission after `UnBlock` binds the handle and its copies anew, and
 /// each from then on takes a lock that they share, for some 30 ns, until you `Bind` again. After
 /// its registry was cleared or its metric or registry removed, and once the client has ended,
-/// `Emit` answers 23 for good. All of these count in the metric's `emit_fail_`. Fork: a
+/// `Emit` always answers 23. All of these count in the metric's `emit_fail_`. Fork: a
 /// child may not emit on a handle of its parent; it may drop it or bind it anew, after `Init`. What
 /// the handle was bound to is leaked there.
 class METRICS_API BoundSeries {

@@ -114,8 +114,8 @@ double CKMSQuantiles::allowableError(int rank, size_t kept) const {
 }
 
 // The algorithm inserts into the list in place. Here it is merged into a second one, which gives
-// the same list in one pass: `merged_` is the part ahead of the place of insertion, `read` where
-// the part behind it begins in the old list. What needs memory comes first, so that a failure
+// the same list in one pass: `merged_` is the part before the insertion point, `read` the
+// index in the old list of the part after it. What needs memory comes first, so that a failure
 // leaves all as it was.
 bool CKMSQuantiles::insertBatch() {
   if (buffer_count_ == 0) {

@@ -67,8 +67,8 @@ class METRICS_API MetricClient {
   CreateMetricResult CreateMetric(MetricRegistryCfg registry_cfg, MetricInstanceCfg metric_cfg);
 
   // From any thread, while the client is in service. 20 when there is no such registry.
-  /// Removes a registry with its metrics and what they had not flushed; its place among the 512 is
-  /// free again. The caller must have stopped emitting on its metrics.
+  /// Removes a registry with its metrics and what they had not flushed; it no longer counts
+  /// among the 512. The caller must have stopped emitting on its metrics.
   ReturnCode RemoveRegistry(const std::string& prefix, const std::string& tenant);
   /// Refuses emissions on the metrics of a registry, and drops their series, until `UnBlock`.
   ReturnCode Block(const std::string& prefix, const std::string& tenant);

@@ -55,7 +55,7 @@ class MetricCollectorFactory {
   };
   /// As `CreateCollector` under the full name of `metric`, which is a member of what it gets until
   /// it leaves. A metric whose look-ups would not fit a collector that stands there gets one on
-  /// standby, which stands in its place once all its members have left.
+  /// standby, which replaces that one once all its members have left.
   Membership Join(Metric& metric);
   /// The last member takes the collector out. False when another one is in service, which needs the
   /// series.
@@ -121,7 +121,7 @@ class MetricCollectorFactory {
   ReturnCode Remove(const std::string& tenant, const std::string& name,
                     const MetricCollectorBase* own, CollectorPtr& removed)
       METRICS_REQUIRES(rwlock_);
-  /// Puts the first collector that waits for the name of `member` in its place.
+  /// Gives the name of `member` to the first collector that waits for it.
   void PromoteWaiting(const MetricImpl& member) METRICS_REQUIRES(rwlock_);
   void DropAll() METRICS_REQUIRES(rwlock_);
 

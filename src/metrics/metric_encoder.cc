@@ -300,7 +300,7 @@ void MetricEncoder::PutMetricHeader(EPacket& pack, MetricsType type, unsigned in
 void MetricEncoder::EncodeMetricHeader(MetricDataPack& pack, MetricsType type, unsigned int hash,
                                        const std::string& name, const std::string& fields,
                                        long timestamp, bool save) {
-  // Ahead of the first byte: where memory runs out, no part of a header is left behind.
+  // Before the first byte: where memory runs out, no part of a header is left.
   pack.Reserve(static_cast<int32_t>(kBlockHeaderBytes + name.size() + fields.size()));
   pack.header_offset = static_cast<uint32_t>(pack.Used());
   PutMetricHeader(pack, type, hash, name, fields, timestamp);

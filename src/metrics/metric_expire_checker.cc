@@ -43,7 +43,7 @@ ReturnCode MetricExpireChecker::Start(const int& seconds) {
   }
   const ReturnCode code =
       StartThread(thread_, "ms_expirer", [this, factory, interval = check_interval_] {
-        // The thread may be here ahead of the store below.
+        // The thread may be here before the store below.
         WaitUntil([this] { return state_.load() != MetricState::INIT; });
         DoCheck(factory, interval);
       });

@@ -67,7 +67,7 @@ class EventCounter {
   struct alignas(64) Line {
     std::atomic<unsigned long> events{0};
   };
-  /// The head of a list of lines, which stand behind it.
+  /// The head of a list of lines, which come right after it.
   struct alignas(64) Lines {
     std::atomic<unsigned long>& At(uint32_t slot) {
       return (reinterpret_cast<Line*>(this + 1) + slot)->events;

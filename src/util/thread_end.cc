@@ -19,7 +19,7 @@ void RunActions(void* /*unused*/) {
   }
 }
 
-// A destructor of a C++ variable would never run where a thread asks for it behind the others.
+// A destructor of a C++ variable would never run where a thread asks for it after the others.
 pthread_key_t key;
 const bool key_made = ::pthread_key_create(&key, &RunActions) == 0;
 

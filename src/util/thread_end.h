@@ -9,7 +9,7 @@ struct ThreadEndAction {
   ThreadEndAction* next;
 };
 
-/// Has `run` called once at the end of this thread, behind the destructors of its variables. False
+/// Has `run` called once at the end of this thread, after the destructors of its variables. False
 /// when that cannot be promised: the thread's actions have run already, or the process has no key
 /// left. Allocates nothing, unless the process had made 32 keys before it loaded the library.
 ///

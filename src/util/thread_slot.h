@@ -22,8 +22,8 @@ uint32_t TakeSlot();
 /// as it asks after another thread's end, and for destructors that run at the very end of a thread.
 /// A slot is handed on when its thread ends, and what was written to it is seen by the next one.
 ///
-/// Threads: any. Costs a look at a variable of the thread. A slot of a thread that a fork left
-/// behind is not handed on in the child.
+/// Threads: any. Costs a look at a variable of the thread. The slot of a thread that exists
+/// only in the parent is not handed on in a forked child.
 inline uint32_t ThreadSlot() {
   const uint32_t slot = thread_slot_internal::t_slot;
   return slot != kNoThreadSlot ? slot : thread_slot_internal::TakeSlot();

@@ -28,7 +28,7 @@ namespace tidegate::agent {
 //   forwarder:     packs points and sends them to a database
 //   HTTP:          pages from the table of series
 //
-// No thread waits for one behind it, and none ends because memory runs out: what it loses by that
+// No thread waits for a later one, and none ends because memory runs out: what it loses by that
 // is counted. Run once; Stop from any thread and from a signal handler.
 class Agent {
  public:

@@ -55,7 +55,7 @@ class BatchQueue {
   uint64_t Append(std::string_view lines, uint64_t points);
 
   // The next batch, alone in its list: the oldest unpacked one while it is too early to send, else
-  // the oldest packed one. Waits for a batch until `until`, behind Flush only for the time to send;
+  // the oldest packed one. Waits for a batch until `until`, after Flush only for the time to send;
   // returns an empty list if there is none.
   Batches Take(Clock::time_point until);
 

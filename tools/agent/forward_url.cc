@@ -81,7 +81,7 @@ bool CheckPrecision(std::string_view target, std::string* error) {
     const std::string_view parameter = target.substr(0, target.find('&'));
     target.remove_prefix(parameter.size());
     if (parameter.substr(0, kName.size()) != kName || parameter == "precision=ns") continue;
-    // What comes after the value may be a secret behind a wrong separator.
+    // What comes after the value may be a secret after a wrong separator.
     const size_t end = parameter.find_first_not_of("abcdefghijklmnopqrstuvwxyz", kName.size());
     *error = "\"" + std::string(parameter.substr(0, end)) +
              "\" does not hold, timestamps are nanoseconds: leave it out";

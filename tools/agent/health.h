@@ -20,7 +20,7 @@ constexpr size_t kDecodeFailures = 4;
 DecodeFailure FailureOf(const ReadError& error);
 
 // Why the table of series did not take a point: it was full, another series holds the name, the
-// packet took too much work, or the time lies too far ahead.
+// packet took too much work, or its time is too far in the future.
 enum class Refusal { kLimit, kCollision, kWork, kAhead };
 constexpr size_t kRefusals = 4;
 

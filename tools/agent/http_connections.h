@@ -35,8 +35,8 @@ struct HttpLimits {
 // take longer than they may.
 //
 // Everything that a client can make it hold is bounded. A head has 32 KiB at most; no body is read.
-// Who connects beyond the limit takes the place of the oldest client that has no complete request,
-// or else of the oldest one. A page goes to all who asked for it before it was begun, and exists
+// A client beyond the limit replaces the oldest one that has no complete request, or the oldest one
+// if all have. A page goes to all who asked for it before it was begun, and exists
 // once; who comes later waits for the next. The client's speed holds up nobody else: sockets do not
 // block.
 //

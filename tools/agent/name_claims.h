@@ -18,7 +18,7 @@ class NameClaims {
  public:
   explicit NameClaims(size_t* bytes) : bytes_(bytes) {}
 
-  // Null if the name is now claimed, or else the other owner that holds it, good until the next
+  // Null if the name is now claimed. If another owner holds it, that one, valid until the next
   // call. `owner_bytes` is what the owner has on the heap.
   const Owner* Claim(const std::string& name, const Owner& owner, size_t owner_bytes) {
     auto found = holders_.find(name);

@@ -41,7 +41,7 @@ class SeriesTable : public PacketSink {
     std::chrono::seconds ttl{300};
     bool label_pid = false;
     bool page = true;  // false: series are only counted, and no name can collide
-    // How far a point may lie ahead to be shown: while it is the newest, older ones change nothing.
+    // Points further in the future are refused: while one is the newest, older ones change nothing.
     std::chrono::seconds max_ahead{3600};
   };
   struct Time {

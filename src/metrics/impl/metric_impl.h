@@ -83,7 +83,7 @@ class METRICS_API MetricImpl {
 
   /// Takes the series out of the collector, unless another metric in service has them too.
   SeriesRemains TakeSeries();
-  /// The same for good: the collector leaves the factory, unless another metric has it too.
+  /// The same at the end: the collector leaves the factory, unless another metric has it too.
   SeriesRemains LeaveCollector();
   /// What series of this metric are counted on, if it is another metric.
   const std::shared_ptr<Metric>& CollectorOwner() const { return collector_owner_; }
