@@ -198,6 +198,22 @@ TEST(AllocationTest, WhereOneFailsAnEstimatorHasWhatItTookAndNoMore) {
   }
 }
 
+TEST(AllocationTest, AnEmissionThatThrowsShowsNoSeriesAndIsNotCounted) {
+  TestClient client(ReportTo("/tmp/nobody.listens", kNeverDue));
+  METRICS::Metric& metric = *client.Metric("m");
+  metric.SetUseCkms(true);
+  const auto item = metric.WithTags({});
+  item->active_ = false;
+  EXPECT_FALSE(Manages(0, [&] { item->Emit(Incr(1)); }));
+  EXPECT_FALSE(item->active_);
+  BoundSeries timer;
+  timer.Bind(&metric, {}, Observe(0));
+  unsigned long accepted = 0;
+  for (int i = 0; i < 600; ++i) accepted += Manages(0, [&] { timer.Emit(1); }) ? 1 : 0;
+  EXPECT_EQ(accepted, 500u) << "as many as wait for a merge";
+  EXPECT_EQ(metric.emit_success_, accepted);
+}
+
 // Each way in makes a series and its cells, and emits 1: at the first attempt that gets through,
 // and once more. What a failed attempt leaves is whole, and nothing is counted twice.
 TEST(AllocationTest, WhereOneFailsASeriesIsWholeAndHasWhatItTookAndNoMore) {

@@ -221,6 +221,8 @@ TEST_F(NamesakesTest, OfTwoWithEqualTagsTheOneThatIsLeftLosesNothing) {
       if (!first_ends) std::swap(ended, left);
       EXPECT_TRUE(Emit(ended.metric, 1) && Emit(left.metric, 10));
       left.metric->EmitStat(stat);
+      BoundSeries bound;
+      EXPECT_EQ(bound.Bind(left.metric, {{"x", "2"}}, Incr(0)), R::kOk);
       const auto held = left.metric->WithTags({{"x", "1"}});
       {
         tidegate::test::Workers others;
@@ -237,6 +239,10 @@ TEST_F(NamesakesTest, OfTwoWithEqualTagsTheOneThatIsLeftLosesNothing) {
       success->Send(1);
       left.metric->EmitStat(stat);
       EXPECT_GE(success->Send(1).values.at(0), 1) << "and is still counted";
+      left.registry->Block();
+      EXPECT_EQ(bound.Emit(1), R::kObjectBlocked);
+      left.registry->UnBlock();
+      EXPECT_EQ(bound.Emit(1), R::kOk) << "it follows the metric that it was bound with";
       left.registry->RemoveMetric(left.name);
       client_->UnBlock("a.b", "t1");
       client_->UnBlock("a", "t1");

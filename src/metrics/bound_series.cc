@@ -23,9 +23,11 @@ namespace {
 
 using ItemPtr = std::shared_ptr<MetricCollectorItem>;
 
-/// Why the metric gave the dummy item.
-ReturnCode RefusalOf(const MetricImpl& impl) {
-  switch (impl.state_.load(std::memory_order_acquire)) {
+MetricState StateOf(const MetricImpl& impl) { return impl.state_.load(std::memory_order_acquire); }
+
+/// Why a metric in `state` gave the dummy item.
+ReturnCode RefusalOf(MetricState state) {
+  switch (state) {
     case MetricState::BLOCKED:
       return ReturnCode::kObjectBlocked;
     case MetricState::SHUTDOWN:
@@ -74,7 +76,7 @@ ReturnCode HoldSeries(MetricImpl& impl, const std::vector<std::string>& values, 
   for (uint32_t turn = 0;; ++turn) {
     ItemPtr item = impl.WithTagValues(values);
     if (item == DummyItem()) {
-      return RefusalOf(impl);
+      return RefusalOf(StateOf(impl));
     }
     if (item->Hold()) {
       held = std::move(item);
@@ -102,7 +104,7 @@ struct BoundSeries::Pins {
                                                                                ReturnCode& code);
 
   const pid_t process = ::getpid();
-  std::shared_ptr<Metric> metric;  // goes last: the item refers to it
+  std::shared_ptr<Metric> metric;  // goes last: the item refers to it, or to one that it keeps
   ItemPtr item;
   CellPtr cell;
   std::vector<std::string> values;
@@ -133,8 +135,9 @@ ReturnCode BoundSeries::Bind(Metric* metric, const Tags& tags, const std::string
 ReturnCode BoundSeries::BindTags(Metric& metric, const Tags& tags, const std::string& name,
                                  MetricsType type) {
   MetricImpl& impl = *metric.impl_;
-  if (impl.state_.load(std::memory_order_acquire) != MetricState::READY) {
-    return RefusalOf(impl);  // a removed one has lost its tag names
+  const MetricState state = StateOf(impl);
+  if (state != MetricState::READY) {
+    return RefusalOf(state);
   }
   std::vector<std::string> values(impl.tag_count_, "-");
   const ReturnCode code = impl.GetTagValueVec(tags, values);
@@ -159,7 +162,7 @@ ReturnCode BoundSeries::BindValues(Metric& metric, std::vector<std::string> valu
   if (code != ReturnCode::kOk) {
     return code;
   }
-  pins->metric = pins->item->metric_->weak_from_this().lock();
+  pins->metric = metric.weak_from_this().lock();
   if (pins->metric == nullptr) {
     return ReturnCode::kObjectExit;
   }
@@ -168,13 +171,13 @@ ReturnCode BoundSeries::BindValues(Metric& metric, std::vector<std::string> valu
     return code;
   }
   if (type == MetricsType::kHistogram) {
-    bounds_ = pins->metric->kind_ == MetricCoItemType::kCoItemSuffix
-                  ? &pins->metric->GetHistogram()
-                  : &FindHistogram(name, pins->metric->GetFieldInfo());
+    bounds_ = owner->kind_ == MetricCoItemType::kCoItemSuffix
+                  ? &owner->GetHistogram()
+                  : &FindHistogram(name, owner->GetFieldInfo());
   }
   cell_ = pins->cell.get();
   item_ = pins->item.get();
-  success_ = &pins->metric->emit_success_;
+  success_ = &owner->emit_success_;
   success_->Spread(EventCounter::kSpreadLines);
   type_ = type;
   pins_ = pins;
@@ -187,8 +190,10 @@ std::shared_ptr<BoundSeries> BoundSeries::Pins::BoundAnew(MetricsType type, Retu
     return anew;
   }
   anew = nullptr;
-  if (metric->impl_->state_.load(std::memory_order_acquire) != MetricState::READY) {
-    code = item->RefuseDropped();
+  const MetricState state = StateOf(*metric->impl_);
+  if (state != MetricState::READY) {
+    metric->emit_fail_.fetch_add(1, std::memory_order_relaxed);
+    code = RefusalOf(state);
     return nullptr;
   }
   auto made = std::make_shared<BoundSeries>();
@@ -238,7 +243,12 @@ ReturnCode BoundSeries::EmitShown(Number number) {
   // The cell comes last: it has the one instruction that others may have to wait for.
   item_->MarkTime();
   success_->Add(1);
-  EmitToCell(number);
+  try {
+    EmitToCell(number);
+  } catch (...) {  // an estimator without memory, which has not taken it
+    success_->fetch_sub(1);
+    throw;
+  }
   return ReturnCode::kOk;
 }
 
@@ -252,17 +262,15 @@ ReturnCode BoundSeries::EmitNumber(Number number) {
 
 template <class Number>
 ReturnCode BoundSeries::EmitHidden(Number number) {
-  if (!item_->IsDropped()) {
-    item_->SetActive(true);
-    return EmitShown(number);
-  }
   ReturnCode code = ReturnCode::kOk;
-  const std::shared_ptr<BoundSeries> anew = pins_->BoundAnew(type_, code);
-  if (anew == nullptr) {
+  std::shared_ptr<BoundSeries> anew;
+  if (item_->IsDropped() && (anew = pins_->BoundAnew(type_, code)) == nullptr) {
     return code;
   }
-  anew->item_->SetActive(true);
-  return anew->EmitShown(number);
+  BoundSeries& shown = anew != nullptr ? *anew : *this;
+  shown.EmitShown(number);
+  shown.item_->SetActive(true);
+  return ReturnCode::kOk;
 }
 
 ReturnCode BoundSeries::EmitInteger(int64_t number) { return EmitNumber<long>(number); }

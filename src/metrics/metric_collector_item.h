@@ -153,17 +153,16 @@ class METRICS_API MetricCollectorItem {
 
  protected:
   bool IsHidden() const { return !active_.load(std::memory_order_relaxed); }
-  /// The way of an emission on a hidden item: refuses on a dropped one, else shows it and calls
-  /// `emit`; what fails leaves it hidden.
+  /// The way of an emission on a hidden item: refuses on a dropped one, else calls `emit` and then
+  /// shows the item; what fails or throws shows nothing.
   template <class Emission>
   __attribute__((cold, noinline)) ReturnCode EmitHidden(Emission emit) {
     if (IsDropped()) {
       return RefuseDropped();
     }
-    SetActive(true);
     const ReturnCode code = emit();
-    if (code != ReturnCode::kOk) {
-      SetActive(false);
+    if (code == ReturnCode::kOk) {
+      SetActive(true);
     }
     return code;
   }
