@@ -10,6 +10,8 @@
 #include <new>
 #include <utility>
 
+#include "agent/exposition.h"
+
 namespace tidegate::agent {
 namespace {
 
@@ -35,8 +37,10 @@ void Log::ReportJoined(std::initializer_list<std::string_view> texts) noexcept {
     // Names of clients can be in it.
     std::replace_if(
         line.begin(), line.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; }, '?');
-    line += '\n';
-    writer_.Write(std::move(line), 1);
+    std::string shown;  // journals hide a line that is not UTF-8
+    AppendText(line, &shown);
+    shown += '\n';
+    writer_.Write(std::move(shown), 1);
   } catch (const std::bad_alloc&) {
     ReportOutOfMemory();
   }

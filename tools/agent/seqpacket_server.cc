@@ -2,6 +2,7 @@
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -29,7 +30,16 @@ constexpr int kAcceptRetryMillis = 100;  // while accepting fails
 // also after the client has gone. More clients wait, for as long as they themselves allow.
 constexpr int kBacklog = 128;
 
+// Descriptors for the agent's own files and for HTTP clients, but not more than half of all.
+constexpr rlim_t kReservedDescriptors = 200;
+
 std::string ErrnoText() { return std::generic_category().message(errno); }
+
+rlim_t MostClients() {
+  rlimit descriptors = {};
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  return descriptors.rlim_cur - std::min(descriptors.rlim_cur / 2, kReservedDescriptors);
+}
 
 int NewSocket() { return socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); }
 
@@ -96,6 +106,7 @@ SeqpacketServer::SeqpacketServer(MessageHandler on_message, WarningHandler on_wa
       on_warning_(std::move(on_warning)),
       epoll_(epoll_create1(EPOLL_CLOEXEC)),
       stop_event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      most_clients_(MostClients()),
       client_count_(clients) {}
 
 SeqpacketServer::~SeqpacketServer() { RemoveSocketFile(); }
@@ -193,6 +204,10 @@ bool SeqpacketServer::Watch(int fd, bool ready_to_read) {
 
 void SeqpacketServer::AcceptPending() {
   for (;;) {
+    if (clients_.size() >= most_clients_) {
+      errno = EMFILE;
+      return PauseAccepting(true);
+    }
     UniqueFd client(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!client.valid()) {
       if (errno == EINTR || errno == ECONNABORTED) continue;

@@ -20,8 +20,8 @@ namespace tidegate::agent {
 //
 // Threads: one thread calls Listen and Run, and the handlers run on it; Stop may come from any
 // thread and from a signal handler. Owns its descriptors and the socket file. A message above
-// kMaxMessageSize is handed over cut; clients that find no free descriptor wait in the listen
-// queue.
+// kMaxMessageSize is handed over cut; clients that find no free descriptor, of which some are left
+// to the rest of the agent, wait in the listen queue.
 class SeqpacketServer {
  public:
   static constexpr size_t kMaxMessageSize = 1 << 20;  // bytes
@@ -82,6 +82,7 @@ class SeqpacketServer {
   const WarningHandler on_warning_;
   UniqueFd epoll_;
   UniqueFd stop_event_;
+  const uint64_t most_clients_;
   UniqueFd listener_;
   std::unordered_map<int, Client> clients_;
   uint64_t connections_ = 0;  // so far
