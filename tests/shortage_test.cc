@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string>
 
 #include "metrics/metric_factory.h"
 #include "support/agent_socket.h"
@@ -98,6 +99,27 @@ TEST(ShortageTest, WithoutAThreadACallLeavesNothingAndTheNextOneTriesAgain) {
   size_t received = 0;
   for (const Point& point : agent.Points()) received += point.tenant == "t1" ? 1 : 0;
   EXPECT_EQ(received, 100u);
+}
+
+// Lets each allocation of a new sender fail in turn. A forked child would abandon the table of one
+// that is being changed, with the connections that it has to close.
+TEST(ShortageTest, ASenderWithoutMemoryLeavesTheOthersToAForkedChild) {
+  TestClient client;
+  ASSERT_NE(client.Registry("p"), nullptr);
+  METRICS::MetricSenderManager& manager = *client->sender_manager_;
+  const std::string tenant(40, 't');
+  int failures = -1;
+  for (bool made = false; !made; ++failures) {
+    allocations_left = failures + 1;
+    try {
+      made = manager.PrepareSender(tenant, MetricSenderType::kSenderUnixDomain) == ReturnCode::kOk;
+    } catch (const std::bad_alloc&) {
+    }
+    allocations_left = -1;
+    manager.RepairAfterFork();
+    ASSERT_EQ(manager.GetAllTenant().size(), made ? 2u : 1u) << "allocation " << failures + 1;
+  }
+  EXPECT_GT(failures, 1);
 }
 
 // Lets each allocation of a flush fail in turn. What reports once per emission then arrives with

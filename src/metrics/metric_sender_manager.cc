@@ -1,5 +1,6 @@
 #include "metrics/metric_sender_manager.h"
 
+#include <atomic>
 #include <map>
 #include <sstream>
 #include <utility>
@@ -10,6 +11,21 @@
 #include "util/metric_log.h"
 
 namespace METRICS {
+namespace {
+
+/// Marks the table as being changed for its life, also where memory runs out in the middle.
+class TableChange {
+ public:
+  explicit TableChange(std::atomic<bool>& changing) : changing_(changing) { changing_.store(true); }
+  ~TableChange() { changing_.store(false); }
+  TableChange(const TableChange&) = delete;
+  TableChange& operator=(const TableChange&) = delete;
+
+ private:
+  std::atomic<bool>& changing_;
+};
+
+}  // namespace
 
 MetricSenderManager::MetricSenderManager(MetricClient* client) : client_(client) {}
 
@@ -52,9 +68,8 @@ ReturnCode MetricSenderManager::Prepare(const std::string& tenant, MetricSenderT
   if (!made->thread_.joinable()) {
     return ReturnCode::kAllocCollectorError;
   }
-  table_changing_.store(true);
+  const TableChange change(table_changing_);
   senders_.emplace(tenant, std::move(made));
-  table_changing_.store(false);
   return ReturnCode::kOk;
 }
 
@@ -72,9 +87,8 @@ ReturnCode MetricSenderManager::RemoveSender(std::string tenant) {
     return ReturnCode::kObjectNotExisted;
   }
   found->second->Exit();
-  table_changing_.store(true);
+  const TableChange change(table_changing_);
   senders_.erase(found);
-  table_changing_.store(false);
   return ReturnCode::kOk;
 }
 
@@ -88,9 +102,8 @@ void MetricSenderManager::DeleteAll() {
   for (auto& [tenant, sender] : senders_) {
     sender.reset();
   }
-  table_changing_.store(true);
+  const TableChange change(table_changing_);
   senders_.clear();
-  table_changing_.store(false);
 }
 
 // The number in the closing lines of these three is taken after the table was emptied.
