@@ -63,9 +63,8 @@ class METRICS_API BoundSeries {
   /// metric; 52 for a type that is none, or that of the suffix or field is another; 37, 53 or 50
   /// for tags that `Metric::WithTags` would refuse; 22 and 23 for a blocked or removed metric; 70
   /// for a compatible metric, at the quota of series and wherever else `WithTags` gives the item of
-  /// failures; 53 for an illegal suffix, 20 for a field
-  /// that was not declared; 36, with a Warn line, for a histogram without bounds, which would drop
-  /// every sample.
+  /// failures; 53 for an illegal suffix, 20 for a field that was not declared; 36, with a Warn
+  /// line, for a histogram without bounds, which would drop every sample.
   ReturnCode Bind(Metric* metric, const Tags& tags, const std::string& name, MetricsType type);
   /// The same, with the name and type of `like`, whose number does not count:
   /// `Bind(metric, tags, WithSuffix("bytes", IncrCounter(0)))`.
