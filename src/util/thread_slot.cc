@@ -1,16 +1,12 @@
 #include "util/thread_slot.h"
 
-#include <atomic>
-
 #include "util/thread_end.h"
 
 namespace METRICS {
 namespace {
 
-constexpr uint32_t kWordBits = 64;
-
-/// A bit for each slot that is taken.
-std::atomic<uint64_t> taken_slots[kThreadSlots / kWordBits];
+using thread_slot_internal::kWordBits;
+using thread_slot_internal::taken_slots;
 
 #define METRICS_OF_THREAD __thread __attribute__((tls_model("initial-exec")))
 METRICS_OF_THREAD ThreadEndAction t_at_end;
@@ -22,8 +18,7 @@ uint32_t TakeFreeSlot() {
     uint64_t taken = taken_slots[word].load(std::memory_order_relaxed);
     while (~taken != 0) {
       const auto bit = static_cast<uint32_t>(__builtin_ctzll(~taken));
-      if (taken_slots[word].compare_exchange_weak(taken, taken | uint64_t{1} << bit,
-                                                  std::memory_order_acquire)) {
+      if (taken_slots[word].compare_exchange_weak(taken, taken | uint64_t{1} << bit)) {
         return word * kWordBits + bit;
       }
     }
@@ -45,6 +40,7 @@ void HandOnOwn() {
 
 namespace thread_slot_internal {
 
+std::atomic<uint64_t> taken_slots[kThreadSlots / kWordBits];
 __thread uint32_t t_slot = kNoThreadSlot;
 
 uint32_t TakeSlot() {

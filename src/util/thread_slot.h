@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 namespace METRICS {
@@ -14,6 +15,10 @@ namespace thread_slot_internal {
 extern __thread uint32_t t_slot __attribute__((tls_model("initial-exec")));
 
 uint32_t TakeSlot();
+
+constexpr uint32_t kWordBits = 64;
+/// A bit for each slot that is taken.
+extern std::atomic<uint64_t> taken_slots[kThreadSlots / kWordBits];
 
 }  // namespace thread_slot_internal
 
@@ -35,5 +40,19 @@ inline uint32_t TakenThreadSlot() { return thread_slot_internal::t_slot; }
 /// For threads of the library: leaves the slots to those of the service. REQUIRES: this thread has
 /// not asked for one.
 void DoWithoutThreadSlot();
+
+/// Calls `visit(slot)` for each slot that a thread has. In the one order of all sequentially
+/// consistent operations it looks at a slot after the call began, and a thread takes it before it
+/// uses it.
+template <class Visit>
+void ForEachTakenSlot(Visit visit) {
+  uint32_t first = 0;
+  for (const std::atomic<uint64_t>& word : thread_slot_internal::taken_slots) {
+    for (uint64_t taken = word.load(); taken != 0; taken &= taken - 1) {
+      visit(first + static_cast<uint32_t>(__builtin_ctzll(taken)));
+    }
+    first += thread_slot_internal::kWordBits;
+  }
+}
 
 }  // namespace METRICS

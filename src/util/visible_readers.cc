@@ -15,8 +15,6 @@ constexpr size_t kPageBytes = 4096;
 alignas(kPageBytes) ReaderRow rows[kThreadSlots];
 static_assert(sizeof(rows) % kPageBytes == 0);
 
-std::atomic<uint32_t> rows_taken{0};  ///< the first ones: nobody ever used those behind
-
 __thread ThreadEndAction t_at_end __attribute__((tls_model("initial-exec")));
 
 }  // namespace
@@ -31,22 +29,22 @@ ReaderRow* TakeReaderRow() {
   if (row == kNoThreadSlot || !AtThreadEnd(t_at_end, [] { t_reader_row = nullptr; })) {
     return nullptr;
   }
-  uint32_t taken = rows_taken.load();
-  while (taken <= row && !rows_taken.compare_exchange_weak(taken, row + 1)) {
-  }
   t_reader_row = &rows[row];
   return t_reader_row;
 }
 
 void WaitForReaders(const void* lock) {
-  const uint32_t taken = rows_taken.load();
-  for (uint32_t row = 0; row < taken; ++row) {
+  ForEachTakenSlot([lock](uint32_t row) {
     for (const ReaderSlot& slot : rows[row].slots) {
-      if (slot.load() == lock) {
+      const void* const read = slot.load();
+      if (read == nullptr) {
+        return;  // those after it are empty too
+      }
+      if (read == lock) {
         WaitUntil([&slot, lock] { return slot.load(std::memory_order_acquire) != lock; });
       }
     }
-  }
+  });
 }
 
 }  // namespace METRICS

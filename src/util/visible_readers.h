@@ -27,6 +27,7 @@ extern __thread ReaderRow* t_reader_row __attribute__((tls_model("initial-exec")
 ReaderRow* TakeReaderRow();
 
 /// Makes this thread visible as a reader of `lock`; null when it has no row, or no slot of it free.
+/// REQUIRES: slots are emptied in the reverse order, so that those in use are the first of a row.
 inline ReaderSlot* EnterAsReader(const void* lock) {
   ReaderRow* const row = t_reader_row != nullptr ? t_reader_row : TakeReaderRow();
   if (row == nullptr) {
