@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <filesystem>
@@ -18,6 +19,7 @@ namespace {
 
 using METRICS::MetricClient;
 using METRICS::ReturnCode;
+using METRICS::Store;
 
 void Exit(MetricClient& client) { EXPECT_EQ(client.Exit(), ReturnCode::kOk); }
 void FlushAndExit(MetricClient& client) { client.FlushAndExit(); }
@@ -68,7 +70,7 @@ TEST(ClientTest, EveryEndIsCleanAndOnlyFlushAndExitKeepsValues) {
                 ReturnCode::kOk);
       for (const char* tenant : {"t1", "t2"}) {
         const auto made = client->CreateMetric({"p", {}, tenant}, {"m", {}, {}, {}});
-        made.metric->WithTags({})->Emit({METRICS::Store(1)});
+        made.metric->WithTags({})->Emit({Store(1)});
       }
       end(*client);
       if (end != DoNothing) Exit(*client);  // harmless after all of them
@@ -85,6 +87,33 @@ TEST(ClientTest, EveryEndIsCleanAndOnlyFlushAndExitKeepsValues) {
     size_t received = 0;
     for (const Point& point : agent.Points()) received += point.tenant[0] == 't' ? 1 : 0;
     EXPECT_EQ(received, end == FlushAndExit ? 4u : 0u);
+  }
+}
+
+TEST(ClientTest, ACancelledThreadMakesItsRegistryAndEndsItsClientFirst) {
+  const TempDir dir;
+  const ScopedLogLevel silent(4);
+  for (const auto end : {Exit, FlushAndExit}) {
+    AgentSocket agent(dir.File("s"));
+    MetricClient client;
+    ASSERT_EQ(client.Init(new TestConfiger({}, kNeverDue), new TestVendor({agent.path()}), nullptr,
+                          {false, true}),
+              ReturnCode::kOk);
+    const auto expect_done = [](auto call) {
+      bool done = false;
+      std::thread([&] {
+        ::pthread_cancel(::pthread_self());  // acts at the first cancellation point
+        call();
+        done = true;
+      }).join();
+      EXPECT_TRUE(done);
+    };
+    expect_done([&] {
+      client.CreateMetric({"p", {}, "t"}, {"m", {}, {}, {}}).metric->WithTags({})->Emit(Store(1));
+    });
+    expect_done([&] { end(client); });
+    agent.Stop();
+    EXPECT_EQ(agent.Points().size(), end == FlushAndExit ? 1u : 0u);
   }
 }
 

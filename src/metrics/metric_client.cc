@@ -14,6 +14,7 @@
 #include "metrics/metric_sender_manager.h"
 #include "util/fork_guard.h"
 #include "util/metric_log.h"
+#include "util/wait.h"
 
 namespace METRICS {
 namespace {
@@ -145,6 +146,7 @@ void MetricClient::ReleaseFactories() {
 }
 
 ReturnCode MetricClient::Exit() {
+  const NoCancellation uncancelled;  // destructors join threads and close sockets
   if (IsForkedChildOf(init_pid_)) {
     AtFork();
     return ReturnCode::kOk;
@@ -157,6 +159,7 @@ ReturnCode MetricClient::Exit() {
 }
 
 void MetricClient::FlushAndExit() {
+  const NoCancellation uncancelled;  // as in `Exit`
   if (IsForkedChildOf(init_pid_)) {
     AtFork();
     return;

@@ -12,6 +12,7 @@
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
 #include "util/metric_tag_util.h"
+#include "util/wait.h"
 
 namespace METRICS {
 namespace {
@@ -39,6 +40,8 @@ ReturnCode MetricFactory::CreateRegistry(MetricRegistry*& registry, std::string 
                                          const std::vector<tidegate::MetricTag>&& tags,
                                          std::string tenant, tidegate::VendorInterface* vendor,
                                          int flush_interval, MetricSenderType sender_type) {
+  // A sender that is given up while it connects would never send.
+  const NoCancellation uncancelled;
   const std::string key = KeyOf(tenant, prefix);
   registry = nullptr;
   bool full = false;
