@@ -207,47 +207,48 @@ std::shared_ptr<BoundSeries> BoundSeries::Pins::BoundAnew(MetricsType type, Retu
   return anew;
 }
 
+void BoundSeries::CountEmission() {
+  item_->MarkTime();
+  success_->Add(1);
+}
+
+// The cell comes last: it has the one instruction that others may have to wait for.
+template <class Cell, class Number>
+void BoundSeries::EmitTo(Number number) {
+  CountEmission();
+  static_cast<Cell*>(cell_)->Emit(number);
+}
+
 // The cells' own forms are named, so that they need no virtual call and can be inlined.
 template <class Number>
-void BoundSeries::EmitToCell(Number number) {
+ReturnCode BoundSeries::EmitShown(Number number) {
   switch (type_) {
     case MetricsType::kGauge:
-      static_cast<MetricGauge*>(cell_)->Emit(number);
-      return;
+      EmitTo<MetricGauge>(number);
+      break;
     case MetricsType::kRate:
-      static_cast<MetricRate*>(cell_)->Emit(number);
-      return;
+      EmitTo<MetricRate>(number);
+      break;
     case MetricsType::kCounter:
-      static_cast<MetricCounter*>(cell_)->Emit(number);
-      return;
+      EmitTo<MetricCounter>(number);
+      break;
     case MetricsType::kMeter:
-      static_cast<MetricMeter*>(cell_)->Emit(number);
-      return;
+      EmitTo<MetricMeter>(number);
+      break;
     case MetricsType::kDeltaCounter:
-      static_cast<MetricDeltaCounter*>(cell_)->Emit(number);
-      return;
+      EmitTo<MetricDeltaCounter>(number);
+      break;
     case MetricsType::kHistogram:
+      CountEmission();
       EmitSample(*cell_, number, *bounds_);
-      return;
+      break;
     case MetricsType::kTimer:
     case MetricsType::kUnknown:
     case MetricsType::kMultiField:
     case MetricsType::kTypeEnd:
+      cell_->Emit(number);  // throws without memory, and then has not succeeded
+      CountEmission();
       break;
-  }
-  cell_->Emit(number);
-}
-
-template <class Number>
-ReturnCode BoundSeries::EmitShown(Number number) {
-  // The cell comes last: it has the one instruction that others may have to wait for.
-  item_->MarkTime();
-  success_->Add(1);
-  try {
-    EmitToCell(number);
-  } catch (...) {  // an estimator without memory, which has not taken it
-    success_->fetch_sub(1);
-    throw;
   }
   return ReturnCode::kOk;
 }

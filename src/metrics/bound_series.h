@@ -106,8 +106,9 @@ class METRICS_API BoundSeries {
   __attribute__((visibility("hidden"), cold, noinline)) ReturnCode EmitHidden(Number number);
   template <class Number>
   __attribute__((visibility("hidden"), always_inline)) inline ReturnCode EmitShown(Number number);
-  template <class Number>
-  __attribute__((visibility("hidden"), always_inline)) inline void EmitToCell(Number number);
+  template <class Cell, class Number>
+  __attribute__((visibility("hidden"), always_inline)) inline void EmitTo(Number number);
+  __attribute__((visibility("hidden"), always_inline)) inline void CountEmission();
   void Swap(BoundSeries& other) noexcept {
     std::swap(cell_, other.cell_);
     std::swap(item_, other.item_);
