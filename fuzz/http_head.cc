@@ -22,6 +22,14 @@ constexpr std::string_view kPage = "# TYPE a gauge\na 1\n";
 constexpr std::string_view kHealthy = "ok\n";
 constexpr std::string_view kWelcome = "<!DOCTYPE html>";  // begins so
 
+// Inputs whose size is a multiple of it come in two parts as well. It takes a fuzzer more than half
+// of its time; the seeds are replayed both ways all the same.
+#ifdef FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION
+constexpr size_t kCutSizes = 4;
+#else
+constexpr size_t kCutSizes = 1;
+#endif
+
 struct Answer {
   int status = 0;
   std::string body;
@@ -34,7 +42,7 @@ class Server {
  public:
   Server()
       : connections_(
-            agent::HttpLimits(), [this] { asked_ = true; }, &health_) {
+            Limits(), [this] { asked_ = true; }, &health_) {
     Require(connections_.Open(), "there is a server");
   }
 
@@ -79,11 +87,12 @@ class Server {
     } while (asked || connections_.Timeout() == 0);
   }
   static void Receive(const agent::UniqueFd& client, std::string* got) {
-    char part[1 << 16];
+    char part[1 << 14];
     ssize_t size = 0;
-    while ((size = recv(client.get(), part, sizeof(part), 0)) > 0) {
-      got->append(part, static_cast<size_t>(size));
-    }
+    do {
+      size = recv(client.get(), part, sizeof(part), 0);
+      if (size > 0) got->append(part, static_cast<size_t>(size));
+    } while (size == sizeof(part));  // less is all there is
   }
 
   agent::Health health_;
@@ -131,9 +140,11 @@ bool ReadHead(const uint8_t* data, size_t size) {
   static Server* const server = new Server;  // never ends
   const std::string_view all(reinterpret_cast<const char*>(data), size);
   const std::vector<Answer> whole = AnswersIn(server->Exchange({all}));
-  const std::vector<Answer> cut =
-      AnswersIn(server->Exchange({all.substr(0, size / 2), all.substr(size / 2)}));
-  Require(whole == cut, "how the bytes come changes nothing");
+  if (size % kCutSizes == 0) {
+    const std::vector<Answer> cut =
+        AnswersIn(server->Exchange({all.substr(0, size / 2), all.substr(size / 2)}));
+    Require(whole == cut, "how the bytes come changes nothing");
+  }
   return !whole.empty() && std::all_of(whole.begin(), whole.end(),
                                        [](const Answer& answer) { return answer.status == 200; });
 }

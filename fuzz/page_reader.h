@@ -179,7 +179,11 @@ class PageReader {
   // Up to the quote that ends it.
   std::string ReadValue() {
     std::string value;
-    while (!TakeIf("\"")) {
+    while (true) {
+      const size_t plain = std::min(rest_.find_first_of("\"\\"), rest_.size());
+      value += rest_.substr(0, plain);
+      rest_.remove_prefix(plain);
+      if (TakeIf("\"")) return value;
       Require(!rest_.empty(), "a value ends");
       const bool escaped = TakeIf("\\");
       Require(!rest_.empty() &&
@@ -188,7 +192,6 @@ class PageReader {
       value += escaped && rest_[0] == 'n' ? '\n' : rest_[0];
       rest_.remove_prefix(1);
     }
-    return value;
   }
 
   double ReadNumber() {
