@@ -204,7 +204,8 @@ TEST(AllocationTest, AnEmissionThatThrowsShowsNoSeriesAndIsNotCounted) {
   metric.SetUseCkms(true);
   const auto item = metric.WithTags({});
   item->active_ = false;
-  EXPECT_FALSE(Manages(0, [&] { item->Emit(Incr(1)); }));
+  const MetricFieldValue value = WithSuffix(std::string(99, 's'), Incr(1));  // its name allocates
+  EXPECT_FALSE(Manages(0, [&] { item->Emit(value); }));
   EXPECT_FALSE(item->active_);
   BoundSeries timer;
   timer.Bind(&metric, {}, Observe(0));
