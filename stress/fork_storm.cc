@@ -89,8 +89,8 @@ int LiveAsChild(MetricClient& client, const std::string& socket, int number) {
     default:
       client.FlushAndExit();
   }
-  if (client.Init(new test::TestConfiger({}, test::kNeverDue), new test::TestVendor({socket}),
-                  nullptr, SelfMonitored()) != ReturnCode::kOk) {
+  if (client.Init(new test::TestConfiger({}, test::kNeverDue), new StaticVendor({socket}), nullptr,
+                  SelfMonitored()) != ReturnCode::kOk) {
     return 2;
   }
   METRICS::MetricRegistryCfg registry;

@@ -44,7 +44,6 @@ using test::TempDir;
 using test::TestClient;
 using test::TestClientOptions;
 using test::TestConfiger;
-using test::TestVendor;
 using test::ThreadCount;
 using test::WaitFor;
 using test::Workers;
@@ -269,7 +268,7 @@ void GlobalClients(int /*length*/) {
   CoreInitCfg core;
   core.force_self_monitor = true;
   for (MetricClient* const client : {&early_global, &late_global}) {
-    client->Init(new TestConfiger({}, 1), new TestVendor({agent.path()}), nullptr, core);
+    client->Init(new TestConfiger({}, 1), new StaticVendor({agent.path()}), nullptr, core);
     const AllKinds kinds(*client, "t1", "p");
     Workers workers;
     workers.Start(4, [&](int i) { EXPECT_TRUE(kinds.Emit(std::to_string(i))); });
@@ -285,7 +284,7 @@ int ServeForGenerations(MetricClient& client, const std::string& socket, int gen
   core.enable_expire = false;  // begins behind the first emission
   for (int generation = 0;; ++generation) {
     const std::string tenant = "t" + std::to_string(generation);
-    if (client.Init(new TestConfiger({}, kNeverDue), new TestVendor({socket}), nullptr, core) !=
+    if (client.Init(new TestConfiger({}, kNeverDue), new StaticVendor({socket}), nullptr, core) !=
         ReturnCode::kOk) {
       return 2;
     }
@@ -358,7 +357,7 @@ void ForgottenChildren(int length) {
   const test::ScopedLogLevel silent(4);
   const TempDir dir;
   AgentSocket agent(dir.File("s"));
-  forked_client.Init(new TestConfiger({}, 1), new TestVendor({agent.path()}), nullptr,
+  forked_client.Init(new TestConfiger({}, 1), new StaticVendor({agent.path()}), nullptr,
                      {true, false});
   METRICS::Metric* const metric =
       forked_client.CreateMetric({"p", {}, "t1"}, {"m", {"w"}, {}, {}}).metric;

@@ -9,10 +9,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <new>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -23,37 +21,18 @@
 #include "agent/forward_url.h"
 #include "agent/unique_fd.h"
 #include "golden/golden_file.h"
+#include "support/failing_new.h"
 
-namespace {
+static constexpr long kFailures = 3;  // one after the other
+static std::atomic<long> allocations{0};
+static std::atomic<long> first_failure{-1};  // which of them fails; negative: none
+static thread_local bool of_the_test = false;
 
-constexpr long kFailures = 3;  // one after the other
-std::atomic<long> allocations{0};
-std::atomic<long> first_failure{-1};  // which of them fails; negative: none
-thread_local bool of_the_test = false;
-
-bool MayAllocate() {
-  if (of_the_test) return true;
+static bool NextAllocationFails() {
+  if (of_the_test) return false;
   const long first = first_failure;
   const long number = allocations++;
-  return first < 0 || number < first || number >= first + kFailures;
-}
-
-}  // namespace
-
-[[gnu::noinline]] void* operator new(size_t size) {
-  void* const memory = MayAllocate() ? std::malloc(size) : nullptr;
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-[[gnu::noinline]] void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
-  return MayAllocate() ? std::malloc(size) : nullptr;
-}
-void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {
-  return operator new(size, tag);
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, size_t /*size*/) noexcept {
-  std::free(memory);
+  return first >= 0 && number >= first && number < first + kFailures;
 }
 
 namespace tidegate::agent {

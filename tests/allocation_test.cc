@@ -1,15 +1,8 @@
 // Emissions on known series allocate nothing, whatever the way in: a counting allocator says so.
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
-#include <functional>
 #include <new>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "metrics/bound_series.h"
 #include "metrics/metric_ckms_quantiles.h"
@@ -21,7 +14,7 @@
 static __thread long allocations = 0;
 static __thread long allocations_left = -1;  // until they fail; negative: they never do
 
-static bool NextFails() {
+static bool NextAllocationFails() {
   ++allocations;
   if (allocations_left == 0) return true;
   if (allocations_left > 0) --allocations_left;
@@ -37,18 +30,18 @@ void* __libc_realloc(void* memory, size_t size);
 void* __libc_memalign(size_t alignment, size_t size);
 
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
-void* malloc(size_t size) { return NextFails() ? nullptr : __libc_malloc(size); }
+void* malloc(size_t size) { return NextAllocationFails() ? nullptr : __libc_malloc(size); }
 void* calloc(size_t count, size_t size) {
-  return NextFails() ? nullptr : __libc_calloc(count, size);
+  return NextAllocationFails() ? nullptr : __libc_calloc(count, size);
 }
 void* realloc(void* memory, size_t size) {
-  return NextFails() ? nullptr : __libc_realloc(memory, size);
+  return NextAllocationFails() ? nullptr : __libc_realloc(memory, size);
 }
 void* aligned_alloc(size_t alignment, size_t size) {
-  return NextFails() ? nullptr : __libc_memalign(alignment, size);
+  return NextAllocationFails() ? nullptr : __libc_memalign(alignment, size);
 }
 int posix_memalign(void** memory, size_t alignment, size_t size) {
-  if (NextFails()) return ENOMEM;
+  if (NextAllocationFails()) return ENOMEM;
   *memory = __libc_memalign(alignment, size);
   return 0;
 }
@@ -56,16 +49,7 @@ int posix_memalign(void** memory, size_t alignment, size_t size) {
 }
 #else
 // The sanitizers have the others.
-void* operator new(size_t size) {
-  void* const memory = NextFails() ? nullptr : std::malloc(size);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
-  return NextFails() ? nullptr : std::malloc(size);
-}
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, size_t /*size*/) noexcept { std::free(memory); }
+#include "support/failing_new.h"
 #endif
 
 namespace tidegate::test {

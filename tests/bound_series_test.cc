@@ -1,15 +1,7 @@
 #include "metrics/bound_series.h"
 
-#include <gmock/gmock.h>
-
-#include <atomic>
-#include <cstdint>
 #include <ctime>
 #include <limits>
-#include <optional>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "metrics/metric_expire_checker.h"
 #include "support/environment.h"
@@ -253,25 +245,6 @@ TEST_F(BoundSeriesTest, HandlesOfManyThreadsFollowBlocksAndLoseNothingThatWasAcc
   EXPECT_EQ(series.Emit(7), R::kOk);
   EXPECT_THAT(Drain(metric, "counter"), ElementsAre(7));
   EXPECT_EQ(metric.impl_->GetSeriesCount(), 1u);
-}
-
-TEST_F(BoundSeriesTest, CountsAddUpOverThreadsThatComeAndGo) {
-  constexpr unsigned long kThreads = 40, kRounds = 5, kEach = 200;
-  Metric& metric = *Make("m");
-  BoundSeries series = Bound(metric, IncrCounter(0));
-  unsigned long taken = 0;
-  for (unsigned long round = 0; round < kRounds; ++round) {
-    std::vector<std::thread> threads;  // more than there are slots
-    for (unsigned long i = 0; i < kThreads; ++i) {
-      threads.emplace_back([&] {
-        for (unsigned long n = 0; n < kEach; ++n) series.Emit(1);
-      });
-    }
-    taken += GetStatValue(metric.emit_success_);
-    for (std::thread& thread : threads) thread.join();
-  }
-  EXPECT_EQ(taken + metric.emit_success_, kThreads * kRounds * kEach);
-  EXPECT_THAT(Drain(metric, "counter"), ElementsAre(kThreads * kRounds * kEach));
 }
 
 }  // namespace

@@ -1,15 +1,9 @@
 #include "metrics/metric_client.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <atomic>
 #include <filesystem>
 #include <iterator>
-#include <memory>
-#include <string>
-#include <thread>
 
 #include "support/agent_socket.h"
 #include "support/environment.h"
@@ -65,7 +59,7 @@ TEST(ClientTest, EveryEndIsCleanAndOnlyFlushAndExitKeepsValues) {
     Life lives[2];
     const size_t rounds = end == DoNothing ? 1 : 2;  // a client serves again after an end
     for (size_t i = 0; i < rounds; ++i) {
-      ASSERT_EQ(client->Init(new WatchfulConfiger(&lives[i]), new TestVendor({agent.path()}),
+      ASSERT_EQ(client->Init(new WatchfulConfiger(&lives[i]), new StaticVendor({agent.path()}),
                              nullptr, {true, end != FlushAndExit}),
                 ReturnCode::kOk);
       for (const char* tenant : {"t1", "t2"}) {
@@ -96,8 +90,8 @@ TEST(ClientTest, ACancelledThreadMakesItsRegistryAndEndsItsClientFirst) {
   for (const auto end : {Exit, FlushAndExit}) {
     AgentSocket agent(dir.File("s"));
     MetricClient client;
-    ASSERT_EQ(client.Init(new TestConfiger({}, kNeverDue), new TestVendor({agent.path()}), nullptr,
-                          {false, true}),
+    ASSERT_EQ(client.Init(new TestConfiger({}, kNeverDue), new StaticVendor({agent.path()}),
+                          nullptr, {false, true}),
               ReturnCode::kOk);
     const auto expect_done = [](auto call) {
       bool done = false;

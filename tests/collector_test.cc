@@ -1,14 +1,7 @@
 #include "metrics/metric_collector.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <map>
-#include <memory>
 #include <random>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_factory.h"

@@ -1,14 +1,8 @@
 // The parts around the core that make it pleasant: what a first program needs of settings and
 // machine, bounds, timers of scopes, verbs for all numbers, and a look at what a client holds.
 
-#include <gmock/gmock.h>
-
 #include <cmath>
 #include <limits>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "support/agent_socket.h"
 #include "support/environment.h"

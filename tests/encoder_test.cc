@@ -1,11 +1,4 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <map>
 #include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "agent/packet_reader.h"
 #include "codec/fnv_hash.h"

@@ -1,7 +1,5 @@
 #include "metrics/metric_expire_checker.h"
 
-#include <gtest/gtest.h>
-
 #include <array>
 #include <ctime>
 #include <utility>

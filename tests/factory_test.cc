@@ -1,11 +1,5 @@
 #include "metrics/metric_factory.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "support/environment.h"
 
 namespace METRICS {
@@ -16,7 +10,6 @@ using Tags = std::vector<tidegate::MetricTag>;
 
 class FactoryTest : public testing::Test {
  protected:
-  tidegate::test::TestClientOptions options;
   tidegate::test::TestClient client_;
   MetricFactory& factory_ = *client_->metric_factory_;
   MetricRegistry* registry_ = nullptr;
@@ -50,11 +43,6 @@ TEST_F(FactoryTest, OfTwoErrorsTheEarlierCheckAnswers) {
   }
 }
 
-TEST_F(FactoryTest, TheLimitIs512Registries) {
-  for (int i = 0; i < 512; ++i) client_.Registry(std::to_string(i));
-  EXPECT_EQ(factory_.CreateRegistry(registry_, "more", {}, "t1", 1), R::kMaxRegistry);
-}
-
 TEST_F(FactoryTest, BlockTakesTheTenantFirstAndGetAndRemoveThePrefix) {
   client_.Registry("prefix", "tenant");
   EXPECT_EQ(factory_.Block("prefix", "tenant"), R::kObjectNotExisted);
@@ -75,16 +63,9 @@ TEST_F(FactoryTest, BlockTakesTheTenantFirstAndGetAndRemoveThePrefix) {
 
 TEST_F(FactoryTest, ARemovedRegistryLeavesItsPlaceAmongThe512) {
   const auto create = [this](const std::string& prefix) {
-    MetricRegistryCfg registry;
-    registry.prefix = prefix;
-    registry.tenant = "t1";
-    MetricInstanceCfg definition;
-    definition.name = "m";
-    return client_->CreateMetric(registry, definition);
+    return client_->CreateMetric({prefix, {}, "t1", nullptr, 1}, {"m", {}, {}, {}, nullptr});
   };
-  while (factory_.GetAllRegistry().size() < MetricFactory::kMaxRegistries) {
-    ASSERT_EQ(create("p" + std::to_string(factory_.GetAllRegistry().size())).code, R::kOk);
-  }
+  for (int i = 0; i < 512; ++i) ASSERT_EQ(create("p" + std::to_string(i)).code, R::kOk);
   EXPECT_EQ(create("one.more").code, R::kMaxRegistry);
   EXPECT_EQ(client_->RemoveRegistry("t1", "p7"), R::kObjectNotExisted) << "the prefix comes first";
   EXPECT_EQ(client_->RemoveRegistry("p7", "t1"), R::kOk);

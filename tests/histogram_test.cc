@@ -1,11 +1,6 @@
 #include "metrics/metric_histogram.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <cmath>
-#include <utility>
-#include <vector>
 
 #include "support/environment.h"
 

@@ -1,11 +1,6 @@
 #include "metrics/metric_collector_item.h"
 
-#include <gmock/gmock.h>
-
-#include <atomic>
 #include <clocale>
-#include <string>
-#include <vector>
 
 #include "metrics/impl/metric_multi_field_impl.h"
 #include "support/environment.h"
@@ -55,21 +50,6 @@ TEST_F(ItemTest, ARowTakesAtMostItsNumberOfValuesAndDropsWhatDoesNotFit) {
   EXPECT_TRUE(row.active_);
   EXPECT_THAT(drained(), ElementsAre(2, 0, 1, 10, 1));
   EXPECT_TRUE(metric.emit_success_ == 2 && metric.emit_fail_ == 1);
-}
-
-TEST_F(ItemTest, ManySuffixesStayApartInWhateverOrderTheyCome) {
-  const auto item = Make(1)->WithTags({});
-  for (const long step : {7, 11}) {  // each visits all
-    for (long i = 0; i < 40; ++i) {
-      const long at = i * step % 40;
-      EXPECT_EQ(item->Emit(WithSuffix(std::string(static_cast<size_t>(at), 's'), IncrCounter(at))),
-                R::kOk);
-    }
-  }
-  EXPECT_EQ(item->Size(), 40u);
-  for (const auto& [name, cell] : item->Fields()) {
-    EXPECT_THAT(cell->Send(1).values, ElementsAre(2.0 * static_cast<double>(name.size())));
-  }
 }
 
 TEST_F(ItemTest, ACompatibleMetricChecksItsTagsAndHasOneCellPerSeries) {

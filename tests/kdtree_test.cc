@@ -1,8 +1,5 @@
 #include "metrics/metric_kdtree_collector.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <set>
 
 #include "metrics/metric_collector_factory.h"

@@ -1,12 +1,8 @@
 // How each kind of metric travels: through a real socket to the agent's reader.
 
-#include <gmock/gmock.h>
-
 #include <regex>
 #include <set>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "codec/fnv_hash.h"
 #include "support/agent_socket.h"

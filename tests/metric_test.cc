@@ -1,11 +1,5 @@
 #include "metrics/metric.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "metrics/metric_collector.h"
 #include "metrics/metric_registry.h"
 #include "support/environment.h"
@@ -110,13 +104,13 @@ TEST_F(MetricTest, ThreadsRacingOnNewSuffixesMakeOneCellEachAndLoseNothing) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&item] {
-      for (int i = 0; i < kRounds; ++i) item->Emit({WithSuffix(std::to_string(i), Incr(1))});
+      for (int i = 0; i < kRounds; ++i) item->Emit({WithSuffix(std::to_string(i), Incr(i))});
     });
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(metric_.cache_series_, kRounds + 0u);
   EXPECT_EQ(metric_.emit_success_, 4u * kRounds);
-  for (int i = 0; i < kRounds; ++i) ASSERT_EQ(Drain(*item, std::to_string(i)), 4.0);
+  for (int i = 0; i < kRounds; ++i) ASSERT_EQ(Drain(*item, std::to_string(i)), 4.0 * i);
 }
 
 }  // namespace

@@ -1,16 +1,8 @@
 #include "metrics/metric_registry.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <cstdlib>
-#include <functional>
 #include <future>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "metrics/bound_series.h"
 #include "metrics/global_resources_limit.h"
@@ -37,8 +29,8 @@ class RegistryTest : public testing::Test {
  protected:
   static tidegate::test::TestClientOptions Options() {
     tidegate::test::TestClientOptions options;
-    options.vendor.immutable_tags = {{"y", "immutable"}, {"ig", "immutable"}};
-    options.vendor.rewritable_tags = {{"r", "rewritable"}, {"gr", "rewritable"}};
+    options.vendor.tags = {{"y", "immutable"}, {"ig", "immutable"}};
+    options.vendor.default_tags = {{"r", "rewritable"}, {"gr", "rewritable"}};
     return options;
   }
   R Create(const MetricInstanceCfg& cfg) { return registry_.CreateMetric(metric_, cfg); }

@@ -1,14 +1,7 @@
 // The whole road of a value: from the public interface through a real socket to the agent's reader.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <array>
-#include <atomic>
 #include <cstring>
-#include <map>
-#include <string>
-#include <vector>
 
 #include "golden/golden_file.h"
 #include "metrics/global_resources_limit.h"
@@ -160,29 +153,6 @@ TEST(RoadTest, RemovalBlockAndRefusalsBesideFlushesLeaveOthersExact) {
                             testing::Pair("rate", 3.25 * n)));
     EXPECT_EQ(SumOf(TimelinesOf(agent, "churn.m.store")["churn.m.store"], 0), 42);
   }
-}
-
-TEST(RoadTest, MetricsThatShareAFullNameOutliveEachOther) {
-  const TempDir dir;
-  AgentSocket agent(dir.File("s"));
-  TestClient client(ReportTo(agent.path(), kNeverDue, true));
-  METRICS::Metric* const first = client.Metric("c", {"w"}, "a.b");
-  METRICS::Metric* const second = client.Metric("b.c", {"w"}, "a");
-  first->WithTags({{"w", "0"}})->Emit({Add(1)});
-  second->WithTags({{"w", "0"}})->Emit({Add(2)});
-  client.Flush(1000);
-
-  Workers emitters;
-  emitters.Start(2, [&](int i) { second->WithTags({{"w", std::to_string(i)}})->Emit({Add(1)}); });
-  EXPECT_EQ(first->registry_->RemoveMetric("c"), ReturnCode::kOk);
-  for (int now = 1001; now < 1050; ++now) client.Flush(now);  // meets what is left
-  client.Metric("c", {"w"}, "a.b")->WithTags({{"w", "4"}})->Emit({Add(4)});
-  emitters.Stop();
-  EXPECT_EQ(second->registry_->RemoveMetric("b.c"), ReturnCode::kOk);
-  client->FlushAndExit();
-  std::map<std::string, Timeline> timelines = TimelinesOf(agent, "");
-  EXPECT_EQ(timelines["a.b.c.delta_counter/0"][1000].at(0), 3);
-  EXPECT_EQ(SumOf(timelines["a.b.c.delta_counter/4"], 2), 4);
 }
 
 }  // namespace

@@ -1,12 +1,7 @@
 #include "metrics/metric_self_monitor.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <array>
 #include <cstring>
-#include <functional>
-#include <map>
 #include <set>
 
 #include "metrics/metric_expire_checker.h"
@@ -67,7 +62,7 @@ TEST(SelfMonitorTest, ItsFiguresAreWhatWasReceivedAndWhatWasLost) {
   AgentSocket own(dir.File("own")), app(dir.File("app"));
   TestClient client(Everything(own.path()));
   // The sender of the library's own metrics has connected by now.
-  client->configer_->vendor_ = std::make_unique<TestVendor>(TestVendor::Options{app.path()});
+  client->configer_->vendor_ = std::make_unique<StaticVendor>(StaticVendor::Options{app.path()});
   METRICS::Metric* const metric = client.Metric("m", {"a"});
   const auto emit = [&](const char* a) { metric->WithTags({{"a", a}})->Emit({Store(1)}); };
   emit("1");

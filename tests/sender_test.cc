@@ -1,16 +1,9 @@
 #include "metrics/metric_sender.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <chrono>
-#include <functional>
 #include <future>
 #include <mutex>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "golden/golden_file.h"
 #include "support/agent_socket.h"

@@ -4,28 +4,22 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <limits>
 #include <memory>
-#include <new>
 #include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "support/failing_new.h"
+
 static __thread long allocations_left = -1;  // until they fail; negative: they never do
 
-void* operator new(size_t size) {
-  if (allocations_left == 0) throw std::bad_alloc();
+static bool NextAllocationFails() {
+  if (allocations_left == 0) return true;
   if (allocations_left > 0) --allocations_left;
-  void* const memory = std::malloc(size);
-  return memory != nullptr ? memory : throw std::bad_alloc();
+  return false;
 }
-void* operator new(size_t size, const std::nothrow_t& /*unused*/) noexcept {
-  return std::malloc(size);
-}
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, size_t /*size*/) noexcept { std::free(memory); }
 
 namespace tidegate::agent {
 namespace {

@@ -1,21 +1,16 @@
 // Threads and memory that are not to be had.
 
 #include <dlfcn.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/prctl.h>
 
-#include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <new>
-#include <string>
 
 #include "metrics/metric_factory.h"
 #include "support/agent_socket.h"
 #include "support/environment.h"
+#include "support/failing_new.h"
 
 static std::atomic<int> threads_left{-1};  // until they fail; negative: they never do
 
@@ -37,17 +32,11 @@ static bool OnOwnThread() {
   return ::prctl(PR_GET_NAME, name) == 0 && std::strncmp(name, "ms_", 3) == 0;
 }
 
-void* operator new(size_t size) {
-  if (allocations_left == 0 || (own_threads_starve && OnOwnThread())) throw std::bad_alloc();
+static bool NextAllocationFails() {
+  if (allocations_left == 0 || (own_threads_starve && OnOwnThread())) return true;
   if (allocations_left > 0) --allocations_left;
-  void* const memory = std::malloc(size);
-  return memory != nullptr ? memory : throw std::bad_alloc();
+  return false;
 }
-void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
-  return std::malloc(size);
-}
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, size_t /*size*/) noexcept { std::free(memory); }
 
 namespace tidegate::test {
 namespace {
@@ -64,7 +53,7 @@ TEST(ShortageTest, WithoutAThreadACallLeavesNothingAndTheNextOneTriesAgain) {
   const long threads = ThreadCount();
   MetricClient client;
   const auto init = [&] {
-    return client.Init(new TestConfiger({}, kNeverDue), new TestVendor({agent.path()}), nullptr,
+    return client.Init(new TestConfiger({}, kNeverDue), new StaticVendor({agent.path()}), nullptr,
                        {true, true});
   };
   for (int left = 0; left < 3; ++left) {  // the sender, the monitor, the expiry

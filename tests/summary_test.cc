@@ -1,13 +1,8 @@
 #include "metrics/metric_summary.h"
 
-#include <gmock/gmock.h>
-
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <numeric>
-#include <utility>
-#include <vector>
 
 #include "support/environment.h"
 

@@ -1,16 +1,12 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <csignal>
-#include <functional>
 #include <iterator>
-#include <thread>
 
 #include "agent/unique_fd.h"
 #include "metrics/metric_tcp_sender.h"

@@ -1,15 +1,9 @@
 // Threads that come and go: what each has for itself is handed on, and nothing is lost by it.
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <atomic>
-#include <chrono>
 #include <mutex>
 #include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "metrics/bound_series.h"
 #include "support/environment.h"

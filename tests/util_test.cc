@@ -1,12 +1,7 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/time.h>
 
-#include <chrono>
 #include <csignal>
 #include <random>
-#include <string>
-#include <thread>
 
 #include "support/environment.h"
 #include "util/metric_clock_util.h"

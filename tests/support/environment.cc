@@ -21,7 +21,7 @@ TempDir::~TempDir() {
 TestClientOptions ReportTo(const std::string& path, std::optional<int> interval,
                            bool pre_encode_tags) {
   TestClientOptions options;
-  options.vendor.path = path;
+  options.vendor.socket_path = path;
   options.default_interval = interval;
   options.core.pre_encode_tags = pre_encode_tags;
   return options;
@@ -30,9 +30,10 @@ TestClientOptions ReportTo(const std::string& path, std::optional<int> interval,
 TestClient::TestClient(TestClientOptions options) {
   std::signal(SIGPIPE, SIG_IGN);
   if (options.log_level.has_value()) log_level_.emplace(*options.log_level);
-  if (options.vendor.path.empty()) options.vendor.path = "/tmp/nobody.listens.here";
+  std::string& path = options.vendor.socket_path;
+  if (path.empty() || path == StaticVendor::Options().socket_path) path = "/tmp/nobody.listens";
   EXPECT_EQ(client_.Init(new TestConfiger(std::move(options.intervals), options.default_interval),
-                         new TestVendor(std::move(options.vendor)), nullptr, options.core),
+                         new StaticVendor(std::move(options.vendor)), nullptr, options.core),
             METRICS::ReturnCode::kOk);
 }
 

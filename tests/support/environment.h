@@ -1,6 +1,6 @@
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <atomic>
 #include <chrono>
@@ -17,69 +17,30 @@
 #include "metrics/metric_client.h"
 #include "metrics/metric_sender.h"
 #include "metrics/metric_sender_manager.h"
-#include "tidegate/mconfiger_impl_base.h"
-#include "tidegate/metric_tag.h"
-#include "tidegate/vendor_interface.h"
+#include "tidegate/static_configer.h"
+#include "tidegate/static_vendor.h"
 
-// What a client needs around it, made for tests.
+// What a client needs around it, made for tests, and the headers that nearly all of them use.
 
 namespace tidegate::test {
 
 // A tenant interval in seconds that does not end within a test.
 constexpr int kNeverDue = 2000000;
 
-class TestConfiger final : public MConfigerImplBase {
+// Tenants that are not in `intervals` get `default_interval`, which may be 0; none means "not
+// found".
+class TestConfiger final : public StaticConfiger {
  public:
-  // Tenants that are not in `intervals` get `default_interval`; none means "not found".
   explicit TestConfiger(std::map<std::string, int> intervals = {},
                         std::optional<int> default_interval = 1)
-      : intervals_(std::move(intervals)), default_interval_(default_interval) {
-    account_id = "acc";
-    project_id = "proj";
-  }
-  void Start() override {}
-  void Stop() override {}
+      : StaticConfiger({0, std::move(intervals), "acc", "proj"}), default_(default_interval) {}
   std::pair<bool, int> GetTenantInterval(const std::string& tenant) override {
-    const auto found = intervals_.find(tenant);
-    if (found != intervals_.end()) return {true, found->second};
-    return {default_interval_.has_value(), default_interval_.value_or(0)};
+    const auto found = StaticConfiger::GetTenantInterval(tenant);
+    return found.first ? found : std::pair(default_.has_value(), default_.value_or(0));
   }
-  std::string GetSinkName() override { return "test.sink"; }
 
  private:
-  const std::map<std::string, int> intervals_;
-  const std::optional<int> default_interval_;
-};
-
-class TestVendor final : public VendorInterface {
- public:
-  struct Options {
-    std::string path;  // of the agent's socket
-    std::vector<MetricTag> immutable_tags = {};
-    std::vector<MetricTag> rewritable_tags = {};
-    std::string psm = {};
-    bool monitor = false;
-  };
-
-  explicit TestVendor(Options options) : options_(std::move(options)) {}
-
-  bool Initialized() override { return true; }
-  void Init() override {}
-  bool Check(std::vector<std::string> /*values*/) override { return true; }
-  int GetRunEnv() override { return 0; }
-  std::vector<MetricTag>& ImmutableTags() override { return options_.immutable_tags; }
-  std::vector<MetricTag>& RewritableTags() override { return options_.rewritable_tags; }
-  std::vector<std::string> TagKeys() override { return {}; }
-  std::string GetIDC() override { return {}; }
-  std::string GetPSM() override { return options_.psm; }
-  bool HasConfiger() override { return false; }
-  std::string GetConfigerUrl() override { return {}; }
-  std::string GetSenderOutPath() override { return options_.path; }
-  int GetSenderOutType() override { return 0; }
-  bool EnableMonitor() override { return options_.monitor; }
-
- private:
-  Options options_;
+  const std::optional<int> default_;
 };
 
 // A fresh folder under /tmp with a name short enough for sockets; removed at the end.
@@ -113,7 +74,7 @@ class ScopedLogLevel {
 struct TestClientOptions {
   std::map<std::string, int> intervals;  // by tenant, in seconds
   std::optional<int> default_interval = kNeverDue;
-  TestVendor::Options vendor;  // an empty path becomes one that nobody listens on
+  StaticVendor::Options vendor;  // no path, or the default one, becomes one that nobody listens on
   // Expiry is off: to a pass, a series is idle until its first emission.
   METRICS::CoreInitCfg core{false, false};
   std::optional<uint8_t> log_level = 4;  // silent; none leaves the level alone

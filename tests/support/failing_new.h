@@ -1,0 +1,23 @@
+#pragma once
+
+// Replaces operator new: it fails where the source that includes this, one per program, says so.
+
+#include <cstdlib>
+#include <new>
+
+static bool NextAllocationFails();
+
+[[gnu::noinline]] void* operator new(size_t size) {
+  void* const memory = NextAllocationFails() ? nullptr : std::malloc(size);
+  return memory != nullptr ? memory : throw std::bad_alloc();
+}
+[[gnu::noinline]] void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return NextAllocationFails() ? nullptr : std::malloc(size);
+}
+void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {
+  return operator new(size, tag);
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, size_t /*size*/) noexcept {
+  std::free(memory);
+}
