@@ -226,45 +226,34 @@ TEST(AllocationTest, WhereOneFailsASeriesIsWholeAndHasWhatItTookAndNoMore) {
     compatible.SetCompatibleType(MetricsType::kCounter);
     const auto tags = [](const std::string& of) { return std::vector<MetricTag>{{"a", of}}; };
     BoundSeries bound;
+    using Of = const std::string&;  // a tag's value
+    const auto bind_and_emit = [&](Of of, const MetricFieldValue& like) {
+      bound.Bind(&metric, tags(of), like);
+      bound.Emit(1);
+    };
+    const MetricFieldValue count = IncrCounter(1), sample = Observe(1), bucket = Stat(1);
+    const std::vector<MetricFieldValue> list{Store(1), WithSuffix("x", Add(1)), count};
+    const std::unordered_map<std::string, double> map{{"counter", 1}};
+    const auto map_of = [](Of of) {
+      return std::unordered_map<std::string, std::string>{{"a", of}};
+    };
+    const auto pair_of = [](Of of) { return std::vector<std::string>{"a", of}; };
     const struct {
       const char* name;
       METRICS::Metric& metric;
-      std::function<void(const std::string&)> emit;
+      std::function<void(Of)> emit;
       std::string cell;
     } ways[] = {
-        {"WithTags", metric,
-         [&](const std::string& of) { metric.WithTags(tags(of))->Emit(IncrCounter(1)); },
-         "counter"},
-        {"a list", metric,
-         [&](const std::string& of) {
-           metric.WithTags(tags(of))->Emit({Store(1), WithSuffix("x", Add(1)), IncrCounter(1)});
-         },
-         "counter"},
-        {"histogram", metric,
-         [&](const std::string& of) { metric.WithTagValues({of})->Emit(Stat(1)); }, "histogram"},
-        {"estimator", estimating,
-         [&](const std::string& of) {
-           estimating.WithTagMap({{"a", of}})->Emit(Observe(1));
-         },
+        {"WithTags", metric, [&](Of of) { metric.WithTags(tags(of))->Emit(count); }, "counter"},
+        {"a list", metric, [&](Of of) { metric.WithTags(tags(of))->Emit(list); }, "counter"},
+        {"histogram", metric, [&](Of of) { metric.WithTagValues({of})->Emit(bucket); },
+         "histogram"},
+        {"estimator", estimating, [&](Of of) { estimating.WithTagMap(map_of(of))->Emit(sample); },
          "timer"},
-        {"row", row,
-         [&](const std::string& of) {
-           row.WithTags(tags(of))->EmitMap({{"counter", 1}});
-         },
-         "counter"},
-        {"compatible", compatible,
-         [&](const std::string& of) {
-           compatible.CEmit(1, {"a", of});
-         },
-         ""},
-        {"handle", metric,
-         [&](const std::string& of) {
-           bound.Bind(&metric, tags(of), IncrCounter(0));
-           bound.Emit(1);
-         },
-         "counter"},
-        {"handle on a timer", metric,
-         [&](const std::string& of) { bound.Bind(&metric, tags(of), Observe(0)); }, ""}};
+        {"row", row, [&](Of of) { row.WithTags(tags(of))->EmitMap(map); }, "counter"},
+        {"compatible", compatible, [&](Of of) { compatible.CEmit(1, pair_of(of)); }, ""},
+        {"handle", metric, [&](Of of) { bind_and_emit(of, count); }, "counter"},
+        {"handle on a timer", metric, [&](Of of) { bind_and_emit(of, sample); }, ""}};
     for (const auto& way : ways) {
       SCOPED_TRACE(std::string(way.name) + " in mode " + std::to_string(mode));
       // Long, so that it is allocated.

@@ -27,19 +27,15 @@ struct Life {
 };
 
 // Looks, as it is told to stop, for threads that might still use it.
-class WatchfulConfiger final : public MConfigerImplBase {
+class WatchfulConfiger final : public StaticConfiger {
  public:
-  explicit WatchfulConfiger(Life* life) : life_(life) {}
+  explicit WatchfulConfiger(Life* life) : StaticConfiger({kNeverDue}), life_(life) {}
   ~WatchfulConfiger() override { ++life_->deletions; }
   void Start() override { ++life_->starts; }
   void Stop() override {
     ++life_->stops;
     life_->alone = WaitFor([this] { return ThreadCount() <= threads_; });
   }
-  std::pair<bool, int> GetTenantInterval(const std::string& /*tenant*/) override {
-    return {true, kNeverDue};
-  }
-  std::string GetSinkName() override { return ""; }
 
  private:
   const long threads_ = ThreadCount();

@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <httplib.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -362,9 +361,12 @@ class ForwarderTest : public testing::Test {
     });
   }
   void Handle(double value, const std::string& name = "m") {
+    HandleBlock(MakeBlock(1, name, {}, {{0, {}, {}, {value}}}));
+  }
+  void HandleBlock(const Block& block) {
     Packet packet;
     packet.tenant = "t";
-    packet.blocks.push_back(MakeBlock(1, name, {}, {{0, {}, {}, {value}}}));
+    packet.blocks.push_back(block);
     forwarder_->Handle(packet, ClientId());
   }
   static std::string LineOf(int value) {
@@ -491,10 +493,7 @@ TEST_F(ForwarderTest, CutsLongPacketsIntoBatches) {
   options.limits.queue_points = 100;  // so a batch has ten
   options.limits.batch_points = 1000;
   Make(options);  // and nothing is taken out yet
-  Packet packet;
-  packet.tenant = "t";
-  packet.blocks.push_back(MakeBlock(1, "m", {}, std::vector<Series>(505, {0, {}, {}, {1}})));
-  forwarder_->Handle(packet, ClientId());
+  HandleBlock(MakeBlock(1, "m", {}, std::vector<Series>(505, {0, {}, {}, {1}})));
   EXPECT_EQ(health_.forward_dropped_full, 400U);  // what is open comes on top
   forwarder_->Start();
   forwarder_->Stop(seconds(20));

@@ -1,7 +1,6 @@
 #include "agent/series_table.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <limits>
@@ -34,10 +33,12 @@ constexpr int64_t kTime = 1700000000;
 constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
 
+using Columns = std::vector<std::string>;
+
 struct Point {
   uint8_t type;
   std::string name;
-  std::vector<std::string> columns;
+  Columns columns;
   std::vector<Tag> tags;
   std::vector<double> values;
   std::vector<uint32_t> indexes = {};
@@ -100,6 +101,8 @@ const std::vector<std::string> kTimer = {"min",   "max",   "avg",   "sum",   "co
                                          "pct50", "pct90", "pct95", "pct99", "pct999"};
 
 TEST_F(SeriesTableTest, ShowsEachKindInItsFamilies) {
+  const Columns equal_bounds = {"hist:b--1.000000", "hist:b-0.500000", "hist:b-0.500000",
+                                "hist:b-20.000000", "hist:sum",        "hist:count"};
   const struct {
     Point point;
     const char* samples;
@@ -120,12 +123,7 @@ TEST_F(SeriesTableTest, ShowsEachKindInItsFamilies) {
        "summary t_sum{exported_quantile=\"q\"} 50\nsummary t_count{exported_quantile=\"q\"} 10\n"
        "gauge t_avg{exported_quantile=\"q\"} 5\ngauge t_max{exported_quantile=\"q\"} 9\n"
        "gauge t_min{exported_quantile=\"q\"} 1\n"},
-      {{6,
-        "h",
-        {"hist:b--1.000000", "hist:b-0.500000", "hist:b-0.500000", "hist:b-20.000000", "hist:sum",
-         "hist:count"},
-        {},
-        {1, 2, 3, 4, -1.5, 10}},
+      {{6, "h", equal_bounds, {}, {1, 2, 3, 4, -1.5, 10}},
        "histogram h_bucket{le=\"0.5\"} 3\nhistogram h_bucket{le=\"20\"} 6\n"
        "histogram h_bucket{le=\"+Inf\"} 10\nhistogram h_sum -1.5\nhistogram h_count 10\n"},
       {{6, "bad", {"hist:b-x", "hist:sum", "hist:count"}, {{"le", "1"}}, {1, 2, 3}},
@@ -215,11 +213,8 @@ TEST_F(SeriesTableTest, LimitsSeriesAndForgetsThoseWithoutNews) {
   for (char c = 'a'; c < 'z'; ++c) Handle({1, "g", {}, {{"k", std::string(1000, c)}}, {1}});
   EXPECT_EQ(health_.series, 1U);  // which fills the page
   Make({});
-  Handle({7,
-          "r",
-          std::vector<std::string>(1000, "c"),
-          {{"k", std::string(20000, 'v')}},
-          std::vector<double>(1000, 1)});
+  const std::vector<double> ones(1000, 1);
+  Handle({7, "r", Columns(1000, "c"), {{"k", std::string(20000, 'v')}}, ones});
   Handle({1, std::string(100000, 'n'), {}, std::vector<Tag>(1000), {1}});  // tags without values
   EXPECT_EQ(health_.series, 1U);
   std::vector<Tag> tags;
@@ -301,18 +296,14 @@ TEST_F(SeriesTableTest, ShowsNothingTwice) {
 
 TEST_F(SeriesTableTest, CountsEveryByteOfThePage) {
   const std::string odd(1000, '\xff');  // each becomes three
+  constexpr int64_t kOldest = INT64_MIN + 1;
   std::vector<std::string> bounds;
-  for (int i = 0; i < 50; ++i)
-    bounds.push_back("hist:b--1.7976931348623" + std::to_string(99 - i) + "e+308");
+  for (int i = 99; i > 49; --i) {
+    bounds.push_back("hist:b--1.7976931348623" + std::to_string(i) + "e+308");
+  }
   bounds.insert(bounds.end(), {"hist:sum", "hist:count"});
   const Point kPoints[] = {
-      {1,
-       "g" + odd,
-       {},
-       {{odd, odd}, {"__9", "\"\\\n"}},
-       {-1.7976931348623157e+308},
-       {},
-       INT64_MIN + 1},
+      {1, "g" + odd, {}, {{odd, odd}, {"__9", "\"\\\n"}}, {-1.7976931348623157e+308}, {}, kOldest},
       {3, "", {}, {}, {1}},
       {8, "d", {"counter", "rate", "delta"}, {{"a", odd}}, {1, 2, 3}},
       {5, "t", kTimer, {{"a", odd}}, std::vector<double>(10, -1.2345678901234567e-300)},
@@ -350,11 +341,8 @@ TEST_F(SeriesTableTest, RefusesWhatLiesAheadOrTakesTooMuchWork) {
   EXPECT_NEAR(static_cast<double>(refused), 2000 - SeriesTable::kMaxPacketWork / 500000.0, 5);
   // Every family holds the name.
   const uint64_t so_far = refused;
-  packet = PacketOf({7,
-                     std::string(9000, 'n'),
-                     std::vector<std::string>(150, "c"),
-                     {},
-                     std::vector<double>(150, 1)});
+  const std::vector<double> ones(150, 1);
+  packet = PacketOf({7, std::string(9000, 'n'), Columns(150, "c"), {}, ones});
   packet.blocks.resize(50, packet.blocks[0]);
   for (size_t i = 0; i < packet.blocks.size(); ++i) packet.blocks[i].name += std::to_string(i);
   table_->Handle(packet, {});

@@ -36,8 +36,8 @@ class MetricCollectorItem;
 /// stays in memory, the metric included, until the last of them goes. Expiry: a bound series is
 /// never erased. When idle it is hidden, and its next emission brings it back; it counts in the
 /// quota for as long as the handle lives. Removal: once its registry is blocked, `Emit` answers 22
-/// and keeps nothing; the first emission after `UnBlock` binds the handle and its copies anew, and
-/// each from then on takes a lock that they share, for some 30 ns, until you `Bind` again. After
+/// and keeps nothing; the first emission after `UnBlock` binds the handle and its copies anew.
+/// Each one after that takes a lock that they share, for some 30 ns, until you `Bind` again. After
 /// its registry was cleared or its metric or registry removed, and once the client has ended,
 /// `Emit` always answers 23. All of these count in the metric's `emit_fail_`. Fork: a
 /// child may not emit on a handle of its parent; it may drop it or bind it anew, after `Init`. What

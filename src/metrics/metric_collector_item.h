@@ -38,7 +38,7 @@ constexpr long kExpireAfterSeconds = 7200;
 /// Threads: all operations from any thread. Ownership: by shared pointer, of the collector and of
 /// callers. An item that the library has dropped keeps nothing more: `Emit` answers 22 while its
 /// registry is blocked, else 23 (the series was idle for more than 7200 seconds, or the registry
-/// blocked and unblocked), and counts in the metric's `emit_fail_`; take the item again then. The
+/// blocked and unblocked). Both count in the metric's `emit_fail_`; take the item again then. The
 /// base class is the dummy item that callers get after a failure: emitting on it does nothing and
 /// answers 70.
 class METRICS_API MetricCollectorItem {

@@ -23,8 +23,8 @@ extern std::atomic<uint64_t> taken_slots[kThreadSlots / kWordBits];
 }  // namespace thread_slot_internal
 
 /// The slot of this thread, which no other living thread has: the lowest one that is free when it
-/// first asks. `kNoThreadSlot` when there is none, as for the 1025th thread, which gets one as soon
-/// as it asks after another thread's end, and for destructors that run at the very end of a thread.
+/// first asks. `kNoThreadSlot` when there is none, as for the 1025th thread, which gets one when it
+/// asks after another thread has ended. Destructors at the very end of a thread get none either.
 /// A slot is handed on when its thread ends, and what was written to it is seen by the next one.
 ///
 /// Threads: any. Costs a look at a variable of the thread. The slot of a thread that exists

@@ -17,9 +17,7 @@ namespace {
 constexpr size_t kMaxMessage = 1 << 20;
 
 int Check(int result, const char* what) {
-  if (result < 0) {
-    throw std::system_error(errno, std::generic_category(), what);
-  }
+  if (result < 0) throw std::system_error(errno, std::generic_category(), what);
   return result;
 }
 
@@ -45,9 +43,7 @@ void AgentSocket::Listen() {
 }
 
 void AgentSocket::Stop() {
-  if (!thread_.joinable()) {
-    return;
-  }
+  if (!thread_.joinable()) return;
   Check(::eventfd_write(stop_.get(), 1), "eventfd_write");
   thread_.join();
   ::unlink(path_.c_str());
@@ -65,9 +61,7 @@ void AgentSocket::Serve() {
     for (const agent::UniqueFd& client : clients_) {
       watched.push_back({client.get(), POLLIN, 0});
     }
-    if (::poll(watched.data(), watched.size(), -1) < 0) {
-      continue;
-    }
+    if (::poll(watched.data(), watched.size(), -1) < 0) continue;
     if (watched[0].revents != 0) {
       Drain();
       return;
@@ -78,18 +72,14 @@ void AgentSocket::Serve() {
         clients_.erase(clients_.begin() + static_cast<std::ptrdiff_t>(i - 2));
       }
     }
-    if (watched[1].revents != 0) {
-      Accept();
-    }
+    if (watched[1].revents != 0) Accept();
   }
 }
 
 void AgentSocket::Accept() {
   while (true) {
     agent::UniqueFd client(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (!client.valid()) {
-      return;
-    }
+    if (!client.valid()) return;
     clients_.push_back(std::move(client));
   }
 }
@@ -110,9 +100,7 @@ void AgentSocket::Drain() {
 
 bool AgentSocket::Receive(int client, int flags) {
   const ssize_t size = ::recv(client, buffer_.data(), buffer_.size(), flags | MSG_TRUNC);
-  if (size <= 0) {
-    return size < 0 && (errno == EAGAIN || errno == EINTR);
-  }
+  if (size <= 0) return size < 0 && (errno == EAGAIN || errno == EINTR);
   Keep(std::string(buffer_.data(), std::min(static_cast<size_t>(size), buffer_.size())));
   return true;
 }
@@ -165,9 +153,7 @@ std::vector<Point> PointsOf(const AgentSocket::Packets& packets) {
   for (const ReceivedPacket& received : packets) {
     for (const agent::Block& block : received.packet.blocks) {
       std::vector<std::string> fields;
-      for (const agent::Field& field : block.fields) {
-        fields.push_back(field.name);
-      }
+      for (const agent::Field& field : block.fields) fields.push_back(field.name);
       for (const agent::Series& series : block.series) {
         points.push_back({received.packet.tenant, block.name, block.wire_type, block.timestamp,
                           series.tags, fields, series.indexes, series.values});

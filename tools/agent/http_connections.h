@@ -18,8 +18,8 @@
 namespace tidegate::agent {
 
 // What the clients of the HTTP side may take together. The agent holds at most `pages` + 1 pages,
-// as one that grows can be there twice, and for each connection 32 KiB of its own and 160 KiB of
-// the kernel.
+// as one that grows can be there twice. Each connection takes 32 KiB of the agent's memory and
+// 160 KiB of the kernel's.
 struct HttpLimits {
   size_t connections = 128;
   size_t pages = 3;  // that exist at a time, with the one that is being written; two at least
