@@ -66,6 +66,7 @@ TEST(ShortageTest, WithoutAThreadACallLeavesNothingAndTheNextOneTriesAgain) {
   threads_left = -1;
   ASSERT_EQ(init(), ReturnCode::kOk);
 
+  int refused = 0;
   for (const auto type : {MetricSenderType::kSenderUnixDomain, MetricSenderType::kSenderTcp}) {
     const METRICS::MetricRegistryCfg registry{"p", {}, "t1", nullptr, 1, type};
     threads_left = 0;
@@ -78,6 +79,19 @@ TEST(ShortageTest, WithoutAThreadACallLeavesNothingAndTheNextOneTriesAgain) {
     EXPECT_EQ(client.sender_manager_->GetAllTenant().size(), 1u);
     threads_left = -1;
   }
+  METRICS::MetricRegistry* registry = nullptr;
+  for (long left = 0; registry == nullptr; ++left) {
+    allocations_left = left;
+    try {
+      client.CreateRegistry(registry, {"p", {{"k", "v"}}, "t1"});
+    } catch (const std::bad_alloc&) {
+      ++refused;
+    }
+    allocations_left = -1;
+    const size_t standing = registry == nullptr ? 1 : 2;
+    EXPECT_EQ(client.metric_factory_->GetAllRegistryNames().size(), standing);
+  }
+  EXPECT_GT(refused, 10);
   const auto [metric, code] = client.CreateMetric({"p", {}, "t1"}, {"m", {"w"}, {}, {}});
   ASSERT_EQ(code, ReturnCode::kOk);
   for (int i = 0; i < 100; ++i) {
@@ -101,7 +115,7 @@ TEST(ShortageTest, ASenderWithoutMemoryLeavesTheOthersToAForkedChild) {
   for (bool made = false; !made; ++failures) {
     allocations_left = failures + 1;
     try {
-      made = manager.PrepareSender(tenant, MetricSenderType::kSenderUnixDomain) == ReturnCode::kOk;
+      made = manager.CreateSender(tenant, MetricSenderType::kSenderUnixDomain) == ReturnCode::kOk;
     } catch (const std::bad_alloc&) {
     }
     allocations_left = -1;

@@ -188,7 +188,7 @@ CollectorPtr MetricCollectorFactory::Put(NameMap& names, const std::string& name
 
 ReturnCode MetricCollectorFactory::RemoveCollector(const std::string& tenant,
                                                    const std::string& name) {
-  CollectorPtr removed;  // dies behind the guard
+  CollectorPtr removed;  // dies after the guard
   const WriteGuard guard(rwlock_);
   const ReturnCode code = Remove(tenant, name, nullptr, removed);
   if (code != ReturnCode::kOk) {

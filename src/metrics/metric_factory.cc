@@ -54,28 +54,31 @@ ReturnCode MetricFactory::CreateRegistry(MetricRegistry*& registry, std::string 
     full = registries_.size() >= kMaxRegistries;
   }
   ReturnCode code = CheckDefinition(prefix, tags, tenant, flush_interval);
-  if (code == ReturnCode::kOk) {
-    // The thread of a new tenant comes before the registry is in the table, from where others take
-    // it: without one there is no registry.
-    code = full ? ReturnCode::kMaxRegistry
-                : client_->sender_manager_->PrepareSender(tenant, sender_type);
-  }
   if (code != ReturnCode::kOk) {
     METRICS_LOG_CODE(code);
     return code;
   }
-  // Kept: another thread may remove the registry while it is being finished.
-  std::shared_ptr<MetricRegistry> made;
-  code = Insert(made, key, tenant, prefix, CheckFlushInterval(flush_interval));
+  const int interval = CheckFlushInterval(flush_interval);
+  if (full) {
+    METRICS_LOG_CODE(ReturnCode::kMaxRegistry);
+    return ReturnCode::kMaxRegistry;
+  }
+  // The registry goes into the table, from where others take it, when nothing can fail any more for
+  // want of a thread or of memory. Neither the vendor nor the sender is called with the table's
+  // lock held.
+  const std::shared_ptr<MetricRegistry> made =
+      MetricRegistry::Make(tenant, prefix, client_, interval);
+  made->GenrateTagsOnRegistry(std::move(tags),
+                              vendor != nullptr ? vendor : client_->configer_->vendor_.get());
+  code = client_->sender_manager_->CreateSender(tenant, sender_type);
+  if (code == ReturnCode::kOk || code == ReturnCode::kObjectExisted) {
+    code = Insert(made, key);
+  }
   if (code != ReturnCode::kOk) {
     METRICS_LOG_CODE(code);
     return code;
   }
   registry = made.get();
-  // Neither the vendor nor the sender is called with the table's lock held.
-  made->GenrateTagsOnRegistry(std::move(tags),
-                              vendor != nullptr ? vendor : client_->configer_->vendor_.get());
-  client_->sender_manager_->CreateSender(tenant, sender_type);
   made->WarnOfInterval(client_->sender_manager_->KnownInterval(tenant));
   return ReturnCode::kOk;
 }
@@ -98,20 +101,17 @@ ReturnCode MetricFactory::CheckDefinition(const std::string& prefix,
   return flush_interval < 1 ? ReturnCode::kNotSupported : ReturnCode::kOk;
 }
 
-ReturnCode MetricFactory::Insert(std::shared_ptr<MetricRegistry>& registry, const std::string& key,
-                                 const std::string& tenant, const std::string& prefix,
-                                 int flush_interval) {
+ReturnCode MetricFactory::Insert(const std::shared_ptr<MetricRegistry>& registry,
+                                 const std::string& key) {
   const WriteGuard guard(rwlock_);
   if (registries_.size() >= kMaxRegistries) {
     return ReturnCode::kMaxRegistry;
   }
-  if (Find(key) != nullptr) {
+  if (!registries_.emplace(key, registry).second) {
     return ReturnCode::kObjectExisted;
   }
-  registry = MetricRegistry::Make(tenant, prefix, client_, flush_interval);
-  registries_.emplace(key, registry);
-  METRICS_LOG_DEBUG("Create new registry[%s  %s] flush interval[%ds]\n", tenant.c_str(),
-                    prefix.c_str(), flush_interval);
+  METRICS_LOG_DEBUG("Create new registry[%s  %s] flush interval[%ds]\n", registry->Tenant().c_str(),
+                    registry->Prefix().c_str(), registry->FlushInterval());
   return ReturnCode::kOk;
 }
 

@@ -35,6 +35,7 @@ class METRICS_API MetricFactory {
   /// Makes a registry and, with the first one of a tenant, the tenant's sender. `registry` is null
   /// unless the result is 0. Refusals: 19 exists, 35 more than 255 tags, 53 bad tenant, prefix or
   /// tag, 51 duplicated tag key, 70 interval below 1, 33 table full, 17 no thread for the sender.
+  /// Where it throws `std::bad_alloc`, nothing is left of the registry either.
   ReturnCode CreateRegistry(MetricRegistry*& registry, std::string prefix,
                             const std::vector<tidegate::MetricTag>&& tags, std::string tenant,
                             tidegate::VendorInterface* vendor, int flush_interval,
@@ -77,8 +78,7 @@ class METRICS_API MetricFactory {
                                     const std::vector<tidegate::MetricTag>& tags,
                                     const std::string& tenant, int flush_interval);
   MetricRegistry* Find(const std::string& key) const METRICS_REQUIRES_SHARED(rwlock_);
-  ReturnCode Insert(std::shared_ptr<MetricRegistry>& registry, const std::string& key,
-                    const std::string& tenant, const std::string& prefix, int flush_interval);
+  ReturnCode Insert(const std::shared_ptr<MetricRegistry>& registry, const std::string& key);
 
   mutable RwLock rwlock_;
   Table registries_ METRICS_GUARDED_BY(rwlock_);

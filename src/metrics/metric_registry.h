@@ -112,7 +112,7 @@ class METRICS_API MetricRegistry {
 
   const std::string& Tenant() const { return tenant_; }
   const std::string& Prefix() const { return prefix_; }
-  /// A copy: the tags may still be published when a registry is found by another thread.
+  /// A copy.
   std::vector<tidegate::MetricTag> InsertedTags() const;
   /// REQUIRES: the caller holds the registry's lock, as `CreateMetric` does around `Metric::Init`.
   const std::vector<tidegate::MetricTag>& InsertedTagsLocked() const METRICS_NO_THREAD_SAFETY {

@@ -110,7 +110,6 @@ class MetricSender {
   std::atomic<int64_t> flushed_ts_{0};  ///< boundary of the last whole flush; 0: none yet
   std::atomic<uint64_t> packets_delivered_{0};
   std::atomic<uint64_t> packets_dropped_{0};
-  bool init_called_ = false;  ///< guarded by the manager's mutex
 
  protected:
   /// Keeps the socket out of programs that the service executes.

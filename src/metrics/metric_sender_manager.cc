@@ -35,29 +35,11 @@ MetricSenderManager::~MetricSenderManager() {
   METRICS_LOG_DEBUG("MetricSenderManager Destructor.\n");
 }
 
-ReturnCode MetricSenderManager::PrepareSender(const std::string& tenant, MetricSenderType type) {
-  const WriteGuard guard(mutex_);
-  return Prepare(tenant, type);
-}
-
 ReturnCode MetricSenderManager::CreateSender(const std::string& tenant, MetricSenderType type) {
   const WriteGuard guard(mutex_);
-  const ReturnCode code = Prepare(tenant, type);
-  if (code != ReturnCode::kOk) {
-    return code;
-  }
-  MetricSender& sender = *senders_.find(tenant)->second;
-  if (std::exchange(sender.init_called_, true)) {
+  if (senders_.count(tenant) != 0) {
     METRICS_LOG_WARN("Sender of [%s] already exist, CreateSender skipped.\n", tenant.c_str());
     return ReturnCode::kObjectExisted;
-  }
-  sender.Init();
-  return ReturnCode::kOk;
-}
-
-ReturnCode MetricSenderManager::Prepare(const std::string& tenant, MetricSenderType type) {
-  if (senders_.count(tenant) != 0) {
-    return ReturnCode::kOk;
   }
   std::unique_ptr<MetricSender> made;
   if (type == MetricSenderType::kSenderUnixDomain) {
@@ -68,9 +50,26 @@ ReturnCode MetricSenderManager::Prepare(const std::string& tenant, MetricSenderT
   if (!made->thread_.joinable()) {
     return ReturnCode::kAllocCollectorError;
   }
-  const TableChange change(table_changing_);
-  senders_.emplace(tenant, std::move(made));
+  const auto stored = Store(tenant, std::move(made));
+  try {
+    stored->second->Init();
+  } catch (...) {  // for want of memory: the next call begins anew
+    Delete(stored);
+    throw;
+  }
   return ReturnCode::kOk;
+}
+
+MetricSenderManager::Table::iterator MetricSenderManager::Store(
+    const std::string& tenant, std::unique_ptr<MetricSender> sender) {
+  const TableChange change(table_changing_);
+  return senders_.emplace(tenant, std::move(sender)).first;
+}
+
+void MetricSenderManager::Delete(Table::iterator sender) {
+  sender->second.reset();
+  const TableChange change(table_changing_);
+  senders_.erase(sender);
 }
 
 ReturnCode MetricSenderManager::GetSender(MetricSender*& sender, std::string tenant) {
@@ -87,8 +86,7 @@ ReturnCode MetricSenderManager::RemoveSender(std::string tenant) {
     return ReturnCode::kObjectNotExisted;
   }
   found->second->Exit();
-  const TableChange change(table_changing_);
-  senders_.erase(found);
+  Delete(found);
   return ReturnCode::kOk;
 }
 

@@ -27,12 +27,9 @@ class METRICS_API MetricSenderManager {
   MetricSenderManager(const MetricSenderManager&) = delete;
   MetricSenderManager& operator=(const MetricSenderManager&) = delete;
 
-  /// Makes the sender of `tenant`, whose thread waits for `CreateSender`; nothing when there is one
-  /// already. 17, and nothing is left of it, when there is no thread to be had.
-  ReturnCode PrepareSender(const std::string& tenant, MetricSenderType type);
-  /// Makes the sender of `tenant`, unless it is prepared, and initialises it. 0 also if its socket
-  /// could not be made: it then stands in the table without ever flushing. 19 when it is
-  /// initialised already, 17 as `PrepareSender`.
+  /// Makes and initialises the sender of `tenant`. 0 also if its socket could not be made: it then
+  /// stands in the table without ever flushing. 19 when there is one already. 17, or
+  /// `std::bad_alloc`, and nothing left of it, when there is no thread or no memory to be had.
   ReturnCode CreateSender(const std::string& tenant, MetricSenderType type);
   /// 20 and null when there is none. The sender stays the manager's.
   ReturnCode GetSender(MetricSender*& sender, std::string tenant);
@@ -60,7 +57,11 @@ class METRICS_API MetricSenderManager {
  private:
   using Table = std::unordered_map<std::string, std::unique_ptr<MetricSender>>;
 
-  ReturnCode Prepare(const std::string& tenant, MetricSenderType type) METRICS_REQUIRES(mutex_);
+  __attribute__((visibility("hidden"))) Table::iterator Store(const std::string& tenant,
+                                                              std::unique_ptr<MetricSender> sender)
+      METRICS_REQUIRES(mutex_);
+  __attribute__((visibility("hidden"))) void Delete(Table::iterator sender)
+      METRICS_REQUIRES(mutex_);
   void StopAll() METRICS_REQUIRES(mutex_);
   /// Deletes the senders in the table's order.
   void DeleteAll() METRICS_REQUIRES(mutex_);
