@@ -76,8 +76,8 @@ class Channel {
   // Binds a handle to each cell, if the plan has them and they are not there.
   void Bind();
   // Lets go of the series, as is due before the metric is removed.
-  // The last series first: held ones do not count in the quarter from which expiry erases, and those
-  // that were aged are the first.
+  // The last series first: held ones do not count in the quarter from which expiry erases, and
+  // those that were aged are the first.
   void LetGo() {
     held_.clear();
     while (!handles_.empty()) {
