@@ -56,22 +56,12 @@ class AgentMemoryTest : public testing::Test {
   }
   ~AgentMemoryTest() override { fs::remove_all(folder_); }
 
-  // Standard output and error go to files as long as it lives.
-  class Redirection {
-   public:
-    Redirection(int fd, const fs::path& file) : fd_(fd), before_(dup(fd)) {
-      const UniqueFd to(open(file.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_APPEND, 0600));
-      dup2(to.get(), fd);
-    }
-    ~Redirection() { dup2(before_.get(), fd_); }
-    Redirection(const Redirection&) = delete;
-    Redirection& operator=(const Redirection&) = delete;
-
-   private:
-    const int fd_;
-    const UniqueFd before_;
-  };
-
+  // Standard output or error goes to `file`. Returns where it went before.
+  UniqueFd Redirect(int fd, const char* file) const {
+    UniqueFd before(dup(fd));
+    dup2(UniqueFd(creat((folder_ / file).c_str(), 0600)).get(), fd);
+    return before;
+  }
   std::string Content(const char* file) const {
     std::ostringstream text;
     text << std::ifstream(folder_ / file).rdbuf();
@@ -80,8 +70,8 @@ class AgentMemoryTest : public testing::Test {
 
   // The status of an agent that gets what a few clients send; -1 if it could not be made.
   int Run() {
-    const Redirection out(STDOUT_FILENO, folder_ / "out");
-    const Redirection err(STDERR_FILENO, folder_ / "err");
+    const UniqueFd out = Redirect(STDOUT_FILENO, "out");
+    const UniqueFd err = Redirect(STDERR_FILENO, "err");
     std::atomic<Agent*> made{nullptr};
     std::atomic<bool> ended{false};
     std::atomic<bool> stopped{false};
@@ -110,6 +100,8 @@ class AgentMemoryTest : public testing::Test {
     if (Agent* const agent = made; agent != nullptr && !ended) agent->Stop();
     stopped = true;
     subject.join();
+    dup2(out.get(), STDOUT_FILENO);
+    dup2(err.get(), STDERR_FILENO);
     return status;
   }
   void Send(const std::atomic<bool>& ended) {

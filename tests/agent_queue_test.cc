@@ -86,8 +86,7 @@ TEST_F(PacketQueueTest, TheOneThatFillsItMakesRoomAndIsNamed) {
   // In turn, as long as all of them have something.
   const std::vector<std::string> first = {"m0", "u0", "u1", "x", "m1", "u2", "u3", "x", "m2"};
   ASSERT_GT(texts.size(), first.size());
-  std::vector<std::string> begin(texts.begin(), texts.begin() + 9);
-  EXPECT_THAT(begin, testing::UnorderedElementsAreArray(first));
+  EXPECT_TRUE(std::is_permutation(first.begin(), first.end(), texts.begin()));
   texts.erase(std::remove_if(texts.begin(), texts.end(),
                              [](const std::string& text) { return text[0] != 'm'; }),
               texts.end());
@@ -96,10 +95,7 @@ TEST_F(PacketQueueTest, TheOneThatFillsItMakesRoomAndIsNamed) {
   const PacketQueue::Clock::time_point now;
   const std::string number = std::to_string(dropped) + " packets of ";
   EXPECT_THAT(queue_.ReportDrops(now + seconds(1)),
-              testing::MatchesRegex("dropped " + number +
-                                    "[0-9]+ bytes from the full queue, "
-                                    "most of process 9: " +
-                                    number + "[0-9]+ bytes"));
+              testing::MatchesRegex("dropped " + number + "[0-9]+ bytes .* 9: " + number + ".*"));
   Push(modest, "", 200000);
   EXPECT_EQ(health_.dropped_full, dropped + 1);
   EXPECT_EQ(queue_.ReportDrops(now + seconds(60)), "");

@@ -6,9 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <functional>
-#include <future>
 #include <limits>
 #include <mutex>
 #include <string>
@@ -29,6 +27,7 @@ using std::chrono::steady_clock;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
@@ -65,7 +64,6 @@ std::string Lines(const Block& block, bool label_pid = false) {
 }
 
 TEST(LineProtocolTest, WritesEachKindAsTheMappingSays) {
-  const std::vector<Tag> tags = {{"dc", "b"}, {"host", "a"}};
   std::vector<std::string> columns;
   for (int i = 0; i < 100; ++i) columns.push_back("hist:b-" + std::to_string(i));
   columns.insert(columns.end(), {"hist:sum", "hist:count"});
@@ -74,38 +72,23 @@ TEST(LineProtocolTest, WritesEachKindAsTheMappingSays) {
     Block block;
     const char* lines;
   } kCases[] = {
-      {MakeBlock(1, "m.g", {}, {{0, tags, {}, {1.5}}, {0, {}, {}, {1e300}}}),
-       "m.g,tenant=t1,dc=b,host=a value=1.5 1700000000000000000\n"
-       "m.g,tenant=t1 value=1e+300 1700000000000000000\n"},
-      {MakeBlock(8, "m.d", {"counter", "rate", "delta"}, {{0, tags, {}, {7, 0.1, 3}}}),
-       "m.d,tenant=t1,dc=b,host=a counter=7,rate=0.1,delta=3 1700000000000000000\n"},
+      {MakeBlock(1, "#m#\\", {}, {{0, {{"k ", "=,\\"}}, {}, {1e300}}}),
+       "_m#_,tenant=t1,k\\ =\\=\\,_ value=1e+300 1700000000000000000\n"},
       {MakeBlock(7, "m", {"a", "b.c", "d"}, {{0, {}, {0, 2}, {1, -2}}, {0, {}, {1}, {9}}}),
        "m,tenant=t1 a=1,d=-2 1700000000000000000\n"
        "m,tenant=t1 b.c=9 1700000000000000000\n"},
-      // The upper end of a bucket is the next one's bound, and `le` counts all buckets below it.
-      {MakeBlock(
-           6, "m.h",
-           {"hist:b-0.000000", "hist:b-0.500000", "hist:b-20.000000", "hist:sum", "hist:count"},
-           {{0, {{"le", "x"}}, {}, {2, 3, 4, 81.5, 9}}}),
-       "m.h,tenant=t1,exported_le=x b-0.000000=2,b-0.500000=3,b-20.000000=4,sum=81.5,count=9 "
-       "1700000000000000000\n"
-       "m.h,tenant=t1,exported_le=x,le=0.5 bucket=2 1700000000000000000\n"
-       "m.h,tenant=t1,exported_le=x,le=20 bucket=5 1700000000000000000\n"
-       "m.h,tenant=t1,exported_le=x,le=+Inf bucket=9 1700000000000000000\n"},
       // Two bounds that are one in six digits, and two keys that are one without control
       // characters.
       {MakeBlock(6, "m.h", {"hist:b-0.0", "hist:b-1.0", "hist:b-1.0", "hist:sum", "hist:count"},
-                 {{0, {{"x\ny", "1"}, {"x_y", "2"}}, {}, {2, 3, 4, 8, 9}}}),
-       "m.h,tenant=t1,x_y=1 b-0.0=2,b-1.0=7,sum=8,count=9 1700000000000000000\n"
-       "m.h,tenant=t1,x_y=1,le=1 bucket=5 1700000000000000000\n"
-       "m.h,tenant=t1,x_y=1,le=+Inf bucket=9 1700000000000000000\n"},
+                 {{0, {{"le", "x"}, {"x\ny", "1"}, {"x_y", "2"}}, {}, {2, 3, 4, 8, 9}}}),
+       "m.h,tenant=t1,exported_le=x,x_y=1 b-0.0=2,b-1.0=7,sum=8,count=9 1700000000000000000\n"
+       "m.h,tenant=t1,exported_le=x,x_y=1,le=1 bucket=5 1700000000000000000\n"
+       "m.h,tenant=t1,exported_le=x,x_y=1,le=+Inf bucket=9 1700000000000000000\n"},
       // More than 16 MiB of bucket lines, and lines of more than 256 KiB.
       {MakeBlock(6, std::string(200 << 10, 'm'), columns, {{0, {}, {}, values}}), ""},
       {MakeBlock(7, "m", {std::string(200 << 10, 'a'), std::string(100 << 10, 'b')},
                  {{0, {}, {}, {1, 1}}}),
        ""},
-      {MakeBlock(1, std::string(256 << 10, 'm'), {}, {{0, {}, {}, {1}}}), ""},
-      {MakeBlock(1, "m", {}, {{0, {{"k", std::string(256 << 10, 'v')}}, {}, {1}}}), ""},
       // Columns that become one: the first of those that the row has, even if it has no number.
       {MakeBlock(
            7, "m", {"a\"", "a_", "b", "a_"},
@@ -126,39 +109,6 @@ TEST(LineProtocolTest, WritesEachKindAsTheMappingSays) {
   EXPECT_EQ(Lines(block), "");
 }
 
-TEST(LineProtocolTest, EscapesWhatHasAMeaning) {
-  const struct {
-    LinePart part;
-    std::string text;
-    const char* escaped;
-  } kCases[] = {
-      {LinePart::kMeasurement, "a.b:c-d%/_\"", "a.b:c-d%/_\""},
-      {LinePart::kMeasurement, "a b,c=d", "a\\ b\\,c=d"},
-      {LinePart::kMeasurement, "#a#b", "_a#b"},
-      {LinePart::kTag, "a b,c=d#\"", "a\\ b\\,c\\=d#\""},
-      {LinePart::kTag, std::string("a\nb\r\t\0\x7f", 7), "a_b____"},
-      {LinePart::kTag, "", "_"},
-      {LinePart::kTag, "C:\\dir", "C:\\dir"},
-      {LinePart::kTag, "a\\ b\\\\c\\=\\", "a_\\ b_\\c_\\=_"},
-      {LinePart::kTag, "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80",
-       "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"},
-      {LinePart::kTag, "\xc3(\xff\xed\xa0\x80\xe2\x82", "_(______"},
-      {LinePart::kField, "a b,c=\"d\"", "a\\ b\\,c\\=_d_"},
-  };
-  for (const auto& test : kCases) {
-    std::string escaped;
-    const bool replaced = AppendEscaped(test.part, test.text, &escaped);
-    EXPECT_EQ(escaped, test.escaped) << test.text;
-    std::string without_escapes = escaped;
-    for (const char* mark : {"\\ ", "\\,", "\\="}) {
-      for (size_t at; (at = without_escapes.find(mark)) != std::string::npos;) {
-        without_escapes.erase(at, 1);
-      }
-    }
-    EXPECT_EQ(replaced, without_escapes != test.text) << test.text;
-  }
-}
-
 class LineCollisionTest : public testing::Test {
  protected:
   // A gauge if there is no column.
@@ -174,43 +124,27 @@ class LineCollisionTest : public testing::Test {
 };
 
 TEST_F(LineCollisionTest, IsReportedOnceForEachPairInEitherOrder) {
-  const char* const kMixed = ": their points are mixed there, rename one";
-  const char* const kTags =
-      ": their series are mixed there, and a line has only the first of them, rename one";
-  const char* const kFields =
-      ": their values are mixed there, and a line has only the first of them, rename one";
-  const std::string made[] = {
-      std::string(R"(the measurements "a\nb" and "a_b" are both forwarded as "a_b")") + kMixed,
-      std::string(R"(the measurements "a\nb" and "a\x01b" are both forwarded as "a_b")") + kMixed,
-      std::string(R"(the tags "k\xff" and "k_" of "a_b" are both forwarded as "k_")") + kTags,
-      std::string(R"(the fields "f\"" and "f_" of "m\\ n" are both forwarded as "f_")") + kFields,
-  };
-  const auto write = [this](const std::vector<size_t>& order) {
-    const struct {
-      std::string name, column, tag;
-    } kBlocks[] = {
-        {"a\nb", "", "t"},
-        {"a_b", "", "t"},
-        {"a\x01"
-         "b",
-         "", "t"},
-        {"a_b", "", "k\xff"},
-        {"a_b", "c", "k_"},
-        {"m n", "f\"", "t"},
-        {"m n", "f_", "t"},
-        {"other", "f_", "k_"},
-        {"m n", "t", "f_"},
-    };
+  const struct {
+    const char *name, *column, *tag;
+  } kBlocks[] = {{"a\nb", "", "t"},    {"a_b", "", "t"},      {"a\1b", "", "t"},
+                 {"a_b", "", "k\xff"}, {"a_b", "c", "k_"},    {"m n", "f\"", "t"},
+                 {"m n", "f_", "t"},   {"other", "f_", "k_"}, {"m n", "t", "f_"}};
+  const auto write = [&](const std::vector<size_t>& order) {
     for (const size_t i : order) Write(kBlocks[i].name, kBlocks[i].column, kBlocks[i].tag);
   };
-  write({1, 4, 6, 7, 8});
-  write({7, 6, 8, 4, 1});
+  write({1, 4, 6, 7, 8, 7, 6, 8, 4, 1});
   EXPECT_THAT(reports_, IsEmpty());  // no name is altered
   write({0, 2, 3, 5});
   // Against what is remembered a name is found at once; one that came before, when it comes again.
-  EXPECT_THAT(reports_, ElementsAre(made[1], made[0]));
   for (int i = 0; i < 2; ++i) write({8, 7, 6, 4, 1, 5, 3, 2, 0});
-  EXPECT_THAT(reports_, ElementsAre(made[1], made[0], made[3], made[2]));
+  EXPECT_THAT(
+      reports_,
+      ElementsAre(
+          StartsWith(R"(the measurements "a\nb" and "a\x01b" are both forwarded as "a_b": )"),
+          StartsWith(R"(the measurements "a\nb" and "a_b" are both forwarded as "a_b": )"),
+          R"(the fields "f\"" and "f_" of "m\\ n" are both forwarded as "f_": )"
+          "their values are mixed there, and a line has only the first of them, rename one",
+          StartsWith(R"(the tags "k\xff" and "k_" of "a_b" are both forwarded as "k_": )")));
 }
 
 TEST_F(LineCollisionTest, IsFoundForTheFirstThousandNamesThatAreNotTooLong) {
@@ -237,7 +171,7 @@ TEST_F(LineCollisionTest, IsFoundForTheFirstThousandNamesThatAreNotTooLong) {
   EXPECT_EQ(reports_.size(), CollisionLog::kMaxLines);
 }
 
-TEST(ForwardUrlTest, TakesUrlsApartAndSaysWhatIsWrong) {
+TEST(ForwardUrlTest, TakesUrlsApart) {
   ForwardUrl url;
   std::string error;
   ASSERT_TRUE(ParseForwardUrl("http://db:8428", &url, &error)) << error;
@@ -248,45 +182,6 @@ TEST(ForwardUrlTest, TakesUrlsApartAndSaysWhatIsWrong) {
   EXPECT_EQ(url.user + "|" + url.password + "|" + url.shown, "me|p@s|https://[::1]/api/v2/write");
   ASSERT_TRUE(ParseForwardUrl("http://db/?db=x", &url, &error)) << error;
   EXPECT_EQ(url.target, "/write?db=x");
-
-  const std::pair<const char*, const char*> kWrong[] = {
-      {"db:8428", "it has to start with http:// or https://"},
-      {"http://db:http/", "\":http\" is no port, give one as :8428"},
-      {"http://:80/", "there is no host in it"},
-      {"http://[::1:80/", "\"[::1:80\" lacks its ]"},
-      {"http://db/a b", "it has characters that have to be written as %XX"},
-      {"http://db?precision=s&db=x",
-       "\"precision=s\" does not hold, timestamps are nanoseconds: leave it out"},
-  };
-  for (const auto& [text, reason] : kWrong) {
-    EXPECT_FALSE(ParseForwardUrl(text, &url, &error)) << text;
-    EXPECT_EQ(error, reason);
-  }
-}
-
-TEST(ForwardUrlTest, ShowsNoPasswordOfWhatItRefuses) {
-  const std::pair<std::string, const char*> kCases[] = {
-      {"http://me:SECRET@db:x", "http://...@db:x"},
-      {"https://me:SECRET@[::1/write?db=x", "https://...@[::1/write"},
-      {"http://me:a/SECRET@db:8428", "http://...@db:8428"},
-      {"http://me:1/SECRET@db", "http://...@db"},
-      {"http://me:SECRET@b/c@db", "http://...@db"},
-      {"http://me:1#SECRET@db#x", "http://...@db"},
-      {"http://me:1?SECRET@db", "http://..."},
-      {"http://me:?precision=SECRET@db", "http://..."},
-      {"http://me:[SECRET/@db", "http://...@db"},
-      {"http://db/write?token=a@SECRET", "http://..."},
-      {"me:SECRET://@db", "...@db"},
-      {"db:8428?token=SECRET", "db:8428?..."},
-      {"http://db:x/write", "http://db:x/write"},
-  };
-  for (const auto& [text, shown] : kCases) {
-    ForwardUrl url;
-    std::string error;
-    EXPECT_FALSE(ParseForwardUrl(text, &url, &error)) << text;
-    EXPECT_EQ(error.find("SECRET"), std::string::npos) << error;
-    EXPECT_EQ(WithoutSecrets(text), shown);
-  }
 }
 
 // A server on loopback that keeps what is posted and answers as told.
@@ -408,7 +303,6 @@ TEST_F(ForwarderTest, RetriesUntilTheDatabaseTakesIt) {
   EXPECT_GE(steady_clock::now().time_since_epoch() - steady_clock::duration(asked_to_wait.load()),
             milliseconds(990));
   forwarder_->Stop(seconds(10));
-
   EXPECT_THAT(database_.bodies(), ElementsAre(LineOf(1), LineOf(1), LineOf(1), LineOf(1)));
   const httplib::Request request = database_.requests().front();
   EXPECT_EQ(request.target, "/insert/0/influx/write?db=x");
@@ -479,12 +373,8 @@ TEST_F(ForwarderTest, BoundsTheQueueByBytesToo) {
   EXPECT_GT(health_.forward_queue_bytes, 50000U);
   EXPECT_LE(health_.forward_queue_bytes, 120000U);
   EXPECT_EQ(health_.forward_queue_points + health_.forward_dropped_full, 10000U);
-}
-
-TEST_F(ForwarderTest, ReportsNamesThatBecomeOne) {
-  Make(Options("http://127.0.0.1:1"));
-  for (const char* name : {"m_", "m\n", "m_", "m\n"}) Handle(1, name);
-  EXPECT_THAT(log(), ElementsAre(HasSubstr("both forwarded as \"m_\"")));
+  for (const char* name : {"n_", "n\n", "n_", "n\n"}) Handle(1, name);
+  EXPECT_THAT(log(), ElementsAre(HasSubstr("both forwarded as \"n_\"")));
 }
 
 TEST_F(ForwarderTest, CutsLongPacketsIntoBatches) {
@@ -534,27 +424,7 @@ TEST_F(ForwarderTest, SendsWhatWaitsBeforeItStops) {
   EXPECT_EQ(health_.forwarded_points, 2U);
 }
 
-TEST_F(ForwarderTest, StopsInTimeIfTheDatabaseHangs) {
-  std::promise<void> release;
-  const std::shared_future<void> released(release.get_future());
-  database_.Serve({[=](const httplib::Request& /*request*/, httplib::Response& /*reply*/) {
-    released.wait();
-  }});
-  ForwardOptions options = Options(Url());
-  options.timeout = seconds(3600);
-  Make(options);
-  forwarder_->Start();
-  Handle(1);
-  ASSERT_TRUE(Await([&] { return !database_.requests().empty(); }));
-  Handle(2);
-  const auto start = steady_clock::now();
-  EXPECT_TRUE(forwarder_->Stop(milliseconds(100)));
-  EXPECT_LT(steady_clock::now() - start, seconds(20));
-  release.set_value();
-  EXPECT_THAT(log().back(), HasSubstr("dropped 2 points that could not be forwarded"));
-}
-
-TEST_F(ForwarderTest, StopsWithoutAConnectionThatIsOnlyHalfMade) {
+TEST_F(ForwarderTest, StopsInTimeThoughNobodyAnswers) {
   const UniqueFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in address = {};
   address.sin_family = AF_INET;
@@ -563,30 +433,26 @@ TEST_F(ForwarderTest, StopsWithoutAConnectionThatIsOnlyHalfMade) {
   auto* const any = reinterpret_cast<sockaddr*>(&address);
   ASSERT_EQ(bind(listener.get(), any, size) + listen(listener.get(), 1), 0);
   ASSERT_EQ(getsockname(listener.get(), any, &size), 0);
-  ForwardOptions options = Options("https://127.0.0.1:" + std::to_string(ntohs(address.sin_port)));
-  options.connect_grace = milliseconds(100);
-  Make(options);
-  forwarder_->Start();
-  Handle(1);
-  Handle(2);
-  // Nobody answers its TLS, for HttpPoster::kMaxConnectTime.
-  const UniqueFd silent(accept(listener.get(), nullptr, nullptr));
-  EXPECT_FALSE(forwarder_->Stop(milliseconds(0)));
-  EXPECT_THAT(log(), ElementsAre("dropped 2 points that could not be forwarded"));
-  EXPECT_EQ(health_.forward_dropped_shutdown, 2U);
-}
-
-TEST_F(ForwarderTest, ForwardsTheAgentsOwnNumbers) {
-  database_.Serve({Status(204)});
-  ForwardOptions options = Options(Url());
-  options.limits.interval = options.health_interval = milliseconds(10);
-  health_.refused[0] = 7;
-  Make(options);
-  forwarder_->Start();
-  ASSERT_TRUE(Await([&] { return health_.forward_batches > 0; }));
-  EXPECT_THAT(database_.bodies().front(),
-              HasSubstr("\ntidegate_agent_decode_errors_total,host=h,reason=too_long value=7 "));
-  EXPECT_EQ(health_.forwarded_points, 0U);
+  for (const std::string scheme : {"http", "https"}) {
+    const bool tls = scheme == "https";
+    ForwardOptions options =
+        Options(scheme + "://127.0.0.1:" + std::to_string(ntohs(address.sin_port)));
+    if (!tls) options.timeout = seconds(3600);
+    options.connect_grace = milliseconds(100);
+    Make(options);
+    forwarder_->Start();
+    Handle(1);
+    Handle(2);
+    const UniqueFd silent(accept(listener.get(), nullptr, nullptr));
+    char byte = 0;
+    EXPECT_EQ(recv(silent.get(), &byte, 1, MSG_PEEK), 1);
+    const auto start = steady_clock::now();
+    // A connection whose TLS is only half made is left behind, for HttpPoster::kMaxConnectTime.
+    EXPECT_EQ(forwarder_->Stop(milliseconds(tls ? 0 : 100)), !tls);
+    EXPECT_LT(steady_clock::now() - start, seconds(20));
+    EXPECT_EQ(log().back(), "dropped 2 points that could not be forwarded");
+  }
+  EXPECT_EQ(health_.forward_dropped_shutdown, 4U);
 }
 
 }  // namespace
