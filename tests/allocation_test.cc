@@ -60,12 +60,9 @@ using namespace METRICS;
 TEST(AllocationTest, NoneOnAKnownSeries) {
   TestClient client(ReportTo("/tmp/nobody.listens", kNeverDue));
   METRICS::Metric& metric = *client.Metric("m", {"b", "a"});
-  MetricInstanceCfg cfg;
-  cfg.name = "row";
-  cfg.tag_names = {"a"};
-  cfg.fields = {{"hits", MetricsType::kRate}};
   METRICS::Metric* row = nullptr;
-  client.Registry("p")->CreateMetric(row, cfg);
+  client.Registry("p")->CreateMetric(
+      row, MetricInstanceCfg{"row", {"a"}, {}, {{"hits", MetricsType::kRate}}, nullptr});
   const std::string value = "a value that is longer than a string holds in itself";
   const std::vector<MetricTag> sorted{{"a", value}, {"b", "2"}}, unsorted{{"b", "2"}, {"a", value}};
   const std::vector<std::string> values{value, "2"}, fewer{value};

@@ -97,7 +97,6 @@ TEST_F(BoundSeriesTest, RefusalsLeaveAHandleThatDoesNoHarm) {
   } refusals[] = {
       {R::kNullptr, nullptr, tags, "rate", T::kRate},
       {R::kInvalidMetricType, metric, tags, "rate", T::kGauge},
-      {R::kInvalidMetricType, metric, tags, "new", T::kUnknown},
       {R::kInvalidMetricType, metric, tags, "new", T::kMultiField},
       {R::kInvalidString, metric, tags, "a b", T::kRate},
       {R::kInvalidString, metric, {{"k", ""}}, "rate", T::kRate},
@@ -143,13 +142,10 @@ TEST_F(BoundSeriesTest, ExpiryHidesABoundSeriesAndErasesItBehindTheLastHandle) {
   EXPECT_EQ(metric.impl_->GetSeriesCount(), 0u);
   EXPECT_FALSE(item->Hold()) << "an erased item takes no handle";
   EXPECT_EQ(Bound(metric, Incr(0)).Emit(1), R::kOk);
-}
-
-TEST_F(BoundSeriesTest, TreesThatEraseNothingTakeHandlesBehindAnExpiry) {
-  (*client)->collector_factory_->collector_kind_ = 1;
-  Metric& metric = *Make("trees");
-  Expire(*metric.WithTags(tags));
-  EXPECT_EQ(Bound(metric, Incr(0)).Emit(1), R::kOk);
+  (*client)->collector_factory_->collector_kind_ = 1;  // trees, which erase nothing
+  Metric& trees = *Make("trees");
+  Expire(*trees.WithTags(tags));
+  EXPECT_EQ(Bound(trees, Incr(0)).Emit(1), R::kOk);
 }
 
 TEST_F(BoundSeriesTest, HandlesOutliveTheirMetricAndTheClient) {

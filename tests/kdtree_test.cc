@@ -3,7 +3,6 @@
 #include <set>
 
 #include "metrics/metric_collector_factory.h"
-#include "support/agent_socket.h"
 #include "support/environment.h"
 #include "util/metric_log.h"
 #include "util/metric_size_limits.h"
@@ -11,7 +10,6 @@
 namespace METRICS {
 namespace {
 
-using tidegate::test::AgentSocket;
 using tidegate::test::CountOf;
 using tidegate::test::LogOf;
 using Item = std::shared_ptr<MetricCollectorItem>;
@@ -34,8 +32,8 @@ std::vector<Strings> Keys() {
 
 // A client whose collectors are of one kind, and a metric with three tags.
 struct Bench {
-  explicit Bench(uint32_t kind, bool pre_encode_tags = true, const std::string& path = "")
-      : client({{}, tidegate::test::kNeverDue, {path}, {false, false, pre_encode_tags}}) {
+  explicit Bench(uint32_t kind, bool pre_encode_tags = true)
+      : client({{}, tidegate::test::kNeverDue, {}, {false, false, pre_encode_tags}}) {
     client->collector_factory_->collector_kind_ = kind;
     metric = client.Metric("m", {"a", "b", "c"});
     collector = metric->impl_->collector_.get();
@@ -47,8 +45,7 @@ struct Bench {
 };
 
 // 4 threads get the items of all keys, in pairs that are one key apart; returns them.
-template <class Source>
-std::vector<Item> Race(Source& source, const std::vector<Strings>& keys) {
+std::vector<Item> Race(MetricCollectorBase& source, const std::vector<Strings>& keys) {
   constexpr size_t kThreads = 4;
   std::vector<Item> items[kThreads];
   std::atomic<size_t> arrived{0};
@@ -109,13 +106,9 @@ TEST_P(CollectorKindTest, ANewSeriesIsTracedAndOneWithMoreThan64MiBOfTagsRefused
   Bench bench(GetParam(), false);
   Metric& metric = *bench.metric;
   const std::string in = GetParam() == kKDTree ? "KDTree" : "Collector: p.m";
-  EXPECT_THAT(LogOf(
-                  [&] {
-                    metric.WithTagValues({"1", "", "3"});
-                  },
-                  0),
-              testing::HasSubstr("[MetricSDK][Debug]Create a Item in " + in +
-                                 " with DataBase type: 1 with tag value: 1||3|\n"));
+  const auto make = [&, values = Strings{"1", "", "3"}] { metric.WithTagValues(values); };
+  EXPECT_THAT(LogOf(make, 0), testing::HasSubstr("[MetricSDK][Debug]Create a Item in " + in +
+                                                 " with DataBase type: 1 with tag value: 1||3|\n"));
   EXPECT_EQ(metric.impl_->send_tag_bytes_, 3u) << "of the names";
   Metric* compatible = nullptr;
   metric.registry_->CreateMetric(compatible,
@@ -145,22 +138,8 @@ TEST(DebugMsgTest, CutsItsTextAt1023Bytes) {
   EXPECT_EQ(LogOf(trace, 1), "");
 }
 
-TEST(KDTreeTest, KeysOfAnyLengthRaceForTheSlotsOfOneTree) {
-  const std::vector<Strings> keys = Keys();
-  for (const size_t dimension : {0u, 1u, 3u}) {  // 0: nothing to branch on
-    Bench bench(kKDTree);
-    KDTree tree(MetricCoItemType::kCoItemSuffix, dimension, bench.metric,
-                static_cast<KDTreeCollector*>(bench.collector));
-    const std::vector<Item> items = Race(tree, keys);
-    EXPECT_EQ(bench.Total(), items.size());
-    for (size_t i = 0; i < items.size(); ++i) EXPECT_EQ(tree.GetOrCreate(keys[i]), items[i]);
-  }
-}
-
 TEST(KDTreeCollectorTest, DiffersFromTheHashMapInWhatItIsToldTo) {
-  const tidegate::test::TempDir dir;
-  AgentSocket agent(dir.File("s"));
-  Bench bench(kKDTree, false, agent.path());
+  Bench bench(kKDTree, false);
   const Item item = bench.metric->WithTagValues({"1", "2", "3"});
   EXPECT_EQ(item->encoded_tags_,
             Bench(kHashMap).metric->WithTagValues({"1", "2", "3"})->encoded_tags_);
@@ -174,15 +153,6 @@ TEST(KDTreeCollectorTest, DiffersFromTheHashMapInWhatItIsToldTo) {
   EXPECT_EQ(bench.metric->emit_fail_, 0u);
   EXPECT_EQ(bench.metric->WithTagValues({"new"}), DummyItem());
   EXPECT_EQ(bench.metric->emit_fail_, 1u);
-
-  bench.client->collector_factory_->total_series_ = 1;
-  for (int i = 0; i < 50; ++i) bench.metric->WithTagValues({std::to_string(i)})->Emit({Store(i)});
-  bench.client->FlushAndExit();
-  agent.Stop();
-  EXPECT_EQ(agent.Points().size(), 51u);
-  for (const auto& point : agent.Points()) {
-    EXPECT_EQ(std::stod(point.tags.at(0).value), point.values.at(0));
-  }
 }
 
 }  // namespace

@@ -2,14 +2,10 @@
 
 #include <fcntl.h>
 
-#include <future>
-#include <mutex>
-
 #include "golden/golden_file.h"
 #include "support/agent_socket.h"
 #include "support/environment.h"
 #include "support/list_sender.h"
-#include "util/metric_clock_util.h"
 
 namespace tidegate::test {
 namespace {
@@ -45,9 +41,8 @@ TEST(SenderTest, SurvivesEveryAbsenceOfTheAgent) {
   const TempDir dir;
   const std::string path = dir.File("s");
   TestClient client(ReportTo(path, kNeverDue));
-  const std::string start = LogOf([&] { SenderOf(client); });
-  EXPECT_THAT(start, HasSubstr("]Sender[t1] UDS connect to socket fail, errno: No such file"));
-  EXPECT_THAT(start, HasSubstr("]MetricUnixDomainSender ready with socket: " + path + "\n"));
+  EXPECT_THAT(LogOf([&] { SenderOf(client); }),
+              HasSubstr("]MetricUnixDomainSender ready with socket: " + path + "\n"));
 
   std::unique_ptr<AgentSocket> agent;
   const struct {
@@ -77,32 +72,6 @@ TEST(SenderTest, SurvivesEveryAbsenceOfTheAgent) {
               delivered && !errors.empty() ? 1u : 0u);
   }
   EXPECT_EQ(agent->Received().size(), 3u);
-}
-
-TEST(SenderTest, SleepsToTheBoundaryThatItAimedAt) {
-  for (const auto& [period_ms, step_ms] : {std::pair(0, 5), {5, 5}, {6, 200}, {60000, 200}}) {
-    EXPECT_EQ(MetricSender::AdjustSleepStep(period_ms), step_ms) << period_ms;
-  }
-  TestClient client(ReportTo("", kNeverDue));
-  MetricSender& sender = SenderOf(client);
-  int left_ms = 0;
-  // The first flush, one after a long time, and one after the clock was set back.
-  for (const long last : {0L, 1700000000L, 4000000000L}) {
-    long flush_ts = last;
-    const int64_t before = METRICS::WallMillis();
-    const std::string log =
-        LogOf([&] { EXPECT_TRUE(sender.AdjustTime("t1", flush_ts, left_ms, 1)); });
-    EXPECT_GT(flush_ts * 1000, before);
-    EXPECT_LE(flush_ts * 1000, METRICS::WallMillis());
-    EXPECT_TRUE(left_ms >= 1 && left_ms <= 1000) << left_ms;
-    const std::string line = "]Sender[t1]Last send timeout, last_timetamp: 1700000000, now: ";
-    EXPECT_THAT(log, EndsWith(last != 1700000000 ? "" : line + std::to_string(flush_ts) + "\n"));
-    EXPECT_EQ(log.empty(), last != 1700000000) << log;
-  }
-  sender.state_.store(MetricState::SHUTDOWN);
-  long flush_ts = 7;
-  EXPECT_FALSE(sender.AdjustTime("t1", flush_ts, left_ms, 60));
-  EXPECT_EQ(flush_ts, 7);
 }
 
 TEST(SenderTest, LastFlushFollowsTheWorkState) {
@@ -136,25 +105,6 @@ TEST(SenderTest, LastFlushFollowsTheWorkState) {
                                 flushes ? std::vector<int64_t>{1700000005, 1700000010}
                                         : std::vector<int64_t>()));
   }
-}
-
-TEST(SenderTest, FlushAndExitWaitsForARunningFlushAndSendsNoMore) {
-  TestClient client(ReportTo(""));
-  METRICS::Metric* const metric = client.Metric("m");
-  ListSender sender(client);
-  std::unique_lock slow(sender.gate);
-  metric->WithTags({})->Emit({Store(1)});
-  sender.Init();
-  ASSERT_TRUE(WaitFor([&] { return sender.sending.load(); }));
-  metric->WithTags({})->Emit({Store(2)});
-  sender.state_.store(MetricState::SHUTDOWN);
-  const std::string log = LogOf([&] {
-    const auto end = std::async(std::launch::async, [&] { sender.FlushAndExit(); });
-    EXPECT_EQ(end.wait_for(milliseconds(300)), std::future_status::timeout);
-    slow.unlock();
-  });
-  EXPECT_THAT(log, HasSubstr("thread joined as state 3["));
-  EXPECT_EQ(sender.packets.size(), 1u);
 }
 
 TEST(SenderTest, AnUnusableIntervalEndsTheThreadButNotTheLastFlush) {
@@ -191,7 +141,6 @@ TEST(SenderManagerTest, KeepsOneSenderPerTenant) {
   manager.UpdateSenderInterval(intervals);
   EXPECT_EQ(first->interval_, 7);
   EXPECT_EQ(manager.RemoveSender("t1"), ReturnCode::kOk);
-  EXPECT_EQ(manager.RemoveSender("t1"), ReturnCode::kObjectNotExisted);
   EXPECT_TRUE(manager.GetAllTenant().empty());
 }
 

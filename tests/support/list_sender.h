@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <functional>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -14,8 +12,7 @@
 
 namespace tidegate::test {
 
-// A sender of "t1" whose transport is a list; takes the place of the client's own. Its thread
-// flushes from `Init` on.
+// A sender of "t1" whose transport is a list; takes the place of the client's own.
 class ListSender final : public METRICS::MetricSender {
  public:
   explicit ListSender(TestClient& client) : MetricSender("t1", &*client) {
@@ -30,9 +27,7 @@ class ListSender final : public METRICS::MetricSender {
   }
   void AtFork() override {}
   void SendToSocket(char* buf, int len) override {
-    sending = true;
     if (between) std::exchange(between, nullptr)();
-    const std::lock_guard guard(gate);
     agent::Packet& packet = packets.emplace_back();
     agent::ReadError error;
     EXPECT_TRUE(ReadPacket(buf, static_cast<size_t>(len), &packet, &error)) << error.reason;
@@ -41,8 +36,6 @@ class ListSender final : public METRICS::MetricSender {
     EXPECT_EQ(statistic_.series_num, static_cast<int16_t>(packet.series_count));
   }
 
-  std::mutex gate;  // held: the agent is slow
-  std::atomic<bool> sending{false};
   std::function<void()> between;  // done at the next packet, in the middle of a flush
   std::vector<agent::Packet> packets;
 };
