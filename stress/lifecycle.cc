@@ -234,7 +234,9 @@ class UntilTheEnd {
         }
         (*client)->metric_factory_->RemoveRegistry(std::to_string(n % 500), "t1");
         METRICS::Metric* const steady = client->Metric("steady");
-        if (steady == nullptr || steady->WithTags({})->Emit({Store(1)}) != ReturnCode::kOk) {
+        if (steady == nullptr || EmitPastExpiry([&] {
+                                   return steady->WithTags({})->Emit({Store(1)});
+                                 }) != ReturnCode::kOk) {
           ::_exit(1);
         }
         ++emissions_;

@@ -21,3 +21,6 @@ void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {
 [[gnu::noinline]] void operator delete(void* memory, size_t /*size*/) noexcept {
   std::free(memory);
 }
+void* operator new[](size_t size) { return operator new(size); }
+void operator delete[](void* memory) noexcept { operator delete(memory); }
+void operator delete[](void* memory, size_t /*size*/) noexcept { operator delete(memory); }
