@@ -37,9 +37,9 @@ namespace fs = std::filesystem;
 std::string GaugeNamed(const std::string& name) {
   std::string bytes = ReadGolden("gauge.hex").replace(137, 7, name);
   const size_t size = name.size();
-  for (const auto& [at, number] : {std::pair(13, size + 81), {112, size + 81}, {133, size}}) {
-    for (int i = 0; i < 4; ++i)
-      bytes[static_cast<size_t>(at + i)] = static_cast<char>(number >> 8 * i);
+  for (const auto& [at, number] :
+       {std::pair(size_t{13}, size + 81), {112, size + 81}, {133, size}}) {
+    for (size_t i = 0; i < 4; ++i) bytes[at + i] = static_cast<char>(number >> 8 * i);
   }
   return bytes;
 }

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <new>
 
+// NOLINTBEGIN(misc-definitions-in-headers): a replacement must not be inline.
+
 static bool NextAllocationFails();
 
 [[gnu::noinline]] void* operator new(size_t size) {
@@ -24,3 +26,5 @@ void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {
 void* operator new[](size_t size) { return operator new(size); }
 void operator delete[](void* memory) noexcept { operator delete(memory); }
 void operator delete[](void* memory, size_t /*size*/) noexcept { operator delete(memory); }
+
+// NOLINTEND(misc-definitions-in-headers)
