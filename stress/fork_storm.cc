@@ -70,7 +70,7 @@ class MutedOutput {
 METRICS::CoreInitCfg SelfMonitored() {
   METRICS::CoreInitCfg core;
   core.force_self_monitor = true;
-  core.enable_expire = false;  // begins when the exact series have been emitted on
+  core.expire_seconds = 1;
   core.monitor_interval = 1;
   return core;
 }
@@ -106,7 +106,6 @@ int LiveAsChild(MetricClient& client, const std::string& socket, int number) {
       return 4;
     }
   }
-  StartExpiry(client, 1);
   client.FlushAndExit();
   return 0;
 }
@@ -195,7 +194,6 @@ void Storm::StartThreads() {
     kinds_.Emit(std::to_string(series));
     ++emissions_;
   }
-  StartExpiry(*client_, 1);
   workers_.Start(2, [this](int) {
     for (int n = 0; n < 200; ++n) {
       const long number = ++emissions_;
@@ -214,7 +212,7 @@ void Storm::MakeAndRemove(int worker) {
         client_->CreateMetric({prefix, {}, tenant}, {"idle", {"w"}, {}, {}}).metric;
     for (int series = 0; series < 20; ++series) {
       brief.Emit(std::to_string(series));
-      idle->WithTags({{"w", std::to_string(series)}});
+      idle->WithTags({{"w", std::to_string(series)}})->last_update_ = 0;
     }
     client_->metric_factory_->RemoveRegistry(prefix, tenant);
   }

@@ -109,6 +109,7 @@ TestClientOptions Everything(const AgentSocket& agent, int interval) {
   TestClientOptions options = ReportTo(agent.path(), interval);
   options.core.force_self_monitor = true;
   options.core.monitor_interval = 1;
+  options.core.expire_seconds = 1;
   return options;
 }
 
@@ -131,7 +132,6 @@ void Live(const End& end) {
         ++emissions;
       }
     }
-    StartExpiry(*client, 1);
     Workers workers;
     workers.Start(4, [&](int i) {
       for (int n = 0; n < 20; ++n) {
@@ -223,8 +223,7 @@ class UntilTheEnd {
   void Serve() {
     dir_ = new TempDir();
     agent_ = new AgentSocket(dir_->File("s"));
-    auto* const client = new TestClient(ReportTo(agent_->path(), 1));
-    StartExpiry(**client, 1);
+    auto* const client = new TestClient(Everything(*agent_, 1));
     std::thread([this, client] {
       for (long n = 0;; ++n) {
         // New registries, metrics, series and cells all along.
@@ -234,9 +233,7 @@ class UntilTheEnd {
         }
         (*client)->metric_factory_->RemoveRegistry(std::to_string(n % 500), "t1");
         METRICS::Metric* const steady = client->Metric("steady");
-        if (steady == nullptr || EmitPastExpiry([&] {
-                                   return steady->WithTags({})->Emit({Store(1)});
-                                 }) != ReturnCode::kOk) {
+        if (steady == nullptr || steady->WithTags({})->Emit({Store(1)}) != ReturnCode::kOk) {
           ::_exit(1);
         }
         ++emissions_;
@@ -283,7 +280,7 @@ void GlobalClients(int /*length*/) {
 int ServeForGenerations(MetricClient& client, const std::string& socket, int generations) {
   CoreInitCfg core;
   core.force_self_monitor = true;
-  core.enable_expire = false;  // begins behind the first emission
+  core.expire_seconds = 1;
   for (int generation = 0;; ++generation) {
     const std::string tenant = "t" + std::to_string(generation);
     if (client.Init(new TestConfiger({}, kNeverDue), new StaticVendor({socket}), nullptr, core) !=
@@ -294,7 +291,6 @@ int ServeForGenerations(MetricClient& client, const std::string& socket, int gen
     if (!kinds.made() || !kinds.Emit("0")) {
       return 3;
     }
-    StartExpiry(client, 1);
     const pid_t child = generation < generations ? ::fork() : -1;
     if (child == 0) {
       client.AtFork();

@@ -40,10 +40,11 @@ TEST_F(ItemTest, ARowTakesAtMostItsNumberOfValuesAndDropsWhatDoesNotFit) {
   EXPECT_TRUE(row.Size() == 1 && metric.cache_series_ == 1);
   EXPECT_EQ(row.MemSize(), 3 * 16 + 17u);
   EXPECT_EQ(metric.cache_mem_, 112 + row.MemSize());
+  row.last_update_ = 5;
   EXPECT_EQ(row.Emit({IncrCounter(1), Stat(1), Stat(1), Stat(1)}), R::kInvalidParamNumber);
-  EXPECT_EQ(row.last_update_, 0);
+  EXPECT_EQ(row.last_update_, 5);
   row.Emit({Store(1), WithField("g", Incr(1)), Stat(5)});  // one of them fits
-  EXPECT_GT(row.last_update_, 0);
+  EXPECT_GT(row.last_update_, 5);
   EXPECT_THAT(drained(), ElementsAre(1, 0, 5, 1));
   row.active_ = false;
   EXPECT_EQ(row.EmitMap({{"x", 1}, {"counter", 2}, {"histogram", 10}, {"y", 1}}), R::kOk);

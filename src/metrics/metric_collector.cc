@@ -1,5 +1,7 @@
 #include "metrics/metric_collector.h"
 
+#include <ctime>
+
 #include "codec/pack.h"
 #include "metrics/metric.h"
 #include "metrics/metric_client.h"
@@ -198,6 +200,8 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateSeries(
                       static_cast<int>(co_type_));
     return MetricImpl::GetMetricDummyItem(metric_);
   }
+  // A pass of expiry that comes before the first emission would erase it.
+  item->last_update_.store(::time(nullptr), std::memory_order_relaxed);
   while (series_->Insert(tag_values, item, hash) != ReturnCode::kOk) {
     if (std::shared_ptr<MetricCollectorItem> winner = series_->Get(tag_values, hash)) {
       return winner;

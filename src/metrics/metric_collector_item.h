@@ -128,7 +128,8 @@ class METRICS_API MetricCollectorItem {
 
   // Written by emitting threads and, for `active_`, by the expiry; read by flush and expiry. A
   // stale reading delays an expiry, no more.
-  std::atomic<int64_t> last_update_{0};  ///< second of the last successful emission
+  std::atomic<int64_t> last_update_{
+      0};  ///< second of the last successful emission, or of its entry into a table
   /// False: idle or dropped, and left out of flushes. What every emission looks at first, so that
   /// only those that find it false look further.
   std::atomic<bool> active_{true};

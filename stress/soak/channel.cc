@@ -170,23 +170,11 @@ Channel::Item Channel::FindSomehow(size_t series, Random& random) const {
   }
 }
 
-bool Channel::Prime(const std::function<bool()>& await_pass) {
-  bool stays = false;
-  while (!stays) {
-    held_.clear();
-    for (size_t i = 0; i < plan_.series; ++i) {
-      held_.push_back(Find(i));
-      held_.back()->Refresh();
-    }
-    if (!await_pass()) {
-      return false;
-    }
-    stays = true;
-    for (size_t i = 0; i < plan_.series; ++i) {
-      stays = stays && Find(i) == held_[i];
-    }
+void Channel::Prime() {
+  for (size_t i = 0; i < plan_.series; ++i) {
+    held_.push_back(Find(i));
+    held_.back()->Refresh();
   }
-  return true;
 }
 
 void Channel::Bind() {

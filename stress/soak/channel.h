@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <random>
 #include <string>
@@ -70,9 +69,8 @@ class Channel {
   void Burst(Random& random);
   void EmitOnAll(Random& random);
 
-  // Makes all series and holds on to them. To expiry a series is idle until its first emission, and
-  // may go at once; `await_pass` waits until a pass that began earlier has ended. False: gave up.
-  bool Prime(const std::function<bool()>& await_pass);
+  // Makes all series and holds on to them.
+  void Prime();
   // Binds a handle to each cell, if the plan has them and they are not there.
   void Bind();
   // Lets go of the series, as is due before the metric is removed.

@@ -89,9 +89,8 @@ void Slot::Open(Random& random, Shape shape) {
   plan.bound = random() % 2 == 0;
   channel_ = std::make_unique<Channel>(std::move(plan), stage_.ledger, stage_.report);
   counted_ = 0;
-  if (stage_.await_pass != nullptr && !channel_->Prime(stage_.await_pass)) {
-    Break("expiry does not come by");
-    return;
+  if (stage_.expires) {
+    channel_->Prime();
   }
   Enter(random);
 }
@@ -137,7 +136,7 @@ void Slot::Act(Random& random) {
       BlockAndReopen(random);
       break;
     case 3:
-      if (stage_.await_pass != nullptr && stage_.erases) {
+      if (stage_.expires && stage_.erases) {
         channel_->CloseAccounts();
         Age(kSeries);
         step_ = Step::kAging;
@@ -145,7 +144,7 @@ void Slot::Act(Random& random) {
       }
       [[fallthrough]];
     case 4:
-      if (stage_.await_pass != nullptr) {
+      if (stage_.expires) {
         Age(kHidden);
         step_ = Step::kNapping;
         break;

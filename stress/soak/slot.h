@@ -3,7 +3,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <shared_mutex>
 #include <string>
@@ -38,9 +37,9 @@ class Slot {
     Ledger& ledger;
     Report& report;
     SlotFigures& figures;
-    bool compatible;                   // compatible metrics can be told apart here
-    bool erases;                       // expiry does not only hide
-    std::function<bool()> await_pass;  // waits for a pass of expiry; empty where there is none
+    bool compatible;  // compatible metrics can be told apart here
+    bool erases;      // expiry does not only hide
+    bool expires;     // there is one
   };
 
   Slot(Stage stage, std::string tenant, std::string prefix);

@@ -59,14 +59,8 @@ World::World(const Config& config, AgentPath& path, Ledger& ledger, Report& repo
   }
   MakeSteady();
   for (size_t i = 0; i < kSlots; ++i) {
-    const Slot::Stage stage{
-        client_,
-        ledger,
-        report,
-        figures,
-        compatible_tags_,
-        !config.kd_tree,
-        config.expiry ? [this] { return AwaitExpiryPass(); } : std::function<bool()>()};
+    const Slot::Stage stage{client_,          ledger,          report,       figures,
+                            compatible_tags_, !config.kd_tree, config.expiry};
     // Every other slot is of a tenant of its own, with a flush thread of its own.
     slots_.push_back(std::make_unique<Slot>(stage, tenant_ + (i % 2 == 0 ? "" : "-more"),
                                             "slot" + std::to_string(i)));
@@ -91,7 +85,6 @@ void World::MakeSteady() {
   if (steady == nullptr || slow == nullptr) {
     return;
   }
-  canary_ = MakeMetric(*steady, "canary", Shape::kSuffixed, report_);
   for (int i = 0; i < kShapes; ++i) {
     AddSteady(*steady, static_cast<Shape>(i));
   }
@@ -108,19 +101,8 @@ void World::AddSteady(METRICS::MetricRegistry& registry, Shape shape) {
   steady_.push_back(std::make_unique<Channel>(
       Channel::Plan{metric, shape, "0", tags_arrive ? kSteadySeries : 1, tags_arrive, true},
       ledger_, report_));
-  const bool primed =
-      steady_.back()->Prime([this] { return !config_.expiry || AwaitExpiryPass(); });
-  report_.Check(primed, "expiry does not come by");
+  steady_.back()->Prime();
   steady_.back()->Bind();
-}
-
-bool World::AwaitExpiryPass() {
-  const Channel::Item item = canary_->WithTagValues({"0", "0"});
-  item->active_.store(true);
-  // Bounded; a pass is a matter of milliseconds. The second collector erases nothing.
-  return test::WaitFor([&] {
-    return canary_->impl_->GetSeriesCount() == 0 || (config_.kd_tree && !item->active_.load());
-  });
 }
 
 void World::Emit(Random& random) {

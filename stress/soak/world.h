@@ -71,9 +71,6 @@ class World {
   void AwaitSettled() const;
   // Stops and joins the thread of the steady metrics' tenant. False if it was flushing.
   bool StopFlushThread();
-  // Waits until a pass of expiry that began before this call has ended: it goes by a series of a
-  // metric of its own, which is idle from the start.
-  bool AwaitExpiryPass();
 
   const Config config_;
   const std::string tenant_;
@@ -81,7 +78,6 @@ class World {
   Ledger& ledger_;
   Report& report_;
   METRICS::MetricClient client_;
-  METRICS::Metric* canary_ = nullptr;
   std::vector<std::unique_ptr<Channel>> steady_;
   std::vector<std::unique_ptr<Slot>> slots_;
 };

@@ -56,19 +56,12 @@ bool AllKinds::made() const {
 bool AllKinds::Emit(const std::string& series) const {
   const std::vector<MetricTag> tags = {{"w", series}};
   const ReturnCode codes[] = {
-      EmitPastExpiry([&] {
-        return suffixed_->WithTags(tags)->Emit(
-            {Add(1), Incr(1), IncrCounter(1), IncrMeter(1), Observe(1), Stat(1), Store(1)});
-      }),
-      EmitPastExpiry([&] { return estimated_->WithTags(tags)->Emit({Observe(1.5)}); }),
-      EmitPastExpiry([&] {
-        return row_->WithTags(tags)->Emit(
-            {WithField("rate", Incr(1)), WithField("timer", Observe(1)),
-             WithField("histo", Stat(1)), WithField("delta", Add(1))});
-      }),
-      EmitPastExpiry([&] {
-        return compatible_->CEmit(1, {"w", series});
-      })};
+      suffixed_->WithTags(tags)->Emit(
+          {Add(1), Incr(1), IncrCounter(1), IncrMeter(1), Observe(1), Stat(1), Store(1)}),
+      estimated_->WithTags(tags)->Emit({Observe(1.5)}),
+      row_->WithTags(tags)->Emit({WithField("rate", Incr(1)), WithField("timer", Observe(1)),
+                                  WithField("histo", Stat(1)), WithField("delta", Add(1))}),
+      compatible_->CEmit(1, {"w", series})};
   bool all = true;
   for (const ReturnCode code : codes) {
     all = all && code == ReturnCode::kOk;
@@ -85,19 +78,6 @@ double EmissionsOf(const test::AgentSocket::Packets& packets, const std::string&
     }
   }
   return total;
-}
-
-ReturnCode EmitPastExpiry(const std::function<ReturnCode()>& emit) {
-  ReturnCode code = ReturnCode::kObjectExit;
-  for (int tries = 0; tries < 1000 && code == ReturnCode::kObjectExit; ++tries) {
-    code = emit();
-  }
-  return code;
-}
-
-void StartExpiry(METRICS::MetricClient& client, int pause_ms) {
-  client.configer_->enable_expire_ = true;
-  client.expire_checker_->Start(pause_ms);
 }
 
 }  // namespace tidegate::stress

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <string>
 
 #include "metrics/metric_client.h"
@@ -31,13 +30,5 @@ class AllKinds {
 
 // What all `AllKinds` of `tenant` were told, by the increases of their delta counters.
 double EmissionsOf(const test::AgentSocket::Packets& packets, const std::string& tenant);
-
-// Emits anew as long as that answers 23: expiry may take a new series between its look-up and its
-// first emission.
-METRICS::ReturnCode EmitPastExpiry(const std::function<METRICS::ReturnCode()>& emit);
-
-// Starts the expiry of a client that was told to have none, with a pause of `pause_ms`: a series is
-// idle until its first emission, so exact ones are emitted on before.
-void StartExpiry(METRICS::MetricClient& client, int pause_ms);
 
 }  // namespace tidegate::stress
