@@ -1,4 +1,7 @@
 #include <gmock/gmock.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -9,6 +12,7 @@
 #include <vector>
 
 #include "agent/bounded_queue.h"
+#include "agent/connected_processes.h"
 #include "agent/decoder.h"
 #include "agent/packet_queue.h"
 #include "golden/golden_file.h"
@@ -103,6 +107,37 @@ TEST_F(PacketQueueTest, TheOneThatFillsItMakesRoomAndIsNamed) {
             "dropped 1 packets of 200000 bytes from the full queue, most of process 7: "
             "1 packets of 200000 bytes");
   EXPECT_EQ(queue_.ReportDrops(now + seconds(200)), "");
+}
+
+TEST_F(PacketQueueTest, AProcessIsLiveWhileItIsConnectedOrWaitsHere) {
+  const ClientId first{7, 1, 100};
+  const ClientId second{7, 2, 100};
+  const ClientId later{7, 3, 200};  // another process of that number
+  ConnectedProcesses connected;
+  std::vector<ConnectedProcesses::Connection> connections;
+  for (const ClientId& client : {first, second}) {
+    connections.emplace_back(&connected, client.process());
+  }
+  connections.pop_back();
+  EXPECT_TRUE(connected.Contains(first.process()));
+  Push(second, "");
+  connections.clear();
+  EXPECT_FALSE(connected.Contains(first.process()));
+  EXPECT_TRUE(queue_.Holds(first.process()));
+  EXPECT_FALSE(queue_.Holds(later.process()));
+  PopAll();
+  EXPECT_FALSE(queue_.Holds(first.process()));
+
+  EXPECT_GT(StartOf(getpid()), 0U);
+  const pid_t child = fork();
+  if (child == 0) {
+    prctl(PR_SET_NAME, "a) Z 1 2 (");
+    _exit(StartOf(getpid()) >= StartOf(getppid()) && StartOf(getppid()) > 0 ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(StartOf(child), 0U);
 }
 
 TEST_F(PacketQueueTest, ManySendersWithOneEmptyMessageFillItAsWell) {

@@ -26,7 +26,8 @@ Agent::Agent(const Options& options)
       log_(STDERR_FILENO),
       queue_(options.queue_bytes, &health_),
       server_([this](SeqpacketServer::Message message) { queue_.Push(std::move(message)); },
-              [this](const std::string& warning) { log_.ReportSome(warning); }, &health_.clients),
+              [this](const std::string& warning) { log_.ReportSome(warning); }, &health_.clients,
+              &connected_),
       table_({options.max_series, options.ttl, options.label_pid, !options.http.empty(),
               options.max_ahead},
              &health_, [this](const std::string& collision) { log_.Report(collision); }),
@@ -45,6 +46,11 @@ std::vector<PacketSink*> Agent::Sinks() {
                                         [this](const std::string& line) { log_.Report(line); }));
   }
   return sinks;
+}
+
+// In this order: what the process has sent is in the queue before its connection goes.
+bool Agent::IsLive(const ProcessId& process) const {
+  return connected_.Contains(process) || queue_.Holds(process);
 }
 
 int Agent::Run() {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/connected_processes.h"
 #include "agent/decoder.h"
 #include "agent/forwarder.h"
 #include "agent/health.h"
@@ -46,6 +47,8 @@ class Agent {
   using Clock = std::chrono::steady_clock;
 
   std::vector<PacketSink*> Sinks();
+  // What sinks know as IsLive.
+  bool IsLive(const ProcessId& process) const;
   bool Start();
   bool Serve();
   // Once a second, on the decoder's thread.
@@ -63,6 +66,7 @@ class Agent {
   Health health_;
   Log log_;
   PacketQueue queue_;
+  ConnectedProcesses connected_;
   SeqpacketServer server_;
   SeriesTable table_;
   std::optional<PacketLog> printer_;

@@ -29,7 +29,7 @@ void PacketQueue::Push(Message message) noexcept {
   try {
     if (message.data == nullptr) throw std::bad_alloc();
     const size_t bytes = message.size + kMessageOverhead;
-    const uint64_t key = KeyOf(message.client);
+    const ProcessId key = message.client.process();
     std::list<Message> node;
     node.push_back(std::move(message));
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -61,6 +61,11 @@ PacketQueue::Result PacketQueue::Pop(Message* message, std::chrono::milliseconds
   return Result::kItem;
 }
 
+bool PacketQueue::Holds(const ProcessId& sender) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return senders_.count(sender) != 0;
+}
+
 void PacketQueue::Close(Clock::time_point deadline) {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -89,17 +94,12 @@ std::string PacketQueue::ReportDrops(Clock::time_point now) {
   return line + ": " + Shown(worst->second.packets, worst->second.bytes);
 }
 
-uint64_t PacketQueue::KeyOf(const ClientId& client) {
-  constexpr uint64_t kNoProcess = uint64_t{1} << 63;
-  return client.pid > 0 ? static_cast<uint64_t>(client.pid) : client.connection | kNoProcess;
-}
-
-PacketQueue::Senders::iterator PacketQueue::SenderOf(uint64_t key) {
+PacketQueue::Senders::iterator PacketQueue::SenderOf(const ProcessId& key) {
   const auto found = senders_.find(key);
   if (found != senders_.end()) return found->second;
   // All memory first, so that nothing has changed where there is none.
   Senders sender(1);
-  std::set<std::pair<size_t, uint64_t>> size = {{0, key}};
+  std::set<std::pair<size_t, ProcessId>> size = {{0, key}};
   sender.front().key = key;
   const auto made = sender.begin();
   senders_.emplace(key, made);

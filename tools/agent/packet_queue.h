@@ -39,6 +39,9 @@ class PacketQueue {
   // Waits for a message. A closed queue still hands out what is in it, until its deadline.
   Result Pop(Message* message, std::chrono::milliseconds timeout);
 
+  // Whether messages of that sender wait.
+  bool Holds(const ProcessId& sender) const;
+
   // What is not taken out by `deadline` is dropped, and counted. REQUIRES: no Push from now on.
   void Close(Clock::time_point deadline);
 
@@ -48,7 +51,7 @@ class PacketQueue {
 
  private:
   struct Sender {
-    uint64_t key = 0;
+    ProcessId key;
     std::list<Message> messages;
     size_t bytes = 0;
   };
@@ -59,10 +62,8 @@ class PacketQueue {
     uint64_t bytes = 0;
   };
 
-  static uint64_t KeyOf(const ClientId& client);
-
   // All of these with mutex_ held.
-  Senders::iterator SenderOf(uint64_t key);
+  Senders::iterator SenderOf(const ProcessId& key);
   void Resize(Sender* sender, size_t bytes);
   void TakeOldest(Senders::iterator sender, std::list<Message>* to);
   void DropFromLargest(std::list<Message>* to);
@@ -76,9 +77,9 @@ class PacketQueue {
   mutable std::mutex mutex_;  // of all below
   std::condition_variable ready_;
   Senders turns_;  // those with messages, the next one in front
-  std::unordered_map<uint64_t, Senders::iterator> senders_;  // by key
-  std::set<std::pair<size_t, uint64_t>> sizes_;              // bytes and key of each
-  size_t bytes_ = 0;                                         // of all
+  std::unordered_map<ProcessId, Senders::iterator> senders_;  // by key
+  std::set<std::pair<size_t, ProcessId>> sizes_;              // bytes and key of each
+  size_t bytes_ = 0;                                          // of all
   size_t packets_ = 0;
   bool closed_ = false;
   Clock::time_point deadline_;  // once closed

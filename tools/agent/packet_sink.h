@@ -2,17 +2,46 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <tuple>
 
 #include "agent/packet_reader.h"
 
 namespace tidegate::agent {
 
-// Who sent a packet, by the word of the kernel.
-struct ClientId {
-  pid_t pid = 0;            // of the process that connected; 0 if the kernel does not tell
-  uint64_t connection = 0;  // its number, never used twice
+// A process with all its connections, by the word of the kernel: one that gets the id of another
+// later is not that one. Where the kernel names no process, as across PID namespaces, a connection
+// counts as one.
+struct ProcessId {
+  pid_t pid = 0;        // 0: the kernel does not tell
+  uint64_t number = 0;  // when it started, in clock ticks from the boot, or 0 if that is not to be
+                        // seen; that of the connection if there is no pid
+
+  bool operator==(const ProcessId& other) const {
+    return pid == other.pid && number == other.number;
+  }
+  bool operator<(const ProcessId& other) const {
+    return std::tie(pid, number) < std::tie(other.pid, other.number);
+  }
 };
+
+// Who sent a packet: the process that connected, also if a child goes on with the connection.
+struct ClientId {
+  pid_t pid = 0;            // 0 if the kernel does not tell
+  uint64_t connection = 0;  // its number, never used twice
+  uint64_t start = 0;       // of the process, as in ProcessId
+
+  // The same for all connections of a process. To be used as a key.
+  ProcessId process() const { return {pid, pid > 0 ? start : connection}; }
+};
+
+// Whether a process is connected, or has packets that no sink has got yet. On the decoder's thread
+// a "no" is final, up to the process's next connection: all sinks have seen all that came of it. So
+// a sink that keeps something for each process asks this for each of them, from time to time, or
+// when it waits for one. Costs a lock or two; throws nothing. The decoder's thread only.
+using IsLive = std::function<bool(const ProcessId&)>;
 
 // Something that takes decoded packets: the printer, the series table, the forwarder.
 //
@@ -31,3 +60,11 @@ class PacketSink {
 };
 
 }  // namespace tidegate::agent
+
+template <>
+struct std::hash<tidegate::agent::ProcessId> {
+  size_t operator()(const tidegate::agent::ProcessId& process) const {
+    // The odd number spreads the few bits that differ.
+    return (static_cast<size_t>(process.pid) + process.number * 31) * 0x9e3779b97f4a7c15U;
+  }
+};

@@ -56,10 +56,11 @@ const sockaddr* AsSockaddr(const sockaddr_un* address) {
   return reinterpret_cast<const sockaddr*>(address);
 }
 
-pid_t PeerOf(int fd) {
+ClientId IdOf(int fd, uint64_t connection) {
   ucred peer = {};
   socklen_t size = sizeof(peer);
-  return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+  const bool known = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.pid > 0;
+  return {known ? peer.pid : 0, connection, known ? StartOf(peer.pid) : 0};
 }
 
 // A file that another user has put there shall be found.
@@ -101,12 +102,13 @@ bool MakeRoom(const sockaddr_un& address, std::string* error) {
 }  // namespace
 
 SeqpacketServer::SeqpacketServer(MessageHandler on_message, WarningHandler on_warning,
-                                 std::atomic<uint64_t>* clients)
+                                 std::atomic<uint64_t>* clients, ConnectedProcesses* processes)
     : on_message_(std::move(on_message)),
       on_warning_(std::move(on_warning)),
       epoll_(epoll_create1(EPOLL_CLOEXEC)),
       stop_event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       most_clients_(MostClients()),
+      processes_(processes),
       client_count_(clients) {}
 
 SeqpacketServer::~SeqpacketServer() { RemoveSocketFile(); }
@@ -226,7 +228,8 @@ bool SeqpacketServer::Serve(UniqueFd client) {
   const int on = 1;
   setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof(on));
   try {
-    clients_[fd] = {std::move(client), {PeerOf(fd), ++connections_}};
+    const ClientId id = IdOf(fd, ++connections_);
+    clients_[fd] = {std::move(client), id, {processes_, id.process()}};
   } catch (const std::bad_alloc&) {
     errno = ENOMEM;
     return false;

@@ -10,6 +10,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "agent/connected_processes.h"
 #include "agent/packet_sink.h"
 #include "agent/unique_fd.h"
 
@@ -36,9 +37,10 @@ class SeqpacketServer {
   // Gets one line about trouble that does not end the server. Throws nothing.
   using WarningHandler = std::function<void(const std::string&)>;
 
-  // Keeps the number of connected clients in `clients`, which it borrows.
+  // Keeps the number of connected clients in `clients`, and their processes in `processes`; borrows
+  // both. A process is there before its first message, and until after its last one.
   SeqpacketServer(MessageHandler on_message, WarningHandler on_warning,
-                  std::atomic<uint64_t>* clients);
+                  std::atomic<uint64_t>* clients, ConnectedProcesses* processes);
   ~SeqpacketServer();  // closes everything and removes the socket file
   SeqpacketServer(const SeqpacketServer&) = delete;
   SeqpacketServer& operator=(const SeqpacketServer&) = delete;
@@ -65,6 +67,7 @@ class SeqpacketServer {
   struct Client {
     UniqueFd socket;
     ClientId id;
+    ConnectedProcesses::Connection connection;
   };
 
   bool Bind(const std::string& path, mode_t mode, std::string* error);
@@ -84,6 +87,7 @@ class SeqpacketServer {
   UniqueFd stop_event_;
   const uint64_t most_clients_;
   UniqueFd listener_;
+  ConnectedProcesses* const processes_;
   std::unordered_map<int, Client> clients_;
   uint64_t connections_ = 0;  // so far
   std::atomic<uint64_t>* const client_count_;
