@@ -22,6 +22,8 @@
 #include <utility>
 #include <vector>
 
+#include "../bench/packet_writer.h"
+#include "agent/point_mapping.h"
 #include "agent/unique_fd.h"
 #include "golden/golden_file.h"
 
@@ -237,6 +239,53 @@ TEST_F(AgentTest, GoesOnWhileNobodyReadsAndEndsInOrderThoughTheSignalIsRepeated)
   Send(Connect(), ReadGolden("gauge.hex"));
   EXPECT_EQ(Wait(), 0);
   EXPECT_THAT(Content("err"), HasSubstr("packets=1 series=1 points=1 errors=0\n"));
+}
+
+TEST_F(AgentTest, CountsWhatIsNotPrintedAndGoesOnWhereThereIsRoomAgain) {
+  Packet packet;
+  packet.tenant = "t1";
+  const auto gauge = [&](const std::string& name) {
+    packet.blocks.push_back({1, 0, 1700000000, name, {}, {{0, {}, {}, {100000}}}});
+  };
+  gauge("first");
+  for (const std::string_view column : kTimerColumns) gauge("svc.lat." + std::string(column));
+  gauge("last");
+  const std::string first = "1700000000 t1 gauge first{} 100000\n";
+  const std::string next = "1700000000 t1 gauge svc.lat{dc=b,host=a} 1.5\n";
+  const std::string torn = "1700000000 t1 timer svc.lat{} min=100000 max=100000 avg=";
+  const auto room_for = [this](rlim_t bytes) {
+    const rlimit limit = {bytes, RLIM_INFINITY};
+    ASSERT_EQ(prlimit(pid_, RLIMIT_FSIZE, &limit, nullptr), 0) << errno;
+  };
+
+  // The log is a stream of the journal.
+  struct stat log;
+  ASSERT_EQ(fstat(UniqueFd(Create("err")).get(), &log), 0);
+  const std::string stream = std::to_string(log.st_dev) + ':' + std::to_string(log.st_ino);
+  setenv("JOURNAL_STREAM", stream.c_str(), 1);
+  Start({"--http", "127.0.0.1:0", "--print", "text"});
+  unsetenv("JOURNAL_STREAM");
+  room_for(4000);
+  const size_t before = 4000 - first.size() - torn.size();
+  Send(Connect(), GaugeNamed(std::string(before - next.size() + 7, 'n')));
+  Await("out", "} 1.5\n");
+  Send(Connect(), bench::PacketWriter::Write(packet));
+  Await("err", "<4>tidegate-agent: points are not printed: File too large\n");
+  Send(Connect(), ReadGolden("gauge.hex"));
+  httplib::Client http(Url());
+  std::string page;
+  for (int i = 0; i < 2000 && page.find("_unprinted_points_total 12\n") == std::string::npos; ++i) {
+    page = http.Get("/metrics")->body;
+    std::this_thread::sleep_for(milliseconds(10));
+  }
+  EXPECT_THAT(page, HasSubstr("_unprinted_points_total 12\n"));
+  room_for(RLIM_INFINITY);
+  Send(Connect(), ReadGolden("gauge.hex"));
+  Await("err", "<4>tidegate-agent: points are printed again\n");
+  EXPECT_EQ(Terminate(), 0);
+  EXPECT_EQ(Content("out").substr(before), first + torn + "...\n" + next);
+  EXPECT_THAT(Content("err"), StartsWith("<6>tidegate-agent: serving"));
+  EXPECT_THAT(Content("err"), HasSubstr("dropped: packets=0 unprinted points=12 "));
 }
 
 TEST_F(AgentTest, RefusesBadSettingsInOneLine) {

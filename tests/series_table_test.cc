@@ -110,6 +110,7 @@ TEST_F(SeriesTableTest, ShowsEachKindInItsFamilies) {
   } kCases[] = {
       {{2, "1r", {}, {}, {kNan}}, "gauge _1r NaN\n"},
       {{3, "c.total", {}, {}, {kInf}}, "counter c_total +Inf\n"},
+      {{3, "c2.total", {}, {}, {-9007199254740992}}, "counter c2_total -9007199254740992\n"},
       {{4, "m", {}, {}, {-kInf}}, "untyped m -Inf\n"},
       {{8, "d", {"counter", "rate", "delta"}, {}, {1e20, 0.5, 5}},
        "gauge d_rate 0.5\ncounter d_total 1e+20\n"},
@@ -145,6 +146,11 @@ TEST_F(SeriesTableTest, ShowsEachKindInItsFamilies) {
     EXPECT_EQ(Samples(), samples);
     EXPECT_THAT(reports_, IsEmpty());
   }
+  health_.bytes = UINT64_MAX;
+  std::string own;
+  AppendHealth(health_, &own);
+  EXPECT_THAT(own, HasSubstr("\ntidegate_agent_received_bytes_total 18446744073709551615\n"));
+
   SeriesTable::Options with_pid;
   with_pid.label_pid = true;
   Make(with_pid);

@@ -18,6 +18,7 @@ namespace {
 
 constexpr std::chrono::seconds kLogDrain(2);
 constexpr std::chrono::seconds kHttpDrain(2);
+constexpr std::chrono::minutes kPrintingLineInterval(1);
 
 }  // namespace
 
@@ -39,7 +40,7 @@ std::vector<PacketSink*> Agent::Sinks() {
   if (options_.print) {
     sinks.push_back(&printer_.emplace(
         *options_.print, options_.label_pid, STDOUT_FILENO,
-        [this](int error) { PrintingEnded(error); }, &health_));
+        [this](int error) { PrintingChanged(error); }, &health_));
   }
   if (options_.forward) {
     sinks.push_back(&forwarder_.emplace(*options_.forward, &health_,
@@ -73,7 +74,7 @@ bool Agent::Serve() {
   Survives(&health_, [&] {
     std::string error;
     served = server_.Run(&error);
-    if (!served) log_.Report(error);
+    if (!served) log_.Report(error, LogLevel::kError);
   });
   return served;
 }
@@ -104,37 +105,44 @@ bool Agent::Start() {
                   [this](const std::string& line) { log_.ReportSome(line); },
                   [this] { HttpEnded(); }, &health_);
     if (!http_->Start(options_.http, &error)) {
-      log_.Report(error);
+      log_.Report(error, LogLevel::kError);
       return false;
     }
-    log_.Report("serving " + http_->url() + "/metrics");
+    log_.Report("serving " + http_->url() + "/metrics", LogLevel::kInfo);
   }
   if (!server_.Listen(options_.socket, options_.socket_mode, &error)) {
-    log_.Report(error);
+    log_.Report(error, LogLevel::kError);
     return false;
   }
   if (forwarder_) {
     forwarder_->Start();
-    log_.Report("forwarding to " + options_.forward->url.shown);
+    log_.Report("forwarding to " + options_.forward->url.shown, LogLevel::kInfo);
   }
-  log_.Report("listening on " + options_.socket);
+  log_.Report("listening on " + options_.socket, LogLevel::kInfo);
   return true;
 }
 
-// Printing is all that there is to do, or else the rest goes on without it.
-void Agent::PrintingEnded(int error) noexcept {
-  if (options_.http.empty() && !options_.forward) {
-    Stop();
-  } else {
-    Survives(&health_, [&] {
-      log_.Report("points are no longer printed: " + std::generic_category().message(error));
-    });
-  }
+void Agent::PrintingChanged(int error) noexcept {
+  const bool ended = StreamWriter::IsFinal(error);
+  // Printing is all that there is to do, or else the rest goes on without it.
+  if (ended && options_.http.empty() && !options_.forward) return Stop();
+  Survives(&health_, [&] {
+    const Clock::time_point now = Clock::now();
+    if (error == 0) {
+      if (std::exchange(printing_trouble_told_, false)) log_.Report("points are printed again");
+    } else if (ended || now >= next_printing_line_) {
+      log_.Report((ended ? "points are no longer printed: " : "points are not printed: ") +
+                  std::generic_category().message(error));
+      next_printing_line_ = now + kPrintingLineInterval;
+      printing_trouble_told_ = true;
+    }
+  });
 }
 
 // An agent that looks alive and shows nothing would be worse than one that starts anew.
 void Agent::HttpEnded() noexcept {
-  log_.ReportJoined({"serving ", options_.http, " has ended by itself, so the agent ends as well"});
+  log_.ReportJoined(LogLevel::kError,
+                    {"serving ", options_.http, " has ended by itself, so the agent ends as well"});
   http_failed_ = true;
   Stop();
 }
@@ -155,7 +163,8 @@ bool Agent::FinishOutputs(Clock::time_point end) {
   printer_->Finish(left());
   // A reader that has seen enough is no failure.
   if (printer_->error() == 0 || printer_->error() == EPIPE) return true;
-  log_.Report("cannot write points: " + std::generic_category().message(printer_->error()));
+  log_.Report("cannot write points: " + std::generic_category().message(printer_->error()),
+              LogLevel::kError);
   return false;
 }
 
@@ -173,8 +182,9 @@ void Agent::ReportTotals() {
                 " unforwarded points=" + std::to_string(unforwarded));
   }
   log_.Report("packets=" + std::to_string(health_.packets) +
-              " series=" + std::to_string(table_.made()) +
-              " points=" + std::to_string(health_.points) + " errors=" + std::to_string(errors));
+                  " series=" + std::to_string(table_.made()) +
+                  " points=" + std::to_string(health_.points) + " errors=" + std::to_string(errors),
+              LogLevel::kInfo);
 }
 
 }  // namespace tidegate::agent

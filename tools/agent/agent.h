@@ -53,7 +53,8 @@ class Agent {
   bool Serve();
   // Once a second, on the decoder's thread.
   void LookAfterThings();
-  void PrintingEnded(int error) noexcept;
+  // On the writer's thread.
+  void PrintingChanged(int error) noexcept;
   void HttpEnded() noexcept;
   void AppendPage(std::string* page);
   // Ends what comes after the decoder, by `end`. False if points could not be printed.
@@ -69,6 +70,8 @@ class Agent {
   ConnectedProcesses connected_;
   SeqpacketServer server_;
   SeriesTable table_;
+  Clock::time_point next_printing_line_;  // with the next, of the writer's thread
+  bool printing_trouble_told_ = false;
   std::optional<PacketLog> printer_;
   uint64_t out_of_memory_ = 0;  // of the count of health_, that the log knows of
   std::atomic<bool> http_failed_{false};

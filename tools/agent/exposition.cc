@@ -1,12 +1,13 @@
 #include "agent/exposition.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <iterator>
 #include <set>
 #include <type_traits>
+
+#include "agent/numbers.h"
 
 namespace tidegate::agent {
 namespace {
@@ -49,9 +50,7 @@ void AppendNumber(double value, std::string* out) {
   } else if (std::isinf(value)) {
     *out += value > 0 ? "+Inf" : "-Inf";
   } else {
-    char digits[32];
-    const char* end = std::to_chars(std::begin(digits), std::end(digits), value).ptr;
-    out->append(digits, static_cast<size_t>(end - digits));
+    AppendDouble(value, out);
   }
 }
 
@@ -332,8 +331,13 @@ void SampleWriter::Histogram(const std::string& name, const std::vector<double>&
   Line(name, kCount, {}, below, count.timestamp);
 }
 
-void SampleWriter::Line(std::string_view name, std::string_view suffix, std::string_view extra,
-                        double value, int64_t timestamp) {
+void SampleWriter::Integer(std::string_view name, uint64_t value) {
+  BeginLine(name, {}, {});
+  page_->append(std::to_string(value)).append("\n");
+}
+
+void SampleWriter::BeginLine(std::string_view name, std::string_view suffix,
+                             std::string_view extra) {
   *page_ += name;
   *page_ += suffix;
   if (!labels_.empty() || !extra.empty()) {
@@ -344,6 +348,11 @@ void SampleWriter::Line(std::string_view name, std::string_view suffix, std::str
     *page_ += '}';
   }
   *page_ += ' ';
+}
+
+void SampleWriter::Line(std::string_view name, std::string_view suffix, std::string_view extra,
+                        double value, int64_t timestamp) {
+  BeginLine(name, suffix, extra);
   AppendNumber(value, page_);
   if (timestamps_ && std::abs(timestamp) <= kMaxSeconds) {
     *page_ += ' ';
@@ -362,7 +371,7 @@ void AppendHealth(const Health& health, std::string* page) {
     }
     SampleWriter writer(false, page);
     if (!sample.label.empty()) writer.AddLabel(sample.label, sample.label_value);
-    writer.Single(sample.name, {sample.value, 0});
+    writer.Integer(sample.name, sample.value);
   });
 }
 

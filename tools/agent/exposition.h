@@ -84,12 +84,16 @@ class SampleWriter {
 
   // One line of `cell`.
   void Single(std::string_view name, const Cell& cell);
+  // One line of a number that a double might not hold, without a time.
+  void Integer(std::string_view name, uint64_t value);
   // The cells are those of the metric's columns.
   void Summary(const std::string& name, const Cell* cells);
   // The cells are those of the buckets and then of sum and count.
   void Histogram(const std::string& name, const std::vector<double>& bounds, const Cell* cells);
 
  private:
+  // Up to the number.
+  void BeginLine(std::string_view name, std::string_view suffix, std::string_view extra);
   void Line(std::string_view name, std::string_view suffix, std::string_view extra, double value,
             int64_t timestamp);
 

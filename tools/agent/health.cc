@@ -15,9 +15,7 @@ static_assert(std::size(kRefusalNames) == kRefusals);
 constexpr size_t kMagicOffset = 0;
 constexpr size_t kVersionOffset = 8;
 
-double ValueOf(const Health::Number& number) {
-  return static_cast<double>(number.load(std::memory_order_relaxed));
-}
+uint64_t ValueOf(const Health::Number& number) { return number.load(std::memory_order_relaxed); }
 
 }  // namespace
 
@@ -40,9 +38,15 @@ uint64_t Health::ForwardDropped() const {
 }
 
 void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
-  const std::chrono::duration<double> uptime = std::chrono::steady_clock::now() - start;
+  const auto uptime =
+      std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start);
   handle({"tidegate_agent_info", "The agent runs.", false, "version", TIDEGATE_VERSION, 1});
-  handle({"tidegate_agent_uptime_seconds", "Time since the start.", false, {}, {}, uptime.count()});
+  handle({"tidegate_agent_uptime_seconds",
+          "Whole seconds since the start.",
+          false,
+          {},
+          {},
+          static_cast<uint64_t>(uptime.count())});
 
   const auto gauge = [&](std::string_view name, std::string_view help, const Number& number) {
     handle({name, help, false, {}, {}, ValueOf(number)});
@@ -67,7 +71,7 @@ void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
   handle({kLost, kLostHelp, true, "reason", "memory", ValueOf(dropped_memory)});
   counter("tidegate_agent_out_of_memory_total", "Times that memory ran out.", out_of_memory);
   counter("tidegate_agent_unprinted_points_total",
-          "Points that standard output did not take in time.", unprinted_points);
+          "Points that standard output did not take whole, or not in time.", unprinted_points);
   gauge("tidegate_agent_series", "Series in the table.", series);
   gauge("tidegate_agent_series_bytes", "Bytes that they take.", series_bytes);
   for (size_t i = 0; i < kRefusals; ++i) {

@@ -39,7 +39,7 @@ struct Health {
     bool counter;                  // or else a gauge
     std::string_view label;        // empty: none
     std::string_view label_value;  // printable ASCII
-    double value;
+    uint64_t value;
   };
 
   // By the reading thread.
@@ -65,7 +65,7 @@ struct Health {
   std::array<Number, kRefusals> refused_points{};
   // Each once; of those reasons that are one of a series: kLimit and kCollision.
   std::array<Number, 2> refused_series{};
-  Number unprinted_points{0};  // that standard output did not take in time
+  Number unprinted_points{0};  // that standard output did not take whole, or not in time
 
   // By the HTTP side.
   Number http_cut_slow{0};      // clients that took an answer too slowly

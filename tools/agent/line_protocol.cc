@@ -1,11 +1,12 @@
 #include "agent/line_protocol.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <limits>
 #include <set>
 #include <utility>
+
+#include "agent/numbers.h"
 
 namespace tidegate::agent {
 namespace {
@@ -19,12 +20,6 @@ constexpr std::string_view kHistogramPrefix = "hist:";
 // Bucket lines of one record: each has the measurement and all tags, so they grow with the product
 // of what a packet holds.
 constexpr size_t kMaxBucketBytes = 16 << 20;
-
-void AppendNumber(double value, std::string* out) {
-  char digits[32];
-  const auto end = std::to_chars(std::begin(digits), std::end(digits), value);
-  out->append(std::begin(digits), end.ptr);
-}
 
 void AppendTag(std::string_view key, std::string_view value, std::string* out) {
   *out += ',';
@@ -61,7 +56,7 @@ void LineWriter::StartBlock(const Packet& packet, const ClientId& client, const 
   // A bucket is known by its lower end, `le` by the upper one.
   const std::vector<double> bounds = HistogramBounds(block).value_or(std::vector<double>());
   for (size_t i = 1; i < bounds.size(); ++i) {
-    AppendNumber(bounds[i], &bounds_.emplace_back(",le="));
+    AppendDouble(bounds[i], &bounds_.emplace_back(",le="));
   }
   bounds_.emplace_back(",le=+Inf");
 }
@@ -133,7 +128,7 @@ void LineWriter::AppendField(std::string_view escaped_name, double value) {
   values_ += values_.empty() ? ' ' : ',';
   values_ += escaped_name;
   values_ += '=';
-  AppendNumber(value, &values_);
+  AppendDouble(value, &values_);
 }
 
 bool LineWriter::AppendLine(std::string* out) {
@@ -165,8 +160,10 @@ void AppendHealthLines(const Health& health, std::string_view host, int64_t now_
     AppendTag("host", host, out);
     if (!sample.label.empty()) AppendTag(sample.label, sample.label_value, out);
     out->append(" value=");
-    AppendNumber(sample.value, out);
-    out->append(" ").append(std::to_string(now_ns)).append("\n");
+    out->append(std::to_string(sample.value))
+        .append(" ")
+        .append(std::to_string(now_ns))
+        .append("\n");
   });
 }
 

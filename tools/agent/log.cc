@@ -1,11 +1,15 @@
 #include "agent/log.h"
 
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
 #include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <iterator>
 #include <new>
 #include <utility>
@@ -20,14 +24,37 @@ constexpr size_t kMaxText = 2000;
 constexpr int kPerSecond = 10;
 constexpr std::chrono::minutes kAlarmInterval(1);
 
+constexpr size_t kPrefixSize = 3;
+
+// systemd names the device and the inode of the stream that it made.
+bool GoesToJournal(int fd) {
+  const char* const stream = std::getenv("JOURNAL_STREAM");
+  struct stat info;
+  if (stream == nullptr || fstat(fd, &info) != 0) return false;
+  char own[48];  // two numbers of 64 bits
+  std::snprintf(own, sizeof(own), "%ju:%ju", uintmax_t{info.st_dev}, uintmax_t{info.st_ino});
+  return std::string_view(own) == stream;
+}
+
+std::string PrefixOf(LogLevel level) { return '<' + std::to_string(static_cast<int>(level)) + '>'; }
+
 }  // namespace
 
-// Without standard error there is nobody to tell.
-Log::Log(int fd) : fd_(fd), writer_(fd, kMaxBytes, [](int) {}) {}
+std::string LogPrefix(int fd, LogLevel level) {
+  return GoesToJournal(fd) ? PrefixOf(level) : std::string();
+}
 
-void Log::ReportJoined(std::initializer_list<std::string_view> texts) noexcept {
+// Without standard error there is nobody to tell.
+Log::Log(int fd)
+    : fd_(fd),
+      to_journal_(GoesToJournal(fd)),
+      writer_(
+          fd, kMaxBytes, [](int) {}, &lost_) {}
+
+void Log::ReportJoined(LogLevel level, std::initializer_list<std::string_view> texts) noexcept {
   try {
-    std::string line = "tidegate-agent: ";
+    std::string line = to_journal_ ? PrefixOf(level) : std::string();
+    line += "tidegate-agent: ";
     const size_t most = line.size() + kMaxText;
     for (const std::string_view text : texts) line += text;
     if (line.size() > most) {
@@ -40,7 +67,7 @@ void Log::ReportJoined(std::initializer_list<std::string_view> texts) noexcept {
     std::string shown;  // journals hide a line that is not UTF-8
     AppendText(line, &shown);
     shown += '\n';
-    writer_.Write(std::move(shown), 1);
+    writer_.Write({std::move(shown), {1}});
   } catch (const std::bad_alloc&) {
     ReportOutOfMemory();
   }
@@ -64,12 +91,13 @@ void Log::ReportSome(const std::string& text) noexcept {
   if (left_out == 0) return Report(text);
   char number[24];  // of 64 bits
   const char* const end = std::to_chars(std::begin(number), std::end(number), left_out).ptr;
-  ReportJoined({text, " (", {number, static_cast<size_t>(end - number)}, " more were not shown)"});
+  ReportJoined(LogLevel::kWarning,
+               {text, " (", {number, static_cast<size_t>(end - number)}, " more were not shown)"});
 }
 
 void Log::ReportOutOfMemory() noexcept {
   constexpr std::string_view kLine =
-      "tidegate-agent: out of memory: what could not be kept is dropped, and counted\n";
+      "<3>tidegate-agent: out of memory: what could not be kept is dropped, and counted\n";
   const Clock::rep now = Clock::now().time_since_epoch().count();
   Clock::rep next = next_alarm_;
   if (now < next) return;
@@ -78,7 +106,8 @@ void Log::ReportOutOfMemory() noexcept {
   // Past the writer, which would have to keep it. Where poll says so, a line can be written whole.
   pollfd ready = {fd_, POLLOUT, 0};
   if (poll(&ready, 1, 0) <= 0) return;
-  [[maybe_unused]] const ssize_t written = write(fd_, kLine.data(), kLine.size());
+  const std::string_view line = to_journal_ ? kLine : kLine.substr(kPrefixSize);
+  [[maybe_unused]] const ssize_t written = write(fd_, line.data(), line.size());
 }
 
 }  // namespace tidegate::agent

@@ -13,6 +13,14 @@
 
 namespace tidegate::agent {
 
+// As the journal counts them. An error is what the agent cannot go on with, or an end with a loss;
+// a warning is what was lost or left out, or that it has ended; information is anything else.
+enum class LogLevel { kError = 3, kWarning = 4, kInfo = 6 };
+
+// What a line on this descriptor begins with: "<4>" and the like if it goes to the journal, which
+// takes it off; else nothing. Safe from any number of threads.
+std::string LogPrefix(int fd, LogLevel level);
+
 // The agent's own lines, under the program's name, on a descriptor.
 //
 // Threads: Report and ReportSome from any, and they never wait; Finish from one, as the last.
@@ -22,10 +30,12 @@ class Log {
   explicit Log(int fd);
 
   // A line of these texts, one after the other.
-  void ReportJoined(std::initializer_list<std::string_view> texts) noexcept;
-  void Report(const std::string& text) noexcept { ReportJoined({text}); }
+  void ReportJoined(LogLevel level, std::initializer_list<std::string_view> texts) noexcept;
+  void Report(const std::string& text, LogLevel level = LogLevel::kWarning) noexcept {
+    ReportJoined(level, {text});
+  }
 
-  // For lines that a client can cause at will: beyond ten in a second they are only counted, and
+  // For warnings that a client can cause at will: beyond ten in a second they are only counted, and
   // the next one that is shown tells how many were not.
   void ReportSome(const std::string& text) noexcept;
 
@@ -38,6 +48,8 @@ class Log {
   using Clock = std::chrono::steady_clock;
 
   const int fd_;
+  const bool to_journal_;
+  std::atomic<uint64_t> lost_{0};  // lines
   StreamWriter writer_;
   std::atomic<Clock::rep> next_alarm_{std::numeric_limits<Clock::rep>::min()};
   std::mutex mutex_;  // of all below

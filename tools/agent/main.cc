@@ -7,13 +7,16 @@
 #include <cstdio>
 #include <ctime>
 #include <exception>
+#include <string>
 
 #include "agent/agent.h"
+#include "agent/log.h"
 #include "agent/options.h"
 
 namespace {
 
 using tidegate::agent::Agent;
+using tidegate::agent::LogLevel;
 using tidegate::agent::Options;
 using tidegate::agent::OptionsError;
 
@@ -57,10 +60,17 @@ class StopOnSignals {
   static_assert(std::atomic<int64_t>::is_always_lock_free);
 };
 
+// Before there is a log, or where it has no memory.
+void PrintError(const char* text) {
+  const std::string prefix = tidegate::agent::LogPrefix(STDERR_FILENO, LogLevel::kError);
+  std::fprintf(stderr, "%stidegate-agent: %s\n", prefix.c_str(), text);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error of the write
   // Messages of hundreds of kilobytes come and go all the time: fetching their memory from the
   // kernel anew, zeroed, would cost more than reading them.
   mallopt(M_MMAP_THRESHOLD, 4 << 20);
@@ -69,14 +79,14 @@ int main(int argc, char** argv) {
     OptionsError error;
     const std::optional<Options> options = tidegate::agent::ParseOptions(argc, argv, &error);
     if (!options) {
-      if (error.exit_code != 0) std::fprintf(stderr, "tidegate-agent: %s\n", error.text.c_str());
+      if (error.exit_code != 0) PrintError(error.text.c_str());
       return error.exit_code;
     }
     Agent agent(*options);
     const StopOnSignals stop(&agent);
     return agent.Run();
   } catch (const std::exception& failure) {
-    std::fprintf(stderr, "tidegate-agent: %s\n", failure.what());
+    PrintError(failure.what());
     return 1;
   }
 }

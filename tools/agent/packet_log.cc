@@ -19,21 +19,24 @@ constexpr size_t kMaxPacketBytes = size_t{256} << 20;
 
 }  // namespace
 
-PacketLog::PacketLog(PrintFormat format, bool label_pid, int fd, std::function<void(int)> on_error,
+PacketLog::PacketLog(PrintFormat format, bool label_pid, int fd, std::function<void(int)> on_change,
                      Health* health)
     : format_(format),
       label_pid_(label_pid),
       health_(health),
-      writer_(fd, kMaxBytes, std::move(on_error)) {}
+      writer_(fd, kMaxBytes, std::move(on_change), &health->unprinted_points) {}
 
 void PacketLog::Handle(const Packet& packet, const ClientId& client) {
   left_ = packet.series_count;
+  if (StreamWriter::IsFinal(writer_.error())) {
+    health_->unprinted_points += left_;
+    return;
+  }
   try {
     Print(packet, client);
   } catch (const std::exception&) {
     health_->unprinted_points += left_;
-    points_ = 0;
-    buffer_ = std::string();
+    lines_ = CountedLines();
     throw;
   }
 }
@@ -42,21 +45,17 @@ void PacketLog::Print(const Packet& packet, const ClientId& client) {
   const Tag tag = {"pid", std::to_string(client.pid)};
   const Tag* const pid = label_pid_ ? &tag : nullptr;
   flushed_ = 0;
-  for (size_t i = 0; i < packet.blocks.size() && writer_.error() == 0;) {
+  for (size_t i = 0; i < packet.blocks.size();) {
     const size_t timer = format_ == PrintFormat::kText ? TimerBlocks(packet, i) : 0;
     if (timer != 0) {
-      AppendTimerText(packet, i, pid, &buffer_);
-      EndPoints(timer);
+      AppendTimerText(packet, i, pid, &lines_.text);
+      EndLine(static_cast<uint8_t>(timer));
       i += timer;
       continue;
     }
     Append(packet, packet.blocks[i++], pid);
   }
   Flush();
-}
-
-void PacketLog::Finish(std::chrono::milliseconds timeout) {
-  health_->unprinted_points += writer_.Finish(timeout);
 }
 
 void PacketLog::Append(const Packet& packet, const Block& block, const Tag* pid) {
@@ -67,24 +66,24 @@ void PacketLog::Append(const Packet& packet, const Block& block, const Tag* pid)
       continue;
     }
     if (format_ == PrintFormat::kText) {
-      AppendText(packet, block, record, pid, &buffer_);
+      AppendText(packet, block, record, pid, &lines_.text);
     } else {
-      AppendJson(packet, block, record, pid, &buffer_);
+      AppendJson(packet, block, record, pid, &lines_.text);
     }
-    EndPoints(1);
+    EndLine(1);
   }
 }
 
-void PacketLog::EndPoints(size_t count) {
-  points_ += count;
-  if (buffer_.size() >= kWriteSize) Flush();
+void PacketLog::EndLine(uint8_t points) {
+  lines_.counts.push_back(points);
+  if (lines_.text.size() >= kWriteSize) Flush();
 }
 
 void PacketLog::Flush() {
-  if (buffer_.empty()) return;
-  flushed_ += buffer_.size();
-  const uint64_t points = std::exchange(points_, 0);
-  health_->unprinted_points += writer_.Write(std::exchange(buffer_, {}), points);
+  if (lines_.text.empty()) return;
+  flushed_ += lines_.text.size();
+  const uint64_t points = lines_.Count();
+  writer_.Write(std::exchange(lines_, {}));
   left_ -= points;
 }
 

@@ -15,39 +15,39 @@ namespace tidegate::agent {
 enum class PrintFormat { kText, kJson };
 
 // Prints every point, as text or as lines of JSON, to a descriptor. Points whose lines nobody reads
-// in time are dropped, and counted, beyond 16 MiB; so are those of one packet whose lines, by a
-// long name that each of them repeats, would be beyond 256 MiB.
+// in time are dropped beyond 16 MiB; so are those of one packet whose lines, by a long name that
+// each of them repeats, would be beyond 256 MiB. They are counted, as are all others whose line was
+// not written whole.
 //
-// Threads: as every sink; Finish from one thread, behind the last Handle. Borrows descriptor and
+// Threads: as every sink; Finish from one thread, after the last Handle. Borrows descriptor and
 // `health`.
 class PacketLog : public PacketSink {
  public:
-  // With `label_pid` the process is the last tag of each point. `on_error` is called once, on
-  // another thread, if the points cannot be written any more.
-  PacketLog(PrintFormat format, bool label_pid, int fd, std::function<void(int)> on_error,
+  // With `label_pid` the process is the last tag of each point. `on_change` is called as
+  // StreamWriter does.
+  PacketLog(PrintFormat format, bool label_pid, int fd, std::function<void(int)> on_change,
             Health* health);
 
   void Handle(const Packet& packet, const ClientId& client) override;
 
   // Waits for the reader of the points, for at most `timeout`.
-  void Finish(std::chrono::milliseconds timeout);
+  void Finish(std::chrono::milliseconds timeout) { writer_.Finish(timeout); }
 
-  // The errno that ended the printing, or 0.
+  // The errno of the last write, 0 if that worked.
   int error() const { return writer_.error(); }
 
  private:
   void Print(const Packet& packet, const ClientId& client);
   void Append(const Packet& packet, const Block& block, const Tag* pid);
-  void EndPoints(size_t count);
+  void EndLine(uint8_t points);
   void Flush();
 
   const PrintFormat format_;
   const bool label_pid_;
   Health* const health_;
-  std::string buffer_;   // lines that the writer does not have yet
-  uint64_t points_ = 0;  // in those
-  size_t flushed_ = 0;   // bytes of the packet's lines that the writer has got
-  uint64_t left_ = 0;    // points of the packet that are neither with the writer nor counted
+  CountedLines lines_;  // that the writer does not have yet, counted by points
+  size_t flushed_ = 0;  // bytes of the packet's lines that the writer has got
+  uint64_t left_ = 0;   // points of the packet that are neither with the writer nor counted
   StreamWriter writer_;
 };
 

@@ -1,13 +1,13 @@
 #include "agent/point_printer.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <string_view>
 #include <utility>
 
+#include "agent/numbers.h"
 #include "agent/point_mapping.h"
 #include "agent/quoted.h"
 
@@ -21,9 +21,7 @@ void AppendNumber(double value, std::string* out) {
     *out += "nan";  // the sign of a NaN means nothing
     return;
   }
-  char digits[32];
-  const char* end = std::to_chars(std::begin(digits), std::end(digits), value).ptr;
-  out->append(digits, static_cast<size_t>(end - digits));
+  AppendDouble(value, out);
 }
 
 bool NeedsQuotes(const std::string& text) {

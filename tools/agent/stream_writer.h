@@ -8,55 +8,70 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include "agent/bounded_queue.h"
 
 namespace tidegate::agent {
 
-// Writes text to a descriptor on a thread of its own, so that a reader who does not read holds up
+// Whole lines, with what each of them counts for where it is lost.
+struct CountedLines {
+  std::string text;
+  std::vector<uint8_t> counts;
+
+  uint64_t Count() const;
+};
+
+// Writes lines to a descriptor on a thread of its own, so that a reader who does not read holds up
 // nobody else: what waits is bounded by bytes, and the oldest is dropped.
+//
+// A write that fails loses what is left of the lines that were given together; those given next are
+// tried again, unless the error is final. A line that was broken off is then ended by "...", so
+// that no other one follows on it.
 //
 // Threads: Write from any; Finish from one, and no Write after it. Borrows the descriptor.
 class StreamWriter {
  public:
-  // `on_error` is called on the writer's thread, once, with the errno that ends the writing.
-  // It throws nothing.
-  StreamWriter(int fd, size_t max_bytes, std::function<void(int)> on_error);
+  // `lost` counts what was not written whole, as soon as that is known. `on_change` is called on
+  // the writer's thread with the errno when writing begins to fail or fails in another way, and
+  // with 0 when it works again. It throws nothing.
+  StreamWriter(int fd, size_t max_bytes, std::function<void(int)> on_change,
+               std::atomic<uint64_t>* lost);
   ~StreamWriter() { Finish(std::chrono::milliseconds(0)); }
   StreamWriter(const StreamWriter&) = delete;
   StreamWriter& operator=(const StreamWriter&) = delete;
 
-  // Never waits. Returns how many lines were dropped, of this or older text. Without memory for it,
-  // throws and drops it alone.
-  uint64_t Write(std::string text, uint64_t lines);
+  // Whether nothing more can be written after this errno: who read a pipe or a socket has gone, or
+  // there is no descriptor.
+  static bool IsFinal(int error);
 
-  // Writes what waits, but does not wait for a reader after `timeout`, and ends the thread. Returns
-  // how many lines were not written whole.
-  uint64_t Finish(std::chrono::milliseconds timeout);
+  // Never waits. Without memory for the lines, throws and drops them uncounted.
+  void Write(CountedLines lines);
 
-  // The errno that ended the writing, or 0.
+  // Writes what waits, but does not wait for a reader after `timeout`, and ends the thread.
+  void Finish(std::chrono::milliseconds timeout);
+
+  // The errno of the last write, 0 if that worked.
   int error() const { return error_; }
 
  private:
   using Clock = std::chrono::steady_clock;
 
-  struct Chunk {
-    std::string text;
-    uint64_t lines = 0;
-  };
-
   void Run();
-  // False if the writing has ended.
-  bool WriteChunk(std::string_view text);
+  void WriteLines(const CountedLines& lines);
+  // Takes what is written off `text`. False if something is left.
+  bool WriteAll(std::string_view* text);
+  void SetError(int error);
   bool GaveUp() const { return Clock::now().time_since_epoch().count() > deadline_; }
 
   const int fd_;
   const size_t write_size_;  // bytes of one write that cannot block after poll
-  const std::function<void(int)> on_error_;
-  BoundedQueue<Chunk> queue_;
+  const std::function<void(int)> on_change_;
+  std::atomic<uint64_t>* const lost_;
+  BoundedQueue<CountedLines> queue_;
   std::atomic<int> error_{0};
-  std::atomic<Clock::rep> deadline_;    // set by Finish
-  std::atomic<uint64_t> unwritten_{0};  // lines that the thread took and did not write
+  std::atomic<Clock::rep> deadline_;  // set by Finish
+  std::string_view ending_;           // of a line that was broken off, to be written first
   std::thread thread_;
 };
 
