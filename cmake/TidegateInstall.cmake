@@ -130,6 +130,8 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
     "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}), zlib1g-dev")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tidegate-agent)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
+# To forward by https.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS ca-certificates)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/postinst
                                              ${PROJECT_SOURCE_DIR}/cmake/debian/conffiles)
 file(WRITE ${PROJECT_BINARY_DIR}/triggers "activate-noawait ldconfig\n")

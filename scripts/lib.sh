@@ -5,7 +5,8 @@ ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 JOBS=${JOBS:-2}
 
 BUILD_PACKAGES=(g++ cmake ninja-build ccache zlib1g-dev libgtest-dev libgmock-dev libbenchmark-dev
-  libcli11-dev nlohmann-json3-dev libcpp-httplib-dev libmicrohttpd-dev pkgconf)
+  libcli11-dev nlohmann-json3-dev libcpp-httplib-dev libcurl4-openssl-dev libmicrohttpd-dev
+  pkgconf)
 E2E_PACKAGES=(curl jq)
 CHECK_PACKAGES=(clang clang-format clang-tidy libclang-rt-14-dev doxygen dpkg-dev file)
 BENCH_PACKAGES=(python3 valgrind prometheus-cpp-dev)

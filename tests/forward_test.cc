@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <httplib.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -331,7 +332,7 @@ TEST_F(ForwarderTest, DropsWhatIsRefusedAndQuotesTheServerOnce) {
   EXPECT_THAT(database_.bodies(), ElementsAre(LineOf(1), LineOf(2), LineOf(3)));
   EXPECT_EQ(health_.forward_dropped_rejected, 2U);
   EXPECT_EQ(health_.forward_retried_points, 0U);
-  EXPECT_TRUE(forwarder_->Stop(seconds(20)));
+  forwarder_->Stop(seconds(20));
   const std::string refused = " points that " + Url() + "/write refused";
   EXPECT_THAT(log(), ElementsAre("dropped 1" + refused +
                                      ", HTTP 307: no longer  here (redirects are not "
@@ -424,21 +425,26 @@ TEST_F(ForwarderTest, SendsWhatWaitsBeforeItStops) {
   EXPECT_EQ(health_.forwarded_points, 2U);
 }
 
-TEST_F(ForwarderTest, StopsInTimeThoughNobodyAnswers) {
-  const UniqueFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+// A socket that listens at a free port of loopback.
+UniqueFd ListenOnLoopback(int* port) {
+  UniqueFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in address = {};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t size = sizeof(address);
   auto* const any = reinterpret_cast<sockaddr*>(&address);
-  ASSERT_EQ(bind(listener.get(), any, size) + listen(listener.get(), 1), 0);
-  ASSERT_EQ(getsockname(listener.get(), any, &size), 0);
+  EXPECT_EQ(bind(listener.get(), any, size) + listen(listener.get(), 1), 0);
+  EXPECT_EQ(getsockname(listener.get(), any, &size), 0);
+  *port = ntohs(address.sin_port);
+  return listener;
+}
+
+TEST_F(ForwarderTest, StopsInTimeThoughNobodyAnswers) {
+  int port = 0;
+  const UniqueFd listener = ListenOnLoopback(&port);
   for (const std::string scheme : {"http", "https"}) {
-    const bool tls = scheme == "https";
-    ForwardOptions options =
-        Options(scheme + "://127.0.0.1:" + std::to_string(ntohs(address.sin_port)));
-    if (!tls) options.timeout = seconds(3600);
-    options.connect_grace = milliseconds(100);
+    ForwardOptions options = Options(scheme + "://127.0.0.1:" + std::to_string(port));
+    options.timeout = seconds(3600);
     Make(options);
     forwarder_->Start();
     Handle(1);
@@ -447,12 +453,77 @@ TEST_F(ForwarderTest, StopsInTimeThoughNobodyAnswers) {
     char byte = 0;
     EXPECT_EQ(recv(silent.get(), &byte, 1, MSG_PEEK), 1);
     const auto start = steady_clock::now();
-    // A connection whose TLS is only half made is left behind, for HttpPoster::kMaxConnectTime.
-    EXPECT_EQ(forwarder_->Stop(milliseconds(tls ? 0 : 100)), !tls);
-    EXPECT_LT(steady_clock::now() - start, seconds(20));
+    forwarder_->Stop(milliseconds(100));
+    EXPECT_LT(steady_clock::now() - start, seconds(2));
     EXPECT_EQ(log().back(), "dropped 2 points that could not be forwarded");
   }
   EXPECT_EQ(health_.forward_dropped_shutdown, 4U);
+}
+
+// What a hostile server answers: `again` follows over and over, after each pause, or else the end.
+struct HostileReply {
+  std::string start, again;
+  int pause_ms;
+  const char* told;
+};
+
+void Answer(int client, const HostileReply& reply) {
+  char request[4096];
+  if (recv(client, request, sizeof(request), 0) <= 0) return;
+  std::string again = reply.again;
+  while (reply.pause_ms == 0 && !again.empty() && again.size() < 65536) again += again;
+  bool sent = send(client, reply.start.data(), reply.start.size(), MSG_NOSIGNAL) >= 0;
+  while (sent && !again.empty()) {
+    sent = send(client, again.data(), again.size(), MSG_NOSIGNAL) > 0;
+    std::this_thread::sleep_for(milliseconds(reply.pause_ms));
+  }
+}
+
+TEST_F(ForwarderTest, BoundsEveryReplyInBytesAndTime) {
+  const std::string chunked = "HTTP/1.1 500 No\r\nTransfer-Encoding: chunked\r\n\r\n";
+  const std::vector<HostileReply> replies = {
+      {"HTTP/1.1 204 No Content\r\n", "X-a: b\r\n", 0, "the head of the reply does not end"},
+      {"HTTP/1.1 204 No Content\r\nX-a: ", "b", 0, "too long"},
+      {"", "HTTP/1.1 100 Continue\r\n\r\n", 0, "the head of the reply does not end"},
+      {"", "HTTP/1.1 100 Continue\r\n\r\n", 10, "no reply in time"},
+      {"HTTP/1.1 204 No Content\r\nX-a: ", "b", 10, "no reply in time"},
+      {"HTTP/1.1 200 OK\r\nContent-Length: 9999\r\n\r\n", "b", 10, "no reply in time"},
+      {chunked, "1\r\na\r\n", 0, "HTTP 500: aaa"},
+      {chunked + "1;", "x", 0, "no reply in time"},
+      {chunked + "ffffffffffffffffffffff\r\n", "x", 0, "the connection broke"},
+      {"HTTP/1.1 204 No Content\r\nX-", "", 0, "the connection broke"},
+      {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc", "", 0, "the connection broke"},
+      {"\x16\x03\x01 HTTP\r\n\r\n", "", 0, "the reply is not HTTP"},
+      {"HTTP/9.7 two hundred\r\n\r\n", "", 0, "the reply is not HTTP"},
+  };
+  int port = 0;
+  const UniqueFd listener = ListenOnLoopback(&port);
+  ForwardOptions options = Options("http://127.0.0.1:" + std::to_string(port));
+  options.timeout = milliseconds(300);
+  options.log_interval = milliseconds(0);
+  Make(options);
+  struct rusage before = {};
+  getrusage(RUSAGE_SELF, &before);
+  forwarder_->Start();
+  Handle(1);
+  const auto start = steady_clock::now();
+  for (const HostileReply& reply : replies) {
+    Answer(UniqueFd(accept(listener.get(), nullptr, nullptr)).get(), reply);
+  }
+  EXPECT_LT(steady_clock::now() - start, seconds(10));
+  // And one connection for both of these.
+  const UniqueFd client(accept(listener.get(), nullptr, nullptr));
+  for (uint64_t points = 1; points <= 2; ++points) {
+    Answer(client.get(), {"HTTP/1.1 204 No Content\r\n\r\n", "", 0, ""});
+    EXPECT_TRUE(Await([&] { return health_.forwarded_points == points; }));
+    Handle(2);
+  }
+  forwarder_->Stop(milliseconds(0));
+  struct rusage after = {};
+  getrusage(RUSAGE_SELF, &after);
+  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 8 << 10);
+  EXPECT_EQ(health_.forward_retried_points, replies.size());
+  for (size_t i = 0; i < replies.size(); ++i) EXPECT_THAT(log()[i], HasSubstr(replies[i].told));
 }
 
 }  // namespace

@@ -92,9 +92,9 @@ void Agent::LookAfterThings() {
 int Agent::End(int status) {
   const bool http_ended = !http_ || http_->Stop(kHttpDrain);
   log_.Finish(kLogDrain);
-  // Neither a slow client nor a database that is hard to reach may keep the process; their threads
-  // still use what the destructors would take away.
-  if (!http_ended || !forwarder_ended_) std::_Exit(status);
+  // A slow client may not keep the process; its thread still uses what the destructors would take
+  // away.
+  if (!http_ended) std::_Exit(status);
   return status;
 }
 
@@ -157,7 +157,7 @@ bool Agent::FinishOutputs(Clock::time_point end) {
     const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
     return std::max(time, std::chrono::milliseconds(0));
   };
-  if (forwarder_) forwarder_ended_ = forwarder_->Stop(left());
+  if (forwarder_) forwarder_->Stop(left());
   if (!printer_) return true;
   // It has printed meanwhile.
   printer_->Finish(left());

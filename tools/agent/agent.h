@@ -75,7 +75,6 @@ class Agent {
   std::optional<PacketLog> printer_;
   uint64_t out_of_memory_ = 0;  // of the count of health_, that the log knows of
   std::atomic<bool> http_failed_{false};
-  bool forwarder_ended_ = true;  // or else it still connects behind all time for it
   std::optional<HttpServer> http_;
   std::optional<Forwarder> forwarder_;
   Decoder decoder_;  // after all sinks

@@ -65,7 +65,7 @@ void ForwardFlags::DeclareOn(CLI::App* app) {
       ->transform(CLI::AsSizeValue(false))
       ->check(CLI::Range(kFewestBytes, kMostBytes))
       ->capture_default_str();
-  AddSeconds(app, "--forward-timeout", 0.1, &timeout, "Seconds for each step of a request");
+  AddSeconds(app, "--forward-timeout", 0.1, &timeout, "Seconds for a request and its reply");
 }
 
 ForwardOptions ForwardFlags::ToOptions(bool label_pid) const {

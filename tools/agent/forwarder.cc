@@ -22,8 +22,6 @@ constexpr size_t kMaxPacketBytes = size_t{256} << 20;
 // While draining there is no time for long pauses.
 constexpr milliseconds kLongestDrainPause{500};
 
-constexpr milliseconds kCancelPause{50};
-
 bool IsTaken(int status) { return status / 100 == 2; }
 
 // The same request can succeed later.
@@ -54,42 +52,18 @@ Forwarder::Forwarder(ForwardOptions options, Health* health, Report report)
       writer_(options_.label_pid, report_),
       random_(std::random_device()()) {}
 
-Forwarder::~Forwarder() {
-  Stop(milliseconds(0));
-  if (thread_.joinable()) thread_.join();
-  if (canceller_.joinable()) canceller_.join();
-}
+Forwarder::~Forwarder() { Stop(milliseconds(0)); }
 
 void Forwarder::Start() { thread_ = std::thread(&Forwarder::Run, this); }
 
-bool Forwarder::Stop(milliseconds drain) {
-  if (!thread_.joinable() || draining_) return !thread_.joinable();
+void Forwarder::Stop(milliseconds drain) {
+  if (!thread_.joinable() || draining_) return;
   drain_end_ = Clock::now() + drain;
   draining_ = true;
   queue_.Flush();
-  // Without a thread for it, this one may have to wait for the connection.
-  if (!Survives(health_,
-                [this] { canceller_ = std::thread(&Forwarder::CancelWhenDrained, this); })) {
-    CancelWhenDrained();
-  }
-  const bool ended =
-      ended_.wait_until(drain_end_ + options_.connect_grace) == std::future_status::ready;
-  if (ended) {
-    thread_.join();
-    if (canceller_.joinable()) canceller_.join();
-  }
+  if (ended_.wait_until(drain_end_) != std::future_status::ready) poster_.Cancel();
+  thread_.join();
   DropWhatIsLeft();
-  return ended;
-}
-
-// On a thread of its own, as Cancel waits for a connection that is just being made.
-void Forwarder::CancelWhenDrained() {
-  Clock::time_point cancel_at = drain_end_;
-  while (ended_.wait_until(cancel_at) != std::future_status::ready) {
-    Survives(health_, [this] { poster_.Cancel(); });
-    // The request may have been about to start.
-    cancel_at = Clock::now() + kCancelPause;
-  }
 }
 
 void Forwarder::DropWhatIsLeft() {
@@ -214,7 +188,6 @@ void Forwarder::Deliver(Batches* batch) {
 HttpReply Forwarder::Post(const Batch& batch) {
   HttpReply reply = {};
   if (!Survives(health_, [&] { reply = poster_.Post(batch.body, Timeout()); })) {
-    Survives(health_, [this] { poster_.Cancel(); });  // half a request may have been sent
     reply = {};
     reply.text = "out of memory";
   }

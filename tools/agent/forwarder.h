@@ -21,14 +21,12 @@ namespace tidegate::agent {
 struct ForwardOptions {
   ForwardUrl url;
   BatchLimits limits;
-  std::chrono::milliseconds timeout{10000};    // for each step of a request
+  std::chrono::milliseconds timeout{10000};    // of a request, from the name's look-up to the reply
   std::chrono::milliseconds first_pause{500};  // behind a failure; doubled by each further one
   std::chrono::milliseconds longest_pause{30000};
   std::chrono::milliseconds health_interval{10000};
   std::chrono::milliseconds log_interval{60000};  // between lines about the same trouble
-  // Behind the drain, for a connection that is just being made and cannot be broken off.
-  std::chrono::milliseconds connect_grace = HttpPoster::kMaxConnectTime;
-  std::string host;  // tag of the agent's own numbers
+  std::string host;                               // tag of the agent's own numbers
   bool label_pid = false;
 };
 
@@ -40,23 +38,22 @@ struct ForwardOptions {
 // per log_interval each. A reply that got lost makes a batch arrive twice.
 //
 // Threads: Handle on the decoder's; a thread of its own packs and sends; the rest from the owner's.
-// Each of them reports. One more breaks off what is under way when the drain ends. Handle writes
-// lines and never waits. Borrows `health`, which it also forwards.
+// Each of them reports. Handle writes lines and never waits. Borrows `health`, which it also
+// forwards.
 class Forwarder : public PacketSink {
  public:
   using Report = std::function<void(const std::string& line)>;
 
   Forwarder(ForwardOptions options, Health* health, Report report);
-  ~Forwarder() override;  // stops without sending what waits, however long a connection takes
+  ~Forwarder() override;  // stops without sending what waits
 
   // Starts the thread, once.
   void Start();
 
-  // Sends what waits for at most `drain`; returns sooner when all is sent, and up to connect_grace
-  // later if it connects just then. What is left is dropped, counted and reported. False if the
-  // thread is still connecting even so: the destructor waits for it. Does nothing without Start or
-  // when called again. REQUIRES: no Handle from now on.
-  bool Stop(std::chrono::milliseconds drain);
+  // Sends what waits for at most `drain`; returns sooner when all is sent. What is left is dropped,
+  // counted and reported. Does nothing without Start or when called again. REQUIRES: no Handle from
+  // now on.
+  void Stop(std::chrono::milliseconds drain);
 
   void Handle(const Packet& packet, const ClientId& client) override;
 
@@ -67,7 +64,6 @@ class Forwarder : public PacketSink {
   void Append(uint64_t points);
   bool IsChunkFull(uint64_t points) const;
   void Run();
-  void CancelWhenDrained();
   void DropWhatIsLeft();
   void ReportRefused();
   void SendHealthIfDue();
@@ -88,9 +84,8 @@ class Forwarder : public PacketSink {
   BatchQueue queue_;
   HttpPoster poster_;
   std::thread thread_;
-  std::thread canceller_;
   std::promise<void> end_;
-  const std::shared_future<void> ended_{end_.get_future()};
+  const std::future<void> ended_{end_.get_future()};
   std::atomic<uint64_t> sending_{0};  // points that are under way
   std::atomic<bool> draining_{false};
   Clock::time_point drain_end_;  // written before draining_, read behind it

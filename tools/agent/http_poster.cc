@@ -1,114 +1,254 @@
 #include "agent/http_poster.h"
 
-#include <httplib.h>
+#include <curl/curl.h>
 
 #include <algorithm>
-#include <charconv>
+#include <atomic>
+#include <cstdlib>
+#include <new>
+#include <string_view>
 
 namespace tidegate::agent {
 namespace {
 
-// More of a reply is not worth a log line. It is read further, up to kMaxReply, as a connection
-// can be used again only behind a whole reply.
+// More of a reply is not worth a log line. It is read even so, as a connection can be used again
+// only after a whole reply.
 constexpr size_t kMaxText = 300;
-constexpr size_t kMaxReply = size_t{64} << 10;
 
 // Servers name a week, or a date long gone, by mistake.
-constexpr std::chrono::seconds kMaxWait{300};
+constexpr curl_off_t kMaxWait = 300;
 
-std::string Printable(std::string text) {
-  text.resize(std::min(text.size(), kMaxText));
+struct CloseEasy {
+  void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
+};
+struct CloseMulti {
+  void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
+};
+struct FreeList {
+  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+
+std::string Printable(std::string_view text) {
+  std::string line(text.substr(0, kMaxText));
   std::replace_if(
-      text.begin(), text.end(),
+      line.begin(), line.end(),
       [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; }, ' ');
-  text.erase(text.find_last_not_of(' ') + 1);
-  return text;
+  line.erase(line.find_last_not_of(' ') + 1);
+  return line;
 }
 
-// The form in seconds; a date counts as none.
-std::chrono::seconds ParseWait(const std::string& text) {
-  unsigned seconds = 0;
-  const char* const end = text.data() + text.size();
-  const auto [stop, failure] = std::from_chars(text.data(), end, seconds);
-  if (failure != std::errc() || stop != end) return std::chrono::seconds(0);
-  return std::min(std::chrono::seconds(seconds), kMaxWait);
-}
-
-std::string Words(httplib::Error error) {
-  switch (error) {
-    case httplib::Error::Connection:
-    case httplib::Error::ConnectionTimeout:
+std::string Words(CURLcode code, bool connected) {
+  switch (code) {
+    case CURLE_COULDNT_RESOLVE_HOST:
+      return "the host's name cannot be found";
+    case CURLE_COULDNT_CONNECT:
       return "cannot connect";
-    case httplib::Error::Read:
-      return "no reply in time, or the connection broke";
-    case httplib::Error::Write:
-      return "the server does not read";
-    case httplib::Error::SSLServerVerification:
+    case CURLE_OPERATION_TIMEDOUT:
+      return connected ? "no reply in time" : "no connection in time";
+    case CURLE_WRITE_ERROR:
+      return "the head of the reply does not end";
+    case CURLE_OUT_OF_MEMORY:
+      return "a line of the reply is too long, or out of memory";
+    case CURLE_UNSUPPORTED_PROTOCOL:
+    case CURLE_WEIRD_SERVER_REPLY:
+      return "the reply is not HTTP/1.1";
+    case CURLE_GOT_NOTHING:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_RECV_ERROR:
+    case CURLE_SEND_ERROR:
+      return "the connection broke before the end of the reply";
+    case CURLE_PEER_FAILED_VERIFICATION:
       return "the server's certificate is not trusted, or is for another name";
     default:
-      return "no reply: " + httplib::to_string(error);
+      return std::string("no reply: ") + curl_easy_strerror(code);
   }
 }
 
-std::unique_ptr<httplib::ClientImpl> MakeClient(const ForwardUrl& url) {
-  if (url.tls) return std::make_unique<httplib::SSLClient>(url.host, url.port);
-  return std::make_unique<httplib::ClientImpl>(url.host, url.port);
+// The phrase after the number of a line such as "HTTP/1.1 503 Service Unavailable".
+std::string_view Reason(std::string_view status_line) {
+  for (int words = 0; words < 2; ++words) {
+    status_line.remove_prefix(std::min(status_line.find(' '), status_line.size() - 1) + 1);
+  }
+  return status_line;
 }
 
 }  // namespace
 
 class HttpPoster::Client {
  public:
-  explicit Client(const ForwardUrl& url) : http_(MakeClient(url)) {
-    http_->set_keep_alive(true);
-    http_->set_follow_location(false);
-    http_->set_tcp_nodelay(true);
-    http_->set_url_encode(false);  // the user has written it as it is to be
-    if (!url.user.empty()) http_->set_basic_auth(url.user, url.password);
-  }
+  explicit Client(const ForwardUrl& url);
 
-  const std::unique_ptr<httplib::ClientImpl> http_;
+  // What the request has ended with; CURLE_ABORTED_BY_CALLBACK after Cancel.
+  CURLcode Perform(const std::string& body, std::chrono::milliseconds timeout);
+  void Cancel();
+  HttpReply TakeReply(CURLcode code);
+
+ private:
+  template <typename Value>
+  void Set(CURLoption option, Value value) {
+    if (curl_easy_setopt(easy_.get(), option, value) != CURLE_OK) throw std::bad_alloc();
+  }
+  void SetUrl(const ForwardUrl& url);
+  CURLcode Await();
+  bool Count(size_t size);
+
+  static size_t TakeHeader(char* data, size_t one, size_t size, void* client) noexcept;
+  static size_t TakeBody(char* data, size_t one, size_t size, void* client) noexcept;
+
+  std::unique_ptr<CURLM, CloseMulti> multi_;
+  std::unique_ptr<curl_slist, FreeList> headers_;
+  std::unique_ptr<CURL, CloseEasy> easy_;
+  std::atomic<bool> cancelled_{false};
+
+  // Of the request, with all memory that they can need, as nothing may throw through the library.
+  std::string status_line_;
+  std::string body_;
+  size_t received_ = 0;
+  bool head_ended_ = false;  // that of the last status line; the library takes half of one, too
+  bool cut_ = false;         // in the body
 };
 
-HttpPoster::HttpPoster(const ForwardUrl& url)
-    : target_(url.target), client_(std::make_unique<Client>(url)) {}
+HttpPoster::Client::Client(const ForwardUrl& url) {
+  static const CURLcode once = curl_global_init(CURL_GLOBAL_DEFAULT);
+  multi_.reset(once == CURLE_OK ? curl_multi_init() : nullptr);
+  easy_.reset(multi_ ? curl_easy_init() : nullptr);
+  for (const char* header :
+       {"Content-Type: text/plain; charset=utf-8", "Content-Encoding: gzip", "Expect:"}) {
+    curl_slist* const longer = curl_slist_append(headers_.get(), header);
+    if (!easy_ || longer == nullptr) throw std::bad_alloc();
+    static_cast<void>(headers_.release());
+    headers_.reset(longer);
+  }
+  body_.reserve(kMaxReply);
+  status_line_.reserve(kMaxText);
+
+  SetUrl(url);
+  Set(CURLOPT_HTTPHEADER, headers_.get());
+  Set(CURLOPT_POST, 1L);
+  Set(CURLOPT_HEADERFUNCTION, &Client::TakeHeader);
+  Set(CURLOPT_HEADERDATA, this);
+  Set(CURLOPT_WRITEFUNCTION, &Client::TakeBody);
+  Set(CURLOPT_WRITEDATA, this);
+  Set(CURLOPT_NOSIGNAL, 1L);
+  // The look-up of a name cannot be broken off: its thread is left behind.
+  Set(CURLOPT_QUICK_EXIT, 1L);
+}
+
+void HttpPoster::Client::SetUrl(const ForwardUrl& url) {
+  const bool address = url.host.find(':') != std::string::npos;
+  const std::string full = (url.tls ? "https://" : "http://") +
+                           (address ? '[' + url.host + ']' : url.host) + ':' +
+                           std::to_string(url.port) + url.target;
+  Set(CURLOPT_URL, full.c_str());
+  Set(CURLOPT_PROTOCOLS_STR, "http,https");
+  Set(CURLOPT_PATH_AS_IS, 1L);  // the user has written it as it is to be
+  Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  Set(CURLOPT_PROXY, "");
+  Set(CURLOPT_USERAGENT, "tidegate-agent/" TIDEGATE_VERSION);
+  if (!url.user.empty()) {
+    Set(CURLOPT_USERNAME, url.user.c_str());
+    Set(CURLOPT_PASSWORD, url.password.c_str());
+  }
+  if (const char* const trusted = std::getenv("SSL_CERT_FILE")) Set(CURLOPT_CAINFO, trusted);
+}
+
+CURLcode HttpPoster::Client::Perform(const std::string& body, std::chrono::milliseconds timeout) {
+  status_line_.clear();
+  body_.clear();
+  received_ = 0;
+  head_ended_ = false;
+  cut_ = false;
+  Set(CURLOPT_POSTFIELDS, body.data());
+  Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+  // That of a connection alone would be 5 minutes if this one is longer.
+  Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeout.count()));
+  Set(CURLOPT_TIMEOUT_MS, static_cast<long>(timeout.count()));
+  if (curl_multi_add_handle(multi_.get(), easy_.get()) != CURLM_OK) return CURLE_OUT_OF_MEMORY;
+  const CURLcode code = Await();
+  curl_multi_remove_handle(multi_.get(), easy_.get());  // and its connection, if it is not done
+  return code == CURLE_OK && !head_ended_ ? CURLE_RECV_ERROR : code;
+}
+
+CURLcode HttpPoster::Client::Await() {
+  int running = 1;
+  while (!cancelled_) {
+    if (curl_multi_perform(multi_.get(), &running) != CURLM_OK) return CURLE_OUT_OF_MEMORY;
+    if (running == 0) {
+      int left = 0;
+      const CURLMsg* const message = curl_multi_info_read(multi_.get(), &left);
+      return message != nullptr ? message->data.result : CURLE_OUT_OF_MEMORY;
+    }
+    // Longer than any time-out: the library wakes up for its own.
+    constexpr int kWait = 60000;
+    if (curl_multi_poll(multi_.get(), nullptr, 0, kWait, nullptr) != CURLM_OK) {
+      return CURLE_OUT_OF_MEMORY;
+    }
+  }
+  return CURLE_ABORTED_BY_CALLBACK;
+}
+
+void HttpPoster::Client::Cancel() {
+  cancelled_ = true;
+  curl_multi_wakeup(multi_.get());
+}
+
+HttpReply HttpPoster::Client::TakeReply(CURLcode code) {
+  HttpReply reply;
+  if (code != CURLE_OK && !cut_) {
+    curl_off_t connected = 0;
+    curl_easy_getinfo(easy_.get(), CURLINFO_PRETRANSFER_TIME_T, &connected);
+    reply.text = Words(code, connected > 0);
+    return reply;
+  }
+  long status = 0;
+  curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &status);
+  reply.status = static_cast<int>(status);
+  reply.body = body_;
+  reply.text = Printable(body_.empty() ? Reason(status_line_) : body_);
+  curl_header* location = nullptr;
+  if (curl_easy_header(easy_.get(), "Location", 0, CURLH_HEADER, -1, &location) == CURLHE_OK) {
+    reply.location = Printable(location->value);
+  }
+  curl_off_t wait = 0;
+  curl_easy_getinfo(easy_.get(), CURLINFO_RETRY_AFTER, &wait);
+  reply.wait = std::chrono::seconds(std::clamp<curl_off_t>(wait, 0, kMaxWait));
+  return reply;
+}
+
+bool HttpPoster::Client::Count(size_t size) {
+  received_ += size;
+  return received_ <= kMaxReply;
+}
+
+size_t HttpPoster::Client::TakeHeader(char* data, size_t /*one*/, size_t size,
+                                      void* client) noexcept {
+  auto* const self = static_cast<Client*>(client);
+  const std::string_view line(data, size);
+  if (line.substr(0, 5) == "HTTP/") {
+    self->status_line_.assign(line.substr(0, kMaxText));
+    self->head_ended_ = false;
+  }
+  if (line == "\r\n" || line == "\n") self->head_ended_ = true;
+  return self->Count(size) ? size : 0;
+}
+
+size_t HttpPoster::Client::TakeBody(char* data, size_t /*one*/, size_t size,
+                                    void* client) noexcept {
+  auto* const self = static_cast<Client*>(client);
+  self->cut_ = !self->Count(size);
+  if (self->cut_) return 0;
+  self->body_.append(data, size);
+  return size;
+}
+
+HttpPoster::HttpPoster(const ForwardUrl& url) : client_(std::make_unique<Client>(url)) {}
 
 HttpPoster::~HttpPoster() = default;
 
 HttpReply HttpPoster::Post(const std::string& gzip_body, std::chrono::milliseconds timeout) {
-  httplib::ClientImpl& http = *client_->http_;
-  http.set_connection_timeout(std::min(timeout, kMaxConnectTime));
-  http.set_write_timeout(timeout);
-  http.set_read_timeout(timeout);
-
-  std::string text;
-  size_t received = 0;
-  httplib::Request request;
-  request.method = "POST";
-  request.path = target_;
-  request.headers = {{"Content-Type", "text/plain; charset=utf-8"}, {"Content-Encoding", "gzip"}};
-  request.body = gzip_body;
-  request.content_receiver = [&](const char* data, size_t size, uint64_t, uint64_t) {
-    text.append(data, std::min(size, kMaxText - text.size()));
-    received += size;
-    return received <= kMaxReply;
-  };
-  httplib::Response response;
-  httplib::Error error = httplib::Error::Success;
-  const bool answered = http.send(request, response, error) || error == httplib::Error::Canceled;
-
-  HttpReply reply = {};
-  if (!answered || response.status <= 0) {
-    reply.text = Words(error);
-    return reply;
-  }
-  reply.status = response.status;
-  reply.text = Printable(text.empty() ? response.reason : text);
-  reply.location = Printable(response.get_header_value("Location"));
-  reply.wait = ParseWait(response.get_header_value("Retry-After"));
-  return reply;
+  return client_->TakeReply(client_->Perform(gzip_body, timeout));
 }
 
-void HttpPoster::Cancel() { client_->http_->stop(); }
+void HttpPoster::Cancel() { client_->Cancel(); }
 
 }  // namespace tidegate::agent

@@ -10,37 +10,41 @@ namespace tidegate::agent {
 
 // What became of one request.
 struct HttpReply {
-  int status = 0;        // 0: no reply came
-  std::string text;      // of the reply, cut; without one why there is none. One printable line
+  int status = 0;        // 0: no whole reply came
+  std::string body;      // as it came, up to HttpPoster::kMaxReply
+  std::string text;      // for people: of the body, cut, or the status; without a reply why there
+                         // is none. One printable line
   std::string location;  // of a redirect, printable
-  std::chrono::seconds wait;  // what the server asks for by Retry-After; 0 if it does not
+  std::chrono::seconds wait{0};  // what the server asks for by Retry-After; 0 if it does not
 };
 
 // Posts gzip bodies of lines to one URL, on one connection that is kept open between requests.
 //
 // Threads: one calls Post; Cancel may come from any. Certificates of https are verified against
-// those that the machine trusts. Redirects are not followed.
+// those that the machine trusts, or against the file that SSL_CERT_FILE in the environment names.
+// Redirects are not followed, proxies of the environment not used. Of a reply head and body are
+// bounded together, interim replies included. Throws std::bad_alloc where there is no memory for a
+// client.
 class HttpPoster {
  public:
+  // The bytes of a reply. One whose body is longer is cut and still taken, as its status is known.
+  static constexpr size_t kMaxReply = size_t{64} << 10;
+
   explicit HttpPoster(const ForwardUrl& url);
-  ~HttpPoster();
+  ~HttpPoster();  // waits for nobody, not even for the look-up of a name
   HttpPoster(const HttpPoster&) = delete;
   HttpPoster& operator=(const HttpPoster&) = delete;
 
-  // Waits for the connection, the peer's reading and its reply, `timeout` at most for each, and for
-  // a connection kMaxConnectTime at most: for each address of the host and for TLS, while looking
-  // the name up takes what the machine's resolver allows.
+  // Returns within `timeout`, which is for everything: the name, connection, TLS, request and
+  // reply.
   HttpReply Post(const std::string& gzip_body, std::chrono::milliseconds timeout);
 
-  // Ends a Post that is under way; while one is still connecting, waits until that has ended.
+  // Ends a Post that is under way, and each later one, at once.
   void Cancel();
-
-  static constexpr std::chrono::milliseconds kMaxConnectTime{3000};
 
  private:
   class Client;  // keeps the HTTP library's header out of all other files
 
-  const std::string target_;
   const std::unique_ptr<Client> client_;
 };
 
