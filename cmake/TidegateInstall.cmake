@@ -68,7 +68,7 @@ if(TIDEGATE_BUILD_AGENT)
   set(tidegate_systemd ${PROJECT_SOURCE_DIR}/tools/agent/systemd)
   install(TARGETS tidegate-agent RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   install(
-    FILES ${tidegate_systemd}/tidegate-agent.service
+    FILES ${tidegate_systemd}/tidegate-agent.service ${tidegate_systemd}/tidegate-agent.socket
     DESTINATION lib/systemd/system
     COMPONENT tools)
   install(

@@ -20,6 +20,9 @@ constexpr std::chrono::seconds kLogDrain(2);
 constexpr std::chrono::seconds kHttpDrain(2);
 constexpr std::chrono::minutes kPrintingLineInterval(1);
 
+// For what services send last, though the time of --drain may be over by then.
+constexpr std::chrono::seconds kLastWords(1);
+
 }  // namespace
 
 Agent::Agent(const Options& options)
@@ -60,11 +63,17 @@ int Agent::Run() {
     pthread_setname_np(pthread_self(), "decoder");
     decoder_.Run();
   });
+  manager_.Tell("READY=1");
   const bool served = Serve();
+  manager_.Tell("STOPPING=1");
   const Clock::time_point end = Clock::now() + options_.drain;
-  queue_.Close(end);
+  const bool idle = served && Linger(end);
+  if (http_) http_->Stop(std::chrono::seconds(0));
+  server_.Close();
+  const Clock::time_point last = std::max(end, Clock::now() + kLastWords);
+  queue_.Close(last);
   decoder.join();
-  const bool printed = FinishOutputs(end);
+  const bool printed = FinishOutputs(idle ? last : end);
   ReportTotals();
   return End(served && printed && !http_failed_ ? 0 : 1);
 }
@@ -79,7 +88,22 @@ bool Agent::Serve() {
   return served;
 }
 
+bool Agent::Linger(Clock::time_point end) {
+  if (forwarder_) forwarder_->Flush();
+  const auto is_idle = [this] {
+    return health_.queued_packets == 0 && (!forwarder_ || forwarder_->IsIdle());
+  };
+  bool idle = false;
+  server_.RunUntil([&] {
+    idle = is_idle();
+    return idle || Clock::now() >= end;
+  });
+  return idle;
+}
+
 void Agent::LookAfterThings() {
+  manager_.KeepAlive();
+  if (reload_asked_.exchange(false)) ReadSettings();
   if (health_.out_of_memory != out_of_memory_) {
     out_of_memory_ = health_.out_of_memory;
     log_.ReportOutOfMemory();
@@ -88,6 +112,8 @@ void Agent::LookAfterThings() {
   const std::string drops = queue_.ReportDrops(Clock::now());
   if (!drops.empty()) log_.Report(drops);
 }
+
+void Agent::ReadSettings() { log_.Report("settings are read at the start alone"); }
 
 int Agent::End(int status) {
   const bool http_ended = !http_ || http_->Stop(kHttpDrain);
@@ -100,17 +126,7 @@ int Agent::End(int status) {
 
 bool Agent::Start() {
   std::string error;
-  if (!options_.http.empty()) {
-    http_.emplace([this](std::string* page) { AppendPage(page); },
-                  [this](const std::string& line) { log_.ReportSome(line); },
-                  [this] { HttpEnded(); }, &health_);
-    if (!http_->Start(options_.http, &error)) {
-      log_.Report(error, LogLevel::kError);
-      return false;
-    }
-    log_.Report("serving " + http_->url() + "/metrics", LogLevel::kInfo);
-  }
-  if (!server_.Listen(options_.socket, options_.socket_mode, &error)) {
+  if (!Listen(&error) || !StartHttp(&error) || !server_.Listen(&listener_, &error)) {
     log_.Report(error, LogLevel::kError);
     return false;
   }
@@ -118,7 +134,24 @@ bool Agent::Start() {
     forwarder_->Start();
     log_.Report("forwarding to " + options_.forward->url.shown, LogLevel::kInfo);
   }
-  log_.Report("listening on " + options_.socket, LogLevel::kInfo);
+  log_.Report("listening on " + listener_.path(), LogLevel::kInfo);
+  return true;
+}
+
+bool Agent::Listen(std::string* error) {
+  UniqueFd socket;
+  if (!ServiceManager::TakeSocket(&socket, error)) return false;
+  return socket.valid() ? listener_.Adopt(std::move(socket), error)
+                        : listener_.Make(options_.socket, options_.socket_mode, error);
+}
+
+bool Agent::StartHttp(std::string* error) {
+  if (options_.http.empty()) return true;
+  http_.emplace([this](std::string* page) { AppendPage(page); },
+                [this](const std::string& line) { log_.ReportSome(line); }, [this] { HttpEnded(); },
+                &health_);
+  if (!http_->Start(options_.http, error)) return false;
+  log_.Report("serving " + http_->url() + "/metrics", LogLevel::kInfo);
   return true;
 }
 

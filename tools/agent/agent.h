@@ -14,10 +14,12 @@
 #include "agent/http_server.h"
 #include "agent/log.h"
 #include "agent/options.h"
+#include "agent/packet_listener.h"
 #include "agent/packet_log.h"
 #include "agent/packet_queue.h"
 #include "agent/seqpacket_server.h"
 #include "agent/series_table.h"
+#include "agent/service_manager.h"
 
 namespace tidegate::agent {
 
@@ -30,18 +32,22 @@ namespace tidegate::agent {
 //   HTTP:          pages from the table of series
 //
 // No thread waits for a later one, and none ends because memory runs out: what it loses by that
-// is counted. Run once; Stop from any thread and from a signal handler.
+// is counted. Run once; Stop and Reload from any thread and from a signal handler.
 class Agent {
  public:
   explicit Agent(const Options& options);
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
 
-  // Serves until Stop, and then until what was received is decoded and handed on, for at most the
-  // time of --drain. Returns the exit status of the process.
+  // Serves until Stop, and then on until what was received is decoded and forwarded, for at most
+  // the time of --drain. Then nobody can send any more, and what came last is handed on, in what
+  // is left of that time, but at least a second. Returns the exit status of the process.
   int Run();
 
   void Stop() { server_.Stop(); }
+
+  // Makes the agent read its settings anew within a second or so. Does not wait.
+  void Reload() { reload_asked_ = true; }
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -50,13 +56,19 @@ class Agent {
   // What sinks know as IsLive.
   bool IsLive(const ProcessId& process) const;
   bool Start();
+  bool Listen(std::string* error);
+  bool StartHttp(std::string* error);
   bool Serve();
+  // Serves on until nothing waits to be handed on, but not beyond `end`. False if something does.
+  bool Linger(Clock::time_point end);
   // Once a second, on the decoder's thread.
   void LookAfterThings();
   // On the writer's thread.
   void PrintingChanged(int error) noexcept;
   void HttpEnded() noexcept;
   void AppendPage(std::string* page);
+  // Reads its settings anew. On the decoder's thread.
+  void ReadSettings();
   // Ends what comes after the decoder, by `end`. False if points could not be printed.
   bool FinishOutputs(Clock::time_point end);
   // What Run returns, with the last lines written.
@@ -66,8 +78,10 @@ class Agent {
   const Options options_;
   Health health_;
   Log log_;
+  ServiceManager manager_;
   PacketQueue queue_;
   ConnectedProcesses connected_;
+  PacketListener listener_;
   SeqpacketServer server_;
   SeriesTable table_;
   Clock::time_point next_printing_line_;  // with the next, of the writer's thread
@@ -75,6 +89,8 @@ class Agent {
   std::optional<PacketLog> printer_;
   uint64_t out_of_memory_ = 0;  // of the count of health_, that the log knows of
   std::atomic<bool> http_failed_{false};
+  std::atomic<bool> reload_asked_{false};
+  static_assert(std::atomic<bool>::is_always_lock_free);
   std::optional<HttpServer> http_;
   std::optional<Forwarder> forwarder_;
   Decoder decoder_;  // after all sinks

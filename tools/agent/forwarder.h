@@ -55,6 +55,12 @@ class Forwarder : public PacketSink {
   // now on.
   void Stop(std::chrono::milliseconds drain);
 
+  // From now on no point waits for others to be sent with.
+  void Flush() { queue_.Flush(); }
+
+  // Whether no point waits, nor is under way.
+  bool IsIdle() const { return sending_ == 0 && queue_.Size().points == 0; }
+
   void Handle(const Packet& packet, const ClientId& client) override;
 
  private:

@@ -20,30 +20,35 @@ using tidegate::agent::LogLevel;
 using tidegate::agent::Options;
 using tidegate::agent::OptionsError;
 
-// Ends the agent in order at the first signal, as long as this object lives. A later one kills it,
-// should a write be stuck even so; but not one that comes at once, as those who stop a process and
-// then its whole group mean it only once.
-class StopOnSignals {
+// As long as this object lives, SIGHUP makes the agent read its settings anew, and the first SIGINT
+// or SIGTERM ends it in order. A later one of these kills it, should a write be stuck even so; but
+// not one that comes at once, as those who stop a process and then its whole group mean it only
+// once.
+class ObeySignals {
  public:
-  explicit StopOnSignals(Agent* agent) {
+  explicit ObeySignals(Agent* agent) {
     target_ = agent;
-    struct sigaction action = {};
-    action.sa_handler = HandleSignal;
-    action.sa_flags = SA_RESTART;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
+    Set(SIGHUP, [](int) { target_->Reload(); });
+    Set(SIGINT, Stop);
+    Set(SIGTERM, Stop);
   }
-  ~StopOnSignals() {
-    std::signal(SIGINT, SIG_IGN);
-    std::signal(SIGTERM, SIG_IGN);
+  ~ObeySignals() {
+    for (const int number : {SIGHUP, SIGINT, SIGTERM}) std::signal(number, SIG_IGN);
   }
-  StopOnSignals(const StopOnSignals&) = delete;
-  StopOnSignals& operator=(const StopOnSignals&) = delete;
+  ObeySignals(const ObeySignals&) = delete;
+  ObeySignals& operator=(const ObeySignals&) = delete;
 
  private:
   static constexpr int64_t kOnceMillis = 1000;
 
-  static void HandleSignal(int number) {
+  static void Set(int number, void (*handler)(int)) {
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    action.sa_flags = SA_RESTART;
+    sigaction(number, &action, nullptr);
+  }
+
+  static void Stop(int number) {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     const int64_t millis = int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
@@ -71,6 +76,7 @@ void PrintError(const char* text) {
 int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error of the write
+  std::signal(SIGHUP, SIG_IGN);  // the settings are read in a moment
   // Messages of hundreds of kilobytes come and go all the time: fetching their memory from the
   // kernel anew, zeroed, would cost more than reading them.
   mallopt(M_MMAP_THRESHOLD, 4 << 20);
@@ -83,7 +89,7 @@ int main(int argc, char** argv) {
       return error.exit_code;
     }
     Agent agent(*options);
-    const StopOnSignals stop(&agent);
+    const ObeySignals obey(&agent);
     return agent.Run();
   } catch (const std::exception& failure) {
     PrintError(failure.what());

@@ -7,7 +7,7 @@
 
 #include "agent/forward_flags.h"
 #include "agent/http_server.h"
-#include "agent/seqpacket_server.h"
+#include "agent/packet_listener.h"
 
 namespace tidegate::agent {
 namespace {
@@ -59,7 +59,7 @@ void Declare(CLI::App* app, Raw* raw) {
   app->set_config("--config", "", "File with settings, by the same names: ttl = 60");
   app->allow_config_extras(CLI::config_extras_mode::error);
   app->add_option("--socket", options.socket, "Path of the socket to listen on")
-      ->check(SeqpacketServer::CheckPath)
+      ->check(PacketListener::CheckPath)
       ->capture_default_str();
   app->add_option("--socket-mode", raw->mode, "Who may send: mode of the socket file, octal")
       ->check(CheckMode)

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -11,16 +9,17 @@
 #include <unordered_map>
 
 #include "agent/connected_processes.h"
+#include "agent/packet_listener.h"
 #include "agent/packet_sink.h"
 #include "agent/unique_fd.h"
 
 namespace tidegate::agent {
 
-// Receives messages from any number of clients on a SOCK_SEQPACKET unix path. It knows nothing of
+// Receives messages from any number of clients on a SOCK_SEQPACKET unix socket. It knows nothing of
 // what the messages hold.
 //
-// Threads: one thread calls Listen and Run, and the handlers run on it; Stop may come from any
-// thread and from a signal handler. Owns its descriptors and the socket file. A message above
+// Threads: one thread makes all calls, and the handlers run on it; Stop may come from any thread
+// and from a signal handler. Owns the connections, borrows the listener. A message above
 // kMaxMessageSize is handed over cut; clients that find no free descriptor, of which some are left
 // to the rest of the agent, wait in the listen queue.
 class SeqpacketServer {
@@ -41,22 +40,22 @@ class SeqpacketServer {
   // both. A process is there before its first message, and until after its last one.
   SeqpacketServer(MessageHandler on_message, WarningHandler on_warning,
                   std::atomic<uint64_t>* clients, ConnectedProcesses* processes);
-  ~SeqpacketServer();  // closes everything and removes the socket file
   SeqpacketServer(const SeqpacketServer&) = delete;
   SeqpacketServer& operator=(const SeqpacketServer&) = delete;
 
-  // What keeps `path` from being that of a socket; empty if nothing does.
-  static std::string CheckPath(const std::string& path);
+  // Listens, once per object. Returns false and says why in `error`.
+  bool Listen(PacketListener* listener, std::string* error);
 
-  // Opens the socket, once per object, as a file of that mode. Makes the missing folders of `path`
-  // and takes the place of a socket file that nobody listens on; anything else that stands at
-  // `path` is left alone and is an error. Returns false and says why in `error`.
-  bool Listen(const std::string& path, mode_t mode, std::string* error);
-
-  // Serves until Stop; then removes the socket file and closes all connections. After Stop no
-  // client can connect or send any more, and what the clients had sent by then is still handed to
-  // the handler. Returns false, with `error`, if it could not go on. REQUIRES: Listen succeeded.
+  // Serves until Stop. Returns false, with `error`, if it could not go on. REQUIRES: Listen
+  // succeeded.
   bool Run(std::string* error);
+
+  // After Run, goes on like it until `done`, which it asks some fifty times a second.
+  void RunUntil(const std::function<bool()>& done);
+
+  // After Run, ends the listener and all connections: no client can send any more, and what they
+  // had sent by then is still handed to the handler.
+  void Close();
 
   // Ends Run, also one that starts later. Does not wait. Safe twice, and in a signal handler.
   void Stop();
@@ -70,7 +69,8 @@ class SeqpacketServer {
     ConnectedProcesses::Connection connection;
   };
 
-  bool Bind(const std::string& path, mode_t mode, std::string* error);
+  // Waits for something to do, and does it. Returns false, with errno, if it cannot.
+  bool RunOnce(int timeout_millis);
   bool Watch(int fd, bool ready_to_read);
   void AcceptPending();
   // Reads the connection from now on. False, with errno, if it cannot.
@@ -78,23 +78,21 @@ class SeqpacketServer {
   void PauseAccepting(bool pause);
   void Warn(const char* trouble) noexcept;
   ReadResult ReadSome(const Client& client);
+  // Reads what the clients had sent, and lets them go.
   void Drain();
-  void RemoveSocketFile();
 
   const MessageHandler on_message_;
   const WarningHandler on_warning_;
   UniqueFd epoll_;
   UniqueFd stop_event_;
   const uint64_t most_clients_;
-  UniqueFd listener_;
   ConnectedProcesses* const processes_;
+  PacketListener* listener_ = nullptr;
   std::unordered_map<int, Client> clients_;
   uint64_t connections_ = 0;  // so far
   std::atomic<uint64_t>* const client_count_;
   bool accept_paused_ = false;  // the listener is not watched, it would be ready all the time
-  std::string path_;            // empty while there is no socket file of ours
-  dev_t socket_device_ = 0;     // which file at path_ is ours
-  ino_t socket_inode_ = 0;
+  bool stopped_ = false;
 };
 
 }  // namespace tidegate::agent

@@ -1,0 +1,187 @@
+// Restarts of the real agent under services that send all the time, and what it reads anew without
+// one.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <fstream>
+#include <memory>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/unique_fd.h"
+#include "support/environment.h"
+
+namespace tidegate::test {
+namespace {
+
+using agent::UniqueFd;
+using std::chrono::milliseconds;
+using testing::HasSubstr;
+
+constexpr int kRestarts = 10;
+constexpr int kServices = 6;
+constexpr char kNoDatabase[] = "http://127.0.0.1:1/write";
+
+// Six services that flush a hundred times a second each, by the library's own sender.
+class Services {
+ public:
+  explicit Services(const std::string& path) {
+    for (int i = 0; i < kServices; ++i) {
+      clients_.push_back(std::make_unique<TestClient>(ReportTo(path, kNeverDue)));
+      clients_.back()->Metric("m" + std::to_string(i));
+    }
+    workers_.Start(kServices, [this](int i) {
+      clients_[i]->Metric("m" + std::to_string(i))->WithTags({})->Emit({METRICS::Incr(1)});
+      clients_[i]->Flush(1700000000);
+      std::this_thread::sleep_for(milliseconds(9));
+    });
+  }
+  // Returns the packets that were sent.
+  uint64_t Stop() {
+    workers_.Stop();
+    uint64_t sent = 0;
+    for (const auto& client : clients_) {
+      sent += client->Sender().packets_delivered_;
+      EXPECT_EQ(client->Sender().packets_dropped_, 0u);
+    }
+    return sent;
+  }
+
+ private:
+  std::vector<std::unique_ptr<TestClient>> clients_;
+  Workers workers_;
+};
+
+class RestartTest : public testing::Test {
+ protected:
+  struct Running {
+    pid_t pid = -1;
+    std::string log;  // its file
+  };
+
+  ~RestartTest() override {
+    for (const Running& agent : agents_) {
+      if (agent.pid > 0) kill(agent.pid, SIGKILL);
+    }
+  }
+
+  static UniqueFd Bind(int type, const std::string& path) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    UniqueFd bound(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(bind(bound.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    return bound;
+  }
+
+  // Runs the agent with assignments of the environment, and descriptor 3 if there is one, as a
+  // service manager does. Waits until it listens.
+  void Start(const std::vector<std::string>& flags, const std::string& environment = "",
+             int passed = -1) {
+    Running& agent = agents_.emplace_back();
+    agent.log = dir_.File("log" + std::to_string(agents_.size()));
+    const std::string script = environment + " exec \"$@\"";
+    std::vector<std::string> words = {"sh", "-c", script, "sh", TIDEGATE_AGENT, "--socket", path_};
+    words.insert(words.end(), flags.begin(), flags.end());
+    std::vector<char*> arguments;
+    for (std::string& word : words) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    const UniqueFd log(open(agent.log.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+    agent.pid = fork();
+    ASSERT_GE(agent.pid, 0);
+    if (agent.pid == 0) {
+      dup2(log.get(), STDERR_FILENO);
+      if (passed >= 0 && dup2(passed, 3) == passed) fcntl(passed, F_SETFD, 0);
+      execv("/bin/sh", arguments.data());
+      _exit(127);
+    }
+    Await(agent, "tidegate-agent: listening on " + path_);
+  }
+  // Waits for its end.
+  void Finish(Running* agent) {
+    int status = -1;
+    waitpid(agent->pid, &status, 0);
+    agent->pid = 0;
+    EXPECT_EQ(status, 0);
+    const std::string log = LogOf(*agent);
+    std::smatch number;
+    const std::regex last("\ntidegate-agent: packets=(\\d+) series=\\d+ points=\\d+ errors=0\n$");
+    ASSERT_TRUE(std::regex_search(log, number, last)) << log;
+    received_ += std::stoull(number[1]);
+    // What cannot be forwarded without a database is another matter.
+    if (log.find("dropped: ") != std::string::npos) {
+      EXPECT_THAT(log, HasSubstr("dropped: packets=0 "));
+    }
+  }
+  void Terminate(Running* agent) {
+    kill(agent->pid, SIGTERM);
+    Finish(agent);
+  }
+  static std::string LogOf(const Running& agent) {
+    std::ostringstream text;
+    text << std::ifstream(agent.log).rdbuf();
+    return text.str();
+  }
+  static void Await(const Running& agent, const std::string& text) {
+    EXPECT_TRUE(WaitFor([&] { return LogOf(agent).find(text) != std::string::npos; }))
+        << text << " is not in:\n"
+        << LogOf(agent);
+  }
+  // What is there, each message with a blank after it.
+  static std::string Read(const UniqueFd& datagrams) {
+    std::string all;
+    char text[100];
+    for (ssize_t size = 0; size >= 0;
+         size = recv(datagrams.get(), text, sizeof(text), MSG_DONTWAIT)) {
+      if (size > 0) all.append(text, static_cast<size_t>(size)) += ' ';
+    }
+    return all;
+  }
+  static void Compare(uint64_t sent, uint64_t received) {
+    std::printf("%d restarts: %lu packets sent, %lu received\n", kRestarts, sent, received);
+    EXPECT_EQ(received, sent);
+    EXPECT_GT(sent, uint64_t{kRestarts * kServices});
+  }
+
+  const TempDir dir_;
+  const std::string path_ = dir_.File("s");
+  std::vector<Running> agents_;
+  uint64_t received_ = 0;  // packets, by all that have ended
+};
+
+TEST_F(RestartTest, LosesNothingWhileTheServiceManagerKeepsTheSocket) {
+  const UniqueFd socket = Bind(SOCK_SEQPACKET, path_);
+  ASSERT_EQ(listen(socket.get(), 128), 0);
+  const std::string notified = dir_.File("notify");
+  const UniqueFd notifications = Bind(SOCK_DGRAM, notified);
+  const std::string environment =
+      "LISTEN_PID=$$ LISTEN_FDS=1 WATCHDOG_USEC=9000000 NOTIFY_SOCKET=" + notified;
+  std::string told;
+  Services services(path_);
+  for (int i = 0; i <= kRestarts; ++i) {
+    told += Read(notifications);
+    Start({"--forward", kNoDatabase, "--drain", i % 2 == 0 ? "1" : "0"}, environment, socket.get());
+    std::this_thread::sleep_for(milliseconds(50));  // for some packets
+    if (i < kRestarts) Terminate(&agents_.back());
+  }
+  const uint64_t sent = services.Stop();
+  Terminate(&agents_.back());
+  Compare(sent, received_);
+
+  EXPECT_THAT(told, HasSubstr("STOPPING=1 READY=1 "));
+  EXPECT_THAT(told, HasSubstr(" WATCHDOG=1 "));
+}
+
+}  // namespace
+}  // namespace tidegate::test

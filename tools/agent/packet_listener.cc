@@ -1,0 +1,161 @@
+#include "agent/packet_listener.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+#include "agent/start_lock.h"
+
+namespace tidegate::agent {
+namespace {
+
+// Connections that the agent has not come to: of each, the kernel keeps what its client has sent,
+// also after the client has gone. More clients wait, for as long as they themselves allow.
+constexpr int kBacklog = 128;
+
+std::string ErrnoText() { return std::generic_category().message(errno); }
+
+int NewSocket() { return socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); }
+
+bool MakeAddress(const std::string& path, sockaddr_un* address, std::string* error) {
+  *error = PacketListener::CheckPath(path);
+  if (!error->empty()) return false;
+  *address = {};
+  address->sun_family = AF_UNIX;
+  std::memcpy(address->sun_path, path.c_str(), path.size() + 1);
+  return true;
+}
+
+const sockaddr* AsSockaddr(const sockaddr_un* address) {
+  return reinterpret_cast<const sockaddr*>(address);
+}
+
+// A file that another user has put there shall be found.
+std::string Named(const std::string& path, const struct stat& info) {
+  return info.st_uid == geteuid() ? path : path + " of user " + std::to_string(info.st_uid);
+}
+
+// Removes the socket file of a process that is gone; an empty place is fine as well.
+bool MakeRoom(const sockaddr_un& address, std::string* error) {
+  const std::string path = address.sun_path;
+  struct stat info;
+  if (lstat(path.c_str(), &info) != 0) {
+    if (errno == ENOENT) return true;
+    *error = "cannot look at " + path + ": " + ErrnoText();
+    return false;
+  }
+  if (!S_ISSOCK(info.st_mode)) {
+    *error = Named(path, info) + " exists and is not a socket";
+    return false;
+  }
+  const UniqueFd probe(NewSocket());
+  // EAGAIN is a full listen queue, EPROTOTYPE a bound socket of another kind.
+  if (connect(probe.get(), AsSockaddr(&address), sizeof(address)) == 0 || errno == EAGAIN ||
+      errno == EPROTOTYPE) {
+    *error = "another process is listening on " + Named(path, info);
+    return false;
+  }
+  if (errno != ECONNREFUSED && errno != ENOENT) {
+    *error = "cannot tell whether " + Named(path, info) + " is in use: " + ErrnoText();
+    return false;
+  }
+  if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+    *error = "cannot remove the stale socket " + Named(path, info) + ": " + ErrnoText();
+    return false;
+  }
+  return true;
+}
+
+bool HasOption(int fd, int name, int value) {
+  int found = 0;
+  socklen_t size = sizeof(found);
+  return getsockopt(fd, SOL_SOCKET, name, &found, &size) == 0 && found == value;
+}
+
+}  // namespace
+
+std::string PacketListener::CheckPath(const std::string& path) {
+  constexpr size_t kMost = sizeof(sockaddr_un::sun_path) - 1;
+  if (!path.empty() && path.size() <= kMost) return {};
+  return "\"" + path + "\" is no path for a socket, give one of 1 to " + std::to_string(kMost) +
+         " bytes";
+}
+
+bool PacketListener::Make(const std::string& path, mode_t mode, std::string* error) {
+  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+  if (!folder.empty()) {
+    std::error_code failure;
+    std::filesystem::create_directories(folder, failure);
+    if (failure) {
+      *error = "cannot make the folder " + folder.string() + ": " + failure.message();
+      return false;
+    }
+  }
+  StartLock lock;
+  return lock.Take(path + ".lock", error) && Bind(path, mode, error);
+}
+
+bool PacketListener::Bind(const std::string& path, mode_t mode, std::string* error) {
+  sockaddr_un address;
+  if (!MakeAddress(path, &address, error) || !MakeRoom(address, error)) return false;
+  socket_ = UniqueFd(NewSocket());
+  path_ = path;
+  struct stat info;
+  if (!socket_.valid() || bind(socket_.get(), AsSockaddr(&address), sizeof(address)) != 0 ||
+      lstat(path.c_str(), &info) != 0) {
+    *error = "cannot make the socket " + path + ": " + ErrnoText();
+    return false;
+  }
+  has_file_ = true;
+  file_device_ = info.st_dev;
+  file_inode_ = info.st_ino;
+  if (chmod(path.c_str(), mode) != 0 || listen(socket_.get(), kBacklog) != 0) {
+    *error = "cannot listen on " + path + ": " + ErrnoText();
+    return false;
+  }
+  return true;
+}
+
+bool PacketListener::Adopt(UniqueFd socket, std::string* error) {
+  sockaddr_un address = {};
+  socklen_t size = sizeof(address);
+  if (!HasOption(socket.get(), SO_DOMAIN, AF_UNIX) ||
+      !HasOption(socket.get(), SO_TYPE, SOCK_SEQPACKET) ||
+      !HasOption(socket.get(), SO_ACCEPTCONN, 1) ||
+      getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0 ||
+      fcntl(socket.get(), F_SETFL, O_NONBLOCK) != 0) {
+    *error = "what was passed on is no SOCK_SEQPACKET unix socket that listens";
+    return false;
+  }
+  const size_t most = size - std::min<size_t>(size, offsetof(sockaddr_un, sun_path));
+  path_.assign(address.sun_path, strnlen(address.sun_path, most));
+  socket_ = std::move(socket);
+  return true;
+}
+
+void PacketListener::End() {
+  if (!has_file_) return socket_.Reset();
+  RemoveFile();
+  shutdown(socket_.get(), SHUT_RD);
+}
+
+void PacketListener::RemoveFile() {
+  if (!std::exchange(has_file_, false)) return;
+  struct stat info;
+  // Someone may have put another socket in its place.
+  if (lstat(path_.c_str(), &info) == 0 && info.st_dev == file_device_ &&
+      info.st_ino == file_inode_) {
+    unlink(path_.c_str());
+  }
+}
+
+}  // namespace tidegate::agent
