@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -90,14 +91,12 @@ bool Agent::Serve() {
 
 bool Agent::Linger(Clock::time_point end) {
   if (forwarder_) forwarder_->Flush();
-  const auto is_idle = [this] {
-    return health_.queued_packets == 0 && (!forwarder_ || forwarder_->IsIdle());
-  };
   bool idle = false;
-  server_.RunUntil([&] {
-    idle = is_idle();
+  const auto done = [&] {
+    idle = health_.queued_packets == 0 && (!forwarder_ || forwarder_->IsIdle());
     return idle || Clock::now() >= end;
-  });
+  };
+  server_.RunUntil(std::ref(done));  // which takes no memory
   return idle;
 }
 
