@@ -3,13 +3,12 @@
 #include <ctime>
 #include <utility>
 
+#include "metrics/cell_kinds.h"
 #include "metrics/impl/metric_multi_field_impl.h"
 #include "metrics/metric.h"
 #include "metrics/metric_histogram.h"
 #include "metrics/metric_registry.h"
-#include "metrics/metric_summary.h"
 #include "util/fork_guard.h"
-#include "util/line_allocator.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
 
@@ -41,7 +40,7 @@ void EmitSampleValue(MetricBasicData& cell, const MetricFieldValue& value,
 
 /// Adds the point of the interval before to `row`, for a field whose columns end before `end`.
 void AppendPrevious(MetricsType type, uint32_t end, double prev_value, MultiFieldSendRes& row) {
-  const uint32_t width = PreviousPointWidth(type);
+  const uint32_t width = KindOf(type).previous;
   for (uint32_t i = 0; i < width; ++i) {
     row.prev_fields.push_back(end - width + i);
     row.prev_values.push_back(i == 0 ? prev_value : 0.0);
@@ -55,12 +54,6 @@ ReturnCode CellOfType(MetricsType type, const CellPtr& found, CellPtr& cell) {
   }
   cell = found;
   return ReturnCode::kOk;
-}
-
-/// A cell whose fields share a cache line, and with no other cell's where they fit into one.
-template <class Cell, class... Args>
-CellPtr MakeCell(const Args&... args) {
-  return std::allocate_shared<Cell>(LineAllocator<Cell>(), args...);
 }
 
 }  // namespace
@@ -100,31 +93,12 @@ void MetricCollectorItem::ListCells(std::vector<CellRef>& cells) { cells.clear()
 
 CellPtr MetricCollectorItem::CreateData(const MetricsType& type, bool use_ckms,
                                         unsigned short bucket_count) {
-  switch (type) {
-    case MetricsType::kGauge:
-      return MakeCell<MetricGauge>();
-    case MetricsType::kRate:
-      return MakeCell<MetricRate>();
-    case MetricsType::kCounter:
-      return MakeCell<MetricCounter>();
-    case MetricsType::kMeter:
-      return MakeCell<MetricMeter>();
-    case MetricsType::kTimer:
-      if (use_ckms) {
-        return MakeCell<MetricSummaryCKMS>();
-      }
-      return MakeCell<MetricSummaryVecV2>();
-    case MetricsType::kHistogram:
-      return MakeCell<MetricHistogram>(bucket_count);
-    case MetricsType::kDeltaCounter:
-      return MakeCell<MetricDeltaCounter>();
-    case MetricsType::kUnknown:
-    case MetricsType::kMultiField:
-    case MetricsType::kTypeEnd:
-      break;
+  const CellKind* const kind = FindKind(type);
+  if (kind == nullptr) {
+    METRICS_LOG_ERROR("Internal Error for Unknown MetricType: %d\n", static_cast<int>(type));
+    return NoopDataPtr();
   }
-  METRICS_LOG_ERROR("Internal Error for Unknown MetricType: %d\n", static_cast<int>(type));
-  return NoopDataPtr();
+  return kind->make({use_ckms, bucket_count});
 }
 
 CellPtr MetricCollectorItem::NoopDataPtr() {
@@ -440,7 +414,7 @@ void MetricFieldArray::Drain(const std::vector<MetricFieldInfo>& fields, MultiFi
   uint32_t column = 0;
   for (const MetricFieldInfo& field : fields) {
     if (!field.reports) {
-      column += ColumnsOf(field.type, field.bounds.size());
+      column += KindOf(field.type).Numbers(field.bounds.size());
       continue;
     }
     const size_t place = static_cast<size_t>(&field - fields.data());

@@ -13,47 +13,6 @@ const SendRes& MetricMeter::no_flush_res_ = *new SendRes{false, {}, 0.0, kMetric
 const SendRes& MetricDeltaCounter::no_flush_res_ =
     *new SendRes{false, {}, 0.0, kMetricDeltaCounterArrSize};
 
-uint32_t ColumnsOf(MetricsType type, size_t bounds) {
-  switch (type) {
-    case MetricsType::kMeter:
-      return kMetricMeterArraySize;
-    case MetricsType::kTimer:
-      return kMetricSummaryArraySize;
-    case MetricsType::kHistogram:
-      return static_cast<uint32_t>(bounds + 2);
-    case MetricsType::kDeltaCounter:
-      return kMetricDeltaCounterArrSize;
-    case MetricsType::kUnknown:
-    case MetricsType::kGauge:
-    case MetricsType::kRate:
-    case MetricsType::kCounter:
-    case MetricsType::kMultiField:
-    case MetricsType::kTypeEnd:
-      break;
-  }
-  return 1;
-}
-
-uint32_t PreviousPointWidth(MetricsType type) {
-  switch (type) {
-    case MetricsType::kCounter:
-      return 1;
-    case MetricsType::kMeter:
-      return kMetricMeterArraySize;
-    case MetricsType::kDeltaCounter:
-      return kMetricDeltaCounterArrSize;
-    case MetricsType::kUnknown:
-    case MetricsType::kGauge:
-    case MetricsType::kRate:
-    case MetricsType::kTimer:
-    case MetricsType::kHistogram:
-    case MetricsType::kMultiField:
-    case MetricsType::kTypeEnd:
-      break;
-  }
-  return 0;
-}
-
 void MetricBasicData::Emit(const long& /*value*/) {}
 void MetricBasicData::Emit(const double& /*value*/) {}
 SendRes MetricBasicData::Send(const unsigned int& /*interval*/) { return {false, {}, 0.0, 1}; }

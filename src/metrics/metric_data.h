@@ -14,13 +14,6 @@ constexpr uint32_t kMetricSummaryArraySize = 10;
 constexpr uint32_t kMetricMeterArraySize = 2;
 constexpr uint32_t kMetricDeltaCounterArrSize = 3;
 
-/// How many columns a field of type `type` takes in a row; `bounds` are those of a histogram.
-uint32_t ColumnsOf(MetricsType type, size_t bounds);
-
-/// How many numbers the previous interval's point of a cell takes: its total, then zeros. 0 for
-/// types that have no such point.
-uint32_t PreviousPointWidth(MetricsType type);
-
 /// What a cell reports of one flush interval.
 struct SendRes {
   /// Also write a point for the previous interval, with `prev_value`, ahead of this one.

@@ -179,7 +179,7 @@ class MetricEncoder final : public MetricEncoderBase {
     return pack.TryReserve(bytes) || RefuseRecord(bytes);
   }
   static bool RefuseRecord(size_t bytes);
-  /// REQUIRES: `PreviousPointWidth` of the type is not 0.
+  /// REQUIRES: the kind of the cell has such a point.
   void EncodePreviousInterval(double prev_value, const SuffixBlocks& blocks);
 
   // Metrics with a row of fields.

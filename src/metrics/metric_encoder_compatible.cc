@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "codec/fnv_hash.h"
+#include "metrics/cell_kinds.h"
 #include "metrics/metric.h"
 #include "metrics/metric_encoder.h"
 #include "metrics/metric_registry.h"
@@ -20,31 +21,15 @@ using lattice_kit::codec::TagKV;
 
 void MetricEncoder::PackCompatibleMetric(std::vector<Series>& items) {
   const MetricsType type = metric_->compatible_type_.load();
-  switch (type) {
-    case MetricsType::kGauge:
-    case MetricsType::kRate:
-    case MetricsType::kCounter:
-      EncodeCompatible(type, items, 1);
-      return;
-    case MetricsType::kMeter:
-      EncodeCompatibleWithSuffix(type, items);
-      return;
-    case MetricsType::kTimer:
-      if (metric_->multi_field_summary_.load()) {
-        EncodeCompatible(type, items, kMetricSummaryArraySize);
-      } else {
-        EncodeCompatibleWithSuffix(type, items);
-      }
-      return;
-    case MetricsType::kHistogram:
-    case MetricsType::kDeltaCounter:
-    case MetricsType::kUnknown:
-    case MetricsType::kMultiField:
-    case MetricsType::kTypeEnd:
-      break;
+  const CellKind* const kind = FindKind(type);
+  if (kind == nullptr || !kind->compatible) {
+    METRICS_LOG_ERROR("Sender[%s] Compatible unsupport MetricType: %d\n", name_.c_str(),
+                      static_cast<int>(type));
+  } else if (kind->numbers == 1 || IsRow(type)) {
+    EncodeCompatible(type, items, kind->numbers);
+  } else {
+    EncodeCompatibleWithSuffix(type, items);
   }
-  METRICS_LOG_ERROR("Sender[%s] Compatible unsupport MetricType: %d\n", name_.c_str(),
-                    static_cast<int>(type));
 }
 
 void MetricEncoder::EncodeCurrentCompatibleMetricHeader(MetricDataPack& pack, MetricsType type) {
@@ -91,8 +76,7 @@ void MetricEncoder::EncodeCompatible(const MetricsType& type, std::vector<Series
 
 void MetricEncoder::EncodeCompatibleWithSuffix(const MetricsType& type,
                                                std::vector<Series>& items) {
-  const bool timer = type == MetricsType::kTimer;
-  const unsigned long array_size = timer ? kMetricSummaryArraySize : kMetricMeterArraySize;
+  const unsigned long array_size = KindOf(type).numbers;
   for (size_t k = 0; k < items.size(); ++k) {
     AdvanceTo(items, k);
     const Series& series = items[k];
@@ -120,7 +104,7 @@ void MetricEncoder::EncodeCompatibleWithSuffix(const MetricsType& type,
 }
 
 void MetricEncoder::EncodeExtendCompatibleSeries(const MetricsType& type, double prev_value) {
-  if (PreviousPointWidth(type) == 0) {
+  if (KindOf(type).previous == 0) {
     return;
   }
   // A block of its own, also for a counter, which shares one in the current packet.

@@ -8,6 +8,7 @@
 #include <type_traits>
 
 #include "codec/fnv_hash.h"
+#include "metrics/cell_kinds.h"
 #include "metrics/impl/metric_multi_field_impl.h"
 #include "metrics/metric.h"
 #include "metrics/metric_encoder.h"
@@ -24,57 +25,33 @@ namespace {
 
 using SuffixTable = std::vector<std::string>;
 
-// Never destroyed: a flush may still run while the process exits.
+/// The names of a kind's numbers as strings. Never destroyed: a flush may still run while the
+/// process exits.
+SuffixTable& MakeNames(MetricsType type) {
+  const CellKind& kind = KindOf(type);
+  return *new SuffixTable(kind.names, kind.names + kind.numbers);
+}
+
 SuffixTable& TimerSuffixes() {
-  static SuffixTable& table = *new SuffixTable{"min",   "max",   "avg",   "sum",   "counter",
-                                               "pct50", "pct90", "pct95", "pct99", "pct999"};
+  static SuffixTable& table = MakeNames(MetricsType::kTimer);
   return table;
 }
 
 SuffixTable& MeterSuffixes() {
-  static SuffixTable& table = *new SuffixTable{"", "rate"};
+  static SuffixTable& table = MakeNames(MetricsType::kMeter);
   return table;
 }
 
 SuffixTable& DeltaCounterSuffixes() {
-  static SuffixTable& table = *new SuffixTable{"counter", "rate", "delta"};
+  static SuffixTable& table = MakeNames(MetricsType::kDeltaCounter);
   return table;
 }
 
-void AppendPart(std::string& tail, const std::string& part) {
+void AppendPart(std::string& tail, std::string_view part) {
   if (!part.empty()) {
     tail += '.';
     tail += part;
   }
-}
-
-/// How many blocks a cell that goes out in single numbers takes.
-size_t NumbersOf(MetricsType type) {
-  switch (type) {
-    case MetricsType::kMeter:
-      return kMetricMeterArraySize;
-    case MetricsType::kTimer:
-      return kMetricSummaryArraySize;
-    case MetricsType::kUnknown:
-    case MetricsType::kGauge:
-    case MetricsType::kRate:
-    case MetricsType::kCounter:
-    case MetricsType::kHistogram:
-    case MetricsType::kMultiField:
-    case MetricsType::kDeltaCounter:
-    case MetricsType::kTypeEnd:
-      break;
-  }
-  return 1;
-}
-
-/// What such a cell's number `idx` is called; mostly not at all.
-const std::string& NumberName(MetricsType type, unsigned long idx) {
-  if (type == MetricsType::kTimer) {
-    return MetricEncoder::ConvertIdxToTimerSuffix(idx);
-  }
-  return type == MetricsType::kMeter ? MetricEncoder::ConvertIdxToMeterSuffix(idx)
-                                     : Metric::NoopStr();
 }
 
 /// Appends a number to bytes that there is room for.
@@ -172,15 +149,16 @@ void MetricEncoder::EncodeMetricWithSuffix(const CellRef& ref, size_t place) {
     return;
   }
   PackNumbers(pack_, blocks, res.values.data(), sender_->last_flush_ts_);
-  if (res.need_prev && PreviousPointWidth(ref.type) != 0) {
+  if (res.need_prev && KindOf(ref.type).previous != 0) {
     METRICS_LOG_DEBUG("Pack a prev interval value for counter/meter/deltacounter.\n");
     EncodePreviousInterval(res.prev_value, blocks);
   }
 }
 
 bool MetricEncoder::IsRow(const MetricsType& type) const {
-  return type == MetricsType::kDeltaCounter || type == MetricsType::kHistogram ||
-         (type == MetricsType::kTimer && metric_->multi_field_summary_.load());
+  const SuffixForm form = KindOf(type).suffix_form;
+  return form == SuffixForm::kRow ||
+         (form == SuffixForm::kRowIfAskedFor && metric_->multi_field_summary_.load());
 }
 
 const MetricEncoder::SuffixBlocks& MetricEncoder::BlocksOf(const std::string& suffix,
@@ -225,10 +203,11 @@ MetricEncoder::SuffixBlocks MetricEncoder::MakeBlocks(const std::string& suffix,
   }
   // A summary in single numbers is a set of gauges to the receiver.
   const MetricsType wire_type = type == MetricsType::kTimer ? MetricsType::kGauge : type;
-  blocks.numbers = NumbersOf(type);
+  const CellKind& kind = KindOf(type);
+  blocks.numbers = kind.numbers;
   for (size_t i = 0; i < blocks.numbers; ++i) {
     std::string whole_tail = tail;
-    AppendPart(whole_tail, NumberName(type, i));
+    AppendPart(whole_tail, kind.names[i]);
     blocks.headers.push_back(BlockHeader(wire_type, whole_tail, std::string()));
   }
   return blocks;
@@ -244,14 +223,7 @@ std::string MetricEncoder::BlockHeader(MetricsType type, const std::string& tail
 
 std::vector<FieldInfo> MetricEncoder::RowFieldsOf(const MetricsType& type) const {
   std::vector<FieldInfo> fields;
-  const std::string no_name;
-  if (type == MetricsType::kDeltaCounter) {
-    MultiFieldMetricImpl::GenerateDeltaCounterField(fields, no_name);
-  } else if (type == MetricsType::kHistogram) {
-    MultiFieldMetricImpl::GenerateHistogramField(fields, no_name, metric_->GetHistogram());
-  } else {
-    MultiFieldMetricImpl::GenerateSummaryField(fields, no_name);
-  }
+  MultiFieldMetricImpl::AppendColumns(fields, {std::string(), type, metric_->GetHistogram()});
   return fields;
 }
 

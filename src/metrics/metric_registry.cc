@@ -4,9 +4,9 @@
 #include <set>
 #include <utility>
 
+#include "metrics/cell_kinds.h"
 #include "metrics/global_resources_limit.h"
 #include "metrics/metric_client.h"
-#include "metrics/metric_data.h"
 #include "metrics/removed.h"
 #include "util/fork_guard.h"
 #include "util/metric_log.h"
@@ -323,7 +323,7 @@ ReturnCode CheckMetricFieldCfg(const std::vector<MetricFieldCfg>& fields) {
       METRICS_LOG_WARN("Histogram Type has No config, ingored.\n");
       continue;
     }
-    columns += ColumnsOf(field.type, field.histo != nullptr ? field.histo->bounds.size() : 0);
+    columns += KindOf(field.type).Numbers(field.histo != nullptr ? field.histo->bounds.size() : 0);
   }
   // The low 16 bits are what counts.
   if (code == ReturnCode::kOk && static_cast<uint16_t>(columns) > kMaxColumns) {

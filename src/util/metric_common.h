@@ -50,7 +50,8 @@ enum class MetricSenderType : uint8_t {
   kSenderTcp = 1,
 };
 
-/// Text of `type`, "unknown" for values outside the enumeration. Static storage.
+/// Text of `type`, "unknown" for values outside the enumeration. Static storage. It stands in the
+/// table of `metrics/cell_kinds.h`.
 METRICS_API const char* CovMetricTypeToStr(const MetricsType& type);
 
 /// Text of `state`, as `DebugString` shows it. Static storage.

@@ -1,10 +1,22 @@
 #include "metrics/impl/metric_compatible_impl.h"
 
+#include <algorithm>
+
+#include "metrics/cell_kinds.h"
+
 namespace METRICS {
 
-const std::array<std::string, 10>& MetricCompatibleImpl::timer_field_info_ =
-    *new std::array<std::string, 10>{"min",   "max",   "avg",   "sum",   "counter",
-                                     "pct50", "pct90", "pct95", "pct99", "pct999"};
+namespace {
+
+std::array<std::string, 10>& MakeTimerNames() {
+  auto& names = *new std::array<std::string, 10>;
+  std::copy_n(KindOf(MetricsType::kTimer).names, names.size(), names.begin());
+  return names;
+}
+
+}  // namespace
+
+const std::array<std::string, 10>& MetricCompatibleImpl::timer_field_info_ = MakeTimerNames();
 
 MetricCompatibleImpl::~MetricCompatibleImpl() = default;
 

@@ -1,7 +1,10 @@
 #include "metrics/impl/metric_multi_field_impl.h"
 
+#include <string_view>
+#include <utility>
+
+#include "metrics/cell_kinds.h"
 #include "metrics/metric.h"
-#include "metrics/metric_data.h"
 #include "metrics/metric_encoder.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
@@ -14,44 +17,18 @@ namespace {
 
 using Columns = MultiFieldMetricImpl::Columns;
 
-void AppendEntries(Columns& out, const std::string& name, unsigned long count,
-                   MetricEncoder::SuffixOf entry_of) {
-  for (unsigned long i = 0; i < count; ++i) {
-    const std::string& entry = entry_of(i);
-    std::string column = name;
-    if (!name.empty() && !entry.empty()) {
+/// The columns of a field whose numbers have names of their own.
+void AppendNumbers(Columns& out, const std::string& field, MetricsType type) {
+  const CellKind& kind = KindOf(type);
+  for (uint32_t i = 0; i < kind.numbers; ++i) {
+    const std::string_view number = kind.names[i];
+    std::string column = field;
+    if (!field.empty() && !number.empty()) {
       column += '.';
     }
-    column += entry;
+    column += number;
     out.emplace_back(std::move(column), kCodecValueDouble);
   }
-}
-
-void AppendColumnsOf(const MetricFieldInfo& field, Columns& out) {
-  switch (field.type) {
-    case MetricsType::kGauge:
-    case MetricsType::kRate:
-    case MetricsType::kCounter:
-      MultiFieldMetricImpl::GenerateSingleField(out, field.name);
-      return;
-    case MetricsType::kMeter:
-      MultiFieldMetricImpl::GenerateMeterField(out, field.name);
-      return;
-    case MetricsType::kTimer:
-      MultiFieldMetricImpl::GenerateSummaryField(out, field.name);
-      return;
-    case MetricsType::kHistogram:
-      MultiFieldMetricImpl::GenerateHistogramField(out, field.name, field.bounds);
-      return;
-    case MetricsType::kDeltaCounter:
-      MultiFieldMetricImpl::GenerateDeltaCounterField(out, field.name);
-      return;
-    case MetricsType::kUnknown:
-    case MetricsType::kMultiField:
-    case MetricsType::kTypeEnd:
-      break;
-  }
-  METRICS_LOG_ERROR("Internal Error for Unknown MetricType: %d\n", static_cast<int>(field.type));
 }
 
 }  // namespace
@@ -70,7 +47,7 @@ void MultiFieldMetricImpl::InitField(const std::vector<MetricFieldCfg>&& fields)
         METRICS_LOG_WARN("Invalid Histogram Field Config with name: %s\n", field.name.c_str());
       }
     }
-    AppendColumnsOf(field, columns);
+    AppendColumns(columns, field);
     field_infos_.push_back(std::move(field));
   }
   codec_field_info_ = MetricEncoder::PrePack(columns);
@@ -96,9 +73,9 @@ bool MultiFieldMetricImpl::FitsColumns(const Owners& owners) const {
   uint32_t previous_end = 0;  // of the points of the interval before
   for (const MetricFieldInfo& field : field_infos_) {
     const MetricFieldInfo& owner = *owners.at(field.name);
-    end += ColumnsOf(owner.type, owner.bounds.size());
-    const uint32_t width = PreviousPointWidth(field.type);
-    if (width == 0 || PreviousPointWidth(owner.type) == 0) {
+    end += KindOf(owner.type).Numbers(owner.bounds.size());
+    const uint32_t width = KindOf(field.type).previous;
+    if (width == 0 || KindOf(owner.type).previous == 0) {
       continue;
     }
     if (end < previous_end + width) {
@@ -109,20 +86,31 @@ bool MultiFieldMetricImpl::FitsColumns(const Owners& owners) const {
   return end <= codec_field_num_;
 }
 
+void MultiFieldMetricImpl::AppendColumns(Columns& out, const MetricFieldInfo& field) {
+  const CellKind* const kind = FindKind(field.type);
+  if (kind == nullptr) {
+    METRICS_LOG_ERROR("Internal Error for Unknown MetricType: %d\n", static_cast<int>(field.type));
+  } else if (kind->per_bound) {
+    GenerateHistogramField(out, field.name, field.bounds);
+  } else {
+    AppendNumbers(out, field.name, field.type);
+  }
+}
+
 void MultiFieldMetricImpl::GenerateSingleField(Columns& out, const std::string& name) {
   out.emplace_back(name, kCodecValueDouble);
 }
 
 void MultiFieldMetricImpl::GenerateMeterField(Columns& out, const std::string& name) {
-  AppendEntries(out, name, kMetricMeterArraySize, &MetricEncoder::ConvertIdxToMeterSuffix);
+  AppendNumbers(out, name, MetricsType::kMeter);
 }
 
 void MultiFieldMetricImpl::GenerateSummaryField(Columns& out, const std::string& name) {
-  AppendEntries(out, name, kMetricSummaryArraySize, &MetricEncoder::ConvertIdxToTimerSuffix);
+  AppendNumbers(out, name, MetricsType::kTimer);
 }
 
 void MultiFieldMetricImpl::GenerateDeltaCounterField(Columns& out, const std::string& name) {
-  AppendEntries(out, name, kMetricDeltaCounterArrSize, &MetricEncoder::ConvertIdxToDeltaCounter);
+  AppendNumbers(out, name, MetricsType::kDeltaCounter);
 }
 
 void MultiFieldMetricImpl::GenerateHistogramField(Columns& out, const std::string& name,

@@ -36,8 +36,9 @@ class METRICS_API MultiFieldMetricImpl final : public MetricImpl {
   MetricCoItemType Type() override { return MetricCoItemType::kCoItemField; }
 
   // Each appends the columns of a field to `out`, in the order in which its cell reports. They are
-  // named behind `name` and a dot; with an empty `name`, as suffixed metrics use them, alone.
+  // named after `name` and a dot; with an empty `name`, as suffixed metrics use them, alone.
   using Columns = std::vector<lattice_kit::codec::FieldInfo>;
+  static void AppendColumns(Columns& out, const MetricFieldInfo& field);
   static void GenerateSingleField(Columns& out, const std::string& name);
   static void GenerateMeterField(Columns& out, const std::string& name);
   static void GenerateSummaryField(Columns& out, const std::string& name);

@@ -1,0 +1,113 @@
+#include "metrics/cell_kinds.h"
+
+#include "metrics/metric_data.h"
+#include "metrics/metric_histogram.h"
+#include "metrics/metric_summary.h"
+#include "util/line_allocator.h"
+
+namespace METRICS {
+namespace {
+
+using CellPtr = std::shared_ptr<MetricBasicData>;
+
+/// A cell whose fields share a cache line, and with no other cell's where they fit into one.
+template <class Cell, class... Args>
+CellPtr MakeCell(const Args&... args) {
+  return std::allocate_shared<Cell>(LineAllocator<Cell>(), args...);
+}
+
+template <class Cell>
+CellPtr Make(const CellSettings& /*settings*/) {
+  return MakeCell<Cell>();
+}
+
+CellPtr MakeTimer(const CellSettings& settings) {
+  return settings.use_ckms ? MakeCell<MetricSummaryCKMS>() : MakeCell<MetricSummaryVecV2>();
+}
+
+CellPtr MakeHistogram(const CellSettings& settings) {
+  return MakeCell<MetricHistogram>(settings.bucket_count);
+}
+
+}  // namespace
+
+constexpr CellKind kCellKinds[] = {
+    {MetricsType::kGauge,
+     "gauge",
+     1,
+     false,
+     0,
+     SuffixForm::kNumbers,
+     true,
+     {""},
+     Make<MetricGauge>},
+    {MetricsType::kRate, "rate", 1, false, 0, SuffixForm::kNumbers, true, {""}, Make<MetricRate>},
+    {MetricsType::kCounter,
+     "counter",
+     1,
+     false,
+     1,
+     SuffixForm::kNumbers,
+     true,
+     {""},
+     Make<MetricCounter>},
+    {MetricsType::kMeter,
+     "meter",
+     kMetricMeterArraySize,
+     false,
+     kMetricMeterArraySize,
+     SuffixForm::kNumbers,
+     true,
+     {"", "rate"},
+     Make<MetricMeter>},
+    {MetricsType::kTimer,
+     "timer",
+     kMetricSummaryArraySize,
+     false,
+     0,
+     SuffixForm::kRowIfAskedFor,
+     true,
+     {"min", "max", "avg", "sum", "counter", "pct50", "pct90", "pct95", "pct99", "pct999"},
+     MakeTimer},
+    {MetricsType::kHistogram, "histogram", 2, true, 0, SuffixForm::kRow, false, {}, MakeHistogram},
+    {MetricsType::kMultiField,
+     "customized multi field",
+     1,
+     false,
+     0,
+     SuffixForm::kNumbers,
+     false,
+     {},
+     nullptr},
+    {MetricsType::kDeltaCounter,
+     "delta_counter",
+     kMetricDeltaCounterArrSize,
+     false,
+     kMetricDeltaCounterArrSize,
+     SuffixForm::kRow,
+     false,
+     {"counter", "rate", "delta"},
+     Make<MetricDeltaCounter>},
+};
+
+namespace {
+
+constexpr bool InOrder() {
+  size_t number = static_cast<size_t>(MetricsType::kGauge);
+  for (const CellKind& kind : kCellKinds) {
+    if (static_cast<size_t>(kind.type) != number++) {
+      return false;
+    }
+  }
+  return number == static_cast<size_t>(MetricsType::kTypeEnd);
+}
+static_assert(InOrder());
+
+}  // namespace
+
+const char* CovMetricTypeToStr(const MetricsType& type) {
+  const bool known = type != MetricsType::kUnknown && type < MetricsType::kTypeEnd;
+  return known ? kCellKinds[static_cast<size_t>(type) - 1].text : "unknown";
+}
+
+}  // namespace METRICS
