@@ -1,5 +1,5 @@
-# What `cmake --install` and `cpack` make. Components: runtime (the shared library), dev (headers, CMake
-# and pkg-config files, the link to the library), tools (the agent and its unit).
+# What `cmake --install` makes. Components: runtime (the shared library), dev (headers, CMake and pkg-config
+# files, the link to the library or the static one), tools (the agent, its units, completion for shells).
 
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -12,6 +12,7 @@ install(
   TARGETS tidegate_metrics
   EXPORT tidegate-metrics-targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
   INCLUDES DESTINATION ${tidegate_include_dir})
 
 foreach(header IN LISTS TIDEGATE_PUBLIC_HEADERS)
@@ -57,6 +58,13 @@ else()
 endif()
 tidegate_pc_dir(${CMAKE_INSTALL_LIBDIR} TIDEGATE_PC_LIBDIR)
 tidegate_pc_dir(${CMAKE_INSTALL_INCLUDEDIR} TIDEGATE_PC_INCLUDEDIR)
+if(TIDEGATE_LIBRARY_TYPE STREQUAL "STATIC")
+  set(TIDEGATE_PC_PRIVATE "")
+  set(TIDEGATE_PC_THREADS " -pthread")
+else()
+  set(TIDEGATE_PC_PRIVATE .private)
+  set(TIDEGATE_PC_THREADS "")
+endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/tidegate-metrics.pc.in
                ${PROJECT_BINARY_DIR}/tidegate-metrics.pc @ONLY)
 install(
@@ -67,8 +75,10 @@ install(
 if(TIDEGATE_BUILD_AGENT)
   set(tidegate_systemd ${PROJECT_SOURCE_DIR}/tools/agent/systemd)
   install(TARGETS tidegate-agent RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  set(TIDEGATE_UNITS tidegate-agent.service tidegate-agent.socket)
+  list(TRANSFORM TIDEGATE_UNITS PREPEND ${tidegate_systemd}/ OUTPUT_VARIABLE tidegate_unit_files)
   install(
-    FILES ${tidegate_systemd}/tidegate-agent.service ${tidegate_systemd}/tidegate-agent.socket
+    FILES ${tidegate_unit_files}
     DESTINATION lib/systemd/system
     COMPONENT tools)
   install(
@@ -91,48 +101,14 @@ if(TIDEGATE_BUILD_AGENT)
     DESTINATION ${tidegate_etc}
     PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ # there can be a password in it
     COMPONENT tools)
+  install(
+    FILES tools/agent/completion/tidegate-agent.bash
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions
+    RENAME tidegate-agent
+    COMPONENT tools)
+  install(
+    FILES tools/agent/completion/tidegate-agent.zsh
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/zsh/vendor-completions
+    RENAME _tidegate-agent
+    COMPONENT tools)
 endif()
-
-# Debian packages: `cpack -G DEB` in the build folder of the preset `package`. A project that embeds this
-# one makes its own.
-if(NOT TIDEGATE_TOP_LEVEL)
-  return()
-endif()
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME tidegate-metrics)
-set(CPACK_PACKAGE_VENDOR "tidegate")
-set(CPACK_PACKAGE_CONTACT "tidegate maintainers <maintainers@tidegate.invalid>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
-set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL runtime dev)
-if(TIDEGATE_BUILD_AGENT)
-  list(APPEND CPACK_COMPONENTS_ALL tools)
-endif()
-set(CPACK_COMPONENTS_GROUPING IGNORE)
-set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "${PROJECT_DESCRIPTION}: the shared library")
-set(CPACK_COMPONENT_DEV_DESCRIPTION "${PROJECT_DESCRIPTION}: headers and build files")
-set(CPACK_COMPONENT_TOOLS_DESCRIPTION "Receives, shows and forwards the metrics of this host")
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libtidegate-metrics${PROJECT_VERSION_MAJOR})
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/triggers)
-set(CPACK_DEBIAN_DEV_PACKAGE_NAME libtidegate-metrics-dev)
-set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
-    "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}), zlib1g-dev")
-set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tidegate-agent)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
-# To forward by https.
-set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS ca-certificates)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/postinst
-                                             ${PROJECT_SOURCE_DIR}/cmake/debian/conffiles)
-file(WRITE ${PROJECT_BINARY_DIR}/triggers "activate-noawait ldconfig\n")
-include(CPack)

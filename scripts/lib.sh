@@ -4,11 +4,12 @@
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 JOBS=${JOBS:-2}
 
-BUILD_PACKAGES=(g++ cmake ninja-build ccache zlib1g-dev libgtest-dev libgmock-dev libbenchmark-dev
-  libcli11-dev nlohmann-json3-dev libcpp-httplib-dev libcurl4-openssl-dev libmicrohttpd-dev
-  pkgconf)
+# What the preset `package` and cpack need; README names them.
+DEBIAN_PACKAGES=(g++ cmake ninja-build pkgconf zlib1g-dev libcli11-dev nlohmann-json3-dev
+  libcurl4-openssl-dev libmicrohttpd-dev help2man dpkg-dev file)
+BUILD_PACKAGES=("${DEBIAN_PACKAGES[@]}" ccache libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev)
 E2E_PACKAGES=(curl jq)
-CHECK_PACKAGES=(clang clang-format clang-tidy libclang-rt-14-dev doxygen dpkg-dev file)
+CHECK_PACKAGES=(clang clang-format clang-tidy libclang-rt-14-dev doxygen lintian systemd)
 BENCH_PACKAGES=(python3 valgrind prometheus-cpp-dev)
 
 # step <text>: says in one line what comes next.

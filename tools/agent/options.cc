@@ -56,10 +56,12 @@ void AddSeconds(CLI::App* app, const char* name, int64_t least, int64_t* seconds
 void Declare(CLI::App* app, Raw* raw) {
   Options& options = raw->options;
   app->set_version_flag("--version", "tidegate-agent " TIDEGATE_VERSION);
-  app->set_config("--config", "", "File with settings, by the same names: ttl = 60");
+  app->set_config("--config", "", "File with settings, by the same names: ttl = 60")
+      ->type_name("FILE");
   app->allow_config_extras(CLI::config_extras_mode::error);
   app->add_option("--socket", options.socket, "Path of the socket to listen on")
       ->check(PacketListener::CheckPath)
+      ->type_name("PATH")
       ->capture_default_str();
   app->add_option("--socket-mode", raw->mode, "Who may send: mode of the socket file, octal")
       ->check(CheckMode)
