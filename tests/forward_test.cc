@@ -44,24 +44,19 @@ Block MakeBlock(uint8_t type, const std::string& name, const std::vector<std::st
   return block;
 }
 
-// What `writer` makes of a block of the tenant t1.
-std::string Lines(const Block& block, LineWriter* writer) {
+std::string Lines(const Block& block, bool label_pid = false) {
+  LineWriter writer(label_pid);
   Packet packet;
   packet.tenant = "t1";
   const ClientId client{42};
-  writer->StartBlock(packet, client, block);
+  writer.StartBlock(packet, client, block);
   std::string lines;
   for (const Series& record : block.series) {
     const size_t before = lines.size();
-    const bool appended = writer->AppendRecord(record, &lines);
+    const bool appended = writer.AppendRecord(record, &lines);
     EXPECT_EQ(appended, lines.size() > before);
   }
   return lines;
-}
-
-std::string Lines(const Block& block, bool label_pid = false) {
-  LineWriter writer(label_pid, [](const std::string& /*collision*/) {});
-  return Lines(block, &writer);
 }
 
 TEST(LineProtocolTest, WritesEachKindAsTheMappingSays) {
@@ -74,14 +69,23 @@ TEST(LineProtocolTest, WritesEachKindAsTheMappingSays) {
     const char* lines;
   } kCases[] = {
       {MakeBlock(1, "#m#\\", {}, {{0, {{"k ", "=,\\"}}, {}, {1e300}}}),
-       "_m#_,tenant=t1,k\\ =\\=\\,_ value=1e+300 1700000000000000000\n"},
+       "\\x23m#\\x5c,tenant=t1,k\\ =\\=\\,\\x5c value=1e+300 1700000000000000000\n"},
+      // Values that differ in what cannot be carried, or in its form.
+      {MakeBlock(1, "", {},
+                 {{0, {{"a", "\xe9\xc3\xa9"}, {"b", "\\xe9"}, {"c", "C:\\d\\\n"}}, {}, {1}}}),
+       "\\x,tenant=t1,a=\\xe9\xc3\xa9,b=\\x5cxe9,c=C:\\d\\x5c\\x0a value=1 1700000000000000000\n"},
+      // Keys that InfluxDB keeps for itself, and those that they become.
+      {MakeBlock(
+           7, "m", {"time", "exported_time", "_field"},
+           {{0, {{"_measurement", "1"}, {"exported_time", "2"}, {"time", "time"}}, {}, {1, 2, 3}}}),
+       "m,tenant=t1,exported__measurement=1,exported_exported_time=2,exported_time=time "
+       "exported_time=1,exported_exported_time=2,exported__field=3 1700000000000000000\n"},
       {MakeBlock(7, "m", {"a", "b.c", "d"}, {{0, {}, {0, 2}, {1, -2}}, {0, {}, {1}, {9}}}),
        "m,tenant=t1 a=1,d=-2 1700000000000000000\n"
        "m,tenant=t1 b.c=9 1700000000000000000\n"},
-      // Two bounds that are one in six digits, and two keys that are one without control
-      // characters.
+      // Two bounds that are one in six digits.
       {MakeBlock(6, "m.h", {"hist:b-0.0", "hist:b-1.0", "hist:b-1.0", "hist:sum", "hist:count"},
-                 {{0, {{"le", "x"}, {"x\ny", "1"}, {"x_y", "2"}}, {}, {2, 3, 4, 8, 9}}}),
+                 {{0, {{"le", "x"}, {"x_y", "1"}}, {}, {2, 3, 4, 8, 9}}}),
        "m.h,tenant=t1,exported_le=x,x_y=1 b-0.0=2,b-1.0=7,sum=8,count=9 1700000000000000000\n"
        "m.h,tenant=t1,exported_le=x,x_y=1,le=1 bucket=5 1700000000000000000\n"
        "m.h,tenant=t1,exported_le=x,x_y=1,le=+Inf bucket=9 1700000000000000000\n"},
@@ -90,13 +94,8 @@ TEST(LineProtocolTest, WritesEachKindAsTheMappingSays) {
       {MakeBlock(7, "m", {std::string(200 << 10, 'a'), std::string(100 << 10, 'b')},
                  {{0, {}, {}, {1, 1}}}),
        ""},
-      // Columns that become one: the first of those that the row has, even if it has no number.
-      {MakeBlock(
-           7, "m", {"a\"", "a_", "b", "a_"},
-           {{0, {}, {}, {1, 2, 3, 4}}, {0, {}, {1, 3}, {2, 4}}, {0, {}, {}, {kNan, 2, 3, 4}}}),
-       "m,tenant=t1 a_=1,b=3 1700000000000000000\n"
-       "m,tenant=t1 a_=2,a_=4 1700000000000000000\n"
-       "m,tenant=t1 b=3 1700000000000000000\n"},
+      {MakeBlock(7, "m", {"a\"", "a_"}, {{0, {}, {}, {1, 2}}}),
+       "m,tenant=t1 a\\x22=1,a_=2 1700000000000000000\n"},
       // What is no number is left out, with its line where nothing else is in it.
       {MakeBlock(7, "m", {"a", "b", "c"}, {{0, {}, {}, {kNan, 4, kInfinity}}}),
        "m,tenant=t1 b=4 1700000000000000000\n"},
@@ -108,68 +107,6 @@ TEST(LineProtocolTest, WritesEachKindAsTheMappingSays) {
   EXPECT_EQ(Lines(block, true), "m,tenant=t1,pid=42 value=1 1700000000000000000\n");
   block.timestamp = std::numeric_limits<int64_t>::max() / 1000;
   EXPECT_EQ(Lines(block), "");
-}
-
-class LineCollisionTest : public testing::Test {
- protected:
-  // A gauge if there is no column.
-  void Write(const std::string& name, const std::string& column, const std::string& tag) {
-    const std::vector<Tag> tags = {{tag, "v"}};
-    Lines(column.empty() ? MakeBlock(1, name, {}, {{0, tags, {}, {1}}})
-                         : MakeBlock(7, name, {column}, {{0, tags, {}, {1}}}),
-          &writer_);
-  }
-
-  std::vector<std::string> reports_;
-  LineWriter writer_{false, [this](const std::string& line) { reports_.push_back(line); }};
-};
-
-TEST_F(LineCollisionTest, IsReportedOnceForEachPairInEitherOrder) {
-  const struct {
-    const char *name, *column, *tag;
-  } kBlocks[] = {{"a\nb", "", "t"},    {"a_b", "", "t"},      {"a\1b", "", "t"},
-                 {"a_b", "", "k\xff"}, {"a_b", "c", "k_"},    {"m n", "f\"", "t"},
-                 {"m n", "f_", "t"},   {"other", "f_", "k_"}, {"m n", "t", "f_"}};
-  const auto write = [&](const std::vector<size_t>& order) {
-    for (const size_t i : order) Write(kBlocks[i].name, kBlocks[i].column, kBlocks[i].tag);
-  };
-  write({1, 4, 6, 7, 8, 7, 6, 8, 4, 1});
-  EXPECT_THAT(reports_, IsEmpty());  // no name is altered
-  write({0, 2, 3, 5});
-  // Against what is remembered a name is found at once; one that came before, when it comes again.
-  for (int i = 0; i < 2; ++i) write({8, 7, 6, 4, 1, 5, 3, 2, 0});
-  EXPECT_THAT(
-      reports_,
-      ElementsAre(
-          StartsWith(R"(the measurements "a\nb" and "a\x01b" are both forwarded as "a_b": )"),
-          StartsWith(R"(the measurements "a\nb" and "a_b" are both forwarded as "a_b": )"),
-          R"(the fields "f\"" and "f_" of "m\\ n" are both forwarded as "f_": )"
-          "their values are mixed there, and a line has only the first of them, rename one",
-          StartsWith(R"(the tags "k\xff" and "k_" of "a_b" are both forwarded as "k_": )")));
-}
-
-TEST_F(LineCollisionTest, IsFoundForTheFirstThousandNamesThatAreNotTooLong) {
-  // One in the same line; it is remembered as all others.
-  Lines(MakeBlock(1, "m", {}, {{0, {{"k\n", "1"}, {"k_", "2"}}, {}, {1}}}), &writer_);
-  EXPECT_EQ(reports_.size(), 1U);
-  // Both forms are kept, with two bytes more.
-  const size_t longest = (AlteredNames::kMaxNameBytes - 2) / 2;
-  Write(std::string(longest, 'n') + '\n', "", "t");
-  Write(std::string(longest, 'n') + '_', "", "t");
-  EXPECT_EQ(reports_.size(), 1U);
-  Write(std::string(longest - 1, 'n') + '\n', "", "t");
-  Write(std::string(longest - 1, 'n') + '_', "", "t");
-  ASSERT_EQ(reports_.size(), 2U);
-  EXPECT_LT(reports_[1].size(), 2000U);
-
-  for (size_t i = 2; i < AlteredNames::kMaxNames + 1; ++i) Write(std::to_string(i) + '\n', "", "t");
-  Write(std::to_string(AlteredNames::kMaxNames) + '_', "", "t");
-  EXPECT_EQ(reports_.size(), 2U);
-  for (size_t i = 2; i < AlteredNames::kMaxNames; ++i) Write(std::to_string(i) + '_', "", "t");
-  EXPECT_EQ(reports_.size(), AlteredNames::kMaxNames);
-  // As many lines as there may be.
-  Write("2\r", "", "t");
-  EXPECT_EQ(reports_.size(), CollisionLog::kMaxLines);
 }
 
 TEST(ForwardUrlTest, TakesUrlsApart) {
@@ -374,8 +311,6 @@ TEST_F(ForwarderTest, BoundsTheQueueByBytesToo) {
   EXPECT_GT(health_.forward_queue_bytes, 50000U);
   EXPECT_LE(health_.forward_queue_bytes, 120000U);
   EXPECT_EQ(health_.forward_queue_points + health_.forward_dropped_full, 10000U);
-  for (const char* name : {"n_", "n\n", "n_", "n\n"}) Handle(1, name);
-  EXPECT_THAT(log(), ElementsAre(HasSubstr("both forwarded as \"n_\"")));
 }
 
 TEST_F(ForwarderTest, CutsLongPacketsIntoBatches) {

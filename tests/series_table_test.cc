@@ -132,10 +132,9 @@ TEST_F(SeriesTableTest, ShowsEachKindInItsFamilies) {
       {{7, "row", {"x", "y.rate", "z", "z"}, {}, {7, 8}, {1, 2}},
        "gauge row_y_rate 7\ngauge row_z 8\n"},
       {{1, "n\n\\", {}, {{"9 k", "a\"b\\c\nd\xff\xc3\xa9"}, {"__x", "1"}, {"e", ""}}, {0}},
-       "gauge n__{_9_k=\"a\\\"b\\\\c\\nd\xef\xbf\xbd\xc3\xa9\",exported__x=\"1\"} 0\n"},
-      {{1, "nul", {}, {{"k", std::string("a\0b", 3)}}, {0}},
-       "gauge nul{k=\"a\xef\xbf\xbd"
-       "b\"} 0\n"},
+       "gauge n__{_9_k=\"a\\\"b\\\\c\\nd\\\\xff\xc3\xa9\",exported__x=\"1\"} 0\n"},
+      {{1, "nul", {}, {{"k", std::string("a\0b", 3)}, {"l", "a\\x00b"}}, {0}},
+       "gauge nul{k=\"a\\\\x00b\",l=\"a\\\\x5cx00b\"} 0\n"},
       {{1, "g", {}, {{"pid", "p"}, {"tenant", "t"}, {"tenant", "u"}}, {0}},
        "gauge g{exported_tenant=\"t\",pid=\"p\"} 0\n"},
   };

@@ -7,6 +7,8 @@
 #include <set>
 #include <type_traits>
 
+#include "agent/utf8.h"
+
 #include "agent/numbers.h"
 
 namespace tidegate::agent {
@@ -54,23 +56,8 @@ void AppendNumber(double value, std::string* out) {
   }
 }
 
-// The bytes of the UTF-8 character that `text` begins with, or 0 if it begins with none. A NUL
-// counts as none: receivers take it for the end of the page.
-size_t CharacterSize(std::string_view text) {
-  const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-  const unsigned char first = byte(0);
-  if (first < 0x80) return first == 0 ? 0 : 1;
-  const size_t size = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
-  if (first < 0xc2 || first > 0xf4 || text.size() < size) return 0;
-  for (size_t i = 1; i < size; ++i) {
-    if ((byte(i) & 0xc0) != 0x80) return 0;
-  }
-  // Too long a form, a surrogate, or beyond the last character.
-  const unsigned char second = byte(1);
-  const bool odd = (first == 0xe0 && second < 0xa0) || (first == 0xed && second > 0x9f) ||
-                   (first == 0xf0 && second < 0x90) || (first == 0xf4 && second > 0x8f);
-  return odd ? 0 : size;
-}
+// As CharacterSize, but NUL counts as none: receivers take it for the end of the page.
+size_t ShownSize(std::string_view text) { return text[0] == '\0' ? 0 : CharacterSize(text); }
 
 bool IsPlain(char c) {
   return c >= ' ' && c != '\\' && c != '"';  // no byte of a longer character, as char is signed
@@ -84,7 +71,7 @@ void Escape(std::string_view text, bool quotes, const Handle& handle) {
   for (size_t i = 0; i < text.size();) {
     size_t size = 0;
     while (i + size < text.size() && IsPlain(text[i + size])) ++size;
-    if (size == 0) size = CharacterSize(text.substr(i));
+    if (size == 0) size = ShownSize(text.substr(i));
     std::string_view piece = text.substr(i, size);
     if (size == 0) {
       piece = kReplacement;
@@ -158,8 +145,12 @@ void AssignLabelName(std::string_view name, std::string* fitted) {
 
 void AppendText(std::string_view text, std::string* out) {
   while (!text.empty()) {
-    const size_t size = CharacterSize(text);
-    *out += size == 0 ? kReplacement : text.substr(0, size);
+    const size_t size = ShownSize(text);
+    if (size == 0 || text.substr(0, 2) == "\\x") {
+      AppendHexByte(text.front(), out);
+    } else {
+      *out += text.substr(0, size);
+    }
     text.remove_prefix(std::max<size_t>(size, 1));
   }
 }

@@ -23,8 +23,8 @@ std::string MetricNameOf(std::string_view name);
 // before it. Allocates nothing where `fitted` has held as much before.
 void AssignLabelName(std::string_view name, std::string* fitted);
 
-// Appends what is shown of the value of a label, before escapes: with U+FFFD for every byte that is
-// not UTF-8, and for NUL.
+// Appends what is shown of the value of a label, before escapes: as utf8.h says for every byte that
+// is not UTF-8, for NUL, and for a backslash in front of an x.
 void AppendText(std::string_view text, std::string* out);
 
 enum class FamilyType { kGauge, kCounter, kUntyped, kSummary, kHistogram };

@@ -49,7 +49,7 @@ Forwarder::Forwarder(ForwardOptions options, Health* health, Report report)
       report_(std::move(report)),
       queue_(options_.limits),
       poster_(options_.url),
-      writer_(options_.label_pid, report_),
+      writer_(options_.label_pid),
       random_(std::random_device()()) {}
 
 Forwarder::~Forwarder() { Stop(milliseconds(0)); }

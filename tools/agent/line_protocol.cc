@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <set>
 #include <utility>
 
 #include "agent/numbers.h"
@@ -16,14 +15,28 @@ constexpr int64_t kLastSecond = std::numeric_limits<int64_t>::max() / kNanosPerS
 constexpr std::string_view kValueField = "value";
 constexpr std::string_view kBucketField = "bucket";
 constexpr std::string_view kHistogramPrefix = "hist:";
+constexpr std::string_view kExported = "exported_";
 
 // Bucket lines of one record: each has the measurement and all tags, so they grow with the product
 // of what a packet holds.
 constexpr size_t kMaxBucketBytes = 16 << 20;
 
+// What receivers keep for themselves as a key: InfluxDB 1 refuses the tag `time` and drops such a
+// field, InfluxDB 2 all three. A key that would be renamed to one that exists counts as well, so
+// that no two become one.
+bool IsReserved(std::string_view key) {
+  while (key.substr(0, kExported.size()) == kExported) key.remove_prefix(kExported.size());
+  return key == "time" || key == "_measurement" || key == "_field";
+}
+
+void AppendKey(LinePart part, std::string_view key, std::string* out) {
+  if (IsReserved(key)) *out += kExported;
+  AppendEscaped(part, key, out);
+}
+
 void AppendTag(std::string_view key, std::string_view value, std::string* out) {
   *out += ',';
-  AppendEscaped(LinePart::kTag, key, out);
+  AppendKey(LinePart::kTag, key, out);
   *out += '=';
   AppendEscaped(LinePart::kTag, value, out);
 }
@@ -44,8 +57,7 @@ void LineWriter::StartBlock(const Packet& packet, const ClientId& client, const 
   fits_ = block.timestamp <= kLastSecond && block.timestamp >= -kLastSecond;
   time_ = ' ' + std::to_string(fits_ ? block.timestamp * kNanosPerSecond : 0) + '\n';
   measurement_.clear();
-  const bool altered = AppendEscaped(LinePart::kMeasurement, block.name, &measurement_);
-  names_.StartBlock(block.name, measurement_, altered);
+  AppendEscaped(LinePart::kMeasurement, block.name, &measurement_);
   EscapeFields();
   // Before any record is tried, as a packet can hold one long name and very many of them.
   fits_ = fits_ && measurement_.size() + packet.tenant.size() <= kMaxLineBytes &&
@@ -63,13 +75,9 @@ void LineWriter::StartBlock(const Packet& packet, const ClientId& client, const 
 
 void LineWriter::EscapeFields() {
   fields_.resize(block_->fields.size());
-  fields_altered_ = false;
   for (size_t i = 0; i < fields_.size(); ++i) {
-    const std::string_view name = FieldName(kind_, block_->fields[i].name);
     fields_[i].clear();
-    const bool altered = AppendEscaped(LinePart::kField, name, &fields_[i]);
-    names_.See(LinePart::kField, name, fields_[i], altered);
-    fields_altered_ = fields_altered_ || altered;
+    AppendKey(LinePart::kField, FieldName(kind_, block_->fields[i].name), &fields_[i]);
   }
 }
 
@@ -81,7 +89,6 @@ bool LineWriter::AppendRecord(const Series& record, std::string* out) {
   tried_bytes_ = head_.size();
   if (bounds_.size() * head_.size() > kMaxBucketBytes) return false;
 
-  taken_.clear();
   double merged = 0;  // of buckets with the same name as the next
   for (size_t i = 0; i < record.values.size(); ++i) {
     if (kind_ == Kind::kHistogram && i + 1 < fields_.size() && fields_[i] == fields_[i + 1]) {
@@ -89,7 +96,6 @@ bool LineWriter::AppendRecord(const Series& record, std::string* out) {
       continue;
     }
     const size_t column = record.indexes.empty() ? i : record.indexes[i];
-    if (fields_altered_ && IsTaken(column)) continue;
     AppendField(fields_.empty() ? kValueField : fields_[column],
                 std::exchange(merged, 0) + record.values[i]);
   }
@@ -99,28 +105,9 @@ bool LineWriter::AppendRecord(const Series& record, std::string* out) {
   return written;
 }
 
-// Whether another column of the record, an earlier one, has this one's name in the line.
-bool LineWriter::IsTaken(size_t column) {
-  const std::string_view name = block_->fields[column].name;
-  return taken_.try_emplace(fields_[column], name).first->second != name;
-}
-
 void LineWriter::AppendTags() {
   head_ = measurement_;
-  // Only where one is altered can two keys become one.
-  const bool usual = !names_.watches_block() &&
-                     std::all_of(tags_.begin(), tags_.end(),
-                                 [](const PointTags::Tag& tag) { return IsPlainText(tag.key); });
-  std::set<std::string> keys;
-  for (const PointTags::Tag& tag : tags_) {
-    if (!usual) {
-      std::string key;
-      const bool altered = AppendEscaped(LinePart::kTag, tag.key, &key);
-      names_.See(LinePart::kTag, tag.key, key, altered);
-      if (!keys.insert(std::move(key)).second) continue;
-    }
-    AppendTag(tag.key, tag.value, &head_);
-  }
+  for (const PointTags::Tag& tag : tags_) AppendTag(tag.key, tag.value, &head_);
 }
 
 void LineWriter::AppendField(std::string_view escaped_name, double value) {

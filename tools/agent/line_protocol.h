@@ -2,13 +2,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
-#include "agent/altered_names.h"
 #include "agent/health.h"
 #include "agent/line_escape.h"
 #include "agent/packet_reader.h"
@@ -23,17 +20,17 @@ namespace tidegate::agent {
 // lines would take more than 16 MiB gets no line at all, nor does a record whose line would be
 // longer than kMaxLineBytes, which receivers refuse as well.
 //
-// Names that become one by the escapes are reported as AlteredNames does. Points of such
-// measurements are mixed; of such tags of a series and such columns of a row a line has the first.
+// Tags and fields whose keys receivers keep for themselves (`time`, `_measurement`, `_field`) have
+// "exported_" put before their key, and so have those whose keys have just that before them
+// already.
 //
 // Not thread-safe. Keeps buffers, so that usual points are written without allocations.
 class LineWriter {
  public:
   static constexpr size_t kMaxLineBytes = size_t{256} << 10;
 
-  // With `label_pid` lines carry the process as a tag. `report` is called by the methods.
-  LineWriter(bool label_pid, CollisionLog::Reporter report)
-      : label_pid_(label_pid), names_(std::move(report)) {}
+  // With `label_pid` lines carry the process as a tag.
+  explicit LineWriter(bool label_pid) : label_pid_(label_pid) {}
 
   // Starts with the records of `block`. All three are borrowed until the last of them.
   void StartBlock(const Packet& packet, const ClientId& client, const Block& block);
@@ -47,14 +44,12 @@ class LineWriter {
 
  private:
   void EscapeFields();
-  bool IsTaken(size_t column);
   void AppendTags();
   void AppendField(std::string_view escaped_name, double value);
   bool AppendLine(std::string* out);
   void AppendBuckets(const Series& record, std::string* out);
 
   const bool label_pid_;
-  AlteredNames names_;
   const Packet* packet_ = nullptr;
   const ClientId* client_ = nullptr;
   const Block* block_ = nullptr;
@@ -62,15 +57,12 @@ class LineWriter {
   bool fits_ = false;                // its time is one in nanoseconds, no name alone is too long
   std::string measurement_;          // escaped, as all below
   std::vector<std::string> fields_;  // names of the columns
-  bool fields_altered_ = false;      // one of them at least
   std::vector<std::string> bounds_;  // of a histogram: ",le=" and the bound for each bucket
   std::string time_;                 // with the space in front and the line's end
   PointTags tags_;
   std::string head_;    // of the record: measurement and tags
   std::string values_;  // of the line: its fields
   size_t tried_bytes_ = 0;
-  // Of the record, and only if fields_altered_: the columns that hold the names of its line.
-  std::map<std::string_view, std::string_view> taken_;
 };
 
 // Appends a line for each number of the agent's own, with the tag `host` and the time of `now_ns`.

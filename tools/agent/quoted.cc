@@ -1,17 +1,18 @@
 #include "agent/quoted.h"
 
+#include "agent/utf8.h"
+
 namespace tidegate::agent {
 namespace {
 
 void AppendEscaped(char c, std::string* out) {
-  constexpr char kHex[] = "0123456789abcdef";
   const auto byte = static_cast<unsigned char>(c);
   if (c == '"' || c == '\\') {
     *out += {'\\', c};
   } else if (c == '\n') {
     *out += "\\n";
   } else if (byte < ' ' || byte > '~') {
-    *out += {'\\', 'x', kHex[byte >> 4], kHex[byte & 15]};
+    AppendHexByte(c, out);
   } else {
     *out += c;
   }

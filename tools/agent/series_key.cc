@@ -15,10 +15,10 @@ char* PutSized(std::string_view text, char* to) {
   return to + sizeof(size) + text.size();
 }
 
-// And without a NUL.
-bool IsAscii(std::string_view text) {
+// Whether AppendText leaves it as it is. False for some others as well.
+bool IsPlain(std::string_view text) {
   return std::all_of(text.begin(), text.end(),
-                     [](char c) { return static_cast<signed char>(c) > 0; });
+                     [](char c) { return static_cast<signed char>(c) > 0 && c != '\\'; });
 }
 
 }  // namespace
@@ -33,12 +33,12 @@ std::string_view SeriesKey::TakeSized(std::string_view* text) {
 
 void SeriesKey::Assign(const PointTags& tags) {
   tag_bytes_ = 0;
-  bool ascii = true;
+  bool plain = true;
   for (const PointTags::Tag& tag : tags) {
     tag_bytes_ += 2 * sizeof(uint32_t) + tag.key.size() + tag.value.size();
-    ascii = ascii && IsAscii(tag.value);
+    plain = plain && IsPlain(tag.value);
   }
-  if (!ascii) return AssignShown(tags);
+  if (!plain) return AssignShown(tags);
   text_.resize(tag_bytes_ + sizeof(uint64_t));
   char* end = text_.data();
   for (const PointTags::Tag& tag : tags) end = PutSized(tag.value, PutSized(tag.key, end));

@@ -41,7 +41,7 @@ class SeriesKey {
 
   std::string text_;
   size_t tag_bytes_ = 0;
-  std::string shown_;  // of a value that is not ASCII
+  std::string shown_;  // of a value
 };
 
 }  // namespace tidegate::agent

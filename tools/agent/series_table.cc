@@ -267,7 +267,10 @@ bool SeriesTable::HasRoom(const Target& target, bool known) {
   if (bytes_ >= options_.max_series * kBytesPerSeries) return false;
   if (page_bytes_ >= options_.max_series * kPageBytesPerSeries) return false;
   label_bytes_ = 0;
-  for (const PointTags::Tag& tag : tags_) label_bytes_ += LabelSize(tag.key, tag.value);
+  SeriesKey::ForEachTag(key_.text(), [this](std::string_view key, std::string_view value) {
+    label_bytes_ += LabelSize(key, value);
+    return true;
+  });
   return ProductOf(target) <= kMaxSeriesPageBytes;
 }
 
