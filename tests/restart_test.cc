@@ -11,6 +11,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <regex>
@@ -85,10 +86,15 @@ class RestartTest : public testing::Test {
     return bound;
   }
 
-  // Runs the agent with assignments of the environment, and descriptor 3 if there is one, as a
-  // service manager does. Waits until it listens.
   void Start(const std::vector<std::string>& flags, const std::string& environment = "",
              int passed = -1) {
+    Launch(flags, environment, passed);
+    Await(agents_.back(), "tidegate-agent: listening on " + path_);
+  }
+  // Runs the agent with assignments of the environment, and descriptor 3 if there is one, as a
+  // service manager does.
+  void Launch(const std::vector<std::string>& flags, const std::string& environment = "",
+              int passed = -1) {
     Running& agent = agents_.emplace_back();
     agent.log = dir_.File("log" + std::to_string(agents_.size()));
     const std::string script = environment + " exec \"$@\"";
@@ -106,7 +112,6 @@ class RestartTest : public testing::Test {
       execv("/bin/sh", arguments.data());
       _exit(127);
     }
-    Await(agent, "tidegate-agent: listening on " + path_);
   }
   // Waits for its end.
   void Finish(Running* agent) {
@@ -181,6 +186,32 @@ TEST_F(RestartTest, LosesNothingWhileTheServiceManagerKeepsTheSocket) {
 
   EXPECT_THAT(told, HasSubstr("STOPPING=1 READY=1 "));
   EXPECT_THAT(told, HasSubstr(" WATCHDOG=1 "));
+}
+
+TEST_F(RestartTest, LosesNothingWhileTheNextAgentTakesTheSocketOver) {
+  // The first one finds no socket, and the others a free port only because they are given it.
+  Start({"--take-over", "--http", "127.0.0.1:0"});
+  std::smatch address;
+  const std::string log = LogOf(agents_[0]);
+  ASSERT_TRUE(std::regex_search(log, address, std::regex("http://([0-9.:]+)/")));
+  const std::string http = address[1];
+  // One that asks and then cannot start changes nothing.
+  Launch({"--take-over", "--http", "192.0.2.1:1"});
+  Await(agents_.back(), "cannot serve HTTP on 192.0.2.1:1");
+  agents_.pop_back();
+  Services services(path_);
+  for (int i = 1; i <= kRestarts; ++i) {
+    std::this_thread::sleep_for(milliseconds(50));  // for some packets
+    Start({"--take-over", "--http", http, "--forward", kNoDatabase, "--drain",
+           i % 2 == 0 ? "2" : "0"});
+    Await(agents_[i], ", taken over from process " + std::to_string(agents_[i - 1].pid));
+  }
+  for (int i = 0; i < kRestarts; ++i) Finish(&agents_[i]);
+  const uint64_t sent = services.Stop();
+  EXPECT_TRUE(std::filesystem::exists(path_));
+  Terminate(&agents_.back());
+  EXPECT_FALSE(std::filesystem::exists(path_));
+  Compare(sent, received_);
 }
 
 }  // namespace

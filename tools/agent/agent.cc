@@ -68,13 +68,17 @@ int Agent::Run() {
   const bool served = Serve();
   manager_.Tell("STOPPING=1");
   const Clock::time_point end = Clock::now() + options_.drain;
-  const bool idle = served && Linger(end);
+  const bool in_time = served && Linger(end);
   if (http_) http_->Stop(std::chrono::seconds(0));
   server_.Close();
   const Clock::time_point last = std::max(end, Clock::now() + kLastWords);
   queue_.Close(last);
   decoder.join();
-  const bool printed = FinishOutputs(idle ? last : end);
+  if (const pid_t successor = server_.handed_to(); successor != 0) {
+    log_.Report("process " + std::to_string(successor) + " has taken the socket over",
+                LogLevel::kInfo);
+  }
+  const bool printed = FinishOutputs(in_time ? last : end);
   ReportTotals();
   return End(served && printed && !http_failed_ ? 0 : 1);
 }
@@ -91,13 +95,14 @@ bool Agent::Serve() {
 
 bool Agent::Linger(Clock::time_point end) {
   if (forwarder_) forwarder_->Flush();
-  bool idle = false;
+  bool in_time = true;
   const auto done = [&] {
-    idle = health_.queued_packets == 0 && (!forwarder_ || forwarder_->IsIdle());
-    return idle || Clock::now() >= end;
+    if (health_.queued_packets == 0 && (!forwarder_ || forwarder_->IsIdle())) return true;
+    in_time = Clock::now() < end;
+    return !in_time;
   };
   server_.RunUntil(std::ref(done));  // which takes no memory
-  return idle;
+  return in_time;
 }
 
 void Agent::LookAfterThings() {
@@ -133,15 +138,27 @@ bool Agent::Start() {
     forwarder_->Start();
     log_.Report("forwarding to " + options_.forward->url.shown, LogLevel::kInfo);
   }
-  log_.Report("listening on " + listener_.path(), LogLevel::kInfo);
+  if (!listener_.Confirm(&error)) {
+    log_.Report(error, LogLevel::kError);
+    return false;
+  }
+  std::string line = "listening on " + listener_.path();
+  if (taker_.from() != 0) line += ", taken over from process " + std::to_string(taker_.from());
+  if (listener_.has_file()) {
+    server_.OfferSockets(http_ ? http_->ShareListener() : UniqueFd());
+  } else {
+    line += ", a socket of the service manager";
+  }
+  log_.Report(line, LogLevel::kInfo);
   return true;
 }
 
 bool Agent::Listen(std::string* error) {
   UniqueFd socket;
   if (!ServiceManager::TakeSocket(&socket, error)) return false;
-  return socket.valid() ? listener_.Adopt(std::move(socket), error)
-                        : listener_.Make(options_.socket, options_.socket_mode, error);
+  if (socket.valid()) return listener_.Adopt(std::move(socket), error);
+  return listener_.Make(options_.socket, options_.socket_mode,
+                        options_.take_over ? &taker_ : nullptr, error);
 }
 
 bool Agent::StartHttp(std::string* error) {
@@ -149,7 +166,7 @@ bool Agent::StartHttp(std::string* error) {
   http_.emplace([this](std::string* page) { AppendPage(page); },
                 [this](const std::string& line) { log_.ReportSome(line); }, [this] { HttpEnded(); },
                 &health_);
-  if (!http_->Start(options_.http, error)) return false;
+  if (!http_->Start(options_.http, error, std::move(taker_.http()))) return false;
   log_.Report("serving " + http_->url() + "/metrics", LogLevel::kInfo);
   return true;
 }

@@ -10,6 +10,7 @@
 #include "agent/connected_processes.h"
 #include "agent/decoder.h"
 #include "agent/forwarder.h"
+#include "agent/hand_over.h"
 #include "agent/health.h"
 #include "agent/http_server.h"
 #include "agent/log.h"
@@ -59,7 +60,7 @@ class Agent {
   bool Listen(std::string* error);
   bool StartHttp(std::string* error);
   bool Serve();
-  // Serves on until nothing waits to be handed on, but not beyond `end`. False if something does.
+  // Serves on until nothing waits to be handed on. False if it still does at `end`.
   bool Linger(Clock::time_point end);
   // Once a second, on the decoder's thread.
   void LookAfterThings();
@@ -81,6 +82,7 @@ class Agent {
   ServiceManager manager_;
   PacketQueue queue_;
   ConnectedProcesses connected_;
+  HandOverTaker taker_;
   PacketListener listener_;
   SeqpacketServer server_;
   SeriesTable table_;

@@ -1,5 +1,6 @@
 #include "agent/http_server.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -63,7 +64,7 @@ bool HttpServer::SplitAddress(const std::string& address, std::string* host, int
   return result.ec == std::errc() && result.ptr == end && *port >= 0 && *port <= 65535;
 }
 
-bool HttpServer::Start(const std::string& address, std::string* error) {
+bool HttpServer::Start(const std::string& address, std::string* error, UniqueFd present) {
   std::string host;
   int port = 0;
   if (!SplitAddress(address, &host, &port)) {
@@ -71,7 +72,7 @@ bool HttpServer::Start(const std::string& address, std::string* error) {
     return false;
   }
   std::string reason;
-  listener_ = ListenOn(host, &port, &reason);
+  listener_ = ListenOn(host, &present, &port, &reason);
   if (!listener_.valid()) {
     *error = "cannot serve HTTP on " + address + ": " + reason;
     return false;
@@ -105,6 +106,10 @@ bool HttpServer::Stop(std::chrono::milliseconds most) {
   }
   thread_.join();
   return true;
+}
+
+UniqueFd HttpServer::ShareListener() const {
+  return UniqueFd(fcntl(listener_.get(), F_DUPFD_CLOEXEC, 0));
 }
 
 void HttpServer::Wake() {

@@ -35,11 +35,15 @@ class HttpServer {
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
-  // Binds to an address and serves; port 0 is any free one. Returns false and says why in `error`.
-  bool Start(const std::string& address, std::string* error);
+  // Binds to an address and serves; port 0 is any free one. A socket that listens there already can
+  // be given as `present`. Returns false and says why in `error`.
+  bool Start(const std::string& address, std::string* error, UniqueFd present = UniqueFd());
 
   // Ends after the answers under way. False if they take longer than `most`. Safe twice.
   bool Stop(std::chrono::milliseconds most);
+
+  // A further descriptor of its socket. REQUIRES: Start succeeded, and Stop was not called.
+  UniqueFd ShareListener() const;
 
   // Where it listens, as "http://127.0.0.1:9464". REQUIRES: Start succeeded.
   const std::string& url() const { return url_; }

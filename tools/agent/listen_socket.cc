@@ -6,8 +6,10 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstring>
 #include <memory>
 #include <system_error>
+#include <utility>
 
 namespace tidegate::agent {
 namespace {
@@ -43,9 +45,16 @@ int PortOf(const UniqueFd& fd) {
                                              : reinterpret_cast<sockaddr_in&>(address).sin_port);
 }
 
+bool IsAt(const UniqueFd& fd, const addrinfo& address) {
+  sockaddr_storage found = {};
+  socklen_t size = sizeof(found);
+  return getsockname(fd.get(), reinterpret_cast<sockaddr*>(&found), &size) == 0 &&
+         size == address.ai_addrlen && std::memcmp(&found, address.ai_addr, size) == 0;
+}
+
 }  // namespace
 
-UniqueFd ListenOn(const std::string& host, int* port, std::string* error) {
+UniqueFd ListenOn(const std::string& host, UniqueFd* present, int* port, std::string* error) {
   addrinfo hints = {};
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
@@ -57,7 +66,7 @@ UniqueFd ListenOn(const std::string& host, int* port, std::string* error) {
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> addresses(found, freeaddrinfo);
   int failure = 0;
   for (const addrinfo* address = found; address != nullptr; address = address->ai_next) {
-    UniqueFd fd = Listen(*address);
+    UniqueFd fd = IsAt(*present, *address) ? std::move(*present) : Listen(*address);
     if (fd.valid()) {
       *port = PortOf(fd);
       return fd;

@@ -66,6 +66,8 @@ void Declare(CLI::App* app, Raw* raw) {
   app->add_option("--socket-mode", raw->mode, "Who may send: mode of the socket file, octal")
       ->check(CheckMode)
       ->capture_default_str();
+  app->add_flag("--take-over", options.take_over,
+                "Get the socket from an agent of the same user that has it, which then ends");
   app->add_option("--print", raw->print, "Print every point: text, or json for JSON lines")
       ->check(CLI::IsMember({"text", "json"}));
   app->add_flag("--quiet", raw->quiet, "Print no points, only errors and the totals");

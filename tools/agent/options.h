@@ -16,6 +16,7 @@ namespace tidegate::agent {
 struct Options {
   std::string socket = "/opt/tmp/sock/metric_seqpacket.sock";
   mode_t socket_mode = 0666;
+  bool take_over = false;
   std::optional<PrintFormat> print;
   bool label_pid = false;
   std::string http;  // "host:port"; empty: none

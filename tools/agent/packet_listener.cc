@@ -7,13 +7,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstring>
 #include <filesystem>
 #include <system_error>
+#include <thread>
 #include <utility>
-
-#include "agent/start_lock.h"
 
 namespace tidegate::agent {
 namespace {
@@ -21,6 +21,10 @@ namespace {
 // Connections that the agent has not come to: of each, the kernel keeps what its client has sent,
 // also after the client has gone. More clients wait, for as long as they themselves allow.
 constexpr int kBacklog = 128;
+
+// An agent that is asked for its socket when it just ends needs so many of them to have ended.
+constexpr std::chrono::milliseconds kPause(20);
+constexpr int kPauses = 250;
 
 std::string ErrnoText() { return std::generic_category().message(errno); }
 
@@ -44,8 +48,9 @@ std::string Named(const std::string& path, const struct stat& info) {
   return info.st_uid == geteuid() ? path : path + " of user " + std::to_string(info.st_uid);
 }
 
-// Removes the socket file of a process that is gone; an empty place is fine as well.
-bool MakeRoom(const sockaddr_un& address, std::string* error) {
+// Removes the socket file of a process that is gone; an empty place is fine as well. Connects to
+// one that is there, which keeps `rival` as a connection.
+bool MakeRoom(const sockaddr_un& address, UniqueFd* rival, std::string* error) {
   const std::string path = address.sun_path;
   struct stat info;
   if (lstat(path.c_str(), &info) != 0) {
@@ -57,10 +62,11 @@ bool MakeRoom(const sockaddr_un& address, std::string* error) {
     *error = Named(path, info) + " exists and is not a socket";
     return false;
   }
-  const UniqueFd probe(NewSocket());
+  UniqueFd probe(NewSocket());
+  const bool connected = connect(probe.get(), AsSockaddr(&address), sizeof(address)) == 0;
   // EAGAIN is a full listen queue, EPROTOTYPE a bound socket of another kind.
-  if (connect(probe.get(), AsSockaddr(&address), sizeof(address)) == 0 || errno == EAGAIN ||
-      errno == EPROTOTYPE) {
+  if (connected || errno == EAGAIN || errno == EPROTOTYPE) {
+    if (connected) *rival = std::move(probe);
     *error = "another process is listening on " + Named(path, info);
     return false;
   }
@@ -90,7 +96,8 @@ std::string PacketListener::CheckPath(const std::string& path) {
          " bytes";
 }
 
-bool PacketListener::Make(const std::string& path, mode_t mode, std::string* error) {
+bool PacketListener::Make(const std::string& path, mode_t mode, HandOverTaker* taker,
+                          std::string* error) {
   const std::filesystem::path folder = std::filesystem::path(path).parent_path();
   if (!folder.empty()) {
     std::error_code failure;
@@ -100,28 +107,70 @@ bool PacketListener::Make(const std::string& path, mode_t mode, std::string* err
       return false;
     }
   }
-  StartLock lock;
-  return lock.Take(path + ".lock", error) && Bind(path, mode, error);
+  if (!lock_.emplace().Take(path + ".lock", error)) return false;
+  if (!Open(path, mode, taker, error)) return false;
+  if (taker_ == nullptr) lock_.reset();
+  return true;
 }
 
-bool PacketListener::Bind(const std::string& path, mode_t mode, std::string* error) {
+bool PacketListener::Open(const std::string& path, mode_t mode, HandOverTaker* taker,
+                          std::string* error) {
   sockaddr_un address;
-  if (!MakeAddress(path, &address, error) || !MakeRoom(address, error)) return false;
+  if (!MakeAddress(path, &address, error)) return false;
+  for (int i = 0; i < kPauses; ++i) {
+    UniqueFd rival;
+    if (MakeRoom(address, &rival, error)) return Bind(address, mode, error);
+    if (taker == nullptr || !rival.valid()) return false;
+    const HandOverTaker::Answer answer = taker->Ask(std::move(rival));
+    if (answer == HandOverTaker::Answer::kOffer) {
+      taker_ = taker;
+      if (!Adopt(std::move(taker->services()), error)) return false;
+      path_ = path;  // the other one's may be another way to it
+      return NoteFile(error);
+    }
+    if (answer == HandOverTaker::Answer::kNone) break;
+    std::this_thread::sleep_for(kPause);
+  }
+  *error += ", which does not hand it over";
+  return false;
+}
+
+bool PacketListener::Bind(const sockaddr_un& address, mode_t mode, std::string* error) {
   socket_ = UniqueFd(NewSocket());
-  path_ = path;
-  struct stat info;
-  if (!socket_.valid() || bind(socket_.get(), AsSockaddr(&address), sizeof(address)) != 0 ||
-      lstat(path.c_str(), &info) != 0) {
-    *error = "cannot make the socket " + path + ": " + ErrnoText();
+  path_ = address.sun_path;
+  if (!socket_.valid() || bind(socket_.get(), AsSockaddr(&address), sizeof(address)) != 0) {
+    *error = "cannot make the socket " + path_ + ": " + ErrnoText();
     return false;
   }
+  if (!NoteFile(error)) return false;
   has_file_ = true;
+  if (chmod(path_.c_str(), mode) != 0 || listen(socket_.get(), kBacklog) != 0) {
+    *error = "cannot listen on " + path_ + ": " + ErrnoText();
+    return false;
+  }
+  return true;
+}
+
+bool PacketListener::NoteFile(std::string* error) {
+  struct stat info;
+  if (lstat(path_.c_str(), &info) != 0) {
+    *error = "cannot look at " + path_ + ": " + ErrnoText();
+    return false;
+  }
   file_device_ = info.st_dev;
   file_inode_ = info.st_ino;
-  if (chmod(path.c_str(), mode) != 0 || listen(socket_.get(), kBacklog) != 0) {
-    *error = "cannot listen on " + path + ": " + ErrnoText();
-    return false;
+  return true;
+}
+
+bool PacketListener::Confirm(std::string* error) {
+  if (taker_ != nullptr) {
+    has_file_ = taker_->Take();
+    if (!has_file_) {
+      *error = "process " + std::to_string(taker_->from()) + " keeps the socket " + path_;
+      return false;
+    }
   }
+  lock_.reset();
   return true;
 }
 

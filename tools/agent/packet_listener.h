@@ -1,17 +1,22 @@
 #pragma once
 
 #include <sys/types.h>
+#include <sys/un.h>
 
+#include <optional>
 #include <string>
 
+#include "agent/hand_over.h"
+#include "agent/start_lock.h"
 #include "agent/unique_fd.h"
 
 namespace tidegate::agent {
 
-// The SOCK_SEQPACKET unix socket that services connect to: either the agent makes it at a path, or
-// the service manager passes it on, and keeps it when the agent ends.
+// The SOCK_SEQPACKET unix socket that services connect to: the agent makes it at a path or takes it
+// over from another agent there, or the service manager passes it on, and keeps it when the agent
+// ends.
 //
-// Threads: one. Owns the descriptor, and the socket file of a socket that it made.
+// Threads: one. Owns the descriptor, and the socket file unless it is the service manager's.
 class PacketListener {
  public:
   PacketListener() = default;
@@ -24,8 +29,14 @@ class PacketListener {
 
   // Opens the socket, once per object, as a file of that mode. Makes the missing folders of `path`
   // and takes the place of a socket file that nobody listens on; anything else that stands at
-  // `path` is left alone and is an error. Returns false and says why in `error`.
-  bool Make(const std::string& path, mode_t mode, std::string* error);
+  // `path` is left alone and is an error. But with a `taker`, which it borrows, it gets the socket
+  // of an agent that listens there; that one goes on until Confirm. Returns false and says why in
+  // `error`.
+  bool Make(const std::string& path, mode_t mode, HandOverTaker* taker, std::string* error);
+
+  // To be called after Make, when nothing else can fail. Returns false and says why in `error` if
+  // the agent that has listened so far keeps the socket.
+  bool Confirm(std::string* error);
 
   // Takes a socket that listens already, instead of Make. Returns false and says why in `error` if
   // it is not one of this kind.
@@ -35,16 +46,26 @@ class PacketListener {
   int fd() const { return socket_.get(); }
   // Where it listens.
   const std::string& path() const { return path_; }
+  // False for a socket of the service manager.
+  bool has_file() const { return has_file_; }
 
-  // From here on nobody can connect to a socket that was made: its file is gone, and those who wait
-  // to be accepted are the last ones. One that was adopted is let go, and others wait there for
-  // whoever has it next: fd() is -1 then.
+  // Another process has the socket from now on, and its file.
+  void GiveAway() { has_file_ = false; }
+
+  // From here on nobody can connect to a socket that is the agent's own: its file is gone, and
+  // those who wait to be accepted are the last ones. Any other one is let go, and those who connect
+  // there wait for whoever has it next: fd() is -1 then.
   void End();
 
  private:
-  bool Bind(const std::string& path, mode_t mode, std::string* error);
+  bool Open(const std::string& path, mode_t mode, HandOverTaker* taker, std::string* error);
+  bool Bind(const sockaddr_un& address, mode_t mode, std::string* error);
+  // Which file is at path_.
+  bool NoteFile(std::string* error);
   void RemoveFile();
 
+  std::optional<StartLock> lock_;   // while it starts
+  HandOverTaker* taker_ = nullptr;  // has something to take
   UniqueFd socket_;
   std::string path_;
   bool has_file_ = false;  // there is a socket file of ours

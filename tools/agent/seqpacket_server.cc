@@ -1,5 +1,6 @@
 #include "agent/seqpacket_server.h"
 
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -13,6 +14,7 @@
 #include <new>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 namespace tidegate::agent {
 namespace {
@@ -60,8 +62,15 @@ bool SeqpacketServer::Listen(PacketListener* listener, std::string* error) {
   return false;
 }
 
+void SeqpacketServer::OfferSockets(UniqueFd http) {
+  std::vector<UniqueFd> sockets;
+  sockets.emplace_back(fcntl(listener_->fd(), F_DUPFD_CLOEXEC, 0));
+  if (http.valid()) sockets.push_back(std::move(http));
+  giver_.Offer(std::move(sockets));
+}
+
 bool SeqpacketServer::Run(std::string* error) {
-  while (!stopped_) {
+  while (!stopped_ && handed_to() == 0) {
     if (!RunOnce(-1)) {
       *error = "cannot wait for clients: " + ErrnoText();
       return false;
@@ -71,7 +80,7 @@ bool SeqpacketServer::Run(std::string* error) {
 }
 
 void SeqpacketServer::RunUntil(const std::function<bool()>& done) {
-  while (!done() && RunOnce(kDoneMillis)) {
+  while (handed_to() == 0 && !done() && RunOnce(kDoneMillis)) {
   }
 }
 
@@ -192,12 +201,15 @@ SeqpacketServer::ReadResult SeqpacketServer::ReadSome(const Client& client) {
     header.msg_controllen = sizeof(control);
     const ssize_t received = recvmsg(fd, &header, 0);
     if (received < 0 || (received == 0 && header.msg_controllen == 0)) return ReadResult::kGone;
+    if (giver_.Answer(fd, client.id.connection, {message.data.get(), message.size})) continue;
     on_message_(std::move(message));
   }
   return ReadResult::kMore;
 }
 
 void SeqpacketServer::Close() {
+  if (handed_to() != 0) listener_->GiveAway();
+  giver_.Offer({});
   listener_->End();
   // Clients that did not fit into the free descriptors have their turn once others are closed.
   do {

@@ -9,6 +9,7 @@
 #include <unordered_map>
 
 #include "agent/connected_processes.h"
+#include "agent/hand_over.h"
 #include "agent/packet_listener.h"
 #include "agent/packet_sink.h"
 #include "agent/unique_fd.h"
@@ -46,15 +47,23 @@ class SeqpacketServer {
   // Listens, once per object. Returns false and says why in `error`.
   bool Listen(PacketListener* listener, std::string* error);
 
-  // Serves until Stop. Returns false, with `error`, if it could not go on. REQUIRES: Listen
-  // succeeded.
+  // From now on hands the listener over to another agent that asks for it, and `http` with it, a
+  // socket that listens for HTTP, if there is one.
+  void OfferSockets(UniqueFd http);
+
+  // Serves until Stop, or until it has handed over. Returns false, with `error`, if it could not go
+  // on. REQUIRES: Listen succeeded.
   bool Run(std::string* error);
 
-  // After Run, goes on like it until `done`, which it asks some fifty times a second.
+  // After Run, goes on like it until `done`, which it asks some fifty times a second, or until it
+  // has handed over.
   void RunUntil(const std::function<bool()>& done);
 
-  // After Run, ends the listener and all connections: no client can send any more, and what they
-  // had sent by then is still handed to the handler.
+  // The process that it has handed over to, or 0.
+  pid_t handed_to() const { return giver_.given_to(); }
+
+  // After Run, ends the listener, unless it is someone else's, and all connections: no client can
+  // send any more, and what they had sent by then is still handed to the handler.
   void Close();
 
   // Ends Run, also one that starts later. Does not wait. Safe twice, and in a signal handler.
@@ -88,6 +97,7 @@ class SeqpacketServer {
   const uint64_t most_clients_;
   ConnectedProcesses* const processes_;
   PacketListener* listener_ = nullptr;
+  HandOverGiver giver_;
   std::unordered_map<int, Client> clients_;
   uint64_t connections_ = 0;  // so far
   std::atomic<uint64_t>* const client_count_;
