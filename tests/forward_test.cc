@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <filesystem>
 #include <functional>
 #include <limits>
 #include <mutex>
@@ -215,6 +216,12 @@ class ForwarderTest : public testing::Test {
     const std::lock_guard<std::mutex> lock(mutex_);
     return log_;
   }
+  // One on which nobody listens.
+  static int FreePort() {
+    Database gone;
+    gone.Serve({Status(204)});
+    return gone.port();
+  }
   std::string Url() const { return "http://127.0.0.1:" + std::to_string(database_.port()); }
 
   Database database_;  // outlives the forwarder, whose open connection it would wait for
@@ -278,12 +285,7 @@ TEST_F(ForwarderTest, DropsWhatIsRefusedAndQuotesTheServerOnce) {
 }
 
 TEST_F(ForwarderTest, KeepsTheNewestWhileNobodyListens) {
-  int port = 0;
-  {
-    Database gone;
-    gone.Serve({Status(204)});
-    port = gone.port();
-  }
+  const int port = FreePort();
   ForwardOptions options = Options("http://127.0.0.1:" + std::to_string(port));
   options.limits.queue_points = 5;
   Make(options);
@@ -300,6 +302,56 @@ TEST_F(ForwarderTest, KeepsTheNewestWhileNobodyListens) {
   EXPECT_THAT(database_.bodies(),
               ElementsAre(LineOf(21), LineOf(22), LineOf(23), LineOf(24), LineOf(25)));
   EXPECT_EQ(health_.forward_dropped_empty, 1U);
+}
+
+TEST_F(ForwarderTest, SpoolsAnOutageThatIsLongerThanItsQueueAndItself) {
+  char folder[] = "/tmp/forward_XXXXXX";
+  ASSERT_NE(mkdtemp(folder), nullptr);
+  const int port = FreePort();
+  ForwardOptions options = Options("http://127.0.0.1:" + std::to_string(port));
+  options.limits.queue_points = 10;
+  options.spool.folder = folder;
+  options.spool.retry = milliseconds(1);
+  options.timeout = seconds(3600);
+  int value = 0;
+  const auto run_for = [&](int values) {
+    for (const int end = value + values; value < end;) {
+      Handle(++value);
+      ASSERT_TRUE(Await([&] { return health_.forward_queue_points <= 5; }));
+    }
+  };
+  Make(options);
+  forwarder_->Start();
+  run_for(50);
+  forwarder_->Stop(milliseconds(0));
+  EXPECT_EQ(health_.forward_spool_points, 50U);
+
+  // A database that does not answer keeps nothing from the spool.
+  std::atomic<bool> answers{false};
+  database_.Serve({[&](const httplib::Request& /*request*/, httplib::Response& reply) {
+                     EXPECT_TRUE(Await([&] { return answers.load(); }));
+                     reply.status = 503;
+                   },
+                   Status(204)},
+                  port);
+  Make(options);
+  forwarder_->Start();
+  ASSERT_TRUE(Await([&] { return !database_.requests().empty(); }));
+  run_for(50);
+  forwarder_->Stop(milliseconds(0));
+  EXPECT_EQ(health_.forward_spool_points, 100U);
+  answers = true;
+
+  Make(options);
+  forwarder_->Start();
+  run_for(50);
+  EXPECT_TRUE(Await([&] { return health_.forwarded_points == 150; }));
+  std::vector<std::string> lines = {LineOf(1)};
+  for (int i = 1; i <= value; ++i) lines.push_back(LineOf(i));
+  EXPECT_EQ(database_.bodies(), lines);
+  EXPECT_EQ(health_.ForwardDropped(), 0U);
+  forwarder_->Stop(seconds(20));
+  std::filesystem::remove_all(folder);
 }
 
 TEST_F(ForwarderTest, BoundsTheQueueByBytesToo) {

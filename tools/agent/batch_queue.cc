@@ -1,12 +1,16 @@
 #include "agent/batch_queue.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace tidegate::agent {
 namespace {
 
 // A full queue drops whole batches, so a batch must be a small part of it.
 constexpr uint64_t kBatchesInQueue = 10;
+
+// The spool gets what is above this part of the queue.
+constexpr uint64_t kMarkDivisor = 2;
 
 // Behind Flush; a pause may have been worked out just before.
 constexpr std::chrono::milliseconds kLongestFlushPause{500};
@@ -21,7 +25,10 @@ BatchLimits Sane(BatchLimits limits) {
 
 }  // namespace
 
-BatchQueue::BatchQueue(const BatchLimits& limits) : limits_(Sane(limits)) {}
+BatchQueue::BatchQueue(const BatchLimits& limits, std::function<bool()> has_spooled)
+    : limits_(Sane(limits)),
+      has_spooled_(std::move(has_spooled)),
+      spooling_(has_spooled_ != nullptr) {}
 
 uint64_t BatchQueue::Append(std::string_view lines, uint64_t points) {
   const std::lock_guard<std::mutex> lock(mutex_);
@@ -31,50 +38,112 @@ uint64_t BatchQueue::Append(std::string_view lines, uint64_t points) {
     batch.front().body = lines;
     open_.swap(batch);
     open_since_ = Clock::now();
-    changed_.notify_one();  // it has a time to be closed at now
+    changed_.notify_all();  // it has a time to be closed at now
   } else {
     open_.front().body += lines;
   }
   open_.front().points += points;
   if (OpenPoints() >= limits_.batch_points || open_.front().body.size() >= limits_.batch_bytes) {
     CloseOpen();
-    changed_.notify_one();
+    changed_.notify_all();
   }
   return DropAboveLimits();
 }
 
 Batches BatchQueue::Take(Clock::time_point until) {
   std::unique_lock<std::mutex> lock(mutex_);
+  packing_ = false;
   while (true) {
     const Clock::time_point now = Clock::now();
     if (!open_.empty() && (flushing_ || now >= open_since_ + limits_.interval)) CloseOpen();
-    if (!packed_.empty() && now >= send_at_) return Pop(&packed_);
-    if (!raw_.empty()) return Pop(&raw_);
-    if (now >= until || (flushing_ && packed_.empty())) return {};
-    changed_.wait_until(lock, NextEvent(until));
+    const Next next = WhatIsNext();
+    if (next == Next::kSpooled && now >= send_at_) return {};
+    if (next == Next::kPacked && now >= send_at_) return Pop(&packed_, packed_.begin());
+    if (!raw_.empty()) {
+      packing_ = true;
+      return Pop(&raw_, raw_.begin());
+    }
+    if (now >= until || (flushing_ && next == Next::kNothing)) return {};
+    changed_.wait_until(lock, NextEvent(until, next));
   }
+}
+
+bool BatchQueue::IsSpooledDue() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return WhatIsNext() == Next::kSpooled && Clock::now() >= send_at_;
 }
 
 uint64_t BatchQueue::ReturnPacked(Batches batch) {
   const std::lock_guard<std::mutex> lock(mutex_);
+  packing_ = false;
   Count(batch.front());
   packed_.splice(packed_.end(), batch);
+  changed_.notify_all();
   return DropAboveLimits();
 }
 
 uint64_t BatchQueue::ReturnUnsent(Batches batch, Clock::time_point retry_at) {
   const std::lock_guard<std::mutex> lock(mutex_);
   send_at_ = flushing_ ? std::min(retry_at, Clock::now() + kLongestFlushPause) : retry_at;
+  if (batch.empty()) return 0;
+  batch.front().older = spooling_ || HasSpooled();
   Count(batch.front());
   packed_.splice(packed_.begin(), batch);
+  changed_.notify_all();
   return DropAboveLimits();
+}
+
+Batches BatchQueue::TakeToSpool(Clock::time_point from, Clock::time_point until) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (!spooling_ended_) {
+    const Clock::time_point now = Clock::now();
+    if (now >= until) break;
+    // A batch that is being packed may be the oldest.
+    if (now >= from && !packing_ && IsAboveMark()) {
+      const auto packed = FirstToSpool();
+      const bool is_packed = packed != packed_.end();
+      if (is_packed || !raw_.empty()) {
+        spooling_ = true;
+        return is_packed ? Pop(&packed_, packed) : Pop(&raw_, raw_.begin());
+      }
+    }
+    changed_.wait_until(lock, now < from ? std::min(from, until) : until);
+  }
+  return {};
+}
+
+uint64_t BatchQueue::ReturnFromSpool(Batches batch) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  spooling_ = false;
+  changed_.notify_all();
+  if (batch.empty()) return 0;
+  Count(batch.front());
+  if (batch.front().packed) {
+    packed_.splice(FirstToSpool(), batch);
+  } else {
+    raw_.splice(raw_.begin(), batch);
+  }
+  return DropAboveLimits();
+}
+
+void BatchQueue::StopSpooling() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  spooling_ended_ = true;
+  changed_.notify_all();
+}
+
+Batches BatchQueue::TakeRest() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  CloseOpen();
+  if (!packed_.empty()) return Pop(&packed_, packed_.begin());
+  return raw_.empty() ? Batches() : Pop(&raw_, raw_.begin());
 }
 
 void BatchQueue::Flush() {
   const std::lock_guard<std::mutex> lock(mutex_);
   flushing_ = true;
   send_at_ = Clock::now();
-  changed_.notify_one();
+  changed_.notify_all();
 }
 
 uint64_t BatchQueue::Clear() {
@@ -104,9 +173,9 @@ void BatchQueue::Count(const Batch& batch) {
   size_.bytes += batch.body.capacity();
 }
 
-Batches BatchQueue::Pop(Batches* batches) {
+Batches BatchQueue::Pop(Batches* batches, Batches::iterator at) {
   Batches batch;
-  batch.splice(batch.end(), *batches, batches->begin());
+  batch.splice(batch.end(), *batches, at);
   size_.points -= batch.front().points;
   size_.bytes -= batch.front().body.capacity();
   return batch;
@@ -115,16 +184,34 @@ Batches BatchQueue::Pop(Batches* batches) {
 uint64_t BatchQueue::DropAboveLimits() {
   uint64_t dropped = 0;
   while (size_.points > limits_.queue_points || size_.bytes > limits_.queue_bytes) {
-    dropped += Pop(packed_.empty() ? &raw_ : &packed_).front().points;
+    Batches* const oldest = packed_.empty() ? &raw_ : &packed_;
+    dropped += Pop(oldest, oldest->begin()).front().points;
   }
   return dropped;
 }
 
-BatchQueue::Clock::time_point BatchQueue::NextEvent(Clock::time_point until) const {
-  Clock::time_point next = until;
-  if (!packed_.empty()) next = std::min(next, send_at_);
-  if (!open_.empty()) next = std::min(next, open_since_ + limits_.interval);
-  return next;
+BatchQueue::Next BatchQueue::WhatIsNext() const {
+  if (!packed_.empty() && packed_.front().older) return Next::kPacked;
+  if (HasSpooled()) return Next::kSpooled;
+  if (spooling_) return Next::kBeingSpooled;
+  return packed_.empty() ? Next::kNothing : Next::kPacked;
+}
+
+// One at most is older than what is spooled, and is the first.
+Batches::iterator BatchQueue::FirstToSpool() {
+  return std::find_if(packed_.begin(), packed_.end(), [](const Batch& b) { return !b.older; });
+}
+
+bool BatchQueue::IsAboveMark() const {
+  return size_.points > limits_.queue_points / kMarkDivisor ||
+         size_.bytes > limits_.queue_bytes / kMarkDivisor;
+}
+
+BatchQueue::Clock::time_point BatchQueue::NextEvent(Clock::time_point until, Next next) const {
+  Clock::time_point event = until;
+  if (next == Next::kPacked || next == Next::kSpooled) event = std::min(event, send_at_);
+  if (!open_.empty()) event = std::min(event, open_since_ + limits_.interval);
+  return event;
 }
 
 }  // namespace tidegate::agent

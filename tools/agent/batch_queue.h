@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <mutex>
 #include <string>
@@ -15,7 +16,9 @@ namespace tidegate::agent {
 struct Batch {
   std::string body;
   uint64_t points = 0;
-  bool packed = false;  // compressed: ready to be sent
+  bool packed = false;   // compressed: ready to be sent
+  bool older = false;    // than what was spooled while it was being sent, in vain
+  bool spooled = false;  // a copy of what is in the spool
 };
 
 struct BatchLimits {
@@ -36,16 +39,21 @@ struct QueueSize {
 };
 
 // Gathers lines into batches and keeps them, oldest first, until a thread takes them. Above a limit
-// of the queue the oldest batch goes, and its points are counted.
+// of the queue the oldest batch goes, and its points are counted. A spool, if there is one, takes
+// the oldest batches of a queue that is more than half full. Those are older than what is left
+// here, and are sent first, but for a batch that was tried before any was spooled.
 //
-// Threads: one calls Take and both Return functions, any the others. None but Take waits; the lock
-// is held for moving batches, never for compressing or sending one. What is open comes on top of
-// the limits, and what Take has handed out: a tenth of them each at most.
+// Threads: one sends, with Take, ReturnPacked and ReturnUnsent; one spools, with TakeToSpool and
+// ReturnFromSpool; any the others. None but the two Take functions wait; the lock is held for
+// moving batches, never for compressing, sending or writing one. What is open comes on top of the
+// limits, and what the Take functions have handed out: a tenth of them each at most.
 class BatchQueue {
  public:
   using Clock = std::chrono::steady_clock;
 
-  explicit BatchQueue(const BatchLimits& limits);
+  // `has_spooled` says whether a batch waits in the spool; it is called with the lock held. Nothing
+  // is sent before the first ReturnFromSpool, as the spool may have what an earlier agent left.
+  explicit BatchQueue(const BatchLimits& limits, std::function<bool()> has_spooled = {});
 
   // Those asked for, with a batch at most a tenth of the queue. From any thread.
   const BatchLimits& limits() const { return limits_; }
@@ -56,15 +64,32 @@ class BatchQueue {
 
   // The next batch, alone in its list: the oldest unpacked one while it is too early to send, else
   // the oldest packed one. Waits for a batch until `until`, after Flush only for the time to send;
-  // returns an empty list if there is none.
+  // returns an empty list if there is none, or if it is time to send one of the spool.
   Batches Take(Clock::time_point until);
+
+  // Whether it is time to send a batch of the spool.
+  bool IsSpooledDue() const;
 
   // Puts back a batch that has been packed. Returns how many points had to go for it.
   uint64_t ReturnPacked(Batches batch);
 
   // Puts back a batch that could not be sent; it is too early to send until `retry_at`, behind
-  // Flush for half a second at most. Returns how many points had to go for it.
+  // Flush for half a second at most. An empty list is for a batch that stays in the spool. Returns
+  // how many points had to go for it.
   uint64_t ReturnUnsent(Batches batch, Clock::time_point retry_at);
+
+  // The oldest batch, packed or not, for the spool: once the queue is more than half full, but not
+  // before `from`. Returns an empty list at `until`, or after StopSpooling.
+  Batches TakeToSpool(Clock::time_point from, Clock::time_point until);
+
+  // Ends what TakeToSpool began: puts back a batch that the spool did not take, and takes note of
+  // what it has. Returns how many points had to go for it.
+  uint64_t ReturnFromSpool(Batches batch);
+
+  void StopSpooling();
+
+  // The oldest batch of all that is left, open or not; an empty list if there is none.
+  Batches TakeRest();
 
   // From now on the open batch does not wait to become full or old. It is no more too early to
   // send.
@@ -76,15 +101,23 @@ class BatchQueue {
   QueueSize Size() const;
 
  private:
+  // Where the oldest batch is that can be sent.
+  enum class Next { kNothing, kPacked, kSpooled, kBeingSpooled };
+
   // All of these with mutex_ held.
   void CloseOpen();
   uint64_t OpenPoints() const { return open_.empty() ? 0 : open_.front().points; }
   void Count(const Batch& batch);
-  Batches Pop(Batches* batches);
+  Batches Pop(Batches* batches, Batches::iterator at);
   uint64_t DropAboveLimits();
-  Clock::time_point NextEvent(Clock::time_point until) const;
+  Next WhatIsNext() const;
+  Batches::iterator FirstToSpool();
+  bool HasSpooled() const { return has_spooled_ && has_spooled_(); }
+  bool IsAboveMark() const;
+  Clock::time_point NextEvent(Clock::time_point until, Next next) const;
 
   const BatchLimits limits_;
+  const std::function<bool()> has_spooled_;
 
   mutable std::mutex mutex_;  // guards everything below
   std::condition_variable changed_;
@@ -95,6 +128,9 @@ class BatchQueue {
   QueueSize size_;                // of packed_ and raw_
   Clock::time_point send_at_;     // it is too early to send before this
   bool flushing_ = false;
+  bool packing_ = false;  // the one that sends has a batch to pack it
+  bool spooling_;         // the one that spools has a batch
+  bool spooling_ended_ = false;
 };
 
 }  // namespace tidegate::agent

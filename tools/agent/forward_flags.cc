@@ -65,6 +65,14 @@ void ForwardFlags::DeclareOn(CLI::App* app) {
       ->transform(CLI::AsSizeValue(false))
       ->check(CLI::Range(kFewestBytes, kMostBytes))
       ->capture_default_str();
+  app->add_option("--spool", spool,
+                  "Folder for points that wait, where memory does not do and between two runs")
+      ->needs("--forward")
+      ->type_name("DIR");
+  app->add_option("--spool-bytes", spool_bytes, "Bytes of its files")
+      ->transform(CLI::AsSizeValue(false))
+      ->check(CLI::Range(kFewestBytes, kMostBytes))
+      ->capture_default_str();
   AddSeconds(app, "--forward-timeout", 0.1, &timeout, "Seconds for a request and its reply");
 }
 
@@ -77,6 +85,8 @@ ForwardOptions ForwardFlags::ToOptions(bool label_pid) const {
   options.limits.queue_points = queue_points;
   options.limits.queue_bytes = queue_bytes;
   options.timeout = ToMilliseconds(timeout);
+  options.spool.folder = spool;
+  options.spool.bytes = spool_bytes;
   options.host = HostName();
   options.label_pid = label_pid;
   return options;

@@ -47,14 +47,24 @@ Forwarder::Forwarder(ForwardOptions options, Health* health, Report report)
     : options_(std::move(options)),
       health_(health),
       report_(std::move(report)),
-      queue_(options_.limits),
+      spool_(options_.spool, health, report_),
+      queue_(
+          options_.limits, options_.spool.folder.empty() ? std::function<bool()>()
+                                                         : [this] { return !spool_.empty(); }),
       poster_(options_.url),
       writer_(options_.label_pid),
-      random_(std::random_device()()) {}
+      random_(std::random_device()()) {
+  if (!options_.spool.folder.empty()) {
+    feeder_.emplace(&queue_, &spool_, health_, [this] { PublishSize(); });
+  }
+}
 
 Forwarder::~Forwarder() { Stop(milliseconds(0)); }
 
-void Forwarder::Start() { thread_ = std::thread(&Forwarder::Run, this); }
+void Forwarder::Start() {
+  thread_ = std::thread(&Forwarder::Run, this);
+  if (feeder_) feeder_->Start();
+}
 
 void Forwarder::Stop(milliseconds drain) {
   if (!thread_.joinable() || draining_) return;
@@ -63,6 +73,7 @@ void Forwarder::Stop(milliseconds drain) {
   queue_.Flush();
   if (ended_.wait_until(drain_end_) != std::future_status::ready) poster_.Cancel();
   thread_.join();
+  if (feeder_) feeder_->Finish();
   DropWhatIsLeft();
 }
 
@@ -135,6 +146,10 @@ void Forwarder::Run() {
     if (draining && Clock::now() >= drain_end_) break;
     Survives(health_, [this] { SendHealthIfDue(); });
     Batches batch = queue_.Take(draining ? drain_end_ : next_health_);
+    if (batch.empty() && queue_.IsSpooledDue()) {
+      DeliverSpooled();
+      continue;
+    }
     if (batch.empty() && draining) break;
     if (!batch.empty() &&
         !Survives(health_, [&] { batch.front().packed ? Deliver(&batch) : Pack(&batch); })) {
@@ -164,6 +179,18 @@ void Forwarder::SendHealthIfDue() {
   CountFull(queue_.Append(lines, 0));
 }
 
+void Forwarder::DeliverSpooled() {
+  Batches batch;
+  if (!Survives(health_, [&] { batch = spool_.Take(); })) {
+    queue_.ReturnUnsent({}, Clock::now() + options_.first_pause);
+  }
+  if (batch.empty()) return;
+  batch.front().spooled = true;
+  Survives(health_, [&] { Deliver(&batch); });
+  sending_ = 0;
+  Survives(health_, [&] { spool_.Settle(batch.empty()); });
+}
+
 void Forwarder::Pack(Batches* batch) {
   batch->front().body = Gzip(batch->front().body);
   batch->front().packed = true;
@@ -171,7 +198,8 @@ void Forwarder::Pack(Batches* batch) {
 }
 
 void Forwarder::Deliver(Batches* batch) {
-  sending_ = batch->front().points;
+  // Whatever becomes of this agent, the spool keeps its own.
+  if (!batch->front().spooled) sending_ = batch->front().points;
   const HttpReply reply = Post(batch->front());
   sending_ = 0;
   if (IsWorthRetrying(reply.status)) return Retry(batch, reply);
@@ -197,11 +225,12 @@ HttpReply Forwarder::Post(const Batch& batch) {
 void Forwarder::Retry(Batches* batch, const HttpReply& reply) {
   const milliseconds pause = NextPause(reply.wait);
   health_->forward_retried_points += batch->front().points;
-  CountFull(queue_.ReturnUnsent(std::move(*batch), Clock::now() + pause));
+  CountFull(queue_.ReturnUnsent(batch->front().spooled ? Batches() : std::move(*batch),
+                                Clock::now() + pause));
   if (!IsDue(&next_outage_line_)) return;
   outage_reported_ = true;
   report_("cannot forward to " + options_.url.shown + ", " + Shown(reply) + "; " +
-          std::to_string(queue_.Size().points) + " points wait, " +
+          std::to_string(queue_.Size().points + health_->forward_spool_points) + " points wait, " +
           std::to_string(health_->forward_dropped_full) + " dropped as the queue was full");
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <future>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -15,6 +16,8 @@
 #include "agent/http_poster.h"
 #include "agent/line_protocol.h"
 #include "agent/packet_sink.h"
+#include "agent/spool.h"
+#include "agent/spool_feeder.h"
 
 namespace tidegate::agent {
 
@@ -26,20 +29,22 @@ struct ForwardOptions {
   std::chrono::milliseconds longest_pause{30000};
   std::chrono::milliseconds health_interval{10000};
   std::chrono::milliseconds log_interval{60000};  // between lines about the same trouble
-  std::string host;                               // tag of the agent's own numbers
+  SpoolOptions spool;
+  std::string host;  // tag of the agent's own numbers
   bool label_pid = false;
 };
 
 // Sends points to a database, as lines of the InfluxDB line protocol over HTTP.
 //
-// What cannot be delivered now (no connection, no reply, 429, 5xx) waits in a bounded queue and is
-// tried again, oldest first, with pauses that grow and are cut at random. What the server refuses
+// What cannot be delivered now (no connection, no reply, 429, 5xx) waits in a bounded queue, and in
+// the spool if there is one, and is tried again, oldest first, with pauses that grow and are cut at
+// random. What the server refuses
 // otherwise, redirects included, is dropped. Both are counted in Health and reported, at most once
 // per log_interval each. A reply that got lost makes a batch arrive twice.
 //
 // Threads: Handle on the decoder's; a thread of its own packs and sends; the rest from the owner's.
-// Each of them reports. Handle writes lines and never waits. Borrows `health`, which it also
-// forwards.
+// one more feeds the spool. Each of them reports. Handle writes lines and never waits. Borrows
+// `health`, which it also forwards.
 class Forwarder : public PacketSink {
  public:
   using Report = std::function<void(const std::string& line)>;
@@ -50,9 +55,9 @@ class Forwarder : public PacketSink {
   // Starts the thread, once.
   void Start();
 
-  // Sends what waits for at most `drain`; returns sooner when all is sent. What is left is dropped,
-  // counted and reported. Does nothing without Start or when called again. REQUIRES: no Handle from
-  // now on.
+  // Sends what waits for at most `drain`; returns sooner when all is sent. What is left goes
+  // to the spool, whatever time that takes, or is dropped, counted and reported. Does nothing
+  // without Start or when called again. REQUIRES: no Handle from now on.
   void Stop(std::chrono::milliseconds drain);
 
   // From now on no point waits for others to be sent with.
@@ -73,6 +78,7 @@ class Forwarder : public PacketSink {
   void DropWhatIsLeft();
   void ReportRefused();
   void SendHealthIfDue();
+  void DeliverSpooled();
   void Pack(Batches* batch);
   void Deliver(Batches* batch);
   HttpReply Post(const Batch& batch);
@@ -87,7 +93,9 @@ class Forwarder : public PacketSink {
   const ForwardOptions options_;
   Health* const health_;
   const Report report_;
+  Spool spool_;
   BatchQueue queue_;
+  std::optional<SpoolFeeder> feeder_;  // if there is a spool
   HttpPoster poster_;
   std::thread thread_;
   std::promise<void> end_;

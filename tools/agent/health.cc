@@ -34,7 +34,8 @@ uint64_t Health::DroppedPackets() const { return dropped_full + dropped_shutdown
 
 uint64_t Health::ForwardDropped() const {
   return forward_dropped_full + forward_dropped_rejected + forward_dropped_empty +
-         forward_dropped_shutdown + forward_dropped_memory;
+         forward_dropped_shutdown + forward_dropped_memory + forward_dropped_spool_full +
+         forward_dropped_spool_damaged;
 }
 
 void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
@@ -102,10 +103,21 @@ void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
   handle({kDropped, kDroppedHelp, true, "reason", "empty", ValueOf(forward_dropped_empty)});
   handle({kDropped, kDroppedHelp, true, "reason", "shutdown", ValueOf(forward_dropped_shutdown)});
   handle({kDropped, kDroppedHelp, true, "reason", "memory", ValueOf(forward_dropped_memory)});
+  handle({kDropped, kDroppedHelp, true, "reason", "spool_full",
+          ValueOf(forward_dropped_spool_full)});
+  handle({kDropped, kDroppedHelp, true, "reason", "spool_damaged",
+          ValueOf(forward_dropped_spool_damaged)});
   counter("tidegate_agent_forward_retried_points_total",
           "Points whose sending failed and is tried again.", forward_retried_points);
   counter("tidegate_agent_forward_batches_total", "Requests that the database took.",
           forward_batches);
+  gauge("tidegate_agent_forward_spool_points", "Points that wait in the spool.",
+        forward_spool_points);
+  gauge("tidegate_agent_forward_spool_bytes", "Bytes of its files.", forward_spool_bytes);
+  counter("tidegate_agent_forward_spool_failures_total",
+          "Times that the spool could not be opened, written or flushed.", forward_spool_failures);
+  counter("tidegate_agent_forward_spool_damaged_total",
+          "Files and parts of files in the spool that could not be read.", forward_spool_damaged);
 }
 
 }  // namespace tidegate::agent

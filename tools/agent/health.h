@@ -81,8 +81,14 @@ struct Health {
   Number forward_dropped_empty{0};     // points that make no line: no number in it, or too long
   Number forward_dropped_shutdown{0};  // points that were left when the agent ended
   Number forward_dropped_memory{0};    // points for which there was no memory
+  Number forward_dropped_spool_full{0};     // points that made room in the spool
+  Number forward_dropped_spool_damaged{0};  // points that could not be read from it
   Number forward_retried_points{0};
   Number forward_batches{0};
+  Number forward_spool_points{0};
+  Number forward_spool_bytes{0};     // of its files
+  Number forward_spool_failures{0};  // of opening, writing and flushing
+  Number forward_spool_damaged{0};   // files and parts of files
 
   const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
 

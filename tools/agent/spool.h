@@ -1,0 +1,114 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <initializer_list>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "agent/batch_queue.h"
+#include "agent/health.h"
+#include "agent/spool_folder.h"
+#include "agent/spool_segment.h"
+
+namespace tidegate::agent {
+
+struct SpoolOptions {
+  std::string folder;                             // empty: there is no spool
+  uint64_t bytes = uint64_t{1} << 30;             // of all files
+  std::chrono::milliseconds retry{1000};          // after a failure of the disk
+  std::chrono::milliseconds log_interval{60000};  // between lines about a full spool
+};
+
+// Packed batches on a disk, oldest first, in segments of a sixteenth of the bound or 8 MiB. Above
+// the bound the oldest segment goes, and its points are counted. A segment is removed once all its
+// batches are gone; until then each of those is marked, so that the next agent does not send it
+// again. Segments are flushed to the disk when they are full and by Close.
+//
+// What cannot be read costs nothing but itself; it is counted in Health, with its points where they
+// are known. Each trouble of the disk is reported once until it is over.
+//
+// Threads: any; each waits for the disk, and for another one that does, but not in `empty`.
+// Borrows `health`.
+class Spool {
+ public:
+  using Report = std::function<void(const std::string& line)>;
+
+  Spool(SpoolOptions options, Health* health, Report report);
+
+  const SpoolOptions& options() const { return options_; }
+
+  // Opens the folder and finds what an earlier agent left there. True if that is done, now or
+  // before. Until then nothing is in the spool.
+  bool Open();
+
+  // Adds a packed batch. False if it could not be written. One that is larger than the bound is
+  // dropped and counted.
+  bool Append(const Batch& batch);
+
+  // The oldest batch, which stays until Settle; an empty list if there is none.
+  // REQUIRES: the one before was settled.
+  Batches Take();
+
+  // What became of the batch that Take gave: it is gone, or else Take will give it again. If it had
+  // to make room meanwhile, it is dropped and counted now.
+  void Settle(bool gone);
+
+  bool empty() const { return waiting_ == 0; }
+
+  // Has everything on the disk, and lets the next agent have the folder.
+  void Close();
+
+ private:
+  struct Segment {
+    uint64_t number = 0;
+    uint64_t size = 0;
+    std::deque<SpoolRecord> waiting;
+    UniqueFd file;  // of the oldest and of the one that is written, if they have been needed
+  };
+
+  // All of these with mutex_ held.
+  void Load();
+  void LoadSegment(uint64_t number, size_t* left_alone);
+  void MakeRoom(uint64_t size);
+  bool Write(const Batch& batch);
+  bool StartSegment();
+  void EndSegment();
+  bool ReadBody(Segment* segment, std::string* body) const;
+  void PopRecord();
+  void RemoveOldest();
+  void CountFull(uint64_t points);
+  void Damaged(uint64_t pieces, uint64_t points, const std::string& what);
+  bool Failed(const char* what, const std::string& why);
+  void Works();
+  void Tell(std::initializer_list<std::string_view> texts);
+  void Publish();
+
+  const SpoolOptions options_;
+  const uint64_t segment_bytes_;
+  Health* const health_;
+  const Report report_;
+  std::atomic<size_t> waiting_{0};  // records
+
+  std::mutex mutex_;  // guards everything below
+  SpoolFolder folder_;
+  std::deque<Segment> segments_;  // oldest first; none but the newest is without a record
+  bool writing_ = false;          // to the newest of them
+  uint64_t next_number_ = 1;
+  uint64_t bytes_ = 0;
+  uint64_t points_ = 0;
+  bool taken_ = false;         // the oldest record has been handed out,
+  bool taken_lost_ = false;    // and its segment has gone since,
+  uint64_t taken_points_ = 0;  // with so many points
+  std::string trouble_;        // that was reported, until it is over
+  std::string last_damage_;
+  std::chrono::steady_clock::time_point next_full_line_;
+  uint64_t dropped_ = 0;  // points, since the last line about them
+};
+
+}  // namespace tidegate::agent

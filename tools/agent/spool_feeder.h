@@ -1,0 +1,45 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <thread>
+#include <utility>
+
+#include "agent/batch_queue.h"
+#include "agent/health.h"
+#include "agent/spool.h"
+
+namespace tidegate::agent {
+
+// Moves batches from a queue that is more than half full to the spool, on a thread of its own,
+// which is the only one that may wait for the disk while the agent receives and sends. Where the
+// spool cannot be used, they stay in the queue, and it is tried again.
+//
+// Threads: all from the owner's. Borrows all that it is given.
+class SpoolFeeder {
+ public:
+  // `moved` is called, on any of these threads, after the queue has changed.
+  SpoolFeeder(BatchQueue* queue, Spool* spool, Health* health, std::function<void()> moved)
+      : queue_(queue), spool_(spool), health_(health), moved_(std::move(moved)) {}
+  ~SpoolFeeder() { Stop(); }
+
+  // Starts the thread, once.
+  void Start();
+
+  // Stops the thread and puts all that is left in the queue into the spool, which it closes.
+  void Finish();
+
+ private:
+  void Stop();
+  void Run();
+  bool Keep(Batches* batch);
+
+  BatchQueue* const queue_;
+  Spool* const spool_;
+  Health* const health_;
+  const std::function<void()> moved_;
+  std::thread thread_;
+  std::atomic<bool> stopping_{false};
+};
+
+}  // namespace tidegate::agent
