@@ -18,6 +18,7 @@
 #include "agent/forward_url.h"
 #include "agent/forwarder.h"
 #include "agent/line_protocol.h"
+#include "agent/partial_write.h"
 #include "agent/unique_fd.h"
 
 namespace tidegate::agent {
@@ -282,6 +283,67 @@ TEST_F(ForwarderTest, DropsWhatIsRefusedAndQuotesTheServerOnce) {
                                      ", HTTP 307: no longer  here (redirects are not "
                                      "followed: name /elsewhere in --forward)",
                                  "dropped 1 more" + refused));
+}
+
+TEST(PartialWriteTest, CountsWhatInfluxDbHasDropped) {
+  const struct {
+    const char* body;
+    std::optional<uint64_t> lines;
+  } kCases[] = {
+      {R"({"error":"partial write: invalid tag key: input tag \"time\" dropped=2"})"
+       "\n",
+       2},
+      {R"({"error":"partial write: unable to parse 'a dropped=7\\n': x \u003e y dropped=0"})", 1},
+      {R"({"error":"partial write: unable to parse 'a': b\nunable to parse 'c': d dropped=0"})", 2},
+      {R"({"error":"partial write: unable to parse 'a': b\nor not dropped=0"})", {}},
+      {R"({"error":"partial write: unable to parse 'a': "b" dropped=0"})", {}},
+      {R"({"error":"partial write: nothing dropped=0"})", {}},
+      {R"({"error":"partial write: much dropped=18446744073709551616"})", {}},
+      {R"({"error":"partial write: some dropped=-1"})", {}},
+      {R"({"error":"partial write: some dropped="})", {}},
+      {R"({"error":"partial write: some dropped=1", "more":""})", {}},
+      {R"({"error":"timeout dropped=1"})", {}},
+      {"partial write: x dropped=1", {}},
+      {"", {}},
+  };
+  for (const auto& [body, lines] : kCases) EXPECT_EQ(LinesDropped(body), lines) << body;
+}
+
+TEST_F(ForwarderTest, CountsWhatIsDroppedOfABatch) {
+  const auto partial = [](const char* lines) {
+    return Status(400, std::string(R"({"error":"partial write: why dropped=)") + lines + "\"}\n");
+  };
+  database_.Serve({partial("2"), partial("5")});
+  ForwardOptions options = Options(Url());
+  options.limits.batch_points = 3;
+  Make(options);
+  forwarder_->Start();
+  for (int value = 1; value <= 6; ++value) Handle(value);
+  forwarder_->Stop(seconds(20));
+  EXPECT_EQ(health_.forwarded_points, 1U);
+  EXPECT_EQ(health_.forward_dropped_rejected, 5U);  // lines of the second batch are not all points
+  EXPECT_EQ(health_.forward_batches, 1U);
+}
+
+TEST_F(ForwarderTest, WaitsForTheSetupOfTheDatabaseForATime) {
+  database_.Serve({Status(404), Status(401), Status(204), Status(404)});
+  ForwardOptions options = Options(Url());
+  options.setup_time = milliseconds(300);
+  Make(options);
+  forwarder_->Start();
+  const auto start = steady_clock::now();
+  Handle(1);
+  EXPECT_TRUE(Await([&] { return health_.forwarded_points == 1; }));
+  EXPECT_EQ(health_.forward_dropped_rejected, 0U);
+  Handle(2);
+  EXPECT_TRUE(Await([&] { return health_.forward_dropped_rejected == 1; }));
+  EXPECT_GE(steady_clock::now() - start, milliseconds(300));
+  const uint64_t retried = health_.forward_retried_points;
+  Handle(3);
+  EXPECT_TRUE(Await([&] { return health_.forward_dropped_rejected == 2; }));
+  EXPECT_EQ(health_.forward_retried_points, retried);
+  EXPECT_THAT(log(), ElementsAre(HasSubstr("cannot forward to"), HasSubstr("again"),
+                                 HasSubstr("dropped 1 points that")));
 }
 
 TEST_F(ForwarderTest, KeepsTheNewestWhileNobodyListens) {

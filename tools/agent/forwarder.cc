@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "agent/gzip.h"
+#include "agent/partial_write.h"
 #include "agent/survives.h"
 
 namespace tidegate::agent {
@@ -26,6 +27,13 @@ bool IsTaken(int status) { return status / 100 == 2; }
 
 // The same request can succeed later.
 bool IsWorthRetrying(int status) { return status == 0 || status == 429 || status / 100 == 5; }
+
+// How many of `points`, in lines that the server did not take as a whole, it has dropped. A point
+// can be more than one line, which the server counts.
+uint64_t Refused(const HttpReply& reply, uint64_t points) {
+  const auto dropped = reply.status == 400 ? LinesDropped(reply.body) : std::nullopt;
+  return std::min(dropped.value_or(points), points);
+}
 
 std::string Shown(const HttpReply& reply) {
   if (reply.status == 0) return reply.text;
@@ -202,15 +210,29 @@ void Forwarder::Deliver(Batches* batch) {
   if (!batch->front().spooled) sending_ = batch->front().points;
   const HttpReply reply = Post(batch->front());
   sending_ = 0;
-  if (IsWorthRetrying(reply.status)) return Retry(batch, reply);
+  if (WaitsForSetup(reply.status) || IsWorthRetrying(reply.status)) return Retry(batch, reply);
   const Batches done = std::move(*batch);
+  const uint64_t points = done.front().points;
+  const uint64_t refused = IsTaken(reply.status) ? 0 : Refused(reply, points);
   failures_ = 0;
-  if (!IsTaken(reply.status)) return Reject(done.front(), reply);
-  health_->forwarded_points += done.front().points;
+  if (!IsTaken(reply.status)) Reject(refused, reply);
+  if (!IsTaken(reply.status) && refused == points) return;
+  health_->forwarded_points += points - refused;
   ++health_->forward_batches;
   if (std::exchange(outage_reported_, false)) {
     report_("forwards to " + options_.url.shown + " again");
   }
+}
+
+// A database can be there before it has been set up.
+bool Forwarder::WaitsForSetup(int status) {
+  if (status != 401 && status != 404) {
+    denied_since_.reset();
+    return false;
+  }
+  const Clock::time_point now = Clock::now();
+  if (!denied_since_) denied_since_ = now;
+  return now < *denied_since_ + options_.setup_time;
 }
 
 HttpReply Forwarder::Post(const Batch& batch) {
@@ -234,9 +256,9 @@ void Forwarder::Retry(Batches* batch, const HttpReply& reply) {
           std::to_string(health_->forward_dropped_full) + " dropped as the queue was full");
 }
 
-void Forwarder::Reject(const Batch& batch, const HttpReply& reply) {
-  health_->forward_dropped_rejected += batch.points;
-  refused_points_ += batch.points;
+void Forwarder::Reject(uint64_t points, const HttpReply& reply) {
+  health_->forward_dropped_rejected += points;
+  refused_points_ += points;
   if (!IsDue(&next_refusal_line_)) return;
   report_("dropped " + std::to_string(std::exchange(refused_points_, 0)) + " points that " +
           options_.url.shown + " refused, " + Shown(reply));

@@ -27,6 +27,7 @@ struct ForwardOptions {
   std::chrono::milliseconds timeout{10000};    // of a request, from the name's look-up to the reply
   std::chrono::milliseconds first_pause{500};  // behind a failure; doubled by each further one
   std::chrono::milliseconds longest_pause{30000};
+  std::chrono::milliseconds setup_time{600000};  // of nothing but 401 and 404, before it drops
   std::chrono::milliseconds health_interval{10000};
   std::chrono::milliseconds log_interval{60000};  // between lines about the same trouble
   SpoolOptions spool;
@@ -36,11 +37,12 @@ struct ForwardOptions {
 
 // Sends points to a database, as lines of the InfluxDB line protocol over HTTP.
 //
-// What cannot be delivered now (no connection, no reply, 429, 5xx) waits in a bounded queue, and in
-// the spool if there is one, and is tried again, oldest first, with pauses that grow and are cut at
-// random. What the server refuses
-// otherwise, redirects included, is dropped. Both are counted in Health and reported, at most once
-// per log_interval each. A reply that got lost makes a batch arrive twice.
+// What cannot be delivered now (no connection, no reply, 429, 5xx, and 401 and 404 for setup_time)
+// waits in a bounded queue, and in the spool if there is one, and is tried again, oldest first, with
+// pauses that grow and are cut at random. What the server refuses otherwise, redirects included, is
+// dropped, or if InfluxDB says how many lines it has dropped, as many points. Both are counted in
+// Health and reported, at most once per log_interval each. A reply that got lost makes a batch
+// arrive twice.
 //
 // Threads: Handle on the decoder's; a thread of its own packs and sends; the rest from the owner's.
 // one more feeds the spool. Each of them reports. Handle writes lines and never waits. Borrows
@@ -83,7 +85,8 @@ class Forwarder : public PacketSink {
   void Deliver(Batches* batch);
   HttpReply Post(const Batch& batch);
   void Retry(Batches* batch, const HttpReply& reply);
-  void Reject(const Batch& batch, const HttpReply& reply);
+  bool WaitsForSetup(int status);
+  void Reject(uint64_t points, const HttpReply& reply);
   bool IsDue(Clock::time_point* next_line) const;
   std::chrono::milliseconds NextPause(std::chrono::milliseconds wanted);
   std::chrono::milliseconds Timeout() const;
@@ -115,7 +118,8 @@ class Forwarder : public PacketSink {
   bool outage_reported_ = false;
   Clock::time_point next_outage_line_;
   Clock::time_point next_refusal_line_;
-  uint64_t refused_points_ = 0;  // since the last line about them
+  uint64_t refused_points_ = 0;                    // since the last line about them
+  std::optional<Clock::time_point> denied_since_;  // all answers have been 401 or 404 since then
   std::minstd_rand random_;
 };
 
