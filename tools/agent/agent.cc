@@ -50,7 +50,12 @@ std::vector<PacketSink*> Agent::Sinks() {
     sinks.push_back(&forwarder_.emplace(*options_.forward, &health_,
                                         [this](const std::string& line) { log_.Report(line); }));
   }
-  return sinks;
+  if (!options_.merge) return sinks;
+  return {&merge_.emplace(
+      MergeStage::Options{options_.merge_gauge, options_.merge_delay, options_.max_series,
+                          options_.ttl},
+      std::move(sinks), &health_, [this](const std::string& line) { log_.Report(line); },
+      [this](const ProcessId& process) { return IsLive(process); })};
 }
 
 // In this order: what the process has sent is in the queue before its connection goes.
@@ -74,6 +79,7 @@ int Agent::Run() {
   const Clock::time_point last = std::max(end, Clock::now() + kLastWords);
   queue_.Close(last);
   decoder.join();
+  if (merge_) Survives(&health_, [&] { merge_->Flush(); });
   if (const pid_t successor = server_.handed_to(); successor != 0) {
     log_.Report("process " + std::to_string(successor) + " has taken the socket over",
                 LogLevel::kInfo);
@@ -112,6 +118,7 @@ void Agent::LookAfterThings() {
     out_of_memory_ = health_.out_of_memory;
     log_.ReportOutOfMemory();
   }
+  if (merge_) merge_->Tick();
   table_.Sweep();
   const std::string drops = queue_.ReportDrops(Clock::now());
   if (!drops.empty()) log_.Report(drops);

@@ -14,6 +14,7 @@
 #include "agent/health.h"
 #include "agent/http_server.h"
 #include "agent/log.h"
+#include "agent/merge_stage.h"
 #include "agent/options.h"
 #include "agent/packet_listener.h"
 #include "agent/packet_log.h"
@@ -27,7 +28,7 @@ namespace tidegate::agent {
 // The whole agent: socket, queue, decoder, and what becomes of the points.
 //
 //   thread of Run: reads the sockets, puts messages into the queue
-//   decoder:       takes them out, decodes, hands packets to every sink
+//   decoder:       takes them out, decodes, hands packets to every sink, or merges them before
 //   writers:       of standard output and standard error
 //   forwarder:     packs points and sends them to a database
 //   HTTP:          pages from the table of series
@@ -95,7 +96,8 @@ class Agent {
   static_assert(std::atomic<bool>::is_always_lock_free);
   std::optional<HttpServer> http_;
   std::optional<Forwarder> forwarder_;
-  Decoder decoder_;  // after all sinks
+  std::optional<MergeStage> merge_;  // after the sinks
+  Decoder decoder_;                  // after all sinks
 };
 
 }  // namespace tidegate::agent

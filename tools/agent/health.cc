@@ -11,6 +11,9 @@ static_assert(std::size(kFailureNames) == kDecodeFailures);
 constexpr std::string_view kRefusalNames[] = {"limit", "collision", "work", "ahead"};
 static_assert(std::size(kRefusalNames) == kRefusals);
 
+constexpr std::string_view kMergeRefusalNames[] = {"limit", "columns", "work"};
+static_assert(std::size(kMergeRefusalNames) == kMergeRefusals);
+
 // Offsets in the header.
 constexpr size_t kMagicOffset = 0;
 constexpr size_t kVersionOffset = 8;
@@ -82,6 +85,19 @@ void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
   for (size_t i = 0; i < refused_series.size(); ++i) {
     handle({"tidegate_agent_refused_series_total", "Series that are not shown, each once.", true,
             "reason", kRefusalNames[i], ValueOf(refused_series[i])});
+  }
+  gauge("tidegate_agent_merge_series", "Series that are merged.", merge_series);
+  gauge("tidegate_agent_merge_held_points", "Merged points that wait for further processes.",
+        merge_held_points);
+  counter("tidegate_agent_merged_points_total", "Merged points.", merged_points);
+  counter("tidegate_agent_merge_late_points_total",
+          "Points that came after those of their time had been merged.", merge_late_points);
+  counter("tidegate_agent_merge_left_out_percentiles_total",
+          "Percentiles that were left out, as several processes reported them.",
+          merge_left_out_percentiles);
+  for (size_t i = 0; i < kMergeRefusals; ++i) {
+    handle({"tidegate_agent_merge_refused_points_total", "Points that were not merged.", true,
+            "reason", kMergeRefusalNames[i], ValueOf(merge_refused_points[i])});
   }
 
   constexpr std::string_view kCut = "tidegate_agent_http_cut_clients_total";

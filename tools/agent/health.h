@@ -24,6 +24,11 @@ DecodeFailure FailureOf(const ReadError& error);
 enum class Refusal { kLimit, kCollision, kWork, kAhead };
 constexpr size_t kRefusals = 4;
 
+// Why the merging stage did not take a point: it was full, the point has other columns than its
+// series, or the packet took too much work.
+enum class MergeRefusal { kLimit, kColumns, kWork };
+constexpr size_t kMergeRefusals = 3;
+
 // The agent's numbers on itself: the one list that the page of metrics, the forwarded data and the
 // last line of the log are made from.
 //
@@ -66,6 +71,13 @@ struct Health {
   // Each once; of those reasons that are one of a series: kLimit and kCollision.
   std::array<Number, 2> refused_series{};
   Number unprinted_points{0};  // that standard output did not take whole, or not in time
+
+  Number merge_series{0};       // that are merged
+  Number merge_held_points{0};  // merged ones that are not handed on yet
+  Number merged_points{0};      // handed on
+  Number merge_late_points{0};  // that came after their time was handed on
+  Number merge_left_out_percentiles{0};
+  std::array<Number, kMergeRefusals> merge_refused_points{};
 
   // By the HTTP side.
   Number http_cut_slow{0};      // clients that took an answer too slowly

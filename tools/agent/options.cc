@@ -24,6 +24,8 @@ struct Raw {
   int64_t ttl = 0;
   int64_t max_ahead = 0;
   int64_t drain = 0;
+  std::string merge_gauge = "sum";
+  int64_t merge_delay = 0;
 };
 
 std::string CheckMode(const std::string& text) {
@@ -82,6 +84,15 @@ void Declare(CLI::App* app, Raw* raw) {
       ->check(CLI::Range(size_t{1}, size_t{1} << 32))
       ->capture_default_str();
   AddBytes(app, "--queue-bytes", &options.queue_bytes, "Packets that may wait to be decoded");
+  CLI::Option* const merge =
+      app->add_flag("--merge", options.merge, "Make one series of those of all processes");
+  app->add_option("--merge-gauge", raw->merge_gauge, "What becomes of their gauges")
+      ->check(CLI::IsMember({"last", "sum", "max"}))
+      ->needs(merge)
+      ->capture_default_str();
+  AddSeconds(
+      app, "--merge-delay", 1, &raw->merge_delay,
+      "Seconds after the end of an interval to wait for processes that have not reported it");
   raw->forward.DeclareOn(app);
   AddSeconds(app, "--drain", 0, &raw->drain, "Seconds to hand on what is left, at the end");
 }
@@ -92,6 +103,9 @@ Options Finish(const Raw& raw) {
   options.ttl = std::chrono::seconds(raw.ttl);
   options.max_ahead = std::chrono::seconds(raw.max_ahead);
   options.drain = std::chrono::seconds(raw.drain);
+  options.merge_delay = std::chrono::seconds(raw.merge_delay);
+  if (raw.merge_gauge == "last") options.merge_gauge = GaugeMerge::kLast;
+  if (raw.merge_gauge == "max") options.merge_gauge = GaugeMerge::kMax;
   if (!raw.forward.url.empty()) options.forward = raw.forward.ToOptions(options.label_pid);
   const bool elsewhere = !options.http.empty() || options.forward;
   const bool silent = raw.quiet || (raw.print.empty() && elsewhere);
@@ -110,9 +124,15 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, OptionsEr
   raw.ttl = raw.options.ttl.count();
   raw.max_ahead = raw.options.max_ahead.count();
   raw.drain = raw.options.drain.count();
+  raw.merge_delay = raw.options.merge_delay.count();
   Declare(&app, &raw);
   try {
     app.parse(argc, argv);
+    if (raw.options.merge && raw.options.label_pid) {
+      throw CLI::ValidationError("--merge",
+                                 "makes one series of all processes, so no label of a "
+                                 "process (--label-pid) goes with it");
+    }
     return Finish(raw);
   } catch (const CLI::ParseError& failure) {
     if (failure.get_exit_code() == 0) {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "agent/forwarder.h"
+#include "agent/merge_rules.h"
 #include "agent/packet_log.h"
 
 namespace tidegate::agent {
@@ -22,6 +23,9 @@ struct Options {
   std::string http;  // "host:port"; empty: none
   bool timestamps = false;
   std::optional<ForwardOptions> forward;
+  bool merge = false;
+  GaugeMerge merge_gauge = GaugeMerge::kSum;
+  std::chrono::seconds merge_delay{5};
   std::chrono::seconds ttl{300};
   std::chrono::seconds max_ahead{3600};
   size_t max_series = 1000000;

@@ -68,6 +68,8 @@ class SeriesTable : public PacketSink {
               Clock clock = Now);
   ~SeriesTable() override;
 
+  static Time Now();
+
   void Handle(const Packet& packet, const ClientId& client) override;
 
   // Lets go of what is out of date. To be called every second or so; most calls do nothing.
@@ -93,8 +95,6 @@ class SeriesTable : public PacketSink {
     SeriesMetric* metric;  // null: there is none yet
     SeriesLayout* layout;  // null: there is none yet
   };
-
-  static Time Now();
 
   void HandleBlock(const Packet& packet, const ClientId& client, const Block& block)
       METRICS_REQUIRES(mutex_);

@@ -1,0 +1,122 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "agent/merged_packets.h"
+#include "agent/merged_series.h"
+#include "agent/packet_reader.h"
+#include "agent/packet_sink.h"
+#include "agent/point_mapping.h"
+
+namespace tidegate::agent {
+
+using SteadyTime = std::chrono::steady_clock::time_point;
+
+struct MergedEntry {
+  explicit MergedEntry(MergedLayout* layout) : series(layout) {}
+
+  MergedSeries series;
+  SteadyTime news;
+};
+using MergedNode = std::unordered_map<std::string, MergedEntry>::value_type;
+
+// The series of one name.
+struct MergedMetric {
+  // The layout with the block's columns; made if there is none.
+  MergedLayout* LayoutOf(const Block& block, GaugeMerge gauge, size_t* bytes);
+  // Lets go of layouts that no series has.
+  void SweepLayouts(size_t* bytes);
+
+  uint64_t id;
+  MergedName name;
+  Kind kind;
+  std::unordered_multimap<size_t, std::unique_ptr<MergedLayout>> layouts;  // by HashOfColumns
+  std::unordered_map<std::string, MergedEntry> series;                     // by PutTags
+};
+
+// Points of one time that are held.
+struct MergeTime {
+  struct Part {
+    MergedMetric* metric = nullptr;
+    std::vector<MergedNode*> series;
+  };
+
+  SteadyTime due;                  // whatever else
+  SteadyTime settled;              // once all processes have reported it
+  std::map<uint64_t, Part> parts;  // by the metric's id
+};
+
+// The processes of one tenant, account and project: who has reported how far, what they have in
+// common, and what is held of it.
+//
+// Not thread-safe.
+class MergeIdentity {
+ public:
+  // Beyond that, the time that is due next is handed on with the next FindDue; a process that has
+  // more of them before that means no good.
+  static constexpr size_t kMaxTimes = 64;
+  static constexpr size_t kMaxTimesMeanwhile = 256;
+
+  explicit MergeIdentity(const Packet& packet);
+
+  // Of packets without points.
+  const Packet& header() const { return header_; }
+
+  // If it is `full`, a process that is not known yet is not waited for.
+  void HasReported(const ProcessId& process, int64_t timestamp, bool full, size_t* bytes);
+
+  MergedMetric* MetricOf(MergedName::Form form, const Block& block, std::string_view name,
+                         size_t* bytes);
+
+  // False if there are too many times for one more.
+  bool HasRoomFor(int64_t timestamp) const;
+  // Holds a point of `node` for this time, for at most `delay` from now; or from the end of its
+  // interval, if a process that ends has reported before that.
+  void Hold(int64_t timestamp, MergedMetric* metric, MergedNode* node, SteadyTime now,
+            std::chrono::nanoseconds ahead, std::chrono::nanoseconds delay);
+  // More has come for that time.
+  void Unsettle(int64_t timestamp, SteadyTime now, std::chrono::nanoseconds ahead);
+
+  // Decides which times are to be handed on: all up to the newest that every live process has
+  // reported, or that has waited long enough.
+  void FindDue(SteadyTime now, const IsLive& is_live);
+  void AllAreDue() { due_until_ = INT64_MAX; }
+  // The first of these, or null if all are handed on.
+  MergeTime* NextDue(int64_t* timestamp);
+  void EndTime(int64_t timestamp) { times_.erase(timestamp); }
+
+  // Forgets processes that went a while ago, series without news since `oldest`, and what nobody
+  // uses.
+  void Sweep(SteadyTime now, SteadyTime oldest, const IsLive& is_live, size_t* bytes,
+             size_t* series);
+  bool IsEmpty() const { return processes_.empty() && metrics_.empty(); }
+  size_t bytes() const;  // of an empty one
+  static size_t NodeBytes(const MergedNode& node);
+
+ private:
+  struct Process {
+    int64_t newest = INT64_MIN;
+    SteadyTime gone;  // the epoch: it is there
+  };
+
+  bool AllHaveReported(int64_t timestamp, const IsLive& is_live);
+  void SweepMetric(MergedMetric* metric, SteadyTime oldest, size_t* bytes, size_t* series);
+
+  Packet header_;
+  std::unordered_map<ProcessId, Process> processes_;
+  std::unordered_map<std::string, std::unique_ptr<MergedMetric>> metrics_;  // by form, kind, name
+  std::map<int64_t, MergeTime> times_;
+  int64_t due_until_ = INT64_MIN;
+  uint64_t next_id_ = 0;
+  std::string key_;
+};
+
+}  // namespace tidegate::agent

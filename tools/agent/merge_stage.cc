@@ -1,0 +1,250 @@
+#include "agent/merge_stage.h"
+
+#include <algorithm>
+#include <iterator>
+#include <string_view>
+#include <utility>
+
+#include "agent/point_printer.h"
+#include "agent/quoted.h"
+#include "agent/series_layout.h"
+
+namespace tidegate::agent {
+namespace {
+
+constexpr std::chrono::seconds kSweepPause(30);
+
+// As long as the library keeps a series that is idle: after that its totals begin anew as well.
+constexpr std::chrono::hours kForgetSeries(2);
+
+// Of a process that ends inside an interval; what is later still is no such point.
+constexpr int64_t kMaxAhead = 300;
+
+// Points of the interval before are of these kinds, and have packets of their own.
+bool HasPointBefore(const Block& block) {
+  switch (KindOf(block)) {
+    case Kind::kCounter:
+    case Kind::kMeter:
+    case Kind::kDeltaCounter:
+    case Kind::kRow:
+      return true;
+    default:
+      return block.series.empty();
+  }
+}
+
+}  // namespace
+
+MergeStage::MergeStage(const Options& options, std::vector<PacketSink*> sinks, Health* health,
+                       Report report, IsLive is_live, SeriesTable::Clock clock)
+    : options_(options),
+      max_bytes_(options.max_series * SeriesTable::kBytesPerSeries),
+      health_(health),
+      report_(std::move(report)),
+      is_live_(std::move(is_live)),
+      clock_(std::move(clock)),
+      packets_(std::move(sinks), health),
+      now_(clock_()),
+      swept_(now_.steady) {}
+
+void MergeStage::Handle(const Packet& packet, const ClientId& client) {
+  now_ = clock_();
+  work_ = 0;
+  MergeIdentity* const identity = IdentityOf(packet);
+  if (identity == nullptr) {
+    Refuse(MergeRefusal::kLimit, packet.series_count);
+    return;
+  }
+  const bool before = std::all_of(packet.blocks.begin(), packet.blocks.end(), HasPointBefore);
+  HoldAll(packet, {identity, nullptr, nullptr, 0, client.process(), before});
+  if (due_) HandOn(kMaxHandedOn);
+  UpdateHealth();
+}
+
+MergeIdentity* MergeStage::IdentityOf(const Packet& packet) {
+  key_.clear();
+  PutTags({{packet.tenant, {}}}, &key_);
+  PutTags(packet.tenant_tags, &key_);
+  const auto found = identities_.find(key_);
+  if (found != identities_.end()) return found->second.get();
+  if (identities_.size() >= kMaxIdentities || IsFull()) return nullptr;
+  auto identity = std::make_unique<MergeIdentity>(packet);
+  MergeIdentity* const made = identities_.emplace(key_, std::move(identity)).first->second.get();
+  bytes_ += made->bytes();
+  return made;
+}
+
+void MergeStage::HoldAll(const Packet& packet, Target target) {
+  const std::vector<Block>& blocks = packet.blocks;
+  int64_t newest = INT64_MIN;
+  for (size_t i = 0; i < blocks.size();) {
+    const Block& block = blocks[i];
+    newest = std::max(newest, block.timestamp);
+    target.timestamp = block.timestamp;
+    if (const size_t timer = TimerBlocks(packet, i); timer != 0) {
+      HoldTimer(packet, i, target);
+      i += timer;
+      continue;
+    }
+    const bool rate = KindOf(block) == Kind::kMeter && IsMeterRate(blocks, i);
+    HoldBlock(block, rate ? MergedName::Form::kMeterRate : MergedName::Form::kPlain, target);
+    ++i;
+  }
+  target.identity->HasReported(target.process, newest, IsFull(), &bytes_);
+}
+
+void MergeStage::HoldBlock(const Block& block, MergedName::Form form, Target target) {
+  if (block.series.empty()) return;
+  if (IsFull()) return Refuse(MergeRefusal::kLimit, block.series.size());
+  target.metric = target.identity->MetricOf(form, block, block.name, &bytes_);
+  target.layout = target.metric->LayoutOf(block, options_.gauge, &bytes_);
+  for (const Series& record : block.series) Hold(target, record, 1);
+  target.identity->Unsettle(target.timestamp, now_.steady, Ahead(target.timestamp));
+}
+
+// As one series of ten columns.
+void MergeStage::HoldTimer(const Packet& packet, size_t first, Target target) {
+  if (IsFull()) return Refuse(MergeRefusal::kLimit, std::size(kTimerColumns));
+  const Block& block = packet.blocks[first];
+  const size_t base = block.name.size() - kTimerColumns[0].size() - 1;
+  target.metric = target.identity->MetricOf(MergedName::Form::kTimerBlocks, block,
+                                            std::string_view(block.name).substr(0, base), &bytes_);
+  target.layout = target.metric->LayoutOf(block, options_.gauge, &bytes_);
+  Series record;
+  record.tags = block.series.front().tags;
+  for (size_t i = 0; i < std::size(kTimerColumns); ++i) {
+    record.values.push_back(packet.blocks[first + i].series.front().values.front());
+  }
+  Hold(target, record, std::size(kTimerColumns));
+  target.identity->Unsettle(target.timestamp, now_.steady, Ahead(target.timestamp));
+}
+
+void MergeStage::Hold(const Target& target, const Series& record, size_t points) {
+  if (work_ > kMaxPacketWork) return Refuse(MergeRefusal::kWork, points);
+  const bool room = !IsFull() && target.identity->HasRoomFor(target.timestamp);
+  MergedNode* const node = room ? NodeOf(target, record) : nullptr;
+  if (node == nullptr) return Refuse(MergeRefusal::kLimit, points);
+  MergedSeries& series = node->second.series;
+  const size_t bytes = series.bytes();
+  if (!series.Accepts(target.layout, target.timestamp)) {
+    Refuse(MergeRefusal::kColumns, points);
+    ReportOnce(&columns_reported_, "points with other columns, as bounds, than before are refused",
+               target.metric->name.name);
+    return;
+  }
+  node->second.news = now_.steady;
+  if (series.IsNew(target.timestamp)) {
+    target.identity->Hold(target.timestamp, target.metric, node, now_.steady,
+                          Ahead(target.timestamp), options_.delay);
+    ++held_;
+  }
+  const MergedSeries::Added added =
+      series.Add(target.process, target.timestamp, record, target.before);
+  if (added == MergedSeries::Added::kLate) health_->merge_late_points += points;
+  bytes_ += series.bytes() - bytes;
+  work_ += key_.size() + record.values.size() * sizeof(double);
+  if (series.bytes() > bytes) work_ += series.bytes() - bytes;
+}
+
+std::chrono::seconds MergeStage::Ahead(int64_t timestamp) const {
+  if (timestamp <= now_.seconds) return std::chrono::seconds(0);
+  return std::chrono::seconds(std::min(timestamp - now_.seconds, kMaxAhead));
+}
+
+MergedNode* MergeStage::NodeOf(const Target& target, const Series& record) {
+  key_.clear();
+  PutTags(record.tags, &key_);
+  auto& series = target.metric->series;
+  const auto found = series.find(key_);
+  if (found != series.end()) return &*found;
+  if (series_ >= options_.max_series) return nullptr;
+  MergedNode* const node = &*series.try_emplace(key_, target.layout).first;
+  ++series_;
+  bytes_ += MergeIdentity::NodeBytes(*node);
+  return node;
+}
+
+void MergeStage::Tick() {
+  now_ = clock_();
+  for (const auto& [key, identity] : identities_) identity->FindDue(now_.steady, is_live_);
+  HandOn(kMaxHandedOnTick);
+  SweepIfDue();
+  UpdateHealth();
+}
+
+void MergeStage::Flush() {
+  for (const auto& [key, identity] : identities_) identity->AllAreDue();
+  HandOn(SIZE_MAX);
+  UpdateHealth();
+}
+
+void MergeStage::HandOn(size_t most) {
+  for (const auto& [key, identity] : identities_) HandOn(identity.get(), &most);
+  due_ = most == 0;
+}
+
+void MergeStage::HandOn(MergeIdentity* identity, size_t* most) {
+  int64_t timestamp = 0;
+  while (MergeTime* const time = *most > 0 ? identity->NextDue(&timestamp) : nullptr) {
+    packets_.Begin(identity->header(), timestamp);
+    while (!time->parts.empty() && *most > 0) {
+      MergeTime::Part& part = time->parts.begin()->second;
+      for (; !part.series.empty() && *most > 0; --*most) {
+        HandOn(*part.metric, part.series.back(), timestamp);
+        part.series.pop_back();
+        --held_;
+      }
+      if (part.series.empty()) time->parts.erase(time->parts.begin());
+    }
+    packets_.End();
+    if (time->parts.empty()) identity->EndTime(timestamp);
+  }
+}
+
+void MergeStage::HandOn(const MergedMetric& metric, MergedNode* node, int64_t timestamp) {
+  MergedSeries& series = node->second.series;
+  if (!series.Holds(timestamp)) return;  // memory ran out in between
+  const size_t bytes = series.bytes();
+  const size_t left_out = packets_.Append(metric.name, node->first, &series);
+  bytes_ += series.bytes() - bytes;
+  if (left_out == 0) return;
+  health_->merge_left_out_percentiles += left_out;
+  ReportOnce(&left_out_reported_, "percentiles of several processes do not add up and are left out",
+             metric.name.name);
+}
+
+void MergeStage::SweepIfDue() {
+  if (now_.steady - swept_ < kSweepPause) return;
+  swept_ = now_.steady;
+  const bool full = bytes_ > max_bytes_ / 4 * 3 || series_ > options_.max_series / 4 * 3;
+  const SteadyTime oldest =
+      now_.steady - (full ? options_.ttl : std::chrono::seconds(kForgetSeries));
+  for (auto next = identities_.begin(); next != identities_.end();) {
+    MergeIdentity* const identity = next->second.get();
+    identity->Sweep(now_.steady, oldest, is_live_, &bytes_, &series_);
+    if (!identity->IsEmpty()) {
+      ++next;
+      continue;
+    }
+    bytes_ -= identity->bytes();
+    next = identities_.erase(next);
+  }
+}
+
+void MergeStage::Refuse(MergeRefusal reason, size_t points) {
+  health_->merge_refused_points[static_cast<size_t>(reason)] += points;
+}
+
+void MergeStage::UpdateHealth() {
+  health_->merge_series = series_;
+  health_->merge_held_points = held_;
+}
+
+void MergeStage::ReportOnce(bool* reported, const std::string& text, const std::string& name) {
+  if (std::exchange(*reported, true)) return;
+  std::string line = "--merge: " + text + ", first those of ";
+  AppendQuoted(name, &line);
+  report_(line);
+}
+
+}  // namespace tidegate::agent

@@ -1,0 +1,112 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "agent/health.h"
+#include "agent/merge_identity.h"
+#include "agent/merged_packets.h"
+#include "agent/packet_sink.h"
+#include "agent/series_table.h"
+
+namespace tidegate::agent {
+
+// Makes one series of those that the processes of one identity (tenant, account and project) report
+// under the same name and tags, and hands its points on to the sinks, in packets without a client.
+//
+// Points of one time are held until all live processes of the identity have reported it or a later
+// one, and a second more for the rest of their packets, or until `delay` is over, counted from the
+// end of the interval or the first point, whichever is later. A point that comes after that is
+// late: what adds up in it goes with the next point of its series.
+//
+// Threads: all calls on the decoder's, or after that has ended. Memory is bounded: by the number
+// of series, and by SeriesTable::kBytesPerSeries for each of that number. So is the work for a
+// packet, by kMaxPacketWork and kMaxHandedOn. What finds no room is refused and counted. Borrows
+// `health` and the sinks.
+class MergeStage : public PacketSink {
+ public:
+  struct Options {
+    GaugeMerge gauge = GaugeMerge::kSum;
+    std::chrono::seconds delay{5};
+    size_t max_series = 1000000;
+    std::chrono::seconds ttl{300};  // of series without news where room is needed
+  };
+  using Report = std::function<void(const std::string& line)>;
+
+  static constexpr size_t kMaxIdentities = 1000;
+
+  // Bytes of keys and cells that one packet makes the stage go through.
+  static constexpr size_t kMaxPacketWork = size_t{64} << 20;
+
+  // Points of due times that one packet, and one second, have handed on.
+  static constexpr size_t kMaxHandedOn = 20000;
+  static constexpr size_t kMaxHandedOnTick = 200000;
+
+  MergeStage(const Options& options, std::vector<PacketSink*> sinks, Health* health, Report report,
+             IsLive is_live, SeriesTable::Clock clock = SeriesTable::Now);
+
+  void Handle(const Packet& packet, const ClientId& client) override;
+
+  // To be called once a second: hands on what is due.
+  void Tick();
+
+  // Hands on all that is held. REQUIRES: no Handle from now on.
+  void Flush();
+
+ private:
+  // The block in work.
+  struct Target {
+    MergeIdentity* identity;
+    MergedMetric* metric;
+    MergedLayout* layout;
+    int64_t timestamp;
+    ProcessId process;
+    bool before;  // only points of the interval before, for all that the packet says
+  };
+
+  MergeIdentity* IdentityOf(const Packet& packet);
+  void HoldAll(const Packet& packet, Target target);
+  void HoldBlock(const Block& block, MergedName::Form form, Target target);
+  void HoldTimer(const Packet& packet, size_t first, Target target);
+  // Counts it instead, if it finds no room.
+  void Hold(const Target& target, const Series& record, size_t points);
+  MergedNode* NodeOf(const Target& target, const Series& record);
+  // Seconds from now to the end of an interval that has not ended.
+  std::chrono::seconds Ahead(int64_t timestamp) const;
+  void Refuse(MergeRefusal reason, size_t points);
+  bool IsFull() const { return bytes_ > max_bytes_; }
+  void HandOn(size_t most);
+  void HandOn(MergeIdentity* identity, size_t* most);
+  void HandOn(const MergedMetric& metric, MergedNode* node, int64_t timestamp);
+  void SweepIfDue();
+  void UpdateHealth();
+  void ReportOnce(bool* reported, const std::string& text, const std::string& name);
+
+  const Options options_;
+  const size_t max_bytes_;
+  Health* const health_;
+  const Report report_;
+  const IsLive is_live_;
+  const SeriesTable::Clock clock_;
+  MergedPackets packets_;
+  std::unordered_map<std::string, std::unique_ptr<MergeIdentity>> identities_;
+  size_t bytes_ = 0;
+  size_t series_ = 0;
+  size_t held_ = 0;  // points
+  bool due_ = false;
+  SeriesTable::Time now_;
+  SteadyTime swept_;
+  bool left_out_reported_ = false;
+  bool columns_reported_ = false;
+
+  size_t work_ = 0;  // for the packet
+  std::string key_;
+};
+
+}  // namespace tidegate::agent

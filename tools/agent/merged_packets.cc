@@ -1,0 +1,138 @@
+#include "agent/merged_packets.h"
+
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <iterator>
+#include <utility>
+
+#include "agent/survives.h"
+
+namespace tidegate::agent {
+namespace {
+
+constexpr size_t kMaxRecords = 2000;
+constexpr size_t kMaxBytes = 256 << 10;
+
+void PutSized(std::string_view text, std::string* to) {
+  const auto size = static_cast<uint32_t>(text.size());
+  char bytes[sizeof(size)];
+  std::memcpy(bytes, &size, sizeof(size));
+  to->append(bytes, sizeof(size)).append(text);
+}
+
+std::string TakeSized(std::string_view* from) {
+  uint32_t size = 0;
+  std::memcpy(&size, from->data(), sizeof(size));
+  std::string text(from->substr(sizeof(size), size));
+  from->remove_prefix(sizeof(size) + size);
+  return text;
+}
+
+int64_t NowInMilliseconds() {
+  const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(since_epoch).count();
+}
+
+}  // namespace
+
+void PutTags(const std::vector<Tag>& tags, std::string* key) {
+  for (const Tag& tag : tags) {
+    PutSized(tag.key, key);
+    PutSized(tag.value, key);
+  }
+}
+
+std::vector<Tag> TagsOf(std::string_view key) {
+  std::vector<Tag> tags;
+  while (!key.empty()) {
+    std::string name = TakeSized(&key);
+    tags.push_back({std::move(name), TakeSized(&key)});
+  }
+  return tags;
+}
+
+MergedPackets::MergedPackets(std::vector<PacketSink*> sinks, Health* health)
+    : sinks_(std::move(sinks)), health_(health) {}
+
+void MergedPackets::Begin(const Packet& header, int64_t timestamp) {
+  End();
+  packet_ = header;
+  timestamp_ = timestamp;
+}
+
+size_t MergedPackets::Append(const MergedName& name, std::string_view tags, MergedSeries* series) {
+  const MergedLayout& layout = *series->layout();
+  Series record;
+  record.tags = TagsOf(tags);
+  const bool timer = name.form == MergedName::Form::kTimerBlocks;
+  if (!timer && (name_ != &name || layout_ != &layout)) StartBlock(name, layout);
+  const size_t left_out = series->Take(timestamp_, &record);
+  const size_t bytes = tags.size() + record.values.size() * sizeof(double);
+  if (timer) {
+    AppendTimer(name, std::move(record));
+  } else {
+    packet_.blocks.back().series.push_back(std::move(record));
+    Count(1, bytes);
+  }
+  return left_out;
+}
+
+void MergedPackets::StartBlock(const MergedName& name, const MergedLayout& layout) {
+  // Long names and many columns must neither gather in a packet nor make one of each record.
+  if (head_bytes_ >= kMaxBytes) HandOn();
+  Block block;
+  block.wire_type = name.wire_type;
+  block.timestamp = timestamp_;
+  block.name = name.name;
+  block.fields = layout.fields;
+  packet_.blocks.push_back(std::move(block));
+  name_ = &name;
+  layout_ = &layout;
+  head_bytes_ += name.name.size() + layout.fields.size() * sizeof(Field);
+}
+
+// Percentiles that were left out have no block.
+void MergedPackets::AppendTimer(const MergedName& name, Series record) {
+  const std::vector<double> values = std::exchange(record.values, {});
+  size_t blocks = 0;
+  for (size_t i = 0; i < std::size(kTimerColumns); ++i) {
+    if (i >= kTimerFirstQuantile && std::isnan(values[i])) continue;
+    Block block;
+    block.wire_type = name.wire_type;
+    block.timestamp = timestamp_;
+    block.name.append(name.name).append(".").append(kTimerColumns[i]);
+    Series& to = block.series.emplace_back(record);
+    to.values = {values[i]};
+    packet_.blocks.push_back(std::move(block));
+    ++blocks;
+  }
+  name_ = nullptr;
+  Count(blocks, blocks * (name.name.size() + 64));
+}
+
+void MergedPackets::Count(size_t records, size_t bytes) {
+  packet_.series_count += static_cast<uint32_t>(records);
+  bytes_ += bytes;
+  if (packet_.series_count >= kMaxRecords || bytes_ >= kMaxBytes) HandOn();
+}
+
+void MergedPackets::End() {
+  if (packet_.series_count > 0) HandOn();
+}
+
+void MergedPackets::HandOn() {
+  packet_.block_count = static_cast<uint32_t>(packet_.blocks.size());
+  packet_.send_time_ms = NowInMilliseconds();
+  health_->merged_points += packet_.series_count;
+  for (PacketSink* sink : sinks_) {
+    Survives(health_, [&] { sink->Handle(packet_, ClientId()); });
+  }
+  packet_.blocks.clear();
+  packet_.series_count = 0;
+  bytes_ = 0;
+  head_bytes_ = 0;
+  name_ = nullptr;
+}
+
+}  // namespace tidegate::agent

@@ -1,0 +1,121 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "agent/merge_rules.h"
+#include "agent/merged_totals.h"
+#include "agent/packet_reader.h"
+#include "agent/packet_sink.h"
+#include "agent/point_mapping.h"
+
+namespace tidegate::agent {
+
+// What the series of one name with the same columns have in common.
+struct MergedLayout {
+  MergedLayout(const Block& block, Kind kind, std::vector<MergeRule> rules, GaugeMerge gauge);
+
+  // Those of its columns that come in `record` are totals, if they may be.
+  void MarkTotals(const Series& record);
+
+  const Kind kind;
+  const GaugeMerge gauge;
+  const std::vector<Field> fields;
+  std::vector<MergeRule> rules;           // of each column
+  std::vector<uint32_t> total_positions;  // of each column that may be a total, among those
+  uint32_t totals = 0;                    // how many of those
+};
+
+// One series of all processes: what they have reported for times that are not handed on yet, and
+// what they have counted so far.
+//
+// Not thread-safe. Its memory grows by MergedSeries::bytes(), which the owner watches.
+class MergedSeries {
+ public:
+  // What became of a point.
+  enum class Added {
+    kHeld,
+    kLate,     // its time was handed on: what adds up goes with the next time, the rest is lost
+    kNothing,  // likewise, and there was nothing in it
+  };
+
+  explicit MergedSeries(MergedLayout* layout) : layout_(layout), totals_(layout->totals) {}
+
+  const MergedLayout* layout() const { return layout_; }
+
+  // Whether the series can take points with this layout at this time. One with other columns than
+  // before has to wait until a whole interval has passed without the old ones.
+  bool Accepts(MergedLayout* layout, int64_t timestamp);
+
+  // `before`: the packet has nothing that points of the interval before do not have.
+  Added Add(const ProcessId& process, int64_t timestamp, const Series& record, bool before);
+
+  bool Holds(int64_t timestamp) const;
+  // Whether a point of this time would be the first that is held for it.
+  bool IsNew(int64_t timestamp) const { return timestamp > handed_ && !Holds(timestamp); }
+  bool IsIdle() const { return held_.empty(); }
+
+  // Takes what is held for `timestamp` out, into the indexes and values of `record`. Returns how
+  // many percentiles were left out. REQUIRES: Holds(timestamp).
+  size_t Take(int64_t timestamp, Series* record);
+
+  // Forgets what those processes have counted of which `is_known` says false.
+  template <typename IsKnown>
+  void ForgetProcesses(const IsKnown& is_known);
+
+  size_t bytes() const;
+
+ private:
+  struct Cell {
+    double value = 0;  // by the rule of the column
+    double increase = 0;
+    bool used = false;
+  };
+  struct Point {
+    int64_t timestamp = 0;
+    ProcessId process;     // that reported first
+    bool several = false;  // or more than one
+    std::vector<Cell> cells;
+  };
+  struct Process {
+    ProcessId id;
+    std::vector<ProcessTotal> totals;
+  };
+
+  Point* Find(int64_t timestamp);
+  Point* FindOrMake(int64_t timestamp, const ProcessId& process);
+  Point* Late();
+  Process* ProcessOf(const ProcessId& id);
+  bool AddValue(size_t column, double value, bool late, Point* point) const;
+  bool AddTotal(Process* process, int64_t timestamp, size_t column, const Series& record,
+                size_t position);
+  // Whether it is for a time that was handed on.
+  bool AddIncrease(const ProcessTotal::Increase& increase, size_t column);
+  void AddWhatWasLate(Point* point);
+  void FinishAverages(Point* point) const;
+
+  MergedLayout* layout_;
+  std::vector<Point> held_;         // by time
+  std::unique_ptr<Point> late_;     // what adds up, for the next time
+  std::vector<Process> processes_;  // by id
+  std::vector<double> totals_;      // of all processes, up to handed_
+  int64_t handed_ = INT64_MIN;      // the newest time that was taken
+  std::optional<int64_t> refused_;  // the newest time of other columns, since points of these
+};
+
+template <typename IsKnown>
+void MergedSeries::ForgetProcesses(const IsKnown& is_known) {
+  size_t kept = 0;
+  for (Process& process : processes_) {
+    if (!is_known(process.id)) continue;
+    if (&process != &processes_[kept]) processes_[kept] = std::move(process);
+    ++kept;
+  }
+  processes_.resize(kept);
+}
+
+}  // namespace tidegate::agent
