@@ -69,19 +69,19 @@ install(FILES ${tidegate_made}/tidegate-metrics.7.gz DESTINATION ${CMAKE_INSTALL
 install(FILES ${tidegate_made}/tidegate-agent.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 
 # As they are in the sources, and not compressed: they link each other.
-install(FILES README.md DESTINATION ${tidegate_doc}/${tidegate_dev_package} COMPONENT dev)
-install(
-  DIRECTORY docs
-  DESTINATION ${tidegate_doc}/${tidegate_dev_package}
-  COMPONENT dev
-  FILES_MATCHING
-  PATTERN "*.md"
-  PATTERN man EXCLUDE)
+foreach(component IN ITEMS dev:dev agent:tools)
+  string(REGEX MATCH "^(.*):(.*)$" component ${component})
+  set(folder ${tidegate_doc}/${tidegate_${CMAKE_MATCH_1}_package})
+  install(FILES README.md DESTINATION ${folder} COMPONENT ${CMAKE_MATCH_2})
+  install(
+    DIRECTORY docs
+    DESTINATION ${folder}
+    COMPONENT ${CMAKE_MATCH_2}
+    FILES_MATCHING
+    PATTERN "*.md"
+    PATTERN man EXCLUDE)
+endforeach()
 install(DIRECTORY examples DESTINATION ${tidegate_doc}/${tidegate_dev_package} COMPONENT dev)
-install(
-  FILES docs/agent.md docs/forwarding.md
-  DESTINATION ${tidegate_doc}/${tidegate_agent_package}/docs
-  COMPONENT tools)
 
 string(REPLACE ";" " " TIDEGATE_UNITS "${TIDEGATE_UNITS}")
 foreach(script IN ITEMS postinst prerm postrm)

@@ -5,7 +5,8 @@
 #   tidy     clang-tidy finds nothing
 #   asan     the suite under the address and undefined behaviour sanitizers
 #   tsan     the suite under the thread sanitizer
-#   install  the installed package serves its users, and exports what it should
+#   install  the installed library serves its users and exports what it should; the Debian packages are
+#            as Debian wants them, and come and go cleanly
 #   docs     Doxygen understands every public header
 #   fuzz     a short run of each fuzzer
 set -euo pipefail

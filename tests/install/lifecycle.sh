@@ -91,6 +91,7 @@ check_removal() {
   asked "daemon-reload"
   [[ -e $CONF ]] || die "a removal takes the settings along"
   : >"$FRESH$SOCKET" # as a killed agent leaves it
+  mkdir "$FRESH/var/lib/tidegate-agent" # as systemd makes it, for a spool
   inside dpkg --force-unsafe-io --no-triggers -P tidegate-agent
   [[ -z $(find "$WORK/upper/opt/tmp" ! -type c 2>/dev/null) ]] || die "a purge leaves the socket's folder"
   inside id tidegate-agent

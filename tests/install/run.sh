@@ -183,7 +183,8 @@ check_options() {
   offers $'text\njson' tidegate-agent --print ""
   offers "json" tidegate-agent --print = j
   offers "" tidegate-agent --ttl ""
-  offers "$AGENT/bin" tidegate-agent --config "$AGENT/b"
+  offers "$AGENT/bin/tidegate-agent" tidegate-agent --config "$AGENT/bin/t"
+  offers "" tidegate-agent --spool "$AGENT/bin/t"
 }
 
 check_lifecycle() {

@@ -25,8 +25,10 @@ _tidegate_agent() {
       words=${words//,/ }
       ;;
     FILE* | PATH* | DIR*)
+      local action=file
+      [[ $kind != DIR* ]] || action=directory
       compopt -o filenames 2>/dev/null
-      mapfile -t COMPREPLY < <(compgen -f -- "$current")
+      mapfile -t COMPREPLY < <(compgen -A "$action" -- "$current")
       return
       ;;
     "") words=$options ;;
