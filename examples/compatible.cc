@@ -26,5 +26,6 @@ int main(int argc, char** argv) {
 
   client.FlushAndExit();
   std::printf(
-      "look for: counter legacy.jobs{queue=mail,result=sent} 3 and legacy.jobs{queue=invoice} 1\n");
+      "look for: counter legacy.jobs{queue=mail,result=sent,slot=0} 3 and "
+      "{queue=invoice,slot=0} 1\n");
 }

@@ -32,7 +32,8 @@ int main(int argc, char** argv) {
 
   client.FlushAndExit();
   std::printf(
-      "look for: multi_field db.pool{database=orders} with open=4, queries=10 and the ten numbers "
+      "look for: multi_field db.pool{database=orders,slot=0} with open=4, queries=10 and the ten "
+      "numbers "
       "of\n"
       "          latency; db.pool{database=users} with open=1 alone\n");
 }

@@ -1,12 +1,12 @@
 // prefork [SOCKET_PATH]: a server that forks its workers. Threads do not survive a fork, so each
-// child begins anew with the client that it inherited: AtFork, then Init.
+// child begins anew with the client that it inherited: AtFork, then Init. All of them report the
+// same series; the agent gives the points of each process a tag of their own, `slot`.
 
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdio>
-#include <string>
 
 #include "example.h"
 
@@ -18,21 +18,19 @@ using METRICS::MetricClient;
 
 constexpr int kChildren = 3;
 
-BoundSeries BindServed(MetricClient& client, const std::string& process) {
+BoundSeries BindServed(MetricClient& client) {
   METRICS::MetricInstanceCfg definition;
   definition.name = "served";
-  definition.tag_names = {"process"};
   BoundSeries served;
-  example::Require(served.Bind(example::MakeMetric(client, "prefork", definition),
-                               {{"process", process}}, Incr(0)));
+  example::Require(served.Bind(example::MakeMetric(client, "prefork", definition), {}, Incr(0)));
   return served;
 }
 
 // The life of a child, which ends with its last flush.
-void Serve(MetricClient& client, int number, int argc, char** argv) {
+void Serve(MetricClient& client, int argc, char** argv) {
   client.AtFork();
   example::Start(client, argc, argv);
-  BoundSeries served = BindServed(client, "child-" + std::to_string(number));
+  BoundSeries served = BindServed(client);
   for (int i = 0; i < 100; ++i) {
     served.Emit(1);
   }
@@ -45,7 +43,7 @@ void Serve(MetricClient& client, int number, int argc, char** argv) {
 int main(int argc, char** argv) {
   MetricClient client;
   example::Start(client, argc, argv);
-  BoundSeries served = BindServed(client, "parent");
+  BoundSeries served = BindServed(client);
   served.Emit(1);
 
   std::array<pid_t, kChildren> children{};
@@ -53,7 +51,7 @@ int main(int argc, char** argv) {
     children[static_cast<size_t>(i)] = ::fork();
     if (children[static_cast<size_t>(i)] == 0) {
       served = BoundSeries();  // what a child inherited is the parent's
-      Serve(client, i, argc, argv);
+      Serve(client, argc, argv);
       ::_exit(0);
     }
   }
@@ -65,8 +63,8 @@ int main(int argc, char** argv) {
   served = BoundSeries();
   client.FlushAndExit();
   std::printf(
-      "look for: rate prefork.served.rate{process=child-0} 100, the same of child-1 and\n"
-      "          child-2, and {process=parent} 1; children that failed: %d\n",
+      "look for: rate prefork.served.rate{slot=0} to {slot=3}, three of them 100 and one,\n"
+      "          that of the parent, 1; children that failed: %d\n",
       failed);
   return failed;
 }

@@ -213,7 +213,7 @@ bool WriteLinesOfInput(const uint8_t* data, size_t size) {
     CheckEscapes(std::string(data, data + std::min(size, kMaxText)));
     return false;
   }
-  agent::LineWriter writer(true);
+  agent::LineWriter writer(agent::ProcessLabel::kPid);
   const std::string lines = LinesOf(packet, &writer);
   Require(LinesOf(packet, &writer) == lines, "a writer makes the same lines again");
   return true;

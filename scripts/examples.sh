@@ -12,34 +12,35 @@ expected() {
   local n
   case $1 in
     compatible)
-      echo 'counter legacy\.jobs\{queue=mail,result=sent\} 3'
-      echo 'counter legacy\.jobs\{queue=invoice\} 1'
+      echo 'counter legacy\.jobs\{queue=mail,result=sent,slot=0\} 3'
+      echo 'counter legacy\.jobs\{queue=invoice,slot=0\} 1'
       ;;
     custom_environment)
-      echo 'delta_counter custom\.starts\.delta_counter\{cluster=south,host=host-17\} counter=1 .*'
+      echo 'delta_counter custom\.starts\.delta_counter\{cluster=south,host=host-17,slot=0\} counter=1 .*'
       ;;
     demo_service)
       echo 'multi_field shop\.jobs\.clerk\{.*\} batch=[0-9]+ packed=[0-9]+'
       ;;
     histogram)
-      echo 'histogram http\.sizes\.histogram\{\} .*b-256\.0+=2 .*sum=10400 hist:count=4'
+      echo 'histogram http\.sizes\.histogram\{slot=0\} .*b-256\.0+=2 .*sum=10400 hist:count=4'
       ;;
     multi_field)
-      echo 'multi_field db\.pool\{database=orders\} open=4 queries=10 .* latency\.counter=10 .*'
-      echo 'multi_field db\.pool\{database=users\} open=1'
+      echo 'multi_field db\.pool\{database=orders,slot=0\} open=4 queries=10 .* latency\.counter=10 .*'
+      echo 'multi_field db\.pool\{database=users,slot=0\} open=1'
       ;;
     prefork)
-      for n in 0 1 2; do
-        echo "rate prefork\.served\.rate\{process=child-$n\} 100"
+      for n in 0 1 2 3; do
+        echo "rate prefork\.served\.rate\{slot=$n\} 1(00)?"
       done
-      echo 'rate prefork\.served\.rate\{process=parent\} 1'
+      echo 'rate prefork\.served\.rate\{slot=.\} 100'
+      echo 'rate prefork\.served\.rate\{slot=.\} 1'
       ;;
     quick_start)
-      echo 'rate shop\.web\.requests\.rate\{method=get,status=200\} 10'
+      echo 'rate shop\.web\.requests\.rate\{method=get,status=200,slot=0\} 10'
       ;;
     worker_pool)
-      echo 'timer pool\.latency\.timer\{path=/cart,status=404\} .* counter=[0-9]+ .*'
-      echo 'timer pool\.requests\.waited\{\} .*'
+      echo 'timer pool\.latency\.timer\{path=/cart,status=404,slot=0\} .* counter=[0-9]+ .*'
+      echo 'timer pool\.requests\.waited\{slot=0\} .*'
       ;;
     *) die "no example \"$1\"" ;;
   esac

@@ -154,12 +154,12 @@ TEST_F(AgentTest, ServesClientsSideBySideAndEndsInOrder) {
   const UniqueFd second = Connect();
   Send(second, ReadGolden("multi_field.hex"));
   Await("out",
-        "1700000000 t1 multi_field svc.m{host=a} c=3 g=-0.25\n"
-        "1700000000 t1 multi_field svc.m{} g=2\n");
+        "1700000000 t1 multi_field svc.m{host=a,slot=0} c=3 g=-0.25\n"
+        "1700000000 t1 multi_field svc.m{slot=0} g=2\n");
   Send(first, gauge.substr(0, 150));
   Send(first, "");
   Send(first, gauge);
-  Await("out", "1700000000 t1 gauge svc.lat{dc=b,host=a} 1.5\n");
+  Await("out", "1700000000 t1 gauge svc.lat{dc=b,host=a,slot=0} 1.5\n");
 
   // What waits on a connection, and on one not even accepted, when the signal comes still counts.
   kill(pid_, SIGSTOP);
@@ -207,6 +207,67 @@ TEST_F(AgentTest, ServesTheNewestValuesOverHttp) {
     EXPECT_EQ(Terminate(), 0);
     EXPECT_EQ(Content("out"), "");
   }
+}
+
+TEST_F(AgentTest, TellsProcessesThatShareTheirTagsApart) {
+  constexpr size_t kWorkers = 4;
+  const std::string point = "1700000000 t1 gauge svc.lat{dc=b,host=a";
+  const std::string gauge = ReadGolden("gauge.hex");
+  Start({"--http", "127.0.0.1:0", "--print", "text"});
+  // A child that sends a point over a connection of its own for each byte of the pipe.
+  std::vector<Pipe> orders(kWorkers);
+  const auto work = [&](size_t worker) {
+    const pid_t pid = fork();
+    if (pid > 0) return pid;
+    for (Pipe& pipe : orders) pipe.write_end.Reset();
+    std::vector<UniqueFd> connections;
+    for (char order = 0; read(orders[worker].read_end.get(), &order, 1) == 1;) {
+      Send(connections.emplace_back(Connect()), gauge);
+    }
+    _exit(0);
+  };
+  std::vector<pid_t> workers;
+  std::string expected;
+  const auto order = [&](size_t worker, size_t slot) {
+    ASSERT_EQ(write(orders[worker].write_end.get(), "", 1), 1);
+    Await("out", expected += point + ",slot=" + std::to_string(slot) + "} 1.5\n");
+  };
+  const auto end = [&](size_t worker) {
+    orders[worker] = Pipe();
+    waitpid(workers[worker], nullptr, 0);
+  };
+  for (size_t i = 0; i < kWorkers; ++i) workers.push_back(work(i));
+  for (size_t i = 0; i < 2 * kWorkers; ++i) order(i % kWorkers, i % kWorkers);
+  for (int i = 0; i < 1000; ++i) Send(Connect(), gauge);
+  for (int i = 0; i < 1000; ++i) expected += point + ",slot=4} 1.5\n";
+  Await("out", expected);
+  // A successor comes too soon for the slot.
+  end(1);
+  workers[1] = work(1);
+  order(1, 5);
+  for (size_t i = 0; i < kWorkers; ++i) end(i);
+  const httplib::Result page = httplib::Client(Url()).Get("/metrics");
+  ASSERT_TRUE(page);
+  EXPECT_THAT(page->body,
+              HasSubstr("\nsvc_lat{tenant=\"t1\",slot=\"5\",dc=\"b\",host=\"a\"} 1.5\n"));
+  EXPECT_THAT(page->body, HasSubstr("\ntidegate_agent_slots 6\n"));
+  EXPECT_THAT(page->body, HasSubstr("\ntidegate_agent_shared_series_total 0\n"));
+  EXPECT_EQ(Terminate(), 0);
+
+  Start({"--process-label", "none", "--quiet"});
+  orders[0] = Pipe();
+  const pid_t other = work(0);
+  for (int i = 0; i < 8; ++i) {
+    ASSERT_EQ(write(orders[0].write_end.get(), "", 1), 1);
+    Send(Connect(), gauge);
+    std::this_thread::sleep_for(milliseconds(20));  // about so that they take turns
+  }
+  Await("err", "\"svc.lat{tenant=t1,dc=b,host=a}\" comes from process ");
+  EXPECT_THAT(Content("err"), HasSubstr("process " + std::to_string(other)));
+  EXPECT_THAT(Content("err"), HasSubstr("process " + std::to_string(getpid())));
+  orders[0] = Pipe();
+  waitpid(other, nullptr, 0);
+  EXPECT_EQ(Terminate(), 0);
 }
 
 TEST_F(AgentTest, GoesOnWhileNobodyReadsAndEndsInOrderThoughTheSignalIsRepeated) {
@@ -263,7 +324,7 @@ TEST_F(AgentTest, CountsWhatIsNotPrintedAndGoesOnWhereThereIsRoomAgain) {
   ASSERT_EQ(fstat(UniqueFd(Create("err")).get(), &log), 0);
   const std::string stream = std::to_string(log.st_dev) + ':' + std::to_string(log.st_ino);
   setenv("JOURNAL_STREAM", stream.c_str(), 1);
-  Start({"--http", "127.0.0.1:0", "--print", "text"});
+  Start({"--http", "127.0.0.1:0", "--print", "text", "--process-label", "none"});
   unsetenv("JOURNAL_STREAM");
   room_for(4000);
   const size_t before = 4000 - first.size() - torn.size();
@@ -294,6 +355,8 @@ TEST_F(AgentTest, RefusesBadSettingsInOneLine) {
       {{"--nope"}, "--nope"},
       {{"--ttl", "0"}, "--ttl"},
       {{"--socket-mode", "rw"}, "\"rw\" is no file mode, give octal digits as 0660"},
+      {{"--process-label", "tid"}, "tid not in {slot,pid,none}"},
+      {{"--process-label", "slot", "--label-pid"}, "--label-pid"},
       {{"--http", "9464"}, "\"9464\" is no address, give HOST:PORT as 127.0.0.1:9464"},
       {{"--forward", "http://me:secret@db:x/"}, "--forward: \"http://...@db:x/\" is no URL"},
       {{"--forward-interval", "nan"}, "--forward-interval: \"nan\" is no number of seconds"},
@@ -355,7 +418,7 @@ TEST_F(AgentTest, TakesOneMebibyteWholeAndCountsWhatIsLonger) {
   Send(client, GaugeNamed(name + 'n'));
   Await("err", "tidegate-agent: message of 1048577 bytes is longer than 1048576\n");
   EXPECT_EQ(Terminate(), 0);
-  EXPECT_EQ(Content("out"), "1700000000 t1 gauge " + name + "{dc=b,host=a} 1.5\n");
+  EXPECT_EQ(Content("out"), "1700000000 t1 gauge " + name + "{dc=b,host=a,slot=0} 1.5\n");
   EXPECT_THAT(Content("err"), HasSubstr("packets=1 series=1 points=1 errors=1\n"));
 }
 

@@ -46,8 +46,8 @@ Block MakeBlock(uint8_t type, const std::string& name, const std::vector<std::st
   return block;
 }
 
-std::string Lines(const Block& block, bool label_pid = false) {
-  LineWriter writer(label_pid);
+std::string Lines(const Block& block, ProcessLabel label = ProcessLabel::kNone) {
+  LineWriter writer(label);
   Packet packet;
   packet.tenant = "t1";
   const ClientId client{42};
@@ -106,7 +106,7 @@ TEST(LineProtocolTest, WritesEachKindAsTheMappingSays) {
   for (const auto& test : kCases) EXPECT_EQ(Lines(test.block), test.lines);
 
   Block block = MakeBlock(1, "m", {}, {{0, {}, {}, {1}}});
-  EXPECT_EQ(Lines(block, true), "m,tenant=t1,pid=42 value=1 1700000000000000000\n");
+  EXPECT_EQ(Lines(block, ProcessLabel::kPid), "m,tenant=t1,pid=42 value=1 1700000000000000000\n");
   block.timestamp = std::numeric_limits<int64_t>::max() / 1000;
   EXPECT_EQ(Lines(block), "");
 }

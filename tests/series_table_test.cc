@@ -151,7 +151,7 @@ TEST_F(SeriesTableTest, ShowsEachKindInItsFamilies) {
   EXPECT_THAT(own, HasSubstr("\ntidegate_agent_received_bytes_total 18446744073709551615\n"));
 
   SeriesTable::Options with_pid;
-  with_pid.label_pid = true;
+  with_pid.process_label = ProcessLabel::kPid;
   Make(with_pid);
   Handle({1, "g", {}, {{"pid", "p"}}, {0}});
   EXPECT_THAT(Page(true),
@@ -187,6 +187,38 @@ TEST_F(SeriesTableTest, KeepsTheNewestAndAddsIntervalsUp) {
   Handle({6, "h", {"hist:b-7", "hist:sum", "hist:count"}, {}, {1, 7, 1}});
   EXPECT_THAT(Samples(), StartsWith("histogram h_bucket{le=\"+Inf\"} 1\nhistogram h_sum 7\n"
                                     "histogram h_count 1\nsummary t{"));
+}
+
+TEST_F(SeriesTableTest, SeesProcessesThatShareASeries) {
+  const struct {
+    const char* records;  // by the process that sent each
+    int shared;
+  } kCases[] = {
+      {"AAAABBBBCCCC", 0},  // restarts
+      {"ABCDEFGH", 0},
+      {"AAABABBBBCBCCC", 0},        // with a last packet that comes late
+      {"AAAABBBBBAAAAABBBBBA", 0},  // one of them at a time
+      {"ABABAB", 1},
+      {"ABBAABBAABBA", 1},
+      {"ABCABCABC", 1},
+      {"AAAAAAAAAABAAAAAAAAAABAAAAAAAAAA", 1},
+      {"XXXXABABABABABAB", 1},
+  };
+  int shared = 0;
+  for (const auto& test : kCases) {
+    SCOPED_TRACE(test.records);
+    Make({});
+    const Packet packet = PacketOf({1, "g\n", {}, {{"host", "a"}}, {0}});
+    for (const char* process = test.records; *process != 0; ++process) {
+      table_->Handle(packet, {*process, 1, 1});
+    }
+    EXPECT_EQ(health_.shared_series, static_cast<uint64_t>(shared += test.shared));
+  }
+  EXPECT_THAT(
+      reports_[0],
+      "\"g\\n{tenant=t1,host=a}\" comes from process 66 and process 65 at one time, which "
+      "mixes their values; use --process-label slot, or give each of them a tag of its own");
+  EXPECT_EQ(reports_.size(), static_cast<size_t>(shared));
 }
 
 TEST_F(SeriesTableTest, LimitsSeriesAndForgetsThoseWithoutNews) {

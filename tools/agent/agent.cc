@@ -33,17 +33,17 @@ Agent::Agent(const Options& options)
       server_([this](SeqpacketServer::Message message) { queue_.Push(std::move(message)); },
               [this](const std::string& warning) { log_.ReportSome(warning); }, &health_.clients,
               &connected_),
-      table_({options.max_series, options.ttl, options.label_pid, !options.http.empty(),
+      table_({options.max_series, options.ttl, options.process_label, !options.http.empty(),
               options.max_ahead},
              &health_, [this](const std::string& collision) { log_.Report(collision); }),
       decoder_(
-          &queue_, Sinks(), [this] { LookAfterThings(); }, &health_, &log_) {}
+          &queue_, Sinks(), [this] { LookAfterThings(); }, &health_, &log_, Slots()) {}
 
 std::vector<PacketSink*> Agent::Sinks() {
   std::vector<PacketSink*> sinks = {&table_};
   if (options_.print) {
     sinks.push_back(&printer_.emplace(
-        *options_.print, options_.label_pid, STDOUT_FILENO,
+        *options_.print, options_.process_label, STDOUT_FILENO,
         [this](int error) { PrintingChanged(error); }, &health_));
   }
   if (options_.forward) {
@@ -56,6 +56,11 @@ std::vector<PacketSink*> Agent::Sinks() {
                           options_.ttl},
       std::move(sinks), &health_, [this](const std::string& line) { log_.Report(line); },
       [this](const ProcessId& process) { return IsLive(process); })};
+}
+
+ProcessSlots* Agent::Slots() {
+  if (options_.process_label != ProcessLabel::kSlot) return nullptr;
+  return &slots_.emplace([this](const ProcessId& process) { return IsLive(process); }, &health_);
 }
 
 // In this order: what the process has sent is in the queue before its connection goes.
@@ -120,6 +125,7 @@ void Agent::LookAfterThings() {
   }
   if (merge_) merge_->Tick();
   table_.Sweep();
+  if (slots_) slots_->Sweep(Clock::now());
   const std::string drops = queue_.ReportDrops(Clock::now());
   if (!drops.empty()) log_.Report(drops);
 }

@@ -19,6 +19,7 @@
 #include "agent/packet_listener.h"
 #include "agent/packet_log.h"
 #include "agent/packet_queue.h"
+#include "agent/process_slots.h"
 #include "agent/seqpacket_server.h"
 #include "agent/series_table.h"
 #include "agent/service_manager.h"
@@ -55,6 +56,8 @@ class Agent {
   using Clock = std::chrono::steady_clock;
 
   std::vector<PacketSink*> Sinks();
+  // Makes them; null if points have none.
+  ProcessSlots* Slots();
   // What sinks know as IsLive.
   bool IsLive(const ProcessId& process) const;
   bool Start();
@@ -86,6 +89,7 @@ class Agent {
   HandOverTaker taker_;
   PacketListener listener_;
   SeqpacketServer server_;
+  std::optional<ProcessSlots> slots_;  // if points are to have them
   SeriesTable table_;
   Clock::time_point next_printing_line_;  // with the next, of the writer's thread
   bool printing_trouble_told_ = false;

@@ -9,12 +9,13 @@ namespace tidegate::agent {
 using std::chrono::steady_clock;
 
 Decoder::Decoder(PacketQueue* queue, std::vector<PacketSink*> sinks,
-                 std::function<void()> on_second, Health* health, Log* log)
+                 std::function<void()> on_second, Health* health, Log* log, ProcessSlots* slots)
     : queue_(queue),
       sinks_(std::move(sinks)),
       on_second_(std::move(on_second)),
       health_(health),
-      log_(log) {}
+      log_(log),
+      slots_(slots) {}
 
 void Decoder::Run() {
   constexpr std::chrono::milliseconds kSecond(1000);
@@ -40,9 +41,15 @@ void Decoder::Decode(const SeqpacketServer::Message& message) {
   if (packet == nullptr) return;
   ++health_->packets;
   health_->points += packet->series_count;
+  const ClientId client = Slotted(*packet, message.client);
   for (PacketSink* sink : sinks_) {
-    Survives(health_, [&] { sink->Handle(*packet, message.client); });
+    Survives(health_, [&] { sink->Handle(*packet, client); });
   }
+}
+
+ClientId Decoder::Slotted(const Packet& packet, ClientId client) {
+  if (slots_ != nullptr) Survives(health_, [&] { client.slot = slots_->SlotOf(packet, client); });
+  return client;
 }
 
 const Packet* Decoder::Read(const SeqpacketServer::Message& message) {

@@ -8,20 +8,22 @@
 #include "agent/log.h"
 #include "agent/packet_queue.h"
 #include "agent/packet_sink.h"
+#include "agent/process_slots.h"
 #include "agent/seqpacket_server.h"
 
 namespace tidegate::agent {
 
 // Decodes messages and hands the packets to all sinks. A refused message is counted, gets a line of
 // the log and changes nothing else. Where memory runs out, a packet is lost, or a sink loses what
-// it had to keep of it: both are counted.
+// it had to keep of it: both are counted. The sinks get the client with its slot, if there are
+// slots.
 //
 // Threads: Run on one thread, which is that of the sinks and of `on_second`. Borrows everything.
 class Decoder {
  public:
   // `on_second` is called about once a second, also while nothing comes.
   Decoder(PacketQueue* queue, std::vector<PacketSink*> sinks, std::function<void()> on_second,
-          Health* health, Log* log);
+          Health* health, Log* log, ProcessSlots* slots = nullptr);
 
   // Until the queue is closed and empty.
   void Run();
@@ -29,6 +31,7 @@ class Decoder {
  private:
   void Decode(const SeqpacketServer::Message& message);
   const Packet* Read(const SeqpacketServer::Message& message);
+  ClientId Slotted(const Packet& packet, ClientId client);
   void Refuse(DecodeFailure failure, const std::string& text);
 
   PacketQueue* const queue_;
@@ -36,6 +39,7 @@ class Decoder {
   const std::function<void()> on_second_;
   Health* const health_;
   Log* const log_;
+  ProcessSlots* const slots_;
   PacketReader reader_;
 };
 

@@ -27,7 +27,7 @@ struct ForwardFlags {
   void DeclareOn(CLI::App* app);
 
   // REQUIRES: `url` is one that the flag takes.
-  ForwardOptions ToOptions(bool label_pid) const;
+  ForwardOptions ToOptions(ProcessLabel process_label) const;
 };
 
 }  // namespace tidegate::agent

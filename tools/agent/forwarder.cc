@@ -60,7 +60,7 @@ Forwarder::Forwarder(ForwardOptions options, Health* health, Report report)
           options_.limits, options_.spool.folder.empty() ? std::function<bool()>()
                                                          : [this] { return !spool_.empty(); }),
       poster_(options_.url),
-      writer_(options_.label_pid),
+      writer_(options_.process_label),
       random_(std::random_device()()) {
   if (!options_.spool.folder.empty()) {
     feeder_.emplace(&queue_, &spool_, health_, [this] { PublishSize(); });

@@ -32,7 +32,7 @@ struct ForwardOptions {
   std::chrono::milliseconds log_interval{60000};  // between lines about the same trouble
   SpoolOptions spool;
   std::string host;  // tag of the agent's own numbers
-  bool label_pid = false;
+  ProcessLabel process_label = ProcessLabel::kNone;
 };
 
 // Sends points to a database, as lines of the InfluxDB line protocol over HTTP.

@@ -100,6 +100,12 @@ void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
             "reason", kMergeRefusalNames[i], ValueOf(merge_refused_points[i])});
   }
 
+  gauge("tidegate_agent_slots", "Numbers that processes have, or have just left.", slots);
+  counter("tidegate_agent_slotless_packets_total", "Packets of processes without a number.",
+          slotless_packets);
+  counter("tidegate_agent_shared_series_total", "Series that several processes report.",
+          shared_series);
+
   constexpr std::string_view kCut = "tidegate_agent_http_cut_clients_total";
   constexpr std::string_view kCutHelp = "HTTP clients cut off before they had their answer.";
   handle({kCut, kCutHelp, true, "reason", "slow", ValueOf(http_cut_slow)});

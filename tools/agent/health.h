@@ -70,6 +70,9 @@ struct Health {
   std::array<Number, kRefusals> refused_points{};
   // Each once; of those reasons that are one of a series: kLimit and kCollision.
   std::array<Number, 2> refused_series{};
+  Number slots{0};             // of processes, those included that are held
+  Number slotless_packets{0};  // of processes for which there was none
+  Number shared_series{0};     // that two processes report
   Number unprinted_points{0};  // that standard output did not take whole, or not in time
 
   Number merge_series{0};       // that are merged

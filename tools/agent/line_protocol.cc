@@ -84,7 +84,7 @@ void LineWriter::EscapeFields() {
 bool LineWriter::AppendRecord(const Series& record, std::string* out) {
   tried_bytes_ = 0;
   if (!fits_) return false;
-  tags_.Assign(*packet_, *client_, label_pid_, kind_, record);
+  tags_.Assign(*packet_, *client_, label_, kind_, record);
   AppendTags();
   tried_bytes_ = head_.size();
   if (bounds_.size() * head_.size() > kMaxBucketBytes) return false;

@@ -29,8 +29,8 @@ class LineWriter {
  public:
   static constexpr size_t kMaxLineBytes = size_t{256} << 10;
 
-  // With `label_pid` lines carry the process as a tag.
-  explicit LineWriter(bool label_pid) : label_pid_(label_pid) {}
+  // `label` is the tag of the process on the lines.
+  explicit LineWriter(ProcessLabel label) : label_(label) {}
 
   // Starts with the records of `block`. All three are borrowed until the last of them.
   void StartBlock(const Packet& packet, const ClientId& client, const Block& block);
@@ -49,7 +49,7 @@ class LineWriter {
   bool AppendLine(std::string* out);
   void AppendBuckets(const Series& record, std::string* out);
 
-  const bool label_pid_;
+  const ProcessLabel label_;
   const Packet* packet_ = nullptr;
   const ClientId* client_ = nullptr;
   const Block* block_ = nullptr;

@@ -19,6 +19,8 @@ struct Raw {
   Options options;
   std::string mode = "0666";
   std::string print;
+  std::string process_label = "slot";
+  bool label_pid = false;
   bool quiet = false;
   ForwardFlags forward;
   int64_t ttl = 0;
@@ -73,7 +75,12 @@ void Declare(CLI::App* app, Raw* raw) {
   app->add_option("--print", raw->print, "Print every point: text, or json for JSON lines")
       ->check(CLI::IsMember({"text", "json"}));
   app->add_flag("--quiet", raw->quiet, "Print no points, only errors and the totals");
-  app->add_flag("--label-pid", options.label_pid, "Add the sender's process id to the tags");
+  CLI::Option* const label =
+      app->add_option("--process-label", raw->process_label,
+                      "Tag that tells processes apart: slot, a small number; pid; or none")
+          ->check(CLI::IsMember({"slot", "pid", "none"}))
+          ->capture_default_str();
+  app->add_flag("--label-pid", raw->label_pid, "The same as --process-label pid")->excludes(label);
   app->add_option("--http", options.http, "Serve /metrics on HOST:PORT, as 127.0.0.1:9464")
       ->check(CheckAddress);
   app->add_flag("--timestamps", options.timestamps, "Write timestamps on /metrics");
@@ -97,6 +104,11 @@ void Declare(CLI::App* app, Raw* raw) {
   AddSeconds(app, "--drain", 0, &raw->drain, "Seconds to hand on what is left, at the end");
 }
 
+ProcessLabel LabelOf(const Raw& raw) {
+  if (raw.label_pid || raw.process_label == "pid") return ProcessLabel::kPid;
+  return raw.process_label == "slot" ? ProcessLabel::kSlot : ProcessLabel::kNone;
+}
+
 Options Finish(const Raw& raw) {
   Options options = raw.options;
   options.socket_mode = static_cast<mode_t>(std::stoul(raw.mode, nullptr, 8));
@@ -106,7 +118,8 @@ Options Finish(const Raw& raw) {
   options.merge_delay = std::chrono::seconds(raw.merge_delay);
   if (raw.merge_gauge == "last") options.merge_gauge = GaugeMerge::kLast;
   if (raw.merge_gauge == "max") options.merge_gauge = GaugeMerge::kMax;
-  if (!raw.forward.url.empty()) options.forward = raw.forward.ToOptions(options.label_pid);
+  options.process_label = options.merge ? ProcessLabel::kNone : LabelOf(raw);
+  if (!raw.forward.url.empty()) options.forward = raw.forward.ToOptions(options.process_label);
   const bool elsewhere = !options.http.empty() || options.forward;
   const bool silent = raw.quiet || (raw.print.empty() && elsewhere);
   if (!silent) options.print = raw.print == "json" ? PrintFormat::kJson : PrintFormat::kText;
@@ -128,10 +141,11 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, OptionsEr
   Declare(&app, &raw);
   try {
     app.parse(argc, argv);
-    if (raw.options.merge && raw.options.label_pid) {
+    if (raw.options.merge &&
+        (raw.label_pid || (app.count("--process-label") > 0 && raw.process_label != "none"))) {
       throw CLI::ValidationError("--merge",
                                  "makes one series of all processes, so no label of a "
-                                 "process (--label-pid) goes with it");
+                                 "process (--process-label) goes with it");
     }
     return Finish(raw);
   } catch (const CLI::ParseError& failure) {

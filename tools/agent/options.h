@@ -10,6 +10,7 @@
 #include "agent/forwarder.h"
 #include "agent/merge_rules.h"
 #include "agent/packet_log.h"
+#include "agent/point_mapping.h"
 
 namespace tidegate::agent {
 
@@ -19,7 +20,7 @@ struct Options {
   mode_t socket_mode = 0666;
   bool take_over = false;
   std::optional<PrintFormat> print;
-  bool label_pid = false;
+  ProcessLabel process_label = ProcessLabel::kSlot;
   std::string http;  // "host:port"; empty: none
   bool timestamps = false;
   std::optional<ForwardOptions> forward;

@@ -19,10 +19,10 @@ constexpr size_t kMaxPacketBytes = size_t{256} << 20;
 
 }  // namespace
 
-PacketLog::PacketLog(PrintFormat format, bool label_pid, int fd, std::function<void(int)> on_change,
-                     Health* health)
+PacketLog::PacketLog(PrintFormat format, ProcessLabel label, int fd,
+                     std::function<void(int)> on_change, Health* health)
     : format_(format),
-      label_pid_(label_pid),
+      label_(label),
       health_(health),
       writer_(fd, kMaxBytes, std::move(on_change), &health->unprinted_points) {}
 
@@ -42,23 +42,23 @@ void PacketLog::Handle(const Packet& packet, const ClientId& client) {
 }
 
 void PacketLog::Print(const Packet& packet, const ClientId& client) {
-  const Tag tag = {"pid", std::to_string(client.pid)};
-  const Tag* const pid = label_pid_ ? &tag : nullptr;
+  const Tag tag = {std::string(KeyOf(label_)), ValueOf(label_, client)};
+  const Tag* const process = label_ == ProcessLabel::kNone ? nullptr : &tag;
   flushed_ = 0;
   for (size_t i = 0; i < packet.blocks.size();) {
     const size_t timer = format_ == PrintFormat::kText ? TimerBlocks(packet, i) : 0;
     if (timer != 0) {
-      AppendTimerText(packet, i, pid, &lines_.text);
+      AppendTimerText(packet, i, process, &lines_.text);
       EndLine(static_cast<uint8_t>(timer));
       i += timer;
       continue;
     }
-    Append(packet, packet.blocks[i++], pid);
+    Append(packet, packet.blocks[i++], process);
   }
   Flush();
 }
 
-void PacketLog::Append(const Packet& packet, const Block& block, const Tag* pid) {
+void PacketLog::Append(const Packet& packet, const Block& block, const Tag* process) {
   for (const Series& record : block.series) {
     if (flushed_ > kMaxPacketBytes) {
       ++health_->unprinted_points;
@@ -66,9 +66,9 @@ void PacketLog::Append(const Packet& packet, const Block& block, const Tag* pid)
       continue;
     }
     if (format_ == PrintFormat::kText) {
-      AppendText(packet, block, record, pid, &lines_.text);
+      AppendText(packet, block, record, process, &lines_.text);
     } else {
-      AppendJson(packet, block, record, pid, &lines_.text);
+      AppendJson(packet, block, record, process, &lines_.text);
     }
     EndLine(1);
   }

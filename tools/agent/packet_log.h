@@ -8,6 +8,7 @@
 
 #include "agent/health.h"
 #include "agent/packet_sink.h"
+#include "agent/point_mapping.h"
 #include "agent/stream_writer.h"
 
 namespace tidegate::agent {
@@ -23,9 +24,8 @@ enum class PrintFormat { kText, kJson };
 // `health`.
 class PacketLog : public PacketSink {
  public:
-  // With `label_pid` the process is the last tag of each point. `on_change` is called as
-  // StreamWriter does.
-  PacketLog(PrintFormat format, bool label_pid, int fd, std::function<void(int)> on_change,
+  // The tag by `label` is the last one of each point. `on_change` is called as StreamWriter does.
+  PacketLog(PrintFormat format, ProcessLabel label, int fd, std::function<void(int)> on_change,
             Health* health);
 
   void Handle(const Packet& packet, const ClientId& client) override;
@@ -38,12 +38,12 @@ class PacketLog : public PacketSink {
 
  private:
   void Print(const Packet& packet, const ClientId& client);
-  void Append(const Packet& packet, const Block& block, const Tag* pid);
+  void Append(const Packet& packet, const Block& block, const Tag* process);
   void EndLine(uint8_t points);
   void Flush();
 
   const PrintFormat format_;
-  const bool label_pid_;
+  const ProcessLabel label_;
   Health* const health_;
   CountedLines lines_;  // that the writer does not have yet, counted by points
   size_t flushed_ = 0;  // bytes of the packet's lines that the writer has got

@@ -27,11 +27,14 @@ struct ProcessId {
   }
 };
 
+inline constexpr uint32_t kNoSlot = UINT32_MAX;
+
 // Who sent a packet: the process that connected, also if a child goes on with the connection.
 struct ClientId {
   pid_t pid = 0;            // 0 if the kernel does not tell
   uint64_t connection = 0;  // its number, never used twice
   uint64_t start = 0;       // of the process, as in ProcessId
+  uint32_t slot = kNoSlot;  // its small number, see ProcessSlots
 
   // The same for all connections of a process. To be used as a key.
   ProcessId process() const { return {pid, pid > 0 ? start : connection}; }

@@ -91,13 +91,31 @@ HistogramView HistogramOf(const Series& record) {
   return {record.values.data(), buckets, record.values[buckets], record.values[buckets + 1]};
 }
 
-void PointTags::Assign(const Packet& packet, const ClientId& client, bool label_pid, Kind kind,
+std::string_view KeyOf(ProcessLabel label) {
+  switch (label) {
+    case ProcessLabel::kNone:
+      break;
+    case ProcessLabel::kSlot:
+      return "slot";
+    case ProcessLabel::kPid:
+      return "pid";
+  }
+  return {};
+}
+
+std::string ValueOf(ProcessLabel label, const ClientId& client) {
+  if (label == ProcessLabel::kPid) return std::to_string(client.pid);
+  return client.slot == kNoSlot ? "overflow" : std::to_string(client.slot);
+}
+
+void PointTags::Assign(const Packet& packet, const ClientId& client, ProcessLabel label, Kind kind,
                        const Series& record) {
   tags_.clear();
   tags_.push_back({"tenant", packet.tenant});
-  if (label_pid) {
-    pid_ = std::to_string(client.pid);
-    tags_.push_back({"pid", pid_});
+  const std::string_view process_key = KeyOf(label);
+  if (label != ProcessLabel::kNone) {
+    process_ = ValueOf(label, client);
+    tags_.push_back({process_key, process_});
   }
   const size_t first = tags_.size();
   const std::string_view of_kind = TagOfKind(kind);
@@ -105,7 +123,7 @@ void PointTags::Assign(const Packet& packet, const ClientId& client, bool label_
   for (const agent::Tag& tag : record.tags) {
     if (tag.value.empty()) continue;
     // Senders sort by key, so a comparison with the one before finds what comes twice.
-    distinct = distinct && tag.key != "tenant" && !(label_pid && tag.key == "pid") &&
+    distinct = distinct && tag.key != "tenant" && (process_key.empty() || tag.key != process_key) &&
                (of_kind.empty() || tag.key != of_kind) &&
                (tags_.size() == first || tags_.back().key < tag.key);
     tags_.push_back({tag.key, tag.value});

@@ -61,7 +61,14 @@ struct HistogramView {
 // REQUIRES: the block's kind is kHistogram and `record` is one of its series.
 HistogramView HistogramOf(const Series& record);
 
-// The tags that a record's points carry: `tenant`, with `label_pid` also `pid`, then its own,
+// Which tag the agent adds to tell the processes apart that send a series.
+enum class ProcessLabel { kNone, kSlot, kPid };
+
+// Its key, empty for none; and its value, "overflow" for a process without a slot.
+std::string_view KeyOf(ProcessLabel label);
+std::string ValueOf(ProcessLabel label, const ClientId& client);
+
+// The tags that a record's points carry: `tenant`, then `slot` or `pid` by `label`, then its own,
 // in the order of their keys. An empty value is no tag. A tag whose key is taken, by one of those
 // two, by an earlier tag or by what its kind adds (`le` of histograms, `quantile` of timer rows),
 // has "exported_" put before its key; one whose key is taken even so is left out.
@@ -75,7 +82,7 @@ class PointTags {
     std::string_view value;
   };
 
-  void Assign(const Packet& packet, const ClientId& client, bool label_pid, Kind kind,
+  void Assign(const Packet& packet, const ClientId& client, ProcessLabel label, Kind kind,
               const Series& record);
 
   std::vector<Tag>::const_iterator begin() const { return tags_.begin(); }
@@ -85,7 +92,7 @@ class PointTags {
   void Rename(size_t first, std::string_view of_kind);
 
   std::vector<Tag> tags_;
-  std::string pid_;
+  std::string process_;
   std::deque<std::string> renamed_;  // keys that tags_ points to
 };
 

@@ -15,6 +15,7 @@
 #include "agent/name_claims.h"
 #include "agent/packet_reader.h"
 #include "agent/point_mapping.h"
+#include "agent/series_reporters.h"
 
 // What the table of series keeps: metrics, their columns, and series with their cells. Not
 // thread-safe; the table guards it.
@@ -52,6 +53,7 @@ struct SeriesEntry {
   std::unique_ptr<Cell[]> row;  // of all columns, if there are more
   int64_t newest = INT64_MIN;   // timestamp
   std::chrono::steady_clock::time_point news;
+  SeriesReporters reporters;
 
   Cell* cells() { return row ? row.get() : &cell; }
   const Cell* cells() const { return row ? row.get() : &cell; }

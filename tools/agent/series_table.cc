@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "agent/exposition.h"
+#include "agent/quoted.h"
 #include "agent/series_page.h"
 
 namespace tidegate::agent {
@@ -14,6 +15,12 @@ using METRICS::WriteGuard;
 using std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kMaxSweepPause(10);
+
+constexpr size_t kMaxShownSeries = 300;  // in a line of the log
+
+std::string Shown(pid_t pid) {
+  return pid > 0 ? "process " + std::to_string(pid) : "a process of another PID namespace";
+}
 
 size_t BytesOf(const SeriesNode& node) {
   // The node of the table, its key, a bucket and the layout's list of series.
@@ -44,7 +51,8 @@ SeriesTable::SeriesTable(const Options& options, Health* health, CollisionLog::R
     : options_(options),
       clock_(std::move(clock)),
       health_(health),
-      names_(*health, std::move(report), &bytes_),
+      names_(*health, report, &bytes_),
+      shared_(std::move(report)),
       now_(clock_()),
       swept_(now_.steady),
       aged_(now_.steady) {}
@@ -79,12 +87,13 @@ void SeriesTable::HandleBlock(const Packet& packet, const ClientId& client, cons
     return;
   }
   Target target = Find(block);
+  const Reporter reporter(client);
   for (const Series& record : block.series) {
     if (work_ > kMaxPacketWork) {
       CountPoints(Refusal::kWork, 1);
       continue;
     }
-    tags_.Assign(packet, client, options_.label_pid, target.kind, record);
+    tags_.Assign(packet, client, options_.process_label, target.kind, record);
     key_.Assign(tags_);
     work_ += key_.text().size();
     Node* node = target.metric == nullptr ? nullptr : FindSeries(*target.metric);
@@ -93,8 +102,28 @@ void SeriesTable::HandleBlock(const Packet& packet, const ClientId& client, cons
       if (node == nullptr) continue;
     }
     if (!target.layout->shown_whole) CountPoints(Refusal::kCollision, 1);
-    node->second.Update(record, block.timestamp, now_.steady);
+    SeriesEntry& entry = node->second;
+    entry.Update(record, block.timestamp, now_.steady);
+    if (entry.reporters.See(reporter)) ReportShared(block, reporter, entry.reporters.other());
   }
+}
+
+void SeriesTable::ReportShared(const Block& block, const Reporter& reporter, pid_t other) {
+  ++health_->shared_series;
+  if (shared_.IsFull()) return;
+  std::string series = block.name.substr(0, kMaxShownSeries) + '{';
+  for (const PointTags::Tag& tag : tags_) {
+    if (series.size() > kMaxShownSeries) break;
+    if (series.back() != '{') series += ',';
+    series.append(tag.key.substr(0, kMaxShownSeries)) += '=';
+    series.append(tag.value.substr(0, kMaxShownSeries));
+  }
+  std::string line;
+  AppendQuoted(series + '}', &line);
+  line += " comes from " + Shown(other) + " and " + Shown(reporter.pid) +
+          " at one time, which mixes their values; ";
+  if (options_.process_label != ProcessLabel::kSlot) line += "use --process-label slot, or ";
+  shared_.Report(line + "give each of them a tag of its own");
 }
 
 SeriesTable::Node* SeriesTable::Place(Target* target, Node* known) {

@@ -39,7 +39,7 @@ class SeriesTable : public PacketSink {
   struct Options {
     size_t max_series = 1000000;
     std::chrono::seconds ttl{300};
-    bool label_pid = false;
+    ProcessLabel process_label = ProcessLabel::kNone;
     bool page = true;  // false: series are only counted, and no name can collide
     // Points further in the future are refused: while one is the newest, older ones change nothing.
     std::chrono::seconds max_ahead{3600};
@@ -98,6 +98,9 @@ class SeriesTable : public PacketSink {
 
   void HandleBlock(const Packet& packet, const ClientId& client, const Block& block)
       METRICS_REQUIRES(mutex_);
+  // The record in work is one of two processes.
+  void ReportShared(const Block& block, const Reporter& reporter, pid_t other)
+      METRICS_REQUIRES(mutex_);
   Target Find(const Block& block) METRICS_REQUIRES(mutex_);
   Node* FindSeries(const SeriesMetric& metric) METRICS_REQUIRES(mutex_);
   // Makes room for the record in work, and for what the target lacks. `known` is its series, or
@@ -145,6 +148,7 @@ class SeriesTable : public PacketSink {
       METRICS_GUARDED_BY(mutex_);
   std::unordered_map<std::string, SeriesEntry> series_ METRICS_GUARDED_BY(mutex_);  // by SeriesKey
   PageNames names_ METRICS_GUARDED_BY(mutex_);
+  CollisionLog shared_ METRICS_GUARDED_BY(mutex_);
   RecentHashes refused_ METRICS_GUARDED_BY(mutex_);  // series
   uint64_t next_id_ METRICS_GUARDED_BY(mutex_) = 0;
   bool page_in_work_ METRICS_GUARDED_BY(mutex_) = false;  // nothing may be erased

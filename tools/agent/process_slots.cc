@@ -1,0 +1,131 @@
+#include "agent/process_slots.h"
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace tidegate::agent {
+namespace {
+
+using std::chrono::seconds;
+
+constexpr uint32_t kBits = 64;
+constexpr uint64_t kAllTaken = ~uint64_t{0};
+
+// Further times are not taken for those of a flush.
+constexpr int64_t kLastTime = int64_t{1} << 40;
+
+uint64_t IdentityOf(const Packet& packet) {
+  const std::hash<std::string_view> hash;
+  uint64_t identity = hash(packet.tenant);
+  for (const Tag& tag : packet.tenant_tags) {
+    identity = (identity * 31 + hash(tag.key)) * 31 + hash(tag.value);
+  }
+  return identity;
+}
+
+}  // namespace
+
+ProcessSlots::ProcessSlots(IsLive is_live, Health* health)
+    : is_live_(std::move(is_live)), health_(health) {}
+
+// All blocks of a packet belong to one flush, or all to the interval before it.
+void ProcessSlots::Slot::See(int64_t timestamp) {
+  if (timestamp < 0 || timestamp > kLastTime) return;
+  if (newest >= 0 && timestamp > newest) step = std::min(step, timestamp - newest);
+  if (newest >= 0 && timestamp < newest) {
+    back = std::max(back, std::min(newest - timestamp, kMaxInterval));
+  }
+  newest = timestamp;
+}
+
+bool ProcessSlots::Process::IsHeld(TimePoint now) const {
+  int64_t interval = 1;
+  for (const auto& [identity, slot] : slots) {
+    interval = std::max({interval, slot.step, slot.back});
+  }
+  return now - *gone < seconds(2 * interval) + kHoldSlack;
+}
+
+uint32_t ProcessSlots::Numbers::TakeLowest() {
+  const auto room =
+      std::find_if(taken.begin(), taken.end(), [](uint64_t word) { return word != kAllTaken; });
+  const auto word = static_cast<uint32_t>(room - taken.begin());
+  if (room == taken.end()) taken.push_back(0);
+  uint32_t bit = 0;
+  while ((taken[word] >> bit & 1) != 0) ++bit;
+  taken[word] |= uint64_t{1} << bit;
+  ++count;
+  return word * kBits + bit;
+}
+
+void ProcessSlots::Numbers::Free(uint32_t number) {
+  taken[number / kBits] &= ~(uint64_t{1} << number % kBits);
+  --count;
+}
+
+uint32_t ProcessSlots::SlotOf(const Packet& packet, const ClientId& client) {
+  const uint64_t identity = IdentityOf(packet);
+  const ProcessId id = client.process();
+  const auto process = processes_.find(id);
+  Slot* slot = nullptr;
+  if (process != processes_.end()) {
+    process->second.gone.reset();
+    const auto found = process->second.slots.find(identity);
+    if (found != process->second.slots.end()) slot = &found->second;
+  }
+  const size_t of_process = process == processes_.end() ? 0 : process->second.slots.size();
+  if (slot == nullptr && slots_ < kMaxSlots && of_process < kMaxSlotsOfProcess) {
+    slot = Add(id, identity);
+  }
+  if (slot == nullptr) {
+    ++health_->slotless_packets;
+    return kNoSlot;
+  }
+  if (!packet.blocks.empty()) slot->See(packet.blocks.front().timestamp);
+  return slot->number;
+}
+
+ProcessSlots::Slot* ProcessSlots::Add(const ProcessId& process, uint64_t identity) {
+  Process& owner = processes_[process];
+  Numbers& numbers = numbers_[identity];
+  const uint32_t number = numbers.TakeLowest();
+  try {
+    Slot& slot = owner.slots[identity];
+    slot.number = number;
+    health_->slots = ++slots_;
+    return &slot;
+  } catch (...) {
+    numbers.Free(number);
+    throw;
+  }
+}
+
+void ProcessSlots::Sweep(TimePoint now) {
+  for (auto next = processes_.begin(); next != processes_.end();) {
+    Process& process = next->second;
+    if (is_live_(next->first)) {
+      process.gone.reset();
+    } else if (!process.gone) {
+      process.gone = now;
+    } else if (!process.IsHeld(now)) {
+      FreeAll(process);
+      next = processes_.erase(next);
+      continue;
+    }
+    ++next;
+  }
+  health_->slots = slots_;
+}
+
+void ProcessSlots::FreeAll(const Process& process) {
+  for (const auto& [identity, slot] : process.slots) {
+    const auto numbers = numbers_.find(identity);
+    numbers->second.Free(slot.number);
+    if (numbers->second.count == 0) numbers_.erase(numbers);
+    --slots_;
+  }
+}
+
+}  // namespace tidegate::agent
