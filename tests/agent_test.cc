@@ -178,6 +178,13 @@ TEST_F(AgentTest, ServesClientsSideBySideAndEndsInOrder) {
   EXPECT_FALSE(fs::exists(socket_));
 }
 
+TEST_F(AgentTest, HandsOnAtItsEndWhatItHoldsToMerge) {
+  Start({"--merge"});
+  for (int i = 0; i < 2; ++i) Send(Connect(), ReadGolden("gauge.hex"));
+  EXPECT_EQ(Terminate(), 0);
+  EXPECT_EQ(Content("out"), "1700000000 t1 gauge svc.lat{dc=b,host=a} 3\n");
+}
+
 TEST_F(AgentTest, ServesTheNewestValuesOverHttp) {
   const std::string config = folder_ / "config";
   std::ofstream(config) << "http = 127.0.0.1:0\nsocket-mode = 0600\nlabel-pid = true\nttl = 9\n";
@@ -360,6 +367,7 @@ TEST_F(AgentTest, RefusesBadSettingsInOneLine) {
       {{"--http", "9464"}, "\"9464\" is no address, give HOST:PORT as 127.0.0.1:9464"},
       {{"--forward", "http://me:secret@db:x/"}, "--forward: \"http://...@db:x/\" is no URL"},
       {{"--forward-interval", "nan"}, "--forward-interval: \"nan\" is no number of seconds"},
+      {{"--merge", "--label-pid"}, "--merge: makes one series of all processes"},
       {{"--print", "xml"}, "xml not in {text,json}"},
       {{"--config", folder_ / "none"}, "none"},
       {{"--config", folder_ / "config"}, "tll"},

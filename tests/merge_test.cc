@@ -61,7 +61,9 @@ class Lines : public PacketSink {
 
 class MergeTest : public testing::Test {
  protected:
+  // An agent that starts 20 seconds before kTime.
   void Make(const MergeStage::Options& options) {
+    now_ = -20;
     stage_ = std::make_unique<MergeStage>(
         options, std::vector<PacketSink*>{&sink_}, &health_,
         [this](const std::string& line) { reports_.push_back(line); },
@@ -70,6 +72,7 @@ class MergeTest : public testing::Test {
           return SeriesTable::Time{std::chrono::steady_clock::time_point(seconds(1000 + now_)),
                                    kTime + now_};
         });
+    now_ = 0;
   }
   MergeTest() { Make({}); }
 
@@ -301,6 +304,16 @@ TEST_F(MergeTest, KeepsSumsOfLatePoints) {
   SendFirst(3, 30, 1);
   EXPECT_THAT(Until(35), ElementsAre("30 t c 27"));
   EXPECT_EQ(health_.merge_late_points, 3u);
+}
+
+TEST_F(MergeTest, AddsWhatWasMeantForTheAgentBeforeToTheNextTime) {
+  SendFirst(1, -20, 7);
+  Send(1, -20, {{2, "r", {}, {3}}});
+  SendTotal(2, -20, 100);
+  SendTotal(2, -10, 104);
+  Send(1, -10, {{2, "r", {}, {1}}});
+  EXPECT_THAT(Flush(), ElementsAre("-30 t c 0", "-10 t c 11", "-10 t r 4"));
+  EXPECT_EQ(health_.merge_late_points, 1u);
 }
 
 TEST_F(MergeTest, RefusesOtherBoundsWhileTheFirstOnesAreThere) {

@@ -17,8 +17,8 @@ constexpr std::chrono::seconds kSweepPause(30);
 // As long as the library keeps a series that is idle: after that its totals begin anew as well.
 constexpr std::chrono::hours kForgetSeries(2);
 
-// Of a process that ends inside an interval; what is later still is no such point.
-constexpr int64_t kMaxAhead = 300;
+// Seconds; what is further from the clock than that is of no interval that begins or ends now.
+constexpr int64_t kLongestInterval = 300;
 
 // Points of the interval before are of these kinds, and have packets of their own.
 bool HasPointBefore(const Block& block) {
@@ -33,6 +33,12 @@ bool HasPointBefore(const Block& block) {
   }
 }
 
+// As what begins a total.
+bool IsZero(const Series& record) {
+  return std::all_of(record.values.begin(), record.values.end(),
+                     [](double value) { return value == 0; });
+}
+
 }  // namespace
 
 MergeStage::MergeStage(const Options& options, std::vector<PacketSink*> sinks, Health* health,
@@ -45,6 +51,7 @@ MergeStage::MergeStage(const Options& options, std::vector<PacketSink*> sinks, H
       clock_(std::move(clock)),
       packets_(std::move(sinks), health),
       now_(clock_()),
+      start_(now_.seconds),
       swept_(now_.steady) {}
 
 void MergeStage::Handle(const Packet& packet, const ClientId& client) {
@@ -133,13 +140,16 @@ void MergeStage::Hold(const Target& target, const Series& record, size_t points)
     return;
   }
   node->second.news = now_.steady;
-  if (series.IsNew(target.timestamp)) {
+  const bool before_start =
+      target.timestamp <= start_ && target.timestamp > start_ - kLongestInterval;
+  const int64_t begin = before_start && !(target.before && IsZero(record)) ? start_ : INT64_MIN;
+  if (series.IsNew(target.timestamp, begin)) {
     target.identity->Hold(target.timestamp, target.metric, node, now_.steady,
                           Ahead(target.timestamp), options_.delay);
     ++held_;
   }
   const MergedSeries::Added added =
-      series.Add(target.process, target.timestamp, record, target.before);
+      series.Add(target.process, target.timestamp, record, target.before, begin);
   if (added == MergedSeries::Added::kLate) health_->merge_late_points += points;
   bytes_ += series.bytes() - bytes;
   work_ += key_.size() + record.values.size() * sizeof(double);
@@ -148,7 +158,7 @@ void MergeStage::Hold(const Target& target, const Series& record, size_t points)
 
 std::chrono::seconds MergeStage::Ahead(int64_t timestamp) const {
   if (timestamp <= now_.seconds) return std::chrono::seconds(0);
-  return std::chrono::seconds(std::min(timestamp - now_.seconds, kMaxAhead));
+  return std::chrono::seconds(std::min(timestamp - now_.seconds, kLongestInterval));
 }
 
 MergedNode* MergeStage::NodeOf(const Target& target, const Series& record) {

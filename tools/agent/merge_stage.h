@@ -101,6 +101,9 @@ class MergeStage : public PacketSink {
   size_t held_ = 0;  // points
   bool due_ = false;
   SeriesTable::Time now_;
+  // Points of times up to here may have gone to an agent before this one, which has handed on its
+  // own for the same series: they are late, but for the zeros that a series begins with.
+  const int64_t start_;
   SteadyTime swept_;
   bool left_out_reported_ = false;
   bool columns_reported_ = false;

@@ -55,10 +55,10 @@ bool MergedSeries::Accepts(MergedLayout* layout, int64_t timestamp) {
 }
 
 MergedSeries::Added MergedSeries::Add(const ProcessId& process, int64_t timestamp,
-                                      const Series& record, bool before) {
-  const bool late = timestamp <= handed_;
+                                      const Series& record, bool before, int64_t begin) {
+  const bool late = timestamp <= std::max(handed_, begin) && !Holds(timestamp);
   Process* const counted = layout_->totals > 0 ? ProcessOf(process) : nullptr;
-  Point* const point = late ? Late() : FindOrMake(timestamp, process);
+  Point* const point = late ? Late(timestamp) : FindOrMake(timestamp, process);
   bool something = false;
   bool older = false;
   for (size_t i = 0; i < record.values.size(); ++i) {
@@ -112,7 +112,7 @@ bool MergedSeries::AddTotal(Process* process, int64_t timestamp, size_t column,
 bool MergedSeries::AddIncrease(const ProcessTotal::Increase& increase, size_t column) {
   if (increase.amount == 0) return false;
   Point* const held = Find(increase.timestamp);
-  Point* const point = held != nullptr ? held : Late();
+  Point* const point = held != nullptr ? held : Late(increase.timestamp);
   point->cells[column].increase += increase.amount;
   return held == nullptr;
 }
@@ -157,7 +157,7 @@ size_t MergedSeries::Take(int64_t timestamp, Series* record) {
 
 // A sum of a column that the point does not have, as those of rows may not, waits on.
 void MergedSeries::AddWhatWasLate(Point* point) {
-  if (late_ == nullptr) return;
+  if (late_ == nullptr || late_->timestamp >= point->timestamp) return;
   bool rest = false;
   for (size_t column = 0; column < point->cells.size(); ++column) {
     Cell& cell = point->cells[column];
@@ -202,12 +202,14 @@ MergedSeries::Point* MergedSeries::FindOrMake(int64_t timestamp, const ProcessId
   return &held_.back();
 }
 
-MergedSeries::Point* MergedSeries::Late() {
+MergedSeries::Point* MergedSeries::Late(int64_t timestamp) {
   if (late_ == nullptr) {
     auto late = std::make_unique<Point>();
+    late->timestamp = timestamp;
     late->cells.resize(layout_->rules.size());
     late_ = std::move(late);
   }
+  late_->timestamp = std::max(late_->timestamp, timestamp);
   return late_.get();
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -51,12 +52,16 @@ class MergedSeries {
   // before has to wait until a whole interval has passed without the old ones.
   bool Accepts(MergedLayout* layout, int64_t timestamp);
 
-  // `before`: the packet has nothing that points of the interval before do not have.
-  Added Add(const ProcessId& process, int64_t timestamp, const Series& record, bool before);
+  // `before`: the packet has nothing that points of the interval before do not have. Late are
+  // points of times that were taken, and of all up to `begin`.
+  Added Add(const ProcessId& process, int64_t timestamp, const Series& record, bool before,
+            int64_t begin);
 
   bool Holds(int64_t timestamp) const;
   // Whether a point of this time would be the first that is held for it.
-  bool IsNew(int64_t timestamp) const { return timestamp > handed_ && !Holds(timestamp); }
+  bool IsNew(int64_t timestamp, int64_t begin) const {
+    return timestamp > std::max(handed_, begin) && !Holds(timestamp);
+  }
   bool IsIdle() const { return held_.empty(); }
 
   // Takes what is held for `timestamp` out, into the indexes and values of `record`. Returns how
@@ -88,7 +93,7 @@ class MergedSeries {
 
   Point* Find(int64_t timestamp);
   Point* FindOrMake(int64_t timestamp, const ProcessId& process);
-  Point* Late();
+  Point* Late(int64_t timestamp);
   Process* ProcessOf(const ProcessId& id);
   bool AddValue(size_t column, double value, bool late, Point* point) const;
   bool AddTotal(Process* process, int64_t timestamp, size_t column, const Series& record,
@@ -100,7 +105,7 @@ class MergedSeries {
 
   MergedLayout* layout_;
   std::vector<Point> held_;         // by time
-  std::unique_ptr<Point> late_;     // what adds up, for the next time
+  std::unique_ptr<Point> late_;     // what adds up, for the next time after its own
   std::vector<Process> processes_;  // by id
   std::vector<double> totals_;      // of all processes, up to handed_
   int64_t handed_ = INT64_MIN;      // the newest time that was taken
