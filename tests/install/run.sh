@@ -85,6 +85,11 @@ check_static() {
   run_pkg_config_consumer "$SCRATCH/static_prefix" "$libdir"
   run_cmake_consumer by_cmake_static -S "$ROOT/tests/install/cmake" \
     -Dtidegate-metrics_DIR="$libdir/cmake/tidegate-metrics"
+  local flags
+  flags=$(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs tidegate-metrics)
+  # shellcheck disable=SC2086 # the flags are several words
+  quietly g++ -shared -fPIC "$ROOT/tests/install/consumer.cc" $flags -o "$SCRATCH/plugin.so"
+  readelf -d "$SCRATCH/plugin.so" | grep NODELETE >/dev/null || die "a plugin that holds the library can be unloaded"
 }
 
 # compile_header <header>: with both compilers and both standards.
