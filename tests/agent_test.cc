@@ -15,6 +15,8 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
+#include <mutex>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -461,6 +463,124 @@ TEST_F(AgentTest, TakesOverAStaleSocketOnlyAndLocksAFileOfItsOwn) {
                 " stands where the lock file has to be");
   EXPECT_TRUE(fs::is_fifo(folder_ / "s.lock"));
   EXPECT_FALSE(fs::exists(socket_));
+}
+
+// Answers 503 but for as many batches as it may take, and keeps the names of the points in those.
+class GoneDatabase {
+ public:
+  GoneDatabase() {
+    server_.Post("/write", [this](const httplib::Request& request, httplib::Response& reply) {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      reply.status = may_take_ > 0 ? 204 : 503;
+      if (may_take_ == 0) return;
+      --may_take_;
+      std::istringstream lines(request.body);
+      for (std::string line; std::getline(lines, line);) {
+        if (line.compare(0, 4, "svc.") == 0) ++names_[line.substr(0, line.find(','))];
+      }
+    });
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    while (!server_.is_running()) std::this_thread::yield();
+  }
+  ~GoneDatabase() {
+    server_.stop();
+    thread_.join();
+  }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  void Take(int batches) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    may_take_ = batches;
+  }
+  int may_take() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return may_take_;
+  }
+  const std::map<std::string, int>& names() const { return names_; }  // once no agent runs
+
+ private:
+  httplib::Server server_;
+  std::thread thread_;
+  int port_ = 0;
+  mutable std::mutex mutex_;
+  int may_take_ = 0;
+  std::map<std::string, int> names_;
+};
+
+TEST_F(AgentTest, LosesNothingOfItsSpoolThoughItIsKilled) {
+  constexpr int kRounds = 12;
+  constexpr uint64_t kPoints = 150;
+  constexpr uint64_t kHalf = 100;  // of the queue, stays in memory
+  GoneDatabase database;
+  const std::vector<std::string> flags = {"--http",
+                                          "127.0.0.1:0",
+                                          "--forward",
+                                          database.url(),
+                                          "--spool",
+                                          folder_ / "spool",
+                                          "--forward-queue-points",
+                                          "200",
+                                          "--forward-batch-points",
+                                          "1",
+                                          "--drain",
+                                          "0"};
+  const auto number = [&](const std::string& name) {
+    const auto page = httplib::Client(Url()).Get("/metrics");
+    const size_t at = page ? page->body.find("\ntidegate_agent_" + name + " ") : std::string::npos;
+    return at == std::string::npos ? 0 : std::stoull(page->body.substr(page->body.find(' ', at)));
+  };
+  const auto spooled_at_start = [&]() -> uint64_t {
+    Await("err", " points that wait, ");
+    const std::string log = Content("err");
+    return std::stoull(log.substr(log.find("/spool has ") + 11));
+  };
+  const auto await = [](const std::function<bool()>& done) {
+    for (int i = 0; i < 2000 && !done(); ++i) std::this_thread::sleep_for(milliseconds(2));
+    ASSERT_TRUE(done());
+  };
+  uint64_t spooled = 0, sent = 0, lost = 0;
+  for (int round = 0; round < kRounds; ++round) {
+    SCOPED_TRACE(round);
+    Start(flags);
+    if (round > 0) {
+      const uint64_t found = spooled_at_start();
+      if (round % 3 == 1) {  // was killed while it had nothing to do,
+        EXPECT_EQ(found, spooled);
+      } else if (round % 3 == 2) {  // while it wrote,
+        EXPECT_GT(found, spooled);
+        lost += spooled + kPoints - found;
+      } else {  // while it sent
+        EXPECT_NEAR(static_cast<double>(found), static_cast<double>(spooled - 20), 1);
+      }
+      spooled = found;
+    }
+    if (round % 3 == 2) {
+      database.Take(20);
+      await([&] { return database.may_take() == 0; });
+    } else {
+      const UniqueFd client = Connect();
+      for (uint64_t i = 0; i < kPoints; ++i)
+        Send(client, GaugeNamed("svc." + std::to_string(sent++)));
+    }
+    if (round % 3 == 1) await([&] { return number("forward_spool_points") > spooled; });
+    if (round % 3 == 0) {
+      await([&] { return number("forward_spool_points") == spooled + kPoints - kHalf; });
+      await([&] { return number("forward_queue_points") == kHalf; });
+      spooled += kPoints - kHalf;
+      lost += kHalf;
+    }
+    kill(pid_, SIGKILL);
+    Wait();
+  }
+  database.Take(1 << 20);
+  Start(flags);
+  await([&] { return number("uptime_seconds") > 0 && number("forward_spool_points") == 0; });
+  EXPECT_EQ(Terminate(), 0);
+  EXPECT_EQ(database.names().size(), sent - lost);
+  for (const auto& [name, times] : database.names()) {
+    EXPECT_LT(std::stoull(name.substr(4)), sent);
+    EXPECT_LE(times, 2);
+  }
 }
 
 TEST_F(AgentTest, KeepsFewClientsWaitingWhileItIsStopped) {

@@ -227,7 +227,7 @@ TEST_F(SpoolTest, AFullDiskLosesNothing) {
   rlimit before = {};
   ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
   // At no byte, within the first record's magic, head and body, and within the second record.
-  for (const rlim_t limit : {0, 5, 20, 100, 200, 1100, 2000}) {
+  for (const rlim_t limit : std::vector<rlim_t>{0, 5, 20, 100, 200, 1100, 2000}) {
     SCOPED_TRACE(limit);
     Restart();
     std::vector<std::string> kept;
