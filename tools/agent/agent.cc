@@ -8,6 +8,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <functional>
+#include <set>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -26,8 +28,11 @@ constexpr std::chrono::seconds kLastWords(1);
 
 }  // namespace
 
-Agent::Agent(const Options& options)
+Agent::Agent(const Options& options, Reader read)
     : options_(options),
+      read_(std::move(read)),
+      drain_(options.drain),
+      texts_(options.texts),
       log_(STDERR_FILENO),
       queue_(options.queue_bytes, &health_),
       server_([this](SeqpacketServer::Message message) { queue_.Push(std::move(message)); },
@@ -77,7 +82,7 @@ int Agent::Run() {
   manager_.Tell("READY=1");
   const bool served = Serve();
   manager_.Tell("STOPPING=1");
-  const Clock::time_point end = Clock::now() + options_.drain;
+  const Clock::time_point end = Clock::now() + drain_.load();
   const bool in_time = served && Linger(end);
   if (http_) http_->Stop(std::chrono::seconds(0));
   server_.Close();
@@ -118,7 +123,11 @@ bool Agent::Linger(Clock::time_point end) {
 
 void Agent::LookAfterThings() {
   manager_.KeepAlive();
-  if (reload_asked_.exchange(false)) ReadSettings();
+  if (reload_asked_.exchange(false)) {
+    manager_.TellReloading();
+    Survives(&health_, [this] { ReadSettings(); });
+    manager_.Tell("READY=1");
+  }
   if (health_.out_of_memory != out_of_memory_) {
     out_of_memory_ = health_.out_of_memory;
     log_.ReportOutOfMemory();
@@ -130,7 +139,35 @@ void Agent::LookAfterThings() {
   if (!drops.empty()) log_.Report(drops);
 }
 
-void Agent::ReadSettings() { log_.Report("settings are read at the start alone"); }
+void Agent::ReadSettings() {
+  OptionsError error;
+  const std::optional<Options> next = read_ ? read_(&error) : options_;
+  if (next) return ChangeTo(*next);
+  log_.Report("not reloaded, all settings stay as they are: " + error.text);
+}
+
+void Agent::ChangeTo(const Options& next) {
+  std::set<std::string_view> changeable = {"drain", "max-ahead", "ttl"};
+  if (forwarder_ && next.forward) changeable.insert({"forward", "forward-timeout"});
+  std::map<std::string, std::string> texts = texts_;
+  std::string changed;
+  std::string unchanged;
+  for (const auto& [name, text] : next.texts) {
+    if (texts[name] == text) continue;
+    const bool can_change = changeable.count(name) > 0;
+    (can_change ? changed : unchanged) += " " + name;
+    if (can_change) texts[name] = text;
+  }
+  drain_ = next.drain;
+  table_.SetTimes(next.ttl, next.max_ahead);
+  if (changed.find("forward") != std::string::npos) {
+    forwarder_->Redirect(next.forward->url, next.forward->timeout);
+    log_.Report("forwarding to " + next.forward->url.shown, LogLevel::kInfo);
+  }
+  texts_.swap(texts);
+  log_.Report("reloaded, changed:" + (changed.empty() ? " nothing" : changed), LogLevel::kInfo);
+  if (!unchanged.empty()) log_.Report("a restart is needed to change:" + unchanged);
+}
 
 int Agent::End(int status) {
   const bool http_ended = !http_ || http_->Stop(kHttpDrain);

@@ -3,6 +3,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,7 +40,11 @@ namespace tidegate::agent {
 // is counted. Run once; Stop and Reload from any thread and from a signal handler.
 class Agent {
  public:
-  explicit Agent(const Options& options);
+  // Reads the settings anew. Nothing, with `error`, if they make no sense.
+  using Reader = std::function<std::optional<Options>(OptionsError* error)>;
+
+  // `read` is called on a thread of the agent. Without it the settings stay as they are.
+  explicit Agent(const Options& options, Reader read = nullptr);
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
 
@@ -49,7 +55,8 @@ class Agent {
 
   void Stop() { server_.Stop(); }
 
-  // Makes the agent read its settings anew within a second or so. Does not wait.
+  // Makes the agent read its settings anew within a second or so, and change what can be changed;
+  // the log says what. Does not wait.
   void Reload() { reload_asked_ = true; }
 
  private:
@@ -72,8 +79,9 @@ class Agent {
   void PrintingChanged(int error) noexcept;
   void HttpEnded() noexcept;
   void AppendPage(std::string* page);
-  // Reads its settings anew. On the decoder's thread.
+  // On the decoder's thread.
   void ReadSettings();
+  void ChangeTo(const Options& next);
   // Ends what comes after the decoder, by `end`. False if points could not be printed.
   bool FinishOutputs(Clock::time_point end);
   // What Run returns, with the last lines written.
@@ -81,6 +89,9 @@ class Agent {
   void ReportTotals();
 
   const Options options_;
+  const Reader read_;
+  std::atomic<std::chrono::seconds> drain_;
+  std::map<std::string, std::string> texts_;  // of the settings in force; the decoder's
   Health health_;
   Log log_;
   ServiceManager manager_;

@@ -140,8 +140,15 @@ Batches BatchQueue::TakeRest() {
 }
 
 void BatchQueue::Flush() {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    flushing_ = true;
+  }
+  SendNow();
+}
+
+void BatchQueue::SendNow() {
   const std::lock_guard<std::mutex> lock(mutex_);
-  flushing_ = true;
   send_at_ = Clock::now();
   changed_.notify_all();
 }

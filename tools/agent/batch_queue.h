@@ -95,6 +95,9 @@ class BatchQueue {
   // send.
   void Flush();
 
+  // It is no more too early to send now.
+  void SendNow();
+
   // Drops everything. Returns how many points that were.
   uint64_t Clear();
 

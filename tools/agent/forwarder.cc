@@ -59,8 +59,9 @@ Forwarder::Forwarder(ForwardOptions options, Health* health, Report report)
       queue_(
           options_.limits, options_.spool.folder.empty() ? std::function<bool()>()
                                                          : [this] { return !spool_.empty(); }),
-      poster_(options_.url),
+      poster_(std::make_unique<HttpPoster>(options_.url)),
       writer_(options_.process_label),
+      target_{options_.url, options_.timeout},
       random_(std::random_device()()) {
   if (!options_.spool.folder.empty()) {
     feeder_.emplace(&queue_, &spool_, health_, [this] { PublishSize(); });
@@ -79,10 +80,36 @@ void Forwarder::Stop(milliseconds drain) {
   drain_end_ = Clock::now() + drain;
   draining_ = true;
   queue_.Flush();
-  if (ended_.wait_until(drain_end_) != std::future_status::ready) poster_.Cancel();
+  if (ended_.wait_until(drain_end_) != std::future_status::ready) {
+    const std::lock_guard<std::mutex> lock(target_mutex_);
+    poster_->Cancel();
+  }
   thread_.join();
   if (feeder_) feeder_->Finish();
   DropWhatIsLeft();
+}
+
+void Forwarder::Redirect(const ForwardUrl& url, milliseconds timeout) {
+  {
+    const std::lock_guard<std::mutex> lock(target_mutex_);
+    next_target_ = {url, timeout};
+  }
+  queue_.SendNow();  // wakes the thread
+}
+
+void Forwarder::TakeTarget() {
+  Survives(health_, [this] {
+    const std::lock_guard<std::mutex> lock(target_mutex_);
+    if (!next_target_) return;
+    ReportRefused();
+    poster_ = std::make_unique<HttpPoster>(next_target_->url);
+    target_ = *std::move(next_target_);
+    next_target_.reset();
+    failures_ = 0;
+    denied_since_.reset();
+    next_outage_line_ = next_refusal_line_ = {};
+    queue_.SendNow();  // a pause after a failure is over
+  });
 }
 
 void Forwarder::DropWhatIsLeft() {
@@ -153,6 +180,7 @@ void Forwarder::Run() {
     const bool draining = draining_;
     if (draining && Clock::now() >= drain_end_) break;
     Survives(health_, [this] { SendHealthIfDue(); });
+    TakeTarget();
     Batches batch = queue_.Take(draining ? drain_end_ : next_health_);
     if (batch.empty() && queue_.IsSpooledDue()) {
       DeliverSpooled();
@@ -173,8 +201,8 @@ void Forwarder::Run() {
 
 void Forwarder::ReportRefused() {
   if (refused_points_ == 0) return;
-  report_("dropped " + std::to_string(refused_points_) + " more points that " + options_.url.shown +
-          " refused");
+  report_("dropped " + std::to_string(std::exchange(refused_points_, 0)) + " more points that " +
+          target_.url.shown + " refused");
 }
 
 void Forwarder::SendHealthIfDue() {
@@ -206,6 +234,7 @@ void Forwarder::Pack(Batches* batch) {
 }
 
 void Forwarder::Deliver(Batches* batch) {
+  TakeTarget();  // since the batch was waited for
   // Whatever becomes of this agent, the spool keeps its own.
   if (!batch->front().spooled) sending_ = batch->front().points;
   const HttpReply reply = Post(batch->front());
@@ -220,7 +249,7 @@ void Forwarder::Deliver(Batches* batch) {
   health_->forwarded_points += points - refused;
   ++health_->forward_batches;
   if (std::exchange(outage_reported_, false)) {
-    report_("forwards to " + options_.url.shown + " again");
+    report_("forwards to " + target_.url.shown + " again");
   }
 }
 
@@ -237,7 +266,7 @@ bool Forwarder::WaitsForSetup(int status) {
 
 HttpReply Forwarder::Post(const Batch& batch) {
   HttpReply reply = {};
-  if (!Survives(health_, [&] { reply = poster_.Post(batch.body, Timeout()); })) {
+  if (!Survives(health_, [&] { reply = poster_->Post(batch.body, Timeout()); })) {
     reply = {};
     reply.text = "out of memory";
   }
@@ -251,7 +280,7 @@ void Forwarder::Retry(Batches* batch, const HttpReply& reply) {
                                 Clock::now() + pause));
   if (!IsDue(&next_outage_line_)) return;
   outage_reported_ = true;
-  report_("cannot forward to " + options_.url.shown + ", " + Shown(reply) + "; " +
+  report_("cannot forward to " + target_.url.shown + ", " + Shown(reply) + "; " +
           std::to_string(queue_.Size().points + health_->forward_spool_points) + " points wait, " +
           std::to_string(health_->forward_dropped_full) + " dropped as the queue was full");
 }
@@ -261,7 +290,7 @@ void Forwarder::Reject(uint64_t points, const HttpReply& reply) {
   refused_points_ += points;
   if (!IsDue(&next_refusal_line_)) return;
   report_("dropped " + std::to_string(std::exchange(refused_points_, 0)) + " points that " +
-          options_.url.shown + " refused, " + Shown(reply));
+          target_.url.shown + " refused, " + Shown(reply));
 }
 
 bool Forwarder::IsDue(Clock::time_point* next_line) const {
@@ -284,9 +313,9 @@ milliseconds Forwarder::NextPause(milliseconds wanted) {
 }
 
 milliseconds Forwarder::Timeout() const {
-  if (!draining_) return options_.timeout;
+  if (!draining_) return target_.timeout;
   const auto left = std::chrono::duration_cast<milliseconds>(drain_end_ - Clock::now());
-  return std::clamp(left, milliseconds(1), options_.timeout);
+  return std::clamp(left, milliseconds(1), target_.timeout);
 }
 
 void Forwarder::CountFull(uint64_t points) { health_->forward_dropped_full += points; }

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <functional>
 #include <future>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <random>
 #include <string>
@@ -62,6 +64,9 @@ class Forwarder : public PacketSink {
   // without Start or when called again. REQUIRES: no Handle from now on.
   void Stop(std::chrono::milliseconds drain);
 
+  // From now on sends to `url`, also what waits, and at once. From any thread.
+  void Redirect(const ForwardUrl& url, std::chrono::milliseconds timeout);
+
   // From now on no point waits for others to be sent with.
   void Flush() { queue_.Flush(); }
 
@@ -77,6 +82,8 @@ class Forwarder : public PacketSink {
   void Append(uint64_t points);
   bool IsChunkFull(uint64_t points) const;
   void Run();
+  // Follows the last Redirect.
+  void TakeTarget();
   void DropWhatIsLeft();
   void ReportRefused();
   void SendHealthIfDue();
@@ -99,7 +106,15 @@ class Forwarder : public PacketSink {
   Spool spool_;
   BatchQueue queue_;
   std::optional<SpoolFeeder> feeder_;  // if there is a spool
-  HttpPoster poster_;
+
+  // Where to.
+  struct Target {
+    ForwardUrl url;
+    std::chrono::milliseconds timeout;
+  };
+  std::mutex target_mutex_;  // guards the next two; the thread reads poster_ without it
+  std::optional<Target> next_target_;
+  std::unique_ptr<HttpPoster> poster_;
   std::thread thread_;
   std::promise<void> end_;
   const std::future<void> ended_{end_.get_future()};
@@ -113,6 +128,7 @@ class Forwarder : public PacketSink {
   uint64_t left_ = 0;  // points of the packet that are neither in the queue nor counted
 
   // Of the thread.
+  Target target_;
   Clock::time_point next_health_;
   int failures_ = 0;  // since the last delivery
   bool outage_reported_ = false;

@@ -76,7 +76,7 @@ void PrintError(const char* text) {
 int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error of the write
-  std::signal(SIGHUP, SIG_IGN);  // the settings are read in a moment
+  std::signal(SIGHUP, SIG_IGN);   // the settings are read in a moment
   // Messages of hundreds of kilobytes come and go all the time: fetching their memory from the
   // kernel anew, zeroed, would cost more than reading them.
   mallopt(M_MMAP_THRESHOLD, 4 << 20);
@@ -88,7 +88,9 @@ int main(int argc, char** argv) {
       if (error.exit_code != 0) PrintError(error.text.c_str());
       return error.exit_code;
     }
-    Agent agent(*options);
+    Agent agent(*options, [=](OptionsError* failure) {
+      return tidegate::agent::ParseOptions(argc, argv, failure);
+    });
     const ObeySignals obey(&agent);
     return agent.Run();
   } catch (const std::exception& failure) {

@@ -126,6 +126,15 @@ Options Finish(const Raw& raw) {
   return options;
 }
 
+std::map<std::string, std::string> TextsOf(const CLI::App& app) {
+  std::map<std::string, std::string> texts;
+  for (const CLI::Option* option : app.get_options()) {
+    const std::string given = CLI::detail::join(option->results());
+    texts[option->get_single_name()] = option->empty() ? option->get_default_str() : given;
+  }
+  return texts;
+}
+
 }  // namespace
 
 std::optional<Options> ParseOptions(int argc, const char* const* argv, OptionsError* error) {
@@ -147,6 +156,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, OptionsEr
                                  "makes one series of all processes, so no label of a "
                                  "process (--process-label) goes with it");
     }
+    raw.options.texts = TextsOf(app);
     return Finish(raw);
   } catch (const CLI::ParseError& failure) {
     if (failure.get_exit_code() == 0) {

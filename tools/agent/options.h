@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -16,6 +17,8 @@ namespace tidegate::agent {
 
 // Settings, from flags and from a file with the same names.
 struct Options {
+  // All of them by name, as they were given or are by default.
+  std::map<std::string, std::string> texts;
   std::string socket = "/opt/tmp/sock/metric_seqpacket.sock";
   mode_t socket_mode = 0666;
   bool take_over = false;

@@ -51,6 +51,8 @@ SeriesTable::SeriesTable(const Options& options, Health* health, CollisionLog::R
     : options_(options),
       clock_(std::move(clock)),
       health_(health),
+      ttl_(options.ttl),
+      max_ahead_(options.max_ahead),
       names_(*health, report, &bytes_),
       shared_(std::move(report)),
       now_(clock_()),
@@ -82,7 +84,7 @@ void SeriesTable::Handle(const Packet& packet, const ClientId& client) {
 
 void SeriesTable::HandleBlock(const Packet& packet, const ClientId& client, const Block& block) {
   if (block.series.empty()) return;
-  if (options_.page && block.timestamp > now_.seconds + options_.max_ahead.count()) {
+  if (options_.page && block.timestamp > now_.seconds + max_ahead_.count()) {
     CountPoints(Refusal::kAhead, block.series.size());
     return;
   }
@@ -226,6 +228,12 @@ void SeriesTable::Detach(Node* node) {
   entry.layout->Remove(node);
 }
 
+void SeriesTable::SetTimes(std::chrono::seconds ttl, std::chrono::seconds max_ahead) {
+  const WriteGuard lock(mutex_);
+  ttl_ = ttl;
+  max_ahead_ = max_ahead;
+}
+
 void SeriesTable::Sweep() {
   const WriteGuard lock(mutex_);
   if (!page_in_work_) SweepIfDue();
@@ -233,11 +241,11 @@ void SeriesTable::Sweep() {
 
 void SeriesTable::SweepIfDue() {
   now_ = clock_();
-  if (now_.steady - aged_ >= options_.ttl) {
+  if (now_.steady - aged_ >= ttl_) {
     aged_ = now_.steady;
     refused_.Age();
   }
-  if (now_.steady - swept_ < std::min<steady_clock::duration>(options_.ttl, kMaxSweepPause)) {
+  if (now_.steady - swept_ < std::min<steady_clock::duration>(ttl_, kMaxSweepPause)) {
     return;
   }
   swept_ = now_.steady;
@@ -249,7 +257,7 @@ void SeriesTable::SweepIfDue() {
 void SeriesTable::SweepSeries() {
   for (auto next = series_.begin(); next != series_.end();) {
     Node& node = *next;
-    if (!node.second.IsOutdated(now_.steady, options_.ttl)) {
+    if (!node.second.IsOutdated(now_.steady, ttl_)) {
       ++next;
       continue;
     }
@@ -365,7 +373,7 @@ void SeriesTable::AppendTurns(bool timestamps, std::string* page) {
   {
     const WriteGuard lock(mutex_);
     now_ = clock_();
-    lines.emplace(&names_.families(), options_.ttl, timestamps, page);
+    lines.emplace(&names_.families(), ttl_, timestamps, page);
     // Growing would take twice the memory of a page; what is not written of this takes none. The
     // rest is for what comes meanwhile.
     page->reserve(page->size() + page_bytes_ + page_bytes_ / 8);

@@ -72,6 +72,9 @@ class SeriesTable : public PacketSink {
 
   void Handle(const Packet& packet, const ClientId& client) override;
 
+  // Changes these two of the options.
+  void SetTimes(std::chrono::seconds ttl, std::chrono::seconds max_ahead);
+
   // Lets go of what is out of date. To be called every second or so; most calls do nothing.
   void Sweep();
 
@@ -141,6 +144,8 @@ class SeriesTable : public PacketSink {
 
   METRICS::Mutex page_mutex_;  // held for a whole page, outside of mutex_
   METRICS::Mutex mutex_;
+  std::chrono::seconds ttl_ METRICS_GUARDED_BY(mutex_);
+  std::chrono::seconds max_ahead_ METRICS_GUARDED_BY(mutex_);
   size_t bytes_ METRICS_GUARDED_BY(mutex_) = 0;       // of the table
   size_t page_bytes_ METRICS_GUARDED_BY(mutex_) = 0;  // of the page, at most
   // By kind and name.
