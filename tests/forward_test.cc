@@ -122,6 +122,10 @@ TEST(ForwardUrlTest, TakesUrlsApart) {
   EXPECT_EQ(url.user + "|" + url.password + "|" + url.shown, "me|p@s|https://[::1]/api/v2/write");
   ASSERT_TRUE(ParseForwardUrl("http://db/?db=x", &url, &error)) << error;
   EXPECT_EQ(url.target, "/write?db=x");
+  for (const char* bad : {"http://a{b}", "http://a%20b/w", "http://[1::2::3]:1", "http://a\\b"}) {
+    EXPECT_FALSE(ParseForwardUrl(bad, &url, &error)) << bad;
+    EXPECT_THAT(error, HasSubstr("is no name or address of a host"));
+  }
 }
 
 // A server on loopback that keeps what is posted and answers as told.

@@ -1,5 +1,7 @@
 #include "agent/forward_url.h"
 
+#include <curl/curl.h>
+
 #include <algorithm>
 #include <charconv>
 #include <string_view>
@@ -72,6 +74,15 @@ bool ParseAuthority(std::string_view authority, ForwardUrl* url, std::string* er
   return true;
 }
 
+// That libcurl takes it, as otherwise no request would ever leave.
+bool CheckHost(const ForwardUrl& url, std::string* error) {
+  CURLU* const parts = curl_url();
+  const bool good = curl_url_set(parts, CURLUPART_URL, url.Request().c_str(), 0) == CURLUE_OK;
+  curl_url_cleanup(parts);
+  if (!good) *error = "\"" + url.host + "\" is no name or address of a host";
+  return good;
+}
+
 // The lines carry nanoseconds, which is what every receiver takes if it is not told otherwise.
 bool CheckPrecision(std::string_view target, std::string* error) {
   constexpr std::string_view kName = "precision=";
@@ -129,7 +140,13 @@ bool ParseForwardUrl(const std::string& text, ForwardUrl* url, std::string* erro
   // A query may hold a token or a password.
   url->shown = std::string(scheme) + "://" + std::string(authority) +
                url->target.substr(0, url->target.find('?'));
-  return CheckPrecision(url->target, error);
+  return CheckHost(*url, error) && CheckPrecision(url->target, error);
+}
+
+std::string ForwardUrl::Request() const {
+  const bool address = host.find(':') != std::string::npos;
+  return (tls ? "https://" : "http://") + (address ? '[' + host + ']' : host) + ':' +
+         std::to_string(port) + target;
 }
 
 std::string WithoutSecrets(const std::string& text) {

@@ -13,6 +13,9 @@ struct ForwardUrl {
   std::string user;      // %XX decoded, as the password
   std::string password;  // empty without a user
   std::string shown;     // the URL for log lines, without user and password
+
+  // As a request goes to it: without user and password, with the port.
+  std::string Request() const;
 };
 
 // Takes `text` apart. The path is /write if there is none, the port that of the scheme. Returns

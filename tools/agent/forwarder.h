@@ -40,11 +40,11 @@ struct ForwardOptions {
 // Sends points to a database, as lines of the InfluxDB line protocol over HTTP.
 //
 // What cannot be delivered now (no connection, no reply, 429, 5xx, and 401 and 404 for setup_time)
-// waits in a bounded queue, and in the spool if there is one, and is tried again, oldest first, with
-// pauses that grow and are cut at random. What the server refuses otherwise, redirects included, is
-// dropped, or if InfluxDB says how many lines it has dropped, as many points. Both are counted in
-// Health and reported, at most once per log_interval each. A reply that got lost makes a batch
-// arrive twice.
+// waits in a bounded queue, and in the spool if there is one, and is tried again, oldest first,
+// with pauses that grow and are cut at random. What the server refuses otherwise, redirects
+// included, is dropped, or if InfluxDB says how many lines it has dropped, as many points. Both are
+// counted in Health and reported, at most once per log_interval each. A reply that got lost makes a
+// batch arrive twice.
 //
 // Threads: Handle on the decoder's; a thread of its own packs and sends; the rest from the owner's.
 // one more feeds the spool. Each of them reports. Handle writes lines and never waits. Borrows

@@ -135,11 +135,7 @@ HttpPoster::Client::Client(const ForwardUrl& url) {
 }
 
 void HttpPoster::Client::SetUrl(const ForwardUrl& url) {
-  const bool address = url.host.find(':') != std::string::npos;
-  const std::string full = (url.tls ? "https://" : "http://") +
-                           (address ? '[' + url.host + ']' : url.host) + ':' +
-                           std::to_string(url.port) + url.target;
-  Set(CURLOPT_URL, full.c_str());
+  Set(CURLOPT_URL, url.Request().c_str());
   Set(CURLOPT_PROTOCOLS_STR, "http,https");
   Set(CURLOPT_PATH_AS_IS, 1L);  // the user has written it as it is to be
   Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
