@@ -45,6 +45,8 @@ std::string Words(CURLcode code, bool connected) {
       return "cannot connect";
     case CURLE_OPERATION_TIMEDOUT:
       return connected ? "no reply in time" : "no connection in time";
+    case CURLE_ABORTED_BY_CALLBACK:
+      return "the agent ended before the reply";
     case CURLE_WRITE_ERROR:
       return "the head of the reply does not end";
     case CURLE_OUT_OF_MEMORY:

@@ -303,11 +303,12 @@ bool SeriesTable::HasRoom(const Target& target, bool known) {
   if (!known && series_.size() >= options_.max_series) return false;
   if (bytes_ >= options_.max_series * kBytesPerSeries) return false;
   if (page_bytes_ >= options_.max_series * kPageBytesPerSeries) return false;
-  label_bytes_ = 0;
-  SeriesKey::ForEachTag(key_.text(), [this](std::string_view key, std::string_view value) {
-    label_bytes_ += LabelSize(key, value);
+  size_t labels = 0;
+  SeriesKey::ForEachTag(key_.text(), [&labels](std::string_view key, std::string_view value) {
+    labels += LabelSize(key, value);
     return true;
   });
+  label_bytes_ = labels;
   return ProductOf(target) <= kMaxSeriesPageBytes;
 }
 
