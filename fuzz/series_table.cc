@@ -143,7 +143,8 @@ class Play {
  public:
   explicit Play(Bytes* in)
       : in_(in),
-        options_{1 + in->Below(12), std::chrono::seconds(20), in->Below(2) != 0, true,
+        options_{1 + in->Below(12), std::chrono::seconds(20),
+                 in->Below(2) != 0 ? agent::ProcessLabel::kPid : agent::ProcessLabel::kNone, true,
                  std::chrono::seconds(60)},
         table_(
             options_, &health_,
