@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <ctime>
@@ -356,6 +357,35 @@ TEST_F(AgentTest, CountsWhatIsNotPrintedAndGoesOnWhereThereIsRoomAgain) {
   EXPECT_EQ(Content("out").substr(before), first + torn + "...\n" + next);
   EXPECT_THAT(Content("err"), StartsWith("<6>tidegate-agent: serving"));
   EXPECT_THAT(Content("err"), HasSubstr("dropped: packets=0 unprinted points=12 "));
+}
+
+TEST_F(AgentTest, GivesMemoryBackWhenSeriesAreGone) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the heap is not the platform's";
+#endif
+  const auto resident = [this] {
+    size_t all = 0, pages = 0;
+    std::ifstream("/proc/" + std::to_string(pid_) + "/statm") >> all >> pages;
+    return pages * static_cast<size_t>(getpagesize()) >> 20;
+  };
+  Start({"--quiet", "--ttl", "1"});
+  const UniqueFd client = Connect();
+  for (int i = 0; i < 150; ++i) {
+    Packet packet;
+    for (int k = 0; k < 2000; ++k) {
+      packet.blocks.push_back(
+          {1, 0, 1700000000, "g", {}, {{0, {{"k", std::to_string(i * 2000 + k)}}, {}, {1}}}});
+    }
+    Send(client, bench::PacketWriter::Write(packet));
+  }
+  size_t most = 0;
+  for (int i = 0; i < 4000 && (most < 30 || resident() > most / 2); ++i) {
+    most = std::max(most, resident());
+    std::this_thread::sleep_for(milliseconds(10));
+  }
+  EXPECT_GT(most, 30U);
+  EXPECT_LE(resident(), most / 2);
+  EXPECT_EQ(Terminate(), 0);
 }
 
 TEST_F(AgentTest, RefusesBadSettingsInOneLine) {

@@ -135,6 +135,7 @@ void Agent::LookAfterThings() {
   if (merge_) merge_->Tick();
   table_.Sweep();
   if (slots_) slots_->Sweep(Clock::now());
+  trimmer_.Look(health_.BytesInUse());
   const std::string drops = queue_.ReportDrops(Clock::now());
   if (!drops.empty()) log_.Report(drops);
 }

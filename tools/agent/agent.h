@@ -14,6 +14,7 @@
 #include "agent/forwarder.h"
 #include "agent/hand_over.h"
 #include "agent/health.h"
+#include "agent/heap_trimmer.h"
 #include "agent/http_server.h"
 #include "agent/log.h"
 #include "agent/merge_stage.h"
@@ -106,6 +107,7 @@ class Agent {
   bool printing_trouble_told_ = false;
   std::optional<PacketLog> printer_;
   uint64_t out_of_memory_ = 0;  // of the count of health_, that the log knows of
+  HeapTrimmer trimmer_;         // of the decoder's thread
   std::atomic<bool> http_failed_{false};
   std::atomic<bool> reload_asked_{false};
   static_assert(std::atomic<bool>::is_always_lock_free);

@@ -24,7 +24,11 @@ void Decoder::Run() {
   for (;;) {
     const PacketQueue::Result result = queue_->Pop(&message, kSecond);
     if (result == PacketQueue::Result::kClosed) return;
-    if (result == PacketQueue::Result::kItem) Decode(message);
+    if (result == PacketQueue::Result::kItem) {
+      Decode(message);
+    } else {
+      reader_ = PacketReader();  // gives back what it keeps
+    }
     if (const steady_clock::time_point now = steady_clock::now(); now - last >= kSecond) {
       last = now;
       Survives(health_, on_second_);

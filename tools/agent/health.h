@@ -110,6 +110,8 @@ struct Health {
   uint64_t Errors() const;
   uint64_t DroppedPackets() const;
   uint64_t ForwardDropped() const;
+  // What is in the table and in the queues.
+  uint64_t BytesInUse() const { return queued_bytes + series_bytes + forward_queue_bytes; }
 
   // Hands out every number as a sample; those of one name follow each other.
   void ForEach(const std::function<void(const Sample&)>& handle) const;

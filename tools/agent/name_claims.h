@@ -5,6 +5,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "agent/shrink.h"
+
 namespace tidegate::agent {
 
 // Who holds which name on the page of metrics, or in a metric of it. Fitting names to the
@@ -39,6 +41,9 @@ class NameClaims {
     *bytes_ -= BytesOf(*found);
     holders_.erase(found);
   }
+
+  // As ShrinkBuckets does.
+  void Shrink() { ShrinkBuckets(&holders_); }
 
  private:
   struct Holder {

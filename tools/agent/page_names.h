@@ -31,6 +31,7 @@ class PageNames {
   // Shows those parts of a layout that are hidden and whose names are free.
   void Show(SeriesLayout* layout);
   void Hide(SeriesLayout* layout);
+  void Shrink() { names_.Shrink(); }
 
  private:
   // Who holds a name on the page.

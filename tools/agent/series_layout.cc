@@ -143,4 +143,9 @@ void SeriesLayout::Remove(SeriesNode* node) {
   series.pop_back();
 }
 
+void SeriesLayout::Shrink() {
+  constexpr size_t kFew = 1024;
+  if (series.capacity() > kFew && series.capacity() / 8 > series.size()) series.shrink_to_fit();
+}
+
 }  // namespace tidegate::agent

@@ -85,6 +85,8 @@ struct SeriesLayout {
   // REQUIRES: Prepare.
   void Add(SeriesNode* node, std::unique_ptr<Cell[]> row);
   void Remove(SeriesNode* node);
+  // Gives back the room of many that were removed, if there is memory for the rest.
+  void Shrink();
 
   SeriesMetric* metric = nullptr;
   std::vector<std::string> columns;  // one without a name, if the metric has none

@@ -7,6 +7,7 @@
 #include "agent/exposition.h"
 #include "agent/quoted.h"
 #include "agent/series_page.h"
+#include "agent/shrink.h"
 
 namespace tidegate::agent {
 namespace {
@@ -252,6 +253,13 @@ void SeriesTable::SweepIfDue() {
   SweepSeries();
   SweepMetrics();
   UpdateHealth();
+  Shrink();
+}
+
+void SeriesTable::Shrink() {
+  ShrinkBuckets(&series_);
+  ShrinkBuckets(&metrics_);
+  names_.Shrink();
 }
 
 void SeriesTable::SweepSeries() {
@@ -280,6 +288,7 @@ void SeriesTable::SweepMetrics() {
         page_bytes_ -= layout->second->head_bytes;
         layout = layouts.erase(layout);
       } else {
+        layout->second->Shrink();
         ++layout;
       }
     }

@@ -121,6 +121,7 @@ class SeriesTable : public PacketSink {
   void SweepIfDue() METRICS_REQUIRES(mutex_);
   void SweepSeries() METRICS_REQUIRES(mutex_);
   void SweepMetrics() METRICS_REQUIRES(mutex_);
+  void Shrink() METRICS_REQUIRES(mutex_);
 
   // For the record in work.
   bool HasRoom(const Target& target, bool known) METRICS_REQUIRES(mutex_);

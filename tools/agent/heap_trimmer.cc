@@ -1,0 +1,55 @@
+#include "agent/heap_trimmer.h"
+
+#include <malloc.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+
+namespace tidegate::agent {
+namespace {
+
+// 0 if the kernel does not tell.
+size_t ResidentBytes() {
+  const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen("/proc/self/statm", "re"),
+                                                   std::fclose);
+  size_t pages = 0;
+  if (file == nullptr || std::fscanf(file.get(), "%*u %zu", &pages) != 1) return 0;
+  return pages * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
+
+size_t BytesBeside(size_t used) {
+  const size_t resident = ResidentBytes();
+  return resident - std::min(resident, used);
+}
+
+}  // namespace
+
+HeapTrimmer::HeapTrimmer() : least_(BytesBeside(0)) {}
+
+void HeapTrimmer::Look(size_t used) {
+  if (busy_) return;
+  const size_t unused = BytesBeside(used);
+  least_ = std::min<size_t>(least_, unused);
+  const Clock::time_point now = Clock::now();
+  if (now < next_ || unused < least_ + kLeastBytes) return;
+  Join();
+  busy_ = true;
+  try {
+    thread_ = std::thread([this, used] {
+      pthread_setname_np(pthread_self(), "trimmer");
+      malloc_trim(0);
+      // What the heap cannot give is in use in its way.
+      least_ = BytesBeside(used);
+      busy_ = false;
+    });
+  } catch (...) {
+    busy_ = false;
+    throw;
+  }
+  next_ = now + kPause;
+}
+
+}  // namespace tidegate::agent

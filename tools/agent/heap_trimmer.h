@@ -1,0 +1,48 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <thread>
+
+namespace tidegate::agent {
+
+// Has the heap give memory back to the system after much of it has become free: the heap by itself
+// does so only with what lies at its end, which after a sweep of the table is next to nothing.
+//
+// What the process holds beside what is known to be in use is held against the least that this has
+// been. So it does not matter what the memory was for, or how well its use is known.
+//
+// Threads: Look from one. A trim takes some 100 ms for each 100 MB, so it has a thread of its own;
+// the heap keeps others waiting only where they share their part of it and need memory anew.
+class HeapTrimmer {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // Less is not worth the work.
+  static constexpr size_t kLeastBytes = size_t{16} << 20;
+  // Between two trims: the heap may have nothing to give.
+  static constexpr std::chrono::seconds kPause{10};
+
+  // To be made before much is in use.
+  HeapTrimmer();
+  ~HeapTrimmer() { Join(); }
+  HeapTrimmer(const HeapTrimmer&) = delete;
+  HeapTrimmer& operator=(const HeapTrimmer&) = delete;
+
+  // To be called every second or so. `used` are the bytes that are known to be in use, roughly.
+  // Throws std::system_error if there can be no thread.
+  void Look(size_t used);
+
+ private:
+  void Join() {
+    if (thread_.joinable()) thread_.join();
+  }
+
+  std::atomic<size_t> least_;  // bytes beside those in use; of the thread while that is busy
+  Clock::time_point next_;
+  std::atomic<bool> busy_{false};
+  std::thread thread_;
+};
+
+}  // namespace tidegate::agent
