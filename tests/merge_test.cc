@@ -11,6 +11,16 @@
 #include <string>
 #include <vector>
 
+#include "support/failing_new.h"
+
+static __thread long allocations_left = -1;  // until they fail; negative: they never do
+
+static bool NextAllocationFails() {
+  if (allocations_left == 0) return true;
+  if (allocations_left > 0) --allocations_left;
+  return false;
+}
+
 namespace tidegate::agent {
 namespace {
 
@@ -18,6 +28,7 @@ using std::chrono::seconds;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
 constexpr int64_t kTime = 1700000000;
@@ -76,9 +87,8 @@ class MergeTest : public testing::Test {
   }
   MergeTest() { Make({}); }
 
-  // The points of one packet, `time` seconds after kTime.
-  void Send(pid_t pid, int64_t time, const std::vector<Point>& points,
-            const std::string& tenant = "t", const std::vector<Tag>& tags = {}) {
+  static Packet PacketOf(int64_t time, const std::vector<Point>& points,
+                         const std::string& tenant = "t", const std::vector<Tag>& tags = {}) {
     Packet packet;
     packet.tenant = tenant;
     for (const Point& point : points) {
@@ -90,7 +100,12 @@ class MergeTest : public testing::Test {
       block.series.push_back({0, tags, point.indexes, point.values});
       ++packet.series_count;
     }
-    stage_->Handle(packet, {pid});
+    return packet;
+  }
+  // The points of one packet, `time` seconds after kTime.
+  void Send(pid_t pid, int64_t time, const std::vector<Point>& points,
+            const std::string& tenant = "t", const std::vector<Tag>& tags = {}) {
+    stage_->Handle(PacketOf(time, points, tenant, tags), {pid});
   }
   // A counter of a process that has just begun, or reports again after a silence.
   void SendFirst(pid_t pid, int64_t time, double total, double before = 0) {
@@ -364,18 +379,52 @@ TEST_F(MergeTest, BoundsWhatClientsCanTake) {
   EXPECT_EQ(health_.merge_series, 0u);
 }
 
+TEST_F(MergeTest, SurvivesALackOfMemoryAnywhere) {
+  const std::vector<Point> points = {{3, "a counter whose name is long", {}, {4}},
+                                     {8, "d", kDelta, {1, 1, 1}},
+                                     {6, "h", kBounds, {1, 2, 3, 3}}};
+  bool failed = true;
+  for (long n = 0; failed; ++n) {
+    Make({});
+    failed = false;
+    for (const int64_t time : {0, 10, 0}) {
+      Packet packet = PacketOf(time, points);
+      try {
+        allocations_left = n;
+        stage_->Handle(packet, {static_cast<pid_t>(time + 1)});
+        stage_->Flush();
+      } catch (const std::bad_alloc&) {
+        failed = true;
+      }
+      allocations_left = -1;
+    }
+    // What comes after that is as ever.
+    Flush();
+    Send(1, 20, {points[2]});
+    Send(2, 20, {points[2]});
+    EXPECT_THAT(Flush(), ElementsAre(StartsWith("20 t h hist:b-0.000000=")));
+    EXPECT_EQ(health_.merge_held_points, 0U);
+    gone_ = {1, 2, 11};
+    now_ += 7300;
+    Until(now_ + 1);
+    Until(now_ + 400);
+    EXPECT_EQ(health_.merge_bytes, 0U);
+    gone_.clear();
+  }
+}
+
 // In short turns, between which packets are taken.
 TEST_F(MergeTest, HandsOnALotInTurns) {
-  Packet packet;
-  packet.tenant = "t";
-  Block& block = packet.blocks.emplace_back();
-  block.wire_type = 1;
-  block.name = "g";
-  for (size_t i = 0; i < MergeStage::kMaxHandedOnTick + 30000; ++i) {
-    block.series.push_back({0, {{"k", std::to_string(i)}}, {}, {1}});
+  constexpr size_t kPoints = MergeStage::kMaxHandedOnTick + 30000;
+  for (size_t i = 0; i < kPoints;) {
+    Packet packet = PacketOf(0, {{1, "g", {}, {1}}});
+    std::vector<Series>& records = packet.blocks.front().series;
+    records.clear();
+    for (size_t end = i + kPoints / 4; i < end; ++i) {
+      records.push_back({0, {{"k", std::to_string(i)}}, {}, {1}});
+    }
+    stage_->Handle(packet, {1});
   }
-  block.timestamp = kTime;
-  stage_->Handle(packet, {1});
   EXPECT_EQ(Until(1).size(), MergeStage::kMaxHandedOnTick);
   Send(1, 10, {{1, "other", {}, {1}}});
   EXPECT_EQ(Taken().size(), MergeStage::kMaxHandedOn);

@@ -87,6 +87,7 @@ void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
             "reason", kRefusalNames[i], ValueOf(refused_series[i])});
   }
   gauge("tidegate_agent_merge_series", "Series that are merged.", merge_series);
+  gauge("tidegate_agent_merge_bytes", "Bytes that they take.", merge_bytes);
   gauge("tidegate_agent_merge_held_points", "Merged points that wait for further processes.",
         merge_held_points);
   counter("tidegate_agent_merged_points_total", "Merged points.", merged_points);

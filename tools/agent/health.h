@@ -76,6 +76,7 @@ struct Health {
   Number unprinted_points{0};  // that standard output did not take whole, or not in time
 
   Number merge_series{0};       // that are merged
+  Number merge_bytes{0};        // that they take
   Number merge_held_points{0};  // merged ones that are not handed on yet
   Number merged_points{0};      // handed on
   Number merge_late_points{0};  // that came after their time was handed on

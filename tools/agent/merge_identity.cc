@@ -64,7 +64,7 @@ void MergedMetric::SweepLayouts(size_t* bytes) {
   }
 }
 
-MergeIdentity::MergeIdentity(const Packet& packet) {
+MergeIdentity::MergeIdentity(const Packet& packet, uint64_t number) : number_(number) {
   header_.version = packet.version;
   header_.format_word = packet.format_word;
   header_.tenant = packet.tenant;

@@ -65,10 +65,11 @@ class MergeIdentity {
   static constexpr size_t kMaxTimes = 64;
   static constexpr size_t kMaxTimesMeanwhile = 256;
 
-  explicit MergeIdentity(const Packet& packet);
+  MergeIdentity(const Packet& packet, uint64_t number);
 
   // Of packets without points.
   const Packet& header() const { return header_; }
+  uint64_t number() const { return number_; }  // never used twice
 
   // If it is `full`, a process that is not known yet is not waited for.
   void HasReported(const ProcessId& process, int64_t timestamp, bool full, size_t* bytes);
@@ -111,6 +112,7 @@ class MergeIdentity {
   void SweepMetric(MergedMetric* metric, SteadyTime oldest, size_t* bytes, size_t* series);
 
   Packet header_;
+  const uint64_t number_;
   std::unordered_map<ProcessId, Process> processes_;
   std::unordered_map<std::string, std::unique_ptr<MergedMetric>> metrics_;  // by form, kind, name
   std::map<int64_t, MergeTime> times_;

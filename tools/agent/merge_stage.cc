@@ -33,6 +33,21 @@ bool HasPointBefore(const Block& block) {
   }
 }
 
+// Counts how a series grows or shrinks, also where memory runs out.
+class Growth {
+ public:
+  Growth(const MergedSeries& series, size_t* bytes)
+      : series_(series), before_(series.bytes()), bytes_(bytes) {}
+  ~Growth() { *bytes_ += series_.bytes() - before_; }
+  Growth(const Growth&) = delete;
+  Growth& operator=(const Growth&) = delete;
+
+ private:
+  const MergedSeries& series_;
+  const size_t before_;
+  size_t* const bytes_;
+};
+
 // As what begins a total.
 bool IsZero(const Series& record) {
   return std::all_of(record.values.begin(), record.values.end(),
@@ -75,8 +90,9 @@ MergeIdentity* MergeStage::IdentityOf(const Packet& packet) {
   const auto found = identities_.find(key_);
   if (found != identities_.end()) return found->second.get();
   if (identities_.size() >= kMaxIdentities || IsFull()) return nullptr;
-  auto identity = std::make_unique<MergeIdentity>(packet);
+  auto identity = std::make_unique<MergeIdentity>(packet, made_ + 1);
   MergeIdentity* const made = identities_.emplace(key_, std::move(identity)).first->second.get();
+  ++made_;
   bytes_ += made->bytes();
   return made;
 }
@@ -128,11 +144,18 @@ void MergeStage::HoldTimer(const Packet& packet, size_t first, Target target) {
 
 void MergeStage::Hold(const Target& target, const Series& record, size_t points) {
   if (work_ > kMaxPacketWork) return Refuse(MergeRefusal::kWork, points);
+  const size_t bytes = bytes_;
   const bool room = !IsFull() && target.identity->HasRoomFor(target.timestamp);
   MergedNode* const node = room ? NodeOf(target, record) : nullptr;
   if (node == nullptr) return Refuse(MergeRefusal::kLimit, points);
+  Add(target, record, node, points);
+  work_ += key_.size() + record.values.size() * sizeof(double);
+  if (bytes_ > bytes) work_ += bytes_ - bytes;
+}
+
+void MergeStage::Add(const Target& target, const Series& record, MergedNode* node, size_t points) {
   MergedSeries& series = node->second.series;
-  const size_t bytes = series.bytes();
+  const Growth growth(series, &bytes_);
   if (!series.Accepts(target.layout, target.timestamp)) {
     Refuse(MergeRefusal::kColumns, points);
     ReportOnce(&columns_reported_, "points with other columns, as bounds, than before are refused",
@@ -151,9 +174,6 @@ void MergeStage::Hold(const Target& target, const Series& record, size_t points)
   const MergedSeries::Added added =
       series.Add(target.process, target.timestamp, record, target.before, begin);
   if (added == MergedSeries::Added::kLate) health_->merge_late_points += points;
-  bytes_ += series.bytes() - bytes;
-  work_ += key_.size() + record.values.size() * sizeof(double);
-  if (series.bytes() > bytes) work_ += series.bytes() - bytes;
 }
 
 std::chrono::seconds MergeStage::Ahead(int64_t timestamp) const {
@@ -196,7 +216,7 @@ void MergeStage::HandOn(size_t most) {
 void MergeStage::HandOn(MergeIdentity* identity, size_t* most) {
   int64_t timestamp = 0;
   while (MergeTime* const time = *most > 0 ? identity->NextDue(&timestamp) : nullptr) {
-    packets_.Begin(identity->header(), timestamp);
+    packets_.Begin(identity->header(), identity->number(), timestamp);
     while (!time->parts.empty() && *most > 0) {
       MergeTime::Part& part = time->parts.begin()->second;
       for (; !part.series.empty() && *most > 0; --*most) {
@@ -214,9 +234,8 @@ void MergeStage::HandOn(MergeIdentity* identity, size_t* most) {
 void MergeStage::HandOn(const MergedMetric& metric, MergedNode* node, int64_t timestamp) {
   MergedSeries& series = node->second.series;
   if (!series.Holds(timestamp)) return;  // memory ran out in between
-  const size_t bytes = series.bytes();
+  const Growth growth(series, &bytes_);
   const size_t left_out = packets_.Append(metric.name, node->first, &series);
-  bytes_ += series.bytes() - bytes;
   if (left_out == 0) return;
   health_->merge_left_out_percentiles += left_out;
   ReportOnce(&left_out_reported_, "percentiles of several processes do not add up and are left out",
@@ -248,6 +267,7 @@ void MergeStage::Refuse(MergeRefusal reason, size_t points) {
 void MergeStage::UpdateHealth() {
   health_->merge_series = series_;
   health_->merge_held_points = held_;
+  health_->merge_bytes = bytes_;
 }
 
 void MergeStage::ReportOnce(bool* reported, const std::string& text, const std::string& name) {

@@ -18,7 +18,8 @@
 namespace tidegate::agent {
 
 // Makes one series of those that the processes of one identity (tenant, account and project) report
-// under the same name and tags, and hands its points on to the sinks, in packets without a client.
+// under the same name and tags, and hands its points on to the sinks, as if each identity were one
+// process that the kernel does not name.
 //
 // Points of one time are held until all live processes of the identity have reported it or a later
 // one, and a second more for the rest of their packets, or until `delay` is over, counted from the
@@ -76,6 +77,7 @@ class MergeStage : public PacketSink {
   void HoldTimer(const Packet& packet, size_t first, Target target);
   // Counts it instead, if it finds no room.
   void Hold(const Target& target, const Series& record, size_t points);
+  void Add(const Target& target, const Series& record, MergedNode* node, size_t points);
   MergedNode* NodeOf(const Target& target, const Series& record);
   // Seconds from now to the end of an interval that has not ended.
   std::chrono::seconds Ahead(int64_t timestamp) const;
@@ -96,6 +98,7 @@ class MergeStage : public PacketSink {
   const SeriesTable::Clock clock_;
   MergedPackets packets_;
   std::unordered_map<std::string, std::unique_ptr<MergeIdentity>> identities_;
+  uint64_t made_ = 0;  // identities
   size_t bytes_ = 0;
   size_t series_ = 0;
   size_t held_ = 0;  // points

@@ -55,9 +55,12 @@ std::vector<Tag> TagsOf(std::string_view key) {
 MergedPackets::MergedPackets(std::vector<PacketSink*> sinks, Health* health)
     : sinks_(std::move(sinks)), health_(health) {}
 
-void MergedPackets::Begin(const Packet& header, int64_t timestamp) {
+void MergedPackets::Begin(const Packet& header, uint64_t connection, int64_t timestamp) {
   End();
   packet_ = header;
+  client_.connection = connection;
+  name_ = nullptr;
+  head_bytes_ = 0;
   timestamp_ = timestamp;
 }
 
@@ -126,7 +129,7 @@ void MergedPackets::HandOn() {
   packet_.send_time_ms = NowInMilliseconds();
   health_->merged_points += packet_.series_count;
   for (PacketSink* sink : sinks_) {
-    Survives(health_, [&] { sink->Handle(packet_, ClientId()); });
+    Survives(health_, [&] { sink->Handle(packet_, client_); });
   }
   packet_.blocks.clear();
   packet_.series_count = 0;

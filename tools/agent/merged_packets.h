@@ -27,7 +27,7 @@ void PutTags(const std::vector<Tag>& tags, std::string* key);
 std::vector<Tag> TagsOf(std::string_view key);
 
 // Makes packets of merged points and hands them to sinks, which take from them what they would take
-// from a service's; hashes and lengths stay 0, and so does the client.
+// from a service's; hashes and lengths stay 0.
 //
 // Not thread-safe. Borrows everything. Where memory runs out, the packet in work is lost, and
 // counted as Survives does.
@@ -35,8 +35,9 @@ class MergedPackets {
  public:
   MergedPackets(std::vector<PacketSink*> sinks, Health* health);
 
-  // The points that follow are of the tenant of `header`, and of this time.
-  void Begin(const Packet& header, int64_t timestamp);
+  // The points that follow are of the tenant of `header`, and of this time. To the sinks they come
+  // over a connection of this number.
+  void Begin(const Packet& header, uint64_t connection, int64_t timestamp);
   // Takes the point of `timestamp` out of the series. Returns how many percentiles were left out.
   size_t Append(const MergedName& name, std::string_view tags, MergedSeries* series);
   // Hands on what is left.
@@ -51,6 +52,7 @@ class MergedPackets {
   const std::vector<PacketSink*> sinks_;
   Health* const health_;
   Packet packet_;
+  ClientId client_;
   int64_t timestamp_ = 0;
   size_t bytes_ = 0;                  // of the packet's records, about
   size_t head_bytes_ = 0;             // of its blocks without those
