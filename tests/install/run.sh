@@ -184,6 +184,7 @@ check_options() {
   done
   [[ $(grep -c . <<<"$options") -gt 10 ]] || die "--help names only: $options"
   offers "$options" tidegate-agent --quiet --
+  offers "$options" tidegate-agent --label-pid --
   offers "--socket-mode" tidegate-agent --socket-m
   offers $'text\njson' tidegate-agent --print ""
   offers "json" tidegate-agent --print = j

@@ -11,8 +11,8 @@ _tidegate_agent() {
 
   local line options="" kind=""
   while IFS= read -r line; do
-    # Names, and after one blank the kind of the value, if there is one.
-    [[ $line =~ ^\ +(-[^ ]+)(\ ([^ ]+))? ]] || continue
+    # Names, and after one blank the kind of the value in capitals, if there is one.
+    [[ $line =~ ^\ +(-[^ ]+)(\ ([A-Z][A-Z][^ ]*))? ]] || continue
     options+=" ${BASH_REMATCH[1]//,/ }"
     if [[ ,${BASH_REMATCH[1]}, == *",$before,"* ]]; then kind=${BASH_REMATCH[3]}; fi
   done < <("$1" --help 2>/dev/null)
