@@ -255,6 +255,13 @@ TEST_F(AgentTest, TellsProcessesThatShareTheirTagsApart) {
   end(1);
   workers[1] = work(1);
   order(1, 5);
+  // The next agent goes on with the same slots, in whatever order the processes come.
+  EXPECT_EQ(Terminate(), 0);
+  Start({"--http", "127.0.0.1:0", "--print", "text"});
+  expected.clear();
+  for (const auto& [worker, slot] : {std::pair(3, 3), {1, 5}, {2, 2}, {0, 0}}) {
+    order(static_cast<size_t>(worker), static_cast<size_t>(slot));
+  }
   for (size_t i = 0; i < kWorkers; ++i) end(i);
   const httplib::Result page = httplib::Client(Url()).Get("/metrics");
   ASSERT_TRUE(page);

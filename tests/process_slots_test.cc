@@ -2,10 +2,18 @@
 
 #include <gtest/gtest.h>
 
+#include <stdlib.h>
+
 #include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "agent/slot_file.h"
 
 namespace tidegate::agent {
 namespace {
@@ -14,6 +22,11 @@ using std::chrono::seconds;
 
 class ProcessSlotsTest : public testing::Test {
  protected:
+  ProcessSlotsTest() { Make(); }
+  void Make() {
+    slots_.emplace([this](const ProcessId& process) { return live_.count(process) != 0; },
+                   &health_);
+  }
   // A client of that process connects and sends a packet, of now unless it is `before`.
   uint32_t Send(const ClientId& client, int64_t before = 0, const std::string& project = "") {
     live_.insert(client.process());
@@ -21,21 +34,20 @@ class ProcessSlotsTest : public testing::Test {
     packet.tenant = "t1";
     packet.tenant_tags = {{"account_id", "a"}, {"project_id", project}};
     packet.blocks.emplace_back().timestamp = time_ - before;
-    return slots_.SlotOf(packet, client);
+    return slots_->SlotOf(packet, client);
   }
   void End(const ClientId& client) { live_.erase(client.process()); }
   void Pass(int64_t time) {
     for (; time > 0; --time) {
       ++time_;
-      slots_.Sweep(ProcessSlots::TimePoint(seconds(time_)));
+      slots_->Sweep(ProcessSlots::TimePoint(seconds(time_)));
     }
   }
 
   Health health_;
   int64_t time_ = 1700000000;
   std::set<ProcessId> live_;
-  ProcessSlots slots_{[this](const ProcessId& process) { return live_.count(process) != 0; },
-                      &health_};
+  std::optional<ProcessSlots> slots_;
 };
 
 TEST_F(ProcessSlotsTest, StaySmallOverAThousandRestartsOfEightWorkers) {
@@ -114,6 +126,30 @@ TEST_F(ProcessSlotsTest, GoByIdentityAndProcessOrElseConnection) {
   EXPECT_EQ(Send({0, 5}), 3U);
   EXPECT_EQ(Send(named[3], 0, "other"), 0U);
   EXPECT_EQ(Send(named[0], 0, "other"), 1U);
+}
+
+TEST_F(ProcessSlotsTest, ArePassedOnToTheNextAgentInAFileOfItsOwn) {
+  char folder[] = "/tmp/slots_XXXXXX";
+  const std::string path = std::string(mkdtemp(folder)) + "/s";
+  for (pid_t pid = 100; pid > 90; --pid) Send({pid, 1, 5}, 0, pid % 2 == 0 ? "even" : "odd");
+  Send({0, 7});
+  EXPECT_TRUE(WriteSlots(path, slots_->Slots()));
+  std::ofstream(path, std::ios::app) << "90 5 1 70000\n-1 5 1 1\n100 5 1 0\nx\n89 5 1 3\n";
+  Make();
+  slots_->Restore(ReadSlots(path));
+  EXPECT_EQ(health_.slots, 11U);
+  EXPECT_EQ(Send({91, 2, 5}, 0, "odd"), 4U);
+  EXPECT_EQ(Send({90, 2, 5}, 0, "even"), 5U);
+  EXPECT_EQ(Send({100, 2, 5}, 0, "even"), 0U);
+  live_ = {{91, 5}};
+  Pass(127);
+  EXPECT_EQ(health_.slots, 1U);
+
+  EXPECT_TRUE(WriteSlots(path + "2", {}));
+  std::filesystem::create_symlink(path, path + "3");
+  for (const char* other : {"2", "3", "none"}) EXPECT_TRUE(ReadSlots(path + other).empty());
+  std::filesystem::remove_all(folder);
+  EXPECT_FALSE(WriteSlots(path, {}));
 }
 
 TEST_F(ProcessSlotsTest, AreBounded) {

@@ -14,6 +14,7 @@
 #include <thread>
 #include <utility>
 
+#include "agent/slot_file.h"
 #include "agent/survives.h"
 
 namespace tidegate::agent {
@@ -25,6 +26,8 @@ constexpr std::chrono::minutes kPrintingLineInterval(1);
 
 // For what services send last, though the time of --drain may be over by then.
 constexpr std::chrono::seconds kLastWords(1);
+
+std::string SlotPath(const Options& options) { return options.socket + ".slots"; }
 
 }  // namespace
 
@@ -68,6 +71,17 @@ ProcessSlots* Agent::Slots() {
   return &slots_.emplace([this](const ProcessId& process) { return IsLive(process); }, &health_);
 }
 
+void Agent::LookAfterSlots() {
+  slots_->Sweep(Clock::now());
+  if (std::exchange(saved_slots_, slots_->changes()) == slots_->changes()) return;
+  if (WriteSlots(SlotPath(options_), slots_->Slots()) ||
+      std::exchange(slots_unsaved_reported_, true)) {
+    return;
+  }
+  log_.Report("cannot keep the slots of processes in " + SlotPath(options_) + ": " +
+              std::generic_category().message(errno));
+}
+
 // In this order: what the process has sent is in the queue before its connection goes.
 bool Agent::IsLive(const ProcessId& process) const {
   return connected_.Contains(process) || queue_.Holds(process);
@@ -89,6 +103,7 @@ int Agent::Run() {
   const Clock::time_point last = std::max(end, Clock::now() + kLastWords);
   queue_.Close(last);
   decoder.join();
+  if (slots_) Survives(&health_, [this] { LookAfterSlots(); });
   if (merge_) Survives(&health_, [&] { merge_->Flush(); });
   if (const pid_t successor = server_.handed_to(); successor != 0) {
     log_.Report("process " + std::to_string(successor) + " has taken the socket over",
@@ -134,7 +149,7 @@ void Agent::LookAfterThings() {
   }
   if (merge_) merge_->Tick();
   table_.Sweep();
-  if (slots_) slots_->Sweep(Clock::now());
+  if (slots_) LookAfterSlots();
   trimmer_.Look(health_.BytesInUse());
   const std::string drops = queue_.ReportDrops(Clock::now());
   if (!drops.empty()) log_.Report(drops);
@@ -185,6 +200,7 @@ bool Agent::Start() {
     log_.Report(error, LogLevel::kError);
     return false;
   }
+  if (slots_) slots_->Restore(ReadSlots(SlotPath(options_)));
   if (forwarder_) {
     forwarder_->Start();
     log_.Report("forwarding to " + options_.forward->url.shown, LogLevel::kInfo);

@@ -76,6 +76,7 @@ class Agent {
   bool Linger(Clock::time_point end);
   // Once a second, on the decoder's thread.
   void LookAfterThings();
+  void LookAfterSlots();
   // On the writer's thread.
   void PrintingChanged(int error) noexcept;
   void HttpEnded() noexcept;
@@ -102,6 +103,8 @@ class Agent {
   PacketListener listener_;
   SeqpacketServer server_;
   std::optional<ProcessSlots> slots_;  // if points are to have them
+  uint64_t saved_slots_ = 0;           // its changes that are in the file
+  bool slots_unsaved_reported_ = false;
   SeriesTable table_;
   Clock::time_point next_printing_line_;  // with the next, of the writer's thread
   bool printing_trouble_told_ = false;

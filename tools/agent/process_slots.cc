@@ -51,13 +51,19 @@ bool ProcessSlots::Process::IsHeld(TimePoint now) const {
 uint32_t ProcessSlots::Numbers::TakeLowest() {
   const auto room =
       std::find_if(taken.begin(), taken.end(), [](uint64_t word) { return word != kAllTaken; });
-  const auto word = static_cast<uint32_t>(room - taken.begin());
-  if (room == taken.end()) taken.push_back(0);
-  uint32_t bit = 0;
-  while ((taken[word] >> bit & 1) != 0) ++bit;
-  taken[word] |= uint64_t{1} << bit;
+  auto number = static_cast<uint32_t>(room - taken.begin()) * kBits;
+  while (!Take(number)) ++number;
+  return number;
+}
+
+bool ProcessSlots::Numbers::Take(uint32_t number) {
+  const uint32_t word = number / kBits;
+  const uint64_t bit = uint64_t{1} << number % kBits;
+  if (taken.size() <= word) taken.resize(word + 1);
+  if ((taken[word] & bit) != 0) return false;
+  taken[word] |= bit;
   ++count;
-  return word * kBits + bit;
+  return true;
 }
 
 void ProcessSlots::Numbers::Free(uint32_t number) {
@@ -75,10 +81,7 @@ uint32_t ProcessSlots::SlotOf(const Packet& packet, const ClientId& client) {
     const auto found = process->second.slots.find(identity);
     if (found != process->second.slots.end()) slot = &found->second;
   }
-  const size_t of_process = process == processes_.end() ? 0 : process->second.slots.size();
-  if (slot == nullptr && slots_ < kMaxSlots && of_process < kMaxSlotsOfProcess) {
-    slot = Add(id, identity);
-  }
+  if (slot == nullptr && HasRoom(id)) slot = Add(id, identity);
   if (slot == nullptr) {
     ++health_->slotless_packets;
     return kNoSlot;
@@ -95,6 +98,7 @@ ProcessSlots::Slot* ProcessSlots::Add(const ProcessId& process, uint64_t identit
     Slot& slot = owner.slots[identity];
     slot.number = number;
     health_->slots = ++slots_;
+    ++changes_;
     return &slot;
   } catch (...) {
     numbers.Free(number);
@@ -125,7 +129,38 @@ void ProcessSlots::FreeAll(const Process& process) {
     numbers->second.Free(slot.number);
     if (numbers->second.count == 0) numbers_.erase(numbers);
     --slots_;
+    ++changes_;
   }
+}
+
+bool ProcessSlots::HasRoom(const ProcessId& process) const {
+  const auto found = processes_.find(process);
+  return slots_ < kMaxSlots &&
+         (found == processes_.end() || found->second.slots.size() < kMaxSlotsOfProcess);
+}
+
+void ProcessSlots::Restore(const std::vector<Taken>& slots) {
+  for (const Taken& saved : slots) {
+    if (saved.number >= kMaxSlots || saved.process.pid <= 0 || !HasRoom(saved.process)) continue;
+    auto& of_process = processes_[saved.process].slots;
+    if (of_process.count(saved.identity) != 0 || !numbers_[saved.identity].Take(saved.number)) {
+      continue;
+    }
+    of_process[saved.identity].number = saved.number;
+    ++slots_;
+  }
+  health_->slots = slots_;
+}
+
+std::vector<ProcessSlots::Taken> ProcessSlots::Slots() const {
+  std::vector<Taken> slots;
+  for (const auto& [process, entry] : processes_) {
+    if (process.pid <= 0) continue;
+    for (const auto& [identity, slot] : entry.slots) {
+      slots.push_back({process, identity, slot.number});
+    }
+  }
+  return slots;
 }
 
 }  // namespace tidegate::agent

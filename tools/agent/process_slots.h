@@ -32,7 +32,24 @@ class ProcessSlots {
   // known.
   static constexpr int64_t kMaxInterval = 60;
 
+  // A number that a process has under an identity.
+  struct Taken {
+    ProcessId process;
+    uint64_t identity = 0;
+    uint32_t number = 0;
+  };
+
   ProcessSlots(IsLive is_live, Health* health);
+
+  // Numbers that an earlier agent has given: held until the processes come, or as long as those of
+  // one of which nothing is known. What makes no sense is left out. Before all other calls.
+  void Restore(const std::vector<Taken>& slots);
+
+  // All that is worth restoring: a process that the kernel does not name would not be found again.
+  std::vector<Taken> Slots() const;
+
+  // Grows with each change of those.
+  uint64_t changes() const { return changes_; }
 
   // The number of the process that has sent the packet, or kNoSlot.
   uint32_t SlotOf(const Packet& packet, const ClientId& client);
@@ -63,10 +80,12 @@ class ProcessSlots {
     size_t count = 0;
 
     uint32_t TakeLowest();
+    bool Take(uint32_t number);  // false if it is taken
     void Free(uint32_t number);
   };
 
   Slot* Add(const ProcessId& process, uint64_t identity);
+  bool HasRoom(const ProcessId& process) const;
   void FreeAll(const Process& process);
 
   const IsLive is_live_;
@@ -75,6 +94,7 @@ class ProcessSlots {
   // By identity, of which a hash is enough: two with the same one share their numbers, no more.
   std::unordered_map<uint64_t, Numbers> numbers_;
   size_t slots_ = 0;  // of all processes
+  uint64_t changes_ = 0;
 };
 
 }  // namespace tidegate::agent
