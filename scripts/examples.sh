@@ -16,7 +16,7 @@ expected() {
       echo 'counter legacy\.jobs\{queue=invoice,slot=0\} 1'
       ;;
     custom_environment)
-      echo 'delta_counter custom\.starts\.delta_counter\{cluster=south,host=host-17,slot=0\} counter=1 .*'
+      echo 'delta_counter custom\.starts\.delta_counter\{cluster=south,host=host-17,account_id=.*,slot=0\} counter=1 .*'
       ;;
     demo_service)
       echo 'multi_field shop\.jobs\.clerk\{.*\} batch=[0-9]+ packed=[0-9]+'

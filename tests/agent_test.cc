@@ -156,13 +156,15 @@ TEST_F(AgentTest, ServesClientsSideBySideAndEndsInOrder) {
   const UniqueFd first = Connect();
   const UniqueFd second = Connect();
   Send(second, ReadGolden("multi_field.hex"));
-  Await("out",
-        "1700000000 t1 multi_field svc.m{host=a,slot=0} c=3 g=-0.25\n"
-        "1700000000 t1 multi_field svc.m{slot=0} g=2\n");
+  Await(
+      "out",
+      "1700000000 t1 multi_field svc.m{host=a,account_id=acc,project_id=proj,slot=0} c=3 g=-0.25\n"
+      "1700000000 t1 multi_field svc.m{account_id=acc,project_id=proj,slot=0} g=2\n");
   Send(first, gauge.substr(0, 150));
   Send(first, "");
   Send(first, gauge);
-  Await("out", "1700000000 t1 gauge svc.lat{dc=b,host=a,slot=0} 1.5\n");
+  Await("out",
+        "1700000000 t1 gauge svc.lat{dc=b,host=a,account_id=acc,project_id=proj,slot=0} 1.5\n");
 
   // What waits on a connection, and on one not even accepted, when the signal comes still counts.
   kill(pid_, SIGSTOP);
@@ -185,7 +187,8 @@ TEST_F(AgentTest, HandsOnAtItsEndWhatItHoldsToMerge) {
   Start({"--merge"});
   for (int i = 0; i < 2; ++i) Send(Connect(), ReadGolden("gauge.hex"));
   EXPECT_EQ(Terminate(), 0);
-  EXPECT_EQ(Content("out"), "1700000000 t1 gauge svc.lat{dc=b,host=a} 3\n");
+  EXPECT_EQ(Content("out"),
+            "1700000000 t1 gauge svc.lat{dc=b,host=a,account_id=acc,project_id=proj} 3\n");
 }
 
 TEST_F(AgentTest, ServesTheNewestValuesOverHttp) {
@@ -209,9 +212,10 @@ TEST_F(AgentTest, ServesTheNewestValuesOverHttp) {
       page = result->body;
       std::this_thread::sleep_for(milliseconds(10));
     }
-    EXPECT_THAT(page, HasSubstr("# HELP svc_lat gauge svc.lat\n# TYPE svc_lat gauge\n"
-                                "svc_lat{tenant=\"t1\",pid=\"" +
-                                std::to_string(getpid()) + "\",dc=\"b\",host=\"a\"} 1.5\n"));
+    EXPECT_THAT(page,
+                HasSubstr("# HELP svc_lat gauge svc.lat\n# TYPE svc_lat gauge\n"
+                          "svc_lat{tenant=\"t1\",account_id=\"acc\",project_id=\"proj\",pid=\"" +
+                          std::to_string(getpid()) + "\",dc=\"b\",host=\"a\"} 1.5\n"));
     EXPECT_THAT(page, HasSubstr("_errors_total{reason=\"malformed\"} 1\n"));
     EXPECT_THAT(page, HasSubstr("\ntidegate_agent_clients 1\n"));
     EXPECT_EQ(Terminate(), 0);
@@ -221,7 +225,8 @@ TEST_F(AgentTest, ServesTheNewestValuesOverHttp) {
 
 TEST_F(AgentTest, TellsProcessesThatShareTheirTagsApart) {
   constexpr size_t kWorkers = 4;
-  const std::string point = "1700000000 t1 gauge svc.lat{dc=b,host=a";
+  const std::string point =
+      "1700000000 t1 gauge svc.lat{dc=b,host=a,account_id=acc,project_id=proj";
   const std::string gauge = ReadGolden("gauge.hex");
   Start({"--http", "127.0.0.1:0", "--print", "text"});
   // A child that sends a point over a connection of its own for each byte of the pipe.
@@ -265,8 +270,8 @@ TEST_F(AgentTest, TellsProcessesThatShareTheirTagsApart) {
   for (size_t i = 0; i < kWorkers; ++i) end(i);
   const httplib::Result page = httplib::Client(Url()).Get("/metrics");
   ASSERT_TRUE(page);
-  EXPECT_THAT(page->body,
-              HasSubstr("\nsvc_lat{tenant=\"t1\",slot=\"5\",dc=\"b\",host=\"a\"} 1.5\n"));
+  EXPECT_THAT(page->body, HasSubstr("\nsvc_lat{tenant=\"t1\",account_id=\"acc\",project_id="
+                                    "\"proj\",slot=\"5\",dc=\"b\",host=\"a\"} 1.5\n"));
   EXPECT_THAT(page->body, HasSubstr("\ntidegate_agent_slots 6\n"));
   EXPECT_THAT(page->body, HasSubstr("\ntidegate_agent_shared_series_total 0\n"));
   EXPECT_EQ(Terminate(), 0);
@@ -279,7 +284,8 @@ TEST_F(AgentTest, TellsProcessesThatShareTheirTagsApart) {
     Send(Connect(), gauge);
     std::this_thread::sleep_for(milliseconds(20));  // about so that they take turns
   }
-  Await("err", "\"svc.lat{tenant=t1,dc=b,host=a}\" comes from process ");
+  Await("err",
+        "\"svc.lat{tenant=t1,account_id=acc,project_id=proj,dc=b,host=a}\" comes from process ");
   EXPECT_THAT(Content("err"), HasSubstr("process " + std::to_string(other)));
   EXPECT_THAT(Content("err"), HasSubstr("process " + std::to_string(getpid())));
   orders[0] = Pipe();
@@ -329,7 +335,8 @@ TEST_F(AgentTest, CountsWhatIsNotPrintedAndGoesOnWhereThereIsRoomAgain) {
   for (const std::string_view column : kTimerColumns) gauge("svc.lat." + std::string(column));
   gauge("last");
   const std::string first = "1700000000 t1 gauge first{} 100000\n";
-  const std::string next = "1700000000 t1 gauge svc.lat{dc=b,host=a} 1.5\n";
+  const std::string next =
+      "1700000000 t1 gauge svc.lat{dc=b,host=a,account_id=acc,project_id=proj} 1.5\n";
   const std::string torn = "1700000000 t1 timer svc.lat{} min=100000 max=100000 avg=";
   const auto room_for = [this](rlim_t bytes) {
     const rlimit limit = {bytes, RLIM_INFINITY};
@@ -429,14 +436,19 @@ TEST_F(AgentTest, PrintsHostileStringsOnOneLineAndTheProcessAfterTheTags) {
   std::string bytes = GaugeNamed("a\n\xff\"b");
   bytes.replace(bytes.size() - 2, 2, "\xf8\x7f");  // NaN
   const std::string pid = std::to_string(getpid());
-  for (const auto& [format, line] : {
-           std::pair("text",
-                     R"(1700000000 t1 gauge "a\n\xff\"b"{dc=b,host=a,pid=)" + pid + "} nan\n"),
-           std::pair("json", R"({"timestamp":1700000000,"tenant":"t1","type":"gauge","name":"a\n)"
-                             "\xef\xbf\xbd"
-                             R"(\"b","tags":{"dc":"b","host":"a","pid":")" +
-                                 pid + "\"},\"value\":\"nan\"}\n"),
-       }) {
+  for (
+      const auto& [format, line] : {
+          std::pair(
+              "text",
+              R"(1700000000 t1 gauge "a\n\xff\"b"{dc=b,host=a,account_id=acc,project_id=proj,pid=)" +
+                  pid + "} nan\n"),
+          std::pair(
+              "json",
+              R"({"timestamp":1700000000,"tenant":"t1","type":"gauge","name":"a\n)"
+              "\xef\xbf\xbd"
+              R"(\"b","tags":{"dc":"b","host":"a","account_id":"acc","project_id":"proj","pid":")" +
+                  pid + "\"},\"value\":\"nan\"}\n"),
+      }) {
     Start({"--label-pid", "--print", format});
     Send(Connect(), bytes);
     Await("out", line);
@@ -465,7 +477,8 @@ TEST_F(AgentTest, TakesOneMebibyteWholeAndCountsWhatIsLonger) {
   Send(client, GaugeNamed(name + 'n'));
   Await("err", "tidegate-agent: message of 1048577 bytes is longer than 1048576\n");
   EXPECT_EQ(Terminate(), 0);
-  EXPECT_EQ(Content("out"), "1700000000 t1 gauge " + name + "{dc=b,host=a,slot=0} 1.5\n");
+  EXPECT_EQ(Content("out"), "1700000000 t1 gauge " + name +
+                                "{dc=b,host=a,account_id=acc,project_id=proj,slot=0} 1.5\n");
   EXPECT_THAT(Content("err"), HasSubstr("packets=1 series=1 points=1 errors=1\n"));
 }
 

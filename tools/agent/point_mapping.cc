@@ -108,14 +108,24 @@ std::string ValueOf(ProcessLabel label, const ClientId& client) {
   return client.slot == kNoSlot ? "overflow" : std::to_string(client.slot);
 }
 
+std::string_view HeaderValue(const Packet& packet, std::string_view key) {
+  for (const Tag& tag : packet.tenant_tags) {
+    if (tag.key == key) return tag.value;
+  }
+  return {};
+}
+
 void PointTags::Assign(const Packet& packet, const ClientId& client, ProcessLabel label, Kind kind,
                        const Series& record) {
   tags_.clear();
   tags_.push_back({"tenant", packet.tenant});
-  const std::string_view process_key = KeyOf(label);
+  for (const std::string_view key : kHeaderKeys) {
+    const std::string_view value = HeaderValue(packet, key);
+    if (!value.empty()) tags_.push_back({key, value});
+  }
   if (label != ProcessLabel::kNone) {
     process_ = ValueOf(label, client);
-    tags_.push_back({process_key, process_});
+    tags_.push_back({KeyOf(label), process_});
   }
   const size_t first = tags_.size();
   const std::string_view of_kind = TagOfKind(kind);
@@ -123,9 +133,10 @@ void PointTags::Assign(const Packet& packet, const ClientId& client, ProcessLabe
   for (const agent::Tag& tag : record.tags) {
     if (tag.value.empty()) continue;
     // Senders sort by key, so a comparison with the one before finds what comes twice.
-    distinct = distinct && tag.key != "tenant" && (process_key.empty() || tag.key != process_key) &&
-               (of_kind.empty() || tag.key != of_kind) &&
-               (tags_.size() == first || tags_.back().key < tag.key);
+    distinct = distinct && (of_kind.empty() || tag.key != of_kind) &&
+               (tags_.size() == first || tags_.back().key < tag.key) &&
+               std::none_of(tags_.begin(), tags_.begin() + static_cast<std::ptrdiff_t>(first),
+                            [&](const Tag& front) { return front.key == tag.key; });
     tags_.push_back({tag.key, tag.value});
   }
   if (!distinct) Rename(first, of_kind);

@@ -68,10 +68,15 @@ enum class ProcessLabel { kNone, kSlot, kPid };
 std::string_view KeyOf(ProcessLabel label);
 std::string ValueOf(ProcessLabel label, const ClientId& client);
 
-// The tags that a record's points carry: `tenant`, then `slot` or `pid` by `label`, then its own,
-// in the order of their keys. An empty value is no tag. A tag whose key is taken, by one of those
-// two, by an earlier tag or by what its kind adds (`le` of histograms, `quantile` of timer rows),
-// has "exported_" put before its key; one whose key is taken even so is left out.
+// What the header of a packet says of whose it is beside the tenant; empty if it says nothing.
+inline constexpr std::string_view kHeaderKeys[] = {"account_id", "project_id"};
+std::string_view HeaderValue(const Packet& packet, std::string_view key);
+
+// The tags that a record's points carry: `tenant`, `account_id` and `project_id`, as two owners of
+// data can have one name, then `slot` or `pid` by `label`, then its own, in the order of their
+// keys. An empty value is no tag, but for the tenant. A tag whose key is taken, by one of those in
+// front of them, by an earlier tag or by what its kind adds (`le` of histograms, `quantile` of
+// timer rows), has "exported_" put before its key; one whose key is taken even so is left out.
 //
 // Not thread-safe. Points into the packet until the next Assign; reuse it, then it allocates
 // nothing for usual tags.

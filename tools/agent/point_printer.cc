@@ -40,8 +40,13 @@ void AppendWord(const std::string& text, std::string* out) {
 }
 
 template <typename Handle>
-void ForEachTag(const Series& record, const Tag* extra, const Handle& handle) {
+void ForEachTag(const Packet& packet, const Series& record, const Tag* extra,
+                const Handle& handle) {
   for (const Tag& tag : record.tags) handle(tag);
+  for (const std::string_view key : kHeaderKeys) {
+    const std::string_view value = HeaderValue(packet, key);
+    if (!value.empty()) handle(Tag{std::string(key), std::string(value)});
+  }
   if (extra != nullptr) handle(*extra);
 }
 
@@ -57,7 +62,7 @@ void AppendHead(const Packet& packet, int64_t timestamp, std::string_view type,
   AppendWord(name, out);
   *out += '{';
   const char* separator = "";
-  ForEachTag(record, extra, [&](const Tag& tag) {
+  ForEachTag(packet, record, extra, [&](const Tag& tag) {
     *out += std::exchange(separator, ",");
     AppendWord(tag.key, out);
     *out += '=';
@@ -156,7 +161,7 @@ void AppendJson(const Packet& packet, const Block& block, const Series& record, 
   AppendMember(",", "name", block.name, out);
   *out += ",\"tags\":{";
   const char* separator = "";
-  ForEachTag(record, extra, [&](const Tag& tag) {
+  ForEachTag(packet, record, extra, [&](const Tag& tag) {
     AppendMember(std::exchange(separator, ","), tag.key, tag.value, out);
   });
   *out += '}';

@@ -9,7 +9,8 @@
 // what the packet says and nothing else, so that equal packets give equal lines. Numbers read back
 // as the same double, and are written alike in every locale. Safe from any number of threads.
 //
-// Behind the tags of the packet stands `extra`, unless that is null.
+// After the tags of a record stand account and project of the packet's header, if they are not
+// empty, and then `extra`, unless that is null.
 
 namespace tidegate::agent {
 
