@@ -34,7 +34,7 @@ using agent::UniqueFd;
 using std::chrono::milliseconds;
 using testing::HasSubstr;
 
-constexpr int kRestarts = 10;
+constexpr size_t kRestarts = 10;
 constexpr int kServices = 6;
 constexpr char kNoDatabase[] = "http://127.0.0.1:1/write";
 
@@ -47,8 +47,9 @@ class Services {
       clients_.back()->Metric("m" + std::to_string(i));
     }
     workers_.Start(kServices, [this](int i) {
-      clients_[i]->Metric("m" + std::to_string(i))->WithTags({})->Emit({METRICS::Incr(1)});
-      clients_[i]->Flush(1700000000);
+      TestClient& client = *clients_[static_cast<size_t>(i)];
+      client.Metric("m" + std::to_string(i))->WithTags({})->Emit({METRICS::Incr(1)});
+      client.Flush(1700000000);
       std::this_thread::sleep_for(milliseconds(9));
     });
   }
@@ -158,9 +159,9 @@ class RestartTest : public testing::Test {
     return all;
   }
   static void Compare(uint64_t sent, uint64_t received) {
-    std::printf("%d restarts: %lu packets sent, %lu received\n", kRestarts, sent, received);
+    std::printf("%zu restarts: %lu packets sent, %lu received\n", kRestarts, sent, received);
     EXPECT_EQ(received, sent);
-    EXPECT_GT(sent, uint64_t{kRestarts * kServices});
+    EXPECT_GT(sent, kRestarts * kServices);
   }
 
   const TempDir dir_;
@@ -178,7 +179,7 @@ TEST_F(RestartTest, LosesNothingWhileTheServiceManagerKeepsTheSocket) {
       "LISTEN_PID=$$ LISTEN_FDS=1 WATCHDOG_USEC=9000000 NOTIFY_SOCKET=" + notified;
   std::string told;
   Services services(path_);
-  for (int i = 0; i <= kRestarts; ++i) {
+  for (size_t i = 0; i <= kRestarts; ++i) {
     told += Read(notifications);
     Start({"--forward", kNoDatabase, "--drain", i % 2 == 0 ? "1" : "0"}, environment, socket.get());
     std::this_thread::sleep_for(milliseconds(50));  // for some packets
@@ -204,13 +205,13 @@ TEST_F(RestartTest, LosesNothingWhileTheNextAgentTakesTheSocketOver) {
   Await(agents_.back(), "cannot serve HTTP on 192.0.2.1:1");
   agents_.pop_back();
   Services services(path_);
-  for (int i = 1; i <= kRestarts; ++i) {
+  for (size_t i = 1; i <= kRestarts; ++i) {
     std::this_thread::sleep_for(milliseconds(50));  // for some packets
     Start({"--take-over", "--http", http, "--forward", kNoDatabase, "--drain",
            i % 2 == 0 ? "2" : "0"});
     Await(agents_[i], ", taken over from process " + std::to_string(agents_[i - 1].pid));
   }
-  for (int i = 0; i < kRestarts; ++i) Finish(&agents_[i]);
+  for (size_t i = 0; i < kRestarts; ++i) Finish(&agents_[i]);
   const uint64_t sent = services.Stop();
   EXPECT_TRUE(std::filesystem::exists(path_));
   Terminate(&agents_.back());
@@ -253,7 +254,7 @@ TEST_F(RestartTest, ReadsSettingsAnewAndSurvivesBadOnes) {
   }
   EXPECT_EQ(authorization.get_future().get(), "Basic bWU6c2VjcmV0");
   EXPECT_THAT(LogOf(agents_[0]), testing::Not(HasSubstr("secret")));
-  Terminate(&agents_[0]);
+  Terminate(&agents_.front());
   database.stop();
   serving.join();
 }

@@ -176,6 +176,7 @@ void Agent::ChangeTo(const Options& next) {
   }
   drain_ = next.drain;
   table_.SetTimes(next.ttl, next.max_ahead);
+  if (merge_) merge_->SetTtl(next.ttl);
   if (changed.find("forward") != std::string::npos) {
     forwarder_->Redirect(next.forward->url, next.forward->timeout);
     log_.Report("forwarding to " + next.forward->url.shown, LogLevel::kInfo);

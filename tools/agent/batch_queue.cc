@@ -169,6 +169,11 @@ QueueSize BatchQueue::Size() const {
   return {size_.points + OpenPoints(), size_.bytes + open_bytes};
 }
 
+bool BatchQueue::IsIdle() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return size_.points + OpenPoints() == 0 && !packing_;
+}
+
 void BatchQueue::CloseOpen() {
   if (open_.empty()) return;
   Count(open_.front());

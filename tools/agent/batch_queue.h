@@ -103,6 +103,9 @@ class BatchQueue {
 
   QueueSize Size() const;
 
+  // Whether no points wait, those of a batch included that is just being packed.
+  bool IsIdle() const;
+
  private:
   // Where the oldest batch is that can be sent.
   enum class Next { kNothing, kPacked, kSpooled, kBeingSpooled };

@@ -71,7 +71,7 @@ class Forwarder : public PacketSink {
   void Flush() { queue_.Flush(); }
 
   // Whether no point waits, nor is under way.
-  bool IsIdle() const { return sending_ == 0 && queue_.Size().points == 0; }
+  bool IsIdle() const { return sending_ == 0 && queue_.IsIdle(); }
 
   void Handle(const Packet& packet, const ClientId& client) override;
 

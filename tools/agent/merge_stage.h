@@ -57,6 +57,9 @@ class MergeStage : public PacketSink {
   // To be called once a second: hands on what is due.
   void Tick();
 
+  // Changes this one of the options. On the decoder's thread.
+  void SetTtl(std::chrono::seconds ttl) { options_.ttl = ttl; }
+
   // Hands on all that is held. REQUIRES: no Handle from now on.
   void Flush();
 
@@ -90,7 +93,7 @@ class MergeStage : public PacketSink {
   void UpdateHealth();
   void ReportOnce(bool* reported, const std::string& text, const std::string& name);
 
-  const Options options_;
+  Options options_;
   const size_t max_bytes_;
   Health* const health_;
   const Report report_;
