@@ -92,12 +92,12 @@ struct Health {
   Number forward_queue_points{0};
   Number forward_queue_bytes{0};
   Number forwarded_points{0};
-  Number forward_dropped_full{0};      // points
-  Number forward_dropped_rejected{0};  // points that the server did not want
-  Number forward_dropped_empty{0};     // points that make no line: no number in it, or too long
-  Number forward_dropped_shutdown{0};  // points that were left when the agent ended
-  Number forward_dropped_memory{0};    // points for which there was no memory
-  Number forward_dropped_spool_full{0};     // points that made room in the spool
+  Number forward_dropped_full{0};        // points
+  Number forward_dropped_rejected{0};    // points that the server did not want
+  Number forward_dropped_empty{0};       // points that make no line: no number in it, or too long
+  Number forward_dropped_shutdown{0};    // points that were left when the agent ended
+  Number forward_dropped_memory{0};      // points for which there was no memory
+  Number forward_dropped_spool_full{0};  // points that made room in the spool
   Number forward_dropped_spool_damaged{0};  // points that could not be read from it
   Number forward_retried_points{0};
   Number forward_batches{0};
@@ -112,7 +112,9 @@ struct Health {
   uint64_t DroppedPackets() const;
   uint64_t ForwardDropped() const;
   // What is in the table and in the queues.
-  uint64_t BytesInUse() const { return queued_bytes + series_bytes + forward_queue_bytes; }
+  uint64_t BytesInUse() const {
+    return queued_bytes + series_bytes + merge_bytes + forward_queue_bytes;
+  }
 
   // Hands out every number as a sample; those of one name follow each other.
   void ForEach(const std::function<void(const Sample&)>& handle) const;
