@@ -213,7 +213,8 @@ TEST_F(AgentTest, ServesTheNewestValuesOverHttp) {
       std::this_thread::sleep_for(milliseconds(10));
     }
     EXPECT_THAT(page,
-                HasSubstr("# HELP svc_lat gauge svc.lat\n# TYPE svc_lat gauge\n"
+                HasSubstr("# HELP svc_lat gauge svc.lat: last value, in the unit of what is "
+                          "stored\n# TYPE svc_lat gauge\n"
                           "svc_lat{tenant=\"t1\",account_id=\"acc\",project_id=\"proj\",pid=\"" +
                           std::to_string(getpid()) + "\",dc=\"b\",host=\"a\"} 1.5\n"));
     EXPECT_THAT(page, HasSubstr("_errors_total{reason=\"malformed\"} 1\n"));
@@ -403,7 +404,7 @@ TEST_F(AgentTest, GivesMemoryBackWhenSeriesAreGone) {
 }
 
 TEST_F(AgentTest, RefusesBadSettingsInOneLine) {
-  std::ofstream(folder_ / "config") << "tll = 60\n";
+  std::ofstream(folder_ / "config") << "# not far off\nsocket-mod = 0600\n";
   const std::pair<std::vector<std::string>, const char*> kCases[] = {
       {{"--nope"}, "--nope"},
       {{"--ttl", "0"}, "--ttl"},
@@ -416,7 +417,8 @@ TEST_F(AgentTest, RefusesBadSettingsInOneLine) {
       {{"--merge", "--label-pid"}, "--merge: makes one series of all processes"},
       {{"--print", "xml"}, "xml not in {text,json}"},
       {{"--config", folder_ / "none"}, "none"},
-      {{"--config", folder_ / "config"}, "tll"},
+      {{"--config", folder_ / "config"},
+       "config:2: there is no setting \"socket-mod\", the nearest is \"socket-mode\""},
   };
   for (const auto& [flags, text] : kCases) {
     Spawn(flags);
@@ -430,6 +432,22 @@ TEST_F(AgentTest, RefusesBadSettingsInOneLine) {
   Spawn();
   EXPECT_EQ(Wait(), 2);
   EXPECT_THAT(Content("err"), HasSubstr("is no path for a socket, give one of 1 to 107 bytes"));
+}
+
+TEST_F(AgentTest, ServesOnAllAddressesAndDoubtsWhereItForwardsTo) {
+  for (const auto& [path, doubt] : {std::pair("/api/v1/write", true),
+                                    {"/v1/metrics/?a=b", true},
+                                    {"/api/v2/write?bucket=b", false}}) {
+    Start({"--http", ":0", "--drain", "0", "--forward", std::string("http://127.0.0.1:1") + path});
+    const std::string port = Url().substr(Url().rfind(':'));
+    for (const char* host : {"http://127.0.0.1", "http://127.0.0.2"}) {
+      const httplib::Result result = httplib::Client(host + port).Get("/metrics");
+      EXPECT_TRUE(result && result->status == 200) << host;
+    }
+    EXPECT_EQ(Content("err").find("is not known to take InfluxDB lines") != std::string::npos,
+              doubt);
+    Terminate();
+  }
 }
 
 TEST_F(AgentTest, PrintsHostileStringsOnOneLineAndTheProcessAfterTheTags) {

@@ -179,7 +179,7 @@ void Agent::ChangeTo(const Options& next) {
   if (merge_) merge_->SetTtl(next.ttl);
   if (changed.find("forward") != std::string::npos) {
     forwarder_->Redirect(next.forward->url, next.forward->timeout);
-    log_.Report("forwarding to " + next.forward->url.shown, LogLevel::kInfo);
+    ReportTarget(next.forward->url);
   }
   texts_.swap(texts);
   log_.Report("reloaded, changed:" + (changed.empty() ? " nothing" : changed), LogLevel::kInfo);
@@ -204,7 +204,7 @@ bool Agent::Start() {
   if (slots_) slots_->Restore(ReadSlots(SlotPath(options_)));
   if (forwarder_) {
     forwarder_->Start();
-    log_.Report("forwarding to " + options_.forward->url.shown, LogLevel::kInfo);
+    ReportTarget(options_.forward->url);
   }
   if (!listener_.Confirm(&error)) {
     log_.Report(error, LogLevel::kError);
@@ -237,6 +237,14 @@ bool Agent::StartHttp(std::string* error) {
   if (!http_->Start(options_.http, error, std::move(taker_.http()))) return false;
   log_.Report("serving " + http_->url() + "/metrics", LogLevel::kInfo);
   return true;
+}
+
+void Agent::ReportTarget(const ForwardUrl& url) noexcept {
+  log_.ReportJoined(LogLevel::kInfo, {"forwarding to ", url.shown});
+  if (!IsForeignTarget(url.target)) return;
+  log_.ReportJoined(
+      LogLevel::kWarning,
+      {url.shown, " is not known to take InfluxDB lines, as /write or /api/v2/write"});
 }
 
 void Agent::PrintingChanged(int error) noexcept {

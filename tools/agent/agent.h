@@ -77,6 +77,7 @@ class Agent {
   // Once a second, on the decoder's thread.
   void LookAfterThings();
   void LookAfterSlots();
+  void ReportTarget(const ForwardUrl& url) noexcept;
   // On the writer's thread.
   void PrintingChanged(int error) noexcept;
   void HttpEnded() noexcept;

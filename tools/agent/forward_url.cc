@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 #include <string_view>
 
 namespace tidegate::agent {
@@ -147,6 +148,19 @@ std::string ForwardUrl::Request() const {
   const bool address = host.find(':') != std::string::npos;
   return (tls ? "https://" : "http://") + (address ? '[' + host + ']' : host) + ':' +
          std::to_string(port) + target;
+}
+
+bool IsForeignTarget(std::string_view target) {
+  // Of OpenTelemetry, of Prometheus' remote write, pushes and imports, and of OpenTSDB.
+  constexpr std::string_view kEnds[] = {
+      "/v1/metrics",     "/v1/traces",     "/v1/logs",      "/api/v1/write", "/api/v1/push",
+      "/api/v1/receive", "/api/v1/import", "/api/v1/query", "/api/put",      "/metrics",
+  };
+  std::string_view path = target.substr(0, target.find('?'));
+  while (!path.empty() && path.back() == '/') path.remove_suffix(1);
+  return std::any_of(std::begin(kEnds), std::end(kEnds), [path](std::string_view end) {
+    return path.size() >= end.size() && path.substr(path.size() - end.size()) == end;
+  });
 }
 
 std::string WithoutSecrets(const std::string& text) {

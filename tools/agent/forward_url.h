@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace tidegate::agent {
 
@@ -21,6 +22,9 @@ struct ForwardUrl {
 // Takes `text` apart. The path is /write if there is none, the port that of the scheme. Returns
 // false, with one line in `error` that quotes the offending part, for what cannot be forwarded to.
 bool ParseForwardUrl(const std::string& text, ForwardUrl* url, std::string* error);
+
+// Whether the path of a target is known as one that takes other things than InfluxDB lines.
+bool IsForeignTarget(std::string_view target);
 
 // `text` for a line that says why it is refused: without what can be a user, a password, written
 // right or wrong, or a query.

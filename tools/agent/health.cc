@@ -44,7 +44,7 @@ uint64_t Health::ForwardDropped() const {
 void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
   const auto uptime =
       std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start);
-  handle({"tidegate_agent_info", "The agent runs.", false, "version", TIDEGATE_VERSION, 1});
+  handle({"tidegate_agent_info", "Always 1; the label is the version of the agent.", false, "version", TIDEGATE_VERSION, 1});
   handle({"tidegate_agent_uptime_seconds",
           "Whole seconds since the start.",
           false,

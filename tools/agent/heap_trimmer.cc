@@ -32,24 +32,26 @@ HeapTrimmer::HeapTrimmer() : least_(BytesBeside(0)) {}
 void HeapTrimmer::Look(size_t used) {
   if (busy_) return;
   const size_t unused = BytesBeside(used);
-  least_ = std::min<size_t>(least_, unused);
+  least_ = std::min(least_, unused);
+  const bool little = unused < least_ + kLeastBytes;
+  if (little || unused >= at_trim_ + kLeastBytes) pause_ = kPause;
   const Clock::time_point now = Clock::now();
-  if (now < next_ || unused < least_ + kLeastBytes) return;
+  if (little || now - last_ < pause_) return;
   Join();
   busy_ = true;
   try {
-    thread_ = std::thread([this, used] {
+    thread_ = std::thread([this] {
       pthread_setname_np(pthread_self(), "trimmer");
       malloc_trim(0);
-      // What the heap cannot give is in use in its way.
-      least_ = BytesBeside(used);
       busy_ = false;
     });
   } catch (...) {
     busy_ = false;
     throw;
   }
-  next_ = now + kPause;
+  at_trim_ = unused;
+  last_ = now;
+  pause_ = std::min(2 * pause_, kLongestPause);
 }
 
 }  // namespace tidegate::agent

@@ -21,8 +21,9 @@ class HeapTrimmer {
 
   // Less is not worth the work.
   static constexpr size_t kLeastBytes = size_t{16} << 20;
-  // Between two trims: the heap may have nothing to give.
+  // Between two trims, and twice as long after each that gave little, as the heap may have no more.
   static constexpr std::chrono::seconds kPause{10};
+  static constexpr std::chrono::seconds kLongestPause{600};
 
   // To be made before much is in use.
   HeapTrimmer();
@@ -39,8 +40,10 @@ class HeapTrimmer {
     if (thread_.joinable()) thread_.join();
   }
 
-  std::atomic<size_t> least_;  // bytes beside those in use; of the thread while that is busy
-  Clock::time_point next_;
+  size_t least_;        // bytes beside those in use
+  size_t at_trim_ = 0;  // the same, before the last trim
+  std::chrono::seconds pause_ = kPause;
+  Clock::time_point last_;
   std::atomic<bool> busy_{false};
   std::thread thread_;
 };

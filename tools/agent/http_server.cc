@@ -52,7 +52,7 @@ HttpServer::~HttpServer() {
 
 bool HttpServer::SplitAddress(const std::string& address, std::string* host, int* port) {
   const size_t colon = address.rfind(':');
-  if (colon == std::string::npos || colon == 0) return false;
+  if (colon == std::string::npos) return false;
   *host = address.substr(0, colon);
   if (host->size() > 2 && host->front() == '[' && host->back() == ']') {
     *host = host->substr(1, host->size() - 2);
@@ -72,7 +72,13 @@ bool HttpServer::Start(const std::string& address, std::string* error, UniqueFd 
     return false;
   }
   std::string reason;
-  listener_ = ListenOn(host, &present, &port, &reason);
+  std::string shown = address.substr(0, address.rfind(':'));
+  if (host.empty()) shown = "[::]";
+  listener_ = ListenOn(host.empty() ? "::" : host, &present, &port, &reason);
+  if (!listener_.valid() && host.empty()) {  // there may be no IPv6
+    shown = "0.0.0.0";
+    listener_ = ListenOn(shown, &present, &port, &reason);
+  }
   if (!listener_.valid()) {
     *error = "cannot serve HTTP on " + address + ": " + reason;
     return false;
@@ -82,7 +88,7 @@ bool HttpServer::Start(const std::string& address, std::string* error, UniqueFd 
     *error = "cannot serve HTTP on " + address + ": no memory or no descriptors";
     return false;
   }
-  url_ = "http://" + address.substr(0, address.rfind(':') + 1) + std::to_string(port);
+  url_ = "http://" + shown + ':' + std::to_string(port);
   try {
     maker_.Start();
     thread_ = std::thread([this] {

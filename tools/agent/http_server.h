@@ -23,8 +23,8 @@ class HttpServer {
   // Appends the content of /metrics. If it throws, clients get status 503.
   using PageWriter = std::function<void(std::string*)>;
 
-  // Takes "host:port" apart, with brackets around a host that has colons itself. False if it is
-  // something else.
+  // Takes "host:port" apart, with brackets around a host that has colons itself; without a host it
+  // means all addresses. False if it is something else.
   static bool SplitAddress(const std::string& address, std::string* host, int* port);
 
   // `report` gets lines for the log, some ten in a second at most; `on_failure` is called on

@@ -3,7 +3,14 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
+#include <memory>
+#include <numeric>
+#include <sstream>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "agent/forward_flags.h"
 #include "agent/http_server.h"
@@ -40,8 +47,73 @@ std::string CheckAddress(const std::string& text) {
   std::string host;
   int port = 0;
   if (HttpServer::SplitAddress(text, &host, &port)) return {};
-  return "\"" + text + "\" is no address, give HOST:PORT as 127.0.0.1:9464";
+  return "\"" + text +
+         "\" is no address, give HOST:PORT as 127.0.0.1:9464, or :9464 for all addresses";
 }
+
+// How many letters have to be put in, taken out or exchanged.
+size_t Distance(std::string_view one, std::string_view other) {
+  std::vector<size_t> row(other.size() + 1);
+  std::iota(row.begin(), row.end(), size_t{0});
+  for (size_t i = 0; i < one.size(); ++i) {
+    size_t diagonal = std::exchange(row[0], i + 1);
+    for (size_t j = 0; j < other.size(); ++j) {
+      const size_t exchanged = diagonal + (one[i] == other[j] ? 0 : 1);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({exchanged, row[j] + 1, diagonal + 1});
+    }
+  }
+  return row.back();
+}
+
+std::string NearestName(const CLI::App& app, const std::string& key) {
+  std::string nearest;
+  size_t least = SIZE_MAX;
+  for (const CLI::Option* option : app.get_options()) {
+    for (const std::string& name : option->get_lnames()) {
+      const size_t distance = Distance(key, name);
+      if (distance >= least) continue;
+      least = distance;
+      nearest = name;
+    }
+  }
+  return nearest;
+}
+
+// The number of the line that sets `key`; 0 if there is none.
+size_t LineOf(const std::string& text, const std::string& key) {
+  std::istringstream lines(text);
+  size_t number = 1;
+  for (std::string line; std::getline(lines, line); ++number) {
+    if (CLI::detail::trim_copy(line.substr(0, line.find('='))) == key) return number;
+  }
+  return 0;
+}
+
+// As the parser's own, but says where an unknown setting stands.
+class SettingsFile : public CLI::ConfigTOML {
+ public:
+  explicit SettingsFile(const CLI::App* app) : app_(app) {}
+
+  std::vector<CLI::ConfigItem> from_config(std::istream& input) const override {
+    const std::string text(std::istreambuf_iterator<char>(input), {});
+    std::istringstream again(text);
+    std::vector<CLI::ConfigItem> settings = CLI::ConfigTOML::from_config(again);
+    for (const CLI::ConfigItem& item : settings) {
+      const std::string& key = item.name;
+      if (!item.parents.empty() || app_->get_option_no_throw("--" + key) != nullptr) continue;
+      const size_t line = LineOf(text, key);
+      throw CLI::ConfigError(app_->get_config_ptr()->as<std::string>() +
+                             (line > 0 ? ':' + std::to_string(line) : "") +
+                             ": there is no setting \"" + key + "\", the nearest is \"" +
+                             NearestName(*app_, key) + '"');
+    }
+    return settings;
+  }
+
+ private:
+  const CLI::App* const app_;
+};
 
 // Memory sizes: plain bytes, or with a unit as 64MiB.
 void AddBytes(CLI::App* app, const char* name, size_t* bytes, const char* help) {
@@ -63,6 +135,7 @@ void Declare(CLI::App* app, Raw* raw) {
   app->set_config("--config", "", "File with settings, by the same names: ttl = 60")
       ->type_name("FILE");
   app->allow_config_extras(CLI::config_extras_mode::error);
+  app->config_formatter(std::make_shared<SettingsFile>(app));
   app->add_option("--socket", options.socket, "Path of the socket to listen on")
       ->check(PacketListener::CheckPath)
       ->type_name("PATH")
@@ -81,7 +154,8 @@ void Declare(CLI::App* app, Raw* raw) {
           ->check(CLI::IsMember({"slot", "pid", "none"}))
           ->capture_default_str();
   app->add_flag("--label-pid", raw->label_pid, "The same as --process-label pid")->excludes(label);
-  app->add_option("--http", options.http, "Serve /metrics on HOST:PORT, as 127.0.0.1:9464")
+  app->add_option("--http", options.http,
+                  "Serve /metrics on HOST:PORT, as 127.0.0.1:9464, or on all addresses, as :9464")
       ->check(CheckAddress);
   app->add_flag("--timestamps", options.timestamps, "Write timestamps on /metrics");
   AddSeconds(app, "--ttl", 1, &raw->ttl, "Seconds after which a series without news is gone");

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "agent/help_text.h"
+
 namespace tidegate::agent {
 namespace {
 
@@ -103,7 +105,7 @@ void SeriesLayout::Measure(Kind kind, const std::string& name) {
     // The name stands in the table of families as well; claims count themselves.
     bytes += 2 * HeapBytes(part.name) + sizeof(uint32_t) + sizeof(Families::value_type) +
              2 * sizeof(FamilySource) + 4 * kHeapOverhead;
-    head_bytes += HeadSize(part, SourceOf(kind, name, ColumnOf(part)));
+    head_bytes += HeadSize(part, HelpOf(kind, name, ColumnOf(part)));
     const LinesSize size = SeriesSize(part, bounds);
     series_size.lines += size.lines;
     series_size.bytes += size.bytes;

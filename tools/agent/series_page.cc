@@ -4,6 +4,7 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/help_text.h"
 #include "agent/series_key.h"
 
 namespace tidegate::agent {
@@ -55,7 +56,7 @@ void SeriesPage::AppendSeries(const FamilySource& source, const SeriesNode& node
   if (IsSilent(entry, cell, now)) return;
   if (!head_) {
     const SeriesMetric& metric = *layout.metric;
-    AppendFamilyHead(part, SourceOf(metric.kind, metric.name, layout.ColumnOf(part)), page_);
+    AppendFamilyHead(part, HelpOf(metric.kind, metric.name, layout.ColumnOf(part)), page_);
   }
   head_ = true;
   writer_.BeginLabels();

@@ -327,10 +327,11 @@ size_t SeriesTable::ProductOf(const Target& target) {
     const LinesSize& size = target.layout->series_size;
     return target.layout->head_bytes + size.bytes + size.lines * label_bytes_;
   }
-  // Families have two lines before their samples, with both names three times.
-  constexpr size_t kRestOfLines = 200;
+  // Families have two lines before their samples, with both names three times, and a timer's once
+  // more.
+  constexpr size_t kRestOfLines = 400;
   const size_t lines = std::max<size_t>(block.fields.size(), 2);
-  const size_t name = 3 * block.name.size() + EscapedSize(block.name, false);
+  const size_t name = 3 * block.name.size() + 2 * EscapedSize(block.name, false);
   size_t columns = 0;
   for (const Field& field : block.fields) {
     columns += 3 * field.name.size() + EscapedSize(field.name, false);
