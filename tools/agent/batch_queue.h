@@ -41,7 +41,8 @@ struct QueueSize {
 // Gathers lines into batches and keeps them, oldest first, until a thread takes them. Above a limit
 // of the queue the oldest batch goes, and its points are counted. A spool, if there is one, takes
 // the oldest batches of a queue that is more than half full. Those are older than what is left
-// here, and are sent first, but for a batch that was tried before any was spooled.
+// here, and are sent first. Only one that was being sent, in vain, while the first was spooled is
+// older still, and stays here.
 //
 // Threads: one sends, with Take, ReturnPacked and ReturnUnsent; one spools, with TakeToSpool and
 // ReturnFromSpool; any the others. None but the two Take functions wait; the lock is held for

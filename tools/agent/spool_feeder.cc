@@ -28,8 +28,9 @@ void SpoolFeeder::Run() {
     const auto now = BatchQueue::Clock::now();
     if (!open) next_try = now + spool_->options().retry;
     Batches batch = queue_->TakeToSpool(next_try, open ? now + kNothingToTry : next_try);
-    if (!batch.empty() && !Keep(&batch))
+    if (!batch.empty() && !Keep(&batch)) {
       next_try = BatchQueue::Clock::now() + spool_->options().retry;
+    }
   }
 }
 
@@ -58,6 +59,7 @@ void SpoolFeeder::Stop() {
 
 void SpoolFeeder::Finish() {
   Stop();
+  Survives(health_, [this] { spool_->Open(); });  // if there was no time for it
   Batches batch = queue_->TakeRest();
   while (!batch.empty() && Keep(&batch)) batch = queue_->TakeRest();
   Survives(health_, [this] { spool_->Close(); });
