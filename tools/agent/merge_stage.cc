@@ -65,7 +65,6 @@ MergeStage::MergeStage(const Options& options, std::vector<PacketSink*> sinks, H
       is_live_(std::move(is_live)),
       clock_(std::move(clock)),
       packets_(std::move(sinks), health),
-      ttl_(options.ttl),
       now_(clock_()),
       start_(now_.seconds),
       swept_(now_.steady) {}
@@ -247,7 +246,7 @@ void MergeStage::SweepIfDue() {
   if (now_.steady - swept_ < kSweepPause) return;
   swept_ = now_.steady;
   const bool full = bytes_ > max_bytes_ / 4 * 3 || series_ > options_.max_series / 4 * 3;
-  const SteadyTime oldest = now_.steady - (full ? ttl_ : std::chrono::seconds(kForgetSeries));
+  const SteadyTime oldest = now_.steady - (full ? options_.ttl : std::chrono::seconds(kForgetSeries));
   for (auto next = identities_.begin(); next != identities_.end();) {
     MergeIdentity* const identity = next->second.get();
     identity->Sweep(now_.steady, oldest, is_live_, &bytes_, &series_);

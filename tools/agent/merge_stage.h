@@ -54,8 +54,6 @@ class MergeStage : public PacketSink {
 
   void Handle(const Packet& packet, const ClientId& client) override;
 
-  void SetTtl(std::chrono::seconds ttl) { ttl_ = ttl; }
-
   // To be called once a second: hands on what is due.
   void Tick();
 
@@ -107,7 +105,6 @@ class MergeStage : public PacketSink {
   size_t bytes_ = 0;
   size_t series_ = 0;
   size_t held_ = 0;  // points
-  std::chrono::seconds ttl_;
   bool due_ = false;
   SeriesTable::Time now_;
   // Points of times up to here may have gone to an agent before this one, which has handed on its
