@@ -246,7 +246,8 @@ void MergeStage::SweepIfDue() {
   if (now_.steady - swept_ < kSweepPause) return;
   swept_ = now_.steady;
   const bool full = bytes_ > max_bytes_ / 4 * 3 || series_ > options_.max_series / 4 * 3;
-  const SteadyTime oldest = now_.steady - (full ? options_.ttl : std::chrono::seconds(kForgetSeries));
+  const SteadyTime oldest =
+      now_.steady - (full ? options_.ttl : std::chrono::seconds(kForgetSeries));
   for (auto next = identities_.begin(); next != identities_.end();) {
     MergeIdentity* const identity = next->second.get();
     identity->Sweep(now_.steady, oldest, is_live_, &bytes_, &series_);
