@@ -44,7 +44,8 @@ uint64_t Health::ForwardDropped() const {
 void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
   const auto uptime =
       std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start);
-  handle({"tidegate_agent_info", "Always 1; the label is the version of the agent.", false, "version", TIDEGATE_VERSION, 1});
+  handle({"tidegate_agent_info", "Always 1; the label is the version of the agent.", false,
+          "version", TIDEGATE_VERSION, 1});
   handle({"tidegate_agent_uptime_seconds",
           "Whole seconds since the start.",
           false,
@@ -126,8 +127,8 @@ void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
   handle({kDropped, kDroppedHelp, true, "reason", "empty", ValueOf(forward_dropped_empty)});
   handle({kDropped, kDroppedHelp, true, "reason", "shutdown", ValueOf(forward_dropped_shutdown)});
   handle({kDropped, kDroppedHelp, true, "reason", "memory", ValueOf(forward_dropped_memory)});
-  handle({kDropped, kDroppedHelp, true, "reason", "spool_full",
-          ValueOf(forward_dropped_spool_full)});
+  handle(
+      {kDropped, kDroppedHelp, true, "reason", "spool_full", ValueOf(forward_dropped_spool_full)});
   handle({kDropped, kDroppedHelp, true, "reason", "spool_damaged",
           ValueOf(forward_dropped_spool_damaged)});
   counter("tidegate_agent_forward_retried_points_total",
