@@ -228,7 +228,7 @@ TEST_F(AgentTest, TellsProcessesThatShareTheirTagsApart) {
   constexpr size_t kWorkers = 4;
   const std::string point =
       "1700000000 t1 gauge svc.lat{dc=b,host=a,account_id=acc,project_id=proj";
-  const std::string gauge = ReadGolden("gauge.hex");
+  std::string gauge = ReadGolden("gauge.hex");
   Start({"--http", "127.0.0.1:0", "--print", "text"});
   // A child that sends a point over a connection of its own for each byte of the pipe.
   std::vector<Pipe> orders(kWorkers);
@@ -279,6 +279,7 @@ TEST_F(AgentTest, TellsProcessesThatShareTheirTagsApart) {
 
   Start({"--process-label", "none", "--quiet"});
   orders[0] = Pipe();
+  gauge = GaugeNamed("h\xff");
   const pid_t other = work(0);
   for (int i = 0; i < 8; ++i) {
     ASSERT_EQ(write(orders[0].write_end.get(), "", 1), 1);
@@ -286,7 +287,7 @@ TEST_F(AgentTest, TellsProcessesThatShareTheirTagsApart) {
     std::this_thread::sleep_for(milliseconds(20));  // about so that they take turns
   }
   Await("err",
-        "\"svc.lat{tenant=t1,account_id=acc,project_id=proj,dc=b,host=a}\" comes from process ");
+        "\"h\\xff{tenant=t1,account_id=acc,project_id=proj,dc=b,host=a}\" comes from process ");
   EXPECT_THAT(Content("err"), HasSubstr("process " + std::to_string(other)));
   EXPECT_THAT(Content("err"), HasSubstr("process " + std::to_string(getpid())));
   orders[0] = Pipe();
@@ -405,6 +406,7 @@ TEST_F(AgentTest, GivesMemoryBackWhenSeriesAreGone) {
 
 TEST_F(AgentTest, RefusesBadSettingsInOneLine) {
   std::ofstream(folder_ / "config") << "# not far off\nsocket-mod = 0600\n";
+  std::ofstream(folder_ / "sections") << "[agent]\nttl = 5\n";
   const std::pair<std::vector<std::string>, const char*> kCases[] = {
       {{"--nope"}, "--nope"},
       {{"--ttl", "0"}, "--ttl"},
@@ -419,6 +421,7 @@ TEST_F(AgentTest, RefusesBadSettingsInOneLine) {
       {{"--config", folder_ / "none"}, "none"},
       {{"--config", folder_ / "config"},
        "config:2: there is no setting \"socket-mod\", the nearest is \"socket-mode\""},
+      {{"--config", folder_ / "sections"}, "sections:1: there is no setting \"[agent]\""},
   };
   for (const auto& [flags, text] : kCases) {
     Spawn(flags);

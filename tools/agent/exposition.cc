@@ -7,9 +7,8 @@
 #include <set>
 #include <type_traits>
 
-#include "agent/utf8.h"
-
 #include "agent/numbers.h"
+#include "agent/utf8.h"
 
 namespace tidegate::agent {
 namespace {

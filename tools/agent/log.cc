@@ -14,7 +14,7 @@
 #include <new>
 #include <utility>
 
-#include "agent/exposition.h"
+#include "agent/utf8.h"
 
 namespace tidegate::agent {
 namespace {
@@ -34,6 +34,21 @@ bool GoesToJournal(int fd) {
   char own[48];  // two numbers of 64 bits
   std::snprintf(own, sizeof(own), "%ju:%ju", uintmax_t{info.st_dev}, uintmax_t{info.st_ino});
   return std::string_view(own) == stream;
+}
+
+// Journals hide a line that is not UTF-8. A backslash stays, as names can be quoted in it already.
+std::string WithoutBadUtf8(std::string_view line) {
+  std::string shown;
+  while (!line.empty()) {
+    const size_t size = CharacterSize(line);
+    if (size == 0) {
+      AppendHexByte(line.front(), &shown);
+    } else {
+      shown += line.substr(0, size);
+    }
+    line.remove_prefix(std::max<size_t>(size, 1));
+  }
+  return shown;
 }
 
 std::string PrefixOf(LogLevel level) { return '<' + std::to_string(static_cast<int>(level)) + '>'; }
@@ -64,8 +79,7 @@ void Log::ReportJoined(LogLevel level, std::initializer_list<std::string_view> t
     // Names of clients can be in it.
     std::replace_if(
         line.begin(), line.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; }, '?');
-    std::string shown;  // journals hide a line that is not UTF-8
-    AppendText(line, &shown);
+    std::string shown = WithoutBadUtf8(line);
     shown += '\n';
     writer_.Write({std::move(shown), {1}});
   } catch (const std::bad_alloc&) {

@@ -100,8 +100,11 @@ class SettingsFile : public CLI::ConfigTOML {
     std::istringstream again(text);
     std::vector<CLI::ConfigItem> settings = CLI::ConfigTOML::from_config(again);
     for (const CLI::ConfigItem& item : settings) {
-      const std::string& key = item.name;
-      if (!item.parents.empty() || app_->get_option_no_throw("--" + key) != nullptr) continue;
+      // The parser has an item of its own for the line of a section.
+      const bool section = item.name == "++" && !item.parents.empty();
+      const std::string key =
+          section ? '[' + CLI::detail::join(item.parents, ".") + ']' : item.fullname();
+      if (app_->get_option_no_throw("--" + key) != nullptr) continue;
       const size_t line = LineOf(text, key);
       throw CLI::ConfigError(app_->get_config_ptr()->as<std::string>() +
                              (line > 0 ? ':' + std::to_string(line) : "") +
