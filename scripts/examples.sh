@@ -7,7 +7,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 PRESET=${PRESET:-release}
 NAMES=(compatible custom_environment demo_service histogram multi_field prefork quick_start worker_pool)
 
-# What the agent has to print, as extended patterns behind the time, the tenant and a blank.
+# What the agent has to print, as extended patterns after the time, the tenant and a blank.
 expected() {
   local n
   case $1 in
@@ -54,14 +54,15 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# run_example <name>: with an agent of its own.
+# run_example <name>: with an agent of its own, which finds no slots of an earlier one.
 run_example() {
-  local name=$1 arguments=("$tmp/s") pattern try status=0
+  local name=$1 socket=$tmp/$1 pattern try status=0
+  local arguments=("$socket")
   [[ $name != demo_service ]] || arguments+=(--seconds 2)
-  "$AGENT" --socket "$tmp/s" >"$tmp/points" 2>"$tmp/agent.err" </dev/null &
+  "$AGENT" --socket "$socket" >"$tmp/points" 2>"$tmp/agent.err" </dev/null &
   agent_pid=$!
   for ((try = 0; try < 100; ++try)); do
-    [[ ! -S $tmp/s ]] || break
+    [[ ! -S $socket ]] || break
     sleep 0.1 # there is nothing to wait on
   done
   timeout 60 "$EXAMPLES/$name" "${arguments[@]}" >"$tmp/out" </dev/null || status=$?
