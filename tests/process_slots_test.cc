@@ -34,6 +34,7 @@ class ProcessSlotsTest : public testing::Test {
     packet.tenant = "t1";
     packet.tenant_tags = {{"account_id", "a"}, {"project_id", project}};
     packet.blocks.emplace_back().timestamp = time_ - before;
+    packet.send_time_ms = time_ * 1000;
     return slots_->SlotOf(packet, client);
   }
   void End(const ClientId& client) { live_.erase(client.process()); }
@@ -92,10 +93,13 @@ TEST_F(ProcessSlotsTest, StaySmallOverAThousandRestartsOfEightWorkers) {
 TEST_F(ProcessSlotsTest, HoldsANumberForTwoIntervalsThatItSaw) {
   const struct {
     std::vector<int64_t> steps;  // seconds between packets; negative: points of so much before
+    int64_t ahead;               // of the clock, the last packet
     int64_t hold;
-  } kCases[] = {{{}, 125}, {{1}, 7}, {{10, 10}, 25}, {{10, -60, 60}, 125}, {{3600}, 125}};
+  } kCases[] = {
+      {{}, 0, 125},    {{1}, 0, 7}, {{10, 10}, 0, 25}, {{10, 10}, 50, 105}, {{10, -60, 60}, 0, 125},
+      {{3600}, 0, 125}};
   pid_t pid = 100;
-  for (const auto& [steps, hold] : kCases) {
+  for (const auto& [steps, ahead, hold] : kCases) {
     const ClientId worker = {pid++, 1, 1};
     EXPECT_EQ(Send(worker), 0U);
     for (const int64_t step : steps) {
@@ -106,6 +110,7 @@ TEST_F(ProcessSlotsTest, HoldsANumberForTwoIntervalsThatItSaw) {
         Send(worker);
       }
     }
+    Send(worker, -ahead);
     End(worker);
     Pass(hold);
     EXPECT_EQ(Send(worker), 0U);  // it has come again in time

@@ -31,8 +31,11 @@ ProcessSlots::ProcessSlots(IsLive is_live, Health* health)
     : is_live_(std::move(is_live)), health_(health) {}
 
 // All blocks of a packet belong to one flush, or all to the interval before it.
-void ProcessSlots::Slot::See(int64_t timestamp) {
+void ProcessSlots::Slot::See(int64_t timestamp, int64_t sent) {
   if (timestamp < 0 || timestamp > kLastTime) return;
+  if (sent > 0 && timestamp > sent) {
+    ahead = std::max(ahead, std::min(timestamp - sent, kMaxInterval));
+  }
   if (newest >= 0 && timestamp > newest) step = std::min(step, timestamp - newest);
   if (newest >= 0 && timestamp < newest) {
     back = std::max(back, std::min(newest - timestamp, kMaxInterval));
@@ -43,7 +46,7 @@ void ProcessSlots::Slot::See(int64_t timestamp) {
 bool ProcessSlots::Process::IsHeld(TimePoint now) const {
   int64_t interval = 1;
   for (const auto& [identity, slot] : slots) {
-    interval = std::max({interval, slot.step, slot.back});
+    interval = std::max({interval, slot.step, slot.back, slot.ahead});
   }
   return now - *gone < seconds(2 * interval) + kHoldSlack;
 }
@@ -86,7 +89,9 @@ uint32_t ProcessSlots::SlotOf(const Packet& packet, const ClientId& client) {
     ++health_->slotless_packets;
     return kNoSlot;
   }
-  if (!packet.blocks.empty()) slot->See(packet.blocks.front().timestamp);
+  if (!packet.blocks.empty()) {
+    slot->See(packet.blocks.front().timestamp, packet.send_time_ms / 1000);
+  }
   return slot->number;
 }
 

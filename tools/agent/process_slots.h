@@ -62,11 +62,13 @@ class ProcessSlots {
   struct Slot {
     uint32_t number = 0;
     int64_t newest = -1;  // timestamp of the last packet
-    // Seconds from one flush to the next, and back to the points of the interval before.
+    // Seconds from one flush to the next, back to the points of the interval before, and ahead of
+    // the clock, as the last points are. A process may have registries of several intervals.
     int64_t step = kMaxInterval;
     int64_t back = 0;
+    int64_t ahead = 0;
 
-    void See(int64_t timestamp);
+    void See(int64_t timestamp, int64_t sent);
   };
   struct Process {
     std::unordered_map<uint64_t, Slot> slots;  // by identity
