@@ -73,6 +73,7 @@ ProcessSlots* Agent::Slots() {
 
 void Agent::LookAfterSlots() {
   slots_->Sweep(Clock::now());
+  if (server_.handed_to() != 0) return;  // the file is the next agent's
   if (std::exchange(saved_slots_, slots_->changes()) == slots_->changes()) return;
   if (WriteSlots(SlotPath(options_), slots_->Slots()) ||
       std::exchange(slots_unsaved_reported_, true)) {

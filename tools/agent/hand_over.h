@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string_view>
 #include <utility>
@@ -31,7 +32,7 @@ class HandOverGiver {
   // If so, it has answered. Does not wait.
   bool Answer(int fd, uint64_t number, std::string_view message);
 
-  // The process that took the sockets; 0 if none has.
+  // The process that took the sockets; 0 if none has. From any thread.
   pid_t given_to() const { return given_to_; }
 
  private:
@@ -39,7 +40,7 @@ class HandOverGiver {
 
   std::vector<UniqueFd> sockets_;
   uint64_t asked_by_ = 0;  // the number of a connection
-  pid_t given_to_ = 0;
+  std::atomic<pid_t> given_to_{0};
 };
 
 // The new one's side. Threads: one. Owns its descriptors. Its calls wait, a few seconds at most.
