@@ -75,13 +75,14 @@ class MergeTest : public testing::Test {
   // An agent that starts 20 seconds before kTime.
   void Make(const MergeStage::Options& options) {
     now_ = -20;
+    step_ = 0;
     stage_ = std::make_unique<MergeStage>(
         options, std::vector<PacketSink*>{&sink_}, &health_,
         [this](const std::string& line) { reports_.push_back(line); },
         [this](const ProcessId& process) { return gone_.count(process.pid) == 0; },
         [this] {
           return SeriesTable::Time{std::chrono::steady_clock::time_point(seconds(1000 + now_)),
-                                   kTime + now_};
+                                   kTime + now_ + step_};
         });
     now_ = 0;
   }
@@ -133,6 +134,7 @@ class MergeTest : public testing::Test {
   }
 
   int64_t now_ = 0;
+  int64_t step_ = 0;  // of the wall clock
   std::set<pid_t> gone_;
   Health health_;
   std::vector<std::string> reports_;
@@ -329,6 +331,23 @@ TEST_F(MergeTest, AddsWhatWasMeantForTheAgentBeforeToTheNextTime) {
   Send(1, -10, {{2, "r", {}, {1}}});
   EXPECT_THAT(Flush(), ElementsAre("-30 t c 0", "-10 t c 11", "-10 t r 4"));
   EXPECT_EQ(health_.merge_late_points, 1u);
+}
+
+TEST_F(MergeTest, GoesOnWhenClocksWereWrong) {
+  for (const pid_t pid : {1, 2}) SendFirst(pid, 10, 7);
+  EXPECT_THAT(Until(12), ElementsAre("0 t c 0", "10 t c 14"));
+  step_ = -3600;
+  SendTotal(1, -3580, 9);
+  EXPECT_THAT(Until(14), IsEmpty());  // waits for the second
+  SendTotal(2, -3580, 8);
+  EXPECT_THAT(Until(22), ElementsAre("-3580 t c 17"));
+  // Far ahead, and back.
+  SendTotal(1, int64_t{1} << 40, 10);
+  EXPECT_THAT(Until(330), ElementsAre("1099511627776 t c 18"));
+  SendTotal(1, -3270, 12);
+  SendTotal(2, -3270, 9);
+  EXPECT_THAT(Until(332), ElementsAre("-3270 t c 21"));
+  EXPECT_EQ(health_.merge_late_points, 0u);
 }
 
 TEST_F(MergeTest, RefusesOtherBoundsWhileTheFirstOnesAreThere) {

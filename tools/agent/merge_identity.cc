@@ -1,6 +1,7 @@
 #include "agent/merge_identity.h"
 
 #include <algorithm>
+#include <optional>
 #include <unordered_set>
 #include <utility>
 
@@ -84,7 +85,8 @@ void MergeIdentity::HasReported(const ProcessId& process, int64_t timestamp, boo
                                 size_t* bytes) {
   const auto found = processes_.find(process);
   if (found != processes_.end()) {
-    found->second.newest = std::max(found->second.newest, timestamp);
+    int64_t& newest = found->second.newest;
+    newest = IsSetBack(newest, timestamp) ? timestamp : std::max(newest, timestamp);
     found->second.gone = SteadyTime();
   } else if (!full) {
     processes_.emplace(process, Process{timestamp, SteadyTime()});
@@ -140,10 +142,15 @@ void MergeIdentity::FindDue(SteadyTime now, const IsLive& is_live) {
                          [](const auto& a, const auto& b) { return a.second.due < b.second.due; });
     due_until_ = std::max(due_until_, next->first);
   }
+  std::optional<int64_t> reported;
   for (auto time = times_.rbegin(); time != times_.rend(); ++time) {
     if (time->first <= due_until_) return;
-    if (now >= time->second.due ||
-        (now >= time->second.settled && AllHaveReported(time->first, is_live))) {
+    bool is_due = now >= time->second.due;
+    if (!is_due && now >= time->second.settled) {
+      if (!reported) reported = ReportedByAll(is_live);
+      is_due = time->first <= *reported;
+    }
+    if (is_due) {
       due_until_ = time->first;
       return;
     }
@@ -160,10 +167,12 @@ MergeTime* MergeIdentity::NextDue(int64_t* timestamp) {
   return &times_.begin()->second;
 }
 
-bool MergeIdentity::AllHaveReported(int64_t timestamp, const IsLive& is_live) {
-  return std::all_of(processes_.begin(), processes_.end(), [&](const auto& process) {
-    return process.second.newest >= timestamp || !is_live(process.first);
-  });
+int64_t MergeIdentity::ReportedByAll(const IsLive& is_live) const {
+  int64_t reported = INT64_MAX;
+  for (const auto& [id, process] : processes_) {
+    if (process.newest < reported && is_live(id)) reported = process.newest;
+  }
+  return reported;
 }
 
 void MergeIdentity::Sweep(SteadyTime now, SteadyTime oldest, const IsLive& is_live, size_t* bytes,

@@ -108,7 +108,7 @@ class MergeIdentity {
     SteadyTime gone;  // the epoch: it is there
   };
 
-  bool AllHaveReported(int64_t timestamp, const IsLive& is_live);
+  int64_t ReportedByAll(const IsLive& is_live) const;
   void SweepMetric(MergedMetric* metric, SteadyTime oldest, size_t* bytes, size_t* series);
 
   Packet header_;

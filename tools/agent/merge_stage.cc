@@ -17,9 +17,6 @@ constexpr std::chrono::seconds kSweepPause(30);
 // As long as the library keeps a series that is idle: after that its totals begin anew as well.
 constexpr std::chrono::hours kForgetSeries(2);
 
-// Seconds; what is further from the clock than that is of no interval that begins or ends now.
-constexpr int64_t kLongestInterval = 300;
-
 // Points of the interval before are of these kinds, and have packets of their own.
 bool HasPointBefore(const Block& block) {
   switch (KindOf(block)) {
@@ -156,6 +153,7 @@ void MergeStage::Hold(const Target& target, const Series& record, size_t points)
 void MergeStage::Add(const Target& target, const Series& record, MergedNode* node, size_t points) {
   MergedSeries& series = node->second.series;
   const Growth growth(series, &bytes_);
+  series.ForgetTimesAfter(now_.seconds + kLongestInterval);
   if (!series.Accepts(target.layout, target.timestamp)) {
     Refuse(MergeRefusal::kColumns, points);
     ReportOnce(&columns_reported_, "points with other columns, as bounds, than before are refused",

@@ -62,6 +62,11 @@ class MergedSeries {
   bool IsNew(int64_t timestamp, int64_t begin) const {
     return timestamp > std::max(handed_, begin) && !Holds(timestamp);
   }
+  // No point is late for a time so far ahead: the clock was set back, or a client has a wrong one.
+  void ForgetTimesAfter(int64_t latest) {
+    if (handed_ > latest) handed_ = INT64_MIN;
+    if (late_ != nullptr && late_->timestamp > latest) late_->timestamp = INT64_MIN;
+  }
   bool IsIdle() const { return held_.empty(); }
 
   // Takes what is held for `timestamp` out, into the indexes and values of `record`. Returns how

@@ -10,9 +10,10 @@ double Growth(double from, double to) { return to >= from ? to - from : std::max
 }  // namespace
 
 ProcessTotal::Increases ProcessTotal::Add(int64_t timestamp, double total, double first) {
-  if (timestamp >= newest_) {
+  const bool set_back = IsSetBack(newest_, timestamp);
+  if (timestamp >= newest_ || set_back) {
     added_ = newest_ == INT64_MIN ? std::max(first, 0.0) : Growth(total_, total);
-    before_ = newest_;
+    before_ = set_back ? INT64_MIN : newest_;
     total_before_ = total_;
     newest_ = timestamp;
     total_ = total;

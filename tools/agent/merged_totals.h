@@ -4,6 +4,15 @@
 
 namespace tidegate::agent {
 
+// Seconds; longer than an interval. A process whose points are older than its last ones by more
+// than that has had its clock set back.
+inline constexpr int64_t kLongestInterval = 300;
+
+inline bool IsSetBack(int64_t newest, int64_t timestamp) {
+  return newest > timestamp &&
+         static_cast<uint64_t>(newest) - static_cast<uint64_t>(timestamp) > kLongestInterval;
+}
+
 // What one process has counted in one of its totals, as increases that can be added to those of
 // others. Its points may come in another order than that of their times, as the point of the
 // interval before comes after that of the interval itself. A total that falls has begun anew at 0.
