@@ -406,7 +406,7 @@ TEST_F(AgentTest, GivesMemoryBackWhenSeriesAreGone) {
 
 TEST_F(AgentTest, RefusesBadSettingsInOneLine) {
   std::ofstream(folder_ / "config") << "# not far off\nsocket-mod = 0600\n";
-  std::ofstream(folder_ / "sections") << "[agent]\nttl = 5\n";
+  std::ofstream(folder_ / "sections") << "[help]\nttl = 5\n";
   const std::pair<std::vector<std::string>, const char*> kCases[] = {
       {{"--nope"}, "--nope"},
       {{"--ttl", "0"}, "--ttl"},
@@ -421,7 +421,8 @@ TEST_F(AgentTest, RefusesBadSettingsInOneLine) {
       {{"--config", folder_ / "none"}, "none"},
       {{"--config", folder_ / "config"},
        "config:2: there is no setting \"socket-mod\", the nearest is \"socket-mode\""},
-      {{"--config", folder_ / "sections"}, "sections:1: there is no setting \"[agent]\""},
+      {{"--config", folder_ / "sections"},
+       "sections:1: there is no setting \"[help]\", the nearest is \"http\""},
   };
   for (const auto& [flags, text] : kCases) {
     Spawn(flags);

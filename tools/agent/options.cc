@@ -70,6 +70,7 @@ std::string NearestName(const CLI::App& app, const std::string& key) {
   std::string nearest;
   size_t least = SIZE_MAX;
   for (const CLI::Option* option : app.get_options()) {
+    if (!option->get_configurable()) continue;  // as --help
     for (const std::string& name : option->get_lnames()) {
       const size_t distance = Distance(key, name);
       if (distance >= least) continue;
