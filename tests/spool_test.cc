@@ -87,12 +87,15 @@ TEST_F(SpoolTest, KeepsItsOrderAndWhatIsLeftOverARestart) {
   EXPECT_EQ(spool_->Take().front().points, 5U);
   spool_->Settle(false);
   EXPECT_EQ(spool_->Take().front().body, "one");
+  const std::string filling(100000, 'f');  // ends the segment while a batch of it is under way
+  EXPECT_TRUE(Append(filling));
   spool_->Settle(true);
+  EXPECT_THAT(log_, IsEmpty());
   Restart();
   EXPECT_TRUE(Append("four"));
-  EXPECT_EQ(health_.forward_spool_points, 11U);
-  EXPECT_THAT(log_, ElementsAre(HasSubstr("/spool has 10 points that wait, the first for ")));
-  EXPECT_THAT(Rest(), ElementsAre("two", "three", "four"));
+  EXPECT_EQ(health_.forward_spool_points, 12U);
+  EXPECT_THAT(log_, ElementsAre(HasSubstr("/spool has 11 points that wait, the first for ")));
+  EXPECT_THAT(Rest(), ElementsAre("two", "three", filling, "four"));
   EXPECT_THAT(Segments(), IsEmpty());
   EXPECT_EQ(health_.forward_spool_points + health_.forward_spool_bytes, 0U);
   struct stat info = {};

@@ -212,13 +212,17 @@ Batches Spool::Take() {
   return {};
 }
 
+// Not valid, with errno, if it cannot be opened.
+const UniqueFd& Spool::FileOf(Segment* segment) const {
+  if (!segment->file.valid()) segment->file = folder_.OpenSegment(segment->number);
+  return segment->file;
+}
+
 // That of the segment's first record. False if it is not what was written.
 bool Spool::ReadBody(Segment* segment, std::string* body) const {
   const SpoolRecord& record = segment->waiting.front();
-  if (!segment->file.valid()) segment->file = folder_.OpenSegment(segment->number);
-  if (!segment->file.valid()) return false;
   body->resize(record.size);
-  return ReadAll(segment->file, record.body(), body->data(), body->size()) &&
+  return ReadAll(FileOf(segment), record.body(), body->data(), body->size()) &&
          IsBodyOf(record, *body);
 }
 
@@ -240,8 +244,10 @@ void Spool::PopRecord() {
   segment.waiting.pop_front();
   points_ -= record.points;
   --waiting_;
-  if (!WriteAll(segment.file, record.mark(), MarkOfDone()))
+  // The file was closed if the segment has become full since Take.
+  if (!WriteAll(FileOf(&segment), record.mark(), MarkOfDone())) {
     Failed("cannot be written to", ErrorText(errno));
+  }
 }
 
 void Spool::RemoveOldest() {

@@ -79,6 +79,7 @@ class Spool {
   bool Write(const Batch& batch);
   bool StartSegment();
   void EndSegment();
+  const UniqueFd& FileOf(Segment* segment) const;
   bool ReadBody(Segment* segment, std::string* body) const;
   void PopRecord();
   void RemoveOldest();
