@@ -186,6 +186,10 @@ TEST_F(RestartTest, LosesNothingWhileTheServiceManagerKeepsTheSocket) {
     if (i < kRestarts) Terminate(&agents_.back());
   }
   const uint64_t sent = services.Stop();
+  // Not even the question of one that has to do without it is a packet.
+  Launch({"--take-over"});
+  Await(agents_.back(), "another process is listening on " + path_ + ", which does not hand");
+  agents_.pop_back();
   Terminate(&agents_.back());
   Compare(sent, received_);
 
@@ -211,7 +215,20 @@ TEST_F(RestartTest, LosesNothingWhileTheNextAgentTakesTheSocketOver) {
            i % 2 == 0 ? "2" : "0"});
     Await(agents_[i], ", taken over from process " + std::to_string(agents_[i - 1].pid));
   }
-  for (size_t i = 0; i < kRestarts; ++i) Finish(&agents_[i]);
+  // Signals do not keep one from waiting for an answer, and an address that it has no use for is
+  // free.
+  kill(agents_.back().pid, SIGSTOP);
+  Launch({"--take-over", "--forward", kNoDatabase, "--drain", "0"});
+  EXPECT_TRUE(WaitFor([&] { return std::filesystem::exists(path_ + ".lock"); }));
+  for (int i = 0; i < 20; ++i) {
+    kill(agents_.back().pid, SIGHUP);
+    std::this_thread::sleep_for(milliseconds(5));
+  }
+  kill(agents_[kRestarts].pid, SIGCONT);
+  Await(agents_.back(), ", taken over from process ");
+  ASSERT_FALSE(HasFailure());  // or some of these do not end
+  for (size_t i = 0; i <= kRestarts; ++i) Finish(&agents_[i]);
+  EXPECT_FALSE(httplib::Client("http://" + http).Get("/"));
   const uint64_t sent = services.Stop();
   EXPECT_TRUE(std::filesystem::exists(path_));
   Terminate(&agents_.back());

@@ -231,11 +231,12 @@ bool Agent::Listen(std::string* error) {
 }
 
 bool Agent::StartHttp(std::string* error) {
+  UniqueFd present = std::move(taker_.http());  // closed if it is not wanted
   if (options_.http.empty()) return true;
   http_.emplace([this](std::string* page) { AppendPage(page); },
                 [this](const std::string& line) { log_.ReportSome(line); }, [this] { HttpEnded(); },
                 &health_);
-  if (!http_->Start(options_.http, error, std::move(taker_.http()))) return false;
+  if (!http_->Start(options_.http, error, std::move(present))) return false;
   log_.Report("serving " + http_->url() + "/metrics", LogLevel::kInfo);
   return true;
 }

@@ -4,7 +4,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstring>
 #include <utility>
@@ -18,7 +20,7 @@ constexpr std::string_view kOffer = "tidegate-agent 1: here they are\n";
 constexpr std::string_view kTake = "tidegate-agent 1: I take them\n";
 constexpr std::string_view kGive = "tidegate-agent 1: they are yours\n";
 
-constexpr int kPatienceMillis = 2000;
+constexpr std::chrono::seconds kPatience(2);
 constexpr size_t kMostSockets = 2;
 
 // The process at the other end, if it is one of this user; else 0.
@@ -34,9 +36,17 @@ bool Send(int fd, std::string_view text) {
          static_cast<ssize_t>(text.size());
 }
 
+// Whatever signals come meanwhile.
 bool AwaitMessage(int fd) {
+  const auto end = std::chrono::steady_clock::now() + kPatience;
   pollfd ready = {fd, POLLIN, 0};
-  return poll(&ready, 1, kPatienceMillis) > 0;
+  int count = -1;
+  do {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        end - std::chrono::steady_clock::now());
+    count = poll(&ready, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
+  } while (count < 0 && errno == EINTR);
+  return count > 0;
 }
 
 // A message with room for what comes along with it.
@@ -56,9 +66,10 @@ struct Envelope {
 }  // namespace
 
 bool HandOverGiver::Answer(int fd, uint64_t number, std::string_view message) {
-  if (sockets_.empty() || (message != kAsk && message != kTake)) return false;
+  if (message != kAsk && message != kTake) return false;
   const pid_t peer = OwnPeer(fd);
   if (peer == 0) return false;
+  if (sockets_.empty()) return true;
   if (message == kAsk) {
     if (SendSockets(fd)) asked_by_ = number;
   } else if (asked_by_ == number && Send(fd, kGive)) {
@@ -129,7 +140,9 @@ bool HandOverTaker::ReceiveOffer() {
 bool HandOverTaker::Take() {
   char text[kGive.size() + 1];
   const int fd = connection_.get();
-  if (!Send(fd, kTake) || !AwaitMessage(fd)) return false;
+  if (!Send(fd, kTake)) return false;
+  // The old one cannot give them later, when nobody would use them.
+  if (!AwaitMessage(fd)) shutdown(fd, SHUT_RDWR);
   const ssize_t size = recv(fd, text, sizeof(text), 0);
   connection_.Reset();
   return size > 0 && std::string_view(text, static_cast<size_t>(size)) == kGive;

@@ -29,7 +29,7 @@ class HandOverGiver {
   void Offer(std::vector<UniqueFd> sockets) { sockets_ = std::move(sockets); }
 
   // Whether `message`, which came from connection number `number` with descriptor `fd`, is for it.
-  // If so, it has answered. Does not wait.
+  // If so, it has answered, unless it gives nothing. Does not wait.
   bool Answer(int fd, uint64_t number, std::string_view message);
 
   // The process that took the sockets; 0 if none has. From any thread.
