@@ -405,7 +405,7 @@ TEST_F(AgentTest, GivesMemoryBackWhenSeriesAreGone) {
 }
 
 TEST_F(AgentTest, RefusesBadSettingsInOneLine) {
-  std::ofstream(folder_ / "config") << "# not far off\nsocket-mod = 0600\n";
+  std::ofstream(folder_ / "config") << "# not far off\nsocket-mod\xff = 0600\n";
   std::ofstream(folder_ / "sections") << "[help]\nttl = 5\n";
   const std::pair<std::vector<std::string>, const char*> kCases[] = {
       {{"--nope"}, "--nope"},
@@ -420,7 +420,7 @@ TEST_F(AgentTest, RefusesBadSettingsInOneLine) {
       {{"--print", "xml"}, "xml not in {text,json}"},
       {{"--config", folder_ / "none"}, "none"},
       {{"--config", folder_ / "config"},
-       "config:2: there is no setting \"socket-mod\", the nearest is \"socket-mode\""},
+       "config:2: there is no setting \"socket-mod\\xff\", the nearest is \"socket-mode\""},
       {{"--config", folder_ / "sections"},
        "sections:1: there is no setting \"[help]\", the nearest is \"http\""},
   };

@@ -51,12 +51,27 @@ std::string WithoutBadUtf8(std::string_view line) {
   return shown;
 }
 
-std::string PrefixOf(LogLevel level) { return '<' + std::to_string(static_cast<int>(level)) + '>'; }
+std::string MakeLine(bool to_journal, LogLevel level,
+                     std::initializer_list<std::string_view> texts) {
+  std::string line;
+  if (to_journal) line = '<' + std::to_string(static_cast<int>(level)) + '>';
+  line += "tidegate-agent: ";
+  const size_t most = line.size() + kMaxText;
+  for (const std::string_view text : texts) line += text;
+  if (line.size() > most) {
+    line.resize(most);
+    line += "...";
+  }
+  // Names of clients can be in it.
+  std::replace_if(
+      line.begin(), line.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; }, '?');
+  return WithoutBadUtf8(line) + '\n';
+}
 
 }  // namespace
 
-std::string LogPrefix(int fd, LogLevel level) {
-  return GoesToJournal(fd) ? PrefixOf(level) : std::string();
+std::string LogLine(int fd, LogLevel level, std::string_view text) {
+  return MakeLine(GoesToJournal(fd), level, {text});
 }
 
 // Without standard error there is nobody to tell.
@@ -68,20 +83,7 @@ Log::Log(int fd)
 
 void Log::ReportJoined(LogLevel level, std::initializer_list<std::string_view> texts) noexcept {
   try {
-    std::string line = to_journal_ ? PrefixOf(level) : std::string();
-    line += "tidegate-agent: ";
-    const size_t most = line.size() + kMaxText;
-    for (const std::string_view text : texts) line += text;
-    if (line.size() > most) {
-      line.resize(most);
-      line += "...";
-    }
-    // Names of clients can be in it.
-    std::replace_if(
-        line.begin(), line.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; }, '?');
-    std::string shown = WithoutBadUtf8(line);
-    shown += '\n';
-    writer_.Write({std::move(shown), {1}});
+    writer_.Write({MakeLine(to_journal_, level, texts), {1}});
   } catch (const std::bad_alloc&) {
     ReportOutOfMemory();
   }

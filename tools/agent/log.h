@@ -17,11 +17,12 @@ namespace tidegate::agent {
 // a warning is what was lost or left out, or that it has ended; information is anything else.
 enum class LogLevel { kError = 3, kWarning = 4, kInfo = 6 };
 
-// What a line on this descriptor begins with: "<4>" and the like if it goes to the journal, which
-// takes it off; else nothing. Safe from any number of threads.
-std::string LogPrefix(int fd, LogLevel level);
+// A whole line for this descriptor, under the program's name: one of UTF-8 without control
+// characters, cut off where it is far too long. It begins with "<4>" and the like if it goes to the
+// journal, which takes that off. Safe from any number of threads.
+std::string LogLine(int fd, LogLevel level, std::string_view text);
 
-// The agent's own lines, under the program's name, on a descriptor.
+// The agent's own lines on a descriptor.
 //
 // Threads: Report and ReportSome from any, and they never wait; Finish from one, as the last.
 // Borrows the descriptor. Lines that nobody reads are dropped, the oldest first.

@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <ctime>
 #include <exception>
+#include <new>
+#include <optional>
 #include <string>
 
 #include "agent/agent.h"
@@ -66,9 +68,12 @@ class ObeySignals {
 };
 
 // Before there is a log, or where it has no memory.
-void PrintError(const char* text) {
-  const std::string prefix = tidegate::agent::LogPrefix(STDERR_FILENO, LogLevel::kError);
-  std::fprintf(stderr, "%stidegate-agent: %s\n", prefix.c_str(), text);
+void PrintError(const char* text) noexcept {
+  try {
+    std::fputs(tidegate::agent::LogLine(STDERR_FILENO, LogLevel::kError, text).c_str(), stderr);
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "tidegate-agent: %s\n", text);
+  }
 }
 
 }  // namespace
