@@ -384,9 +384,14 @@ TEST_F(ForwarderTest, SpoolsAnOutageThatIsLongerThanItsQueueAndItself) {
       ASSERT_TRUE(Await([&] { return health_.forward_queue_points <= 5; }));
     }
   };
-  Make(options);
+  // With a long pause, as a batch that is just being sent would come last.
+  ForwardOptions patient = options;
+  patient.first_pause = patient.longest_pause = seconds(3600);
+  Make(patient);
   forwarder_->Start();
-  run_for(50);
+  run_for(1);
+  ASSERT_TRUE(Await([&] { return health_.forward_retried_points > 0; }));
+  run_for(49);
   forwarder_->Stop(milliseconds(0));
   EXPECT_EQ(health_.forward_spool_points, 50U);
 

@@ -218,7 +218,8 @@ TEST_F(HttpServerTest, SlowAndIdleClientsLockNobodyOut) {
 }
 
 TEST_F(HttpServerTest, SlowReadersHoldFewPages) {
-  constexpr size_t kPageSize = 40 << 20;  // of a size that always goes back to the kernel
+  // Of a size that always goes back to the kernel; there is no need of it where that is not seen.
+  constexpr size_t kPageSize = kSanitized ? 8 << 20 : 40 << 20;
   page_ = std::string(kPageSize, 'x');
   HttpLimits limits;
   limits.page = milliseconds(50);
