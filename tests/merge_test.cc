@@ -432,6 +432,30 @@ TEST_F(MergeTest, SurvivesALackOfMemoryAnywhere) {
   }
 }
 
+// What a sweep frees must not wait to be handed on.
+TEST_F(MergeTest, HoldsNoSeriesWithoutItsPoint) {
+  MergeStage::Options options;
+  options.max_series = 1;
+  options.ttl = seconds(1);
+  bool failed = true;
+  for (long n = 0; failed; ++n) {
+    Make(options);
+    failed = false;
+    Send(2, 0, {});  // is waited for
+    const Packet packet = PacketOf(200, {{3, "c", {}, {4}}});
+    try {
+      allocations_left = n;
+      stage_->Handle(packet, {1});
+    } catch (const std::bad_alloc&) {
+      failed = true;
+    }
+    allocations_left = -1;
+    Until(40);
+    EXPECT_EQ(health_.merge_held_points, health_.merge_series);
+    Flush();
+  }
+}
+
 // In short turns, between which packets are taken.
 TEST_F(MergeTest, HandsOnALotInTurns) {
   constexpr size_t kPoints = MergeStage::kMaxHandedOnTick + 30000;

@@ -125,6 +125,10 @@ void MergeIdentity::Hold(int64_t timestamp, MergedMetric* metric, MergedNode* no
   part.series.push_back(node);
 }
 
+void MergeIdentity::TakeBack(int64_t timestamp, const MergedMetric& metric) {
+  times_.at(timestamp).parts.at(metric.id).series.pop_back();
+}
+
 bool MergeIdentity::HasRoomFor(int64_t timestamp) const {
   return times_.size() < kMaxTimesMeanwhile || times_.count(timestamp) != 0;
 }

@@ -83,6 +83,8 @@ class MergeIdentity {
   // interval, if a process that ends has reported before that.
   void Hold(int64_t timestamp, MergedMetric* metric, MergedNode* node, SteadyTime now,
             std::chrono::nanoseconds ahead, std::chrono::nanoseconds delay);
+  // Undoes the last Hold, which was with these.
+  void TakeBack(int64_t timestamp, const MergedMetric& metric);
   // More has come for that time.
   void Unsettle(int64_t timestamp, SteadyTime now, std::chrono::nanoseconds ahead);
 

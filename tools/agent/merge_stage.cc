@@ -164,14 +164,23 @@ void MergeStage::Add(const Target& target, const Series& record, MergedNode* nod
   const bool before_start =
       target.timestamp <= start_ && target.timestamp > start_ - kLongestInterval;
   const int64_t begin = before_start && !(target.before && IsZero(record)) ? start_ : INT64_MIN;
-  if (series.IsNew(target.timestamp, begin)) {
+  const bool is_new = series.IsNew(target.timestamp, begin);
+  if (is_new) {
     target.identity->Hold(target.timestamp, target.metric, node, now_.steady,
                           Ahead(target.timestamp), options_.delay);
     ++held_;
   }
-  const MergedSeries::Added added =
-      series.Add(target.process, target.timestamp, record, target.before, begin);
-  if (added == MergedSeries::Added::kLate) health_->merge_late_points += points;
+  try {
+    const MergedSeries::Added added =
+        series.Add(target.process, target.timestamp, record, target.before, begin);
+    if (added == MergedSeries::Added::kLate) health_->merge_late_points += points;
+  } catch (const std::bad_alloc&) {
+    if (is_new && !series.Holds(target.timestamp)) {
+      target.identity->TakeBack(target.timestamp, *target.metric);
+      --held_;
+    }
+    throw;
+  }
 }
 
 std::chrono::seconds MergeStage::Ahead(int64_t timestamp) const {
