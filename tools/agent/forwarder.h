@@ -46,8 +46,8 @@ struct ForwardOptions {
 // counted in Health and reported, at most once per log_interval each. A reply that got lost makes a
 // batch arrive twice.
 //
-// Threads: Handle on the decoder's; a thread of its own packs and sends; the rest from the owner's.
-// one more feeds the spool. Each of them reports. Handle writes lines and never waits. Borrows
+// Threads: Handle on the decoder's; a thread of its own packs and sends, one more feeds the spool;
+// the rest from the owner's. Each of them reports. Handle writes lines and never waits. Borrows
 // `health`, which it also forwards.
 class Forwarder : public PacketSink {
  public:
