@@ -8,17 +8,15 @@
 #include "metrics/metric_ckms_quantiles.h"
 #include "metrics/metric_collector.h"
 #include "metrics/metric_collector_factory.h"
+#include "support/counted_allocations.h"
 #include "support/environment.h"
 
 // Of this thread: the client's others do as they like.
 static __thread long allocations = 0;
-static __thread long allocations_left = -1;  // until they fail; negative: they never do
 
 static bool NextAllocationFails() {
   ++allocations;
-  if (allocations_left == 0) return true;
-  if (allocations_left > 0) --allocations_left;
-  return false;
+  return IsOneTooMany();
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)

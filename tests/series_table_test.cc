@@ -10,15 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "support/counted_allocations.h"
 #include "support/failing_new.h"
 
-static __thread long allocations_left = -1;  // until they fail; negative: they never do
-
-static bool NextAllocationFails() {
-  if (allocations_left == 0) return true;
-  if (allocations_left > 0) --allocations_left;
-  return false;
-}
+static bool NextAllocationFails() { return IsOneTooMany(); }
 
 namespace tidegate::agent {
 namespace {

@@ -9,6 +9,7 @@
 
 #include "metrics/metric_factory.h"
 #include "support/agent_socket.h"
+#include "support/counted_allocations.h"
 #include "support/environment.h"
 #include "support/failing_new.h"
 
@@ -24,7 +25,6 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
   return next(thread, attributes, start, argument);
 }
 
-static thread_local long allocations_left = -1;  // as above, of this thread
 static std::atomic<bool> own_threads_starve{false};
 
 static bool OnOwnThread() {
@@ -33,9 +33,7 @@ static bool OnOwnThread() {
 }
 
 static bool NextAllocationFails() {
-  if (allocations_left == 0 || (own_threads_starve && OnOwnThread())) return true;
-  if (allocations_left > 0) --allocations_left;
-  return false;
+  return (own_threads_starve && OnOwnThread()) || IsOneTooMany();
 }
 
 namespace tidegate::test {

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <sstream>
@@ -54,8 +55,9 @@ bool WriteSlots(const std::string& path, const std::vector<ProcessSlots::Taken>&
   unlink(made.c_str());
   const UniqueFd file(
       open(made.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-  return file.valid() &&
-         write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+  if (!file.valid()) return false;
+  errno = ENOSPC;  // a short write leaves it as it is
+  return write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
          rename(made.c_str(), path.c_str()) == 0;
 }
 
