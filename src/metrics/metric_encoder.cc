@@ -10,6 +10,7 @@
 #include "util/line_allocator.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
+#include "util/sdk_version.h"
 
 namespace METRICS {
 
@@ -29,7 +30,6 @@ constexpr uint32_t kSeriesCountOffset = 46;
 constexpr uint64_t kMagic = 0x6d65747269637332;  // "2scirtem"
 constexpr uint8_t kVersion = 4;
 constexpr uint32_t kFormatWord = 15;
-constexpr char kSdkVersion[] = "1.0.4";
 
 // The header of a block.
 constexpr uint32_t kBlockSeriesOffset = 4;

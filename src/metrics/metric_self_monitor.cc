@@ -15,6 +15,7 @@
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
 #include "util/metric_thread.h"
+#include "util/sdk_version.h"
 #include "util/thread_slot.h"
 #include "util/within_memory.h"
 
@@ -24,7 +25,6 @@ namespace {
 constexpr char kTenant[] = "inf.metrics";
 constexpr char kPrefix[] = "inf.tidegate";
 constexpr char kVersionTag[] = "sdk_version";
-constexpr char kVersion[] = "1.0.4";
 constexpr int kSliceMillis = 5;
 
 MetricRegistryCfg RegistryCfg(int flush_interval) {
@@ -154,7 +154,7 @@ ReturnCode MetricSelfMonitor::MakeVersion() {
 
 ReturnCode MetricSelfMonitor::BindVersion() {
   std::shared_ptr<MetricCollectorItem> item =
-      InitSelfMonitorItem(Standing(statistic_.version), {{kVersionTag, kVersion}});
+      InitSelfMonitorItem(Standing(statistic_.version), {{kVersionTag, kSdkVersion}});
   if (item == nullptr || item == statistic_.version_item) {
     return ReturnCode::kOk;
   }
