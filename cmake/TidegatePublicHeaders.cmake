@@ -13,6 +13,7 @@ set(TIDEGATE_PUBLIC_HEADERS
     src/codec/tag_kv.h
     src/metrics/bound_series.h
     src/metrics/cell_table.h
+    src/metrics/client_parts.h
     src/metrics/global_resources_limit.h
     src/metrics/histo_util.h
     src/metrics/impl/metric_compatible_impl.h

@@ -2,9 +2,9 @@
 
 #include <sys/types.h>
 
-#include <memory>
 #include <string>
 
+#include "metrics/client_parts.h"
 #include "metrics/metric.h"
 #include "metrics/metric_configer.h"
 #include "metrics/metric_registry.h"
@@ -18,12 +18,6 @@
 
 namespace METRICS {
 
-class MetricCollectorFactory;
-class MetricExpireChecker;
-class MetricFactory;
-class MetricSelfMonitor;
-class MetricSenderManager;
-
 /// The root of the library: a service makes one, calls `Init`, asks it for registries and
 /// metrics, and ends it.
 ///
@@ -35,7 +29,7 @@ class MetricSenderManager;
 /// before. Ending: `Exit` and the destructor flush nothing; `FlushAndExit` first sends what the
 /// cells hold. Both wait for the flush threads: up to 200 ms for a sleeping one, up to the end of
 /// its flush for a working one. Values emitted after the last flush are lost.
-class METRICS_API MetricClient {
+class METRICS_API MetricClient : public ClientParts {
  public:
   /// What `CreateMetric` answers: `metric` is null unless `code` is 0.
   struct CreateMetricResult {
@@ -94,15 +88,6 @@ class METRICS_API MetricClient {
   /// service or after its end; copies the lists of all series, and waits for a sender that is being
   /// made or stopped. The text may change with every version.
   std::string DebugString() const;
-
-  // Set by `Init`, null otherwise. Applications may use `metric_factory_`, whose `GetRegistry`
-  // finds a registry without making it; the others are read by the parts of the library.
-  std::shared_ptr<MetricCollectorFactory> collector_factory_;
-  std::shared_ptr<MetricFactory> metric_factory_;
-  std::unique_ptr<MetricConfiger> configer_;
-  std::unique_ptr<MetricExpireChecker> expire_checker_;
-  std::unique_ptr<MetricSelfMonitor> self_monitor_;
-  std::unique_ptr<MetricSenderManager> sender_manager_;
 
  private:
   /// False when there is no thread to be had.

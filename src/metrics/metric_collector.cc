@@ -3,8 +3,8 @@
 #include <ctime>
 
 #include "codec/pack.h"
+#include "metrics/client_parts.h"
 #include "metrics/metric.h"
-#include "metrics/metric_client.h"
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_configer.h"
 #include "util/metric_log.h"

@@ -38,8 +38,7 @@ struct MetricCollectorFactory::Pins {
   std::vector<std::shared_ptr<MetricRegistry>> registries;
 };
 
-MetricCollectorFactory::MetricCollectorFactory(MetricClient* client,
-                                               const unsigned long& max_series)
+MetricCollectorFactory::MetricCollectorFactory(ClientParts* client, const unsigned long& max_series)
     : client_(client), max_series_(max_series) {
   state_.exchange(MetricState::READY);
 }

@@ -16,7 +16,7 @@
 namespace METRICS {
 
 class Metric;
-class MetricClient;
+struct ClientParts;
 class MetricImpl;
 class MetricRegistry;
 
@@ -32,7 +32,7 @@ using CollectorList = std::vector<CollectorPtr>;
 class MetricCollectorFactory {
  public:
   /// `max_series` is the quota of series over all collectors.
-  MetricCollectorFactory(MetricClient* client, const unsigned long& max_series);
+  MetricCollectorFactory(ClientParts* client, const unsigned long& max_series);
   ~MetricCollectorFactory();
   MetricCollectorFactory(const MetricCollectorFactory&) = delete;
   MetricCollectorFactory& operator=(const MetricCollectorFactory&) = delete;
@@ -87,7 +87,7 @@ class MetricCollectorFactory {
   void RepairAfterFork() METRICS_NO_THREAD_SAFETY;
 
   std::atomic<unsigned long> total_series_{0};  ///< changed by the collectors' tables
-  MetricClient* client_;                        ///< not owned
+  ClientParts* client_;                         ///< not owned
   const unsigned long max_series_;              ///< the quota
   using NameMap = std::unordered_map<std::string, CollectorPtr>;
   std::unordered_map<std::string, NameMap> tenants_ METRICS_GUARDED_BY(rwlock_);

@@ -11,7 +11,7 @@ bool DummyServiceDiscovery::GetOne(tidegate::Endpoint& endpoint, signed char& re
   return true;
 }
 
-MetricConfiger::MetricConfiger(MetricClient* client) : client_(client) {}
+MetricConfiger::MetricConfiger(ClientParts* client) : client_(client) {}
 
 MetricConfiger::~MetricConfiger() {
   Exit();

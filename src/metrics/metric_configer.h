@@ -14,7 +14,7 @@
 
 namespace METRICS {
 
-class MetricClient;
+struct ClientParts;
 
 /// Settings of a client, given to `MetricClient::Init`, which reads them and keeps no reference.
 struct CoreInitCfg {
@@ -77,7 +77,7 @@ class METRICS_API DummyServiceDiscovery : public tidegate::ServiceDiscoveryBase 
 /// destroyed after all of those have been joined.
 class MetricConfiger {
  public:
-  explicit MetricConfiger(MetricClient* client);
+  explicit MetricConfiger(ClientParts* client);
   ~MetricConfiger();
   MetricConfiger(const MetricConfiger&) = delete;
   MetricConfiger& operator=(const MetricConfiger&) = delete;
@@ -99,7 +99,7 @@ class MetricConfiger {
   int32_t monitor_interval_ = 15;
   int32_t monitor_flush_interval_ = 60;
   int32_t expire_seconds_ = 7200;
-  MetricClient* client_;  ///< not owned
+  ClientParts* client_;  ///< not owned
   std::unique_ptr<tidegate::MConfigerImplBase> impl_;
   std::string psm_;    ///< identity of the service
   std::string extra_;  ///< free for the application

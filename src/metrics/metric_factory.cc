@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "metrics/metric_client.h"
+#include "metrics/client_parts.h"
 #include "metrics/metric_configer.h"
 #include "metrics/metric_sender_manager.h"
 #include "metrics/removed.h"
@@ -25,7 +25,7 @@ std::string KeyOf(const std::string& tenant, const std::string& prefix) {
 
 }  // namespace
 
-MetricFactory::MetricFactory(MetricClient* client) : client_(client) {
+MetricFactory::MetricFactory(ClientParts* client) : client_(client) {
   state_.exchange(MetricState::READY);
 }
 

@@ -16,7 +16,7 @@
 
 namespace METRICS {
 
-class MetricClient;
+struct ClientParts;
 
 /// The table of registries by tenant and prefix, at most 512.
 ///
@@ -27,7 +27,7 @@ class METRICS_API MetricFactory {
  public:
   static constexpr size_t kMaxRegistries = 512;
 
-  explicit MetricFactory(MetricClient* client);
+  explicit MetricFactory(ClientParts* client);
   ~MetricFactory();
   MetricFactory(const MetricFactory&) = delete;
   MetricFactory& operator=(const MetricFactory&) = delete;
@@ -68,7 +68,7 @@ class METRICS_API MetricFactory {
   /// In a forked child, ahead of everything else: see `MetricCollectorFactory::RepairAfterFork`.
   void RepairAfterFork() METRICS_NO_THREAD_SAFETY;
 
-  MetricClient* client_;  ///< not owned
+  ClientParts* client_;  ///< not owned
   std::atomic<MetricState> state_{MetricState::INIT};
 
  private:

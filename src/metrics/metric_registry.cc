@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "metrics/cell_kinds.h"
+#include "metrics/client_parts.h"
 #include "metrics/global_resources_limit.h"
-#include "metrics/metric_client.h"
 #include "metrics/removed.h"
 #include "util/fork_guard.h"
 #include "util/metric_log.h"
@@ -22,15 +22,15 @@ constexpr uint16_t kMaxColumns = 1024;
 }  // namespace
 
 std::shared_ptr<MetricRegistry> MetricRegistry::Make(const std::string& tenant,
-                                                     const std::string& prefix,
-                                                     MetricClient* client, int flush_interval) {
+                                                     const std::string& prefix, ClientParts* client,
+                                                     int flush_interval) {
   auto registry = std::make_shared<MetricRegistry>(tenant, prefix, client, flush_interval);
   registry->self_ = registry;
   return registry;
 }
 
 MetricRegistry::MetricRegistry(const std::string& tenant, const std::string& prefix,
-                               MetricClient* client, int flush_interval)
+                               ClientParts* client, int flush_interval)
     : tenant_(tenant), prefix_(prefix), client_(client), flush_interval_(flush_interval) {
   state_.exchange(MetricState::READY);
 }

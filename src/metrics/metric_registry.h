@@ -19,7 +19,7 @@
 
 namespace METRICS {
 
-class MetricClient;
+struct ClientParts;
 struct Removed;
 
 /// Describes a registry.
@@ -57,8 +57,8 @@ class METRICS_API MetricRegistry {
 
   /// The way registries are made: it gives the registry its reference to itself.
   static std::shared_ptr<MetricRegistry> Make(const std::string& tenant, const std::string& prefix,
-                                              MetricClient* client, int flush_interval);
-  MetricRegistry(const std::string& tenant, const std::string& prefix, MetricClient* client,
+                                              ClientParts* client, int flush_interval);
+  MetricRegistry(const std::string& tenant, const std::string& prefix, ClientParts* client,
                  int flush_interval);
   ~MetricRegistry();
   MetricRegistry(const MetricRegistry&) = delete;
@@ -123,7 +123,7 @@ class METRICS_API MetricRegistry {
 
   const std::string tenant_;
   const std::string prefix_;
-  MetricClient* const client_;    ///< not owned
+  ClientParts* const client_;     ///< not owned
   const int32_t flush_interval_;  ///< seconds
   std::atomic<MetricState> state_{MetricState::INIT};
 

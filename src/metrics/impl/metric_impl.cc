@@ -7,8 +7,8 @@
 
 #include "codec/fnv_hash.h"
 #include "codec/pack.h"
+#include "metrics/client_parts.h"
 #include "metrics/metric.h"
-#include "metrics/metric_client.h"
 #include "metrics/metric_collector.h"
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_registry.h"

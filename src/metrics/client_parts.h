@@ -1,0 +1,28 @@
+#pragma once
+
+#include <memory>
+
+namespace METRICS {
+
+class MetricCollectorFactory;
+class MetricConfiger;
+class MetricExpireChecker;
+class MetricFactory;
+class MetricSelfMonitor;
+class MetricSenderManager;
+
+/// The parts of a client, as they see each other: whoever needs one of them includes its header,
+/// and none of them includes the client's.
+///
+/// Set by `MetricClient::Init`, null otherwise. Applications may use `metric_factory_`, whose
+/// `GetRegistry` finds a registry without making it; the others are read by the parts.
+struct ClientParts {
+  std::shared_ptr<MetricCollectorFactory> collector_factory_;
+  std::shared_ptr<MetricFactory> metric_factory_;
+  std::unique_ptr<MetricConfiger> configer_;
+  std::unique_ptr<MetricExpireChecker> expire_checker_;
+  std::unique_ptr<MetricSelfMonitor> self_monitor_;
+  std::unique_ptr<MetricSenderManager> sender_manager_;
+};
+
+}  // namespace METRICS
