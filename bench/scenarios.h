@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "metrics/metric_client.h"
+#include "tidegate/static_configer.h"
+#include "tidegate/static_vendor.h"
 
 // What all benchmarks measure with: the same tags and samples for the library and its peer, and a
 // client whose own threads sleep through the measurement.
@@ -95,29 +97,6 @@ class RoundRobin {
   size_t next_ = 0;
 };
 
-class Configer final : public MConfigerImplBase {
- public:
-  explicit Configer(int interval) : interval_(interval) {}
-  void Start() override {}
-  void Stop() override {}
-  std::pair<bool, int> GetTenantInterval(const std::string& /*tenant*/) override {
-    return {true, interval_};
-  }
-  std::string GetSinkName() override { return {}; }
-
- private:
-  const int interval_;
-};
-
-class Vendor final : public METRICS::DummyVendor {
- public:
-  explicit Vendor(std::string socket) : socket_(std::move(socket)) {}
-  std::string GetSenderOutPath() override { return socket_; }
-
- private:
-  const std::string socket_;
-};
-
 // An initialised, silent client with one registry.
 class Client {
  public:
@@ -134,7 +113,8 @@ class Client {
   Client() : Client(Options()) {}
   explicit Client(const Options& options) {
     METRICS::g_metricsLogLevel = 4;
-    client_.Init(new Configer(options.interval), new Vendor(options.socket), nullptr, options.core);
+    client_.Init(new StaticConfiger({options.interval}), new StaticVendor({options.socket}), nullptr,
+                 options.core);
     METRICS::MetricRegistryCfg cfg;
     cfg.tenant = "bench";
     cfg.prefix = "app";

@@ -19,7 +19,7 @@ namespace tidegate {
 /// that `Init` is given; the client deletes it. An illegal tag gives a Warn line for each registry
 /// that is made with it, and travels as it is. The operations that the library does not call
 /// answer as on a plain machine.
-class StaticVendor : public VendorInterface {
+class StaticVendor : public PlainVendor {
   class Nothing {
     Nothing() = default;
   };
@@ -27,35 +27,30 @@ class StaticVendor : public VendorInterface {
  public:
   struct Options {
     /// The agent's Unix domain socket, at most 107 bytes.
-    std::string socket_path = "/opt/tmp/sock/metric_seqpacket.sock";
+    std::string socket_path = kSocketPath;
     std::vector<MetricTag> tags = {};          ///< on all metrics; nothing overrides them
     std::vector<MetricTag> default_tags = {};  ///< on metrics whose registry lacks the key
     std::string service = {};   ///< identity; goes before the project of the settings
     bool self_monitor = false;  ///< report the library's own metrics
   };
 
-  StaticVendor() = default;
+  StaticVendor() : StaticVendor(Options{}) {}
   /// `StaticVendor({})`, which could as well mean a copy: the defaults.
-  explicit StaticVendor(std::initializer_list<Nothing> /*none*/) {}
-  explicit StaticVendor(Options options) : options_(std::move(options)) {}
+  explicit StaticVendor(std::initializer_list<Nothing> /*none*/) : StaticVendor() {}
+  explicit StaticVendor(Options options)
+      : PlainVendor(std::move(options.tags), std::move(options.default_tags)),
+        socket_path_(std::move(options.socket_path)),
+        service_(std::move(options.service)),
+        self_monitor_(options.self_monitor) {}
 
-  bool Initialized() override { return true; }
-  void Init() override {}
-  bool Check(std::vector<std::string> /*values*/) override { return true; }
-  int GetRunEnv() override { return 0; }
-  std::vector<MetricTag>& ImmutableTags() override { return options_.tags; }
-  std::vector<MetricTag>& RewritableTags() override { return options_.default_tags; }
-  std::vector<std::string> TagKeys() override { return {}; }
-  std::string GetIDC() override { return {}; }
-  std::string GetPSM() override { return options_.service; }
-  bool HasConfiger() override { return false; }
-  std::string GetConfigerUrl() override { return {}; }
-  std::string GetSenderOutPath() override { return options_.socket_path; }
-  int GetSenderOutType() override { return 0; }
-  bool EnableMonitor() override { return options_.self_monitor; }
+  std::string GetPSM() override { return service_; }
+  std::string GetSenderOutPath() override { return socket_path_; }
+  bool EnableMonitor() override { return self_monitor_; }
 
  private:
-  Options options_;
+  std::string socket_path_;
+  std::string service_;
+  bool self_monitor_;
 };
 
 }  // namespace tidegate

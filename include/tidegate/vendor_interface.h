@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tidegate/metric_tag.h"
@@ -53,6 +54,39 @@ class VendorInterface {
   /// Whether the library is to report its own metrics; `CoreInitCfg::force_self_monitor` goes
   /// before it.
   virtual bool EnableMonitor() = 0;
+};
+
+/// The answers of a plain machine with a local agent: no identity, no self monitoring, and the tags
+/// that it was made with. Base of `METRICS::DummyVendor` and `StaticVendor`.
+///
+/// Constant after construction, and so safe from any thread.
+class PlainVendor : public VendorInterface {
+ public:
+  static constexpr char kSocketPath[] = "/opt/tmp/sock/metric_seqpacket.sock";
+
+  bool Initialized() override { return true; }
+  void Init() override {}
+  bool Check(std::vector<std::string> /*values*/) override { return true; }
+  int GetRunEnv() override { return 0; }
+  std::vector<MetricTag>& ImmutableTags() override { return immutable_tags_; }
+  std::vector<MetricTag>& RewritableTags() override { return rewritable_tags_; }
+  std::vector<std::string> TagKeys() override { return {}; }
+  std::string GetIDC() override { return {}; }
+  std::string GetPSM() override { return {}; }
+  bool HasConfiger() override { return false; }
+  std::string GetConfigerUrl() override { return {}; }
+  std::string GetSenderOutPath() override { return kSocketPath; }
+  int GetSenderOutType() override { return 0; }
+  bool EnableMonitor() override { return false; }
+
+ protected:
+  PlainVendor() = default;
+  PlainVendor(std::vector<MetricTag> immutable_tags, std::vector<MetricTag> rewritable_tags)
+      : immutable_tags_(std::move(immutable_tags)), rewritable_tags_(std::move(rewritable_tags)) {}
+
+ private:
+  std::vector<MetricTag> immutable_tags_;
+  std::vector<MetricTag> rewritable_tags_;
 };
 
 }  // namespace tidegate

@@ -40,27 +40,7 @@ struct CoreInitCfg {
 
 /// The vendor of a plain machine with a local agent: no tags, no identity, and the agent's socket
 /// at "/opt/tmp/sock/metric_seqpacket.sock".
-class METRICS_API DummyVendor : public tidegate::VendorInterface {
- public:
-  bool Initialized() override { return true; }
-  void Init() override {}
-  bool Check(std::vector<std::string> /*values*/) override { return true; }
-  int GetRunEnv() override { return 0; }
-  std::vector<tidegate::MetricTag>& ImmutableTags() override { return immutable_tags_; }
-  std::vector<tidegate::MetricTag>& RewritableTags() override { return rewritable_tags_; }
-  std::vector<std::string> TagKeys() override { return {}; }
-  std::string GetIDC() override { return {}; }
-  std::string GetPSM() override { return {}; }
-  bool HasConfiger() override { return false; }
-  std::string GetConfigerUrl() override { return {}; }
-  std::string GetSenderOutPath() override { return "/opt/tmp/sock/metric_seqpacket.sock"; }
-  int GetSenderOutType() override { return 0; }
-  bool EnableMonitor() override { return false; }
-
- private:
-  std::vector<tidegate::MetricTag> immutable_tags_;
-  std::vector<tidegate::MetricTag> rewritable_tags_;
-};
+class METRICS_API DummyVendor : public tidegate::PlainVendor {};
 
 /// The discovery of a plain machine: the agent listens on 127.0.0.1 port 9867.
 class METRICS_API DummyServiceDiscovery : public tidegate::ServiceDiscoveryBase {
