@@ -36,5 +36,6 @@ set(TIDEGATE_PUBLIC_HEADERS
     src/util/metric_lock.h
     src/util/metric_log_level.h
     src/util/short_text.h
+    src/util/taken_entries.h
     src/util/thread_slot.h
     src/util/visible_readers.h)

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <utility>
 
+#include "metrics/series_items.h"
 #include "support/agent_socket.h"
 #include "support/environment.h"
 

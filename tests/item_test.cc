@@ -3,6 +3,7 @@
 #include <clocale>
 
 #include "metrics/impl/metric_multi_field_impl.h"
+#include "metrics/series_items.h"
 #include "support/environment.h"
 
 namespace METRICS {

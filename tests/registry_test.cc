@@ -275,7 +275,7 @@ TEST_F(NamesakesTest, OneWithOtherTagsIsRefusedUntilTheFirstHasGone) {
 class WatchedCollector final : public MetricCollectorBase {
  public:
   using MetricCollectorBase::MetricCollectorBase;
-  SeriesRemains TakeAll() override {
+  TakenEntries TakeAll() override {
     return {this, [](void* self) {
               auto& look = static_cast<WatchedCollector*>(self)->at_death;
               if (look) std::exchange(look, nullptr)();

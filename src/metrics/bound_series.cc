@@ -11,6 +11,7 @@
 #include "metrics/metric_collector_item.h"
 #include "metrics/metric_data.h"
 #include "metrics/metric_histogram.h"
+#include "metrics/series_items.h"
 #include "util/event_counter.h"
 #include "util/fork_guard.h"
 #include "util/metric_lock.h"

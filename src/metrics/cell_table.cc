@@ -40,8 +40,8 @@ void CellTable::Add(Entry entry) {
   more_->entries.push_back(std::move(entry));
   if (Size() > kSearched) {
     try {
-      for (size_t place = more_->index.size(); place < Size(); ++place) {
-        more_->index.emplace((*this)[place].name, place);
+      for (size_t i = more_->index.size(); i < Size(); ++i) {
+        more_->index.emplace((*this)[i].name, i);
       }
     } catch (...) {  // a cell that is not in the index would be made again
       more_->entries.pop_back();

@@ -16,6 +16,13 @@ namespace METRICS {
 using CellPtr = std::shared_ptr<MetricBasicData>;
 using CellMap = std::unordered_map<std::string, CellPtr>;
 
+/// A cell as the flush walks it. The name is a copy: the item may move its own meanwhile.
+struct CellRef {
+  std::string name;
+  MetricBasicData* cell = nullptr;  ///< good for as long as its item lives
+  MetricsType type = MetricsType::kUnknown;
+};
+
 /// The cells of one series by name, in the order in which they were made. Cells are added, and
 /// stay.
 ///
@@ -30,7 +37,7 @@ class CellTable {
     std::string name;
   };
 
-  /// The cell of `name`, or null. Looks first where the caller expects it: at place `likely`.
+  /// The cell of `name`, or null. Looks first where the caller expects it: at index `likely`.
   const Entry* Find(const std::string& name, size_t likely) const {
     if (likely < Size() && SameText((*this)[likely].name, name)) {
       return &(*this)[likely];
@@ -43,8 +50,8 @@ class CellTable {
   size_t Size() const {
     return more_ != nullptr ? 1 + more_->entries.size() : first_.cell != nullptr ? 1 : 0;
   }
-  const Entry& operator[](size_t place) const {
-    return place == 0 ? first_ : more_->entries[place - 1];
+  const Entry& operator[](size_t index) const {
+    return index == 0 ? first_ : more_->entries[index - 1];
   }
   CellMap ToMap() const;
   /// Bytes of names and pointers, as the statistics count them.
@@ -58,7 +65,7 @@ class CellTable {
 
   struct More {
     std::vector<Entry> entries;
-    std::unordered_map<std::string, size_t> index;  ///< places by name; empty up to `kSearched`
+    std::unordered_map<std::string, size_t> index;  ///< by name; empty up to `kSearched`
   };
 
   const Entry* Search(const std::string& name) const;

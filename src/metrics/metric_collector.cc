@@ -7,6 +7,7 @@
 #include "metrics/metric.h"
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_configer.h"
+#include "metrics/series_items.h"
 #include "util/metric_log.h"
 #include "util/metric_size_limits.h"
 #include "util/metric_string_util.h"
@@ -60,9 +61,9 @@ std::shared_ptr<MetricCollectorItem> MetricCollectorBase::GetOrCreateOf(
   return GetOrCreate(tag_values);
 }
 
-SeriesRemains MetricCollectorBase::TakeAll() {
+TakenEntries MetricCollectorBase::TakeAll() {
   Clear();
-  return NoRemains();
+  return NoEntries();
 }
 
 unsigned long MetricCollectorBase::CountCells() {
@@ -130,7 +131,7 @@ ReturnCode HashMapCollector::Clear() {
   return ReturnCode::kOk;
 }
 
-SeriesRemains HashMapCollector::TakeAll() { return series_->TakeAll<DropItem>(); }
+TakenEntries HashMapCollector::TakeAll() { return series_->TakeAll<DropItem>(); }
 
 void HashMapCollector::Erase(const std::vector<std::string>& tag_values) {
   EraseSeriesIf(tag_values, [](const MetricCollectorItem& /*item*/) { return true; });

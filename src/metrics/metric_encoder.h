@@ -12,6 +12,7 @@
 #include "codec/tag_kv.h"
 #include "metrics/metric_collector.h"
 #include "metrics/metric_packet.h"
+#include "metrics/series_items.h"
 #include "util/metric_common.h"
 
 namespace METRICS {

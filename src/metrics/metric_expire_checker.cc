@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "metrics/metric_client.h"
+#include "metrics/series_items.h"
 #include "util/fork_guard.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"

@@ -156,7 +156,7 @@ ReturnCode MetricRegistry::GetMetric(Metric*& metric, std::string name) {
 
 void MetricRegistry::Retire(const std::shared_ptr<Metric>& metric, Removed& removed) {
   removed.metrics.push_back(metric);
-  removed.series.push_back(NoRemains());
+  removed.series.push_back(NoEntries());
   // Its tag names stay: a thread of the library may be past the state gate and read them.
   metric->impl_->state_.store(MetricState::SHUTDOWN, std::memory_order_relaxed);
   removed.series.back() = metric->impl_->LeaveCollector();

@@ -3,8 +3,8 @@
 #include <memory>
 #include <vector>
 
-#include "metrics/metric_collector.h"
 #include "metrics/metric_registry.h"
+#include "util/taken_entries.h"
 
 namespace METRICS {
 
@@ -14,7 +14,7 @@ namespace METRICS {
 struct Removed {
   std::vector<std::shared_ptr<MetricRegistry>> registries;
   std::vector<std::shared_ptr<Metric>> metrics;
-  std::vector<SeriesRemains> series;
+  std::vector<TakenEntries> series;
 };
 
 }  // namespace METRICS

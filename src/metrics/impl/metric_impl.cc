@@ -12,6 +12,7 @@
 #include "metrics/metric_collector.h"
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_registry.h"
+#include "metrics/tag_value_refs.h"
 #include "util/metric_log.h"
 #include "util/metric_size_limits.h"
 #include "util/metric_string_util.h"
@@ -118,16 +119,16 @@ void MetricImpl::TellNamesakes(const Metric& other, bool shared) const {
                    shared ? "they share their series" : "its emissions are refused");
 }
 
-SeriesRemains MetricImpl::TakeSeries() {
+TakenEntries MetricImpl::TakeSeries() {
   return collector_ == nullptr || collector_factory_->OthersInService(*this, *collector_)
-             ? NoRemains()
+             ? NoEntries()
              : collector_->TakeAll();
 }
 
-SeriesRemains MetricImpl::LeaveCollector() {
+TakenEntries MetricImpl::LeaveCollector() {
   return joined_.exchange(false) && collector_factory_->Leave(*this, *collector_)
              ? collector_->TakeAll()
-             : NoRemains();
+             : NoEntries();
 }
 
 MetricImpl::ItemPtr MetricImpl::GetOrCreate(const std::vector<std::string>& tag_values) {

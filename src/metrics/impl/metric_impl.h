@@ -14,6 +14,7 @@
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
 #include "util/metric_export.h"
+#include "util/taken_entries.h"
 
 namespace METRICS {
 
@@ -82,9 +83,9 @@ class METRICS_API MetricImpl {
                       lattice_kit::codec::Pack& out) const;
 
   /// Takes the series out of the collector, unless another metric in service has them too.
-  SeriesRemains TakeSeries();
+  TakenEntries TakeSeries();
   /// The same at the end: the collector leaves the factory, unless another metric has it too.
-  SeriesRemains LeaveCollector();
+  TakenEntries LeaveCollector();
   /// What series of this metric are counted on, if it is another metric.
   const std::shared_ptr<Metric>& CollectorOwner() const { return collector_owner_; }
 

@@ -1,0 +1,365 @@
+#include "metrics/series_items.h"
+
+#include <utility>
+
+#include "metrics/cell_kinds.h"
+#include "metrics/impl/metric_multi_field_impl.h"
+#include "metrics/metric.h"
+#include "metrics/metric_histogram.h"
+#include "metrics/metric_registry.h"
+#include "util/fork_guard.h"
+#include "util/metric_log.h"
+#include "util/metric_string_util.h"
+
+namespace METRICS {
+namespace {
+
+unsigned short BucketsOf(const std::vector<double>& bounds) {
+  return static_cast<unsigned short>(bounds.size());
+}
+
+/// A value into a cell of its type that is no histogram.
+void EmitNumber(MetricBasicData& cell, const MetricFieldValue& value) {
+  if (value.is_integer) {
+    cell.Emit(value.value.integer);
+  } else {
+    cell.Emit(value.value.real);
+  }
+}
+
+/// A value into a histogram cell.
+void EmitSampleValue(MetricBasicData& cell, const MetricFieldValue& value,
+                     const std::vector<double>& bounds) {
+  if (value.is_integer) {
+    EmitSample(cell, value.value.integer, bounds);
+  } else {
+    EmitSample(cell, value.value.real, bounds);
+  }
+}
+
+/// Adds the point of the interval before to `row`, for a field whose columns end before `end`.
+void AppendPrevious(MetricsType type, uint32_t end, double prev_value, MultiFieldSendRes& row) {
+  const uint32_t width = KindOf(type).previous;
+  for (uint32_t i = 0; i < width; ++i) {
+    row.prev_fields.push_back(end - width + i);
+    row.prev_values.push_back(i == 0 ? prev_value : 0.0);
+  }
+}
+
+/// Gives `found` in `cell` if it takes values of type `type`.
+ReturnCode CellOfType(MetricsType type, const CellPtr& found, CellPtr& cell) {
+  if (found->Type() != type) {
+    return ReturnCode::kInvalidMetricType;
+  }
+  cell = found;
+  return ReturnCode::kOk;
+}
+
+}  // namespace
+
+MetricSuffixArray::~MetricSuffixArray() {
+  if (InForkTeardown() && rwlock_.ReinitAfterFork()) {
+    Abandon(suffixes_);
+  }
+}
+
+ReturnCode MetricSuffixArray::Emit(std::vector<MetricFieldValue>&& values) {
+  return Emit(std::as_const(values));
+}
+
+ReturnCode MetricSuffixArray::Emit(const std::vector<MetricFieldValue>& values) {
+  const auto emit = [&]() __attribute__((always_inline)) {
+    for (size_t i = 0; i < values.size(); ++i) {
+      if (EmitToKnown(values[i], i)) {
+        continue;
+      }
+      const ReturnCode code = EmitToNew(values[i]);
+      if (code != ReturnCode::kOk) {
+        return code;
+      }
+    }
+    MarkUpdated(values.size());
+    return ReturnCode::kOk;
+  };
+  return IsHidden() ? EmitHidden(emit) : emit();
+}
+
+ReturnCode MetricSuffixArray::Emit(const MetricFieldValue& value) {
+  const auto emit = [&]() __attribute__((always_inline)) {
+    const ReturnCode code = EmitToKnown(value, 0) ? ReturnCode::kOk : EmitToNew(value);
+    if (code == ReturnCode::kOk) {
+      MarkUpdated(1);
+    }
+    return code;
+  };
+  return IsHidden() ? EmitHidden(emit) : emit();
+}
+
+bool MetricSuffixArray::EmitToKnown(const MetricFieldValue& value, size_t index) {
+  const FastReadGuard guard(rwlock_);
+  const CellTable::Entry* const found = suffixes_.Find(value.name, index);
+  if (found == nullptr) {
+    return false;
+  }
+  DoEmit(*found, value);
+  return true;
+}
+
+ReturnCode MetricSuffixArray::EmitToNew(const MetricFieldValue& value) {
+  const WriteGuard guard(rwlock_);
+  const ReturnCode code = EnsureSuffix(value.name, value.type);
+  if (code != ReturnCode::kOk) {
+    metric_->emit_fail_.fetch_add(1, std::memory_order_relaxed);
+    METRICS_LOG_CODE(code);
+    return code;
+  }
+  DoEmit(*suffixes_.Find(value.name, 0), value);
+  return ReturnCode::kOk;
+}
+
+ReturnCode MetricSuffixArray::FindCell(const std::string& name, MetricsType type, CellPtr& cell) {
+  const WriteGuard guard(rwlock_);
+  const ReturnCode code = EnsureSuffix(name, type);
+  if (code != ReturnCode::kOk) {
+    return code;
+  }
+  return CellOfType(type, suffixes_.Find(name, 0)->cell, cell);
+}
+
+ReturnCode MetricSuffixArray::EnsureSuffix(const std::string& name, const MetricsType& type) {
+  // Another thread may have made it since the caller looked.
+  return suffixes_.Find(name, 0) != nullptr ? ReturnCode::kOk : CreateSuffix(name, type);
+}
+
+ReturnCode MetricSuffixArray::CreateSuffix(const std::string& name, const MetricsType& type) {
+  if (!IsValidKeyOrEmpty(name)) {
+    METRICS_LOG_CODE(ReturnCode::kInvalidString);
+    return ReturnCode::kInvalidString;
+  }
+  const unsigned short buckets =
+      type == MetricsType::kHistogram ? BucketsOf(metric_->GetHistogram()) : 0;
+  suffixes_.Set(name,
+                CreateData(type, metric_->use_ckms_.load(std::memory_order_relaxed), buckets));
+  metric_->cache_mem_.fetch_add(name.size() + CellTable::kPointerBytes, std::memory_order_relaxed);
+  metric_->cache_series_.fetch_add(1, std::memory_order_relaxed);
+  METRICS_LOG_DEBUG("Create Suffix: name[%s] type[%s] in metric[%s]\n", name.c_str(),
+                    CovMetricTypeToStr(type), metric_->name_.c_str());
+  return ReturnCode::kOk;
+}
+
+void MetricSuffixArray::DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value) {
+  const MetricsType type = entry.type;
+  if (value.type != type) {
+    METRICS_LOG_WARN("Suffix: %s type mismatch[pre: %d cur: %d]\n", value.name.c_str(),
+                     static_cast<int>(type), static_cast<int>(value.type));
+    return;
+  }
+  if (type == MetricsType::kHistogram) {
+    EmitSampleValue(*entry.cell, value, metric_->GetHistogram());
+  } else {
+    EmitNumber(*entry.cell, value);
+  }
+}
+
+CellMap MetricSuffixArray::Fields() {
+  const ReadGuard guard(rwlock_);
+  return suffixes_.ToMap();
+}
+
+size_t MetricSuffixArray::Size() {
+  const FastReadGuard guard(rwlock_);
+  return suffixes_.Size();
+}
+
+size_t MetricSuffixArray::MemSize() {
+  const FastReadGuard guard(rwlock_);
+  return suffixes_.MemSize();
+}
+
+void MetricSuffixArray::ListCells(std::vector<CellRef>& cells) {
+  const ReadGuard guard(rwlock_);
+  cells.resize(suffixes_.Size());
+  for (size_t i = 0; i < cells.size(); ++i) {
+    const CellTable::Entry& entry = suffixes_[i];
+    cells[i].name = entry.name;
+    cells[i].cell = entry.cell.get();
+    cells[i].type = entry.type;
+    __builtin_prefetch(cells[i].cell, 1);
+  }
+}
+
+MetricFieldArray::MetricFieldArray(Metric* metric, const int& tag_hash,
+                                   const std::string& encoded_tags)
+    : MetricCollectorItem(metric, tag_hash, encoded_tags) {
+  CreateField(metric->GetFieldInfo(), metric);
+  field_count_ = fields_.Size();
+}
+
+void MetricFieldArray::CreateField(const std::vector<MetricFieldInfo>& fields,
+                                   Metric* const& metric) {
+  const bool use_ckms = metric->use_ckms_.load(std::memory_order_relaxed);
+  for (const MetricFieldInfo& field : fields) {
+    fields_.Set(field.name, CreateData(field.type, use_ckms, BucketsOf(field.bounds)));
+    metric->cache_mem_.fetch_add(field.name.size() + CellTable::kPointerBytes,
+                                 std::memory_order_relaxed);
+    METRICS_LOG_DEBUG("Create Field: name[%s] type[%s] in metric[%s]\n", field.name.c_str(),
+                      CovMetricTypeToStr(field.type), metric->name_.c_str());
+  }
+  metric->cache_series_.fetch_add(1, std::memory_order_relaxed);
+}
+
+ReturnCode MetricFieldArray::Emit(std::vector<MetricFieldValue>&& values) {
+  return Emit(std::as_const(values));
+}
+
+ReturnCode MetricFieldArray::Emit(const std::vector<MetricFieldValue>& values) {
+  const auto emit = [&]() __attribute__((always_inline)) {
+    if (RefuseMoreThanFields(values.size())) {
+      return ReturnCode::kInvalidParamNumber;
+    }
+    for (size_t i = 0; i < values.size(); ++i) {
+      EmitToField(values[i], i);
+    }
+    MarkUpdated(1);
+    return ReturnCode::kOk;
+  };
+  return IsHidden() ? EmitHidden(emit) : emit();
+}
+
+ReturnCode MetricFieldArray::Emit(const MetricFieldValue& value) {
+  const auto emit = [&]() __attribute__((always_inline)) {
+    if (RefuseMoreThanFields(1)) {
+      return ReturnCode::kInvalidParamNumber;
+    }
+    EmitToField(value, 0);
+    MarkUpdated(1);
+    return ReturnCode::kOk;
+  };
+  return IsHidden() ? EmitHidden(emit) : emit();
+}
+
+bool MetricFieldArray::RefuseMoreThanFields(size_t count) {
+  if (count <= field_count_) {
+    return false;
+  }
+  metric_->emit_fail_.fetch_add(1, std::memory_order_relaxed);
+  return true;
+}
+
+void MetricFieldArray::EmitToField(const MetricFieldValue& value, size_t index) {
+  const CellTable::Entry* const found = fields_.Find(value.name, index);
+  if (found == nullptr) {
+    METRICS_LOG_WARN("Error Field Name: %s\n", value.name.c_str());
+    return;
+  }
+  DoEmit(*found, value);
+}
+
+ReturnCode MetricFieldArray::FindCell(const std::string& name, MetricsType type, CellPtr& cell) {
+  const CellTable::Entry* const found = fields_.Find(name, 0);
+  return found == nullptr ? ReturnCode::kObjectNotExisted : CellOfType(type, found->cell, cell);
+}
+
+void MetricFieldArray::DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value) {
+  const MetricsType type = entry.type;
+  if (value.type != type) {
+    METRICS_LOG_WARN("Field: %s type mismatch[pre: %d cur: %d]\n", value.name.c_str(),
+                     static_cast<int>(type), static_cast<int>(value.type));
+    return;
+  }
+  if (type == MetricsType::kHistogram) {
+    EmitSampleValue(*entry.cell, value, FindHistogram(value.name, metric_->GetFieldInfo()));
+  } else {
+    EmitNumber(*entry.cell, value);
+  }
+}
+
+ReturnCode MetricFieldArray::EmitMap(const std::unordered_map<std::string, double>& values) {
+  const auto emit = [&]() __attribute__((always_inline)) {
+    for (const auto& [name, number] : values) {
+      const CellTable::Entry* const found = fields_.Find(name, 0);
+      if (found == nullptr) {
+        continue;
+      }
+      MetricBasicData& cell = *found->cell;
+      if (found->type == MetricsType::kHistogram) {
+        EmitSample(cell, number, FindHistogram(name, metric_->GetFieldInfo()));
+      } else {
+        cell.Emit(number);
+      }
+    }
+    MarkUpdated(1);
+    return ReturnCode::kOk;
+  };
+  return IsHidden() ? EmitHidden(emit) : emit();
+}
+
+CellMap MetricFieldArray::Fields() { return fields_.ToMap(); }
+
+size_t MetricFieldArray::MemSize() { return fields_.MemSize(); }
+
+MultiFieldSendRes MetricFieldArray::Send(const std::vector<MetricFieldInfo>& fields) {
+  MultiFieldSendRes row;
+  Drain(fields, row);
+  return row;
+}
+
+void MetricFieldArray::Drain(const std::vector<MetricFieldInfo>& fields, MultiFieldSendRes& row) {
+  const auto interval = static_cast<unsigned int>(metric_->registry_->FlushInterval());
+  row.Clear();
+  uint32_t column = 0;
+  for (const MetricFieldInfo& field : fields) {
+    if (!field.reports) {
+      column += KindOf(field.type).Numbers(field.bounds.size());
+      continue;
+    }
+    const size_t index = static_cast<size_t>(&field - fields.data());
+    const SendRes res = fields_.Find(field.name, index)->cell->Send(interval);
+    if (res.values.empty()) {
+      column += res.field_width;  // a quiet field keeps its columns
+      continue;
+    }
+    for (const double value : res.values) {
+      row.value_fields.push_back(column++);
+      row.values.push_back(value);
+    }
+    if (res.need_prev) {
+      AppendPrevious(field.type, column, res.prev_value, row);
+    }
+  }
+}
+
+MetricCompatibleItem::MetricCompatibleItem(Metric* metric, const int& tag_hash,
+                                           const std::string& encoded_tags)
+    : MetricCollectorItem(metric, tag_hash, encoded_tags),
+      data_(CreateData(metric->compatible_type_.load(),
+                       metric->use_ckms_.load(std::memory_order_relaxed), 0)) {
+  metric->cache_mem_.fetch_add(CellTable::kPointerBytes, std::memory_order_relaxed);
+  METRICS_LOG_DEBUG("Create CompatibleItem: type[%s] in metric[%s]\n",
+                    CovMetricTypeToStr(metric->compatible_type_.load()), metric->name_.c_str());
+}
+
+ReturnCode MetricCompatibleItem::Emit(double& value) {
+  const auto emit = [&]() __attribute__((always_inline)) {
+    data_->Emit(std::as_const(value));
+    MarkUpdated(1);
+    return ReturnCode::kOk;
+  };
+  return IsHidden() ? EmitHidden(emit) : emit();
+}
+
+const std::vector<double>& FindHistogram(const std::string& name,
+                                         const std::vector<MetricFieldInfo>& fields) {
+  for (const MetricFieldInfo& field : fields) {
+    if (field.name == name) {
+      return field.bounds;
+    }
+  }
+  return Metric::NoopHistogram();
+}
+
+bool CheckExpire(const std::shared_ptr<MetricCollectorItem>& item, const long& now) {
+  return item->IsIdle(now);
+}
+
+}  // namespace METRICS

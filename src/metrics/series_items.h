@@ -1,0 +1,140 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "metrics/cell_table.h"
+#include "metrics/metric_collector_item.h"
+#include "metrics/metric_method.h"
+#include "util/metric_common.h"
+#include "util/metric_error_code.h"
+#include "util/metric_lock.h"
+
+namespace METRICS {
+
+class Metric;
+struct MetricFieldInfo;
+
+/// The item of ordinary metrics: its cells appear on first sight, one per suffix.
+///
+/// The type that a suffix is first emitted with stays; values of another type are dropped with a
+/// Warn line. Emitting on known suffixes takes the item's read lock once per value and allocates
+/// nothing.
+class MetricSuffixArray final : public MetricCollectorItem {
+ public:
+  MetricSuffixArray(Metric* metric, const int& tag_hash, const std::string& encoded_tags)
+      : MetricCollectorItem(metric, tag_hash, encoded_tags) {}
+  ~MetricSuffixArray() override;
+
+  using MetricCollectorItem::Emit;
+  // The temporary's form is overridden too: it saves a second virtual call.
+  /// 0, or the code of the first value whose suffix was refused: the values before it are
+  /// emitted then, the ones after it are not.
+  ReturnCode Emit(std::vector<MetricFieldValue>&& values) override;
+  ReturnCode Emit(const std::vector<MetricFieldValue>& values) override;
+  CellMap Fields() override;
+  size_t Size() override;
+  size_t MemSize() override;
+  MetricCoItemType Type() override { return MetricCoItemType::kCoItemSuffix; }
+  ReturnCode Emit(const MetricFieldValue& value) override;
+  ReturnCode FindCell(const std::string& name, MetricsType type, CellPtr& cell) override;
+  void ListCells(std::vector<CellRef>& cells) override;
+
+ private:
+  /// False when there is no cell for the value's suffix yet. `index` is that of the value in its
+  /// list: callers mostly emit the same suffixes in the same order.
+  bool EmitToKnown(const MetricFieldValue& value, size_t index);
+  ReturnCode EmitToNew(const MetricFieldValue& value);
+  /// Makes the suffix if it is not there.
+  ReturnCode EnsureSuffix(const std::string& name, const MetricsType& type)
+      METRICS_REQUIRES(rwlock_);
+  ReturnCode CreateSuffix(const std::string& name, const MetricsType& type)
+      METRICS_REQUIRES(rwlock_);
+  void DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value);
+
+  /// A cell is never replaced or removed while the item lives. Ahead of the lock, whose first bytes
+  /// are all that an emission reads of it: they then share a cache line.
+  CellTable suffixes_ METRICS_GUARDED_BY(rwlock_);
+  BiasedRwLock rwlock_;
+};
+
+/// What `MetricFieldArray::Send` reports of one interval: numbers with the columns they belong to.
+struct MultiFieldSendRes {
+  void Clear() {
+    values.clear();
+    prev_values.clear();
+    value_fields.clear();
+    prev_fields.clear();
+  }
+
+  std::vector<double> values;
+  std::vector<double> prev_values;  ///< of the interval before, for fields that ask for them
+  std::vector<uint32_t> value_fields;
+  std::vector<uint32_t> prev_fields;
+};
+
+/// The item of a metric with a row of declared fields, one cell per field name.
+///
+/// The cells are made with the item and never change, so nothing here takes a lock. A value for
+/// an unknown field or of another type than declared is dropped with a Warn line.
+class MetricFieldArray final : public MetricCollectorItem {
+ public:
+  MetricFieldArray(Metric* metric, const int& tag_hash, const std::string& encoded_tags);
+
+  using MetricCollectorItem::Emit;
+  /// 0, or 54 when there are more values than fields: none is emitted then.
+  ReturnCode Emit(std::vector<MetricFieldValue>&& values) override;
+  ReturnCode Emit(const std::vector<MetricFieldValue>& values) override;
+  /// Unknown names are ignored, types are not checked. Always 0.
+  ReturnCode EmitMap(const std::unordered_map<std::string, double>& values) override;
+  CellMap Fields() override;
+  /// 1: a row counts as one, however many fields it has.
+  size_t Size() override { return 1; }
+  size_t MemSize() override;
+  MetricCoItemType Type() override { return MetricCoItemType::kCoItemField; }
+  ReturnCode Emit(const MetricFieldValue& value) override;
+  ReturnCode FindCell(const std::string& name, MetricsType type, CellPtr& cell) override;
+
+  /// Drains all cells in the order of `fields`, the metric's declaration. On the flush thread.
+  MultiFieldSendRes Send(const std::vector<MetricFieldInfo>& fields);
+  /// The same into a row that keeps its memory from call to call.
+  void Drain(const std::vector<MetricFieldInfo>& fields, MultiFieldSendRes& row);
+
+ private:
+  void CreateField(const std::vector<MetricFieldInfo>& fields, Metric* const& metric);
+  bool RefuseMoreThanFields(size_t count);
+  /// Drops a value that names no field. `index` is where it is expected.
+  void EmitToField(const MetricFieldValue& value, size_t index);
+  void DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value);
+
+  CellTable fields_;
+  size_t field_count_ = 0;
+};
+
+/// The item of a compatible metric: one cell.
+class MetricCompatibleItem final : public MetricCollectorItem {
+ public:
+  MetricCompatibleItem(Metric* metric, const int& tag_hash, const std::string& encoded_tags);
+
+  using MetricCollectorItem::Emit;
+  ReturnCode Emit(double& value) override;
+  CellPtr Data() override { return data_; }
+  size_t Size() override { return 1; }
+  MetricCoItemType Type() override { return MetricCoItemType::kCoItemCompatible; }
+
+ private:
+  const CellPtr data_;
+};
+
+/// The bounds of the first field named `name`, or an empty list.
+const std::vector<double>& FindHistogram(const std::string& name,
+                                         const std::vector<MetricFieldInfo>& fields);
+
+/// Whether `item` has had no emission for more than 7200 seconds at second `now`.
+bool CheckExpire(const std::shared_ptr<MetricCollectorItem>& item, const long& now);
+
+}  // namespace METRICS
