@@ -85,8 +85,8 @@ TEST(DocsTest, NamedFilesExist) {
   const std::regex name(
       R"(\]\(([\w./]+)\)|`((?:bench|docs|examples|include|scripts|src|stress|tests|tools)/[\w./-]+)`)");
   for (const std::string document :
-       {"README.md", "DEVELOPERS.md", "CONTRIBUTING.md", "docs/design.md", "docs/errors.md",
-        "docs/guide.md", "docs/reliability.md"}) {
+       {"README.md", "CONTRIBUTING.md", "docs/design.md", "docs/errors.md", "docs/guide.md",
+        "docs/reliability.md"}) {
     const std::string text = ReadSourceFile(document);
     EXPECT_TRUE(std::regex_search(text, name)) << document;
     for (std::sregex_iterator it(text.begin(), text.end(), name), end; it != end; ++it) {
