@@ -1,12 +1,16 @@
 // Threads that come and go: what each has for itself is handed on, and nothing is lost by it.
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <mutex>
 #include <set>
 
 #include "metrics/bound_series.h"
 #include "support/environment.h"
+#include "util/fork_guard.h"
+#include "util/metric_clock_util.h"
+#include "util/stoppable_thread.h"
 #include "util/thread_slot.h"
 
 namespace METRICS {
@@ -107,6 +111,38 @@ TEST(ThreadSlotTest, TheLibrarysOwnThreadsTakeNone) {
   std::thread([&metric] { metric.WithTags({})->last_update_ = 0; }).join();
   EXPECT_TRUE(WaitFor([&metric] { return metric.impl_->GetSeriesCount() == 0; })) << "no expiry";
   EXPECT_EQ(SlotOfANewThread(), before);
+}
+
+struct Sleeper : StoppableThread {
+  void Start() {
+    StartThread("sleeper", [this] {
+      EnterThread("ms_sleeper");
+      state_ = MetricState::READY;
+      while (SyncMilliStepSleep(10, 5, state_)) {
+      }
+    });
+    WaitFor([this] { return Running(); });
+  }
+  using StoppableThread::StopThread;
+};
+
+TEST(StoppableThreadDeathTest, AStopJoinsTheThreadAndForgetsItInAForkedChild) {
+  Sleeper sleeper;
+  EXPECT_TRUE(sleeper.StopThread()) << "it was never started";
+  sleeper.Start();
+  char name[16] = {};
+  EXPECT_EQ(::pthread_getname_np(sleeper.thread_.native_handle(), name, sizeof(name)), 0);
+  EXPECT_STREQ(name, "ms_sleeper");
+  const auto stop_in_child = [&sleeper] {
+    const ForkTeardown teardown;
+    const bool joined = sleeper.StopThread();
+    ::_exit(!joined && !sleeper.thread_.joinable() ? 0 : 1);
+  };
+  GTEST_FLAG_SET(death_test_style, "fast");
+  EXPECT_EXIT(stop_in_child(), testing::ExitedWithCode(0), "");
+  EXPECT_TRUE(sleeper.StopThread());
+  EXPECT_EQ(sleeper.state_.load(), MetricState::SHUTDOWN);
+  EXPECT_FALSE(sleeper.thread_.joinable());
 }
 
 }  // namespace

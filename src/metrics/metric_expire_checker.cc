@@ -1,7 +1,5 @@
 #include "metrics/metric_expire_checker.h"
 
-#include <pthread.h>
-
 #include <ctime>
 
 #include "metrics/metric_client.h"
@@ -9,8 +7,6 @@
 #include "util/fork_guard.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
-#include "util/metric_thread.h"
-#include "util/thread_slot.h"
 #include "util/wait.h"
 #include "util/within_memory.h"
 
@@ -42,12 +38,11 @@ ReturnCode MetricExpireChecker::Start(const int& seconds) {
     METRICS_LOG_WARN("MetricExpireChecker start fialed, internal error with nullptr.\n");
     return ReturnCode::kNullptr;
   }
-  const ReturnCode code =
-      StartThread(thread_, "ms_expirer", [this, factory, interval = check_interval_] {
-        // The thread may be here before the store below.
-        WaitUntil([this] { return state_.load() != MetricState::INIT; });
-        DoCheck(factory, interval);
-      });
+  const ReturnCode code = StartThread("ms_expirer", [this, factory, interval = check_interval_] {
+    // The thread may be here before the store below.
+    WaitUntil([this] { return state_.load() != MetricState::INIT; });
+    DoCheck(factory, interval);
+  });
   if (code == ReturnCode::kOk) {
     state_.exchange(MetricState::READY);
   }
@@ -55,10 +50,8 @@ ReturnCode MetricExpireChecker::Start(const int& seconds) {
 }
 
 void MetricExpireChecker::DoCheck(std::shared_ptr<MetricCollectorFactory> factory, int interval) {
-  ::pthread_setname_np(::pthread_self(), "ms_expirer");
-  DoWithoutThreadSlot();
-  while (state_.load() == MetricState::READY &&
-         factory->state_.load(std::memory_order_relaxed) == MetricState::READY) {
+  EnterThread("ms_expirer");
+  while (Running() && factory->state_.load(std::memory_order_relaxed) == MetricState::READY) {
     const long now = ::time(nullptr);
     CollectorList collectors;
     const bool done = RunWithinMemory("ms_expirer", "a pass", [&] {
@@ -115,25 +108,17 @@ void MetricExpireChecker::DoClean(const CollectorPtr& collector, const long& now
 }
 
 void MetricExpireChecker::Exit() {
-  if (state_.load() != MetricState::READY) {
-    return;
-  }
-  state_.exchange(MetricState::SHUTDOWN);
-  if (thread_.joinable()) {
-    thread_.join();
+  if (Running()) {
+    StopThread();
   }
 }
 
 void MetricExpireChecker::AtFork() {
-  if (state_.load() != MetricState::READY) {
+  if (!Running()) {
     return;
   }
-  state_.exchange(MetricState::SHUTDOWN);
-  if (InForkTeardown()) {
-    Abandon(thread_);
+  if (!StopThread()) {
     Abandon(expired_);
-  } else if (thread_.joinable()) {
-    thread_.join();
   }
   client_ = nullptr;
 }

@@ -1,16 +1,14 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "metrics/metric_collector_factory.h"
-#include "util/metric_common.h"
 #include "util/metric_error_code.h"
+#include "util/stoppable_thread.h"
 
 namespace METRICS {
 
@@ -24,7 +22,7 @@ class MetricClient;
 /// Threads: `Start`, `Exit` and `AtFork` on the client's threads; the walker alone touches
 /// `expired_`. It holds no lock of its own and keeps an emission from a table for the removal of
 /// one key at most. A stop costs at most 5 ms and what is left of a pass.
-class MetricExpireChecker {
+class MetricExpireChecker : public StoppableThread {
  public:
   explicit MetricExpireChecker(MetricClient* client);
   ~MetricExpireChecker();
@@ -45,9 +43,7 @@ class MetricExpireChecker {
   /// For the child of a fork: forgets the thread.
   void AtFork();
 
-  MetricClient* client_;  ///< not owned
-  volatile std::atomic<MetricState> state_{MetricState::INIT};
-  std::thread thread_;
+  MetricClient* client_;           ///< not owned
   int32_t check_interval_ = 7200;  ///< milliseconds
 
  private:

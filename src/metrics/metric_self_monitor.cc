@@ -1,7 +1,5 @@
 #include "metrics/metric_self_monitor.h"
 
-#include <pthread.h>
-
 #include <utility>
 
 #include "metrics/metric.h"
@@ -14,9 +12,7 @@
 #include "util/fork_guard.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
-#include "util/metric_thread.h"
 #include "util/sdk_version.h"
-#include "util/thread_slot.h"
 #include "util/within_memory.h"
 
 namespace METRICS {
@@ -88,8 +84,8 @@ ReturnCode MetricSelfMonitor::Start() {
     return ReturnCode::kOk;
   }
   state_.exchange(MetricState::READY);
-  code = StartThread(thread_, "ms_monitor", &MetricSelfMonitor::ClickLoop, this,
-                     client_->metric_factory_, interval_);
+  code = StartThread("ms_monitor", &MetricSelfMonitor::ClickLoop, this, client_->metric_factory_,
+                     interval_);
   if (code != ReturnCode::kOk) {
     state_.store(MetricState::INIT);
     METRICS_LOG_CODE(code);
@@ -187,10 +183,9 @@ void MetricSelfMonitor::BindOwnSender() {
 }
 
 void MetricSelfMonitor::ClickLoop(std::shared_ptr<MetricFactory> factory, int interval) {
-  ::pthread_setname_np(::pthread_self(), "ms_monitor");
-  DoWithoutThreadSlot();
+  EnterThread("ms_monitor");
   const long heartbeat = 1;
-  while (state_.load() == MetricState::READY) {
+  while (Running()) {
     bool in_service = true;
     RunWithinMemory("ms_monitor", "a round", [&] {
       LogIfFailed(BindVersion());  // the series may have been erased meanwhile
@@ -241,13 +236,10 @@ std::shared_ptr<MetricBasicData> MetricSelfMonitor::InitSenderMonitorData(
 }
 
 void MetricSelfMonitor::Exit() {
-  if (state_.load() != MetricState::READY) {
+  if (!Running()) {
     return;
   }
-  state_.exchange(MetricState::SHUTDOWN);
-  if (thread_.joinable()) {
-    thread_.join();
-  }
+  StopThread();
   LogIfFailed(client_->metric_factory_->RemoveRegistry(kPrefix, kTenant));
   registry_ = nullptr;
   statistic_.version_data.reset();
@@ -259,14 +251,10 @@ void MetricSelfMonitor::Exit() {
 }
 
 void MetricSelfMonitor::AtFork() {
-  if (state_.load() == MetricState::READY) {
-    state_.exchange(MetricState::SHUTDOWN);
-    if (InForkTeardown()) {
-      Abandon(thread_);
+  if (Running()) {
+    if (!StopThread()) {
       Abandon(statistic_.version_data);
       Abandon(statistic_.version_item);
-    } else if (thread_.joinable()) {
-      thread_.join();
     }
     client_ = nullptr;
   }

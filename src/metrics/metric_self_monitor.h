@@ -4,13 +4,13 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "metrics/metric_collector_item.h"
 #include "tidegate/metric_tag.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
+#include "util/stoppable_thread.h"
 
 namespace METRICS {
 
@@ -29,7 +29,7 @@ class MetricRegistry;
 /// most 5 ms and what is left of a walk. Removal: these metrics stay in memory as long as this
 /// object, so that they may be removed or cleared at any moment; from then on it reports nothing,
 /// after one Warn line.
-class MetricSelfMonitor {
+class MetricSelfMonitor : public StoppableThread {
  public:
   /// What the loop and the senders write into. The metrics are set by `Start` and, but for
   /// `sender_latency`, cleared by `Exit`; flush threads read them meanwhile. The heartbeat's
@@ -74,8 +74,6 @@ class MetricSelfMonitor {
   /// Counts a failed send under the error's text.
   void EmitForSenderFial(const std::string& tenant, const std::string& status);
 
-  volatile std::atomic<MetricState> state_{MetricState::INIT};
-  std::thread thread_;
   Statistic statistic_;
   MetricRegistry* registry_ = nullptr;  ///< not owned
   MetricClient* client_;                ///< not owned

@@ -1,7 +1,6 @@
 #include "metrics/metric_sender.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -16,8 +15,6 @@
 #include "util/fork_guard.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
-#include "util/metric_thread.h"
-#include "util/thread_slot.h"
 #include "util/within_memory.h"
 
 namespace METRICS {
@@ -46,7 +43,7 @@ MetricSender::MetricSender(const std::string& tenant, MetricClient* client)
       encoder_(std::make_shared<MetricEncoder>(this, tenant)),
       monitor_enabled_(client->configer_->enable_monitor_) {
   // Last: the thread touches nothing virtual until a leaf class's `Init` lets it go.
-  StartThread(thread_, "ms_sender", &MetricSender::Send, this, tenant);
+  StartThread("ms_sender", &MetricSender::Send, this, tenant);
 }
 
 MetricSender::~MetricSender() { client_ = nullptr; }
@@ -60,8 +57,7 @@ int MetricSender::AdjustSleepStep(int interval_ms) {
 }
 
 void MetricSender::Send(std::string tenant) {
-  ::pthread_setname_np(::pthread_self(), "ms_sender");
-  DoWithoutThreadSlot();
+  EnterThread("ms_sender");
   if (collector_factory_ == nullptr) {
     METRICS_LOG_WARN("Sender[%s] start fialed, internal error with nullptr.\n", tenant.c_str());
     return;
@@ -229,26 +225,14 @@ void MetricSender::IdentifyEncoder() {
 }
 
 void MetricSender::ForgetParent() {
-  StopThread();
+  StopFlushing();
   // Not before the thread is gone: it reads it.
   client_ = nullptr;
 }
 
-void MetricSender::JoinThread() {
-  if (thread_.joinable()) {
-    thread_.join();
-  }
-}
-
-void MetricSender::StopThread() {
+void MetricSender::StopFlushing() {
   const bool interrupted = WorkInterrupted();
-  state_.store(MetricState::SHUTDOWN);
-  if (!InForkTeardown()) {
-    JoinThread();
-    return;
-  }
-  Abandon(thread_);
-  if (interrupted) {
+  if (!StopThread() && interrupted) {
     Abandon(encoder_);
   }
 }
@@ -268,7 +252,7 @@ void MetricSender::CloseSocket() {
 
 void MetricSender::Exit() {
   const auto start = steady_clock::now();
-  StopThread();
+  StopFlushing();
   CloseSocket();
   METRICS_LOG_WARN("MetricSender[%s] Exit, interval: %d, exit cost: %ldms\n", tenant_.c_str(),
                    interval_.load(), MillisSince(start));

@@ -4,12 +4,12 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "metrics/metric_collector_factory.h"
 #include "util/atomic_shared_ptr.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
+#include "util/stoppable_thread.h"
 
 namespace METRICS {
 
@@ -25,7 +25,7 @@ class MetricEncoderBase;
 /// polls it at least every 200 ms while it sleeps, and not at all while it flushes.
 /// A flush that overruns its period misses the boundaries that pass meanwhile; none is reported
 /// twice, and what the cells gathered goes out at the next one.
-class MetricSender {
+class MetricSender : public StoppableThread {
  public:
   /// What the sender reports on itself. The handles are bound by `InitStat`, stay null without self
   /// monitoring and are read by the flush thread; the counts are of the packet that is about to be
@@ -100,10 +100,7 @@ class MetricSender {
   MetricClient* client_;       ///< not owned
   std::shared_ptr<MetricCollectorFactory> collector_factory_;
   std::shared_ptr<MetricEncoderBase> encoder_;
-  /// READY, stored with release order by `Init`, publishes what `Init` has made.
-  volatile std::atomic<MetricState> state_{MetricState::INIT};
   WorkState work_state_ = WorkState::kIdle;
-  std::thread thread_;
   std::atomic<bool> monitor_enabled_;  ///< report on itself
   int32_t sock_ = -1;
   // For `MetricClient::DebugString`, which any thread may call.
@@ -115,9 +112,8 @@ class MetricSender {
   /// Keeps the socket out of programs that the service executes.
   void CloseOnExec() const;
   void CloseSocket();
-  /// Stops the thread and joins it, or abandons it where it does not exist, with what it was
-  /// changing.
-  void StopThread();
+  /// Stops the thread, or abandons it where it does not exist, with what it was changing.
+  void StopFlushing();
   /// Whether this is a fork's teardown, and a thread of the parent may have been changing what its
   /// `Init` or a flush changes.
   bool WorkInterrupted() const;
@@ -131,13 +127,11 @@ class MetricSender {
  private:
   void FetchTenantInterval(const std::string& tenant);
   void WarnOfIntervals(const std::string& tenant);
-  bool Running() const { return state_.load(std::memory_order_acquire) == MetricState::READY; }
   /// Sleeps to the next boundary and stores it in `flush_ts`, with a line if one was missed.
   bool SleepToBoundary(const std::string& tenant, int64_t& flush_ts, int& left_ms, int period_ms,
                        int step_ms);
   void Flush();
   void Loop(const std::string& tenant, int period_ms);
-  void JoinThread();
   void FlushRest();
 };
 

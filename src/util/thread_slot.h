@@ -37,8 +37,8 @@ inline uint32_t ThreadSlot() {
 /// The slot that this thread has already, or `kNoThreadSlot`.
 inline uint32_t TakenThreadSlot() { return thread_slot_internal::t_slot; }
 
-/// For threads of the library: leaves the slots to those of the service. REQUIRES: this thread has
-/// not asked for one.
+/// For threads of the library: leaves the slots to those of the service. A slot that this thread
+/// has already stays its own.
 void DoWithoutThreadSlot();
 
 /// Calls `visit(slot)` for each slot that a thread has. In the one order of all sequentially
