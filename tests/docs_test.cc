@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <filesystem>
 #include <regex>
 #include <sstream>
@@ -79,21 +80,57 @@ TEST(DocsTest, EveryReturnCodeHasItsRow) {
   }
 }
 
-TEST(DocsTest, NamedFilesExist) {
+std::vector<std::filesystem::path> Pages() {
   const std::filesystem::path root = TIDEGATE_SOURCE_DIR;
-  // Links, and paths in code spans; `src/metrics/metric` stands for a header and its source.
+  std::vector<std::filesystem::path> pages;
+  for (const std::filesystem::path& folder : {root, root / "docs"}) {
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+      if (entry.path().extension() == ".md") pages.push_back(entry.path().lexically_relative(root));
+    }
+  }
+  return pages;
+}
+
+// Whether `document` has the heading that links call `anchor`: its words in small letters, joined
+// by hyphens.
+bool HasHeading(const std::string& document, const std::string& anchor) {
+  std::istringstream lines(document);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind('#', 0) != 0) continue;
+    std::string words;
+    for (const char c : line.substr(line.find(' ') + 1)) {
+      const auto byte = static_cast<unsigned char>(c);
+      if (std::isalnum(byte) != 0 || c == '-' || c == ' ') {
+        words += c == ' ' ? '-' : static_cast<char>(std::tolower(byte));
+      }
+    }
+    if (words == anchor) return true;
+  }
+  return false;
+}
+
+TEST(DocsTest, NamedFilesAndHeadingsExist) {
+  const std::filesystem::path root = TIDEGATE_SOURCE_DIR;
+  // Links, and paths in code spans; `src/metrics/metric` stands for the files of that name.
   const std::regex name(
-      R"(\]\(([\w./]+)\)|`((?:bench|docs|examples|include|scripts|src|stress|tests|tools)/[\w./-]+)`)");
-  for (const std::string document :
-       {"README.md", "CONTRIBUTING.md", "docs/design.md", "docs/errors.md", "docs/guide.md",
-        "docs/reliability.md"}) {
-    const std::string text = ReadSourceFile(document);
-    EXPECT_TRUE(std::regex_search(text, name)) << document;
+      R"(\]\(([\w./]*)(?:#([\w-]+))?\)|`((?:bench|cmake|docs|examples|include|scripts|src|stress|tests|tools)/[\w./-]+)`)");
+  for (const std::filesystem::path& page : Pages()) {
+    const std::string text = ReadSourceFile(page.string());
     for (std::sregex_iterator it(text.begin(), text.end(), name), end; it != end; ++it) {
-      const std::filesystem::path path =
-          (*it)[1].matched ? (root / document).parent_path() / it->str(1) : root / it->str(2);
-      EXPECT_TRUE(exists(path) || std::filesystem::exists(path.string() + ".h"))
-          << document << ": " << it->str();
+      const std::string where = page.string() + ": " + it->str();
+      if ((*it)[3].matched) {
+        const std::filesystem::path path = root / it->str(3);
+        EXPECT_TRUE(exists(path) || std::filesystem::exists(path.string() + ".h") ||
+                    std::filesystem::exists(path.string() + ".cc"))
+            << where;
+        continue;
+      }
+      const std::filesystem::path target =
+          it->length(1) == 0 ? page : (page.parent_path() / it->str(1)).lexically_normal();
+      ASSERT_TRUE(exists(root / target)) << where;
+      if ((*it)[2].matched) {
+        EXPECT_TRUE(HasHeading(ReadSourceFile(target.string()), it->str(2))) << where;
+      }
     }
   }
 }
