@@ -3,10 +3,8 @@
 #include <new>
 
 #include "metrics/metric.h"
-#include "metrics/metric_client.h"
-#include "metrics/metric_configer.h"
 #include "metrics/metric_registry.h"
-#include "metrics/metric_sender.h"
+#include "metrics/packet_sender.h"
 #include "util/line_allocator.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
@@ -55,12 +53,12 @@ bool CheckSendRes(MetricsType type, const std::vector<double>& values, unsigned 
   return true;
 }
 
-MetricEncoderBase::MetricEncoderBase(MetricSender* sender, const std::string& name)
-    : sender_(sender), name_(name), pre_encode_tags(sender->client_->configer_->pre_encode_tags_) {}
+MetricEncoderBase::MetricEncoderBase(PacketSender* sender, const std::string& name)
+    : sender_(sender), name_(name), pre_encode_tags(sender->pre_encode_tags_) {}
 
 MetricEncoderBase::~MetricEncoderBase() { sender_ = nullptr; }
 
-MetricEncoder::MetricEncoder(MetricSender* sender, const std::string& name)
+MetricEncoder::MetricEncoder(PacketSender* sender, const std::string& name)
     : MetricEncoderBase(sender, name) {}
 
 MetricEncoder::~MetricEncoder() = default;
@@ -197,9 +195,10 @@ void MetricEncoder::RefillBeforeSend(MetricDataPack& pack, int16_t& metric_num, 
 }
 
 void MetricEncoder::StampAndSend(MetricDataPack& pack, bool close) {
-  MetricSender::Statistic& statistic = sender_->statistic_;
-  RefillBeforeSend(pack, statistic.metric_num, statistic.series_num, close);
-  sender_->SendToSocket(pack.begin, pack.Used());
+  int16_t metric_num = 0;
+  int16_t series_num = 0;
+  RefillBeforeSend(pack, metric_num, series_num, close);
+  sender_->SendPacket({pack.begin, pack.Used(), metric_num, series_num});
 }
 
 bool MetricEncoder::CheckMsgLenAndSend(MetricDataPack& pack, bool close) {

@@ -19,7 +19,7 @@ namespace METRICS {
 
 class Metric;
 class MetricRegistry;
-class MetricSender;
+class PacketSender;
 
 /// Keys of the two tags that say whose data a packet holds.
 constexpr char ACCOUNT_ID_KEY[] = "account_id";
@@ -30,7 +30,7 @@ constexpr const char* kProjectIdKey = PROJECT_ID_KEY;
 /// Turns the collectors of a flush into packets and hands them to its sender.
 class MetricEncoderBase {
  public:
-  MetricEncoderBase(MetricSender* sender, const std::string& name);
+  MetricEncoderBase(PacketSender* sender, const std::string& name);
   virtual ~MetricEncoderBase();
   MetricEncoderBase(const MetricEncoderBase&) = delete;
   MetricEncoderBase& operator=(const MetricEncoderBase&) = delete;
@@ -43,7 +43,7 @@ class MetricEncoderBase {
   virtual void PackCollector(
       const std::vector<std::shared_ptr<MetricCollectorBase>>& collectors) = 0;
 
-  MetricSender* sender_;       ///< not owned
+  PacketSender* sender_;       ///< not owned
   const std::string name_;     ///< the tenant
   const bool pre_encode_tags;  ///< items hold their tags in packet form
 };
@@ -61,7 +61,7 @@ class MetricEncoder final : public MetricEncoderBase {
  public:
   using SuffixOf = std::string& (*)(const unsigned long&);
 
-  MetricEncoder(MetricSender* sender, const std::string& name);
+  MetricEncoder(PacketSender* sender, const std::string& name);
   ~MetricEncoder() override;
 
   void Init(const std::string& account, const std::string& project,

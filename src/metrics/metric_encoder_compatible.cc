@@ -8,7 +8,7 @@
 #include "metrics/metric.h"
 #include "metrics/metric_encoder.h"
 #include "metrics/metric_registry.h"
-#include "metrics/metric_sender.h"
+#include "metrics/packet_sender.h"
 #include "util/metric_log.h"
 #include "util/metric_size_limits.h"
 

@@ -3,7 +3,7 @@
 
 #include "metrics/metric.h"
 #include "metrics/metric_encoder.h"
-#include "metrics/metric_sender.h"
+#include "metrics/packet_sender.h"
 #include "util/metric_log.h"
 
 namespace METRICS {

@@ -12,7 +12,7 @@
 #include "metrics/impl/metric_multi_field_impl.h"
 #include "metrics/metric.h"
 #include "metrics/metric_encoder.h"
-#include "metrics/metric_sender.h"
+#include "metrics/packet_sender.h"
 #include "util/metric_log.h"
 #include "util/short_text.h"
 

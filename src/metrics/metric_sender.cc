@@ -37,7 +37,8 @@ void AddTo(const AtomicSharedPtr<MetricBasicData>& cell, long amount) {
 }  // namespace
 
 MetricSender::MetricSender(const std::string& tenant, MetricClient* client)
-    : tenant_(tenant),
+    : PacketSender(client->configer_->pre_encode_tags_),
+      tenant_(tenant),
       client_(client),
       collector_factory_(client->collector_factory_),
       encoder_(std::make_shared<MetricEncoder>(this, tenant)),
@@ -202,6 +203,12 @@ void MetricSender::UpdateStatTime(bool success) {
   if (item != nullptr) {
     item->Refresh();
   }
+}
+
+void MetricSender::SendPacket(const FinishedPacket& packet) {
+  statistic_.metric_num = packet.metric_num;
+  statistic_.series_num = packet.series_num;
+  SendToSocket(packet.begin, packet.length);
 }
 
 void MetricSender::CountLostSeries() {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "metrics/metric_collector_factory.h"
+#include "metrics/packet_sender.h"
 #include "util/atomic_shared_ptr.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
@@ -25,11 +26,11 @@ class MetricEncoderBase;
 /// polls it at least every 200 ms while it sleeps, and not at all while it flushes.
 /// A flush that overruns its period misses the boundaries that pass meanwhile; none is reported
 /// twice, and what the cells gathered goes out at the next one.
-class MetricSender : public StoppableThread {
+class MetricSender : public StoppableThread, public PacketSender {
  public:
   /// What the sender reports on itself. The handles are bound by `InitStat`, stay null without self
   /// monitoring and are read by the flush thread; the counts are of the packet that is about to be
-  /// sent and written by the encoder.
+  /// sent.
   struct Statistic {
     AtomicSharedPtr<MetricCollectorItem> send_item;
     AtomicSharedPtr<MetricCollectorItem> drop_item;
@@ -81,8 +82,8 @@ class MetricSender : public StoppableThread {
   /// out it ends early, and what it had not drained goes out with the next one.
   bool DoPackAndSend();
   void DoNothing() {}
-  /// Accounts for what a cell reported and the encoder had no memory to write.
-  void CountLostSeries();
+  void SendPacket(const FinishedPacket& packet) final;
+  void CountLostSeries() final;
   /// Binds the handles of `statistic_` to the self monitor's series and marks these as alive. Runs
   /// at each flush.
   void InitStat();
@@ -96,8 +97,7 @@ class MetricSender : public StoppableThread {
   const std::string tenant_;
   std::atomic<int32_t> interval_{30};  ///< seconds; the running thread keeps what it started with
   std::atomic<bool> interval_known_{false};  ///< the settings have been asked for `interval_`
-  int64_t last_flush_ts_ = 0;  ///< the boundary in work, seconds since the epoch; 0: none yet
-  MetricClient* client_;       ///< not owned
+  MetricClient* client_;                     ///< not owned
   std::shared_ptr<MetricCollectorFactory> collector_factory_;
   std::shared_ptr<MetricEncoderBase> encoder_;
   WorkState work_state_ = WorkState::kIdle;
