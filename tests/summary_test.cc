@@ -37,12 +37,27 @@ Samples Report(MetricBasicData& cell, const Samples& samples) {
   return cell.Send(30).values;
 }
 
-struct SummaryTest : testing::Test {
+}  // namespace
+
+class SummaryTest : public testing::Test {
+ protected:
+  static size_t Blocks(const ChainedVector& samples) {
+    size_t blocks = 0;
+    for (auto* block = samples.head_; block != nullptr; block = block->next) ++blocks;
+    return blocks;
+  }
+  static size_t KeptSamples(CKMSQuantiles& quantiles) {
+    const WriteGuard guard(quantiles.mutex_);
+    return quantiles.sample_.size();
+  }
+
   MetricSummaryVecV1 v1;
   MetricSummaryVecV2 v2;
   MetricSummaryCKMS ckms;
   const std::vector<MetricBasicData*> exact{&v1, &v2}, all{&v1, &v2, &ckms};
 };
+
+namespace {
 
 TEST_F(SummaryTest, ExactCellsReportThePercentilesOfAPlainSortWithNansBehind) {
   std::vector<Samples> cases{{NAN, 3, 1, INFINITY, NAN}, {1, INFINITY}, {INFINITY, -INFINITY, 1}};
@@ -60,18 +75,19 @@ TEST_F(SummaryTest, ExactCellsReportThePercentilesOfAPlainSortWithNansBehind) {
   }
 }
 
-TEST(ChainedVectorTest, AddsFourBlocksOfASizeAndBeginsAnewBehindADrain) {
+TEST_F(SummaryTest, AddsFourBlocksOfASizeAndBeginsAnewAfterADrain) {
   // Samples that fit into a number of blocks.
   const std::pair<size_t, uint32_t> steps[] = {{1, 256},    {2, 512},    {4, 1024},  {5, 1536},
                                                {8, 3072},   {9, 4096},   {13, 9216}, {17, 19456},
                                                {20, 31744}, {21, 39936}, {22, 48128}};
   ChainedVector samples;
   for (int round = 0; round < 2; ++round) {
+    uint32_t added = 0;
     for (const auto& [blocks, fit] : steps) {
-      while (samples.Size() < fit) samples.Add(1);
-      EXPECT_EQ(samples.BlockCount(), blocks);
-      samples.Add(1);
-      EXPECT_EQ(samples.BlockCount(), blocks + 1);
+      for (; added < fit; ++added) samples.Add(1);
+      EXPECT_EQ(Blocks(samples), blocks);
+      samples.Add(1), ++added;
+      EXPECT_EQ(Blocks(samples), blocks + 1);
     }
     EXPECT_EQ(samples.Send().at(4), 48129);
   }
@@ -116,7 +132,7 @@ TEST_F(SummaryTest, EstimatesAreThoseOfTheAlgorithmAndTheRestIsExact) {
   EXPECT_EQ(Report(ckms, {-2, -4}).at(1), 2.2250738585072014e-308);
   CKMSQuantiles quantiles;
   for (const double sample : Steps(100000, 7919)) quantiles.Insert(sample);
-  EXPECT_LT(quantiles.KeptSamples(), 5000u);
+  EXPECT_LT(KeptSamples(quantiles), 5000u);
 }
 
 }  // namespace

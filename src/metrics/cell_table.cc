@@ -5,16 +5,12 @@
 namespace METRICS {
 
 const CellTable::Entry* CellTable::Search(const std::string& name) const {
-  if (Size() > kSearched) {
-    const auto found = more_->index.find(name);
-    return found == more_->index.end() ? nullptr : &(*this)[found->second];
+  const auto matches = [&](size_t index) { return SameText((*this)[index].name, name); };
+  if (more_ == nullptr) {
+    return Size() == 1 && matches(0) ? &first_ : nullptr;
   }
-  for (size_t i = 0; i < Size(); ++i) {
-    if (SameText((*this)[i].name, name)) {
-      return &(*this)[i];
-    }
-  }
-  return nullptr;
+  const size_t found = more_->names.Find(name, Size(), matches);
+  return found == Size() ? nullptr : &(*this)[found];
 }
 
 void CellTable::Set(const std::string& name, CellPtr cell) {
@@ -38,15 +34,11 @@ void CellTable::Add(Entry entry) {
     more_ = std::make_unique<More>();
   }
   more_->entries.push_back(std::move(entry));
-  if (Size() > kSearched) {
-    try {
-      for (size_t i = more_->index.size(); i < Size(); ++i) {
-        more_->index.emplace((*this)[i].name, i);
-      }
-    } catch (...) {  // a cell that is not in the index would be made again
-      more_->entries.pop_back();
-      throw;
-    }
+  try {
+    more_->names.Extend(Size(), [this](size_t index) { return (*this)[index].name; });
+  } catch (...) {  // a cell that is not in the index would be made again
+    more_->entries.pop_back();
+    throw;
   }
 }
 

@@ -9,6 +9,7 @@
 
 #include "metrics/metric_data.h"
 #include "util/metric_common.h"
+#include "util/name_index.h"
 #include "util/short_text.h"
 
 namespace METRICS {
@@ -27,8 +28,7 @@ struct CellRef {
 /// stay.
 ///
 /// Not thread-safe: its owner guards it. Made for the few cells that a series has, mostly one,
-/// which is kept in the table itself. Searched by comparing; from `kSearched` cells on there is an
-/// index.
+/// which is kept in the table itself.
 class CellTable {
  public:
   struct Entry {
@@ -61,11 +61,9 @@ class CellTable {
   static constexpr size_t kPointerBytes = 16;
 
  private:
-  static constexpr size_t kSearched = 12;
-
   struct More {
     std::vector<Entry> entries;
-    std::unordered_map<std::string, size_t> index;  ///< by name; empty up to `kSearched`
+    NameIndex names;
   };
 
   const Entry* Search(const std::string& name) const;

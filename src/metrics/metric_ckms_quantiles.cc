@@ -98,11 +98,6 @@ void CKMSQuantiles::ResetLocked() {
   max_ = kFirstMax;
 }
 
-size_t CKMSQuantiles::KeptSamples() {
-  const WriteGuard guard(mutex_);
-  return sample_.size();
-}
-
 double CKMSQuantiles::allowableError(int rank, size_t kept) const {
   const auto n = static_cast<int>(kept);
   double min_error = n + 1;

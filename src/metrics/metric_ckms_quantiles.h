@@ -51,10 +51,9 @@ class CKMSQuantiles {
   SendRes Send(const unsigned int& interval);
   void reset();
 
-  /// Samples kept beside the unmerged ones.
-  size_t KeptSamples();
-
  private:
+  friend class SummaryTest;  // looks at the number of samples that are kept
+
   static constexpr size_t kBufferSize = 500;
 
   double get(double q) METRICS_REQUIRES(mutex_);

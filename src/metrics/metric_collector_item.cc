@@ -61,11 +61,6 @@ CellMap& MetricCollectorItem::NoopFields() {
   return fields;
 }
 
-void MetricCollectorItem::MarkUpdated(size_t count) {
-  MarkTime();
-  metric_->emit_success_.Add(count);
-}
-
 void MetricCollectorItem::MarkNewSecond(int64_t now) {
   last_update_.store(now, std::memory_order_relaxed);
   if (IsHidden()) {  // since the emission began

@@ -159,8 +159,6 @@ class METRICS_API MetricCollectorItem {
     }
     return code;
   }
-  /// What every successful emission of `count` values ends with.
-  void MarkUpdated(size_t count);
 };
 
 }  // namespace METRICS

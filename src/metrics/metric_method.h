@@ -74,69 +74,47 @@ using IfOtherNumber =
 // looks at the double: a NaN or an infinity stays in the sum of a rate, counter, meter, delta
 // counter or histogram, whose numbers are none from then on until the series is erased.
 
+// clang-format off
+#define METRICS_DECLARE_VERB(Verb)                                 \
+  METRICS_API MetricFieldValue Verb(int value);                    \
+  METRICS_API MetricFieldValue Verb(long value);                   \
+  METRICS_API MetricFieldValue Verb(double value);                 \
+  template <class Number, IfOtherNumber<Number> = 0>               \
+  MetricFieldValue Verb(Number value) {                            \
+    return EmitAs(value, [](auto number) { return Verb(number); }); \
+  }
+// clang-format on
+
 /// Adds to a per-second rate named "rate". A NaN or an infinity ruins the series.
-METRICS_API MetricFieldValue Incr(int value);
-METRICS_API MetricFieldValue Incr(long value);
-METRICS_API MetricFieldValue Incr(double value);
-template <class Number, IfOtherNumber<Number> = 0>
-MetricFieldValue Incr(Number value) {
-  return EmitAs(value, [](auto number) { return Incr(number); });
-}
+METRICS_DECLARE_VERB(Incr)
+
 /// A sample, by convention in microseconds, of a summary named "timer". A NaN ruins the sums of its
 /// interval.
-METRICS_API MetricFieldValue Observe(int value);
-METRICS_API MetricFieldValue Observe(long value);
-METRICS_API MetricFieldValue Observe(double value);
-template <class Number, IfOtherNumber<Number> = 0>
-MetricFieldValue Observe(Number value) {
-  return EmitAs(value, [](auto number) { return Observe(number); });
-}
+METRICS_DECLARE_VERB(Observe)
+
 /// A time, as a sample in microseconds.
 template <class Rep, class Period>
 MetricFieldValue Observe(const std::chrono::duration<Rep, Period>& time) {
   return Observe(Microseconds(time));
 }
+
 /// Sets a gauge named "store"; the last value of an interval stands. A NaN is no value.
-METRICS_API MetricFieldValue Store(int value);
-METRICS_API MetricFieldValue Store(long value);
-METRICS_API MetricFieldValue Store(double value);
-template <class Number, IfOtherNumber<Number> = 0>
-MetricFieldValue Store(Number value) {
-  return EmitAs(value, [](auto number) { return Store(number); });
-}
+METRICS_DECLARE_VERB(Store)
+
 /// Adds to a running total that is also reported per second, named "meter". A NaN or an infinity
 /// ruins the series.
-METRICS_API MetricFieldValue IncrMeter(int value);
-METRICS_API MetricFieldValue IncrMeter(long value);
-METRICS_API MetricFieldValue IncrMeter(double value);
-template <class Number, IfOtherNumber<Number> = 0>
-MetricFieldValue IncrMeter(Number value) {
-  return EmitAs(value, [](auto number) { return IncrMeter(number); });
-}
+METRICS_DECLARE_VERB(IncrMeter)
+
 /// Adds to a running total named "counter". A NaN or an infinity ruins the series.
-METRICS_API MetricFieldValue IncrCounter(int value);
-METRICS_API MetricFieldValue IncrCounter(long value);
-METRICS_API MetricFieldValue IncrCounter(double value);
-template <class Number, IfOtherNumber<Number> = 0>
-MetricFieldValue IncrCounter(Number value) {
-  return EmitAs(value, [](auto number) { return IncrCounter(number); });
-}
+METRICS_DECLARE_VERB(IncrCounter)
+
 /// A sample of a histogram named "histogram". A NaN or an infinity ruins the sum of the series.
-METRICS_API MetricFieldValue Stat(int value);
-METRICS_API MetricFieldValue Stat(long value);
-METRICS_API MetricFieldValue Stat(double value);
-template <class Number, IfOtherNumber<Number> = 0>
-MetricFieldValue Stat(Number value) {
-  return EmitAs(value, [](auto number) { return Stat(number); });
-}
+METRICS_DECLARE_VERB(Stat)
+
 /// Adds to a running total that is also reported per second and as the interval's increase, named
 /// "delta_counter". A NaN or an infinity ruins the series.
-METRICS_API MetricFieldValue Add(int value);
-METRICS_API MetricFieldValue Add(long value);
-METRICS_API MetricFieldValue Add(double value);
-template <class Number, IfOtherNumber<Number> = 0>
-MetricFieldValue Add(Number value) {
-  return EmitAs(value, [](auto number) { return Add(number); });
-}
+METRICS_DECLARE_VERB(Add)
+
+#undef METRICS_DECLARE_VERB
 
 }  // namespace METRICS

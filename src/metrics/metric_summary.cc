@@ -41,17 +41,8 @@ ChainedVector::~ChainedVector() {
 
 ChainedVector::ChainedVector(ChainedVector&& other) noexcept
     : head_(std::exchange(other.head_, nullptr)),
-      size_(std::exchange(other.size_, 0)),
       block_index_(std::exchange(other.block_index_, 0)),
       blocks_at_size_(std::exchange(other.blocks_at_size_, 0xffff)) {}
-
-size_t ChainedVector::BlockCount() const {
-  size_t blocks = 0;
-  for (const Block* block = head_; block != nullptr; block = block->next) {
-    ++blocks;
-  }
-  return blocks;
-}
 
 void ChainedVector::AddBlock(double value) {
   ExpandBlockSize();
@@ -65,7 +56,6 @@ void ChainedVector::AddBlock(double value) {
   block->capacity = capacity;
   block->Samples()[0] = value;
   head_ = block;
-  ++size_;
 }
 
 void ChainedVector::ExpandBlockSize() {
@@ -89,7 +79,7 @@ void ChainedVector::FreeHead() {
 }
 
 std::vector<double> ChainedVector::Send() {
-  size_t samples = 0;  // the blocks' own counts, which do not wrap
+  size_t samples = 0;
   for (const Block* block = head_; block != nullptr; block = block->next) {
     samples += block->used;
   }
@@ -100,7 +90,6 @@ std::vector<double> ChainedVector::Send() {
     copied += head_->used;
     FreeHead();
   }
-  size_ = 0;
   block_index_ = 0;
   blocks_at_size_ = 0xffff;
   return SummarizeSamples(flat.get(), copied);

@@ -38,18 +38,17 @@ class ChainedVector {
   void Add(double value) {
     if (head_ != nullptr && head_->used != head_->capacity) {
       head_->Samples()[head_->used++] = value;
-      ++size_;
       return;
     }
     AddBlock(value);
   }
   bool IsEmpty() const { return head_ == nullptr; }
-  uint32_t Size() const { return size_; }
-  size_t BlockCount() const;
   /// The ten numbers of `SummarizeSamples`; leaves the store as new. REQUIRES: there are samples.
   std::vector<double> Send();
 
  private:
+  friend class SummaryTest;  // looks at the blocks
+
   struct Block {
     double* Samples() { return reinterpret_cast<double*>(this + 1); }
 
@@ -66,8 +65,7 @@ class ChainedVector {
   /// Unlinks and frees the newest block.
   void FreeHead();
 
-  Block* head_ = nullptr;  ///< newest block, the only one that is being filled
-  uint32_t size_ = 0;
+  Block* head_ = nullptr;             ///< newest block, the only one that is being filled
   uint16_t block_index_ = 0;          ///< size of the newest block, an index of `block_sizes_`
   uint16_t blocks_at_size_ = 0xffff;  ///< blocks made at this size, less one
 };

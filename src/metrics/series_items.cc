@@ -18,22 +18,29 @@ unsigned short BucketsOf(const std::vector<double>& bounds) {
   return static_cast<unsigned short>(bounds.size());
 }
 
-/// A value into a cell of its type that is no histogram.
-void EmitNumber(MetricBasicData& cell, const MetricFieldValue& value) {
-  if (value.is_integer) {
-    cell.Emit(value.value.integer);
+/// Emits `number` on a cell. `bounds` is called for those of a histogram.
+template <class Number, class Bounds>
+[[gnu::always_inline]] inline void EmitNumber(const CellTable::Entry& entry, const Number& number,
+                                              Bounds bounds) {
+  if (entry.type == MetricsType::kHistogram) {
+    EmitSample(*entry.cell, number, bounds());
   } else {
-    cell.Emit(value.value.real);
+    entry.cell->Emit(number);
   }
 }
 
-/// A value into a histogram cell.
-void EmitSampleValue(MetricBasicData& cell, const MetricFieldValue& value,
-                     const std::vector<double>& bounds) {
-  if (value.is_integer) {
-    EmitSample(cell, value.value.integer, bounds);
+/// Emits `value` on a cell, or drops it with a Warn line, which calls the cell `what`, where the
+/// types differ.
+template <class Bounds>
+[[gnu::always_inline]] inline void EmitValue(const char* what, const CellTable::Entry& entry,
+                                             const MetricFieldValue& value, Bounds bounds) {
+  if (value.type != entry.type) {
+    METRICS_LOG_WARN("%s: %s type mismatch[pre: %d cur: %d]\n", what, value.name.c_str(),
+                     static_cast<int>(entry.type), static_cast<int>(value.type));
+  } else if (value.is_integer) {
+    EmitNumber(entry, value.value.integer, bounds);
   } else {
-    EmitSample(cell, value.value.real, bounds);
+    EmitNumber(entry, value.value.real, bounds);
   }
 }
 
@@ -44,6 +51,12 @@ void AppendPrevious(MetricsType type, uint32_t end, double prev_value, MultiFiel
     row.prev_fields.push_back(end - width + i);
     row.prev_values.push_back(i == 0 ? prev_value : 0.0);
   }
+}
+
+/// What every successful emission of `count` values on `item` ends with.
+[[gnu::always_inline]] inline void MarkUpdated(MetricCollectorItem& item, size_t count) {
+  item.MarkTime();
+  item.metric_->emit_success_.Add(count);
 }
 
 /// Gives `found` in `cell` if it takes values of type `type`.
@@ -78,7 +91,7 @@ ReturnCode MetricSuffixArray::Emit(const std::vector<MetricFieldValue>& values) 
         return code;
       }
     }
-    MarkUpdated(values.size());
+    MarkUpdated(*this, values.size());
     return ReturnCode::kOk;
   };
   return IsHidden() ? EmitHidden(emit) : emit();
@@ -88,7 +101,7 @@ ReturnCode MetricSuffixArray::Emit(const MetricFieldValue& value) {
   const auto emit = [&]() __attribute__((always_inline)) {
     const ReturnCode code = EmitToKnown(value, 0) ? ReturnCode::kOk : EmitToNew(value);
     if (code == ReturnCode::kOk) {
-      MarkUpdated(1);
+      MarkUpdated(*this, 1);
     }
     return code;
   };
@@ -148,17 +161,8 @@ ReturnCode MetricSuffixArray::CreateSuffix(const std::string& name, const Metric
 }
 
 void MetricSuffixArray::DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value) {
-  const MetricsType type = entry.type;
-  if (value.type != type) {
-    METRICS_LOG_WARN("Suffix: %s type mismatch[pre: %d cur: %d]\n", value.name.c_str(),
-                     static_cast<int>(type), static_cast<int>(value.type));
-    return;
-  }
-  if (type == MetricsType::kHistogram) {
-    EmitSampleValue(*entry.cell, value, metric_->GetHistogram());
-  } else {
-    EmitNumber(*entry.cell, value);
-  }
+  EmitValue(
+      "Suffix", entry, value, [&]() -> auto& { return metric_->GetHistogram(); });
 }
 
 CellMap MetricSuffixArray::Fields() {
@@ -220,7 +224,7 @@ ReturnCode MetricFieldArray::Emit(const std::vector<MetricFieldValue>& values) {
     for (size_t i = 0; i < values.size(); ++i) {
       EmitToField(values[i], i);
     }
-    MarkUpdated(1);
+    MarkUpdated(*this, 1);
     return ReturnCode::kOk;
   };
   return IsHidden() ? EmitHidden(emit) : emit();
@@ -232,7 +236,7 @@ ReturnCode MetricFieldArray::Emit(const MetricFieldValue& value) {
       return ReturnCode::kInvalidParamNumber;
     }
     EmitToField(value, 0);
-    MarkUpdated(1);
+    MarkUpdated(*this, 1);
     return ReturnCode::kOk;
   };
   return IsHidden() ? EmitHidden(emit) : emit();
@@ -261,37 +265,26 @@ ReturnCode MetricFieldArray::FindCell(const std::string& name, MetricsType type,
 }
 
 void MetricFieldArray::DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value) {
-  const MetricsType type = entry.type;
-  if (value.type != type) {
-    METRICS_LOG_WARN("Field: %s type mismatch[pre: %d cur: %d]\n", value.name.c_str(),
-                     static_cast<int>(type), static_cast<int>(value.type));
-    return;
-  }
-  if (type == MetricsType::kHistogram) {
-    EmitSampleValue(*entry.cell, value, FindHistogram(value.name, metric_->GetFieldInfo()));
-  } else {
-    EmitNumber(*entry.cell, value);
-  }
+  EmitValue(
+      "Field", entry, value, [&]() -> auto& { return BoundsOf(value.name); });
 }
 
 ReturnCode MetricFieldArray::EmitMap(const std::unordered_map<std::string, double>& values) {
   const auto emit = [&]() __attribute__((always_inline)) {
     for (const auto& [name, number] : values) {
-      const CellTable::Entry* const found = fields_.Find(name, 0);
-      if (found == nullptr) {
-        continue;
-      }
-      MetricBasicData& cell = *found->cell;
-      if (found->type == MetricsType::kHistogram) {
-        EmitSample(cell, number, FindHistogram(name, metric_->GetFieldInfo()));
-      } else {
-        cell.Emit(number);
+      if (const CellTable::Entry* const found = fields_.Find(name, 0); found != nullptr) {
+        EmitNumber(
+            *found, number, [&, &field = name ]() -> auto& { return BoundsOf(field); });
       }
     }
-    MarkUpdated(1);
+    MarkUpdated(*this, 1);
     return ReturnCode::kOk;
   };
   return IsHidden() ? EmitHidden(emit) : emit();
+}
+
+const std::vector<double>& MetricFieldArray::BoundsOf(const std::string& field) const {
+  return FindHistogram(field, metric_->GetFieldInfo());
 }
 
 CellMap MetricFieldArray::Fields() { return fields_.ToMap(); }
@@ -342,7 +335,7 @@ MetricCompatibleItem::MetricCompatibleItem(Metric* metric, const int& tag_hash,
 ReturnCode MetricCompatibleItem::Emit(double& value) {
   const auto emit = [&]() __attribute__((always_inline)) {
     data_->Emit(std::as_const(value));
-    MarkUpdated(1);
+    MarkUpdated(*this, 1);
     return ReturnCode::kOk;
   };
   return IsHidden() ? EmitHidden(emit) : emit();

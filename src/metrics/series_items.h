@@ -110,6 +110,7 @@ class MetricFieldArray final : public MetricCollectorItem {
   /// Drops a value that names no field. `index` is where it is expected.
   void EmitToField(const MetricFieldValue& value, size_t index);
   void DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value);
+  const std::vector<double>& BoundsOf(const std::string& field) const;
 
   CellTable fields_;
   size_t field_count_ = 0;
