@@ -3,6 +3,7 @@
 #   bench.sh [--short] [FOLDER]       all benchmarks; results into FOLDER (build/bench-results): the JSON
 #                                     of each process run, results.md, results.svg
 #   bench.sh instructions [--update]  instruction counts of an emission against bench/instructions.txt
+# bench/compare.py BEFORE AFTER holds two such folders against each other.
 # RUNS (3) process runs of each benchmark, CONTENDED_RUNS (9) of those with several threads, IDLE_SECONDS
 # (120) of rest. --short is one brief run of each, which only shows that they work.
 set -euo pipefail
@@ -64,7 +65,7 @@ measure() {
   done
   step "resting for $IDLE_SECONDS s"
   "$BIN/idle_cost" "$IDLE_SECONDS" "$IDLE_INTERVAL" >"$folder/idle.1.json"
-  python3 "$ROOT/bench/compare.py" "$folder"
+  python3 "$ROOT/bench/against_peer.py" "$folder"
 }
 
 # try_agent_load: 2 s of a load that is far below what an agent takes.
