@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,7 +17,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -28,6 +26,8 @@
 #include "agent/packet_reader.h"
 #include "agent/unique_fd.h"
 #include "packet_writer.h"
+#include "testing/temp_dir.h"
+#include "testing/unix_socket.h"
 
 namespace {
 
@@ -64,17 +64,12 @@ std::string PacketOf(int client) {
 }
 
 UniqueFd Connect(const std::string& path) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
   UniqueFd client(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   setsockopt(client.get(), SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof(kSendBuffer));
   setsockopt(client.get(), SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof(kSendTimeout));
   // The agent may not listen yet.
   for (int i = 0; i < 500; ++i) {
-    if (connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
-      return client;
-    }
+    if (tidegate::test::CallWithPath(connect, client, path) == 0) return client;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return UniqueFd();
@@ -136,11 +131,10 @@ int main(int argc, char** argv) {
   const int clients = argc > 2 ? std::atoi(argv[2]) : 20;
   const double rate = argc > 2 ? std::atof(argv[3]) : 10;
   const double seconds = argc > 2 ? std::atof(argv[4]) : 10;
-  char folder[] = "/tmp/agent_load_XXXXXX";
-  if (mkdtemp(folder) == nullptr) return 1;
-  const std::string path = std::string(folder) + "/s";
+  const tidegate::test::TempDir folder;
+  const std::string path = folder.File("s");
 
-  const std::string log_path = std::string(folder) + "/log";
+  const std::string log_path = folder.File("log");
   const UniqueFd log_file(open(log_path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
 
   const pid_t agent = fork();
@@ -165,7 +159,6 @@ int main(int argc, char** argv) {
   wait4(agent, &status, 0, &usage);
   const std::string log = Content(log_path);
   std::fputs(log.c_str(), stderr);
-  std::filesystem::remove_all(folder);
   std::printf("%d clients, %.0f packets of %zu bytes a second each, in %.1f s:\n", clients, rate,
               PacketOf(0).size(), took);
   std::printf("sent=%llu failed=%llu longest_send=%.1f ms\n",

@@ -16,8 +16,9 @@
 #include "metrics/metric_method.h"
 #include "metrics/metric_sender.h"
 #include "metrics/metric_sender_manager.h"
-#include "packet_sink.h"
 #include "scenarios.h"
+#include "testing/listening_agent.h"
+#include "testing/temp_dir.h"
 #include "thread_clock.h"
 
 namespace tidegate::bench {
@@ -116,18 +117,24 @@ void FlushDropped(benchmark::State& state, const Scenario& scenario) {
 
 // A packet that the library gave up on is missing in the bytes.
 void FlushSent(benchmark::State& state, const Scenario& scenario) {
-  PacketSink sink;
+  const test::TempDir dir;
+  size_t bytes = 0;
+  test::ListeningAgent agent(dir.File("s"), [&bytes](const char* /*packet*/, size_t size) {
+    bytes += size;
+    return true;
+  });
   double flushed = 0;
   {
     Client::Options options = OptionsOf(state);
-    options.socket = sink.path();
+    options.socket = agent.path();
     Client client(options);
     // The client's own sender, whose thread sleeps through the benchmark.
     MetricSender* sender = nullptr;
     client->sender_manager_->GetSender(sender, kTenant);
     flushed = Flush<std::chrono::steady_clock>(state, scenario, client, *sender);
   }
-  state.counters["bytes_per_series"] = static_cast<double>(sink.WaitForEnd()) / flushed;
+  agent.Drain();
+  state.counters["bytes_per_series"] = static_cast<double>(bytes) / flushed;
 }
 
 constexpr int64_t kSmall = 10000;

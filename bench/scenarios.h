@@ -113,8 +113,8 @@ class Client {
   Client() : Client(Options()) {}
   explicit Client(const Options& options) {
     METRICS::g_metricsLogLevel = 4;
-    client_.Init(new StaticConfiger({options.interval}), new StaticVendor({options.socket}), nullptr,
-                 options.core);
+    client_.Init(new StaticConfiger({options.interval}), new StaticVendor({options.socket}),
+                 nullptr, options.core);
     METRICS::MetricRegistryCfg cfg;
     cfg.tenant = "bench";
     cfg.prefix = "app";

@@ -28,7 +28,7 @@ sources() {
 
 check_format() {
   step "checking the format"
-  sources include src tools tests stress fuzz bench examples -- '*.h' '*.cc' |
+  sources include src tools tests testing stress fuzz bench examples -- '*.h' '*.cc' |
     xargs -0 clang-format --dry-run -Werror
 }
 
@@ -41,7 +41,7 @@ check_tidy() {
   step "configuring build/clang"
   (cd "$ROOT" && quietly cmake --preset clang)
   step "running clang-tidy"
-  sources src tools examples bench tests stress fuzz -- '*.cc' |
+  sources src tools examples bench tests testing stress fuzz -- '*.cc' |
     xargs -0 -n 1 -P "$JOBS" clang-tidy -p "$ROOT/build/clang" --quiet 2> >(
       grep -v 'warnings\? generated\.$\|^Suppressed\|^Use -header-filter' >&2 || true)
 }

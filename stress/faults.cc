@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -28,11 +29,11 @@
 #include "false_clock.h"
 #include "metrics/metric_collector.h"
 #include "metrics/metric_factory.h"
-#include "odd_agents.h"
 #include "support/agent_socket.h"
 #include "support/cases.h"
 #include "support/environment.h"
 #include "support/kinds.h"
+#include "testing/unix_socket.h"
 #include "util/metric_clock_util.h"
 
 namespace tidegate::stress {
@@ -43,6 +44,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 using test::AgentSocket;
+using test::Bind;
 using test::CountOf;
 using test::LogOf;
 using test::TempDir;
@@ -162,6 +164,16 @@ class Baseline {
   long descriptors_;
 };
 
+// Takes the connections that the backlog of a listener has room for.
+void FillBacklog(const std::string& path, std::vector<UniqueFd>& held) {
+  int result = 0;
+  while (result == 0) {
+    held.emplace_back(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    result = test::CallWithPath(::connect, held.back(), path);
+  }
+  EXPECT_EQ(errno, EAGAIN);
+}
+
 // What stands where the agent's socket should be.
 using Held = std::vector<UniqueFd>;
 const struct Absence {
@@ -280,7 +292,7 @@ void AgentHangsUp(int length) {
   const Baseline baseline;
   const test::ScopedLogLevel silent(4);
   const TempDir dir;
-  HangingUpAgent agent(dir.File("s"));
+  AgentSocket agent(dir.File("s"), true);
   double emissions = 0;
   {
     Service service(dir.File("s"), "t1", 1, 60);
@@ -292,7 +304,8 @@ void AgentHangsUp(int length) {
     emissions = service.emissions();
   }
   agent.Stop();
-  EXPECT_EQ(EmissionsOf(agent.packets(), "t1"), emissions);
+  EXPECT_EQ(EmissionsOf(agent.Received(), "t1"), emissions);
+  EXPECT_TRUE(agent.Errors().empty());
 }
 
 int LowestFreeDescriptor() {

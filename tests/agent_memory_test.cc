@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -21,6 +20,7 @@
 #include "agent/unique_fd.h"
 #include "golden/golden_file.h"
 #include "support/failing_new.h"
+#include "testing/unix_socket.h"
 
 static constexpr long kFailures = 3;  // one after the other
 static std::atomic<long> allocations{0};
@@ -105,12 +105,8 @@ class AgentMemoryTest : public testing::Test {
     return status;
   }
   void Send(const std::atomic<bool>& ended) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    options_.socket.copy(address.sun_path, sizeof(address.sun_path) - 1);
     const UniqueFd client(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    const auto* const any = reinterpret_cast<const sockaddr*>(&address);
-    while (connect(client.get(), any, sizeof(address)) != 0) {
+    while (test::CallWithPath(connect, client, options_.socket) != 0) {
       if (ended) return;
       std::this_thread::sleep_for(milliseconds(1));
     }

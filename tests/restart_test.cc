@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 #include <httplib.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,6 +25,7 @@
 
 #include "agent/unique_fd.h"
 #include "support/environment.h"
+#include "testing/unix_socket.h"
 
 namespace tidegate::test {
 namespace {
@@ -80,15 +80,6 @@ class RestartTest : public testing::Test {
     for (const Running& agent : agents_) {
       if (agent.pid > 0) kill(agent.pid, SIGKILL);
     }
-  }
-
-  static UniqueFd Bind(int type, const std::string& path) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    UniqueFd bound(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
-    EXPECT_EQ(bind(bound.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    return bound;
   }
 
   void Start(const std::vector<std::string>& flags, const std::string& environment = "",
@@ -171,10 +162,9 @@ class RestartTest : public testing::Test {
 };
 
 TEST_F(RestartTest, LosesNothingWhileTheServiceManagerKeepsTheSocket) {
-  const UniqueFd socket = Bind(SOCK_SEQPACKET, path_);
-  ASSERT_EQ(listen(socket.get(), 128), 0);
+  const UniqueFd socket = Bind(path_, SOCK_SEQPACKET, 128);
   const std::string notified = dir_.File("notify");
-  const UniqueFd notifications = Bind(SOCK_DGRAM, notified);
+  const UniqueFd notifications = Bind(notified, SOCK_DGRAM, -1);
   const std::string environment =
       "LISTEN_PID=$$ LISTEN_FDS=1 WATCHDOG_USEC=9000000 NOTIFY_SOCKET=" + notified;
   std::string told;

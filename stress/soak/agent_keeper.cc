@@ -23,8 +23,20 @@ void AgentKeeper::Start() {
   // What the last one left behind was stale until now.
   ::unlink(path_.Get().c_str());
   const std::string path = folder_ + "/" + std::to_string(++lives_);
-  agent_ = std::make_unique<MoodyAgent>(path, ledger_);
+  agent_ = std::make_unique<test::ListeningAgent>(path, [this](const char* bytes, size_t size) {
+    ledger_.Received(bytes, size);
+    return true;
+  });
   path_.Set(path);
+}
+
+void AgentKeeper::End(bool drained) {
+  if (drained) {
+    agent_->Drain();
+  } else {
+    agent_->Kill();
+  }
+  ledger_.AgentEnded(agent_->path(), drained);
 }
 
 void AgentKeeper::Torment(steady_clock::time_point end, Random& random) {
@@ -42,14 +54,14 @@ void AgentKeeper::Torment(steady_clock::time_point end, Random& random) {
 void AgentKeeper::Fault(int kind, Random& random) {
   switch (kind) {
     case 0:  // killed while it reads; a flush finds nobody
-      agent_->Kill();
+      End(false);
       Pause(1000, 2500, random);
       Start();
       return;
     case 1:  // killed with what came while it hung, and back at once
       agent_->Stall();
       Pause(1000, 3000, random);
-      agent_->Kill();
+      End(false);
       Start();
       return;
     case 2:  // hangs
@@ -58,7 +70,7 @@ void AgentKeeper::Fault(int kind, Random& random) {
       agent_->Resume();
       return;
     default:  // ends in order
-      agent_->Drain();
+      End();
       ::unlink(path_.Get().c_str());
       Pause(0, 1500, random);
       Start();
@@ -69,7 +81,5 @@ void AgentKeeper::Pause(int low_ms, int high_ms, Random& random) const {
   const auto wake = steady_clock::now() + milliseconds(Between(random, low_ms, high_ms));
   std::this_thread::sleep_until(std::min(wake, end_));
 }
-
-void AgentKeeper::End() { agent_->Drain(); }
 
 }  // namespace tidegate::stress

@@ -7,8 +7,8 @@
 
 #include "soak/channel.h"
 #include "soak/ledger.h"
-#include "soak/moody_agent.h"
 #include "soak/world.h"
+#include "testing/listening_agent.h"
 
 namespace tidegate::stress {
 
@@ -24,19 +24,20 @@ class AgentKeeper {
   // Faults, with pauses between them, until `end`. The agent serves when it returns.
   void Torment(std::chrono::steady_clock::time_point end, Random& random);
   // The agent reads what there is, and goes.
-  void End();
+  void End() { End(true); }
 
   int64_t faults() const { return faults_; }
 
  private:
   void Start();
+  void End(bool drained);
   void Fault(int kind, Random& random);
   void Pause(int low_ms, int high_ms, Random& random) const;
 
   const std::string folder_;
   AgentPath& path_;
   Ledger& ledger_;
-  std::unique_ptr<MoodyAgent> agent_;
+  std::unique_ptr<test::ListeningAgent> agent_;
   std::chrono::steady_clock::time_point end_{};
   int lives_ = 0;
   int64_t faults_ = 0;

@@ -20,12 +20,12 @@ std::string Text(double number) { return std::to_string(static_cast<int64_t>(num
 }  // namespace
 
 void Ledger::Open(const std::shared_ptr<Account>& account) {
-  const std::lock_guard guard(mutex_);
+  const METRICS::WriteGuard guard(mutex_);
   report_.Check(accounts_.emplace(account->key, account).second, "two accounts " + account->key);
 }
 
 bool Ledger::IsSettled(const Account& account) {
-  const std::lock_guard guard(mutex_);
+  const METRICS::WriteGuard guard(mutex_);
   bool settled = true;
   for (size_t i = 0; i < kColumns; ++i) {
     if (account.columns[i] && account.tallies.at(i).Sum() != Expected(account, i)) {
@@ -36,7 +36,7 @@ bool Ledger::IsSettled(const Account& account) {
 }
 
 std::string Ledger::Difference(const Account& account) {
-  const std::lock_guard guard(mutex_);
+  const METRICS::WriteGuard guard(mutex_);
   std::string text = account.key;
   for (size_t i = 0; i < kColumns; ++i) {
     const Account::Tally& tally = account.tallies.at(i);
@@ -50,12 +50,12 @@ std::string Ledger::Difference(const Account& account) {
 }
 
 void Ledger::Close(const Account& account) {
-  const std::lock_guard guard(mutex_);
+  const METRICS::WriteGuard guard(mutex_);
   accounts_.erase(account.key);
 }
 
 void Ledger::CheckReceivedTotals(const Account& account) {
-  const std::lock_guard guard(mutex_);
+  const METRICS::WriteGuard guard(mutex_);
   for (size_t i = 0; i < kColumns; ++i) {
     if (account.columns[i] && IsTotal(static_cast<Column>(i))) {
       report_.Check(account.tallies.at(i).received_total == Expected(account, i),
@@ -67,18 +67,18 @@ void Ledger::CheckReceivedTotals(const Account& account) {
 }
 
 void Ledger::Connected(int socket, const std::string& path) {
-  const std::lock_guard guard(mutex_);
+  const METRICS::WriteGuard guard(mutex_);
   connections_[socket] = std::make_shared<Connection>(Connection{path});
 }
 
 void Ledger::NotConnected(int socket) {
-  const std::lock_guard guard(mutex_);
+  const METRICS::WriteGuard guard(mutex_);
   connections_.erase(socket);
 }
 
 void Ledger::Sending(int socket, const char* bytes, size_t size) {
   const size_t hash = std::hash<std::string_view>()({bytes, size});
-  const std::lock_guard guard(mutex_);
+  const METRICS::WriteGuard guard(mutex_);
   PacketPtr& current = current_[std::this_thread::get_id()];
   const bool again = current != nullptr && current->hash == hash && current->size == size;
   if (!again) {
@@ -93,7 +93,7 @@ void Ledger::Sending(int socket, const char* bytes, size_t size) {
 }
 
 void Ledger::Sent(bool delivered) {
-  const std::lock_guard guard(mutex_);
+  const METRICS::WriteGuard guard(mutex_);
   PacketPtr& current = current_[std::this_thread::get_id()];
   Packet& packet = *current;
   if (delivered) {
@@ -119,7 +119,7 @@ void Ledger::Sent(bool delivered) {
 
 void Ledger::Received(const char* bytes, size_t size) {
   const size_t hash = std::hash<std::string_view>()({bytes, size});
-  const std::lock_guard guard(mutex_);
+  const METRICS::WriteGuard guard(mutex_);
   const auto found = under_way_.find(hash);
   if (!report_.Check(found != under_way_.end() && found->second->size == size,
                      "a packet was received twice, or was never sent")) {
@@ -136,7 +136,7 @@ void Ledger::Received(const char* bytes, size_t size) {
 }
 
 void Ledger::AgentEnded(const std::string& path, bool drained) {
-  const std::lock_guard guard(mutex_);
+  const METRICS::WriteGuard guard(mutex_);
   ended_.emplace(path, drained);
   std::vector<PacketPtr> unread;
   for (const auto& [hash, packet] : under_way_) {
@@ -270,7 +270,7 @@ void Ledger::RecordColumn(const std::shared_ptr<Account>& account, Column column
 }
 
 void Ledger::Finish() {
-  const std::lock_guard guard(mutex_);
+  const METRICS::WriteGuard guard(mutex_);
   for (auto& [thread, packet] : current_) {
     if (packet != nullptr) {
       Settle(*packet, Fate::kDropped);
@@ -283,7 +283,7 @@ void Ledger::Finish() {
 }
 
 Ledger::Figures Ledger::figures() const {
-  const std::lock_guard guard(mutex_);
+  const METRICS::WriteGuard guard(mutex_);
   return figures_;
 }
 

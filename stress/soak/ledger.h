@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -15,6 +14,7 @@
 #include "soak/account.h"
 #include "soak/columns.h"
 #include "support/report.h"
+#include "util/metric_lock.h"
 
 namespace tidegate::stress {
 
@@ -90,26 +90,29 @@ class Ledger {
   };
   using PacketPtr = std::shared_ptr<Packet>;
 
-  PacketPtr Record(const char* bytes, size_t size, size_t hash);
-  void RecordSeries(const Reading& reading, int64_t timestamp, Packet& packet);
+  PacketPtr Record(const char* bytes, size_t size, size_t hash) METRICS_REQUIRES(mutex_);
+  void RecordSeries(const Reading& reading, int64_t timestamp, Packet& packet)
+      METRICS_REQUIRES(mutex_);
   void RecordColumn(const std::shared_ptr<Account>& account, Column column, double value,
-                    int64_t timestamp, Packet& packet);
-  void CheckStranger(const Reading& reading);
-  void Settle(Packet& packet, Fate fate);
-  void SettleUnread(Packet& packet);
+                    int64_t timestamp, Packet& packet) METRICS_REQUIRES(mutex_);
+  void CheckStranger(const Reading& reading) METRICS_REQUIRES(mutex_);
+  void Settle(Packet& packet, Fate fate) METRICS_REQUIRES(mutex_);
+  void SettleUnread(Packet& packet) METRICS_REQUIRES(mutex_);
 
   Report& report_;
-  mutable std::mutex mutex_;
-  // All below: guarded by mutex_.
-  std::unordered_map<std::string, std::shared_ptr<Account>> accounts_;
-  std::unordered_map<int, std::shared_ptr<Connection>> connections_;  // by the sender's descriptor
-  std::map<std::thread::id, PacketPtr>
-      current_;  // the packet that each thread sends, if it is not out
-  std::unordered_multimap<size_t, PacketPtr> under_way_;  // by hash: sent and not read
-  std::map<std::string, bool> ended_;          // agents by path, and whether they drained
-  std::map<std::string, int64_t> last_flush_;  // by tenant
-  uint64_t next_number_ = 1;
-  Figures figures_;
+  mutable METRICS::Mutex mutex_;
+  std::unordered_map<std::string, std::shared_ptr<Account>> accounts_ METRICS_GUARDED_BY(mutex_);
+  std::unordered_map<int, std::shared_ptr<Connection>> connections_
+      METRICS_GUARDED_BY(mutex_);  // by the sender's descriptor
+  std::map<std::thread::id, PacketPtr> current_
+      METRICS_GUARDED_BY(mutex_);  // the packet that each thread sends, if it is not out
+  std::unordered_multimap<size_t, PacketPtr> under_way_
+      METRICS_GUARDED_BY(mutex_);  // by hash: sent and not read
+  std::map<std::string, bool> ended_
+      METRICS_GUARDED_BY(mutex_);  // agents by path, and whether they drained
+  std::map<std::string, int64_t> last_flush_ METRICS_GUARDED_BY(mutex_);  // by tenant
+  uint64_t next_number_ METRICS_GUARDED_BY(mutex_) = 1;
+  Figures figures_ METRICS_GUARDED_BY(mutex_);
 };
 
 }  // namespace tidegate::stress

@@ -1,7 +1,6 @@
 #include "soak/slot.h"
 
 #include <ctime>
-#include <mutex>
 #include <utility>
 
 #include "metrics/metric_factory.h"
@@ -26,8 +25,8 @@ Slot::Slot(Stage stage, std::string tenant, std::string prefix)
     : stage_(std::move(stage)), tenant_(std::move(tenant)), prefix_(std::move(prefix)) {}
 
 void Slot::Emit(Random& random) {
-  const std::shared_lock lock(gate_, std::try_to_lock);
-  if (lock.owns_lock() && open_) {
+  const METRICS::ReadGuard guard(gate_);
+  if (open_) {
     channel_->Emit(random);
   }
 }
@@ -97,14 +96,14 @@ void Slot::Open(Random& random, Shape shape) {
 
 void Slot::Enter(Random& random) {
   channel_->Bind();  // to hidden series, too
-  const std::unique_lock lock(gate_);
+  const METRICS::WriteGuard guard(gate_);
   open_ = true;
   step_ = Step::kOpen;
   until_ = Clock::now() + milliseconds(Between(random, 50, 2500));
 }
 
 void Slot::Leave() {
-  const std::unique_lock lock(gate_);
+  const METRICS::WriteGuard guard(gate_);
   open_ = false;
   channel_->LetGo();
   const int64_t emissions = channel_->emissions();

@@ -4,13 +4,13 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <shared_mutex>
 #include <string>
 
 #include "metrics/metric_client.h"
 #include "soak/channel.h"
 #include "soak/ledger.h"
 #include "support/report.h"
+#include "util/metric_lock.h"
 
 namespace tidegate::stress {
 
@@ -72,8 +72,8 @@ class Slot {
   const std::string tenant_;
   const std::string prefix_;
 
-  std::shared_mutex gate_;  // emitters share it; to open or leave takes it alone
-  bool open_ = false;       // guarded by gate_
+  METRICS::RwLock gate_;  // emitters share it; to open or leave takes it alone
+  bool open_ METRICS_GUARDED_BY(gate_) = false;
 
   // Changed while nobody emits.
   METRICS::Metric* metric_ = nullptr;

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -11,6 +10,7 @@
 #include "soak/ledger.h"
 #include "soak/slot.h"
 #include "support/report.h"
+#include "util/metric_lock.h"
 
 namespace tidegate::stress {
 
@@ -18,17 +18,17 @@ namespace tidegate::stress {
 class AgentPath {
  public:
   void Set(std::string path) {
-    const std::lock_guard guard(mutex_);
+    const METRICS::WriteGuard guard(mutex_);
     path_ = std::move(path);
   }
   std::string Get() {
-    const std::lock_guard guard(mutex_);
+    const METRICS::WriteGuard guard(mutex_);
     return path_;
   }
 
  private:
-  std::mutex mutex_;
-  std::string path_;
+  METRICS::Mutex mutex_;
+  std::string path_ METRICS_GUARDED_BY(mutex_);
 };
 
 // A client in one of its configurations, self monitoring on, with metrics that stay and slots in

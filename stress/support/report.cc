@@ -23,13 +23,13 @@ bool Report::Check(bool holds, const std::string& what) {
 }
 
 void Report::Figure(const std::string& name, int64_t value) {
-  const std::lock_guard guard(mutex_);
+  const METRICS::WriteGuard guard(mutex_);
   figures_.emplace_back(name, value);
 }
 
 int Report::Finish() {
   Figure("violations", static_cast<int64_t>(violations()));
-  const std::lock_guard guard(mutex_);
+  const METRICS::WriteGuard guard(mutex_);
   std::string line = program_ + ":";
   for (const auto& [name, value] : figures_) {
     line += " " + name + "=" + std::to_string(value);

@@ -2,10 +2,11 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "util/metric_lock.h"
 
 namespace tidegate::stress {
 
@@ -32,8 +33,8 @@ class Report {
  private:
   const std::string program_;
   std::atomic<uint64_t> violations_{0};
-  std::mutex mutex_;
-  std::vector<std::pair<std::string, int64_t>> figures_;  // guarded by mutex_
+  METRICS::Mutex mutex_;
+  std::vector<std::pair<std::string, int64_t>> figures_ METRICS_GUARDED_BY(mutex_);
 };
 
 }  // namespace tidegate::stress

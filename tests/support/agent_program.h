@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,6 +22,7 @@
 
 #include "agent/unique_fd.h"
 #include "golden/golden_file.h"
+#include "testing/unix_socket.h"
 
 namespace tidegate::agent {
 
@@ -123,12 +123,8 @@ class AgentTest : public testing::Test {
     return Wait();
   }
   UniqueFd Connect(const SocketCall& call = connect) const {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    socket_.copy(address.sun_path, sizeof(address.sun_path) - 1);
     UniqueFd client(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    const auto* any = reinterpret_cast<const sockaddr*>(&address);
-    EXPECT_EQ(call(client.get(), any, sizeof(address)), 0) << errno;
+    EXPECT_EQ(test::CallWithPath(call, client, socket_), 0) << errno;
     return client;
   }
 

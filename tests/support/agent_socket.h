@@ -5,13 +5,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "agent/packet_reader.h"
-#include "agent/unique_fd.h"
+#include "testing/listening_agent.h"
+#include "util/metric_lock.h"
 
 namespace tidegate::test {
 
@@ -34,16 +33,18 @@ struct Point {
   std::vector<double> values;
 };
 
-// The agent's end for tests: a SOCK_SEQPACKET listener with a thread that keeps every message it
-// gets, raw and decoded by the agent's own reader. All operations from any thread.
+// The agent's end for tests: keeps every message it gets, raw and decoded by the agent's own
+// reader. All operations from any thread, but for `Stop` and `Restart`, which are for one.
 class AgentSocket {
  public:
   using Packets = std::vector<ReceivedPacket>;
 
   static constexpr std::chrono::milliseconds kPatience{20000};
 
-  // Listens on `path`; throws std::system_error when it cannot.
-  explicit AgentSocket(std::string path);
+  // Listens on `path`; throws std::system_error when it cannot. With `hangs_up` it hangs up on the
+  // sender of each message: as it takes in what had been sent until then, nothing is lost, and
+  // nothing may come twice.
+  explicit AgentSocket(std::string path, bool hangs_up = false);
   ~AgentSocket() { Stop(); }
   AgentSocket(const AgentSocket&) = delete;
   AgentSocket& operator=(const AgentSocket&) = delete;
@@ -57,7 +58,7 @@ class AgentSocket {
   // Goes away, after taking in all that clients had sent by then. Clients that send later fail.
   void Stop();
   // Listens again on the same path; what was received before is kept. REQUIRES: stopped.
-  void Restart();
+  void Restart() { agent_.Restart(); }
 
   Packets Received() const;
   // What came since the last call, which is then forgotten.
@@ -66,29 +67,17 @@ class AgentSocket {
   std::vector<Point> Points() const;
   // Why messages were not decoded.
   std::vector<std::string> Errors() const;
-  const std::string& path() const { return path_; }
+  const std::string& path() const { return agent_.path(); }
+  int hang_ups() const { return agent_.hang_ups(); }
 
  private:
-  void Listen();
-  void Serve();
-  void Accept();
-  void Drain();
-  // Takes one message in; false at the end of the connection.
-  bool Receive(int client, int flags);
   void Keep(std::string bytes);
 
-  const std::string path_;
-  // Of the serving thread alone.
-  agent::UniqueFd listener_;
-  std::vector<agent::UniqueFd> clients_;
-  std::vector<char> buffer_;
-
-  agent::UniqueFd stop_;  // an eventfd: the thread is to end
-  mutable std::mutex mutex_;
-  std::condition_variable arrived_;
-  Packets packets_;  // this and the one below: guarded by mutex_
-  std::vector<std::string> errors_;
-  std::thread thread_;
+  mutable METRICS::Mutex mutex_;
+  std::condition_variable_any arrived_;
+  Packets packets_ METRICS_GUARDED_BY(mutex_);
+  std::vector<std::string> errors_ METRICS_GUARDED_BY(mutex_);
+  ListeningAgent agent_;  // ends first
 };
 
 std::vector<Point> PointsOf(const AgentSocket::Packets& packets);

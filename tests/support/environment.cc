@@ -1,22 +1,11 @@
 #include "support/environment.h"
 
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <iterator>
 #include <stdexcept>
-#include <system_error>
 
 namespace tidegate::test {
-
-TempDir::TempDir() : path_("/tmp/tgXXXXXX") {
-  if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error("no folder " + path_);
-}
-
-TempDir::~TempDir() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
 
 TestClientOptions ReportTo(const std::string& path, std::optional<int> interval,
                            bool pre_encode_tags) {

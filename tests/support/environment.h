@@ -17,6 +17,7 @@
 #include "metrics/metric_client.h"
 #include "metrics/metric_sender.h"
 #include "metrics/metric_sender_manager.h"
+#include "testing/temp_dir.h"
 #include "tidegate/static_configer.h"
 #include "tidegate/static_vendor.h"
 
@@ -41,21 +42,6 @@ class TestConfiger final : public StaticConfiger {
 
  private:
   const std::optional<int> default_;
-};
-
-// A fresh folder under /tmp with a name short enough for sockets; removed at the end.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  const std::string& path() const { return path_; }
-  std::string File(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
 };
 
 // Sets the library's log level for its life.
