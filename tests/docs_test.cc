@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <regex>
@@ -9,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/health.h"
 #include "agent/packet_reader.h"
 #include "golden/golden_file.h"
 #include "util/metric_error_code.h"
@@ -78,6 +80,19 @@ TEST(DocsTest, EveryReturnCodeHasItsRow) {
     EXPECT_NE(table.find(row + (text == nullptr ? "|" : text + std::string(" | "))), table.npos)
         << row;
   }
+}
+
+TEST(DocsTest, EveryNumberOfTheAgentHasItsRow) {
+  const std::string document = ReadSourceFile("docs/agent.md");
+  Health().ForEach([&](const Health::Sample& sample) {
+    const std::string name(sample.name.substr(sizeof("tidegate_agent") - 1));
+    const size_t row =
+        std::min(document.find("`tidegate_agent" + name + '`'), document.find("`..." + name + '`'));
+    ASSERT_NE(row, std::string::npos) << sample.name;
+    if (sample.label != "reason") return;
+    const std::string reason = '`' + std::string(sample.label_value) + '`';
+    EXPECT_LT(document.find(reason, row), document.find('\n', row)) << sample.name << reason;
+  });
 }
 
 std::vector<std::filesystem::path> Pages() {

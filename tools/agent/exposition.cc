@@ -45,15 +45,7 @@ void AppendFitted(std::string_view name, bool colons, std::string* fitted) {
   }
 }
 
-void AppendNumber(double value, std::string* out) {
-  if (std::isnan(value)) {
-    *out += "NaN";
-  } else if (std::isinf(value)) {
-    *out += value > 0 ? "+Inf" : "-Inf";
-  } else {
-    AppendDouble(value, out);
-  }
-}
+constexpr NumberWords kNumberWords = {"NaN", "+Inf", "-Inf"};
 
 // As CharacterSize, but NUL counts as none: receivers take it for the end of the page.
 size_t ShownSize(std::string_view text) { return text[0] == '\0' ? 0 : CharacterSize(text); }
@@ -143,15 +135,13 @@ void AssignLabelName(std::string_view name, std::string* fitted) {
 }
 
 void AppendText(std::string_view text, std::string* out) {
-  while (!text.empty()) {
-    const size_t size = ShownSize(text);
-    if (size == 0 || text.substr(0, 2) == "\\x") {
-      AppendHexByte(text.front(), out);
+  ForEachCharacter(text, [out](std::string_view rest, size_t size) {
+    if (size == 0 || rest.front() == '\0' || rest.substr(0, 2) == "\\x") {
+      AppendHexByte(rest.front(), out);
     } else {
-      *out += text.substr(0, size);
+      *out += rest.substr(0, size);
     }
-    text.remove_prefix(std::max<size_t>(size, 1));
-  }
+  });
 }
 
 std::vector<FamilyPart> FamiliesOf(Kind kind, std::string_view name,
@@ -310,7 +300,7 @@ void SampleWriter::Histogram(const std::string& name, const std::vector<double>&
     // Bounds that are equal in their six decimals would give the same line twice.
     if (!last && i + 2 < bounds.size() && bounds[i + 1] == bounds[i + 2]) continue;
     le = "le=\"";
-    AppendNumber(last ? INFINITY : bounds[i + 1], &le);
+    AppendNumber(last ? INFINITY : bounds[i + 1], kNumberWords, &le);
     le += '"';
     Line(name, kBucket, le, below, cells[i].timestamp);
   }
@@ -343,7 +333,7 @@ void SampleWriter::BeginLine(std::string_view name, std::string_view suffix,
 void SampleWriter::Line(std::string_view name, std::string_view suffix, std::string_view extra,
                         double value, int64_t timestamp) {
   BeginLine(name, suffix, extra);
-  AppendNumber(value, page_);
+  AppendNumber(value, kNumberWords, page_);
   if (timestamps_ && std::abs(timestamp) <= kMaxSeconds) {
     *page_ += ' ';
     *page_ += std::to_string(timestamp);

@@ -18,6 +18,7 @@
 #include "agent/http_poster.h"
 #include "agent/line_protocol.h"
 #include "agent/packet_sink.h"
+#include "agent/report.h"
 #include "agent/spool.h"
 #include "agent/spool_feeder.h"
 
@@ -51,8 +52,6 @@ struct ForwardOptions {
 // `health`, which it also forwards.
 class Forwarder : public PacketSink {
  public:
-  using Report = std::function<void(const std::string& line)>;
-
   Forwarder(ForwardOptions options, Health* health, Report report);
   ~Forwarder() override;  // stops without sending what waits
 

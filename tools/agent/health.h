@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <string_view>
+#include <utility>
 
 #include "agent/packet_reader.h"
 
@@ -30,94 +31,189 @@ enum class MergeRefusal { kLimit, kColumns, kWork };
 constexpr size_t kMergeRefusals = 3;
 
 // The agent's numbers on itself: the one list that the page of metrics, the forwarded data and the
-// last line of the log are made from.
+// last line of the log are made from. Each is declared once, with its name and its text, in the
+// order of the page.
 //
-// Threads: every number is changed by whoever knows it and read by anyone, each on its own; two of
-// them need not fit each other at every moment. Nothing is allocated. Counters never fall.
-struct Health {
-  using Number = std::atomic<uint64_t>;
+// Threads: every number is changed by the one who knows it and read by anyone, each on its own; two
+// of them need not fit each other at every moment. Nothing is allocated. Counters never fall.
+class Health {
+ public:
+  enum class Type { kGauge, kCounter };
 
-  // Where a sample's value comes from; it carries one label at most.
+  // One number under its name; it carries one label at most.
   struct Sample {
     std::string_view name;  // fit for every receiver, counters end in "_total"
     std::string_view help;
-    bool counter;                  // or else a gauge
+    bool counter;                  // false: a gauge
     std::string_view label;        // empty: none
     std::string_view label_value;  // printable ASCII
     uint64_t value;
   };
 
-  // By the reading thread.
-  Number clients{0};       // connected now
-  Number bytes{0};         // of all messages, whatever they held
-  Number dropped_full{0};  // messages that made room in a full queue
+  class Number : public std::atomic<uint64_t> {
+   public:
+    // Takes its place at the end of the list of `health`. With a reason, that is its label, and the
+    // numbers of one name follow each other.
+    Number(Health* health, Type type, std::string_view name, std::string_view help,
+           std::string_view reason = {});
+    using std::atomic<uint64_t>::operator=;
 
-  // By any thread: each time something was lost, and counted as far as it can be told.
-  Number out_of_memory{0};
+   private:
+    friend class Health;
+    const Type type_;
+    const std::string_view name_;
+    const std::string_view help_;
+    const std::string_view reason_;
+    const Number* next_ = nullptr;
+  };
 
-  // By the reading and the decoding thread.
-  Number queued_packets{0};
-  Number queued_bytes{0};
-  Number dropped_shutdown{0};  // messages that were left when the agent ended
-  Number dropped_memory{0};    // messages for which there was no memory
+  // A counter for each reason, by the number of the reason.
+  template <size_t size>
+  class Reasons {
+   public:
+    Reasons(Health* health, std::string_view name, std::string_view help,
+            const std::string_view (&reasons)[size])
+        : Reasons(health, name, help, reasons, std::make_index_sequence<size>()) {}
+    Number& operator[](size_t reason) { return numbers_[reason]; }
+    const Number& operator[](size_t reason) const { return numbers_[reason]; }
+    uint64_t Sum() const {
+      uint64_t sum = 0;
+      for (const Number& number : numbers_) sum += number;
+      return sum;
+    }
 
-  // By the decoding thread.
-  Number packets{0};  // decoded whole
-  Number points{0};   // series records of those
-  std::array<Number, kDecodeFailures> refused{};
-  Number series{0};        // in the table now
-  Number series_bytes{0};  // that they take
-  std::array<Number, kRefusals> refused_points{};
-  // Each once; of those reasons that are one of a series: kLimit and kCollision.
-  std::array<Number, 2> refused_series{};
-  Number slots{0};             // of processes, those included that are held
-  Number slotless_packets{0};  // of processes for which there was none
-  Number shared_series{0};     // that two processes report
-  Number unprinted_points{0};  // that standard output did not take whole, or not in time
+   private:
+    template <size_t... i>
+    Reasons(Health* health, std::string_view name, std::string_view help,
+            const std::string_view (&reasons)[size], std::index_sequence<i...> /*all*/)
+        : numbers_{{{health, Type::kCounter, name, help, reasons[i]}...}} {}
 
-  Number merge_series{0};       // that are merged
-  Number merge_bytes{0};        // that they take
-  Number merge_held_points{0};  // merged ones that are not handed on yet
-  Number merged_points{0};      // handed on
-  Number merge_late_points{0};  // that came after their time was handed on
-  Number merge_left_out_percentiles{0};
-  std::array<Number, kMergeRefusals> merge_refused_points{};
+    std::array<Number, size> numbers_;
+  };
 
-  // By the HTTP side.
-  Number http_cut_slow{0};      // clients that took an answer too slowly
-  Number http_cut_crowded{0};   // clients that made room for others
-  Number http_failed_pages{0};  // for lack of memory
+  Health() = default;
+  Health(const Health&) = delete;
+  Health& operator=(const Health&) = delete;
 
-  // By the forwarder.
-  Number forward_queue_points{0};
-  Number forward_queue_bytes{0};
-  Number forwarded_points{0};
-  Number forward_dropped_full{0};        // points
-  Number forward_dropped_rejected{0};    // points that the server did not want
-  Number forward_dropped_empty{0};       // points that make no line: no number in it, or too long
-  Number forward_dropped_shutdown{0};    // points that were left when the agent ended
-  Number forward_dropped_memory{0};      // points for which there was no memory
-  Number forward_dropped_spool_full{0};  // points that made room in the spool
-  Number forward_dropped_spool_damaged{0};  // points that could not be read from it
-  Number forward_retried_points{0};
-  Number forward_batches{0};
-  Number forward_spool_points{0};
-  Number forward_spool_bytes{0};     // of its files
-  Number forward_spool_failures{0};  // of opening, writing and flushing
-  Number forward_spool_damaged{0};   // files and parts of files
-
-  const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
-
-  uint64_t Errors() const;
-  uint64_t DroppedPackets() const;
+  uint64_t Errors() const { return refused.Sum(); }
+  uint64_t DroppedPackets() const { return dropped_full + dropped_shutdown + dropped_memory; }
   uint64_t ForwardDropped() const;
-  // What is in the table and in the queues.
+  // Of the table and of the queues.
   uint64_t BytesInUse() const {
     return queued_bytes + series_bytes + merge_bytes + forward_queue_bytes;
   }
 
   // Hands out every number as a sample; those of one name follow each other.
   void ForEach(const std::function<void(const Sample&)>& handle) const;
+
+ private:
+  const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+  const Number* first_ = nullptr;
+  Number* last_ = nullptr;
+
+  static constexpr Type kGauge = Type::kGauge;
+  static constexpr Type kCounter = Type::kCounter;
+  static constexpr std::string_view kLost = "tidegate_agent_dropped_packets_total";
+  static constexpr std::string_view kLostHelp = "Messages that were not decoded.";
+  static constexpr std::string_view kCut = "tidegate_agent_http_cut_clients_total";
+  static constexpr std::string_view kCutHelp = "HTTP clients cut off before they had their answer.";
+  static constexpr std::string_view kDropped = "tidegate_agent_forward_dropped_points_total";
+  static constexpr std::string_view kDroppedHelp = "Points that never reached the database.";
+
+ public:
+  // By the reading thread.
+  Number clients{this, kGauge, "tidegate_agent_clients", "Connected clients."};
+  Number bytes{this, kCounter, "tidegate_agent_received_bytes_total", "Bytes of all messages."};
+
+  // By the decoding thread.
+  Number packets{this, kCounter, "tidegate_agent_packets_total", "Packets decoded."};
+  Number points{this, kCounter, "tidegate_agent_points_total", "Points decoded."};
+  Reasons<kDecodeFailures> refused{this,
+                                   "tidegate_agent_decode_errors_total",
+                                   "Messages refused.",
+                                   {"too_long", "foreign", "version", "malformed"}};
+
+  // By the reading and the decoding thread.
+  Number queued_packets{this, kGauge, "tidegate_agent_queue_packets",
+                        "Messages that wait to be decoded."};
+  Number queued_bytes{this, kGauge, "tidegate_agent_queue_bytes", "Bytes of those."};
+  Number dropped_full{this, kCounter, kLost, kLostHelp, "full"};
+  Number dropped_shutdown{this, kCounter, kLost, kLostHelp, "shutdown"};
+  Number dropped_memory{this, kCounter, kLost, kLostHelp, "memory"};
+
+  // By any thread: each time something was lost, and counted as far as it can be told.
+  Number out_of_memory{this, kCounter, "tidegate_agent_out_of_memory_total",
+                       "Times that memory ran out."};
+
+  // By the decoding thread.
+  Number unprinted_points{this, kCounter, "tidegate_agent_unprinted_points_total",
+                          "Points that standard output did not take whole, or not in time."};
+  Number series{this, kGauge, "tidegate_agent_series", "Series in the table."};
+  Number series_bytes{this, kGauge, "tidegate_agent_series_bytes", "Bytes that they take."};
+  Reasons<kRefusals> refused_points{this,
+                                    "tidegate_agent_refused_points_total",
+                                    "Points that found no place in the table.",
+                                    {"limit", "collision", "work", "ahead"}};
+  // Of those reasons that are one of a series: kLimit and kCollision.
+  Reasons<2> refused_series{this,
+                            "tidegate_agent_refused_series_total",
+                            "Series that are not shown, each once.",
+                            {"limit", "collision"}};
+
+  Number merge_series{this, kGauge, "tidegate_agent_merge_series", "Series that are merged."};
+  Number merge_bytes{this, kGauge, "tidegate_agent_merge_bytes", "Bytes that they take."};
+  Number merge_held_points{this, kGauge, "tidegate_agent_merge_held_points",
+                           "Merged points that wait for further processes."};
+  Number merged_points{this, kCounter, "tidegate_agent_merged_points_total", "Merged points."};
+  Number merge_late_points{this, kCounter, "tidegate_agent_merge_late_points_total",
+                           "Points that came after those of their time had been merged."};
+  Number merge_left_out_percentiles{
+      this, kCounter, "tidegate_agent_merge_left_out_percentiles_total",
+      "Percentiles that were left out, as several processes reported them."};
+  Reasons<kMergeRefusals> merge_refused_points{this,
+                                               "tidegate_agent_merge_refused_points_total",
+                                               "Points that were not merged.",
+                                               {"limit", "columns", "work"}};
+
+  Number slots{this, kGauge, "tidegate_agent_slots",
+               "Numbers that processes have, or have just left."};
+  Number slotless_packets{this, kCounter, "tidegate_agent_slotless_packets_total",
+                          "Packets of processes without a number."};
+  Number shared_series{this, kCounter, "tidegate_agent_shared_series_total",
+                       "Series that several processes report."};
+
+  // By the HTTP side.
+  Number http_cut_slow{this, kCounter, kCut, kCutHelp, "slow"};
+  Number http_cut_crowded{this, kCounter, kCut, kCutHelp, "crowded"};
+  Number http_failed_pages{this, kCounter, "tidegate_agent_http_failed_pages_total",
+                           "Pages of metrics that could not be made."};
+
+  // By the forwarder.
+  Number forward_queue_points{this, kGauge, "tidegate_agent_forward_queue_points",
+                              "Points that wait to be forwarded."};
+  Number forward_queue_bytes{this, kGauge, "tidegate_agent_forward_queue_bytes", "Bytes of those."};
+  Number forwarded_points{this, kCounter, "tidegate_agent_forwarded_points_total",
+                          "Points that the database took."};
+  Number forward_dropped_full{this, kCounter, kDropped, kDroppedHelp, "full"};
+  Number forward_dropped_rejected{this, kCounter, kDropped, kDroppedHelp, "rejected"};
+  // Points that make no line: no number in it, or too long.
+  Number forward_dropped_empty{this, kCounter, kDropped, kDroppedHelp, "empty"};
+  Number forward_dropped_shutdown{this, kCounter, kDropped, kDroppedHelp, "shutdown"};
+  Number forward_dropped_memory{this, kCounter, kDropped, kDroppedHelp, "memory"};
+  Number forward_dropped_spool_full{this, kCounter, kDropped, kDroppedHelp, "spool_full"};
+  Number forward_dropped_spool_damaged{this, kCounter, kDropped, kDroppedHelp, "spool_damaged"};
+  Number forward_retried_points{this, kCounter, "tidegate_agent_forward_retried_points_total",
+                                "Points whose sending failed and is tried again."};
+  Number forward_batches{this, kCounter, "tidegate_agent_forward_batches_total",
+                         "Requests that the database took."};
+  Number forward_spool_points{this, kGauge, "tidegate_agent_forward_spool_points",
+                              "Points that wait in the spool."};
+  Number forward_spool_bytes{this, kGauge, "tidegate_agent_forward_spool_bytes",
+                             "Bytes of its files."};
+  Number forward_spool_failures{this, kCounter, "tidegate_agent_forward_spool_failures_total",
+                                "Times that the spool could not be opened, written or flushed."};
+  Number forward_spool_damaged{this, kCounter, "tidegate_agent_forward_spool_damaged_total",
+                               "Files and parts of files in the spool that could not be read."};
 };
 
 }  // namespace tidegate::agent

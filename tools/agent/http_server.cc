@@ -37,8 +37,8 @@ HttpLimits WithinDescriptors(HttpLimits limits) {
 
 }  // namespace
 
-HttpServer::HttpServer(PageWriter page, std::function<void(const std::string&)> report,
-                       std::function<void()> on_failure, Health* health, const HttpLimits& limits)
+HttpServer::HttpServer(PageWriter page, Report report, std::function<void()> on_failure,
+                       Health* health, const HttpLimits& limits)
     : report_(std::move(report)),
       on_failure_(std::move(on_failure)),
       maker_(std::move(page), report_, [this] { Wake(); }),

@@ -9,6 +9,7 @@
 #include "agent/health.h"
 #include "agent/http_connections.h"
 #include "agent/page_maker.h"
+#include "agent/report.h"
 #include "agent/unique_fd.h"
 
 namespace tidegate::agent {
@@ -29,8 +30,8 @@ class HttpServer {
 
   // `report` gets lines for the log, some ten in a second at most; `on_failure` is called on
   // another thread if the server ends without Stop. Counts in `health`, which it borrows.
-  HttpServer(PageWriter page, std::function<void(const std::string&)> report,
-             std::function<void()> on_failure, Health* health, const HttpLimits& limits = {});
+  HttpServer(PageWriter page, Report report, std::function<void()> on_failure, Health* health,
+             const HttpLimits& limits = {});
   ~HttpServer();  // stops, and waits for the slowest client
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
@@ -58,7 +59,7 @@ class HttpServer {
   void AcceptSome();
   void Wake();
 
-  const std::function<void(const std::string&)> report_;
+  const Report report_;
   const std::function<void()> on_failure_;
   PageMaker maker_;
   HttpConnections connections_;

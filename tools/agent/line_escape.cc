@@ -40,16 +40,14 @@ void AppendEscaped(LinePart part, std::string_view text, std::string* out) {
     AppendHexByte('#', out);
     text.remove_prefix(1);
   }
-  while (!text.empty()) {
-    const size_t size = CharacterSize(text);
-    if (size == 0 || !IsCarried(part, text)) {
-      AppendHexByte(text.front(), out);
+  ForEachCharacter(text, [part, out](std::string_view rest, size_t size) {
+    if (size == 0 || !IsCarried(part, rest)) {
+      AppendHexByte(rest.front(), out);
     } else {
-      if (IsEscapedIn(part, text.front())) *out += '\\';
-      *out += text.substr(0, size);
+      if (IsEscapedIn(part, rest.front())) *out += '\\';
+      *out += rest.substr(0, size);
     }
-    text.remove_prefix(std::max<size_t>(size, 1));
-  }
+  });
 }
 
 }  // namespace tidegate::agent

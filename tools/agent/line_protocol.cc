@@ -68,7 +68,7 @@ void LineWriter::StartBlock(const Packet& packet, const ClientId& client, const 
   // A bucket is known by its lower end, `le` by the upper one.
   const std::vector<double> bounds = HistogramBounds(block).value_or(std::vector<double>());
   for (size_t i = 1; i < bounds.size(); ++i) {
-    AppendDouble(bounds[i], &bounds_.emplace_back(",le="));
+    AppendFinite(bounds[i], &bounds_.emplace_back(",le="));
   }
   bounds_.emplace_back(",le=+Inf");
 }
@@ -115,7 +115,7 @@ void LineWriter::AppendField(std::string_view escaped_name, double value) {
   values_ += values_.empty() ? ' ' : ',';
   values_ += escaped_name;
   values_ += '=';
-  AppendDouble(value, &values_);
+  AppendFinite(value, &values_);
 }
 
 bool LineWriter::AppendLine(std::string* out) {

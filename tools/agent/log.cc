@@ -39,15 +39,13 @@ bool GoesToJournal(int fd) {
 // Journals hide a line that is not UTF-8. A backslash stays, as names can be quoted in it already.
 std::string WithoutBadUtf8(std::string_view line) {
   std::string shown;
-  while (!line.empty()) {
-    const size_t size = CharacterSize(line);
+  ForEachCharacter(line, [&shown](std::string_view rest, size_t size) {
     if (size == 0) {
-      AppendHexByte(line.front(), &shown);
+      AppendHexByte(rest.front(), &shown);
     } else {
-      shown += line.substr(0, size);
+      shown += rest.substr(0, size);
     }
-    line.remove_prefix(std::max<size_t>(size, 1));
-  }
+  });
   return shown;
 }
 

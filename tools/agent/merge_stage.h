@@ -13,6 +13,7 @@
 #include "agent/merge_identity.h"
 #include "agent/merged_packets.h"
 #include "agent/packet_sink.h"
+#include "agent/report.h"
 #include "agent/series_table.h"
 
 namespace tidegate::agent {
@@ -38,7 +39,6 @@ class MergeStage : public PacketSink {
     size_t max_series = 1000000;
     std::chrono::seconds ttl{300};  // of series without news where room is needed
   };
-  using Report = std::function<void(const std::string& line)>;
 
   static constexpr size_t kMaxIdentities = 1000;
 

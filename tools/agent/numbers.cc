@@ -8,7 +8,11 @@
 
 namespace tidegate::agent {
 
-void AppendDouble(double value, std::string* out) {
+void AppendNumber(double value, const NumberWords& words, std::string* out) {
+  if (!std::isfinite(value)) {
+    *out += std::isnan(value) ? words.nan : value > 0 ? words.infinity : words.minus_infinity;
+    return;
+  }
   constexpr double kExact = 9007199254740992;  // 2^53
   // A zero may have a sign.
   const bool whole = std::fabs(value) <= kExact && value != 0 && std::trunc(value) == value;

@@ -7,8 +7,8 @@
 
 namespace tidegate::agent {
 
-PageMaker::PageMaker(std::function<void(std::string*)> write,
-                     std::function<void(const std::string&)> report, std::function<void()> on_made)
+PageMaker::PageMaker(std::function<void(std::string*)> write, Report report,
+                     std::function<void()> on_made)
     : write_(std::move(write)), report_(std::move(report)), on_made_(std::move(on_made)) {}
 
 void PageMaker::Start() {

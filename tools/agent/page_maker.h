@@ -7,6 +7,8 @@
 #include <string>
 #include <thread>
 
+#include "agent/report.h"
+
 namespace tidegate::agent {
 
 // Writes pages on a thread of its own, one at a time, so that a long one delays nothing else.
@@ -16,8 +18,7 @@ class PageMaker {
  public:
   // `write` appends a page; if it throws, there is no page, and `report` gets a line. `on_made`
   // says that there is something to take; it must not throw.
-  PageMaker(std::function<void(std::string*)> write, std::function<void(const std::string&)> report,
-            std::function<void()> on_made);
+  PageMaker(std::function<void(std::string*)> write, Report report, std::function<void()> on_made);
   ~PageMaker() { Stop(); }
   PageMaker(const PageMaker&) = delete;
   PageMaker& operator=(const PageMaker&) = delete;
@@ -40,7 +41,7 @@ class PageMaker {
   std::optional<std::string> Write() noexcept;
 
   const std::function<void(std::string*)> write_;
-  const std::function<void(const std::string&)> report_;
+  const Report report_;
   const std::function<void()> on_made_;
   size_t last_size_ = 0;  // of its thread
   std::mutex mutex_;      // of all below

@@ -19,7 +19,7 @@ std::string Shown(std::string_view name) {
 
 }  // namespace
 
-PageNames::PageNames(const Health& health, CollisionLog::Reporter report, size_t* bytes)
+PageNames::PageNames(const Health& health, Report report, size_t* bytes)
     : log_(std::move(report)), names_(bytes) {
   const size_t before = *bytes;
   health.ForEach([this](const Health::Sample& sample) {
@@ -46,9 +46,9 @@ bool PageNames::ClaimLabels(std::string_view key, SeriesMetric* metric, size_t* 
 void PageNames::ReportLabel(std::string_view metric, std::string_view holder,
                             std::string_view tag) {
   if (log_.IsFull()) return;
-  log_.Report("\"" + MetricNameOf(Shown(metric)) + '{' + Shown(name_) + "}\" stands for the tag " +
-              Shown(holder) + " in /metrics; series with the tag " + Shown(tag) +
-              " are left out there, rename it");
+  log_.Add("\"" + MetricNameOf(Shown(metric)) + '{' + Shown(name_) + "}\" stands for the tag " +
+           Shown(holder) + " in /metrics; series with the tag " + Shown(tag) +
+           " are left out there, rename it");
 }
 
 void PageNames::ReleaseLabels(std::string_view key, size_t count, SeriesMetric* metric) {
@@ -109,8 +109,8 @@ void PageNames::ReportName(const Holder& holder, const Holder& late) {
     if (of.metric == nullptr) return std::string("agent's own number");
     return SourceOf(of.metric->kind, Shown(of.metric->name), Shown(of.column));
   };
-  log_.Report("\"" + Shown(name_) + "\" stands for the " + text(holder) + " in /metrics; the " +
-              text(late) + " is left out there, rename it");
+  log_.Add("\"" + Shown(name_) + "\" stands for the " + text(holder) + " in /metrics; the " +
+           text(late) + " is left out there, rename it");
 }
 
 void PageNames::ReleaseNames(const FamilyPart& part, size_t count) {

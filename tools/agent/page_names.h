@@ -4,9 +4,9 @@
 #include <string>
 #include <string_view>
 
-#include "agent/collision_log.h"
 #include "agent/health.h"
 #include "agent/name_claims.h"
+#include "agent/once_log.h"
 #include "agent/series_layout.h"
 
 namespace tidegate::agent {
@@ -18,7 +18,7 @@ namespace tidegate::agent {
 // numbers not included. If Show throws, a part of the layout is shown or hidden as a whole.
 class PageNames {
  public:
-  PageNames(const Health& health, CollisionLog::Reporter report, size_t* bytes);
+  PageNames(const Health& health, Report report, size_t* bytes);
 
   const Families& families() const { return families_; }
 
@@ -50,7 +50,7 @@ class PageNames {
   void ReleaseNames(const FamilyPart& part, size_t count);
   void ReportName(const Holder& holder, const Holder& late);
 
-  CollisionLog log_;
+  OnceLog log_;
   NameClaims<Holder> names_;
   Families families_;
   // As it is claimed or released. Kept, so that what was claimed can be released without memory.

@@ -16,13 +16,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-void AppendNumber(double value, std::string* out) {
-  if (std::isnan(value)) {
-    *out += "nan";  // the sign of a NaN means nothing
-    return;
-  }
-  AppendDouble(value, out);
-}
+constexpr NumberWords kNumberWords = {"nan", "inf", "-inf"};
 
 bool NeedsQuotes(const std::string& text) {
   constexpr std::string_view kPunctuation = "\"\\{},=";
@@ -86,7 +80,7 @@ bool SplitTimerName(std::string_view name, std::string_view part, std::string* b
 Json NumberToJson(double value) {
   if (std::isfinite(value)) return value;
   std::string text;
-  AppendNumber(value, &text);
+  AppendNumber(value, kNumberWords, &text);
   return text;
 }
 
@@ -133,7 +127,7 @@ void AppendTimerText(const Packet& packet, size_t first, const Tag* extra, std::
     *out += ' ';
     *out += kTimerColumns[i];
     *out += '=';
-    AppendNumber(packet.blocks[first + i].series[0].values.front(), out);
+    AppendNumber(packet.blocks[first + i].series[0].values.front(), kNumberWords, out);
   }
   *out += '\n';
 }
@@ -148,7 +142,7 @@ void AppendText(const Packet& packet, const Block& block, const Series& record, 
       AppendWord(block.FieldName(record, i), out);
       *out += '=';
     }
-    AppendNumber(record.values[i], out);
+    AppendNumber(record.values[i], kNumberWords, out);
   }
   *out += '\n';
 }

@@ -45,7 +45,7 @@ ClientId IdOf(int fd, uint64_t connection) {
 
 }  // namespace
 
-SeqpacketServer::SeqpacketServer(MessageHandler on_message, WarningHandler on_warning,
+SeqpacketServer::SeqpacketServer(MessageHandler on_message, Report on_warning,
                                  std::atomic<uint64_t>* clients, ConnectedProcesses* processes)
     : on_message_(std::move(on_message)),
       on_warning_(std::move(on_warning)),

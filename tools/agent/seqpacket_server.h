@@ -12,6 +12,7 @@
 #include "agent/hand_over.h"
 #include "agent/packet_listener.h"
 #include "agent/packet_sink.h"
+#include "agent/report.h"
 #include "agent/unique_fd.h"
 
 namespace tidegate::agent {
@@ -35,12 +36,11 @@ class SeqpacketServer {
   };
   using MessageHandler = std::function<void(Message)>;  // throws nothing
   // Gets one line about trouble that does not end the server. Throws nothing.
-  using WarningHandler = std::function<void(const std::string&)>;
 
   // Keeps the number of connected clients in `clients`, and their processes in `processes`; borrows
   // both. A process is there before its first message, and until after its last one.
-  SeqpacketServer(MessageHandler on_message, WarningHandler on_warning,
-                  std::atomic<uint64_t>* clients, ConnectedProcesses* processes);
+  SeqpacketServer(MessageHandler on_message, Report on_warning, std::atomic<uint64_t>* clients,
+                  ConnectedProcesses* processes);
   SeqpacketServer(const SeqpacketServer&) = delete;
   SeqpacketServer& operator=(const SeqpacketServer&) = delete;
 
@@ -91,7 +91,7 @@ class SeqpacketServer {
   void Drain();
 
   const MessageHandler on_message_;
-  const WarningHandler on_warning_;
+  const Report on_warning_;
   UniqueFd epoll_;
   UniqueFd stop_event_;
   const uint64_t most_clients_;

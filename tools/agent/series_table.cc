@@ -47,8 +47,7 @@ class SeriesTable::PageTurns {
   SeriesTable* const table_;
 };
 
-SeriesTable::SeriesTable(const Options& options, Health* health, CollisionLog::Reporter report,
-                         Clock clock)
+SeriesTable::SeriesTable(const Options& options, Health* health, Report report, Clock clock)
     : options_(options),
       clock_(std::move(clock)),
       health_(health),
@@ -126,7 +125,7 @@ void SeriesTable::ReportShared(const Block& block, const Reporter& reporter, pid
   line += " comes from " + Shown(other) + " and " + Shown(reporter.pid) +
           " at one time, which mixes their values; ";
   if (options_.process_label != ProcessLabel::kSlot) line += "use --process-label slot, or ";
-  shared_.Report(line + "give each of them a tag of its own");
+  shared_.Add(line + "give each of them a tag of its own");
 }
 
 SeriesTable::Node* SeriesTable::Place(Target* target, Node* known) {

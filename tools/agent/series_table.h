@@ -10,8 +10,8 @@
 #include <string>
 #include <unordered_map>
 
-#include "agent/collision_log.h"
 #include "agent/health.h"
+#include "agent/once_log.h"
 #include "agent/packet_sink.h"
 #include "agent/page_names.h"
 #include "agent/point_mapping.h"
@@ -64,8 +64,7 @@ class SeriesTable : public PacketSink {
   // the tenant, so more takes a packet that is made to be expensive.
   static constexpr size_t kMaxPacketWork = size_t{64} << 20;
 
-  SeriesTable(const Options& options, Health* health, CollisionLog::Reporter report,
-              Clock clock = Now);
+  SeriesTable(const Options& options, Health* health, Report report, Clock clock = Now);
   ~SeriesTable() override;
 
   static Time Now();
@@ -154,7 +153,7 @@ class SeriesTable : public PacketSink {
       METRICS_GUARDED_BY(mutex_);
   std::unordered_map<std::string, SeriesEntry> series_ METRICS_GUARDED_BY(mutex_);  // by SeriesKey
   PageNames names_ METRICS_GUARDED_BY(mutex_);
-  CollisionLog shared_ METRICS_GUARDED_BY(mutex_);
+  OnceLog shared_ METRICS_GUARDED_BY(mutex_);
   RecentHashes refused_ METRICS_GUARDED_BY(mutex_);  // series
   uint64_t next_id_ METRICS_GUARDED_BY(mutex_) = 0;
   bool page_in_work_ METRICS_GUARDED_BY(mutex_) = false;  // nothing may be erased

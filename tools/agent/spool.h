@@ -13,6 +13,7 @@
 
 #include "agent/batch_queue.h"
 #include "agent/health.h"
+#include "agent/report.h"
 #include "agent/spool_folder.h"
 #include "agent/spool_segment.h"
 
@@ -37,8 +38,6 @@ struct SpoolOptions {
 // Borrows `health`.
 class Spool {
  public:
-  using Report = std::function<void(const std::string& line)>;
-
   Spool(SpoolOptions options, Health* health, Report report);
 
   const SpoolOptions& options() const { return options_; }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -16,5 +17,16 @@ size_t CharacterSize(std::string_view text);
 
 // Appends `byte` in that form: "\xe9".
 void AppendHexByte(char byte, std::string* out);
+
+// Calls handle(rest, size) for each character of `text`: with the text from there on, and the bytes
+// of the character, 0 for a byte that begins none.
+template <typename Handle>
+void ForEachCharacter(std::string_view text, const Handle& handle) {
+  while (!text.empty()) {
+    const size_t size = CharacterSize(text);
+    handle(text, size);
+    text.remove_prefix(std::max<size_t>(size, 1));
+  }
+}
 
 }  // namespace tidegate::agent

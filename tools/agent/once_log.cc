@@ -1,8 +1,8 @@
-#include "agent/collision_log.h"
+#include "agent/once_log.h"
 
 namespace tidegate::agent {
 
-void CollisionLog::Report(const std::string& line) {
+void OnceLog::Add(const std::string& line) {
   if (!IsFull() && reported_.insert(std::hash<std::string>{}(line)).second) report_(line);
 }
 
