@@ -26,7 +26,9 @@ set(TIDEGATE_PUBLIC_HEADERS
     src/metrics/metric_data.h
     src/metrics/metric_factory.h
     src/metrics/metric_method.h
+    src/metrics/metric_parts.h
     src/metrics/metric_registry.h
+    src/metrics/registry_parts.h
     src/metrics/scoped_timer.h
     src/util/event_counter.h
     src/util/metric_common.h

@@ -4,8 +4,6 @@
 #include <cstdlib>
 #include <new>
 
-#include "util/metric_size_limits.h"
-
 namespace lattice_kit::codec {
 
 Pack::Pack(int32_t initial_capacity)
@@ -38,8 +36,8 @@ void Pack::Clear() {
     return;
   }
   cursor = begin;
-  if (capacity > METRICS::kMetricSendBufSize) {
-    Reallocate(METRICS::kMetricMaxMsgLen);
+  if (capacity > kMostKeptBytes) {
+    Reallocate(kPacketBytes);
   }
 }
 

@@ -7,6 +7,12 @@
 
 namespace lattice_kit::codec {
 
+/// Initial capacity of a packet's buffer in bytes, and the length at which a packet is sent.
+constexpr int32_t kPacketBytes = 262143;
+
+/// A buffer that grew beyond this is cut back to `kPacketBytes` when it is emptied.
+constexpr int32_t kMostKeptBytes = 409600;
+
 /// Growable byte buffer that packets are built in, front to back.
 ///
 /// Integers and doubles are stored as they stand in memory, which is little-endian on every
@@ -63,8 +69,7 @@ class Pack {
     std::memcpy(begin + offset, &value, sizeof(T));
   }
 
-  /// Empties the buffer; one that grew beyond `METRICS::kMetricSendBufSize` is cut back to
-  /// `METRICS::kMetricMaxMsgLen`.
+  /// Empties the buffer, and cuts one that grew beyond `kMostKeptBytes` back to `kPacketBytes`.
   void Clear();
 
   /// The bytes written so far.

@@ -2,6 +2,7 @@
 
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace lattice_kit::codec {
 
@@ -35,6 +36,9 @@ struct FieldInfo {
   std::string name;
   signed char type;
 };
+
+/// A list of columns in packet form: their number, then name and value type of each.
+std::string PackFields(const std::vector<FieldInfo>& fields);
 
 /// Appends `s` to `pack`: its length as 32 bits, then its bytes.
 void EncodeText(const std::string& s, Pack& pack);

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "metrics/impl/metric_multi_field_impl.h"
 #include "metrics/metric.h"
 #include "metrics/metric_collector.h"
 #include "metrics/metric_collector_item.h"
@@ -42,7 +41,7 @@ ReturnCode RefusalOf(MetricState state) {
 
 /// Whether the series of `metric` can have a cell of `type` named `name`, as far as that can be
 /// told without a series.
-ReturnCode CheckCell(Metric& metric, const std::string& name, MetricsType type) {
+ReturnCode CheckCell(const MetricParts& metric, const std::string& name, MetricsType type) {
   const std::vector<double>* bounds = nullptr;
   if (metric.kind_ == MetricCoItemType::kCoItemSuffix) {
     if (!IsValidKeyOrEmpty(name)) {
@@ -148,7 +147,7 @@ ReturnCode BoundSeries::BindTags(Metric& metric, const Tags& tags, const std::st
 ReturnCode BoundSeries::BindValues(Metric& metric, std::vector<std::string> values,
                                    const std::string& name, MetricsType type) {
   // The collector's own metric: with two metrics of one full name it is the first one's.
-  const std::shared_ptr<Metric> owner = metric.impl_->collector_->PinMetric();
+  const std::shared_ptr<MetricParts> owner = metric.impl_->collector_->PinMetric();
   if (owner == nullptr) {
     return ReturnCode::kObjectExit;
   }
@@ -163,7 +162,7 @@ ReturnCode BoundSeries::BindValues(Metric& metric, std::vector<std::string> valu
   if (code != ReturnCode::kOk) {
     return code;
   }
-  pins->metric = metric.weak_from_this().lock();
+  pins->metric = std::static_pointer_cast<Metric>(metric.weak_from_this().lock());
   if (pins->metric == nullptr) {
     return ReturnCode::kObjectExit;
   }

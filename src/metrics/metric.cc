@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "codec/fnv_hash.h"
 #include "metrics/impl/metric_compatible_impl.h"
 #include "metrics/impl/metric_multi_field_impl.h"
 #include "metrics/metric_registry.h"
@@ -11,9 +10,6 @@
 #include "util/metric_string_util.h"
 
 namespace METRICS {
-
-using lattice_kit::codec::kFNVOffsetBasis;
-using lattice_kit::codec::StrFNVHash;
 
 namespace {
 
@@ -29,11 +25,7 @@ MetricFieldValue StatValue(const char* name, MetricsType type, unsigned long num
 }  // namespace
 
 Metric::Metric(const std::string& name, MetricRegistry* registry, MetricCoItemType kind)
-    : name_(name),
-      name_hash_(StrFNVHash(name, kFNVOffsetBasis)),
-      registry_(registry),
-      kind_(kind),
-      registry_ref_(registry->WeakSelf()) {}
+    : MetricParts(name, registry, kind), registry_(registry) {}
 
 Metric::~Metric() { registry_ = nullptr; }
 
@@ -44,6 +36,7 @@ ReturnCode Metric::Init(const std::vector<std::string>&& tag_names,
   if (impl_ == nullptr) {
     return ReturnCode::kInternalError;
   }
+  impl_parts_ = impl_.get();
   if (histo != nullptr) {
     impl_->InitHisto(*histo);
   }
@@ -91,41 +84,8 @@ ReturnCode Metric::SetHistogram(HistoUtilBase* histo) {
   return ReturnCode::kOk;
 }
 
-const std::vector<double>& Metric::GetHistogram() {
-  return kind_ == MetricCoItemType::kCoItemSuffix
-             ? static_cast<SuffixedMetricImpl&>(*impl_).Bounds()
-             : NoopHistogram();
-}
-
-const std::vector<double>& Metric::NoopHistogram() {
-  static const std::vector<double>& none = *new std::vector<double>();
-  return none;
-}
-
-const std::vector<MetricFieldInfo>& Metric::GetFieldInfo() const {
-  return kind_ == MetricCoItemType::kCoItemField
-             ? static_cast<const MultiFieldMetricImpl&>(*impl_).field_infos_
-             : NoopFieldInfo();
-}
-
-const std::string& Metric::GetCodecFieldInfo() const {
-  return kind_ == MetricCoItemType::kCoItemField
-             ? static_cast<const MultiFieldMetricImpl&>(*impl_).codec_field_info_
-             : NoopStr();
-}
-
 const std::array<std::string, 10>& Metric::GetCompatibleFieldInfo() {
   return MetricCompatibleImpl::timer_field_info_;
-}
-
-const std::vector<MetricFieldInfo>& Metric::NoopFieldInfo() {
-  static const std::vector<MetricFieldInfo>& none = *new std::vector<MetricFieldInfo>();
-  return none;
-}
-
-const std::string& Metric::NoopStr() {
-  static const std::string& none = *new std::string();
-  return none;
 }
 
 ReturnCode Metric::CEmit(double value, std::vector<std::string>&& tag_pairs) {
@@ -151,8 +111,8 @@ ReturnCode Metric::EmitStat(Metric* stat_metric) {
   std::vector<MetricFieldValue> values;
   values.reserve(4);  // nothing is counted here that could not be told for want of memory
   // Series that are shared with another metric are counted there, whether that is removed or not.
-  const std::shared_ptr<Metric>& owner = impl_->CollectorOwner();
-  Metric& counted = owner == nullptr ? *this : *owner;
+  const std::shared_ptr<MetricParts>& owner = impl_->CollectorOwner();
+  MetricParts& counted = owner == nullptr ? *this : *owner;
   unsigned long fails = GetStatValue(emit_fail_);
   if (owner != nullptr) {
     fails += GetStatValue(owner->emit_fail_);

@@ -5,7 +5,6 @@
 #include <limits>
 #include <new>
 
-#include "metrics/metric_summary.h"
 #include "util/fork_guard.h"
 #include "util/metric_data_util.h"
 

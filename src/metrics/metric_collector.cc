@@ -4,9 +4,8 @@
 
 #include "codec/pack.h"
 #include "metrics/client_parts.h"
-#include "metrics/metric.h"
-#include "metrics/metric_collector_factory.h"
 #include "metrics/metric_configer.h"
+#include "metrics/metric_parts.h"
 #include "metrics/series_items.h"
 #include "util/metric_log.h"
 #include "util/metric_size_limits.h"
@@ -26,7 +25,7 @@ struct DropItem {
 
 }  // namespace
 
-MetricCollectorBase::MetricCollectorBase(MetricCollectorFactory* factory, Metric* metric)
+MetricCollectorBase::MetricCollectorBase(CollectorFactoryParts* factory, MetricParts* metric)
     : factory_(factory),
       metric_(metric),
       co_type_(metric->kind_),
@@ -85,7 +84,7 @@ bool MetricCollectorBase::AtSeriesQuota() const {
 }
 
 bool MetricCollectorBase::HasTooLongTags(const std::vector<std::string>& tag_values) const {
-  const unsigned long bytes = metric_->impl_->send_tag_bytes_ + GetSize(tag_values);
+  const unsigned long bytes = metric_->impl_parts_->send_tag_bytes_ + GetSize(tag_values);
   if (bytes <= kMaxSeriesTagBytes) {
     return false;
   }
@@ -100,7 +99,7 @@ std::shared_ptr<MetricCollectorItem> MetricCollectorBase::MakeItem(
   std::string encoded_tags;
   if (encode_tags) {
     lattice_kit::codec::Pack scratch(kTagScratchBytes);
-    metric_->impl_->EncodeTagBlock(tag_values, tag_hash, scratch);
+    metric_->impl_parts_->EncodeTagBlock(tag_values, tag_hash, scratch);
     encoded_tags = scratch.Bytes();
   }
   switch (co_type_) {
@@ -116,7 +115,7 @@ std::shared_ptr<MetricCollectorItem> MetricCollectorBase::MakeItem(
   return nullptr;
 }
 
-HashMapCollector::HashMapCollector(MetricCollectorFactory* factory, Metric* metric)
+HashMapCollector::HashMapCollector(CollectorFactoryParts* factory, MetricParts* metric)
     : MetricCollectorBase(factory, metric),
       series_(std::make_unique<SeriesMap>(factory->total_series_)) {}
 
@@ -156,7 +155,7 @@ bool HashMapCollector::EraseIdle(const std::vector<std::string>& tag_values,
 template <class Condition>
 void HashMapCollector::EraseSeriesIf(const std::vector<std::string>& tag_values,
                                      Condition condition) {
-  const std::shared_ptr<Metric> metric = PinMetric();
+  const std::shared_ptr<MetricParts> metric = PinMetric();
   const std::shared_ptr<MetricCollectorItem> item = series_->EraseIf(tag_values, condition);
   if (item == nullptr) {
     return;
@@ -187,19 +186,19 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateSeries(
     return nullptr;
   }
   if (AtSeriesQuota()) {
-    return MetricImpl::GetMetricDummyItem(metric_);
+    return CountedDummyItem(*metric_);
   }
   if (metric_ == nullptr) {
     return DummyItem();
   }
   if (HasTooLongTags(tag_values)) {
-    return MetricImpl::GetMetricDummyItem(metric_);
+    return CountedDummyItem(*metric_);
   }
   std::shared_ptr<MetricCollectorItem> item = MakeItem(tag_values, pre_encode_tags_);
   if (item == nullptr) {
     METRICS_LOG_ERROR("Internal Error for Unknown Collector Type: %d\n",
                       static_cast<int>(co_type_));
-    return MetricImpl::GetMetricDummyItem(metric_);
+    return CountedDummyItem(*metric_);
   }
   // A pass of expiry that comes before the first emission would erase it.
   item->last_update_.store(::time(nullptr), std::memory_order_relaxed);

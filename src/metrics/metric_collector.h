@@ -15,13 +15,20 @@
 
 namespace METRICS {
 
-class Metric;
-class MetricCollectorFactory;
+class MetricParts;
+struct ClientParts;
 
 using SeriesMap =
     ConcurrentHashmap<std::vector<std::string>, MetricCollectorItem, TagKVHash, TagKVCmp>;
 /// A series: its tag values, in the sorted order of the declared names, and its item.
 using Series = SeriesMap::KeyedValue;
+
+/// What collectors need of the factory that holds them: the series of a client and their quota.
+struct CollectorFactoryParts {
+  std::atomic<unsigned long> total_series_{0};  ///< changed by the collectors' tables
+  ClientParts* client_;                         ///< not owned
+  const unsigned long max_series_;              ///< the quota
+};
 
 /// All series of one metric: from a vector of tag values to the series' item.
 ///
@@ -30,7 +37,7 @@ using Series = SeriesMap::KeyedValue;
 /// whoever is not emitting through the metric pins it first.
 class MetricCollectorBase {
  public:
-  MetricCollectorBase(MetricCollectorFactory* factory, Metric* metric);
+  MetricCollectorBase(CollectorFactoryParts* factory, MetricParts* metric);
   virtual ~MetricCollectorBase();
   MetricCollectorBase(const MetricCollectorBase&) = delete;
   MetricCollectorBase& operator=(const MetricCollectorBase&) = delete;
@@ -74,11 +81,11 @@ class MetricCollectorBase {
   /// `kMaxSeriesTagBytes`, with an Error line if so.
   bool HasTooLongTags(const std::vector<std::string>& tag_values) const;
   /// The metric, kept alive by the result; null when it is being destroyed.
-  std::shared_ptr<Metric> PinMetric() const { return metric_ref_.lock(); }
+  std::shared_ptr<MetricParts> PinMetric() const { return metric_ref_.lock(); }
 
   // Constant after construction.
-  MetricCollectorFactory* const factory_;  ///< not owned; outlives the collector
-  Metric* metric_;                         ///< not owned
+  CollectorFactoryParts* const factory_;  ///< not owned; outlives the collector
+  MetricParts* metric_;                   ///< not owned
   const MetricCoItemType co_type_;
   const std::string name_;
   const bool pre_encode_tags_;  ///< encode a series' tags once, when it is made
@@ -91,7 +98,7 @@ class MetricCollectorBase {
   unsigned long CountCells();
 
  private:
-  const std::weak_ptr<Metric> metric_ref_;
+  const std::weak_ptr<MetricParts> metric_ref_;
 };
 
 /// The ordinary collector: a hash table under one reader-writer lock.
@@ -100,7 +107,7 @@ class MetricCollectorBase {
 /// race past the quota test can exceed the quota by their number.
 class HashMapCollector final : public MetricCollectorBase {
  public:
-  HashMapCollector(MetricCollectorFactory* factory, Metric* metric);
+  HashMapCollector(CollectorFactoryParts* factory, MetricParts* metric);
   ~HashMapCollector() override;
 
   std::vector<Series> GetAll() override;

@@ -3,30 +3,30 @@
 #include <algorithm>
 #include <utility>
 
-#include "metrics/metric.h"
 #include "metrics/metric_kdtree_collector.h"
-#include "metrics/metric_registry.h"
+#include "metrics/metric_parts.h"
+#include "metrics/registry_parts.h"
 #include "util/fork_guard.h"
 #include "util/metric_log.h"
 
 namespace METRICS {
 namespace {
 
-bool IsReady(const MetricImpl& impl) {
+bool IsReady(const ImplParts& impl) {
   return impl.state_.load(std::memory_order_acquire) == MetricState::READY;
 }
 
-bool AnyInService(const std::vector<const MetricImpl*>& members) {
+bool AnyInService(const std::vector<const ImplParts*>& members) {
   return std::any_of(members.begin(), members.end(),
-                     [](const MetricImpl* member) { return IsReady(*member); });
+                     [](const ImplParts* member) { return IsReady(*member); });
 }
 
 /// Whether the look-ups of `metric` have as many values as the series of `owner`. Those of
 /// compatible metrics have any number.
-bool FitsInto(const Metric& metric, const Metric& owner) {
+bool FitsInto(const MetricParts& metric, const MetricParts& owner) {
   constexpr MetricCoItemType kAny = MetricCoItemType::kCoItemCompatible;
   return (metric.kind_ == kAny) == (owner.kind_ == kAny) &&
-         (metric.kind_ == kAny || metric.impl_->tag_count_ == owner.impl_->tag_count_);
+         (metric.kind_ == kAny || metric.impl_parts_->tag_count_ == owner.impl_parts_->tag_count_);
 }
 
 }  // namespace
@@ -34,12 +34,12 @@ bool FitsInto(const Metric& metric, const Metric& owner) {
 /// Keeps metrics and registries alive while a list of collectors is made. To be released without
 /// the factory's lock: the last pin of a metric destroys it, and its destructor takes that lock.
 struct MetricCollectorFactory::Pins {
-  std::vector<std::shared_ptr<Metric>> metrics;
-  std::vector<std::shared_ptr<MetricRegistry>> registries;
+  std::vector<std::shared_ptr<MetricParts>> metrics;
+  std::vector<std::shared_ptr<RegistryParts>> registries;
 };
 
 MetricCollectorFactory::MetricCollectorFactory(ClientParts* client, const unsigned long& max_series)
-    : client_(client), max_series_(max_series) {
+    : CollectorFactoryParts{{}, client, max_series} {
   state_.exchange(MetricState::READY);
 }
 
@@ -51,7 +51,7 @@ MetricCollectorFactory::~MetricCollectorFactory() {
 }
 
 CollectorPtr MetricCollectorFactory::CreateCollector(const std::string& tenant,
-                                                     const std::string& name, Metric* metric) {
+                                                     const std::string& name, MetricParts* metric) {
   if (state_.load(std::memory_order_relaxed) != MetricState::READY) {
     return nullptr;
   }
@@ -64,13 +64,13 @@ CollectorPtr MetricCollectorFactory::CreateCollector(const std::string& tenant,
   return place.collector != nullptr ? place.collector : Put(names, name, metric);
 }
 
-MetricCollectorFactory::Membership MetricCollectorFactory::Join(Metric& metric) {
+MetricCollectorFactory::Membership MetricCollectorFactory::Join(const ImplParts& member) {
   Membership place;
   if (state_.load(std::memory_order_relaxed) != MetricState::READY) {
     return place;
   }
   CollectorPtr replaced;  // as in `CreateCollector`
-  const MetricImpl& member = *metric.impl_;
+  MetricParts& metric = *member.metric_;
   const WriteGuard guard(rwlock_);
   NameMap& names = NamesOf(member.tenant_);
   place = FindStanding(names, member.name_, replaced);
@@ -79,7 +79,7 @@ MetricCollectorFactory::Membership MetricCollectorFactory::Join(Metric& metric) 
   } else if (FitsInto(metric, *place.owner)) {
     Members& members = members_[place.collector.get()];
     if (members.empty()) {
-      members.push_back(place.owner->impl_.get());
+      members.push_back(place.owner->impl_parts_);
     }
     members.push_back(&member);
     place.shared = true;
@@ -91,7 +91,7 @@ MetricCollectorFactory::Membership MetricCollectorFactory::Join(Metric& metric) 
   return place;
 }
 
-bool MetricCollectorFactory::Leave(const MetricImpl& member, const MetricCollectorBase& collector) {
+bool MetricCollectorFactory::Leave(const ImplParts& member, const MetricCollectorBase& collector) {
   // These die after the guard.
   CollectorPtr removed;
   CollectorPtr waited;
@@ -123,7 +123,7 @@ bool MetricCollectorFactory::Leave(const MetricImpl& member, const MetricCollect
   return true;
 }
 
-bool MetricCollectorFactory::OthersInService(const MetricImpl& member,
+bool MetricCollectorFactory::OthersInService(const ImplParts& member,
                                              const MetricCollectorBase& collector) {
   // For writing, so that of two members that are blocked at a time the second sees the first.
   const WriteGuard guard(rwlock_);
@@ -132,7 +132,7 @@ bool MetricCollectorFactory::OthersInService(const MetricImpl& member,
     return false;
   }
   return std::any_of(shared->second.begin(), shared->second.end(),
-                     [&](const MetricImpl* other) { return other != &member && IsReady(*other); });
+                     [&](const ImplParts* other) { return other != &member && IsReady(*other); });
 }
 
 MetricCollectorFactory::NameMap& MetricCollectorFactory::NamesOf(const std::string& tenant) {
@@ -163,7 +163,7 @@ MetricCollectorFactory::Membership MetricCollectorFactory::FindStanding(NameMap&
   return place;
 }
 
-CollectorPtr MetricCollectorFactory::NewCollector(Metric* metric) {
+CollectorPtr MetricCollectorFactory::NewCollector(MetricParts* metric) {
   CollectorPtr collector;
   if (collector_kind_ != 0) {
     collector = std::make_shared<KDTreeCollector>(this, metric);
@@ -174,7 +174,8 @@ CollectorPtr MetricCollectorFactory::NewCollector(Metric* metric) {
   return collector;
 }
 
-CollectorPtr MetricCollectorFactory::Put(NameMap& names, const std::string& name, Metric* metric) {
+CollectorPtr MetricCollectorFactory::Put(NameMap& names, const std::string& name,
+                                         MetricParts* metric) {
   CollectorPtr collector = NewCollector(metric);
   names.emplace(name, collector);
   ++total_collectors_;
@@ -218,7 +219,7 @@ ReturnCode MetricCollectorFactory::Remove(const std::string& tenant, const std::
   return ReturnCode::kOk;
 }
 
-void MetricCollectorFactory::PromoteWaiting(const MetricImpl& member) {
+void MetricCollectorFactory::PromoteWaiting(const ImplParts& member) {
   const auto next = std::find_if(waiting_.begin(), waiting_.end(), [&](const Waiting& candidate) {
     return candidate.member->tenant_ == member.tenant_ && candidate.member->name_ == member.name_;
   });
@@ -247,14 +248,14 @@ bool MetricCollectorFactory::CheckMetricStatus(const CollectorPtr& collector) co
   if (collector == nullptr) {
     return false;
   }
-  const std::shared_ptr<Metric> metric = collector->PinMetric();
+  const std::shared_ptr<MetricParts> metric = collector->PinMetric();
   const ReadGuard guard(rwlock_);
   return InService(*collector, metric);
 }
 
 bool MetricCollectorFactory::InService(const MetricCollectorBase& collector,
-                                       const std::shared_ptr<Metric>& metric) const {
-  if (metric == nullptr || IsReady(*metric->impl_)) {
+                                       const std::shared_ptr<MetricParts>& metric) const {
+  if (metric == nullptr || IsReady(*metric->impl_parts_)) {
     return metric != nullptr;
   }
   const auto shared = members_.find(&collector);
@@ -278,12 +279,12 @@ void MetricCollectorFactory::ForEachInService(const std::string& tenant, Visit v
   }
   for (const auto& [name, collector] : names->second) {
     pins.metrics.push_back(collector->PinMetric());
-    const std::shared_ptr<Metric>& metric = pins.metrics.back();
+    const std::shared_ptr<MetricParts>& metric = pins.metrics.back();
     if (!InService(*collector, metric)) {
       continue;
     }
     pins.registries.push_back(metric->PinRegistry());
-    const std::shared_ptr<MetricRegistry>& registry = pins.registries.back();
+    const std::shared_ptr<RegistryParts>& registry = pins.registries.back();
     if (registry != nullptr) {
       visit(collector, registry->flush_interval_);
     }

@@ -15,10 +15,8 @@
 
 namespace METRICS {
 
-class Metric;
-struct ClientParts;
-class MetricImpl;
-class MetricRegistry;
+class ImplParts;
+class RegistryParts;
 
 using CollectorPtr = std::shared_ptr<MetricCollectorBase>;
 using CollectorList = std::vector<CollectorPtr>;
@@ -29,7 +27,7 @@ using CollectorList = std::vector<CollectorPtr>;
 /// Threads: all operations from any thread; one reader-writer lock, which emissions never take.
 /// Shared by the client, the metrics and the senders. The lists that it hands out hold collectors
 /// only: a metric or registry that ends meanwhile is found out by pinning it again.
-class MetricCollectorFactory {
+class MetricCollectorFactory : public CollectorFactoryParts {
  public:
   /// `max_series` is the quota of series over all collectors.
   MetricCollectorFactory(ClientParts* client, const unsigned long& max_series);
@@ -39,7 +37,8 @@ class MetricCollectorFactory {
 
   /// The collector that stands under `tenant` and `name`, made for `metric` if there is none;
   /// null once the factory is shut down. REQUIRES: `metric` is owned by a shared pointer.
-  CollectorPtr CreateCollector(const std::string& tenant, const std::string& name, Metric* metric);
+  CollectorPtr CreateCollector(const std::string& tenant, const std::string& name,
+                               MetricParts* metric);
   /// Takes a collector out; it dies with its last holder. `kObjectNotExisted` when unknown.
   ReturnCode RemoveCollector(const std::string& tenant, const std::string& name);
 
@@ -50,18 +49,18 @@ class MetricCollectorFactory {
     /// It is the one of `owner`, which has as many tags. The series point at `owner`, so whoever
     /// emits on them keeps it, and its registry too, which the flush asks.
     bool shared = false;
-    std::shared_ptr<MetricRegistry> owner_registry;
-    std::shared_ptr<Metric> owner;
+    std::shared_ptr<RegistryParts> owner_registry;
+    std::shared_ptr<MetricParts> owner;
   };
-  /// As `CreateCollector` under the full name of `metric`, which is a member of what it gets until
-  /// it leaves. A metric whose look-ups would not fit a collector that stands there gets one on
+  /// As `CreateCollector` for the metric of `member`, which is a member of what it gets until it
+  /// leaves. A metric whose look-ups would not fit a collector that stands there gets one on
   /// standby, which replaces that one once all its members have left.
-  Membership Join(Metric& metric);
+  Membership Join(const ImplParts& member);
   /// The last member takes the collector out. False when another one is in service, which needs the
   /// series.
-  bool Leave(const MetricImpl& member, const MetricCollectorBase& collector);
+  bool Leave(const ImplParts& member, const MetricCollectorBase& collector);
   /// Whether another member of `collector` than `member` is in service.
-  bool OthersInService(const MetricImpl& member, const MetricCollectorBase& collector);
+  bool OthersInService(const ImplParts& member, const MetricCollectorBase& collector);
 
   /// All collectors of all tenants.
   CollectorList GetAll() const;
@@ -86,9 +85,6 @@ class MetricCollectorFactory {
   /// without walking it if a thread of the parent was changing it.
   void RepairAfterFork() METRICS_NO_THREAD_SAFETY;
 
-  std::atomic<unsigned long> total_series_{0};  ///< changed by the collectors' tables
-  ClientParts* client_;                         ///< not owned
-  const unsigned long max_series_;              ///< the quota
   using NameMap = std::unordered_map<std::string, CollectorPtr>;
   std::unordered_map<std::string, NameMap> tenants_ METRICS_GUARDED_BY(rwlock_);
   /// 0: new collectors are `HashMapCollector`s, else `KDTreeCollector`s. Nothing sets it.
@@ -97,10 +93,10 @@ class MetricCollectorFactory {
   std::atomic<MetricState> state_{MetricState::INIT};
 
  private:
-  using Members = std::vector<const MetricImpl*>;
+  using Members = std::vector<const ImplParts*>;
   struct Pins;
   struct Waiting {
-    const MetricImpl* member;
+    const ImplParts* member;
     CollectorPtr collector;
   };
 
@@ -108,21 +104,21 @@ class MetricCollectorFactory {
   /// the read lock.
   template <class Visit>
   void ForEachInService(const std::string& tenant, Visit visit) const;
-  bool InService(const MetricCollectorBase& collector, const std::shared_ptr<Metric>& metric) const
-      METRICS_REQUIRES_SHARED(rwlock_);
+  bool InService(const MetricCollectorBase& collector,
+                 const std::shared_ptr<MetricParts>& metric) const METRICS_REQUIRES_SHARED(rwlock_);
   NameMap& NamesOf(const std::string& tenant) METRICS_REQUIRES(rwlock_);
   /// The collector under `name`, with its metric and registry pinned, or none. One whose metric is
   /// being destroyed, and will look for it in vain, goes to `replaced`.
   Membership FindStanding(NameMap& names, const std::string& name, CollectorPtr& replaced)
       METRICS_REQUIRES(rwlock_);
-  CollectorPtr NewCollector(Metric* metric);
-  CollectorPtr Put(NameMap& names, const std::string& name, Metric* metric)
+  CollectorPtr NewCollector(MetricParts* metric);
+  CollectorPtr Put(NameMap& names, const std::string& name, MetricParts* metric)
       METRICS_REQUIRES(rwlock_);
   ReturnCode Remove(const std::string& tenant, const std::string& name,
                     const MetricCollectorBase* own, CollectorPtr& removed)
       METRICS_REQUIRES(rwlock_);
   /// Gives the name of `member` to the first collector that waits for it.
-  void PromoteWaiting(const MetricImpl& member) METRICS_REQUIRES(rwlock_);
+  void PromoteWaiting(const ImplParts& member) METRICS_REQUIRES(rwlock_);
   void DropAll() METRICS_REQUIRES(rwlock_);
 
   mutable RwLock rwlock_;

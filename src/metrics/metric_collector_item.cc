@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "metrics/cell_kinds.h"
-#include "metrics/metric.h"
+#include "metrics/metric_parts.h"
 #include "util/metric_log.h"
 
 namespace METRICS {
@@ -86,7 +86,7 @@ void MetricCollectorItem::Drop() {
 
 ReturnCode MetricCollectorItem::RefuseDropped() const {
   metric_->emit_fail_.fetch_add(1, std::memory_order_relaxed);
-  return metric_->impl_->state_.load(std::memory_order_acquire) == MetricState::BLOCKED
+  return metric_->impl_parts_->state_.load(std::memory_order_acquire) == MetricState::BLOCKED
              ? ReturnCode::kObjectBlocked
              : ReturnCode::kObjectExit;
 }
@@ -104,6 +104,13 @@ bool MetricCollectorItem::Hold() {
 bool MetricCollectorItem::ClaimForErasing() {
   uint32_t nobody = 0;
   return holders_.compare_exchange_strong(nobody, kErasing, std::memory_order_acquire);
+}
+
+std::shared_ptr<MetricCollectorItem> DummyItem() {
+  static const std::shared_ptr<MetricCollectorItem>& item =
+      *new std::shared_ptr<MetricCollectorItem>(
+          std::make_shared<MetricCollectorItem>(nullptr, 0, std::string()));
+  return item;
 }
 
 }  // namespace METRICS

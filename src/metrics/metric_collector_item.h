@@ -18,7 +18,7 @@
 
 namespace METRICS {
 
-class Metric;
+class MetricParts;
 struct CellRef;
 
 /// Seconds without an emission after which a series counts as idle.
@@ -35,7 +35,7 @@ constexpr long kExpireAfterSeconds = 7200;
 /// answers 70.
 class METRICS_API MetricCollectorItem {
  public:
-  MetricCollectorItem(Metric* metric, const int& tag_hash, const std::string& encoded_tags)
+  MetricCollectorItem(MetricParts* metric, const int& tag_hash, const std::string& encoded_tags)
       : metric_(metric), tag_hash_(tag_hash), encoded_tags_(encoded_tags) {}
   virtual ~MetricCollectorItem();
   MetricCollectorItem(const MetricCollectorItem&) = delete;
@@ -140,7 +140,7 @@ class METRICS_API MetricCollectorItem {
  public:
   // Constant after construction, unless the tags are not encoded ahead: then the flush thread, and
   // it alone, fills in the hash once, and for compatible metrics the tags too.
-  Metric* const metric_;  ///< not owned
+  MetricParts* const metric_;  ///< not owned
   int32_t tag_hash_;
   std::string encoded_tags_;
 
@@ -160,5 +160,9 @@ class METRICS_API MetricCollectorItem {
     return code;
   }
 };
+
+/// The shared item that stands for every failure: emitting on it does nothing and answers 70.
+/// Never destroyed.
+METRICS_API std::shared_ptr<MetricCollectorItem> DummyItem();
 
 }  // namespace METRICS

@@ -12,6 +12,8 @@ const SendRes& SingleFieldMetricBasicData::no_flush_res_ = *new SendRes{false, {
 const SendRes& MetricMeter::no_flush_res_ = *new SendRes{false, {}, 0.0, kMetricMeterArraySize};
 const SendRes& MetricDeltaCounter::no_flush_res_ =
     *new SendRes{false, {}, 0.0, kMetricDeltaCounterArrSize};
+const SendRes& MetricSummaryData::no_flush_res_ =
+    *new SendRes{false, {}, 0.0, kMetricSummaryArraySize};
 
 void MetricBasicData::Emit(const long& /*value*/) {}
 void MetricBasicData::Emit(const double& /*value*/) {}

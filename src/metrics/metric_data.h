@@ -160,4 +160,14 @@ class MetricDeltaCounter final : public TotalCell<MetricBasicData, std::atomic<d
   static const SendRes& no_flush_res_;
 };
 
+/// Base of the cells that tell the distribution of an interval's samples by the ten numbers of
+/// `SummarizeSamples`. Samples are never filtered: NaN and infinity count and go through the sum.
+class MetricSummaryData : public MetricBasicData {
+ public:
+  MetricsType Type() override { return MetricsType::kTimer; }
+
+  /// What a quiet interval reports.
+  static const SendRes& no_flush_res_;
+};
+
 }  // namespace METRICS

@@ -2,9 +2,9 @@
 
 #include <new>
 
-#include "metrics/metric.h"
-#include "metrics/metric_registry.h"
+#include "metrics/metric_parts.h"
 #include "metrics/packet_sender.h"
+#include "metrics/registry_parts.h"
 #include "util/line_allocator.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
@@ -124,8 +124,7 @@ void MetricEncoder::CountLostSeries() { sender_->CountLostSeries(); }
 void MetricEncoder::PackAll(const std::vector<std::shared_ptr<MetricCollectorBase>>& collectors) {
   for (const std::shared_ptr<MetricCollectorBase>& collector : collectors) {
     metric_ = collector->PinMetric();
-    std::shared_ptr<MetricRegistry> registry =
-        metric_ == nullptr ? nullptr : metric_->PinRegistry();
+    std::shared_ptr<RegistryParts> registry = metric_ == nullptr ? nullptr : metric_->PinRegistry();
     if (registry == nullptr) {
       continue;
     }
@@ -257,7 +256,7 @@ std::string_view MetricEncoder::EncodeCurrentTagKV() {
     return cur_tag_kv_;
   }
   const auto& [tags, item] = *series_;
-  const MetricImpl& impl = *metric_->impl_;
+  const ImplParts& impl = *metric_->impl_parts_;
   if (pre_encode_tags) {
     cur_tag_kv_ = item->encoded_tags_;
   } else if (impl.tag_index_.size() != tags.size()) {
@@ -271,13 +270,7 @@ std::string_view MetricEncoder::EncodeCurrentTagKV() {
 }
 
 std::string MetricEncoder::PrePack(const std::vector<FieldInfo>& fields) {
-  EPacket scratch(kTagScratchBytes);
-  scratch.Put(static_cast<uint32_t>(fields.size()));
-  for (const FieldInfo& field : fields) {
-    scratch.EncodeString(field.name);
-    scratch.Put(field.type);
-  }
-  return scratch.Bytes();
+  return lattice_kit::codec::PackFields(fields);
 }
 
 void MetricEncoder::PutMetricHeader(EPacket& pack, MetricsType type, unsigned int hash,

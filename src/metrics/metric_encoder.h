@@ -17,8 +17,8 @@
 
 namespace METRICS {
 
-class Metric;
-class MetricRegistry;
+class MetricParts;
+class RegistryParts;
 class PacketSender;
 
 /// Keys of the two tags that say whose data a packet holds.
@@ -205,10 +205,10 @@ class MetricEncoder final : public MetricEncoderBase {
   MetricDataPack pack_;       ///< of the flush's boundary
   MetricDataPack prev_pack_;  ///< of the interval before; restarted when it is first needed
   uint32_t header_len_ = 0;
-  std::shared_ptr<MetricRegistry>
-      registry_;                    ///< whose metrics the packets hold; null between flushes
-  std::shared_ptr<Metric> metric_;  ///< being packed; null otherwise
-  int32_t interval_ = 30;           ///< seconds, of `registry_`
+  std::shared_ptr<RegistryParts>
+      registry_;                         ///< whose metrics the packets hold; null between flushes
+  std::shared_ptr<MetricParts> metric_;  ///< being packed; null otherwise
+  int32_t interval_ = 30;                ///< seconds, of `registry_`
   std::vector<lattice_kit::codec::TagKV> tenant_tags_;
   std::string codec_header_;
 

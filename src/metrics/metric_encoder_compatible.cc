@@ -5,10 +5,11 @@
 
 #include "codec/fnv_hash.h"
 #include "metrics/cell_kinds.h"
-#include "metrics/metric.h"
+#include "metrics/impl/metric_compatible_impl.h"
 #include "metrics/metric_encoder.h"
-#include "metrics/metric_registry.h"
+#include "metrics/metric_parts.h"
 #include "metrics/packet_sender.h"
+#include "metrics/registry_parts.h"
 #include "util/metric_log.h"
 #include "util/metric_size_limits.h"
 
@@ -39,7 +40,7 @@ void MetricEncoder::EncodeCurrentCompatibleMetricHeader(MetricDataPack& pack, Me
   std::string fields;
   if (type == MetricsType::kTimer) {  // only as a row does a timer share a block
     std::vector<FieldInfo> columns;
-    for (const std::string& name : Metric::GetCompatibleFieldInfo()) {
+    for (const std::string& name : MetricCompatibleImpl::timer_field_info_) {
       columns.emplace_back(name, kCodecValueDouble);
     }
     fields = PrePack(columns);

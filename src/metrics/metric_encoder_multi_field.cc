@@ -1,8 +1,8 @@
 // The form of metrics with a row of fields: one block per metric and packet, whose records name by
 // index which columns they carry.
 
-#include "metrics/metric.h"
 #include "metrics/metric_encoder.h"
+#include "metrics/metric_parts.h"
 #include "metrics/packet_sender.h"
 #include "util/metric_log.h"
 

@@ -10,8 +10,8 @@
 #include "codec/fnv_hash.h"
 #include "metrics/cell_kinds.h"
 #include "metrics/impl/metric_multi_field_impl.h"
-#include "metrics/metric.h"
 #include "metrics/metric_encoder.h"
+#include "metrics/metric_parts.h"
 #include "metrics/packet_sender.h"
 #include "util/metric_log.h"
 #include "util/short_text.h"
@@ -123,7 +123,8 @@ size_t MetricEncoder::ListFrom(const std::vector<Series>& items, size_t begin) {
 
 void MetricEncoder::PackListedSeries(const Series& series, const ListedSeries& listed) {
   BeginSeries(series);
-  if (series.first.size() != metric_->impl_->tag_index_.size() && EncodeCurrentTagKV().empty()) {
+  if (series.first.size() != metric_->impl_parts_->tag_index_.size() &&
+      EncodeCurrentTagKV().empty()) {
     cur_tag_kv_ = "";  // reported: its records go out without tags
   }
   for (size_t i = 0; i < listed.cells.size(); ++i) {

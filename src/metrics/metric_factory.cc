@@ -66,8 +66,7 @@ ReturnCode MetricFactory::CreateRegistry(MetricRegistry*& registry, std::string 
   // The registry goes into the table, from where others take it, when nothing can fail any more for
   // want of a thread or of memory. Neither the vendor nor the sender is called with the table's
   // lock held.
-  const std::shared_ptr<MetricRegistry> made =
-      MetricRegistry::Make(tenant, prefix, client_, interval);
+  const auto made = std::make_shared<MetricRegistry>(tenant, prefix, client_, interval);
   made->GenrateTagsOnRegistry(std::move(tags),
                               vendor != nullptr ? vendor : client_->configer_->vendor_.get());
   code = client_->sender_manager_->CreateSender(tenant, sender_type);

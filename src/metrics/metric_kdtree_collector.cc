@@ -3,7 +3,8 @@
 #include <algorithm>
 
 #include "codec/fnv_hash.h"
-#include "metrics/metric.h"
+#include "metrics/metric_parts.h"
+#include "util/metric_log.h"
 
 namespace METRICS {
 namespace {
@@ -13,16 +14,17 @@ constexpr uint32_t kTreeMask = 0x1ff;
 
 }  // namespace
 
-KDTreeCollector::KDTreeCollector(MetricCollectorFactory* factory, Metric* metric)
+KDTreeCollector::KDTreeCollector(CollectorFactoryParts* factory, MetricParts* metric)
     : MetricCollectorBase(factory, metric) {}
 
 KDTreeCollector::~KDTreeCollector() = default;
 
 ReturnCode KDTreeCollector::Init() {
   trees_.reserve(kTrees);
-  dimension_ = metric_->impl_->tag_count_;
+  dimension_ = metric_->impl_parts_->tag_count_;
+  KDTreeItems& items = *this;
   for (size_t i = 0; i < kTrees; ++i) {
-    trees_.emplace_back(co_type_, dimension_, metric_, this);
+    trees_.emplace_back(co_type_, dimension_, items, factory_->total_series_);
   }
   return ReturnCode::kOk;
 }
@@ -35,6 +37,21 @@ std::shared_ptr<MetricCollectorItem> KDTreeCollector::GetOrCreate(
   const uint32_t hash = lattice_kit::codec::StrVecFNVHash(tag_values);
   return trees_[hash & kTreeMask].GetOrCreate(tag_values);
 }
+
+std::shared_ptr<MetricCollectorItem> KDTreeCollector::MakeTreeItem(
+    const std::vector<std::string>& tag_values) {
+  if (AtSeriesQuota() || HasTooLongTags(tag_values)) {
+    return nullptr;
+  }
+  std::shared_ptr<MetricCollectorItem> item = MakeItem(tag_values, true);
+  if (item == nullptr) {
+    METRICS_LOG_ERROR("Internal Error for Unknown MetricCoItemType: %d\n",
+                      static_cast<int>(co_type_));
+  }
+  return item;
+}
+
+void KDTreeCollector::DropTreeItem(MetricCollectorItem& item) { item.Drop(); }
 
 std::vector<Series> KDTreeCollector::GetAll() {
   std::vector<Series> all;

@@ -15,9 +15,9 @@ namespace METRICS {
 ///
 /// At the series quota, or with tags that are too long, a new series gives a null item. Tags are
 /// always encoded ahead.
-class KDTreeCollector final : public MetricCollectorBase {
+class KDTreeCollector final : public MetricCollectorBase, private KDTreeItems {
  public:
-  KDTreeCollector(MetricCollectorFactory* factory, Metric* metric);
+  KDTreeCollector(CollectorFactoryParts* factory, MetricParts* metric);
   ~KDTreeCollector() override;
 
   /// Makes the trees.
@@ -31,6 +31,10 @@ class KDTreeCollector final : public MetricCollectorBase {
   uint32_t Id() override { return 3; }
 
  private:
+  std::shared_ptr<MetricCollectorItem> MakeTreeItem(
+      const std::vector<std::string>& tag_values) override;
+  void DropTreeItem(MetricCollectorItem& item) override;
+
   size_t dimension_ = 0;
   std::vector<KDTree> trees_;
 };

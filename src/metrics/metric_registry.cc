@@ -21,17 +21,9 @@ constexpr uint16_t kMaxColumns = 1024;
 
 }  // namespace
 
-std::shared_ptr<MetricRegistry> MetricRegistry::Make(const std::string& tenant,
-                                                     const std::string& prefix, ClientParts* client,
-                                                     int flush_interval) {
-  auto registry = std::make_shared<MetricRegistry>(tenant, prefix, client, flush_interval);
-  registry->self_ = registry;
-  return registry;
-}
-
 MetricRegistry::MetricRegistry(const std::string& tenant, const std::string& prefix,
                                ClientParts* client, int flush_interval)
-    : tenant_(tenant), prefix_(prefix), client_(client), flush_interval_(flush_interval) {
+    : RegistryParts(tenant, prefix, client, flush_interval) {
   state_.exchange(MetricState::READY);
 }
 
@@ -298,11 +290,6 @@ void MetricRegistry::MergeTags(const std::vector<tidegate::MetricTag>& first,
       out.push_back(tag);
     }
   }
-}
-
-std::vector<tidegate::MetricTag> MetricRegistry::InsertedTags() const {
-  const ReadGuard guard(rwlock_);
-  return tags_;
 }
 
 ReturnCode CheckMetricFieldCfg(const std::vector<MetricFieldCfg>& fields) {

@@ -10,6 +10,7 @@
 
 #include "metrics/histo_util.h"
 #include "metrics/metric.h"
+#include "metrics/registry_parts.h"
 #include "tidegate/metric_tag.h"
 #include "tidegate/vendor_interface.h"
 #include "util/metric_common.h"
@@ -19,7 +20,6 @@
 
 namespace METRICS {
 
-struct ClientParts;
 struct Removed;
 
 /// Describes a registry.
@@ -47,7 +47,7 @@ struct MetricInstanceCfg {
 ///
 /// Threads: all operations from any thread, under one reader-writer lock. Owned by the factory;
 /// the caller's pointer is good until the registry is removed or the client ends.
-class METRICS_API MetricRegistry {
+class METRICS_API MetricRegistry : public RegistryParts {
  public:
   /// A metric with its kind said outright.
   struct MetricInitCfg {
@@ -55,14 +55,9 @@ class METRICS_API MetricRegistry {
     MetricInstanceCfg cfg;
   };
 
-  /// The way registries are made: it gives the registry its reference to itself.
-  static std::shared_ptr<MetricRegistry> Make(const std::string& tenant, const std::string& prefix,
-                                              ClientParts* client, int flush_interval);
   MetricRegistry(const std::string& tenant, const std::string& prefix, ClientParts* client,
                  int flush_interval);
   ~MetricRegistry();
-  MetricRegistry(const MetricRegistry&) = delete;
-  MetricRegistry& operator=(const MetricRegistry&) = delete;
 
   /// Makes a metric after checking its whole definition; nothing changes when it is refused, and
   /// `metric` is null then. In the order of the checks: 53 bad name, 35 more than 255 tag names, 51
@@ -110,23 +105,6 @@ class METRICS_API MetricRegistry {
   /// thread that makes the registry and from the flush thread, whoever knows the tenant's first.
   void WarnOfInterval(int tenant_interval);
 
-  const std::string& Tenant() const { return tenant_; }
-  const std::string& Prefix() const { return prefix_; }
-  /// A copy.
-  std::vector<tidegate::MetricTag> InsertedTags() const;
-  /// REQUIRES: the caller holds the registry's lock, as `CreateMetric` does around `Metric::Init`.
-  const std::vector<tidegate::MetricTag>& InsertedTagsLocked() const METRICS_NO_THREAD_SAFETY {
-    return tags_;
-  }
-  int FlushInterval() const { return flush_interval_; }
-  std::weak_ptr<MetricRegistry> WeakSelf() const { return self_; }
-
-  const std::string tenant_;
-  const std::string prefix_;
-  ClientParts* const client_;     ///< not owned
-  const int32_t flush_interval_;  ///< seconds
-  std::atomic<MetricState> state_{MetricState::INIT};
-
  private:
   ReturnCode CheckDefinition(const MetricInstanceCfg& cfg) const;
   ReturnCode CheckConstTags(const MetricInstanceCfg& cfg,
@@ -137,11 +115,8 @@ class METRICS_API MetricRegistry {
   /// which dies without any lock.
   static void Retire(const std::shared_ptr<Metric>& metric, Removed& removed);
 
-  mutable RwLock rwlock_;
-  std::vector<tidegate::MetricTag> tags_ METRICS_GUARDED_BY(rwlock_);  ///< merged, sorted by key
   /// By name without prefix.
   std::unordered_map<std::string, std::shared_ptr<Metric>> metrics_ METRICS_GUARDED_BY(rwlock_);
-  std::weak_ptr<MetricRegistry> self_;  ///< written once by `Make`
   std::atomic<bool> interval_told_{false};
 };
 

@@ -99,7 +99,7 @@ ReturnCode MetricSelfMonitor::MakeMetrics() {
   ReturnCode code = client_->metric_factory_->CreateRegistry(
       registry_, RegistryCfg(client_->configer_->monitor_flush_interval_));
   if (code == ReturnCode::kOk) {
-    registry_pin_ = registry_->WeakSelf().lock();
+    registry_pin_ = std::static_pointer_cast<MetricRegistry>(registry_->weak_from_this().lock());
     code = MakeVersion();
   }
   if (code == ReturnCode::kOk) {

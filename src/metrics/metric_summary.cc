@@ -16,9 +16,6 @@ constexpr double kPercentiles[] = {0.5, 0.9, 0.95, 0.99, 0.999};
 
 }  // namespace
 
-const SendRes& MetricSummaryData::no_flush_res_ =
-    *new SendRes{false, {}, 0.0, kMetricSummaryArraySize};
-
 std::vector<double> SummarizeSamples(double* samples, size_t count) {
   SortNumbersFirst(samples, samples + count);
   const auto n = static_cast<double>(count);

@@ -70,16 +70,6 @@ class ChainedVector {
   uint16_t blocks_at_size_ = 0xffff;  ///< blocks made at this size, less one
 };
 
-/// Base of the cells that tell the distribution of an interval's samples by the ten numbers of
-/// `SummarizeSamples`. Samples are never filtered: NaN and infinity count and go through the sum.
-class MetricSummaryData : public MetricBasicData {
- public:
-  MetricsType Type() override { return MetricsType::kTimer; }
-
-  /// What a quiet interval reports.
-  static const SendRes& no_flush_res_;
-};
-
 /// Exact summary over one growing array. `CreateData` makes `MetricSummaryVecV2` instead.
 class MetricSummaryVecV1 final : public MetricSummaryData {
  public:

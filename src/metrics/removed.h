@@ -3,10 +3,12 @@
 #include <memory>
 #include <vector>
 
-#include "metrics/metric_registry.h"
 #include "util/taken_entries.h"
 
 namespace METRICS {
+
+class Metric;
+class MetricRegistry;
 
 /// What left the tables of registries and metrics under their locks, to be destroyed without them:
 /// a million series take a tenth of a second. The series go first, then the metrics, whose

@@ -3,10 +3,9 @@
 #include <utility>
 
 #include "metrics/cell_kinds.h"
-#include "metrics/impl/metric_multi_field_impl.h"
-#include "metrics/metric.h"
 #include "metrics/metric_histogram.h"
-#include "metrics/metric_registry.h"
+#include "metrics/metric_parts.h"
+#include "metrics/registry_parts.h"
 #include "util/fork_guard.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
@@ -192,7 +191,7 @@ void MetricSuffixArray::ListCells(std::vector<CellRef>& cells) {
   }
 }
 
-MetricFieldArray::MetricFieldArray(Metric* metric, const int& tag_hash,
+MetricFieldArray::MetricFieldArray(MetricParts* metric, const int& tag_hash,
                                    const std::string& encoded_tags)
     : MetricCollectorItem(metric, tag_hash, encoded_tags) {
   CreateField(metric->GetFieldInfo(), metric);
@@ -200,7 +199,7 @@ MetricFieldArray::MetricFieldArray(Metric* metric, const int& tag_hash,
 }
 
 void MetricFieldArray::CreateField(const std::vector<MetricFieldInfo>& fields,
-                                   Metric* const& metric) {
+                                   MetricParts* const& metric) {
   const bool use_ckms = metric->use_ckms_.load(std::memory_order_relaxed);
   for (const MetricFieldInfo& field : fields) {
     fields_.Set(field.name, CreateData(field.type, use_ckms, BucketsOf(field.bounds)));
@@ -298,7 +297,7 @@ MultiFieldSendRes MetricFieldArray::Send(const std::vector<MetricFieldInfo>& fie
 }
 
 void MetricFieldArray::Drain(const std::vector<MetricFieldInfo>& fields, MultiFieldSendRes& row) {
-  const auto interval = static_cast<unsigned int>(metric_->registry_->FlushInterval());
+  const auto interval = static_cast<unsigned int>(metric_->registry_parts_->FlushInterval());
   row.Clear();
   uint32_t column = 0;
   for (const MetricFieldInfo& field : fields) {
@@ -322,7 +321,7 @@ void MetricFieldArray::Drain(const std::vector<MetricFieldInfo>& fields, MultiFi
   }
 }
 
-MetricCompatibleItem::MetricCompatibleItem(Metric* metric, const int& tag_hash,
+MetricCompatibleItem::MetricCompatibleItem(MetricParts* metric, const int& tag_hash,
                                            const std::string& encoded_tags)
     : MetricCollectorItem(metric, tag_hash, encoded_tags),
       data_(CreateData(metric->compatible_type_.load(),
@@ -341,6 +340,11 @@ ReturnCode MetricCompatibleItem::Emit(double& value) {
   return IsHidden() ? EmitHidden(emit) : emit();
 }
 
+std::shared_ptr<MetricCollectorItem> CountedDummyItem(MetricParts& metric) {
+  metric.emit_fail_.fetch_add(1, std::memory_order_relaxed);
+  return DummyItem();
+}
+
 const std::vector<double>& FindHistogram(const std::string& name,
                                          const std::vector<MetricFieldInfo>& fields) {
   for (const MetricFieldInfo& field : fields) {
@@ -348,7 +352,7 @@ const std::vector<double>& FindHistogram(const std::string& name,
       return field.bounds;
     }
   }
-  return Metric::NoopHistogram();
+  return MetricParts::NoopHistogram();
 }
 
 bool CheckExpire(const std::shared_ptr<MetricCollectorItem>& item, const long& now) {

@@ -16,7 +16,7 @@
 
 namespace METRICS {
 
-class Metric;
+class MetricParts;
 struct MetricFieldInfo;
 
 /// The item of ordinary metrics: its cells appear on first sight, one per suffix.
@@ -26,7 +26,7 @@ struct MetricFieldInfo;
 /// nothing.
 class MetricSuffixArray final : public MetricCollectorItem {
  public:
-  MetricSuffixArray(Metric* metric, const int& tag_hash, const std::string& encoded_tags)
+  MetricSuffixArray(MetricParts* metric, const int& tag_hash, const std::string& encoded_tags)
       : MetricCollectorItem(metric, tag_hash, encoded_tags) {}
   ~MetricSuffixArray() override;
 
@@ -83,7 +83,7 @@ struct MultiFieldSendRes {
 /// an unknown field or of another type than declared is dropped with a Warn line.
 class MetricFieldArray final : public MetricCollectorItem {
  public:
-  MetricFieldArray(Metric* metric, const int& tag_hash, const std::string& encoded_tags);
+  MetricFieldArray(MetricParts* metric, const int& tag_hash, const std::string& encoded_tags);
 
   using MetricCollectorItem::Emit;
   /// 0, or 54 when there are more values than fields: none is emitted then.
@@ -105,7 +105,7 @@ class MetricFieldArray final : public MetricCollectorItem {
   void Drain(const std::vector<MetricFieldInfo>& fields, MultiFieldSendRes& row);
 
  private:
-  void CreateField(const std::vector<MetricFieldInfo>& fields, Metric* const& metric);
+  void CreateField(const std::vector<MetricFieldInfo>& fields, MetricParts* const& metric);
   bool RefuseMoreThanFields(size_t count);
   /// Drops a value that names no field. `index` is where it is expected.
   void EmitToField(const MetricFieldValue& value, size_t index);
@@ -119,7 +119,7 @@ class MetricFieldArray final : public MetricCollectorItem {
 /// The item of a compatible metric: one cell.
 class MetricCompatibleItem final : public MetricCollectorItem {
  public:
-  MetricCompatibleItem(Metric* metric, const int& tag_hash, const std::string& encoded_tags);
+  MetricCompatibleItem(MetricParts* metric, const int& tag_hash, const std::string& encoded_tags);
 
   using MetricCollectorItem::Emit;
   ReturnCode Emit(double& value) override;
@@ -130,6 +130,9 @@ class MetricCompatibleItem final : public MetricCollectorItem {
  private:
   const CellPtr data_;
 };
+
+/// Counts a failed emission on `metric` and gives the dummy item.
+std::shared_ptr<MetricCollectorItem> CountedDummyItem(MetricParts& metric);
 
 /// The bounds of the first field named `name`, or an empty list.
 const std::vector<double>& FindHistogram(const std::string& name,

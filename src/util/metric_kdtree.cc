@@ -2,9 +2,6 @@
 
 #include <string_view>
 
-#include "metrics/metric_collector_factory.h"
-#include "metrics/metric_collector_item.h"
-#include "metrics/metric_kdtree_collector.h"
 #include "util/fork_guard.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
@@ -18,9 +15,9 @@ std::string_view ValueAt(const std::vector<std::string>& values, size_t place) {
 
 }  // namespace
 
-KDTree::KDTree(MetricCoItemType co_type, size_t dimension, Metric* metric,
-               KDTreeCollector* collector)
-    : co_type_(co_type), dimension_(dimension), metric_(metric), collector_(collector) {}
+KDTree::KDTree(MetricCoItemType co_type, size_t dimension, KDTreeItems& items,
+               std::atomic<unsigned long>& total)
+    : co_type_(co_type), dimension_(dimension), items_(&items), total_(&total) {}
 
 KDTree::~KDTree() {
   if (InForkTeardown() && rwlock_.ReinitAfterFork()) {
@@ -32,8 +29,8 @@ KDTree::~KDTree() {
 KDTree::KDTree(KDTree&& other) noexcept
     : co_type_(other.co_type_),
       dimension_(other.dimension_),
-      metric_(other.metric_),
-      collector_(other.collector_) {
+      items_(other.items_),
+      total_(other.total_) {
   TakeFrom(other);
 }
 
@@ -42,8 +39,8 @@ KDTree& KDTree::operator=(KDTree&& other) noexcept {
     Clear();
     co_type_ = other.co_type_;
     dimension_ = other.dimension_;
-    metric_ = other.metric_;
-    collector_ = other.collector_;
+    items_ = other.items_;
+    total_ = other.total_;
     TakeFrom(other);
   }
   return *this;
@@ -81,9 +78,6 @@ KDTree::ItemPtr KDTree::GetOrCreate(const std::vector<std::string>& tag_values) 
   if (const TreeNode* const found = Descend(slot, depth, tag_values); found != nullptr) {
     return found->item;
   }
-  if (collector_->AtSeriesQuota() || collector_->HasTooLongTags(tag_values)) {
-    return nullptr;
-  }
   const std::shared_ptr<TreeNode> made = NewNode(tag_values);
   if (made == nullptr) {
     return nullptr;
@@ -98,23 +92,18 @@ KDTree::ItemPtr KDTree::GetOrCreate(const std::vector<std::string>& tag_values) 
   made->self = made;
   LinkIntoChain(made.get());
   size_.fetch_add(1);
-  collector_->factory_->total_series_.fetch_add(1);
+  total_->fetch_add(1);
   if (LogLevel() == 0) {
     DebugMsg(tag_values, "Create a Item in KDTree with DataBase type: %d",
-             static_cast<int>(made->item->Type()));
+             static_cast<int>(co_type_));
   }
   return made->item;
 }
 
 std::shared_ptr<KDTree::TreeNode> KDTree::NewNode(
     const std::vector<std::string>& tag_values) const {
-  ItemPtr item = collector_->MakeItem(tag_values, true);
-  if (item == nullptr) {
-    METRICS_LOG_ERROR("Internal Error for Unknown MetricCoItemType: %d\n",
-                      static_cast<int>(co_type_));
-    return nullptr;
-  }
-  return std::make_shared<TreeNode>(tag_values, std::move(item));
+  ItemPtr item = items_->MakeTreeItem(tag_values);
+  return item == nullptr ? nullptr : std::make_shared<TreeNode>(tag_values, std::move(item));
 }
 
 void KDTree::LinkIntoChain(TreeNode* node) {
@@ -137,10 +126,10 @@ void KDTree::Clear() {
   const WriteGuard guard(rwlock_);
   TreeNode* node = all_nodes_.exchange(nullptr);
   root_.exchange(nullptr);
-  collector_->factory_->total_series_.fetch_sub(size_.exchange(0));
+  total_->fetch_sub(size_.exchange(0));
   while (node != nullptr) {
     TreeNode* const next = node->next_node;
-    node->item->Drop();
+    items_->DropTreeItem(*node->item);
     const std::shared_ptr<TreeNode> dropped = std::move(node->self);
     node = next;
   }

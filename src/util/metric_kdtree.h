@@ -12,9 +12,20 @@
 
 namespace METRICS {
 
-class KDTreeCollector;
-class Metric;
 class MetricCollectorItem;
+
+/// What makes the items of a tree, and ends them.
+class KDTreeItems {
+ public:
+  /// The item of a new series; null where there is to be none.
+  virtual std::shared_ptr<MetricCollectorItem> MakeTreeItem(
+      const std::vector<std::string>& tag_values) = 0;
+  /// `item` is in the tree no more.
+  virtual void DropTreeItem(MetricCollectorItem& item) = 0;
+
+ protected:
+  ~KDTreeItems() = default;
+};
 
 /// A binary tree of series that branches on one tag value per level.
 ///
@@ -29,8 +40,10 @@ class KDTree {
   using KeyedItem = std::pair<const std::vector<std::string>&, ItemPtr>;
 
   /// `dimension` is how many tag values are branched on; a key that has fewer compares as if the
-  /// missing ones were empty.
-  KDTree(MetricCoItemType co_type, size_t dimension, Metric* metric, KDTreeCollector* collector);
+  /// missing ones were empty. `items` makes items of kind `co_type`; `total` counts the series of
+  /// all tables that share it. Both must outlive the tree.
+  KDTree(MetricCoItemType co_type, size_t dimension, KDTreeItems& items,
+         std::atomic<unsigned long>& total);
   ~KDTree();
   /// Leaves `other` empty.
   KDTree(KDTree&& other) noexcept;
@@ -38,15 +51,14 @@ class KDTree {
   KDTree(const KDTree&) = delete;
   KDTree& operator=(const KDTree&) = delete;
 
-  /// The item of the series, made on first sight; null at the series quota, or with tags that are
-  /// too long.
+  /// The item of the series, made on first sight; null where `KDTreeItems` makes none.
   ItemPtr GetOrCreate(const std::vector<std::string>& tag_values);
   /// All series, newest first.
   std::vector<KeyedItem> GetAll();
   size_t Size() const { return size_.load(); }
   bool IsEmpty() const { return root_.load() == nullptr; }
   size_t Dimension() const { return dimension_; }
-  /// Drops all series, and takes them out of the factory's count.
+  /// Drops all series, and takes them out of the total.
   void Clear();
 
  private:
@@ -76,8 +88,8 @@ class KDTree {
 
   MetricCoItemType co_type_;
   size_t dimension_;
-  Metric* metric_;              ///< not owned
-  KDTreeCollector* collector_;  ///< not owned
+  KDTreeItems* items_;                 ///< not owned
+  std::atomic<unsigned long>* total_;  ///< not owned
   std::atomic<TreeNode*> root_{nullptr};
   std::atomic<TreeNode*> all_nodes_{nullptr};
   std::atomic<size_t> size_{0};

@@ -2,13 +2,15 @@
 
 #include <cstdint>
 
+#include "codec/pack.h"
+
 namespace METRICS {
 
 /// Initial capacity of a packet buffer in bytes, and the length at which a packet is sent.
-constexpr int32_t kMetricMaxMsgLen = 262143;
+constexpr int32_t kMetricMaxMsgLen = lattice_kit::codec::kPacketBytes;
 
 /// Send buffer of the agent's socket in bytes; a scratch buffer that grew beyond it is cut back.
-constexpr int32_t kMetricSendBufSize = 409600;
+constexpr int32_t kMetricSendBufSize = lattice_kit::codec::kMostKeptBytes;
 
 /// Most bytes of the keys and values of all tags of one series.
 constexpr unsigned long kMaxSeriesTagBytes = 64UL << 20;

@@ -6,12 +6,11 @@
 #include <utility>
 
 #include "codec/fnv_hash.h"
-#include "codec/pack.h"
 #include "metrics/client_parts.h"
-#include "metrics/metric.h"
 #include "metrics/metric_collector.h"
 #include "metrics/metric_collector_factory.h"
-#include "metrics/metric_registry.h"
+#include "metrics/registry_parts.h"
+#include "metrics/series_items.h"
 #include "metrics/tag_value_refs.h"
 #include "util/metric_log.h"
 #include "util/metric_size_limits.h"
@@ -21,11 +20,8 @@
 
 namespace METRICS {
 
-using lattice_kit::codec::EncodeText;
 using lattice_kit::codec::kFNVOffsetBasis;
-using lattice_kit::codec::Pack;
 using lattice_kit::codec::StrFNVHash;
-using lattice_kit::codec::TagFNVHash;
 using lattice_kit::codec::TagKV;
 
 namespace {
@@ -51,39 +47,19 @@ std::vector<std::string>* TagValuePool() {
 const std::string& kMissingValue = *new std::string("-");
 
 /// The two parts of a full name, told apart.
-std::string PrefixAndName(const Metric& metric) {
-  const std::shared_ptr<MetricRegistry> registry = metric.PinRegistry();
+std::string PrefixAndName(const MetricParts& metric) {
+  const std::shared_ptr<RegistryParts> registry = metric.PinRegistry();
   const std::string prefix = registry == nullptr ? std::string() : registry->prefix_;
   const size_t start = prefix.empty() ? 0 : prefix.size() + 1;
   return "[" + prefix + "][" + metric.name_.substr(start) + "]";
 }
 
-uint16_t CheckedTagCount(size_t count) {
-  if (count > TagValueRefs::kMax) {  // the registry has refused it
-    throw std::length_error("more tags than a series can have");
-  }
-  return static_cast<uint16_t>(count);
-}
-
 }  // namespace
 
-std::shared_ptr<MetricCollectorItem> DummyItem() {
-  static const std::shared_ptr<MetricCollectorItem>& item =
-      *new std::shared_ptr<MetricCollectorItem>(
-          std::make_shared<MetricCollectorItem>(nullptr, 0, std::string()));
-  return item;
-}
-
-MetricImpl::MetricImpl(const std::string& tenant, const std::string& name, Metric* metric,
+MetricImpl::MetricImpl(const std::string& tenant, const std::string& name, MetricParts* metric,
                        const std::vector<std::string>&& tag_names)
-    : tenant_(tenant),
-      name_(name),
-      tag_names_(tag_names),
-      tag_count_(CheckedTagCount(tag_names.size())),
-      metric_(metric),
-      collector_factory_(metric->registry_->client_->collector_factory_) {
-  std::sort(tag_names_.begin(), tag_names_.end());
-}
+    : ImplParts(tenant, name, metric, tag_names),
+      collector_factory_(metric->registry_parts_->client_->collector_factory_) {}
 
 MetricImpl::~MetricImpl() {
   if (joined_.exchange(false)) {
@@ -95,7 +71,7 @@ ReturnCode MetricImpl::InitCollector() {
   if (state_.load() != MetricState::INIT) {
     return ReturnCode::kOk;
   }
-  MetricCollectorFactory::Membership place = collector_factory_->Join(*metric_);
+  MetricCollectorFactory::Membership place = collector_factory_->Join(*this);
   collector_ = std::move(place.collector);
   if (collector_ == nullptr) {
     METRICS_LOG_WARN("Metric %s Get New Collector Fail\n", name_.c_str());
@@ -113,7 +89,7 @@ ReturnCode MetricImpl::InitCollector() {
   return ReturnCode::kOk;
 }
 
-void MetricImpl::TellNamesakes(const Metric& other, bool shared) const {
+void MetricImpl::TellNamesakes(const MetricParts& other, bool shared) const {
   METRICS_LOG_WARN("Metric tenant[%s] %s has the full name of %s: %s\n", tenant_.c_str(),
                    PrefixAndName(*metric_).c_str(), PrefixAndName(other).c_str(),
                    shared ? "they share their series" : "its emissions are refused");
@@ -313,12 +289,7 @@ MetricImpl::Placing MetricImpl::Place(const std::vector<tidegate::MetricTag>& ta
   return repeated ? Placing::kRepeatedKey : Placing::kDone;
 }
 
-MetricImpl::ItemPtr MetricImpl::GetDummyItem() { return GetMetricDummyItem(metric_); }
-
-MetricImpl::ItemPtr MetricImpl::GetMetricDummyItem(Metric* metric) {
-  metric->emit_fail_.fetch_add(1, std::memory_order_relaxed);
-  return DummyItem();
-}
+MetricImpl::ItemPtr MetricImpl::GetDummyItem() { return CountedDummyItem(*metric_); }
 
 bool MetricImpl::PassStateGate() const {
   const MetricState state = state_.load(std::memory_order_acquire);
@@ -368,31 +339,6 @@ void MetricImpl::PrepareTagIdx() {
   }
 }
 
-void MetricImpl::EncodeTagBlock(const std::vector<std::string>& tag_values, int32_t& tag_hash,
-                                Pack& out) const {
-  const size_t declared = tag_values.size() == tag_index_.size() ? tag_values.size() : 0;
-  const bool compute_hash = tag_hash == 0;
-  const auto start = static_cast<uint32_t>(out.Used());
-  out.Put(tag_hash);
-  out.Put(static_cast<uint32_t>(2 * send_tags_.size()));
-  uint32_t hash = kFNVOffsetBasis;
-  size_t next = 0;  // both lists are sorted by key, so the indexes ascend
-  for (size_t i = 0; i < send_tags_.size(); ++i) {
-    const bool is_declared = next < declared && tag_index_[next] == i;
-    const std::string& key = send_tags_[i].key;
-    const std::string& value = is_declared ? tag_values[next++] : send_tags_[i].value;
-    EncodeText(key, out);
-    EncodeText(value, out);
-    if (compute_hash) {
-      hash = TagFNVHash(key, value, hash);
-    }
-  }
-  if (compute_hash) {
-    tag_hash = static_cast<int32_t>(hash);
-    out.Patch(start, tag_hash);
-  }
-}
-
 SuffixedMetricImpl::~SuffixedMetricImpl() = default;
 
 void SuffixedMetricImpl::InitHisto(HistoUtilBase& histo) { TakeBounds(histo.bounds); }
@@ -407,10 +353,6 @@ bool SuffixedMetricImpl::TakeBounds(const std::vector<double>& bounds) {
   bounds_ = bounds;
   bounds_ready_.store(true, std::memory_order_release);
   return true;
-}
-
-const std::vector<double>& SuffixedMetricImpl::Bounds() const {
-  return bounds_ready_.load(std::memory_order_acquire) ? bounds_ : Metric::NoopHistogram();
 }
 
 }  // namespace METRICS

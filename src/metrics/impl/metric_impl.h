@@ -7,9 +7,9 @@
 #include <unordered_map>
 #include <vector>
 
-#include "codec/tag_kv.h"
 #include "metrics/histo_util.h"
 #include "metrics/metric_collector_item.h"
+#include "metrics/metric_parts.h"
 #include "tidegate/metric_tag.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
@@ -18,26 +18,19 @@
 
 namespace METRICS {
 
-class Metric;
 class MetricCollectorBase;
 class MetricCollectorFactory;
-class MetricRegistry;
 class TagValueRefs;
-struct MetricFieldCfg;
-
-/// The shared item that stands for every failure: emitting on it does nothing and answers 70.
-/// Never destroyed.
-METRICS_API std::shared_ptr<MetricCollectorItem> DummyItem();
 
 /// What stands between a caller's tags and a series, by the kind of the metric.
 ///
 /// Threads: the `With...` family from any thread; it takes no lock but the collector's and, for a
 /// series that exists, allocates nothing. Owned by its `Metric`.
-class METRICS_API MetricImpl {
+class METRICS_API MetricImpl : public ImplParts {
  public:
   using ItemPtr = std::shared_ptr<MetricCollectorItem>;
 
-  MetricImpl(const std::string& tenant, const std::string& name, Metric* metric,
+  MetricImpl(const std::string& tenant, const std::string& name, MetricParts* metric,
              const std::vector<std::string>&& tag_names);
   virtual ~MetricImpl();
   MetricImpl(const MetricImpl&) = delete;
@@ -70,35 +63,20 @@ class METRICS_API MetricImpl {
                             std::vector<std::string>& values);
   /// Counts a failed emission on the metric and gives the dummy item.
   ItemPtr GetDummyItem();
-  static ItemPtr GetMetricDummyItem(Metric* metric);
 
   /// Builds the list of tags that every series carries in packets, from the declared names and
   /// `const_tags`.
   void PrepareSendTagKV(const std::vector<tidegate::MetricTag>& const_tags);
   /// Finds the place of each declared name in that list.
   void PrepareTagIdx();
-  /// Appends the tags of a series in their packet form: hash, number of texts, texts. Computes
-  /// `tag_hash` if it is 0.
-  void EncodeTagBlock(const std::vector<std::string>& tag_values, int32_t& tag_hash,
-                      lattice_kit::codec::Pack& out) const;
 
   /// Takes the series out of the collector, unless another metric in service has them too.
   TakenEntries TakeSeries();
   /// The same at the end: the collector leaves the factory, unless another metric has it too.
   TakenEntries LeaveCollector();
   /// What series of this metric are counted on, if it is another metric.
-  const std::shared_ptr<Metric>& CollectorOwner() const { return collector_owner_; }
+  const std::shared_ptr<MetricParts>& CollectorOwner() const { return collector_owner_; }
 
-  std::atomic<MetricState> state_{MetricState::INIT};  ///< also stored by the registry
-  const std::string tenant_;
-  const std::string name_;
-  std::vector<std::string> tag_names_;  ///< sorted; the order of all vectors of tag values
-  const uint16_t tag_count_;
-  // Constant once the metric is in service.
-  std::vector<uint16_t> tag_index_;  ///< from the place of a name to its place in `send_tags_`
-  std::vector<lattice_kit::codec::TagKV> send_tags_;  ///< sorted; declared tags without values
-  size_t send_tag_bytes_ = 0;                         ///< of their keys and values
-  Metric* const metric_;
   const std::shared_ptr<MetricCollectorFactory> collector_factory_;
   std::shared_ptr<MetricCollectorBase> collector_;
 
@@ -121,12 +99,12 @@ class METRICS_API MetricImpl {
   bool PassStateGate() const;
   bool RefuseMoreThanDeclared(size_t count) const;
 
-  void TellNamesakes(const Metric& other, bool shared) const;
+  void TellNamesakes(const MetricParts& other, bool shared) const;
 
   // The metric that `collector_` was made for, if it is another of the same full name, and its
   // registry: the series are defined by them, whatever is removed.
-  std::shared_ptr<MetricRegistry> owner_registry_;
-  std::shared_ptr<Metric> collector_owner_;
+  std::shared_ptr<RegistryParts> owner_registry_;
+  std::shared_ptr<MetricParts> collector_owner_;
   std::atomic<bool> joined_{false};        ///< the factory knows this metric and its collector
   std::atomic<bool> told_refusal_{false};  ///< the line about a collector on standby is printed
 };
@@ -142,13 +120,9 @@ class METRICS_API SuffixedMetricImpl final : public MetricImpl {
 
   /// Sets the bounds; false when there are some already. An empty list sets nothing.
   bool TakeBounds(const std::vector<double>& bounds);
-  /// The histogram bounds: none, or the whole list once it is set.
-  const std::vector<double>& Bounds() const;
 
  private:
-  std::vector<double> bounds_;  ///< written by the one thread that took `bounds_taken_`
-  std::atomic<bool> bounds_taken_{false};
-  std::atomic<bool> bounds_ready_{false};
+  std::atomic<bool> bounds_taken_{false};  ///< by the one thread that writes `bounds_`
 };
 
 }  // namespace METRICS

@@ -4,8 +4,6 @@
 #include <utility>
 
 #include "metrics/cell_kinds.h"
-#include "metrics/metric.h"
-#include "metrics/metric_encoder.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
 
@@ -50,7 +48,7 @@ void MultiFieldMetricImpl::InitField(const std::vector<MetricFieldCfg>&& fields)
     AppendColumns(columns, field);
     field_infos_.push_back(std::move(field));
   }
-  codec_field_info_ = MetricEncoder::PrePack(columns);
+  codec_field_info_ = lattice_kit::codec::PackFields(columns);
   codec_field_num_ = static_cast<uint32_t>(columns.size());
   SettleSharedNames();
 }

@@ -12,15 +12,6 @@
 
 namespace METRICS {
 
-/// One declared field.
-struct MetricFieldInfo {
-  std::string name;
-  MetricsType type = MetricsType::kUnknown;
-  std::vector<double> bounds;  ///< of a histogram field; empty otherwise
-  /// False for a field that stays quiet: a later one of its name reports their cell.
-  bool reports = true;
-};
-
 /// The implementation of metrics with a row of declared fields.
 ///
 /// Written once by `InitField`, before the metric is visible to other threads, and constant from
@@ -46,9 +37,7 @@ class METRICS_API MultiFieldMetricImpl final : public MetricImpl {
   static void GenerateHistogramField(Columns& out, const std::string& name,
                                      const std::vector<double>& bounds);
 
-  std::vector<MetricFieldInfo> field_infos_;  ///< in the order of their declaration
-  std::string codec_field_info_;              ///< the columns in packet form
-  uint32_t codec_field_num_ = 0;              ///< number of columns
+  uint32_t codec_field_num_ = 0;  ///< number of columns
 
  private:
   /// The last field of each name, whose cell it is.
