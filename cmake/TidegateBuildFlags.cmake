@@ -16,8 +16,8 @@ target_compile_options(
             $<$<BOOL:${TIDEGATE_WERROR}>:-Werror>)
 
 if(TIDEGATE_SANITIZE STREQUAL "address")
-  # Not the check of pointers to a class: it opens a pipe to look at memory, and takes the memory for
-  # unreadable where there are no descriptors, as in one of the stress programs.
+  # Without the check of pointers to a class: it opens a pipe to look at memory. Where there are no descriptors, as
+  # in one of the stress programs, it reports the memory as unreadable.
   set(tidegate_sanitizer_flags -fsanitize=address,undefined -fno-sanitize=vptr
                                -fno-sanitize-recover=all -fno-omit-frame-pointer)
 elseif(TIDEGATE_SANITIZE STREQUAL "thread")
@@ -33,8 +33,8 @@ if(TIDEGATE_FUZZ)
   list(APPEND tidegate_sanitizer_flags -fsanitize=fuzzer-no-link)
 endif()
 
-# gcc takes what the sanitizers insert for uses of uninitialized values, even inside <regex>; the builds
-# without them keep the warning.
+# gcc reports code that the sanitizers insert as uses of uninitialized values, even inside <regex>. The builds
+# without sanitizers keep the warning.
 if(tidegate_sanitizer_flags AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   target_compile_options(tidegate_build_flags INTERFACE -Wno-maybe-uninitialized)
 endif()

@@ -1,6 +1,6 @@
 # Debian packages: `cpack -G DEB` in the build folder of the preset `package`. One for each component of
-# TidegateInstall.cmake, and what Debian wants beside the programs: manual pages, documents, changelogs, copyright
-# and the scripts that dpkg runs.
+# TidegateInstall.cmake. With the programs go manual pages, documents, changelogs, copyright and the scripts that dpkg
+# runs.
 
 find_program(TIDEGATE_HELP2MAN help2man REQUIRED)
 find_program(TIDEGATE_GZIP gzip REQUIRED)
@@ -12,7 +12,7 @@ set(tidegate_dev_package libtidegate-metrics-dev)
 set(tidegate_agent_package tidegate-agent)
 file(MAKE_DIRECTORY ${tidegate_made}/compressed)
 
-# The release of the packages is that of the newest entry.
+# The newest entry of the changelog has the release of the packages.
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${tidegate_debian}/changelog)
 file(READ ${tidegate_debian}/changelog tidegate_changelog)
 if(NOT tidegate_changelog MATCHES "^tidegate-metrics \\(([0-9.]+)-([^)]+)\\)" OR NOT CMAKE_MATCH_1 STREQUAL
@@ -68,7 +68,7 @@ endforeach()
 install(FILES ${tidegate_made}/tidegate-metrics.7.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT dev)
 install(FILES ${tidegate_made}/tidegate-agent.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 
-# As they are in the sources, and not compressed: they link each other.
+# The documents are not compressed and keep their folders: they link each other.
 foreach(component IN ITEMS dev:dev agent:tools)
   string(REGEX MATCH "^(.*):(.*)$" component ${component})
   set(folder ${tidegate_doc}/${tidegate_${CMAKE_MATCH_1}_package})
@@ -133,9 +133,9 @@ The agent of a host: takes what services count with libtidegate-metrics,
 prints it, serves it to Prometheus and forwards it to a database.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ${tidegate_agent_package})
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
-# To forward by https.
+# The agent forwards by https with these.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS ca-certificates)
-# What it links is added.
+# CPack adds the libraries that it links.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "systemd | systemd-standalone-sysusers | systemd-sysusers")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA
     ${tidegate_made}/postinst ${tidegate_made}/prerm ${tidegate_made}/postrm ${tidegate_debian}/conffiles)

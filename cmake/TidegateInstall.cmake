@@ -1,4 +1,4 @@
-# What `cmake --install` makes. Components: runtime (the shared library), dev (headers, CMake and pkg-config
+# The files that `cmake --install` writes. Components: runtime (the shared library), dev (headers, CMake and pkg-config
 # files, the link to the library or the static one), tools (the agent, its units, completion for shells).
 
 include(GNUInstallDirs)
@@ -39,8 +39,8 @@ install(
   DESTINATION ${tidegate_cmake_dir}
   COMPONENT dev)
 
-# A folder under the prefix is written relative to it, an absolute one as it is. Where the file itself
-# lies under the prefix, it finds the prefix from there, so that the tree can be moved.
+# The pkg-config file names a folder under the prefix relative to the prefix, an absolute one as it is. If the file
+# itself is under the prefix, it names the prefix relative to itself, so that the tree can be moved.
 function(tidegate_pc_dir dir result)
   if(IS_ABSOLUTE ${dir})
     set(${result} ${dir} PARENT_SCOPE)
@@ -99,7 +99,7 @@ if(TIDEGATE_BUILD_AGENT)
   install(
     FILES ${tidegate_systemd}/tidegate-agent.conf
     DESTINATION ${tidegate_etc}
-    PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ # there can be a password in it
+    PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ # it may hold a password
     COMPONENT tools)
   install(
     FILES tools/agent/completion/tidegate-agent.bash

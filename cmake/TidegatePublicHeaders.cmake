@@ -1,4 +1,4 @@
-# The headers that a service includes, and what those include: relative to include/ and src/. They are
+# The headers that a service includes, and the headers that those include: relative to include/ and src/. They are
 # installed as one tree, so that an include reads alike in a checkout and in an installed package.
 
 set(TIDEGATE_PUBLIC_HEADERS

@@ -1,5 +1,5 @@
 // demo_service [SOCKET_PATH] [--seconds N]: emits for N seconds (10) as a small web shop would, and
-// prints at the end what it emitted. Run tidegate-agent on the same path to see it arrive.
+// prints its totals at the end. Run tidegate-agent on the same path to see the points arrive.
 
 #include <array>
 #include <atomic>
@@ -83,7 +83,7 @@ bool Parse(int argc, char** argv, Options* options) {
   return options->seconds > 0;
 }
 
-// Every kind of metric that there is.
+// Every kind of number and every form of metric.
 struct Metrics {
   Metric* requests;     // suffixes: a rate, a counter of bytes, a timer of ten gauges
   Metric* connections;  // a meter
@@ -113,7 +113,7 @@ class Shop {
     }
   }
 
-  // One line, so that scripts can hold what arrived against it.
+  // One line, so that scripts can compare the points that arrived with it.
   void PrintTotals() const {
     std::printf("demo_service: emitted {\"requests\":%ld,\"bytes\":%ld,\"connections\":%ld,",
                 request_total_.load(), byte_total_.load(), connection_total_.load());

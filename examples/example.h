@@ -8,7 +8,8 @@
 
 #include "tidegate/metrics.h"
 
-// What every example begins with. A service of your own would write this out once, in its main.
+// The common beginning of the examples. A service of your own would write this out once, in its
+// main.
 
 namespace example {
 
@@ -25,7 +26,7 @@ inline void SetUpProcess() {
   METRICS::g_metricsLogLevel = 3;
 }
 
-/// There is no example without its metric.
+/// Ends the process with a message if `code` is no success: no example works without its metric.
 inline void Require(METRICS::ReturnCode code) {
   if (code != METRICS::ReturnCode::kOk) {
     std::fprintf(stderr, "refused: %s\n", METRICS::MetricGetErrorCodeStr(code));

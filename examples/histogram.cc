@@ -1,4 +1,5 @@
-// histogram [SOCKET_PATH]: how often samples fall into which range, and what refused bounds say.
+// histogram [SOCKET_PATH]: how many samples fall into each range, and the reason why bounds are
+// refused.
 
 #include <cstdio>
 

@@ -27,7 +27,7 @@ int main(int argc, char** argv) {
     orders->Emit({WithField("open", Store(3 + i % 2)), WithField("queries", IncrCounter(1)),
                   WithField("latency", Observe(250 + 10 * i))});
   }
-  // By names alone; a row carries the fields that have something to report.
+  // By names alone; a row carries the fields that have a value to report.
   pool->WithTags({{"database", "users"}})->EmitMap({{"open", 1}});
 
   client.FlushAndExit();

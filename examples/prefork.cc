@@ -50,7 +50,7 @@ int main(int argc, char** argv) {
   for (int i = 0; i < kChildren; ++i) {
     children[static_cast<size_t>(i)] = ::fork();
     if (children[static_cast<size_t>(i)] == 0) {
-      served = BoundSeries();  // what a child inherited is the parent's
+      served = BoundSeries();  // the inherited handle is the parent's
       Serve(client, argc, argv);
       ::_exit(0);
     }

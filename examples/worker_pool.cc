@@ -1,5 +1,5 @@
 // worker_pool [SOCKET_PATH]: a server with a queue and a pool of workers, as an HTTP server has.
-// Each worker times its requests and tags them with what only the end tells.
+// Each worker times its requests, and tags them when their result is known.
 
 #include <array>
 #include <atomic>
