@@ -206,7 +206,7 @@ TEST_F(AgentTest, CountsWhatIsNotPrintedAndGoesOnWhereThereIsRoomAgain) {
     packet.blocks.push_back({1, 0, 1700000000, name, {}, {{0, {}, {}, {100000}}}});
   };
   gauge("first");
-  for (const std::string_view column : kTimerColumns) gauge("svc.lat." + std::string(column));
+  for (const ColumnRow& column : kTimerColumns) gauge("svc.lat." + std::string(column.name));
   gauge("last");
   const std::string first = "1700000000 t1 gauge first{} 100000\n";
   const std::string next =

@@ -13,12 +13,6 @@
 namespace tidegate::agent {
 namespace {
 
-constexpr std::string_view kQuantiles[] = {
-    R"(quantile="0.5")",  R"(quantile="0.9")",   R"(quantile="0.95")",
-    R"(quantile="0.99")", R"(quantile="0.999")",
-};
-static_assert(kTimerFirstQuantile + std::size(kQuantiles) == std::size(kTimerColumns));
-
 // Receivers refuse a whole page for one timestamp beyond 64 bits of milliseconds.
 constexpr int64_t kMaxSeconds = INT64_MAX / 1000 - 1;
 
@@ -36,13 +30,17 @@ constexpr size_t kMaxQuantileSize = sizeof(R"(,quantile="0.999")") - 1;
 constexpr size_t kBraces = 2;
 static_assert(kMaxQuantileSize > kCount.size());
 
-void AppendFitted(std::string_view name, bool colons, std::string* fitted) {
-  if (name.empty() || (name[0] >= '0' && name[0] <= '9')) *fitted += '_';
+void AppendFittedEnd(std::string_view name, bool colons, std::string* fitted) {
   for (const char c : name) {
     const bool fits = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
                       c == '_' || (colons && c == ':');
     *fitted += fits ? c : '_';
   }
+}
+
+void AppendFitted(std::string_view name, bool colons, std::string* fitted) {
+  if (name.empty() || (name[0] >= '0' && name[0] <= '9')) *fitted += '_';
+  AppendFittedEnd(name, colons, fitted);
 }
 
 constexpr NumberWords kNumberWords = {"NaN", "+Inf", "-Inf"};
@@ -83,22 +81,6 @@ void AppendEscaped(std::string_view text, bool quotes, std::string* out) {
   Escape(text, quotes, [&](std::string_view piece) { *out += piece; });
 }
 
-std::string_view TypeName(FamilyType type) {
-  switch (type) {
-    case FamilyType::kGauge:
-      return "gauge";
-    case FamilyType::kCounter:
-      return "counter";
-    case FamilyType::kUntyped:
-      return "untyped";
-    case FamilyType::kSummary:
-      return "summary";
-    case FamilyType::kHistogram:
-      return "histogram";
-  }
-  return {};
-}
-
 void AppendHead(std::string_view name, std::string_view help, std::string_view type,
                 std::string* page) {
   *page += "# HELP ";
@@ -112,11 +94,8 @@ void AppendHead(std::string_view name, std::string_view help, std::string_view t
   *page += '\n';
 }
 
-std::string WithTotal(std::string name) {
-  constexpr std::string_view kTotal = "_total";
-  const bool has = name.size() >= kTotal.size() &&
-                   name.compare(name.size() - kTotal.size(), kTotal.size(), kTotal) == 0;
-  return has ? name : name.append(kTotal);
+bool EndsWith(std::string_view name, std::string_view end) {
+  return name.size() >= end.size() && name.substr(name.size() - end.size()) == end;
 }
 
 }  // namespace
@@ -147,87 +126,65 @@ void AppendText(std::string_view text, std::string* out) {
 std::vector<FamilyPart> FamiliesOf(Kind kind, std::string_view name,
                                    const std::vector<std::string>& columns) {
   const std::string fitted = MetricNameOf(name);
-  const auto column = [&](size_t i) {
-    FamilyPart part{fitted, FamilyType::kGauge, i};
-    part.name.reserve(fitted.size() + 1 + columns[i].size());
-    // The name is in front, so a digit stands well.
-    AppendFitted("_" + columns[i], true, &part.name);
-    return part;
-  };
-  switch (kind) {
-    case Kind::kGauge:
-    case Kind::kRate:
-      return {{fitted, FamilyType::kGauge, 0}};
-    case Kind::kCounter:
-      return {{WithTotal(fitted), FamilyType::kCounter, 0}};
-    case Kind::kMeter:
-      return {{fitted, FamilyType::kUntyped, 0}};
-    case Kind::kDeltaCounter:
-      return {{WithTotal(fitted), FamilyType::kCounter, kDeltaCounterColumn},
-              {fitted + "_rate", FamilyType::kGauge, kDeltaRateColumn}};
-    case Kind::kTimerRow:
-      return {{fitted, FamilyType::kSummary, 0},
-              column(kTimerMin),
-              column(kTimerMax),
-              column(kTimerAvg)};
-    case Kind::kHistogram:
-      return {{fitted, FamilyType::kHistogram, 0}};
-    case Kind::kRow:
-      break;
-  }
+  const KindRow& row = RowOf(kind);
   std::vector<FamilyPart> families;
+  const auto add = [&](const FamilyRow& family, size_t column, std::string_view end) {
+    FamilyPart& part = families.emplace_back(FamilyPart{{}, family.type, column});
+    part.name.reserve(fitted.size() + family.suffix.size() + end.size());
+    part.name = fitted;
+    const bool has = family.type == FamilyType::kCounter && EndsWith(fitted, family.suffix);
+    if (!has) part.name += family.suffix;
+    AppendFittedEnd(end, true, &part.name);
+  };
+  if (row.form != ColumnForm::kAny) {
+    families.reserve(row.families.size());
+    for (const FamilyRow& family : row.families) add(family, family.column, {});
+    return families;
+  }
   families.reserve(columns.size());
   // Nothing keeps a row from having two columns of one name.
   std::set<std::string_view> seen;
   for (size_t i = 0; i < columns.size(); ++i) {
-    if (seen.insert(columns[i]).second) families.push_back(column(i));
+    if (seen.insert(columns[i]).second) add(row.families[0], i, columns[i]);
   }
   return families;
 }
 
-const std::vector<std::string_view>& SuffixesOf(FamilyType type) {
-  static const std::vector<std::string_view> of_single = {""};
-  static const std::vector<std::string_view> of_summary = {"", kSum, kCount};
-  static const std::vector<std::string_view> of_histogram = {"", kSum, kCount, kBucket};
-  if (type == FamilyType::kHistogram) return of_histogram;
-  return type == FamilyType::kSummary ? of_summary : of_single;
+const FamilyForm& FormOf(FamilyType type) {
+  static constexpr std::string_view kOfSingle[] = {""};
+  static constexpr std::string_view kOfSummary[] = {"", kSum, kCount};
+  static constexpr std::string_view kOfHistogram[] = {"", kSum, kCount, kBucket};
+  static constexpr FamilyForm kForms[] = {{"gauge", kOfSingle, false},
+                                          {"counter", kOfSingle, false},
+                                          {"untyped", kOfSingle, false},
+                                          {"summary", kOfSummary, true},
+                                          {"histogram", kOfHistogram, true}};
+  return kForms[static_cast<size_t>(type)];
+}
+
+const FamilyRow& FamilyOf(Kind kind, std::string_view column) {
+  const KindRow& row = RowOf(kind);
+  const FamilyRow* const of_column =
+      std::find_if(row.families.begin(), row.families.end(), [&](const FamilyRow& family) {
+        const bool whole = FormOf(family.type).whole;
+        return column == (whole ? std::string_view() : row.columns[family.column].name);
+      });
+  return of_column == row.families.end() ? row.families[0] : *of_column;
 }
 
 std::string SourceOf(Kind kind, std::string_view name, std::string_view column) {
+  const KindRow& row = RowOf(kind);
   std::string source;
-  switch (kind) {
-    case Kind::kGauge:
-      source = "gauge ";
-      break;
-    case Kind::kRate:
-      source = "rate ";
-      break;
-    case Kind::kCounter:
-      source = "counter ";
-      break;
-    case Kind::kMeter:
-      source = "meter ";
-      break;
-    case Kind::kDeltaCounter:
-      source = column == kDeltaColumns[kDeltaRateColumn] ? "rate of the delta counter "
-                                                         : "delta counter ";
-      break;
-    case Kind::kTimerRow:
-      if (!column.empty()) source.append("column ").append(column).append(" of ");
-      source += "timer ";
-      break;
-    case Kind::kHistogram:
-      source = "histogram ";
-      break;
-    case Kind::kRow:
-      source.append("column ").append(column).append(" of row ");
-      break;
+  if (row.form == ColumnForm::kAny) {
+    source.append("column ").append(column).append(" of ");
+  } else {
+    source = FamilyOf(kind, column).source;
   }
-  return source.append(name);
+  return source.append(row.noun).append(" ").append(name);
 }
 
 void AppendFamilyHead(const FamilyPart& family, std::string_view source, std::string* page) {
-  AppendHead(family.name, source, TypeName(family.type), page);
+  AppendHead(family.name, source, FormOf(family.type).type, page);
 }
 
 size_t EscapedSize(std::string_view text, bool quotes) {
@@ -238,7 +195,8 @@ size_t EscapedSize(std::string_view text, bool quotes) {
 
 size_t HeadSize(const FamilyPart& family, std::string_view source) {
   constexpr size_t kRest = sizeof("# HELP  \n# TYPE  \n") - 1;
-  return kRest + 2 * family.name.size() + EscapedSize(source, false) + TypeName(family.type).size();
+  return kRest + 2 * family.name.size() + EscapedSize(source, false) +
+         FormOf(family.type).type.size();
 }
 
 size_t LabelSize(std::string_view key, std::string_view value) {
@@ -253,7 +211,7 @@ LinesSize SeriesSize(const FamilyPart& family, const std::vector<double>& bounds
   const size_t line = family.name.size() + kRest;
   switch (family.type) {
     case FamilyType::kSummary: {
-      const size_t lines = std::size(kQuantiles) + 2;
+      const size_t lines = std::size(kTimerColumns) - kTimerFirstQuantile + 2;
       return {lines, lines * (line + kMaxQuantileSize)};
     }
     case FamilyType::kHistogram: {
@@ -282,9 +240,8 @@ void SampleWriter::Single(std::string_view name, const Cell& cell) {
 }
 
 void SampleWriter::Summary(const std::string& name, const Cell* cells) {
-  for (size_t i = 0; i < std::size(kQuantiles); ++i) {
-    const Cell& cell = cells[kTimerFirstQuantile + i];
-    Line(name, {}, kQuantiles[i], cell.value, cell.timestamp);
+  for (size_t i = kTimerFirstQuantile; i < std::size(kTimerColumns); ++i) {
+    Line(name, {}, kTimerColumns[i].quantile, cells[i].value, cells[i].timestamp);
   }
   Line(name, kSum, {}, cells[kTimerSum].value, cells[kTimerSum].timestamp);
   Line(name, kCount, {}, cells[kTimerCount].value, cells[kTimerCount].timestamp);

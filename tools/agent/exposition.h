@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "agent/health.h"
+#include "agent/kinds.h"
 #include "agent/point_mapping.h"
 
 // The text format of Prometheus, version 0.0.4: how names are fitted to it, in which families a
@@ -27,8 +28,6 @@ void AssignLabelName(std::string_view name, std::string* fitted);
 // is not UTF-8, for NUL, and for a backslash in front of an x.
 void AppendText(std::string_view text, std::string* out);
 
-enum class FamilyType { kGauge, kCounter, kUntyped, kSummary, kHistogram };
-
 // One family of the page that shows a metric, or a part of it.
 struct FamilyPart {
   std::string name;
@@ -41,8 +40,16 @@ struct FamilyPart {
 std::vector<FamilyPart> FamiliesOf(Kind kind, std::string_view name,
                                    const std::vector<std::string>& columns);
 
-// What the names of the lines of a family end with, after its own name. Allocates nothing but once.
-const std::vector<std::string_view>& SuffixesOf(FamilyType type);
+// What the lines of a family look like.
+struct FamilyForm {
+  std::string_view type;                 // in the text
+  ConstList<std::string_view> suffixes;  // of its name, that of each line ends with one
+  bool whole;                            // a line shows several columns
+};
+const FamilyForm& FormOf(FamilyType type);
+
+// That of the kind which shows this column of it; empty for summaries and histograms.
+const FamilyRow& FamilyOf(Kind kind, std::string_view column);
 
 // Says what a family shows: "column c of row r". `column` is the name of the family's column, empty
 // for summaries and histograms.

@@ -15,26 +15,17 @@ bool TakeEnd(std::string_view end, std::string_view* text) {
 }
 
 // Of the samples of an interval.
-std::string MeaningOf(std::string_view timer_column) {
-  if (timer_column == kTimerColumns[kTimerCount]) return "number of samples of the last interval";
-  std::string meaning;
-  if (timer_column == kTimerColumns[kTimerMin]) meaning = "least sample";
-  if (timer_column == kTimerColumns[kTimerMax]) meaning = "largest sample";
-  if (timer_column == kTimerColumns[kTimerAvg]) meaning = "average";
-  if (timer_column == kTimerColumns[kTimerSum]) meaning = "sum";
-  constexpr std::string_view kPercentile = "pct";
-  if (timer_column.substr(0, kPercentile.size()) == kPercentile) {
-    std::string digits(timer_column.substr(kPercentile.size()));
-    if (digits.size() > 2) digits.insert(2, ".");
-    meaning = "percentile " + digits;
-  }
-  return meaning.append(" of the last interval").append(kSampleUnit);
+std::string MeaningOf(const ColumnRow& timer_column) {
+  std::string meaning(timer_column.meaning);
+  meaning += " of the last interval";
+  const bool is_count = &timer_column == &kTimerColumns[kTimerCount];
+  return is_count ? meaning : meaning.append(kSampleUnit);
 }
 
 std::string OfGauge(std::string_view name) {
-  for (const std::string_view column : kTimerColumns) {
+  for (const ColumnRow& column : kTimerColumns) {
     std::string_view timer = name;
-    if (TakeEnd(column, &timer) && TakeEnd(".", &timer)) {
+    if (TakeEnd(column.name, &timer) && TakeEnd(".", &timer)) {
       return "last value; if " + std::string(timer) + " is a timer, the " + MeaningOf(column);
     }
   }
@@ -42,28 +33,29 @@ std::string OfGauge(std::string_view name) {
 }
 
 std::string MeaningOf(Kind kind, std::string_view name, std::string_view column) {
-  std::string rate = "increase per second in the last interval, in the unit of what is added";
-  std::string total = "total so far, in the unit of what is added";
-  switch (kind) {
-    case Kind::kGauge:
+  const FamilyRow& family = FamilyOf(kind, column);
+  Meaning meaning = family.meaning;
+  if (meaning == Meaning::kTotalOrRate) {
+    meaning = TakeEnd(kMeterRatePart, &name) ? Meaning::kRate : Meaning::kTotal;
+  }
+  switch (meaning) {
+    case Meaning::kStored:
       return OfGauge(name);
-    case Kind::kRate:
-      return rate;
-    case Kind::kCounter:
-      return total;
-    case Kind::kMeter:
-      return TakeEnd(".rate", &name) ? rate : total;
-    case Kind::kDeltaCounter:
-      return column == kDeltaColumns[kDeltaRateColumn] ? rate : total;
-    case Kind::kTimerRow:
-      if (!column.empty()) return MeaningOf(column);
+    case Meaning::kRate:
+      return "increase per second in the last interval, in the unit of what is added";
+    case Meaning::kTotal:
+    case Meaning::kTotalOrRate:
+      return "total so far, in the unit of what is added";
+    case Meaning::kTimerColumn:
+      return MeaningOf(kTimerColumns[family.column]);
+    case Meaning::kPercentiles:
       return "percentiles of the last interval, and the sum of all samples that the agent has "
              "seen" +
              std::string(kSampleUnit) + "; _count is their number";
-    case Kind::kHistogram:
+    case Meaning::kBuckets:
       return "number of samples below each bound, of all that the agent has seen, and their sum; "
              "bounds and sum are in the unit of the samples";
-    case Kind::kRow:
+    case Meaning::kField:
       break;
   }
   return "newest value, in the unit of the field";

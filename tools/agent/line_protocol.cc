@@ -14,7 +14,6 @@ constexpr int64_t kNanosPerSecond = 1000000000;
 constexpr int64_t kLastSecond = std::numeric_limits<int64_t>::max() / kNanosPerSecond;
 constexpr std::string_view kValueField = "value";
 constexpr std::string_view kBucketField = "bucket";
-constexpr std::string_view kHistogramPrefix = "hist:";
 constexpr std::string_view kExported = "exported_";
 
 // Bucket lines of one record: each has the measurement and all tags, so they grow with the product
@@ -44,7 +43,7 @@ void AppendTag(std::string_view key, std::string_view value, std::string* out) {
 // The name of a column as a field: that of a bucket without the mark of histograms, as its block is
 // known to be one.
 std::string_view FieldName(Kind kind, std::string_view column) {
-  return kind == Kind::kHistogram ? column.substr(kHistogramPrefix.size()) : column;
+  return kind == Kind::kHistogram ? column.substr(kHistogramMark.size()) : column;
 }
 
 }  // namespace

@@ -43,9 +43,8 @@ MergedLayout* MergedMetric::LayoutOf(const Block& block, GaugeMerge gauge, size_
   });
   if (same != end) return same->second.get();
   const bool rate = name.form == MergedName::Form::kMeterRate;
-  const bool timer = name.form == MergedName::Form::kTimerBlocks;
-  auto layout = std::make_unique<MergedLayout>(
-      block, kind, timer ? TimerRules() : RulesOf(rate ? Kind::kRate : kind, block), gauge);
+  auto layout =
+      std::make_unique<MergedLayout>(block, kind, RulesOf(rate ? Kind::kRate : kind, block), gauge);
   MergedLayout* const made = layouts.emplace(hash, std::move(layout))->second.get();
   *bytes += BytesOf(*made);
   return made;

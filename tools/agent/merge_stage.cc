@@ -19,15 +19,7 @@ constexpr std::chrono::hours kForgetSeries(2);
 
 // Points of the interval before are of these kinds, and have packets of their own.
 bool HasPointBefore(const Block& block) {
-  switch (KindOf(block)) {
-    case Kind::kCounter:
-    case Kind::kMeter:
-    case Kind::kDeltaCounter:
-    case Kind::kRow:
-      return true;
-    default:
-      return block.series.empty();
-  }
+  return block.series.empty() || RowOf(KindOf(block)).has_point_before;
 }
 
 // Counts how a series grows or shrinks, also where memory runs out.
@@ -126,7 +118,7 @@ void MergeStage::HoldBlock(const Block& block, MergedName::Form form, Target tar
 void MergeStage::HoldTimer(const Packet& packet, size_t first, Target target) {
   if (IsFull()) return Refuse(MergeRefusal::kLimit, std::size(kTimerColumns));
   const Block& block = packet.blocks[first];
-  const size_t base = block.name.size() - kTimerColumns[0].size() - 1;
+  const size_t base = block.name.size() - kTimerColumns[0].name.size() - 1;
   target.metric = target.identity->MetricOf(MergedName::Form::kTimerBlocks, block,
                                             std::string_view(block.name).substr(0, base), &bytes_);
   target.layout = target.metric->LayoutOf(block, options_.gauge, &bytes_);

@@ -104,7 +104,7 @@ void MergedPackets::AppendTimer(const MergedName& name, Series record) {
     Block block;
     block.wire_type = name.wire_type;
     block.timestamp = timestamp_;
-    block.name.append(name.name).append(".").append(kTimerColumns[i]);
+    block.name.append(name.name).append(".").append(kTimerColumns[i].name);
     Series& to = block.series.emplace_back(record);
     to.values = {values[i]};
     packet_.blocks.push_back(std::move(block));

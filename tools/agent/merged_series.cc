@@ -124,7 +124,7 @@ bool MergedSeries::Holds(int64_t timestamp) const {
 
 size_t MergedSeries::Take(int64_t timestamp, Series* record) {
   Point* const point = Find(timestamp);
-  const bool whole = layout_->kind != Kind::kRow;
+  const bool whole = RowOf(layout_->kind).form != ColumnForm::kAny;
   size_t left_out = 0;
   record->values.reserve(point->cells.size());
   if (!whole) record->indexes.reserve(point->cells.size());

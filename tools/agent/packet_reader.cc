@@ -1,7 +1,8 @@
 #include "agent/packet_reader.h"
 
 #include <cstring>
-#include <iterator>
+
+#include "agent/kinds.h"
 
 namespace tidegate::agent {
 namespace {
@@ -9,8 +10,6 @@ namespace {
 constexpr char kMagic[] = {'2', 's', 'c', 'i', 'r', 't', 'e', 'm'};
 constexpr uint8_t kVersion = 4;
 constexpr uint32_t kFormatWord = 15;
-constexpr uint8_t kMultiField = 7;
-constexpr uint8_t kLastWireType = 8;
 constexpr uint8_t kDoubleField = 0;
 constexpr uint32_t kValueSize = 8;
 
@@ -184,7 +183,7 @@ bool ReadIndexes(Cursor* in, const Block& block, std::vector<uint32_t>* indexes)
   const size_t start = in->offset();
   uint32_t count = 0;
   if (!in->ReadCount("index count", kIndexBytes, &count)) return false;
-  if (count > 0 && block.wire_type != kMultiField) {
+  if (count > 0 && FindKind(block.wire_type)->form != ColumnForm::kAny) {
     return in->Fail(start, "field indexes in a block of type " + std::to_string(block.wire_type));
   }
   if (count > block.fields.size()) {
@@ -230,7 +229,7 @@ bool ReadSeries(Cursor* in, const Block& block, Series* record) {
 bool ReadWireType(Cursor* in, uint8_t* wire_type) {
   const size_t start = in->offset();
   if (!in->ReadU8("wire_type", wire_type)) return false;
-  if (*wire_type >= 1 && *wire_type <= kLastWireType) return true;
+  if (FindKind(*wire_type) != nullptr) return true;
   return in->Fail(start, "unknown wire_type " + std::to_string(*wire_type));
 }
 
@@ -338,11 +337,8 @@ std::string Block::FieldName(const Series& record, size_t i) const {
 }
 
 const char* WireTypeName(uint8_t wire_type) {
-  static constexpr const char* kNames[] = {"unknown",   "gauge",       "rate",
-                                           "counter",   "meter",       "timer",
-                                           "histogram", "multi_field", "delta_counter"};
-  static_assert(std::size(kNames) == kLastWireType + 1);
-  return kNames[wire_type <= kLastWireType ? wire_type : 0];
+  const KindRow* const kind = FindKind(wire_type);
+  return kind == nullptr ? "unknown" : kind->wire_name;
 }
 
 }  // namespace tidegate::agent

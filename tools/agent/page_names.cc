@@ -91,7 +91,7 @@ bool PageNames::ShowPart(SeriesLayout* layout, size_t i) {
 
 bool PageNames::ClaimNames(const SeriesLayout& layout, const FamilyPart& part, size_t* claimed) {
   const Holder own = {layout.metric, std::string(layout.ColumnOf(part))};
-  for (const std::string_view suffix : SuffixesOf(part.type)) {
+  for (const std::string_view suffix : FormOf(part.type).suffixes) {
     name_.assign(part.name).append(suffix);
     const Holder* const holder = names_.Claim(name_, own, HeapBytes(own.column));
     if (holder != nullptr) {
@@ -114,7 +114,7 @@ void PageNames::ReportName(const Holder& holder, const Holder& late) {
 }
 
 void PageNames::ReleaseNames(const FamilyPart& part, size_t count) {
-  for (const std::string_view suffix : SuffixesOf(part.type)) {
+  for (const std::string_view suffix : FormOf(part.type).suffixes) {
     if (count-- == 0) return;
     name_.assign(part.name).append(suffix);
     names_.Release(name_);

@@ -10,28 +10,30 @@
 namespace tidegate::agent {
 namespace {
 
-// Values of Block::wire_type.
-enum WireType : uint8_t {
-  kWireRate = 2,
-  kWireCounter = 3,
-  kWireMeter = 4,
-  kWireTimer = 5,
-  kWireHistogram = 6,
-  kWireDeltaCounter = 8,
-};
+constexpr size_t kTail = std::size(kHistogramColumns) - kHistogramSum;  // that are no buckets
 
-constexpr std::string_view kBucketPrefix = "hist:b-";
-constexpr std::string_view kHistogramTail[] = {"hist:sum", "hist:count"};
+bool IsNamed(const Field& field, const ColumnRow& column) { return field.name == column.name; }
 
-template <typename Names>
-bool HasColumns(const Block& block, const Names& names) {
-  return std::equal(block.fields.begin(), block.fields.end(), std::begin(names), std::end(names),
-                    [](const Field& field, std::string_view name) { return field.name == name; });
+bool HasFormOf(const KindRow& kind, const Block& block) {
+  const std::vector<Field>& fields = block.fields;
+  switch (kind.form) {
+    case ColumnForm::kOne:
+      return fields.empty();
+    case ColumnForm::kFixed:
+      return std::equal(fields.begin(), fields.end(), kind.columns.begin(), kind.columns.end(),
+                        IsNamed);
+    case ColumnForm::kBounds:
+      return HistogramBounds(block).has_value();
+    case ColumnForm::kAny:
+      break;
+  }
+  return !fields.empty();
 }
 
 std::optional<double> BoundOf(std::string_view column) {
-  if (column.substr(0, kBucketPrefix.size()) != kBucketPrefix) return std::nullopt;
-  column.remove_prefix(kBucketPrefix.size());
+  constexpr std::string_view kPrefix = kHistogramColumns[kHistogramBucket].name;
+  if (column.substr(0, kPrefix.size()) != kPrefix) return std::nullopt;
+  column.remove_prefix(kPrefix.size());
   double bound = 0;
   const char* const end = column.data() + column.size();
   const auto result = std::from_chars(column.data(), end, bound);
@@ -39,42 +41,18 @@ std::optional<double> BoundOf(std::string_view column) {
   return bound;
 }
 
-std::string_view TagOfKind(Kind kind) {
-  if (kind == Kind::kHistogram) return "le";
-  return kind == Kind::kTimerRow ? "quantile" : std::string_view();
-}
-
 }  // namespace
 
 Kind KindOf(const Block& block) {
-  const bool columns = !block.fields.empty();
-  switch (block.wire_type) {
-    case kWireRate:
-      return columns ? Kind::kRow : Kind::kRate;
-    case kWireCounter:
-      return columns ? Kind::kRow : Kind::kCounter;
-    case kWireMeter:
-      return columns ? Kind::kRow : Kind::kMeter;
-    case kWireTimer:
-      if (HasColumns(block, kTimerColumns)) return Kind::kTimerRow;
-      break;
-    case kWireHistogram:
-      if (HistogramBounds(block)) return Kind::kHistogram;
-      break;
-    case kWireDeltaCounter:
-      if (HasColumns(block, kDeltaColumns)) return Kind::kDeltaCounter;
-      break;
-    default:
-      break;
-  }
-  return columns ? Kind::kRow : Kind::kGauge;
+  const KindRow* const kind = FindKind(block.wire_type);
+  if (kind != nullptr && HasFormOf(*kind, block)) return kind->kind;
+  return block.fields.empty() ? Kind::kGauge : Kind::kRow;
 }
 
 std::optional<std::vector<double>> HistogramBounds(const Block& block) {
-  constexpr size_t kTail = std::size(kHistogramTail);
   const std::vector<Field>& fields = block.fields;
-  if (fields.size() <= kTail || fields[fields.size() - 2].name != kHistogramTail[0] ||
-      fields[fields.size() - 1].name != kHistogramTail[1]) {
+  if (fields.size() <= kTail || !std::equal(fields.end() - kTail, fields.end(),
+                                            std::end(kHistogramColumns) - kTail, IsNamed)) {
     return std::nullopt;
   }
   std::vector<double> bounds;
@@ -87,7 +65,7 @@ std::optional<std::vector<double>> HistogramBounds(const Block& block) {
 }
 
 HistogramView HistogramOf(const Series& record) {
-  const size_t buckets = record.values.size() - std::size(kHistogramTail);
+  const size_t buckets = record.values.size() - kTail;
   return {record.values.data(), buckets, record.values[buckets], record.values[buckets + 1]};
 }
 
@@ -128,7 +106,7 @@ void PointTags::Assign(const Packet& packet, const ClientId& client, ProcessLabe
     tags_.push_back({KeyOf(label), process_});
   }
   const size_t first = tags_.size();
-  const std::string_view of_kind = TagOfKind(kind);
+  const std::string_view of_kind = RowOf(kind).own_label;
   bool distinct = true;
   for (const agent::Tag& tag : record.tags) {
     if (tag.value.empty()) continue;

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/kinds.h"
 #include "agent/packet_reader.h"
 #include "agent/packet_sink.h"
 
@@ -16,35 +17,9 @@
 
 namespace tidegate::agent {
 
-enum class Kind {
-  kGauge,
-  kRate,
-  kCounter,       // cumulative
-  kMeter,         // a total or a rate, the block does not tell which
-  kDeltaCounter,  // columns kDeltaColumns
-  kTimerRow,      // columns kTimerColumns
-  kHistogram,     // columns as HistogramBounds takes them
-  kRow,           // any columns, each a number with a name of its own
-};
-
-inline constexpr std::string_view kDeltaColumns[] = {"counter", "rate", "delta"};
-inline constexpr std::string_view kTimerColumns[] = {"min",   "max",   "avg",   "sum",   "counter",
-                                                     "pct50", "pct90", "pct95", "pct99", "pct999"};
-
-// Positions in kDeltaColumns and kTimerColumns.
-enum DeltaColumn : size_t { kDeltaCounterColumn, kDeltaRateColumn, kDeltaDeltaColumn };
-enum TimerColumn : size_t {
-  kTimerMin,
-  kTimerMax,
-  kTimerAvg,
-  kTimerSum,
-  kTimerCount,
-  kTimerFirstQuantile
-};
-
-// By the type and the columns of a block. A type that demands columns and does not find just these
-// makes a row; a block without columns has one number without a name, a gauge if its type says
-// nothing else. In all kinds but kRow every record has a value for each column, in order.
+// By the type of a block, if its columns have the form that the type demands. If not, the block is
+// a row, or without columns a gauge. In all kinds but kRow every record has a value for each
+// column, in order.
 Kind KindOf(const Block& block);
 
 // The lower bounds of a histogram's buckets, or nothing if the columns are not some bounds that do

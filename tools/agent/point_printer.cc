@@ -65,8 +65,6 @@ void AppendHead(const Packet& packet, int64_t timestamp, std::string_view type,
   *out += '}';
 }
 
-constexpr uint8_t kGauge = 1;
-
 // False unless `name` is a base name, a dot and `part`.
 bool SplitTimerName(std::string_view name, std::string_view part, std::string* base) {
   if (name.size() < part.size() + 1 || name[name.size() - part.size() - 1] != '.' ||
@@ -104,13 +102,13 @@ size_t TimerBlocks(const Packet& packet, size_t first) {
   const std::vector<Block>& blocks = packet.blocks;
   if (blocks.size() - first < std::size(kTimerColumns)) return 0;
   std::string base;
-  if (!SplitTimerName(blocks[first].name, kTimerColumns[0], &base)) return 0;
+  if (!SplitTimerName(blocks[first].name, kTimerColumns[0].name, &base)) return 0;
   for (size_t i = 0; i < std::size(kTimerColumns); ++i) {
     const Block& block = blocks[first + i];
     std::string same;
-    if (block.wire_type != kGauge || block.series.size() != 1 || !block.fields.empty() ||
-        block.timestamp != blocks[first].timestamp ||
-        !SplitTimerName(block.name, kTimerColumns[i], &same) || same != base ||
+    if (block.wire_type != static_cast<uint8_t>(Kind::kGauge) || block.series.size() != 1 ||
+        !block.fields.empty() || block.timestamp != blocks[first].timestamp ||
+        !SplitTimerName(block.name, kTimerColumns[i].name, &same) || same != base ||
         !(block.series[0].tags == blocks[first].series[0].tags)) {
       return 0;
     }
@@ -121,11 +119,11 @@ size_t TimerBlocks(const Packet& packet, size_t first) {
 void AppendTimerText(const Packet& packet, size_t first, const Tag* extra, std::string* out) {
   const Block& block = packet.blocks[first];
   std::string base;
-  SplitTimerName(block.name, kTimerColumns[0], &base);
+  SplitTimerName(block.name, kTimerColumns[0].name, &base);
   AppendHead(packet, block.timestamp, "timer", base, block.series[0], extra, out);
   for (size_t i = 0; i < std::size(kTimerColumns); ++i) {
     *out += ' ';
-    *out += kTimerColumns[i];
+    *out += kTimerColumns[i].name;
     *out += '=';
     AppendNumber(packet.blocks[first + i].series[0].values.front(), kNumberWords, out);
   }

@@ -19,9 +19,21 @@ void KeepNewest(double value, int64_t timestamp, Cell* cell) {
 }
 
 // A sum that met a NaN would stay one, and a counter must not fall.
-void AddUp(double value, int64_t timestamp, bool falls, Cell* cell) {
-  if (std::isfinite(value) && (falls || value > 0)) cell->value += value;
+void AddUp(double value, int64_t timestamp, PageRule rule, Cell* cell) {
+  if (std::isfinite(value) && (rule == PageRule::kAddUp || value > 0)) cell->value += value;
   cell->timestamp = std::max(cell->timestamp, timestamp);
+}
+
+void AddInterval(const KindRow& kind, const std::vector<double>& values, int64_t timestamp,
+                 Cell* cells) {
+  for (size_t i = 0; i < values.size(); ++i) {
+    const PageRule rule = ColumnAt(kind, i, values.size()).page;
+    if (rule == PageRule::kNewest) {
+      KeepNewest(values[i], timestamp, &cells[i]);
+    } else {
+      AddUp(values[i], timestamp, rule, &cells[i]);
+    }
+  }
 }
 
 }  // namespace
@@ -55,26 +67,15 @@ void SeriesEntry::Update(const Series& record, int64_t timestamp,
                          std::chrono::steady_clock::time_point now) {
   Cell* const to = cells();
   const std::vector<double>& values = record.values;
-  switch (layout->metric->kind) {
-    case Kind::kHistogram:
-      for (size_t i = 0; i < values.size(); ++i) {
-        AddUp(values[i], timestamp, i == layout->bounds.size(), &to[i]);
-      }
-      break;
-    case Kind::kTimerRow:
-      for (size_t i = 0; i < values.size(); ++i) {
-        if (i == kTimerSum || i == kTimerCount) {
-          AddUp(values[i], timestamp, i == kTimerSum, &to[i]);
-        } else {
-          KeepNewest(values[i], timestamp, &to[i]);
-        }
-      }
-      break;
-    default:
-      if (timestamp < newest) return;
-      for (size_t i = 0; i < values.size(); ++i) {
-        KeepNewest(values[i], timestamp, &to[record.indexes.empty() ? i : record.indexes[i]]);
-      }
+  const KindRow& kind = RowOf(layout->metric->kind);
+  if (kind.adds_up) {
+    AddInterval(kind, values, timestamp, to);
+  } else if (timestamp < newest) {
+    return;
+  } else {
+    for (size_t i = 0; i < values.size(); ++i) {
+      KeepNewest(values[i], timestamp, &to[record.indexes.empty() ? i : record.indexes[i]]);
+    }
   }
   // What keeps adding up at times before one that was wrong is no news: the series has to end for
   // newer quantiles to be shown.
@@ -91,7 +92,7 @@ SeriesLayout::SeriesLayout(Kind kind, const Block& block, bool page) {
   columns.reserve(std::max<size_t>(block.fields.size(), 1));
   for (const Field& field : block.fields) columns.push_back(field.name);
   if (columns.empty()) columns.emplace_back();
-  if (kind == Kind::kHistogram) bounds = *HistogramBounds(block);
+  if (RowOf(kind).form == ColumnForm::kBounds) bounds = *HistogramBounds(block);
   if (page) parts = FamiliesOf(kind, block.name, columns);
   sources.assign(parts.size(), kHidden);
   Measure(kind, block.name);
@@ -113,8 +114,7 @@ void SeriesLayout::Measure(Kind kind, const std::string& name) {
 }
 
 std::string_view SeriesLayout::ColumnOf(const FamilyPart& part) const {
-  const bool whole = part.type == FamilyType::kSummary || part.type == FamilyType::kHistogram;
-  return whole ? std::string_view() : columns[part.column];
+  return FormOf(part.type).whole ? std::string_view() : columns[part.column];
 }
 
 size_t SeriesLayout::CellBytes() const {
