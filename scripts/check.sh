@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Checks beyond the tests. Without arguments all of them, else those that are named:
 #   format   the sources are as clang-format writes them
+#   layers   the includes form no knot, and point down the floors of scripts/layers.py
 #   clang    builds clean with clang and its thread-safety analysis
 #   tidy     clang-tidy finds nothing
 #   asan     the suite under the address and undefined behaviour sanitizers
@@ -30,6 +31,11 @@ check_format() {
   step "checking the format"
   sources include src tools tests testing stress fuzz bench examples -- '*.h' '*.cc' |
     xargs -0 clang-format --dry-run -Werror
+}
+
+check_layers() {
+  step "reading the includes"
+  "$ROOT/scripts/layers.py"
 }
 
 check_clang() {
@@ -70,13 +76,13 @@ check_fuzz() {
   MAX_SECONDS=50 "$ROOT/scripts/fuzz.sh" 100000
 }
 
-ALL=(format clang tidy asan tsan install docs fuzz)
+ALL=(format layers clang tidy asan tsan install docs fuzz)
 if (($# == 0)); then
   set -- "${ALL[@]}"
 fi
 for name in "$@"; do
   case $name in
-    format | clang | tidy | asan | tsan | install | docs | fuzz) ;;
+    format | layers | clang | tidy | asan | tsan | install | docs | fuzz) ;;
     *) die "unknown check \"$name\"; there are: ${ALL[*]}" ;;
   esac
 done

@@ -17,6 +17,23 @@ void FlushAndExit(MetricClient& client) { client.FlushAndExit(); }
 void AtFork(MetricClient& client) { client.AtFork(); }  // in the process that called `Init`
 void DoNothing(MetricClient& /*client*/) {}
 
+// What needs a client in service gets a code, or does nothing.
+void ExpectOutOfService(MetricClient& client) {
+  METRICS::MetricRegistry made({}, {}, nullptr, 1);
+  METRICS::MetricRegistry* registry = &made;
+  EXPECT_EQ(client.CreateRegistry(registry, {"p", {}, "t"}), ReturnCode::kNullptr);
+  EXPECT_EQ(registry, nullptr);
+  const auto [metric, code] = client.CreateMetric({"p", {}, "t"}, {"m", {}, {}, {}});
+  EXPECT_TRUE(metric == nullptr && code == ReturnCode::kNullptr);
+  for (const auto call :
+       {&MetricClient::RemoveRegistry, &MetricClient::Block, &MetricClient::UnBlock}) {
+    EXPECT_EQ((client.*call)("p", "t"), ReturnCode::kNullptr);
+  }
+  FlushAndExit(client);
+  AtFork(client);
+  Exit(client);
+}
+
 // What a provider went through.
 struct Life {
   std::atomic<int> starts{0}, stops{0}, deletions{0};
@@ -46,6 +63,7 @@ TEST(ClientTest, EveryEndIsCleanAndOnlyFlushAndExitKeepsValues) {
     const TempDir dir;
     AgentSocket agent(dir.File("s"));
     auto client = std::make_unique<MetricClient>();
+    ExpectOutOfService(*client);
     Life lives[2];
     const size_t rounds = end == DoNothing ? 1 : 2;  // a client serves again after an end
     for (size_t i = 0; i < rounds; ++i) {
@@ -57,7 +75,7 @@ TEST(ClientTest, EveryEndIsCleanAndOnlyFlushAndExitKeepsValues) {
         made.metric->WithTags({})->Emit({Store(1)});
       }
       end(*client);
-      if (end != DoNothing) Exit(*client);  // harmless after all of them
+      if (end != DoNothing) ExpectOutOfService(*client);
     }
     const std::string log = LogOf([&client] { client.reset(); }, 0);
     EXPECT_THAT(log, testing::MatchesRegex("(.*\n)?\\[MetricSDK\\]\\[DEBUG\\]\\[metric_client.cc:"

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <cassert>
 #include <optional>
 #include <utility>
 
@@ -86,6 +85,10 @@ bool MetricClient::StartThreads() {
 }
 
 ReturnCode MetricClient::CreateRegistry(MetricRegistry*& registry, MetricRegistryCfg cfg) {
+  if (metric_factory_ == nullptr) {
+    registry = nullptr;
+    return ReturnCode::kNullptr;
+  }
   if (metric_factory_->GetRegistry(registry, cfg.prefix, cfg.tenant) !=
       ReturnCode::kObjectNotExisted) {
     return ReturnCode::kOk;
@@ -108,18 +111,17 @@ MetricClient::CreateMetricResult MetricClient::CreateMetric(MetricRegistryCfg re
 }
 
 ReturnCode MetricClient::RemoveRegistry(const std::string& prefix, const std::string& tenant) {
-  assert(metric_factory_ != nullptr);
-  return metric_factory_->RemoveRegistry(prefix, tenant);
+  return metric_factory_ == nullptr ? ReturnCode::kNullptr
+                                    : metric_factory_->RemoveRegistry(prefix, tenant);
 }
 
 ReturnCode MetricClient::Block(const std::string& prefix, const std::string& tenant) {
-  assert(metric_factory_ != nullptr);
-  return metric_factory_->Block(tenant, prefix);
+  return metric_factory_ == nullptr ? ReturnCode::kNullptr : metric_factory_->Block(tenant, prefix);
 }
 
 ReturnCode MetricClient::UnBlock(const std::string& prefix, const std::string& tenant) {
-  assert(metric_factory_ != nullptr);
-  return metric_factory_->UnBlock(tenant, prefix);
+  return metric_factory_ == nullptr ? ReturnCode::kNullptr
+                                    : metric_factory_->UnBlock(tenant, prefix);
 }
 
 void MetricClient::ShutDownFactories() {
@@ -164,7 +166,9 @@ void MetricClient::FlushAndExit() {
     AtFork();
     return;
   }
-  sender_manager_->FlushAndExit();
+  if (sender_manager_ != nullptr) {
+    sender_manager_->FlushAndExit();
+  }
   ShutDownFactories();
   ReleaseServices();
   ReleaseFactories();

@@ -55,12 +55,12 @@ class METRICS_API MetricClient : public ClientParts {
 
   /// Finds or makes a registry. One that exists under the tenant and prefix is given as it is:
   /// the rest of `cfg` does not count then. Two threads that race on a new one: the slower may get
-  /// 19.
+  /// 19. 81 on a client that is not in service.
   ReturnCode CreateRegistry(MetricRegistry*& registry, MetricRegistryCfg cfg);
   /// Finds or makes a registry and a metric in it, as above.
   CreateMetricResult CreateMetric(MetricRegistryCfg registry_cfg, MetricInstanceCfg metric_cfg);
 
-  // From any thread, while the client is in service. 20 when there is no such registry.
+  // From any thread. 20 when there is no such registry, 81 when the client is not in service.
   /// Removes a registry with its metrics and what they had not flushed; it no longer counts
   /// among the 512. The caller must have stopped emitting on its metrics.
   ReturnCode RemoveRegistry(const std::string& prefix, const std::string& tenant);
@@ -72,8 +72,8 @@ class METRICS_API MetricClient : public ClientParts {
   /// child of a `fork`: as `AtFork`.
   ReturnCode Exit();
   /// Sends what the cells hold, then as `Exit`. A flush that was running meanwhile counts as the
-  /// last one. In the child of a `fork`: as `AtFork`, nothing is sent. REQUIRES: the client is in
-  /// service.
+  /// last one. In the child of a `fork`: as `AtFork`, nothing is sent. Does nothing on a client
+  /// that is not in service.
   void FlushAndExit();
   /// For the child of a `fork`, to be called by the application before anything else of this
   /// client: drops everything without touching the parent's threads, connections or data; nothing
