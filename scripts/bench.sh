@@ -96,4 +96,7 @@ fi
 (($# <= 1)) || die "too many arguments"
 folder=${1:-$ROOT/build/bench-results}
 measure
-[[ -z $short ]] || try_agent_load
+if [[ -n $short ]]; then
+  try_agent_load
+  quietly python3 "$ROOT/bench/compare.py" "$folder" "$folder"
+fi

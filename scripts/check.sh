@@ -13,24 +13,10 @@
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-# sources <folder...> -- <name pattern...>: the matching files, each ended by a zero byte.
-sources() {
-  local folders=() patterns=()
-  while [[ $1 != -- ]]; do
-    folders+=("$ROOT/$1")
-    shift
-  done
-  shift
-  for pattern in "$@"; do
-    patterns+=(-o -name "$pattern")
-  done
-  find "${folders[@]}" -type f \( "${patterns[@]:1}" \) -print0 | sort -z
-}
-
 check_format() {
+  require_clang_format
   step "checking the format"
-  sources include src tools tests testing stress fuzz bench examples -- '*.h' '*.cc' |
-    xargs -0 clang-format --dry-run -Werror
+  formatted_sources | xargs -0 clang-format --dry-run -Werror
 }
 
 check_layers() {

@@ -11,6 +11,10 @@ BUILD_PACKAGES=("${DEBIAN_PACKAGES[@]}" ccache libgtest-dev libgmock-dev libbenc
 E2E_PACKAGES=(curl jq)
 CHECK_PACKAGES=(clang clang-format clang-tidy libclang-rt-14-dev doxygen lintian systemd)
 BENCH_PACKAGES=(python3 valgrind prometheus-cpp-dev)
+COVERAGE_PACKAGES=(gcovr)
+
+# Versions of clang-format do not agree on the format; Debian 12 has this one.
+CLANG_FORMAT_VERSION=14
 
 # step <text>: says in one line what comes next.
 step() { printf '==> %s\n' "$*"; }
@@ -65,13 +69,41 @@ build() {
   (cd "$ROOT" && quietly cmake --build --preset "$preset" -j "$JOBS" ${1:+--target "$@"} -- --quiet)
 }
 
-# run_tests <preset>: the whole suite. ctest's own output ends with its summary; it says which tests
-# were skipped, but not why.
+# run_tests <preset> [argument of ctest...]: the suite, or the part of it that the arguments choose.
+# ctest's own output ends with its summary; it says which tests were skipped, but not why.
 run_tests() {
-  local status=0
-  step "testing build/$1"
-  (cd "$ROOT" && ctest --preset "$1" -j "$JOBS" </dev/null) || status=$?
+  local preset=$1 status=0
+  shift
+  step "testing build/$preset"
+  (cd "$ROOT" && ctest --preset "$preset" -j "$JOBS" "$@" </dev/null) || status=$?
   awk '/: Skipped$/ { getline; print "skipped: " $0 }' \
-    "$ROOT/build/$1/Testing/Temporary/LastTest.log" | sort -u
+    "$ROOT/build/$preset/Testing/Temporary/LastTest.log" | sort -u
   return "$status"
+}
+
+# sources <folder...> -- <name pattern...>: the matching files, each ended by a zero byte.
+sources() {
+  local folders=() patterns=()
+  while [[ $1 != -- ]]; do
+    folders+=("$ROOT/$1")
+    shift
+  done
+  shift
+  for pattern in "$@"; do
+    patterns+=(-o -name "$pattern")
+  done
+  find "${folders[@]}" -type f \( "${patterns[@]:1}" \) -print0 | sort -z
+}
+
+# The files whose format is clang-format's, each ended by a zero byte.
+formatted_sources() {
+  sources include src tools tests testing stress fuzz bench examples -- '*.h' '*.cc'
+}
+
+# Ends the script unless clang-format is of the version that the format is written with.
+require_clang_format() {
+  local version
+  version=$(clang-format --version | grep -oE '[0-9]+(\.[0-9]+)+' | head -n 1)
+  [[ ${version%%.*} == "$CLANG_FORMAT_VERSION" ]] ||
+    die "the format is that of clang-format $CLANG_FORMAT_VERSION, and this one is ${version:-not to be had}"
 }
