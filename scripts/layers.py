@@ -34,7 +34,8 @@ FLOORS = [
     # Flush.
     "packet_sender flush_packets metric_encoder",
     # Senders.
-    "metric_sender metric_unix_domain_sender metric_tcp_sender metric_sender_manager",
+    """sender_reports sender_accounts sender_socket flush_thread
+    metric_sender metric_unix_domain_sender metric_tcp_sender metric_sender_manager""",
     # The rest of a client, and the client.
     "metric_factory metric_self_monitor metric_expire_checker",
     "metric_client",

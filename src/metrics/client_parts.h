@@ -10,6 +10,7 @@ class MetricExpireChecker;
 class MetricFactory;
 class MetricSelfMonitor;
 class MetricSenderManager;
+class SenderReports;
 
 /// The parts of a client, as they see each other: whoever needs one of them includes its header,
 /// and none of them includes the client's.
@@ -22,6 +23,7 @@ struct ClientParts {
   std::unique_ptr<MetricConfiger> configer_;
   std::unique_ptr<MetricExpireChecker> expire_checker_;
   std::unique_ptr<MetricSelfMonitor> self_monitor_;
+  SenderReports* sender_reports_ = nullptr;  ///< `self_monitor_`, as the senders see it
   std::unique_ptr<MetricSenderManager> sender_manager_;
 };
 

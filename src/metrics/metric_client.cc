@@ -65,6 +65,7 @@ ReturnCode MetricClient::Init(tidegate::MConfigerImplBase* configer_impl,
       !MakeMember(self_monitor_, this) || !MakeMember(sender_manager_, this)) {
     return ReturnCode::kNewObjectFail;
   }
+  sender_reports_ = self_monitor_.get();
   const ReturnCode code = configer_->Init(configer_impl, vendor, discovery, cfg);
   if (code != ReturnCode::kOk) {
     METRICS_LOG_WARN("%s\n", MetricGetErrorCodeStr(code));
@@ -136,6 +137,7 @@ void MetricClient::ShutDownFactories() {
 void MetricClient::ReleaseServices() {
   // The threads end with their owners, so that nobody reads the environment objects when the
   // configer goes.
+  sender_reports_ = nullptr;
   std::exchange(self_monitor_, nullptr).reset();
   std::exchange(expire_checker_, nullptr).reset();
   std::exchange(configer_, nullptr).reset();
@@ -204,6 +206,7 @@ void MetricClient::AtFork() {
   with(collector_factory_, forget);
   std::exchange(sender_manager_, nullptr).reset();
   std::exchange(configer_, nullptr).reset();
+  sender_reports_ = nullptr;
   std::exchange(self_monitor_, nullptr).reset();
   std::exchange(expire_checker_, nullptr).reset();
   ReleaseFactories();

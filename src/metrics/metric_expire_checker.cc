@@ -2,7 +2,7 @@
 
 #include <ctime>
 
-#include "metrics/metric_client.h"
+#include "metrics/client_parts.h"
 #include "metrics/series_items.h"
 #include "util/fork_guard.h"
 #include "util/metric_clock_util.h"
@@ -20,7 +20,7 @@ constexpr int kSliceMillis = 5;
 
 }  // namespace
 
-MetricExpireChecker::MetricExpireChecker(MetricClient* client) : client_(client) {}
+MetricExpireChecker::MetricExpireChecker(ClientParts* client) : client_(client) {}
 
 MetricExpireChecker::~MetricExpireChecker() {
   Exit();

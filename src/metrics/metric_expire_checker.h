@@ -12,7 +12,7 @@
 
 namespace METRICS {
 
-class MetricClient;
+struct ClientParts;
 
 /// Drops series that nobody feeds: a thread "ms_expirer" that walks all collectors, hides series
 /// that had no emission for more than 7200 seconds from the flushes, and erases them in batches,
@@ -24,7 +24,7 @@ class MetricClient;
 /// one key at most. A stop costs at most 5 ms and what is left of a pass.
 class MetricExpireChecker : public StoppableThread {
  public:
-  explicit MetricExpireChecker(MetricClient* client);
+  explicit MetricExpireChecker(ClientParts* client);
   ~MetricExpireChecker();
   MetricExpireChecker(const MetricExpireChecker&) = delete;
   MetricExpireChecker& operator=(const MetricExpireChecker&) = delete;
@@ -43,7 +43,7 @@ class MetricExpireChecker : public StoppableThread {
   /// For the child of a fork: forgets the thread.
   void AtFork();
 
-  MetricClient* client_;           ///< not owned
+  ClientParts* client_;            ///< not owned
   int32_t check_interval_ = 7200;  ///< milliseconds
 
  private:

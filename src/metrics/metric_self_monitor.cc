@@ -2,8 +2,8 @@
 
 #include <utility>
 
+#include "metrics/client_parts.h"
 #include "metrics/metric.h"
-#include "metrics/metric_client.h"
 #include "metrics/metric_configer.h"
 #include "metrics/metric_factory.h"
 #include "metrics/metric_registry.h"
@@ -61,7 +61,7 @@ void LogIfFailed(ReturnCode code) {
 
 }  // namespace
 
-MetricSelfMonitor::MetricSelfMonitor(MetricClient* client) : client_(client) {}
+MetricSelfMonitor::MetricSelfMonitor(ClientParts* client) : client_(client) {}
 
 MetricSelfMonitor::~MetricSelfMonitor() {
   Exit();
@@ -269,6 +269,15 @@ void MetricSelfMonitor::EmitForSenderLatency(const std::string& tenant, const st
 
 void MetricSelfMonitor::EmitForSenderFial(const std::string& tenant, const std::string& status) {
   EmitOn(statistic_.sender_fail, {{"tenant", tenant}, {"status", status}}, MetricsType::kRate, 1);
+}
+
+void MetricSelfMonitor::WarnOfIntervals(const std::string& tenant, int interval) {
+  for (const std::shared_ptr<MetricRegistry>& registry :
+       client_->metric_factory_->GetAllRegistry()) {
+    if (registry->Tenant() == tenant) {
+      registry->WarnOfInterval(interval);
+    }
+  }
 }
 
 }  // namespace METRICS

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "metrics/metric_collector_item.h"
+#include "metrics/sender_reports.h"
 #include "tidegate/metric_tag.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
@@ -14,8 +15,8 @@
 
 namespace METRICS {
 
+struct ClientParts;
 class Metric;
-class MetricClient;
 class MetricFactory;
 class MetricRegistry;
 
@@ -29,7 +30,7 @@ class MetricRegistry;
 /// most 5 ms and what is left of a walk. Removal: these metrics stay in memory as long as this
 /// object, so that they may be removed or cleared at any moment; from then on it reports nothing,
 /// after one Warn line.
-class MetricSelfMonitor : public StoppableThread {
+class MetricSelfMonitor final : public StoppableThread, public SenderReports {
  public:
   /// What the loop and the senders write into. The metrics are set by `Start` and, but for
   /// `sender_latency`, cleared by `Exit`; flush threads read them meanwhile. The heartbeat's
@@ -44,7 +45,7 @@ class MetricSelfMonitor : public StoppableThread {
     std::atomic<Metric*> sender_fail{nullptr};
   };
 
-  explicit MetricSelfMonitor(MetricClient* client);
+  explicit MetricSelfMonitor(ClientParts* client);
   ~MetricSelfMonitor();
   MetricSelfMonitor(const MetricSelfMonitor&) = delete;
   MetricSelfMonitor& operator=(const MetricSelfMonitor&) = delete;
@@ -59,24 +60,22 @@ class MetricSelfMonitor : public StoppableThread {
   /// The series of `tags` in `metric`; null without a metric.
   std::shared_ptr<MetricCollectorItem> InitSelfMonitorItem(
       Metric* metric, std::vector<tidegate::MetricTag>&& tags) const;
-  /// The cell `field` of the sender series of `tags`, null if there is none. Fills `item` first if
-  /// it is null.
   std::shared_ptr<MetricBasicData> InitSenderMonitorData(
       std::vector<tidegate::MetricTag>&& tags, const std::string& field,
-      std::shared_ptr<MetricCollectorItem>& item) const;
+      std::shared_ptr<MetricCollectorItem>& item) const override;
   /// Stops the thread and removes the registry. Does nothing unless it is running.
   void Exit();
   /// For the child of a fork: forgets the thread.
   void AtFork();
 
-  /// Reports `value` microseconds for a flush (`name` "tenant") or a packet ("package").
-  void EmitForSenderLatency(const std::string& tenant, const std::string& name, long value);
-  /// Counts a failed send under the error's text.
-  void EmitForSenderFial(const std::string& tenant, const std::string& status);
+  void EmitForSenderLatency(const std::string& tenant, const std::string& name,
+                            long value) override;
+  void EmitForSenderFial(const std::string& tenant, const std::string& status) override;
+  void WarnOfIntervals(const std::string& tenant, int interval) override;
 
   Statistic statistic_;
   MetricRegistry* registry_ = nullptr;  ///< not owned
-  MetricClient* client_;                ///< not owned
+  ClientParts* client_;                 ///< not owned
   int32_t interval_ = 1;                ///< milliseconds
 
  private:

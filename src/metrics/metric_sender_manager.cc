@@ -27,7 +27,7 @@ class TableChange {
 
 }  // namespace
 
-MetricSenderManager::MetricSenderManager(MetricClient* client) : client_(client) {}
+MetricSenderManager::MetricSenderManager(ClientParts* client) : client_(client) {}
 
 MetricSenderManager::~MetricSenderManager() {
   Exit();

@@ -14,7 +14,7 @@
 
 namespace METRICS {
 
-class MetricClient;
+struct ClientParts;
 
 /// One sender per tenant.
 ///
@@ -22,7 +22,7 @@ class MetricClient;
 /// joins and socket work included. Flush threads never take it. Owns the senders.
 class METRICS_API MetricSenderManager {
  public:
-  explicit MetricSenderManager(MetricClient* client);
+  explicit MetricSenderManager(ClientParts* client);
   ~MetricSenderManager();
   MetricSenderManager(const MetricSenderManager&) = delete;
   MetricSenderManager& operator=(const MetricSenderManager&) = delete;
@@ -52,7 +52,7 @@ class METRICS_API MetricSenderManager {
   /// A line for each sender, in the order of the tenants. Waits as all operations do.
   std::string DebugString();
 
-  MetricClient* client_;  ///< not owned
+  ClientParts* client_;  ///< not owned
 
  private:
   using Table = std::unordered_map<std::string, std::unique_ptr<MetricSender>>;

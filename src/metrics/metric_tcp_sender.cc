@@ -3,14 +3,12 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
-#include "metrics/metric_client.h"
+#include "metrics/client_parts.h"
 #include "metrics/metric_configer.h"
 #include "metrics/metric_encoder.h"
 #include "util/fork_guard.h"
@@ -20,14 +18,13 @@
 namespace METRICS {
 namespace {
 
-constexpr suseconds_t kTimeoutMicros = 100000;
 constexpr uint16_t kHeaderAccepted = 2;
 constexpr uint16_t kBodyAccepted = 1;
 constexpr uint16_t kReadFailed = 65535;
 
 }  // namespace
 
-MetricTcpSender::MetricTcpSender(const std::string& tenant, MetricClient* client)
+MetricTcpSender::MetricTcpSender(const std::string& tenant, ClientParts* client)
     : MetricSender(tenant, client) {}
 
 MetricTcpSender::~MetricTcpSender() { MetricSender::Exit(); }
@@ -50,33 +47,17 @@ ReturnCode MetricTcpSender::Init() {
     METRICS_LOG_DEBUG("TCP Sender %s Initialed, but connection not ready\n", tenant_.c_str());
   }
   InitStat();
-  state_.store(MetricState::READY, std::memory_order_release);
+  EnterService();
   return ReturnCode::kOk;
 }
 
 ReturnCode MetricTcpSender::SocketInit() {
-  if (sock_ > 0) {
-    METRICS_LOG_WARN("Sender[%s] TCP reconnect, close old socket: %d\n", tenant_.c_str(), sock_);
-    ::close(std::exchange(sock_, -1));
+  const ReturnCode code = OpenSocket(tenant_, "TCP", AF_INET, SOCK_STREAM);
+  if (code == ReturnCode::kOk) {
+    SetTimeout(tenant_, SO_SNDTIMEO);
+    SetTimeout(tenant_, SO_RCVTIMEO);
   }
-  sock_ = ::socket(AF_INET, SOCK_STREAM, 0);
-  if (sock_ < 0) {
-    METRICS_LOG_ERROR("Sender[%s] Create Socket Fd Fail.\n", tenant_.c_str());
-    return ReturnCode::kCreateSocketFailed;
-  }
-  CloseOnExec();
-  const timeval timeout{0, kTimeoutMicros};
-  int result = ::setsockopt(sock_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
-  if (result < 0) {
-    METRICS_LOG_ERROR("Sender[%s] Set Socket Send Timeout Fail with ret: %d\n", tenant_.c_str(),
-                      result);
-  }
-  result = ::setsockopt(sock_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-  if (result < 0) {
-    METRICS_LOG_ERROR("Sender[%s] Set Socket Recv Timeout Fail with ret: %d\n", tenant_.c_str(),
-                      result);
-  }
-  return ReturnCode::kOk;
+  return code;
 }
 
 bool MetricTcpSender::TryConnect() {

@@ -26,7 +26,7 @@ class MetricTcpSender final : public MetricSender {
     kReadBodyReply = 3,
   };
 
-  MetricTcpSender(const std::string& tenant, MetricClient* client);
+  MetricTcpSender(const std::string& tenant, ClientParts* client);
   ~MetricTcpSender() override;
 
   /// 66 when no descriptor can be had. A missing connection is no failure.

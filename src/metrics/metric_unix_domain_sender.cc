@@ -1,16 +1,12 @@
 #include "metrics/metric_unix_domain_sender.h"
 
 #include <sys/socket.h>
-#include <sys/time.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
-#include "metrics/metric_client.h"
+#include "metrics/client_parts.h"
 #include "metrics/metric_configer.h"
-#include "metrics/metric_self_monitor.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
 #include "util/metric_size_limits.h"
@@ -21,11 +17,10 @@ namespace {
 
 constexpr int kAttempts = 3;
 constexpr int kPauseMillis = 10;
-constexpr suseconds_t kSendTimeoutMicros = 100000;
 
 }  // namespace
 
-MetricUnixDomainSender::MetricUnixDomainSender(const std::string& tenant, MetricClient* client)
+MetricUnixDomainSender::MetricUnixDomainSender(const std::string& tenant, ClientParts* client)
     : MetricSender(tenant, client) {}
 
 MetricUnixDomainSender::~MetricUnixDomainSender() { MetricSender::Exit(); }
@@ -40,41 +35,27 @@ ReturnCode MetricUnixDomainSender::Init() {
   // From the store on, the flush thread may reconnect.
   const std::string path = addr_.sun_path;
   InitStat();
-  state_.store(MetricState::READY, std::memory_order_release);
+  EnterService();
   METRICS_LOG_INFO("MetricUnixDomainSender ready with socket: %s\n", path.c_str());
   return ReturnCode::kOk;
 }
 
 ReturnCode MetricUnixDomainSender::SocketInit() {
   addr_ = {};
-  if (sock_ > 0) {
-    METRICS_LOG_WARN("Sender[%s] UDS reconnect, close old socket: %d\n", tenant_.c_str(), sock_);
-    // Forgotten ahead of being closed: a child forked in between must not close a number that
-    // the application has been given meanwhile.
-    ::close(std::exchange(sock_, -1));
+  const ReturnCode code = OpenSocket(tenant_, "UDS", AF_UNIX, SOCK_SEQPACKET);
+  if (code == ReturnCode::kOk) {
+    SetSendBuffer();
+    SetTimeout(tenant_, SO_SNDTIMEO);
+    ConnectToAgent();
   }
-  sock_ = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
-  if (sock_ < 0) {
-    METRICS_LOG_ERROR("Sender[%s] Create Socket Fd Fail.\n", tenant_.c_str());
-    return ReturnCode::kCreateSocketFailed;
-  }
-  CloseOnExec();
-  SetSocketOptions();
-  ConnectToAgent();
-  return ReturnCode::kOk;
+  return code;
 }
 
-void MetricUnixDomainSender::SetSocketOptions() {
+void MetricUnixDomainSender::SetSendBuffer() const {
   const int buffer_size = kMetricSendBufSize;
-  int result = ::setsockopt(sock_, SOL_SOCKET, SO_SNDBUF, &buffer_size, sizeof(buffer_size));
+  const int result = ::setsockopt(sock_, SOL_SOCKET, SO_SNDBUF, &buffer_size, sizeof(buffer_size));
   if (result != 0) {
     METRICS_LOG_ERROR("Sender[%s] Set Socket Send Buf Fail with ret: %d\n", tenant_.c_str(),
-                      result);
-  }
-  const timeval timeout{0, kSendTimeoutMicros};
-  result = ::setsockopt(sock_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
-  if (result < 0) {
-    METRICS_LOG_ERROR("Sender[%s] Set Socket Send Timeout Fail with ret: %d\n", tenant_.c_str(),
                       result);
   }
 }
@@ -106,26 +87,12 @@ void MetricUnixDomainSender::Reconnect(int error) {
   SocketInit();
 }
 
-void MetricUnixDomainSender::CountFailure(int error) const {
-  client_->self_monitor_->EmitForSenderFial(tenant_, std::strerror(error));
-}
-
 void MetricUnixDomainSender::SendToSocket(char* buf, int len) {
   const int64_t start = WallMicros();
   int error = 0;
   bool delivered = false;
   RunWithinMemory(tenant_.c_str(), "a packet", [&] { delivered = Deliver(buf, len, error); });
-  (delivered ? packets_delivered_ : packets_dropped_).fetch_add(1, std::memory_order_relaxed);
-  if (!monitor_enabled_.load(std::memory_order_relaxed)) {
-    return;
-  }
-  RunWithinMemory(tenant_.c_str(), "the account of a packet", [&] {
-    AccountPacket(delivered, len, start);
-    if (!delivered) {
-      CountFailure(error);
-    }
-  });
-  UpdateStatTime(delivered);
+  AccountPacket(delivered, len, start, error);
 }
 
 bool MetricUnixDomainSender::Deliver(const char* buf, int len, int& error) {

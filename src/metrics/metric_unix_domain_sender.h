@@ -16,7 +16,7 @@ namespace METRICS {
 /// A peer that went away can raise SIGPIPE in the process; the application decides what it does.
 class MetricUnixDomainSender final : public MetricSender {
  public:
-  MetricUnixDomainSender(const std::string& tenant, MetricClient* client);
+  MetricUnixDomainSender(const std::string& tenant, ClientParts* client);
   ~MetricUnixDomainSender() override;
 
   /// 66 when no descriptor can be had; the sender then never flushes.
@@ -28,7 +28,7 @@ class MetricUnixDomainSender final : public MetricSender {
   sockaddr_un addr_{};  ///< rebuilt by every `SocketInit`
 
  private:
-  void SetSocketOptions();
+  void SetSendBuffer() const;
   void ConnectToAgent();
   /// Whether the whole packet was taken; `error` is the errno of the call.
   bool TrySend(const char* buf, int len, int& error) const;
@@ -36,7 +36,6 @@ class MetricUnixDomainSender final : public MetricSender {
   void Reconnect(int error);
   /// Up to three attempts, with a line for the one that delivered; `error` is that of the last.
   bool Deliver(const char* buf, int len, int& error);
-  void CountFailure(int error) const;
 };
 
 }  // namespace METRICS

@@ -7,7 +7,9 @@
 #include <vector>
 
 #include "agent/packet_reader.h"
+#include "metrics/metric_collector_factory.h"
 #include "metrics/metric_encoder.h"
+#include "metrics/metric_sender.h"
 #include "support/environment.h"
 
 namespace tidegate::test {
