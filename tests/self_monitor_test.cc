@@ -76,7 +76,7 @@ TEST(SelfMonitorTest, ItsFiguresAreWhatWasReceivedAndWhatWasLost) {
       [&](const auto& packets) { return Reported(packets, "send") == Counted(app.Received()); }));
   app.Stop();
   emit("1");  // the same packet as the first one
-  // A sample that comes behind the drain of a flush is in the next one, and `FlushAndExit` makes
+  // A sample that comes after the drain of a flush is in the next one, and `FlushAndExit` makes
   // none where it finds one running.
   const std::string package = "sender.latency timer name=package tenant=t1 counter";
   const std::string emitted = "metric multi_field metric_name=p.m emit.success";

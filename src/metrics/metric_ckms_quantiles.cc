@@ -33,12 +33,7 @@ CKMSQuantiles::CKMSQuantiles()
       min_(kFirstMin),
       max_(kFirstMax) {}
 
-CKMSQuantiles::~CKMSQuantiles() {
-  if (InForkTeardown() && mutex_.ReinitAfterFork()) {
-    Abandon(sample_);
-    Abandon(merged_);
-  }
-}
+CKMSQuantiles::~CKMSQuantiles() { RepairInForkTeardown(mutex_, sample_, merged_); }
 
 void CKMSQuantiles::Insert(double value) {
   const WriteGuard guard(mutex_);

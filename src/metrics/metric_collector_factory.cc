@@ -348,11 +348,7 @@ void MetricCollectorFactory::AtFork() {
 }
 
 void MetricCollectorFactory::RepairAfterFork() {
-  if (rwlock_.ReinitAfterFork()) {
-    Abandon(tenants_);
-    Abandon(members_);
-    Abandon(waiting_);
-  }
+  RepairGuarded(rwlock_, tenants_, members_, waiting_);
 }
 
 }  // namespace METRICS

@@ -1,5 +1,6 @@
 #include "metrics/metric_expire_checker.h"
 
+#include <cassert>
 #include <ctime>
 
 #include "metrics/client_parts.h"
@@ -50,6 +51,7 @@ ReturnCode MetricExpireChecker::Start(const int& seconds) {
 }
 
 void MetricExpireChecker::DoCheck(std::shared_ptr<MetricCollectorFactory> factory, int interval) {
+  assert(factory != nullptr);
   EnterThread("ms_expirer");
   while (Running() && factory->state_.load(std::memory_order_relaxed) == MetricState::READY) {
     const long now = ::time(nullptr);

@@ -33,14 +33,14 @@ class MetricExpireChecker : public StoppableThread {
   /// a tenth of that from 11 on. Does nothing the second time. 17 when there is no thread to be
   /// had, 81 without collectors; it can be called again then.
   ReturnCode Start(const int& seconds);
-  /// Body of the thread; `interval` is the pause in milliseconds.
+  /// Body of the thread; `interval` is the pause in milliseconds. REQUIRES: `factory` is not null.
   void DoCheck(std::shared_ptr<MetricCollectorFactory> factory, int interval);
   /// Erases what is in `expired_` and still idle at second `now`. A series that was made anew under
   /// the same tags since the walk stays.
   void DoClean(const CollectorPtr& collector, const long& now);
-  /// Stops the walker and joins it.
+  /// Stops the walker and joins it. Does nothing unless it runs.
   void Exit();
-  /// For the child of a fork: forgets the thread.
+  /// For the child of a fork: forgets the thread and what it was changing.
   void AtFork();
 
   ClientParts* client_;            ///< not owned

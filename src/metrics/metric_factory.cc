@@ -220,9 +220,7 @@ void MetricFactory::AtFork() {
 }
 
 void MetricFactory::RepairAfterFork() {
-  if (rwlock_.ReinitAfterFork()) {
-    Abandon(registries_);
-  }
+  RepairGuarded(rwlock_, registries_);
   for (const auto& [key, registry] : registries_) {
     registry->RepairAfterFork();
   }

@@ -240,12 +240,7 @@ void MetricRegistry::AtFork() {
   metrics_.clear();
 }
 
-void MetricRegistry::RepairAfterFork() {
-  if (rwlock_.ReinitAfterFork()) {
-    Abandon(metrics_);
-    Abandon(tags_);
-  }
-}
+void MetricRegistry::RepairAfterFork() { RepairGuarded(rwlock_, metrics_, tags_); }
 
 void MetricRegistry::WarnOfTags(const std::vector<tidegate::MetricTag>& tags) const {
   for (const tidegate::MetricTag& tag : tags) {

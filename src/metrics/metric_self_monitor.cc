@@ -1,5 +1,6 @@
 #include "metrics/metric_self_monitor.h"
 
+#include <cassert>
 #include <utility>
 
 #include "metrics/client_parts.h"
@@ -183,6 +184,7 @@ void MetricSelfMonitor::BindOwnSender() {
 }
 
 void MetricSelfMonitor::ClickLoop(std::shared_ptr<MetricFactory> factory, int interval) {
+  assert(statistic_.version_data != nullptr);
   EnterThread("ms_monitor");
   const long heartbeat = 1;
   while (Running()) {
@@ -200,6 +202,7 @@ void MetricSelfMonitor::ClickLoop(std::shared_ptr<MetricFactory> factory, int in
 }
 
 bool MetricSelfMonitor::EmitForMetric(std::shared_ptr<MetricFactory>& factory) {
+  assert(factory != nullptr);
   if (factory->state_.load(std::memory_order_relaxed) != MetricState::READY) {
     return false;
   }

@@ -53,9 +53,11 @@ class MetricSelfMonitor final : public StoppableThread, public SenderReports {
   /// Makes the registry, its metrics and the thread. The code of the first failure: 17 when there
   /// is no thread to be had.
   ReturnCode Start();
-  /// Body of the thread; `interval` is the pause in milliseconds.
+  /// Body of the thread; `interval` is the pause in milliseconds. REQUIRES: `Start` has made the
+  /// metrics; `factory` is not null.
   void ClickLoop(std::shared_ptr<MetricFactory> factory, int interval);
-  /// Reports every metric's statistics once. False when the factory is shut down.
+  /// Reports every metric's statistics once. False when the factory is shut down. REQUIRES:
+  /// `factory` is not null.
   bool EmitForMetric(std::shared_ptr<MetricFactory>& factory);
   /// The series of `tags` in `metric`; null without a metric.
   std::shared_ptr<MetricCollectorItem> InitSelfMonitorItem(

@@ -28,13 +28,14 @@ class MetricSender : public FlushThread,
                      public PacketSender {
  public:
   /// Starts the flush thread, which waits for the leaf class's `Init`. Where the system has none to
-  /// give, `thread_` is not joinable and the sender is of no use. REQUIRES: `client`, which is
-  /// not owned and outlives the sender, has its collector factory, its configer and its reports.
+  /// give, `thread_` is not joinable and the sender is of no use. `client` is not owned and
+  /// outlives the sender. REQUIRES: it has its configer and `sender_reports_`.
   MetricSender(const std::string& tenant, ClientParts* client);
   /// REQUIRES: the leaf class has joined the thread.
   virtual ~MetricSender();
 
-  /// Gives the encoder its identity, makes the socket and lets the flush thread go.
+  /// Gives the encoder its identity, makes the socket and lets the flush thread go. 66 when no
+  /// descriptor can be had; the sender then never flushes.
   virtual ReturnCode Init() = 0;
   /// Stops without a last flush and closes the socket. Waits for the thread. Safe twice.
   virtual void Exit();
@@ -42,14 +43,16 @@ class MetricSender : public FlushThread,
   virtual void AtFork() = 0;
   /// Delivers one packet of `len` bytes, or drops it; the caller cannot tell.
   virtual void SendToSocket(char* buf, int len) = 0;
-  /// Makes and connects the socket, closing an old one.
+  /// Makes the socket anew, closing an old one. 66 when no descriptor can be had. Does nothing
+  /// here.
   virtual ReturnCode SocketInit();
 
-  /// Body of the flush thread.
+  /// Body of the flush thread; `tenant` is a copy of its own.
   void Send(std::string tenant);
   /// One flush of what is due at `last_flush_ts_`. False: the thread must end. Where memory runs
   /// out it ends early, and what it had not drained goes out with the next one.
   bool DoPackAndSend();
+  /// Not called by the library.
   void DoNothing() {}
   void SendPacket(const FinishedPacket& packet) final;
   void CountLostSeries() final;
@@ -58,8 +61,8 @@ class MetricSender : public FlushThread,
   void FlushAndExit();
 
   std::atomic<bool> interval_known_{false};  ///< the settings have been asked for `interval_`
-  std::shared_ptr<MetricCollectorFactory> collector_factory_;
-  std::shared_ptr<MetricEncoderBase> encoder_;
+  std::shared_ptr<MetricCollectorFactory> collector_factory_;  ///< the client's
+  std::shared_ptr<MetricEncoderBase> encoder_;                 ///< of this sender alone
 
  protected:
   /// Gives the encoder whom it sends for.

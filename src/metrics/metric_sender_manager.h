@@ -33,21 +33,22 @@ class METRICS_API MetricSenderManager {
   ReturnCode CreateSender(const std::string& tenant, MetricSenderType type);
   /// 20 and null when there is none. The sender stays the manager's.
   ReturnCode GetSender(MetricSender*& sender, std::string tenant);
-  /// Stops and deletes one, without a last flush. 20 when there is none.
+  /// Stops and deletes one, without a last flush. 20 when there is none. Not called by the library.
   ReturnCode RemoveSender(std::string tenant);
   /// Stops all at once, then deletes them; nothing is flushed.
   void Exit();
   /// Stops all at once, then lets one after the other make its last flush on the calling thread.
   void FlushAndExit();
-  /// For the child of a fork.
+  /// For the child of a fork: forgets the threads, and deletes all senders.
   void AtFork();
-  /// In a forked child, ahead of everything else: see `MetricCollectorFactory::RepairAfterFork`.
+  /// In a forked child, before everything else: see `MetricCollectorFactory::RepairAfterFork`.
   void RepairAfterFork() METRICS_NO_THREAD_SAFETY;
   /// Stores new intervals, in seconds and not validated, for the tenants that have a sender. A
-  /// running thread keeps its period. Always 0.
+  /// running thread keeps its period. Always 0. Not called by the library.
   ReturnCode UpdateSenderInterval(std::unordered_map<std::string, int>& intervals);
   /// The interval of `tenant` in seconds; 0 as long as its flush thread has not asked for it.
   int KnownInterval(const std::string& tenant);
+  /// The tenants that have a sender, in no order. Not called by the library.
   std::vector<std::string> GetAllTenant();
   /// A line for each sender, in the order of the tenants. Waits as all operations do.
   std::string DebugString();

@@ -92,11 +92,7 @@ std::vector<double> ChainedVector::Send() {
   return SummarizeSamples(flat.get(), copied);
 }
 
-MetricSummaryVecV1::~MetricSummaryVecV1() {
-  if (InForkTeardown() && mutex_.ReinitAfterFork()) {
-    Abandon(samples_);
-  }
-}
+MetricSummaryVecV1::~MetricSummaryVecV1() { RepairInForkTeardown(mutex_, samples_); }
 
 void MetricSummaryVecV1::Emit(const long& value) { Emit(static_cast<double>(value)); }
 
@@ -117,11 +113,7 @@ SendRes MetricSummaryVecV1::Send(const unsigned int& /*interval*/) {
   return {false, SummarizeSamples(samples.data(), samples.size()), 0.0, kMetricSummaryArraySize};
 }
 
-MetricSummaryVecV2::~MetricSummaryVecV2() {
-  if (InForkTeardown() && mutex_.ReinitAfterFork()) {
-    Abandon(samples_);
-  }
-}
+MetricSummaryVecV2::~MetricSummaryVecV2() { RepairInForkTeardown(mutex_, samples_); }
 
 void MetricSummaryVecV2::Emit(const long& value) { Emit(static_cast<double>(value)); }
 

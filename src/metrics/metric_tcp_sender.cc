@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 
@@ -144,6 +145,7 @@ void MetricTcpSender::Advance(bool passed, TcpState next) {
 
 uint16_t MetricTcpSender::ReadResponse(bool header_phase,
                                        MetricProducerPacket::Response* response) {
+  assert(response != nullptr);
   *response = {};
   if (::recv(sock_, response, sizeof(*response), 0) != static_cast<ssize_t>(sizeof(*response))) {
     return kReadFailed;

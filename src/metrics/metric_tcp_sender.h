@@ -29,7 +29,7 @@ class MetricTcpSender final : public MetricSender {
   MetricTcpSender(const std::string& tenant, ClientParts* client);
   ~MetricTcpSender() override;
 
-  /// 66 when no descriptor can be had. A missing connection is no failure.
+  /// A missing connection is no failure.
   ReturnCode Init() override;
   void AtFork() override;
   void SendToSocket(char* buf, int len) override;
@@ -38,7 +38,7 @@ class MetricTcpSender final : public MetricSender {
 
   /// Asks the discovery for an endpoint and connects the socket to it. Addresses only, no names.
   bool TryConnect();
-  /// Reads a reply: its code, or 65535 when the read step fails.
+  /// Reads a reply: its code, or 65535 when the read step fails. REQUIRES: `response` is not null.
   uint16_t ReadResponse(bool header_phase, MetricProducerPacket::Response* response);
 
   tidegate::ServiceDiscoveryBase* discovery_ = nullptr;  ///< not owned

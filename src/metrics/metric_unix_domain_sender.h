@@ -19,10 +19,11 @@ class MetricUnixDomainSender final : public MetricSender {
   MetricUnixDomainSender(const std::string& tenant, ClientParts* client);
   ~MetricUnixDomainSender() override;
 
-  /// 66 when no descriptor can be had; the sender then never flushes.
+  /// A missing connection is no failure.
   ReturnCode Init() override;
   void AtFork() override;
   void SendToSocket(char* buf, int len) override;
+  /// Also connects to the vendor's path.
   ReturnCode SocketInit() override;
 
   sockaddr_un addr_{};  ///< rebuilt by every `SocketInit`

@@ -1,5 +1,6 @@
 #include "metrics/sender_accounts.h"
 
+#include <cassert>
 #include <cstring>
 #include <memory>
 #include <utility>
@@ -26,7 +27,9 @@ void AddTo(const AtomicSharedPtr<MetricBasicData>& cell, long amount) {
 }  // namespace
 
 SenderAccounts::SenderAccounts(const std::string& tenant, ClientParts* client)
-    : tenant_(tenant), client_(client), monitor_enabled_(client->configer_->enable_monitor_) {}
+    : tenant_(tenant), client_(client), monitor_enabled_(client->configer_->enable_monitor_) {
+  assert(client->sender_reports_ != nullptr);
+}
 
 void SenderAccounts::InitStat() {
   if (!monitor_enabled_.load(std::memory_order_relaxed)) {

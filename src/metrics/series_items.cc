@@ -69,11 +69,7 @@ ReturnCode CellOfType(MetricsType type, const CellPtr& found, CellPtr& cell) {
 
 }  // namespace
 
-MetricSuffixArray::~MetricSuffixArray() {
-  if (InForkTeardown() && rwlock_.ReinitAfterFork()) {
-    Abandon(suffixes_);
-  }
-}
+MetricSuffixArray::~MetricSuffixArray() { RepairInForkTeardown(rwlock_, suffixes_); }
 
 ReturnCode MetricSuffixArray::Emit(std::vector<MetricFieldValue>&& values) {
   return Emit(std::as_const(values));

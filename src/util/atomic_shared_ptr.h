@@ -22,7 +22,7 @@ class AtomicSharedPtr {
 
   void Store(std::shared_ptr<T> pointer) {
     const Guard guard(busy_);
-    pointer_.swap(pointer);  // what it held dies behind the guard, with the argument
+    pointer_.swap(pointer);  // what it held dies after the guard, with the argument
   }
 
  private:

@@ -34,12 +34,9 @@ class ConcurrentHashmap {
       : total_(total), buckets_(kFirstBuckets, kNone) {}
 
   ~ConcurrentHashmap() {
-    if (InForkTeardown() && rwlock_.ReinitAfterFork()) {
-      Abandon(buckets_);
-      Abandon(links_);
-      return;
+    if (!RepairInForkTeardown(rwlock_, buckets_, links_)) {
+      Clear();
     }
-    Clear();
   }
 
   ConcurrentHashmap(const ConcurrentHashmap&) = delete;

@@ -28,4 +28,22 @@ void Abandon(T& object) {
   new (std::addressof(object)) T();
 }
 
+/// In a forked child: makes `lock` anew, and abandons what it guards if a thread of the parent was
+/// changing it. True if it was.
+template <class Lock, class... Guarded>
+bool RepairGuarded(Lock& lock, Guarded&... guarded) {
+  const bool half_changed = lock.ReinitAfterFork();
+  if (half_changed) {
+    (Abandon(guarded), ...);
+  }
+  return half_changed;
+}
+
+/// The same for a destructor, which may run outside of the teardown of a forked child, too: false
+/// there, and nothing is done.
+template <class Lock, class... Guarded>
+bool RepairInForkTeardown(Lock& lock, Guarded&... guarded) {
+  return InForkTeardown() && RepairGuarded(lock, guarded...);
+}
+
 }  // namespace METRICS

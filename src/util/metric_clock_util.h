@@ -16,9 +16,10 @@ extern const std::vector<int>& kValidFlushInterval;
 int CheckFlushInterval(const int& interval);
 
 /// Sleeps `total_ms` milliseconds in slices of `step_ms` while `state` is READY. False as soon as
-/// it is seen to be another at the end of a slice. The last slice is not looked behind: a stop
-/// that comes during it is for the caller to see, and costs at most one slice. Signals do not
-/// shorten the sleep. The arguments are read anew at each use.
+/// it finds another state, before the first slice or after one of the others. After the last slice
+/// it does not look: a stop in that one is for the caller to see, and costs at most one slice.
+/// Signals do not shorten the sleep. The arguments are read anew at each use. With a `step_ms` of 0
+/// it spins until the state changes.
 bool SyncMilliStepSleep(const int& total_ms, const int& step_ms,
                         volatile std::atomic<MetricState>& state);
 

@@ -20,10 +20,10 @@ KDTree::KDTree(MetricCoItemType co_type, size_t dimension, KDTreeItems& items,
     : co_type_(co_type), dimension_(dimension), items_(&items), total_(&total) {}
 
 KDTree::~KDTree() {
-  if (InForkTeardown() && rwlock_.ReinitAfterFork()) {
-    return;  // a thread of the parent was taking the nodes apart
+  // Unless a thread of the parent was taking the nodes apart.
+  if (!RepairInForkTeardown(rwlock_)) {
+    Clear();
   }
-  Clear();
 }
 
 KDTree::KDTree(KDTree&& other) noexcept

@@ -24,7 +24,7 @@ struct StoppableThread {
   StoppableThread(const StoppableThread&) = delete;
   StoppableThread& operator=(const StoppableThread&) = delete;
 
-  volatile std::atomic<MetricState> state_{MetricState::INIT};
+  volatile std::atomic<MetricState> state_{MetricState::INIT};  ///< any thread may store SHUTDOWN
   std::thread thread_;
 
  protected:
