@@ -306,7 +306,7 @@ TEST(PackTest, GrowsBeforeTheLastByteIsUsedByWholeKilobytesAndNotBeyond2GiB) {
                   },
                   3),
               testing::EndsWith("]Series record too long, bytes: 2147483668\n"));
-  EXPECT_TRUE(pack.Used() == 0 && pack.series_count == 0);
+  EXPECT_TRUE(pack.Used() == 0 && pack.series_count() == 0);
 }
 
 // The answers come from another implementation, in another language.

@@ -1,5 +1,8 @@
 #include "metrics/cell_kinds.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "metrics/metric_data.h"
 #include "metrics/metric_histogram.h"
 #include "metrics/metric_summary.h"
@@ -103,7 +106,25 @@ constexpr bool InOrder() {
 }
 static_assert(InOrder());
 
+using AllNames = std::array<NumberNames, std::size(kCellKinds)>;
+
+AllNames& MakeAllNames() {
+  auto& all = *new AllNames;
+  for (size_t i = 0; i < all.size(); ++i) {
+    const auto& names = kCellKinds[i].names;
+    std::copy(std::begin(names), std::find(std::begin(names), std::end(names), nullptr),
+              all[i].begin());
+  }
+  return all;
+}
+
 }  // namespace
+
+NumberNames& NamesOf(MetricsType type) {
+  static AllNames& all = MakeAllNames();
+  assert(IsCellType(type));
+  return all[static_cast<size_t>(type) - static_cast<size_t>(MetricsType::kGauge)];
+}
 
 const char* CovMetricTypeToStr(const MetricsType& type) {
   const bool known = type != MetricsType::kUnknown && type < MetricsType::kTypeEnd;

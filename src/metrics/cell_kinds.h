@@ -1,9 +1,11 @@
 #pragma once
 
+#include <array>
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "util/metric_common.h"
 
@@ -59,6 +61,12 @@ inline const CellKind& KindOf(MetricsType type) {
   assert(IsCellType(type));
   return kCellKinds[static_cast<size_t>(type) - static_cast<size_t>(MetricsType::kGauge)];
 }
+
+/// The names of the numbers of `type` as strings, "" after the last one. Made at the first call for
+/// any type, never destroyed: a flush may still run while the process exits. REQUIRES:
+/// `IsCellType(type)`.
+using NumberNames = std::array<std::string, CellKind::kMostNames>;
+NumberNames& NamesOf(MetricsType type);
 
 /// The row of `type`, or null for types that no cell has.
 inline const CellKind* FindKind(MetricsType type) {

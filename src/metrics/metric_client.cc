@@ -5,8 +5,8 @@
 #include <optional>
 #include <utility>
 
+#include "metrics/cell_kinds.h"
 #include "metrics/metric_collector_factory.h"
-#include "metrics/metric_encoder.h"
 #include "metrics/metric_expire_checker.h"
 #include "metrics/metric_factory.h"
 #include "metrics/metric_self_monitor.h"
@@ -28,7 +28,7 @@ void RunOneTimeInitialisations() {
   Metric::NoopFieldInfo();
   Metric::NoopStr();
   GetRegistryMetricLimit();
-  MetricEncoder::PrepareSuffixTables();
+  NamesOf(MetricsType::kTimer);
 }
 
 /// Whether this process is not the one that called `Init`; false where none did.

@@ -1,22 +1,11 @@
 #include "metrics/impl/metric_compatible_impl.h"
 
-#include <algorithm>
-
 #include "metrics/cell_kinds.h"
 
 namespace METRICS {
 
-namespace {
-
-std::array<std::string, 10>& MakeTimerNames() {
-  auto& names = *new std::array<std::string, 10>;
-  std::copy_n(KindOf(MetricsType::kTimer).names, names.size(), names.begin());
-  return names;
-}
-
-}  // namespace
-
-const std::array<std::string, 10>& MetricCompatibleImpl::timer_field_info_ = MakeTimerNames();
+const std::array<std::string, 10>& MetricCompatibleImpl::timer_field_info_ =
+    NamesOf(MetricsType::kTimer);
 
 MetricCompatibleImpl::~MetricCompatibleImpl() = default;
 
