@@ -1,8 +1,8 @@
 // agent_load AGENT [CLIENTS RATE SECONDS]: does the agent keep up with CLIENTS (20) that each send
-// RATE (10) packets of 200 KiB a second for SECONDS (10), and does any of them hit the time-out
-// that the library's sender has? Starts the agent, which says at its end what it decoded and
+// RATE (10) packets of 200 KiB a second for SECONDS (10)? Does any of them hit the time-out that
+// the library's sender has? Starts the agent, which says at its end how many packets it decoded and
 // dropped. Status 1 if a send failed, if decoded and dropped packets are not those sent, if one was
-// no good, or if one was dropped at the default load.
+// malformed, or if one was dropped at the default load.
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -103,7 +103,7 @@ std::string Content(const std::string& path) {
   return text.str();
 }
 
-// The number behind the last `name` in the log, 0 if there is none.
+// The number after the last `name` in the log, 0 if there is none.
 uint64_t NumberBehind(const std::string& log, const std::string& name) {
   const size_t at = log.rfind(name);
   return at == std::string::npos ? 0 : std::strtoull(log.c_str() + at + name.size(), nullptr, 10);

@@ -1,7 +1,7 @@
 // What does one emission cost the application's thread, from tags to a known series and on an item
 // that it holds?
 //
-// Tags and samples are made ahead, as a service keeps them; one integer is made into a value on
+// Tags and samples are made before, as a service keeps them; one integer is made into a value on
 // every call, unless the name of the benchmark says otherwise. All threads share the metric and its
 // series.
 

@@ -1,6 +1,6 @@
 // What does a flush cost, in time and in bytes, for each series that has something to report?
 //
-// One iteration is one flush. Ahead of each, outside the timed region, every series is fed and
+// One iteration is one flush. Before each, outside the timed region, every series is fed and
 // every cell thus reports; totals are not among them, so no series has a second point. A flush that
 // is dropped waits for nothing and is told in CPU time, one that is sent in wall time.
 
@@ -34,7 +34,7 @@ using Values = std::vector<MetricFieldValue>;
 constexpr size_t kTags = 3;
 constexpr size_t kTimerSamples = 100;
 
-// What a scenario's metric looks like and what each of its series is fed before a flush.
+// How a scenario makes its metric, and the values that each of its series gets before a flush.
 struct Scenario {
   Metric& (*make)(Client& client);
   Values (*feed)();

@@ -1,9 +1,9 @@
 // idle_cost [SECONDS [INTERVAL]]: what does a service pay for 100,000 series that nobody feeds?
 //
-// Prints the share of a core that the library's own threads took over SECONDS (120), with default
-// settings and a flush every INTERVAL (30) seconds, in all and by thread, in the form of Google
-// Benchmark's results. The main thread sleeps meanwhile. Beside them, and not counted, runs a
-// thread that only wakes as often as the one of expiry does: what the machine asks for that alone.
+// Prints the share of a core that the library's own threads took over SECONDS (120), in all and by
+// thread, in the form of Google Benchmark's results. Settings are the defaults, with a flush every
+// INTERVAL (30) seconds. The main thread sleeps meanwhile. Another thread, which is not counted,
+// only wakes as often as that of expiry, and shows the cost of the wakes alone.
 
 #include <pthread.h>
 

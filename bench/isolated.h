@@ -15,7 +15,7 @@ using Figures = std::vector<std::pair<std::string, double>>;
 // makes its figures the counters of `state`. REQUIRES: this process has one thread.
 void Isolated(benchmark::State& state, const std::function<Figures()>& scenario);
 
-// What this process holds in memory now, and the most that it held since the last `ResetPeak`. The
+// The resident memory of this process now, and its highest since the last `ResetPeak`. The
 // process ends where the system does not tell.
 double ResidentBytes();
 double PeakBytes();

@@ -23,7 +23,7 @@ template <class Lock>
 using ShortRead = std::conditional_t<std::is_same_v<Lock, BiasedRwLock>, METRICS::FastReadGuard,
                                      METRICS::ReadGuard<Lock>>;
 
-// One write behind each `range(0)` reads.
+// One write after each `range(0)` reads.
 template <class Lock>
 void ReadsAndAWrite(benchmark::State& state) {
   static Lock lock;

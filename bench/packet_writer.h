@@ -9,9 +9,9 @@
 
 namespace tidegate::bench {
 
-// Writes packets from the description of the wire format, for what the library itself would not
-// send or only after a flush. Lengths and counts come from the content; hashes stay 0, no one reads
-// them.
+// Writes packets by the description of the wire format: those that the library itself would not
+// send, or only after a flush. Lengths and counts come from the content; hashes stay 0, no one
+// reads them.
 class PacketWriter {
  public:
   static std::string Write(const agent::Packet& packet) {

@@ -12,7 +12,7 @@
 #include "tidegate/static_configer.h"
 #include "tidegate/static_vendor.h"
 
-// What all benchmarks measure with: the same tags and samples for the library and its peer, and a
+// Shared by all benchmarks: the same tags and samples for the library and its peer, and a
 // client whose own threads sleep through the measurement.
 
 namespace tidegate::bench {

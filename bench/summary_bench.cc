@@ -1,5 +1,5 @@
-// What does a sample cost in the cells that an item feeds in its own way, and what does draining a
-// timer cost beside copying its samples to a flat array and sorting that?
+// What does a sample cost in the cells that an item feeds in its own way? What does draining a
+// timer cost, compared with copying its samples to a flat array and sorting that?
 
 #include <benchmark/benchmark.h>
 

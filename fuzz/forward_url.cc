@@ -1,5 +1,5 @@
-// The URL of --forward. What is taken can be sent as it is and says the same when it is read again;
-// whatever is wrong with a text, no line about it holds what can be a password or a token.
+// The URL of --forward. A URL that is accepted can be sent as it is and reads the same again. No
+// line about a text that is refused holds a part that can be a password or a token.
 //
 // An input is one byte for where a secret is put into the text, and the text.
 
@@ -26,7 +26,7 @@ bool IsPrintable(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c <= '~'; });
 }
 
-// What goes into a request, and into the log.
+// The parts that go into a request, and into the log.
 void CheckParts(const ForwardUrl& url) {
   Require(!url.host.empty() && IsPrintable(url.host), "there is a host");
   Require(url.port >= 1 && url.port <= 65535, "the port is one");

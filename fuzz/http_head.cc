@@ -1,5 +1,5 @@
-// The HTTP side of the agent, between the socket and the page: whatever bytes come, in one piece or
-// in two, every answer is one that this server gives, whole and with its own body.
+// The HTTP side of the agent, between the socket and the page. Any bytes come, in one piece or in
+// two; every answer is one that this server gives, whole and with its own body.
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -46,7 +46,7 @@ class Server {
     Require(connections_.Open(), "there is a server");
   }
 
-  // What one client gets that sends these parts, and reads after each.
+  // The answers to one client that sends these parts, and reads after each.
   std::string Exchange(const std::vector<std::string_view>& parts) {
     int ends[2];
     Require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) == 0,
@@ -58,7 +58,7 @@ class Server {
     {
       const agent::UniqueFd client(ends[1]);
       for (const std::string_view part : parts) {
-        // What comes after the end of the connection finds nobody.
+        // Parts after the end of the connection have no reader.
         [[maybe_unused]] const ssize_t sent =
             send(client.get(), part.data(), part.size(), MSG_NOSIGNAL);
         Serve();

@@ -23,7 +23,7 @@ using agent::LinePart;
 
 bool IsSeparator(char c) { return c == ',' || c == ' ' || c == '='; }
 
-// What ends a name, and what may not stand in it without a backslash.
+// The bytes that end a name, and may not stand in it without a backslash.
 struct Bounds {
   std::string_view ends;
   std::string_view escaped;
@@ -126,7 +126,7 @@ void CheckText(std::string_view text) {
   }
 }
 
-// What a text was before its bytes became \x and two digits.
+// The text before some of its bytes became \x and two digits.
 std::string Decoded(std::string_view text) {
   constexpr std::string_view kForm = "\\x";
   std::string decoded;

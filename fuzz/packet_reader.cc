@@ -1,4 +1,4 @@
-// The agent's reader of packets. A packet that it accepts is written again from what it said: the
+// The agent's reader of packets. A packet that it accepts is written again from its content: the
 // bytes must be the same, so nothing was misread, invented or passed over.
 
 #include "agent/packet_reader.h"

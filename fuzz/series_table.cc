@@ -47,7 +47,7 @@ constexpr double kValues[] = {
     0,    1,     -1,     0.1,     1.7976931348623157e308,
     kInf, -kInf, 1e-310, 1234567, std::numeric_limits<double>::quiet_NaN()};
 
-// What an input says, byte by byte; zeros after its end.
+// The bytes of an input; zeros after its end.
 class Bytes {
  public:
   Bytes(const uint8_t* data, size_t size) : data_(data), end_(data + size) {}
@@ -138,7 +138,7 @@ Packet MakePacket(Bytes* in, int64_t now) {
   return packet;
 }
 
-// A table with what an input makes of it.
+// A table, and the points that an input puts in.
 class Play {
  public:
   explicit Play(Bytes* in)

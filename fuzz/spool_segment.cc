@@ -1,5 +1,5 @@
-// A segment of the spool, as a crash, a bad disk or another hand left it: what is found lies within
-// it, in order, and a record that is appended to it is found too, whatever came before.
+// A segment of the spool, as a crash, a bad disk or a stranger left it. The records that are found
+// lie within it, in order. A record that is appended is found too, whatever came before.
 
 #include "agent/spool_segment.h"
 

@@ -1,8 +1,8 @@
-// The string validators. Three forms of each class of characters, the table, the bitmap by single
-// bytes and the bitmap by chunks, must give one verdict for every text, length and place in memory.
+// The string validators. Each class of characters has three forms: the table, the bitmap by single
+// bytes and the bitmap by chunks. They must agree on every text, length and address.
 //
-// An input is one byte for the place in memory, two for the number of legal bytes that stand ahead
-// of the text, and the text. So short inputs reach every length, also those past the limits.
+// An input is one byte for the address, two for the number of legal bytes before the text, and the
+// text. So short inputs reach every length, also those past the limits.
 
 #include <algorithm>
 #include <cstdint>
@@ -14,8 +14,8 @@
 #include "util/metric_string_util.h"
 
 namespace {
-// How far behind the address that malloc gives an object begins. A string leaves nobody the choice
-// of its address, so operator new makes it.
+// How far after the address that malloc returns an object begins. Nobody can choose the address of
+// a string's text, so operator new shifts it.
 size_t shift = 0;
 constexpr uintptr_t kMallocAlignment = 16;
 }  // namespace
@@ -60,7 +60,7 @@ bool ValidateInput(const uint8_t* data, size_t size) {
   if (size < kHead) return false;
   const size_t ahead = (data[1] + 256U * data[2]) % kMaxAhead;
   shift = data[0] % kMallocAlignment;
-  // Of exactly its size, so that the address sanitizer sees every read behind the end.
+  // Of exactly its size, so that the address sanitizer sees every read after the end.
   std::string text(ahead + (size - kHead), 'a');
   shift = 0;
   std::copy(data + kHead, data + size, text.begin() + static_cast<std::ptrdiff_t>(ahead));

@@ -8,12 +8,12 @@
 
 namespace tidegate::fuzz {
 
-// One piece of code that takes hostile bytes. Each stands in a source of its own and enters itself
-// in the list by a static object, before main; `run` is called from one thread at a time, any
-// number of times.
+// One piece of code that takes hostile bytes. Each has a source of its own and enters itself in the
+// list by a static object, before main. `run` is called any number of times, by one thread at a
+// time.
 struct Target {
   const char* name;  // also that of its folder below fuzz/corpus
-  // Feeds one input and checks what must hold for it. Whether the input was accepted.
+  // Feeds one input and checks its result. Whether the input was accepted.
   bool (*run)(const uint8_t* data, size_t size);
 };
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Shows the library at work: the agent prints what a small service sends it for DEMO_SECONDS (10).
+# Shows the library at work: the agent prints the points of a small service for DEMO_SECONDS (10).
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
@@ -46,7 +46,7 @@ start_agent
 service_status=0
 "$ROOT/build/release/examples/demo_service" "$tmp/agent.sock" --seconds "$DEMO_SECONDS" \
   </dev/null || service_status=$?
-sleep 0.5 # the agent prints what the service sent last
+sleep 0.5 # the agent prints the last points
 stop_agent
 
 summary='^tidegate-agent: packets=([0-9]+) series=([0-9]+) points=([0-9]+) errors=([0-9]+)$'

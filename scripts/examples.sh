@@ -7,7 +7,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 PRESET=${PRESET:-release}
 NAMES=(compatible custom_environment demo_service histogram multi_field prefork quick_start worker_pool)
 
-# What the agent has to print, as extended patterns after the time, the tenant and a blank.
+# The lines that the agent has to print, as extended patterns after the time, the tenant and a blank.
 expected() {
   local n
   case $1 in

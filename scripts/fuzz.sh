@@ -2,7 +2,7 @@
 # Fuzzes every target of fuzz/, JOBS (2) at a time. Usage: scripts/fuzz.sh [runs of each] [target...]
 # The preset fuzz finds more in a run; PRESET=fuzz-long makes several times as many runs in the same time.
 # What was learned stays in build/<preset>/corpus for the next time. The input of a finding is left in
-# build/<preset>; give it a name in fuzz/corpus/<target> once it is mended.
+# build/<preset>; give it a name in fuzz/corpus/<target> once the fault is repaired.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 

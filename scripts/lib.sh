@@ -4,7 +4,7 @@
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 JOBS=${JOBS:-2}
 
-# What the preset `package` and cpack need; README names them.
+# For the preset `package` and cpack; README names them.
 DEBIAN_PACKAGES=(g++ cmake ninja-build pkgconf zlib1g-dev libcli11-dev nlohmann-json3-dev
   libcurl4-openssl-dev libmicrohttpd-dev help2man dpkg-dev file)
 BUILD_PACKAGES=("${DEBIAN_PACKAGES[@]}" ccache libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev)
@@ -24,7 +24,7 @@ die() {
   exit 1
 }
 
-# quietly <command...>: runs it and shows what it printed only if it fails.
+# quietly <command...>: runs it and shows its output only if it fails.
 quietly() {
   local log status=0
   log=$(mktemp)

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # try_fresh.sh [folder]: follows README.md word for word on a fresh Debian 12, as root.
 #
-# Makes a minimal root file system by debootstrap (in `folder`, which stays to be looked into, or in a
-# scratch folder), puts a clone of what is committed here into it, and runs there every block of README.md that is
-# marked as sh, one after the other, those of a section as one script in the root of the clone. Prints each with
-# what it printed, and how long it took. MIRROR: where packages come from.
+# Makes a minimal root file system by debootstrap, in `folder`, which stays, or in a scratch folder. Clones the
+# commit that is checked out here into it. Runs there every block of README.md that is marked as sh, in their
+# order; the blocks of a section are one script in the root of the clone. Prints each with its output and its time.
+# MIRROR: where packages come from.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
@@ -42,7 +42,7 @@ make_root() {
   quietly git clone -q "$ROOT" "$FRESH/root/tidegate"
 }
 
-# What precedes each script; a section that fails leaves no servers behind.
+# The beginning of each script; a section that fails leaves no servers running.
 PREAMBLE="set -euxo pipefail; trap '{ kill \$(jobs -p) || true; } 2>/dev/null' EXIT"
 
 # sections: writes the sh blocks of each section of README.md to a numbered file in the scratch folder.

@@ -235,7 +235,7 @@ std::vector<Bad> World::Definitions() {
   return table;
 }
 
-// What calls are known to leave, once: the second one finds it and leaves nothing more.
+// The traces that calls are known to leave, once: the second call finds them and adds nothing.
 std::vector<Bad> World::Leftovers(int round) {
   const std::string tenant = "kept" + std::to_string(round);
   const auto bad_metric = [this, tenant] {
@@ -337,7 +337,7 @@ std::vector<Bad> World::Emissions(int round) {
                          WithSuffix(behind, Store(1))}),
                    R::kInvalidString,
                    {ErrorOf(R::kInvalidString), ErrorOf(R::kInvalidString)}});
-  table.back().left = {{"cells", 1}};  // that of the value ahead
+  table.back().left = {{"cells", 1}};  // that of the value before it
   return table;
 }
 

@@ -15,10 +15,10 @@ namespace tidegate::stress {
 using METRICS::ReturnCode;
 using Lines = std::vector<std::string>;
 
-// All that a call could leave behind, by kind: how many there are, or how many more.
+// All traces that a call could leave, by kind: how many there are, or how many more.
 using State = std::map<std::string, long>;
 
-// One bad call: what it answers, what it prints at the level of warnings, and what it leaves.
+// One bad call: its answer, its lines at the level of warnings, and its traces.
 struct Bad {
   std::string what;
   std::function<ReturnCode()> call;
@@ -35,7 +35,7 @@ Bad Refused(std::string what, ReturnCode code, std::function<ReturnCode()> call)
 
 // A registry with the flush interval 1.
 METRICS::MetricRegistryCfg RegistryOf(std::string tenant, std::string prefix);
-// A metric by what is wrong with it.
+// A metric by its faults.
 METRICS::MetricInstanceCfg Described(std::string name, std::vector<std::string> tag_names = {},
                                      std::vector<MetricTag> const_tags = {},
                                      METRICS::HistoUtilBase* histo = nullptr,

@@ -1,5 +1,5 @@
 // Bad configurations, names, tags and emissions: the code and the lines that each gets, and that a
-// refused call leaves nothing behind but what it is known to leave.
+// refused call leaves no trace but those that are known.
 
 #include <gtest/gtest.h>
 
@@ -85,7 +85,7 @@ void CheckAll(METRICS::MetricClient& client, const std::vector<Bad>& table, int6
     for (const auto& [kind, more] : left) {
       expected[kind] += more;
     }
-    test::WaitFor([&] { return StateOf(client) == expected; });  // the agent may be behind
+    test::WaitFor([&] { return StateOf(client) == expected; });  // the agent may be late
     EXPECT_EQ(StateOf(client), expected);
     ++calls;
   }
@@ -93,7 +93,7 @@ void CheckAll(METRICS::MetricClient& client, const std::vector<Bad>& table, int6
 
 using Clock = std::chrono::steady_clock;
 
-// What some of the calls leave behind adds up.
+// The traces of some calls add up.
 constexpr int kRoundsPerClient = 100;
 
 // All bad calls on one client, until `end`; then it serves as if there had been none.

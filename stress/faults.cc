@@ -144,7 +144,7 @@ class Service {
   test::Workers workers_;
 };
 
-// Sees to it that a case leaves no thread and no descriptor behind.
+// Checks that a case leaves no thread and no descriptor.
 class Baseline {
  public:
   Baseline() {
@@ -174,7 +174,7 @@ void FillBacklog(const std::string& path, std::vector<UniqueFd>& held) {
   EXPECT_EQ(errno, EAGAIN);
 }
 
-// What stands where the agent's socket should be.
+// The thing that stands where the agent's socket should be.
 using Held = std::vector<UniqueFd>;
 const struct Absence {
   const char* name;
@@ -254,8 +254,8 @@ void AbsentAgents(int /*length*/) {
   }
 }
 
-// An agent that lets connections in and reads none of them. What is sent fills the sockets, then
-// each packet costs a bounded time; a client can end nevertheless.
+// An agent that lets connections in and reads none of them. Packets fill the sockets, then
+// each packet costs a bounded time; a client can still end.
 void StalledAgent(int length) {
   const Baseline baseline;
   const test::ScopedLogLevel silent(4);
@@ -372,13 +372,13 @@ void NoDescriptorAtInit(int /*length*/) {
   agent.Stop();
 }
 
-// Forgets its socket while no other is to be had, and gets one as soon as there are some again.
+// Forgets its socket while there is no other, and gets one as soon as there is.
 void NoDescriptorAtReconnect(int /*length*/) {
   const Baseline baseline;
   const test::ScopedLogLevel silent(4);
   const TempDir dir;
   AgentSocket agent(dir.File("s"));
-  // All from here on are the client's, or behind those.
+  // All from here on are the client's, or come after those.
   const int first = LowestFreeDescriptor();
   Service service(agent.path(), "t1");
   EXPECT_TRUE(agent.WaitForPackets(2));
@@ -455,7 +455,7 @@ void ClockLeaps(int length) {
   const TempDir dir;
   AgentSocket agent(dir.File("s"));
   const std::map<std::string, int> intervals = {{"t1", 1}, {"t2", 2}};
-  std::vector<int> clocks = {7201, -3599, 0};  // ahead of the true one, in seconds
+  std::vector<int> clocks = {7201, -3599, 0};  // seconds by which it is fast
   for (int i = 1; i <= length / 4; ++i) {      // each leap takes some seconds
     clocks.insert(clocks.begin(), (i % 2 == 0 ? 3600 : -3600) * i + i % 7);
   }
@@ -486,7 +486,7 @@ void ClockLeaps(int length) {
       2);
   EXPECT_GE(CountOf("]Last send timeout, last_timetamp: ", log), skipped) << log;
   if (testing::UnitTest::GetInstance()->Failed()) {
-    std::fputs(log.c_str(), stderr);  // with what failed meanwhile
+    std::fputs(log.c_str(), stderr);  // with the failures above
   }
   for (const std::unique_ptr<Service>& service : services) {
     service->ExpectFullTotals(agent);

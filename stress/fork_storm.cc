@@ -77,7 +77,7 @@ METRICS::CoreInitCfg SelfMonitored() {
 
 std::string ChildTenant(int number) { return "child" + std::to_string(number); }
 
-// What a child does. 0 is success.
+// The work of a child. 0 is success.
 int LiveAsChild(MetricClient& client, const std::string& socket, int number) {
   switch (number % 3) {  // these three are one in a child
     case 0:

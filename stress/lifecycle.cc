@@ -113,7 +113,7 @@ TestClientOptions Everything(const AgentSocket& agent, int interval) {
   return options;
 }
 
-// One life under load, of which the agent must have exactly what its end promises.
+// One life under load, of which the agent must have exactly the emissions that its end promises.
 void Live(const End& end) {
   SCOPED_TRACE(end.name);
   const TempDir dir;
@@ -163,7 +163,7 @@ void Ends(int length) {
 }
 
 // A last flush that meets an ordinary one, in all their phases: nothing is lost, nothing is sent
-// twice, as all that was emitted lies ahead of the boundary.
+// twice, as all emissions lie before the boundary.
 void EndsAtABoundary(int length) {
   Repeat(length, [](int round) {
     const TempDir dir;
@@ -199,7 +199,7 @@ void EndsAtABoundary(int length) {
   });
 }
 
-// Serves as long as the process exists, and is destroyed behind all other objects with static
+// Serves as long as the process exists, and is destroyed after all other objects with static
 // storage, the library's included.
 class UntilTheEnd {
  public:
@@ -210,7 +210,7 @@ class UntilTheEnd {
     if (agent_ == nullptr) {
       return;
     }
-    // Two flushes behind the destruction of all else.
+    // Two flushes after the destruction of everything else.
     const long before = emissions_.load();
     const size_t packets = agent_->Received().size();
     std::this_thread::sleep_for(milliseconds(2100));
@@ -256,7 +256,7 @@ void NeverDestroyed(int /*length*/) {
   std::this_thread::sleep_for(milliseconds(200));  // in service
 }
 
-// These have no more than the destructor to end them: behind the library's own objects, and ahead.
+// Only the destructor ends these: after the library's own objects, and before.
 __attribute__((init_priority(102))) MetricClient early_global;
 
 void GlobalClients(int /*length*/) {
@@ -538,7 +538,7 @@ void FillTo(int wanted, int quota) {
   EXPECT_LE(accepted, std::min(wanted, quota + kRacers - 1));
   EXPECT_EQ(factory.total_series_.load(), static_cast<size_t>(accepted.load()));
   EXPECT_EQ(metric->emit_fail_.load(), static_cast<size_t>(refused.load()));
-  // Nobody races any more: what was made goes on, and one more is made below the quota alone.
+  // Nobody races any more: existing series go on, and one more is made below the quota alone.
   const int before = accepted;
   emit(wanted);
   EXPECT_EQ(accepted - before, before < quota ? 1 : 0);

@@ -17,7 +17,7 @@ namespace tidegate::test {
 class ListeningAgent {
  public:
   // Called on the agent's thread. False hangs up on the sender, as an agent that crashes and is
-  // started again would; what that had sent until then is handed over first.
+  // started again would; messages that it had sent until then are handed over first.
   using Take = std::function<bool(const char* bytes, size_t size)>;
 
   // Listens on `path`; throws std::system_error when it cannot.
@@ -29,9 +29,9 @@ class ListeningAgent {
   // Neither reads nor accepts until `Resume`.
   void Stall() { Tell(Mood::kStalled); }
   void Resume() { Tell(Mood::kServing); }
-  // Closes all that it has as it stands. Its socket file stays, here and in `Drain`.
+  // Closes all of its sockets at once. Its socket file stays, here and in `Drain`.
   void Kill() { End(Mood::kKilled); }
-  // Takes nothing more in, reads what there is, and goes.
+  // Refuses new messages, reads those that are there, and ends.
   void Drain() { End(Mood::kDraining); }
   // Listens again. REQUIRES: it has ended, and its socket file is gone.
   void Restart();
@@ -50,7 +50,7 @@ class ListeningAgent {
   void ServeOnce();
   void ForgetWake();  // before a look at `mood_`
   void Accept();
-  // Reads what is there. False when the connection is at its end.
+  // Reads the messages that are there. False when the connection is at its end.
   bool ReadSome(int client);
   // Shuts down before it reads: a message is then either among those that are read, or refused.
   void ReadToTheEnd(int client);

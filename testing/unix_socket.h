@@ -14,7 +14,7 @@ int CallWithPath(const std::function<int(int, const sockaddr*, socklen_t)>& call
                  const agent::UniqueFd& socket, const std::string& path);
 
 // A Unix domain socket of `type` that is bound to `path`, and listens if `backlog` is not negative.
-// Throws std::system_error when there is none to be had.
+// Throws std::system_error when it cannot.
 agent::UniqueFd Bind(const std::string& path, int type, int backlog);
 
 }  // namespace tidegate::test

@@ -20,7 +20,7 @@ static bool NextAllocationFails() {
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-// The C library's own is what all others call.
+// All others call the C library's own.
 extern "C" {
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);

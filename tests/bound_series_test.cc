@@ -211,7 +211,7 @@ TEST_F(BoundSeriesTest, WhatIsEmittedOnADroppedSeriesIsRefusedAndCounted) {
       registry->UnBlock();
     }
     EXPECT_EQ(emitted(), before + 4);
-    // What stands in the way of binding anew is answered, and counted once.
+    // The reason why it cannot bind anew is answered, and counted once.
     metric.WithTags(tags)->Emit(WithSuffix("timer", Incr(1)));
     EXPECT_EQ(timer.Emit(1), R::kInvalidMetricType);
     EXPECT_EQ(failed() - failed_before, 13u);

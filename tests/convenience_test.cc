@@ -1,5 +1,5 @@
-// The parts around the core that make it pleasant: what a first program needs of settings and
-// machine, bounds, timers of scopes, verbs for all numbers, and a look at what a client holds.
+// The parts around the core that make it pleasant: settings and machine of a first program, bounds,
+// timers of scopes, verbs for all numbers, and a look into a client.
 
 #include <cmath>
 #include <limits>
@@ -116,7 +116,7 @@ TEST(ConvenienceTest, AScopeThatReportsNothingSaysWhy) {
   EXPECT_THAT(metric.WithTags({})->Fields().at("counter")->Send(1).values, testing::IsEmpty());
   EXPECT_EQ(metric.emit_fail_, 0u);
 
-  // What happens to the series while the scope runs is not its loss.
+  // A series that is blocked or removed while the scope runs costs it nothing.
   ScopedTimer nightly(&metric);
   nightly.WithTags({{"status", "nightly"}});
   registry.Block();

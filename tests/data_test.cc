@@ -12,7 +12,7 @@
 namespace METRICS {
 namespace {
 
-// One interval in the life of a cell: what is emitted, and what the flush at its end reports.
+// One interval in the life of a cell: its emissions, and the report of the flush at its end.
 struct Interval {
   std::vector<std::variant<long, double>> emits;
   std::vector<double> values;

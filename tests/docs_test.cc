@@ -1,4 +1,4 @@
-// Keeps the documents true: what they show and name is what this tree holds.
+// Keeps the documents true: this tree has everything that they show and name.
 
 #include <gtest/gtest.h>
 

@@ -79,7 +79,7 @@ TEST_F(EncoderTest, APacketThatReachesTheLimitIsSentBetweenTwoCellsOfASeries) {
 }
 
 // The packet of the interval before goes before the other one, but for compatible series that
-// share a block. A block is opened again for what follows, even if all of that is idle.
+// share a block. A block is opened again for the series that follow, even if all of them are idle.
 TEST_F(EncoderTest, ACutPacketGoesOnAsItsFormHasIt) {
   const struct {
     K kind;
@@ -241,7 +241,7 @@ TEST_F(EncoderTest, APacketHoldsOneRegistryAndStandingApartCostsOne) {
   EXPECT_THAT(blocks({0, 1, 2}), ElementsAre(1, 1, 1));
   EXPECT_THAT(blocks({}), IsEmpty());
 
-  Metric* const slow = Make("slow", "m", 10);  // what is pending of an interval before leaves first
+  Metric* const slow = Make("slow", "m", 10);  // pending points of an interval before leave first
   for (Metric* const metric : {metrics[0], slow}) metric->WithTags({})->Emit({IncrCounter(1)});
   EXPECT_EQ(Outline(Flush(sender_, {metrics[0]->impl_->collector_, slow->impl_->collector_})),
             "p.m.counter 3@1000x1|p.m.counter 3@995x1|"
@@ -299,7 +299,7 @@ TEST(PackTest, GrowsBeforeTheLastByteIsUsedByWholeKilobytesAndNotBeyond2GiB) {
   const auto encode = [&pack](std::string_view tags) {
     MetricEncoder::EncodeOneSeriesValue(pack, tags, {}, {1});
   };
-  // Nothing is read of what is too long.
+  // Nothing is read of a text that is too long.
   EXPECT_THAT(tidegate::test::LogOf(
                   [&] {
                     encode({pack.begin, size_t{1} << 31});

@@ -54,7 +54,7 @@ std::vector<Item> Race(MetricCollectorBase& source, const std::vector<Strings>& 
     threads.emplace_back([&, t] {
       items[t].resize(keys.size());
       for (++arrived; arrived < kThreads;) std::this_thread::yield();
-      // Who is behind finds what is there and catches up: they go on neck and neck.
+      // A thread that is late finds the nodes that are there and catches up, so all stay close.
       for (size_t i = 0; i < keys.size(); ++i) {
         const size_t place = (i + t / 2) % keys.size();
         items[t][place] = source.GetOrCreate(keys[place]);

@@ -153,8 +153,8 @@ TEST(KindsTest, EachKindHasItsForm) {
       }
       for (int64_t now = start; now < start + 20; now += 5) road.client.Flush(now);
     }
-    // A compatible series has its own tags and the registry's; where they are encoded ahead, but
-    // those of metric and registry.
+    // A compatible series has its own tags and the registry's; where they are encoded in advance,
+    // but those of metric and registry.
     const auto text = [pre_encode_tags](const std::string& list) {
       const std::string lines = std::regex_replace(list, std::regex(";"), "\n");
       const char* const compatible_tags = pre_encode_tags ? "|o:own,r:g" : "|r:g,w:$1";

@@ -79,7 +79,7 @@ TEST_F(MetricTest, TheLastDestructorsOfAThreadMayEmitOnSeriesThatAreNew) {
     Metric* metric = nullptr;
   };
   std::thread([this] {
-    thread_local Last last;  // made ahead of all that the library keeps for the thread
+    thread_local Last last;  // made before everything that the library keeps for the thread
     last.metric = &metric_;
     metric_.WithTags({{"b", std::string(99, 'w')}})->Emit({Incr(1)});
   }).join();

@@ -166,7 +166,7 @@ class NamesakesTest : public testing::Test {
     if (code == R::kOk) accepted_ += number;
     return code == R::kOk;
   }
-  // Flushes, and gives what has been reported under the name so far.
+  // Flushes, and returns all values that were reported under the name so far.
   double Reported() {
     sender_.encoder_->PackCollector(
         client_->collector_factory_->GetTenantSendCollector("t1", 1, 0));

@@ -1,5 +1,5 @@
-// Restarts of the real agent under services that send all the time, and what it reads anew without
-// one.
+// Restarts of the real agent under services that send all the time, and the settings that it reads
+// anew without one.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -120,7 +120,7 @@ class RestartTest : public testing::Test {
     const std::regex last("\ntidegate-agent: packets=(\\d+) series=\\d+ points=\\d+ errors=0\n$");
     ASSERT_TRUE(std::regex_search(log, number, last)) << log;
     received_ += std::stoull(number[1]);
-    // What cannot be forwarded without a database is another matter.
+    // Points that cannot be forwarded without a database do not count here.
     if (log.find("dropped: ") != std::string::npos) {
       EXPECT_THAT(log, HasSubstr("dropped: packets=0 "));
     }
@@ -139,7 +139,7 @@ class RestartTest : public testing::Test {
         << text << " is not in:\n"
         << LogOf(agent);
   }
-  // What is there, each message with a blank after it.
+  // The messages that have arrived, each with a blank after it.
   static std::string Read(const UniqueFd& datagrams) {
     std::string all;
     char text[100];

@@ -25,7 +25,7 @@ uint32_t Fnv1a(const std::string& bytes) {
   return hash;
 }
 
-// What was reported of a series, by timestamp.
+// The reports of a series, by timestamp.
 using Timeline = std::map<int64_t, std::vector<double>>;
 
 // Stops the agent, checks what holds for every packet there is, and gives the timelines by name and
@@ -88,8 +88,8 @@ TEST(RoadTest, AGaugeMakesTheDocumentedPacket) {
   }
 }
 
-// Metrics and registries come, go and are blocked; what is not touched loses nothing. The flushes
-// are driven by hand, some hundred a second, so that they meet everything that happens.
+// Metrics and registries come, go and are blocked; those that are not touched lose nothing. The
+// flushes are driven by hand, some hundred a second, so that they meet everything that happens.
 TEST(RoadTest, RemovalBlockAndRefusalsBesideFlushesLeaveOthersExact) {
   for (const bool pre_encode_tags : {false, true}) {
     const TempDir dir;

@@ -21,8 +21,8 @@ TestClientOptions Everything(const std::string& path = "", bool expire = true) {
   return {{}, 1, {path}, {true, expire, false, 5, 1, 5}};
 }
 
-// The sums of all numbers that the library reported on itself, by name, type, tags and field; what
-// all have in common is left out, and spoils the name where it is missing.
+// The sums of all numbers that the library reported on itself, by name, type, tags and field. Tags
+// that all have in common are left out; where one is missing, the name says so.
 std::map<std::string, double> Sums(const Packets& packets) {
   std::map<std::string, double> sums;
   for (const Point& point : PointsOf(packets)) {

@@ -1,4 +1,4 @@
-// Threads and memory that are not to be had.
+// A lack of threads and memory.
 
 #include <dlfcn.h>
 #include <pthread.h>

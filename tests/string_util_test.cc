@@ -26,7 +26,7 @@ void ExpectValidity(const std::string& text, const CharClass& chars, bool legal)
   ASSERT_EQ(IsValidStrTable(text, chars.table), legal && text.size() <= 254);
 }
 
-// Below 16 bytes and for `IsValidStrTable` the table decides, in chunks of 16 and the tail behind
+// Below 16 bytes and for `IsValidStrTable` the table decides, in chunks of 16 and the tail after
 // them the bitmap: so this also shows that the two agree.
 TEST(StringValidityTest, EveryByteAtEveryPlaceOfShortStringChunkAndTail) {
   for (const CharClass& chars : kClasses) {

@@ -19,7 +19,7 @@ Samples Steps(size_t count, double step, double shift = 0) {
   return samples;
 }
 
-// What an exact cell reports.
+// The report of an exact cell.
 Samples Exactly(Samples samples) {
   std::sort(samples.begin(), samples.end(),
             [](double a, double b) { return a < b || (std::isnan(b) && !std::isnan(a)); });

@@ -89,7 +89,7 @@ TEST(TcpSenderTest, IsReadyWhateverItsFirstConnectionAndEndsFreelyWithNothingToS
   EXPECT_TRUE(open.Accept().valid());
 }
 
-// What the agent's end of a flush that does not end sees: its exit codes tell the faults.
+// The agent's end of a flush that does not end: its exit codes tell the faults.
 void ExpectHeads(const Port& port) {
   const agent::UniqueFd peer = port.Accept();
   std::array<uint32_t, 6> heads[300];

@@ -1,4 +1,4 @@
-// Threads that come and go: what each has for itself is handed on, and nothing is lost by it.
+// Threads that come and go: the data of each is handed on, and nothing is lost by it.
 
 #include <pthread.h>
 #include <unistd.h>

@@ -54,7 +54,7 @@ TEST(StepSleepTest, EndsByTimeWhateverTheSignalsOrBySliceWhenStopped) {
     int total_ms, step_ms, at_least_ms;
     bool whole;
   } cases[] = {{MetricState::READY, 100, 30, 100, true},
-               {MetricState::READY, 1500, 2000, 1500, true},  // no look behind the last slice
+               {MetricState::READY, 1500, 2000, 1500, true},  // no look after the last slice
                {MetricState::READY, 60000, 20, 300, false},
                {MetricState::READY, 1, 0, 300, false},  // spins
                {MetricState::INIT, 0, 200, 0, false},

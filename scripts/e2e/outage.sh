@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # The agent between real parts: the demo service sends to it, it forwards to VictoriaMetrics, which
-# is away for 10 s meanwhile, and Prometheus scrapes it. What both of them answer to queries has to be
-# what the service says it emitted.
+# is away for 10 s meanwhile, and Prometheus scrapes it. Both have to answer queries
+# with the numbers that the service says it emitted.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/parts.sh"
 
 OUTAGE_SECONDS=10
-SERVICE_SECONDS=20 # the outage and some time before and behind it
+SERVICE_SECONDS=20 # the outage and some time before and after it
 
 start_prometheus() {
   cat >"$tmp/prometheus.yml" <<EOF

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Four processes that send the same names and tags through one agent, each of which is restarted
-# while the others go on: once for each way in which the agent keeps them apart or adds them up.
-# What VictoriaMetrics answers has to be the sum of what all eight say they emitted.
+# Four processes send the same names and tags through one agent, and each is restarted while the
+# others go on. This is done once for each way in which the agent keeps them apart or adds them up.
+# VictoriaMetrics has to answer the sum of the numbers that all eight say they emitted.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/parts.sh"
 
@@ -24,14 +24,14 @@ start_agents() {
   done
 }
 
-# serve <mode> <number>: a process, and then the one that takes its place.
+# serve <mode> <number>: a process, and then the one that replaces it.
 serve() {
   local demo=$ROOT/build/release/examples/demo_service
   "$demo" "$tmp/$1.sock" --seconds $((FIRST_SECONDS + $2))
   "$demo" "$tmp/$1.sock" --seconds "$SECOND_SECONDS"
 }
 
-# all_of <mode> <key>: the sum of what its processes emitted.
+# all_of <mode> <key>: the sum of the numbers that its processes emitted.
 all_of() {
   cat "$tmp/service-$1"-*.out | sed -n 's/^demo_service: emitted //p' |
     jq -es "if length == 2 * $PROCESSES then map($2) | add else null end"
@@ -41,7 +41,7 @@ nothing_waits() {
   (($(own forward_queue_points) == 0 && $(own queue_packets) == 0 && $(own clients) == 0))
 }
 
-# check <mode>: what the database has of its processes.
+# check <mode>: the numbers that the database has of its processes.
 check() {
   local mode=$1 m
   step "comparing with VictoriaMetrics: $mode"

@@ -44,7 +44,7 @@ constexpr bool IsCount(Column column) {
          column == Column::kHistogramBuckets;
 }
 
-// What became of a packet.
+// The fate of a packet.
 enum class Fate : uint8_t {
   kReceived,  // the agent read it
   kDropped,   // every send of it failed
@@ -52,8 +52,8 @@ enum class Fate : uint8_t {
 };
 constexpr size_t kFates = 3;
 
-// One series: what went in, and what came out. Emitters enter what they are about to emit; the rest
-// is the ledger's, under its lock.
+// One series: the numbers that went in, and those that came out. Emitters enter what they are about
+// to emit; the rest is the ledger's, under its lock.
 struct Account {
   Account(std::string series_key, Columns reported, int interval_seconds)
       : key(std::move(series_key)), columns(reported), interval(interval_seconds) {}

@@ -20,7 +20,7 @@ AgentKeeper::AgentKeeper(std::string folder, AgentPath& path, Ledger& ledger)
 }
 
 void AgentKeeper::Start() {
-  // What the last one left behind was stale until now.
+  // The file of the last one was stale until now.
   ::unlink(path_.Get().c_str());
   const std::string path = folder_ + "/" + std::to_string(++lives_);
   agent_ = std::make_unique<test::ListeningAgent>(path, [this](const char* bytes, size_t size) {

@@ -44,7 +44,7 @@ bool IsCompatible(Shape shape);
 METRICS::Metric* MakeMetric(METRICS::MetricRegistry& registry, const std::string& name, Shape shape,
                             Report& report);
 
-// The series of one generation of a metric, with the accounts of what is emitted on them.
+// The series of one generation of a metric, with the accounts of the emissions on them.
 //
 // Threads: `Emit` from any; the rest from one, while nobody emits.
 class Channel {
@@ -86,7 +86,7 @@ class Channel {
   using Item = std::shared_ptr<METRICS::MetricCollectorItem>;
   Item Find(size_t series) const;
   bool IsSettled() const;
-  // Reports what is not settled as violations.
+  // Reports series that are not settled as violations.
   void Complain(const std::string& when) const;
   void CheckReceivedTotals() const;
   void CloseAccounts() const;

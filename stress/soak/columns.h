@@ -8,7 +8,7 @@
 
 namespace tidegate::stress {
 
-// What one series record says.
+// The content of one series record.
 struct Reading {
   std::string key;  // of the account
   Columns present;

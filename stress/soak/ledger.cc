@@ -7,7 +7,7 @@
 namespace tidegate::stress {
 namespace {
 
-// The tenant that the library reports on itself with; what it says has no counterpart in here.
+// The tenant that the library reports on itself with; its numbers have no counterpart in here.
 constexpr char kOwnTenant[] = "inf.metrics";
 
 double Expected(const Account& account, size_t column) {
@@ -160,7 +160,7 @@ void Ledger::SettleUnread(Packet& packet) {
   report_.Check(!ended_[packet.connection->path],
                 "an agent that drained its sockets missed a packet");
   report_.Check(packet.number > packet.connection->last_read,
-                "a killed agent lost a packet ahead of one that it had read");
+                "a killed agent lost a packet before one that it had read");
   Settle(packet, Fate::kLost);
 }
 
@@ -248,7 +248,7 @@ void Ledger::RecordColumn(const std::shared_ptr<Account>& account, Column column
     refuse("a time between two intervals");
   }
   if (timestamp <= tally.timestamp) {
-    // A point for the interval before, which came behind that of the interval.
+    // A point for the interval before, which came after that of the interval.
     if (timestamp == tally.timestamp) {
       refuse("two points for one time");
     }

@@ -18,10 +18,10 @@
 
 namespace tidegate::stress {
 
-// The books of the soak: it sees each packet when it is sent, with the result of the send, and
-// again when an agent reads it, and knows at any time what became of every number.
+// The books of the soak. It sees each packet when it is sent, with the result of the send, and
+// again when an agent reads it, and can account for every number at any time.
 //
-// Nothing in here relies on how often the library tries: a packet has failed for good once its
+// Nothing in here relies on how often the library tries: a packet has finally failed once its
 // thread sends another one. All operations from any thread, under one lock, which no emission
 // takes.
 class Ledger {
@@ -43,14 +43,14 @@ class Ledger {
   // Whether all that was emitted is accounted for. Too much never settles. REQUIRES: nobody emits
   // on the series.
   bool IsSettled(const Account& account);
-  // What is missing or too much, for a message.
+  // The numbers that are missing or too much, for a message.
   std::string Difference(const Account& account);
   // Takes a settled series out: from here on it may only report that nothing happens.
   void Close(const Account& account);
   // Violations where a total that was received last is not the total.
   void CheckReceivedTotals(const Account& account);
 
-  // The sending side; `Sending` comes ahead of the call, so that no agent can be faster.
+  // The sending side; `Sending` comes before the call, so that no agent can be faster.
   void Connected(int socket, const std::string& path);
   void NotConnected(int socket);
   void Sending(int socket, const char* bytes, size_t size);
@@ -68,7 +68,7 @@ class Ledger {
   Figures figures() const;
 
  private:
-  // What a packet says about one column of one series.
+  // The content of a packet about one column of one series.
   struct Entry {
     std::shared_ptr<Account> account;
     Column column;

@@ -1,7 +1,7 @@
 // A soak of the whole library: emitters on metrics of all kinds, metrics and registries that come
-// and go, expiry, self monitoring, and an agent with a hard life. What goes in has to come out: for
-// every series, emitted = received + what stood in packets whose send failed + what a killed agent
-// had not read.
+// and go, expiry, self monitoring, and an agent with a hard life. All that
+// goes in has to come out: for every series, emitted = received + dropped with packets whose send
+// failed + lost with an agent that was killed before it read them.
 
 #include <atomic>
 #include <chrono>

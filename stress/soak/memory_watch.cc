@@ -41,7 +41,7 @@ void MemoryWatch::Judge(Report& report) const {
   const int64_t after = MedianFrom(samples_, samples_.size() - kWindow);
   report.Figure("rss_kb_after_a_minute", before);
   report.Figure("rss_kb_at_the_end", after);
-  // A sanitizer keeps what was freed.
+  // A sanitizer keeps freed memory.
   if (!kSanitized && after > before + before / 10 + kSlackKb) {
     report.Violation("memory grew from " + std::to_string(before) + " to " + std::to_string(after) +
                      " kB");

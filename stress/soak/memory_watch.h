@@ -8,9 +8,9 @@
 
 namespace tidegate::stress {
 
-// Watches the resident memory of this process, a sample a second. What it holds half a minute after
-// the first minute is compared with what it holds in the last half minute: medians, so that a flush
-// which stands in the way does not count. For one thread.
+// Watches the resident memory of this process, a sample a second. It compares the half minute after
+// the first minute with the last half minute, by their medians, so that a single flush does not
+// count. For one thread.
 class MemoryWatch {
  public:
   void Sample();

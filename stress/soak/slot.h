@@ -14,7 +14,7 @@
 
 namespace tidegate::stress {
 
-// What happened in the slots.
+// Counts of the events in the slots.
 struct SlotFigures {
   std::atomic<int64_t> metrics_made{0};
   std::atomic<int64_t> metrics_removed{0};
@@ -26,8 +26,8 @@ struct SlotFigures {
   std::atomic<int64_t> emissions{0};
 };
 
-// A place where one metric after the other lives: it is made, emitted on, left, and once all that
-// went in is accounted for it is removed, blocked, cleared or aged, or simply goes on.
+// Holds one metric after the other. A metric is made, emitted on and left. Once all emissions are
+// accounted for it is removed, blocked, cleared or aged, or simply goes on.
 //
 // Threads: `Emit` from any; the rest from one.
 class Slot {

@@ -40,7 +40,7 @@ class World {
   struct Config {
     std::string name;
     bool kd_tree;     // the second collector
-    bool pre_encode;  // tags are encoded ahead
+    bool pre_encode;  // `pre_encode_tags`
     bool expiry;
     int expire_seconds;
   };

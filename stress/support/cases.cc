@@ -24,7 +24,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr size_t kAtATime = 5;  // they sleep most of the time
-// Beyond what a case repeats: wide enough for a sanitizer on a busy machine.
+// On top of the time that a case repeats: wide enough for a sanitizer on a busy machine.
 constexpr std::chrono::seconds kPatience{60};
 
 struct Process {
@@ -46,7 +46,7 @@ pid_t Spawn(const std::string& name, int seconds) {
                                                                                                : -1;
 }
 
-// Whether the process has ended, with what was wrong about that.
+// Whether the process has ended, with the fault in how it ended.
 bool HasEnded(const Process& process, Report& report) {
   int status = 0;
   const pid_t ended = ::waitpid(process.pid, &status, WNOHANG);

@@ -11,7 +11,7 @@ class App;
 
 namespace tidegate::stress {
 
-// The flags of a stress program: `--seconds`, which all have, and what it adds.
+// The flags of a stress program: `--seconds`, which all have, and its own.
 class CommandLine {
  public:
   // `seconds` is how long the short form runs; `about` is one sentence.

@@ -15,7 +15,7 @@ class AllKinds {
   // Finds or makes the registry and its metrics.
   AllKinds(METRICS::MetricClient& client, const std::string& tenant, const std::string& prefix);
 
-  // Whether all of them were to be had.
+  // Whether all of them could be made.
   bool made() const;
   // One emission on the series `series` of each kind, 1 of it on a delta counter. False if one
   // was refused.
@@ -28,7 +28,7 @@ class AllKinds {
   METRICS::Metric* compatible_ = nullptr;
 };
 
-// What all `AllKinds` of `tenant` were told, by the increases of their delta counters.
+// The emissions on all `AllKinds` of `tenant`, by the increases of their delta counters.
 double EmissionsOf(const test::AgentSocket::Packets& packets, const std::string& tenant);
 
 }  // namespace tidegate::stress

@@ -10,8 +10,9 @@
 
 namespace tidegate::stress {
 
-// What a stress program found: violations, each with a line on standard error at once (the first 20
-// of them), and figures, which make the one line at the end. All operations from any thread.
+// The findings of a stress program: violations, each with a line on standard error at once (the
+// first 20 of them), and figures, which make the one line at the end. All operations from any
+// thread.
 class Report {
  public:
   explicit Report(std::string program) : program_(std::move(program)) {}

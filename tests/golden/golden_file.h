@@ -12,7 +12,7 @@ inline std::string ReadSourceFile(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// What stands behind the line `opening` up to the end of the fenced block that it opens.
+// The text after the line `opening`, up to the end of the fenced block that it opens.
 inline std::string FencedBlock(const std::string& text, const std::string& opening) {
   const size_t start = text.find("\n" + opening + "\n");
   if (start == std::string::npos) throw std::runtime_error("no " + opening);

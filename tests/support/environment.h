@@ -21,7 +21,7 @@
 #include "tidegate/static_configer.h"
 #include "tidegate/static_vendor.h"
 
-// What a client needs around it, made for tests, and the headers that nearly all of them use.
+// The environment of a client, made for tests, and the headers that nearly all of them use.
 
 namespace tidegate::test {
 
@@ -85,7 +85,7 @@ class TestClient {
   METRICS::Metric* Metric(const std::string& name, std::vector<std::string> tag_names = {},
                           const std::string& prefix = "p", const std::string& tenant = "t1");
   METRICS::MetricSender& Sender(const std::string& tenant = "t1");
-  // Sends what is there as the values of second `now`. REQUIRES: no flush of "t1" is due.
+  // Sends all values as those of second `now`. REQUIRES: no flush of "t1" is due.
   void Flush(int64_t now);
 
  private:

@@ -14,7 +14,7 @@
 
 namespace tidegate::test {
 
-// A sender of "t1" whose transport is a list; takes the place of the client's own.
+// A sender of "t1" whose transport is a list; replaces the client's own.
 class ListSender final : public METRICS::MetricSender {
  public:
   explicit ListSender(TestClient& client) : MetricSender("t1", &*client) {
