@@ -22,6 +22,7 @@ using std::chrono::seconds;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::SizeIs;
 using testing::StartsWith;
 
 constexpr int64_t kTime = 1700000000;
@@ -326,6 +327,38 @@ TEST_F(SeriesTableTest, RefusesWhatLiesAheadOrTakesTooMuchWork) {
   EXPECT_GT(refused, until_now + 900);
   Handle({1, "next", {}, {}, {1}});  // a packet anew
   EXPECT_GT(health_.series, before + 2);
+}
+
+// The parts of the table alone: what a series takes goes back to the last byte, wherever it was.
+TEST_F(SeriesTableTest, PartsGiveBackWhatTheyTook) {
+  SeriesBudget budget(10);
+  PageNames names(
+      health_, [](const std::string&) {}, budget.counted_bytes());
+  LayoutTable layouts(true, &names, &budget);
+  SeriesStore store(&names, &budget);
+  SeriesIdentity identity;
+  const auto add = [&](const Packet& packet) {
+    LayoutTable::Target target = layouts.Find(packet.blocks[0]);
+    identity.Assign(packet, {77}, ProcessLabel::kPid, target.kind, packet.blocks[0].series[0]);
+    if (target.layout == nullptr) layouts.Add(&target, identity.LabelBytes());
+    KeyedSeries* const known = store.Find(&identity, *target.metric);
+    if (known != nullptr) store.Move(known, target.layout);
+    return known != nullptr ? known : store.Add(&identity, target.layout);
+  };
+  KeyedSeries* const series = add(PacketOf({7, "r", {"x", "y"}, {{"k", "v"}}, {1, 2}}));
+  ASSERT_NE(series, nullptr);
+  SeriesLayout* const layout = series->second.layout;
+  EXPECT_EQ(add(PacketOf({7, "r", {"z"}, {{"k", "v"}}, {1}})), series);  // moves
+  EXPECT_THAT(layout->series, IsEmpty());
+  EXPECT_EQ(add(PacketOf({7, "r", {"z"}, {{"a.b", "1"}, {"a_b", "2"}}, {1}})), nullptr);
+  EXPECT_EQ(store.size(), 1U);
+  EXPECT_THAT(names.families(), SizeIs(3));
+  layouts.Sweep();
+  EXPECT_THAT(names.families(), SizeIs(1));
+  EXPECT_GT(budget.bytes(), 0U);
+  store.Sweep(now_, seconds(1));
+  layouts.Sweep();
+  EXPECT_EQ(budget.bytes() + budget.page_bytes() + store.size(), 0U);
 }
 
 // Whatever allocation fails, in a packet or on a page, the table goes on and nothing is left.

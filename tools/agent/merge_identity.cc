@@ -5,6 +5,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "agent/heap_bytes.h"
 #include "agent/series_layout.h"
 
 namespace tidegate::agent {
@@ -16,7 +17,7 @@ constexpr std::chrono::seconds kSettle(1);
 // For a process that only lost its connection.
 constexpr std::chrono::minutes kForgetProcess(5);
 
-// With its node and bucket.
+// With its keyed and bucket.
 constexpr size_t kProcessBytes = 96;
 
 size_t BytesOf(const MergedLayout& layout) {
@@ -93,9 +94,9 @@ void MergeIdentity::HasReported(const ProcessId& process, int64_t timestamp, boo
   }
 }
 
-size_t MergeIdentity::NodeBytes(const MergedNode& node) {
-  return sizeof(node) - sizeof(MergedSeries) + node.second.series.bytes() + HeapBytes(node.first) +
-         2 * kHeapOverhead;
+size_t MergeIdentity::BytesOfSeries(const KeyedMergedSeries& keyed) {
+  return sizeof(keyed) - sizeof(MergedSeries) + keyed.second.series.bytes() +
+         HeapBytes(keyed.first) + 2 * kHeapOverhead;
 }
 
 MergedMetric* MergeIdentity::MetricOf(MergedName::Form form, const Block& block,
@@ -114,14 +115,15 @@ MergedMetric* MergeIdentity::MetricOf(MergedName::Form form, const Block& block,
   return made;
 }
 
-void MergeIdentity::Hold(int64_t timestamp, MergedMetric* metric, MergedNode* node, SteadyTime now,
-                         std::chrono::nanoseconds ahead, std::chrono::nanoseconds delay) {
+void MergeIdentity::Hold(int64_t timestamp, MergedMetric* metric, KeyedMergedSeries* keyed,
+                         SteadyTime now, std::chrono::nanoseconds ahead,
+                         std::chrono::nanoseconds delay) {
   const auto [found, is_new] = times_.try_emplace(timestamp);
   MergeTime& time = found->second;
   if (is_new) time.due = now + ahead + delay;
   MergeTime::Part& part = time.parts[metric->id];
   part.metric = metric;
-  part.series.push_back(node);
+  part.series.push_back(keyed);
 }
 
 void MergeIdentity::TakeBack(int64_t timestamp, const MergedMetric& metric) {
@@ -212,7 +214,7 @@ void MergeIdentity::Sweep(SteadyTime now, SteadyTime oldest, const IsLive& is_li
 void MergeIdentity::SweepMetric(MergedMetric* metric, SteadyTime oldest, size_t* bytes,
                                 size_t* series) {
   for (auto next = metric->series.begin(); next != metric->series.end();) {
-    *bytes -= NodeBytes(*next);
+    *bytes -= BytesOfSeries(*next);
     MergedEntry& entry = next->second;
     if (entry.news < oldest && entry.series.IsIdle()) {
       next = metric->series.erase(next);
@@ -221,7 +223,7 @@ void MergeIdentity::SweepMetric(MergedMetric* metric, SteadyTime oldest, size_t*
     }
     entry.series.ForgetProcesses(
         [this](const ProcessId& process) { return processes_.count(process) != 0; });
-    *bytes += NodeBytes(*next);
+    *bytes += BytesOfSeries(*next);
     ++next;
   }
 }

@@ -26,7 +26,7 @@ struct MergedEntry {
   MergedSeries series;
   SteadyTime news;
 };
-using MergedNode = std::unordered_map<std::string, MergedEntry>::value_type;
+using KeyedMergedSeries = std::unordered_map<std::string, MergedEntry>::value_type;
 
 // The series of one name.
 struct MergedMetric {
@@ -46,7 +46,7 @@ struct MergedMetric {
 struct MergeTime {
   struct Part {
     MergedMetric* metric = nullptr;
-    std::vector<MergedNode*> series;
+    std::vector<KeyedMergedSeries*> series;
   };
 
   SteadyTime due;                  // whatever else
@@ -79,9 +79,9 @@ class MergeIdentity {
 
   // False if there are too many times for one more.
   bool HasRoomFor(int64_t timestamp) const;
-  // Holds a point of `node` for this time, for at most `delay` from now; or from the end of its
+  // Holds a point of `keyed` for this time, for at most `delay` from now; or from the end of its
   // interval, if a process that ends has reported before that.
-  void Hold(int64_t timestamp, MergedMetric* metric, MergedNode* node, SteadyTime now,
+  void Hold(int64_t timestamp, MergedMetric* metric, KeyedMergedSeries* keyed, SteadyTime now,
             std::chrono::nanoseconds ahead, std::chrono::nanoseconds delay);
   // Undoes the last Hold, which was with these.
   void TakeBack(int64_t timestamp, const MergedMetric& metric);
@@ -102,7 +102,7 @@ class MergeIdentity {
              size_t* series);
   bool IsEmpty() const { return processes_.empty() && metrics_.empty(); }
   size_t bytes() const;  // of an empty one
-  static size_t NodeBytes(const MergedNode& node);
+  static size_t BytesOfSeries(const KeyedMergedSeries& keyed);
 
  private:
   struct Process {

@@ -7,7 +7,6 @@
 
 #include "agent/point_printer.h"
 #include "agent/quoted.h"
-#include "agent/series_layout.h"
 
 namespace tidegate::agent {
 namespace {
@@ -135,15 +134,16 @@ void MergeStage::Hold(const Target& target, const Series& record, size_t points)
   if (work_ > kMaxPacketWork) return Refuse(MergeRefusal::kWork, points);
   const size_t bytes = bytes_;
   const bool room = !IsFull() && target.identity->HasRoomFor(target.timestamp);
-  MergedNode* const node = room ? NodeOf(target, record) : nullptr;
-  if (node == nullptr) return Refuse(MergeRefusal::kLimit, points);
-  Add(target, record, node, points);
+  KeyedMergedSeries* const keyed = room ? SeriesOf(target, record) : nullptr;
+  if (keyed == nullptr) return Refuse(MergeRefusal::kLimit, points);
+  Add(target, record, keyed, points);
   work_ += key_.size() + record.values.size() * sizeof(double);
   if (bytes_ > bytes) work_ += bytes_ - bytes;
 }
 
-void MergeStage::Add(const Target& target, const Series& record, MergedNode* node, size_t points) {
-  MergedSeries& series = node->second.series;
+void MergeStage::Add(const Target& target, const Series& record, KeyedMergedSeries* keyed,
+                     size_t points) {
+  MergedSeries& series = keyed->second.series;
   const Growth growth(series, &bytes_);
   series.ForgetTimesAfter(now_.seconds + kLongestInterval);
   if (!series.Accepts(target.layout, target.timestamp)) {
@@ -152,13 +152,13 @@ void MergeStage::Add(const Target& target, const Series& record, MergedNode* nod
                target.metric->name.name);
     return;
   }
-  node->second.news = now_.steady;
+  keyed->second.news = now_.steady;
   const bool before_start =
       target.timestamp <= start_ && target.timestamp > start_ - kLongestInterval;
   const int64_t begin = before_start && !(target.before && IsZero(record)) ? start_ : INT64_MIN;
   const bool is_new = series.IsNew(target.timestamp, begin);
   if (is_new) {
-    target.identity->Hold(target.timestamp, target.metric, node, now_.steady,
+    target.identity->Hold(target.timestamp, target.metric, keyed, now_.steady,
                           Ahead(target.timestamp), options_.delay);
     ++held_;
   }
@@ -180,17 +180,17 @@ std::chrono::seconds MergeStage::Ahead(int64_t timestamp) const {
   return std::chrono::seconds(std::min(timestamp - now_.seconds, kLongestInterval));
 }
 
-MergedNode* MergeStage::NodeOf(const Target& target, const Series& record) {
+KeyedMergedSeries* MergeStage::SeriesOf(const Target& target, const Series& record) {
   key_.clear();
   PutTags(record.tags, &key_);
   auto& series = target.metric->series;
   const auto found = series.find(key_);
   if (found != series.end()) return &*found;
   if (series_ >= options_.max_series) return nullptr;
-  MergedNode* const node = &*series.try_emplace(key_, target.layout).first;
+  KeyedMergedSeries* const keyed = &*series.try_emplace(key_, target.layout).first;
   ++series_;
-  bytes_ += MergeIdentity::NodeBytes(*node);
-  return node;
+  bytes_ += MergeIdentity::BytesOfSeries(*keyed);
+  return keyed;
 }
 
 void MergeStage::Tick() {
@@ -230,11 +230,11 @@ void MergeStage::HandOn(MergeIdentity* identity, size_t* most) {
   }
 }
 
-void MergeStage::HandOn(const MergedMetric& metric, MergedNode* node, int64_t timestamp) {
-  MergedSeries& series = node->second.series;
+void MergeStage::HandOn(const MergedMetric& metric, KeyedMergedSeries* keyed, int64_t timestamp) {
+  MergedSeries& series = keyed->second.series;
   if (!series.Holds(timestamp)) return;  // memory ran out in between
   const Growth growth(series, &bytes_);
-  const size_t left_out = packets_.Append(metric.name, node->first, &series);
+  const size_t left_out = packets_.Append(metric.name, keyed->first, &series);
   if (left_out == 0) return;
   health_->merge_left_out_percentiles += left_out;
   ReportOnce(&left_out_reported_, "percentiles of several processes do not add up and are left out",

@@ -80,15 +80,15 @@ class MergeStage : public PacketSink {
   void HoldTimer(const Packet& packet, size_t first, Target target);
   // Counts it instead, if it finds no room.
   void Hold(const Target& target, const Series& record, size_t points);
-  void Add(const Target& target, const Series& record, MergedNode* node, size_t points);
-  MergedNode* NodeOf(const Target& target, const Series& record);
+  void Add(const Target& target, const Series& record, KeyedMergedSeries* keyed, size_t points);
+  KeyedMergedSeries* SeriesOf(const Target& target, const Series& record);
   // Seconds from now to the end of an interval that has not ended.
   std::chrono::seconds Ahead(int64_t timestamp) const;
   void Refuse(MergeRefusal reason, size_t points);
   bool IsFull() const { return bytes_ > max_bytes_; }
   void HandOn(size_t most);
   void HandOn(MergeIdentity* identity, size_t* most);
-  void HandOn(const MergedMetric& metric, MergedNode* node, int64_t timestamp);
+  void HandOn(const MergedMetric& metric, KeyedMergedSeries* keyed, int64_t timestamp);
   void SweepIfDue();
   void UpdateHealth();
   void ReportOnce(bool* reported, const std::string& text, const std::string& name);

@@ -2,10 +2,10 @@
 
 #include <chrono>
 #include <cmath>
-#include <cstring>
 #include <iterator>
 #include <utility>
 
+#include "agent/sized_text.h"
 #include "agent/survives.h"
 
 namespace tidegate::agent {
@@ -13,21 +13,6 @@ namespace {
 
 constexpr size_t kMaxRecords = 2000;
 constexpr size_t kMaxBytes = 256 << 10;
-
-void PutSized(std::string_view text, std::string* to) {
-  const auto size = static_cast<uint32_t>(text.size());
-  char bytes[sizeof(size)];
-  std::memcpy(bytes, &size, sizeof(size));
-  to->append(bytes, sizeof(size)).append(text);
-}
-
-std::string TakeSized(std::string_view* from) {
-  uint32_t size = 0;
-  std::memcpy(&size, from->data(), sizeof(size));
-  std::string text(from->substr(sizeof(size), size));
-  from->remove_prefix(sizeof(size) + size);
-  return text;
-}
 
 int64_t NowInMilliseconds() {
   const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
@@ -38,16 +23,17 @@ int64_t NowInMilliseconds() {
 
 void PutTags(const std::vector<Tag>& tags, std::string* key) {
   for (const Tag& tag : tags) {
-    PutSized(tag.key, key);
-    PutSized(tag.value, key);
+    const size_t end = key->size();
+    key->resize(end + SizedBytes(tag.key) + SizedBytes(tag.value));
+    PutSized(tag.value, PutSized(tag.key, key->data() + end));
   }
 }
 
 std::vector<Tag> TagsOf(std::string_view key) {
   std::vector<Tag> tags;
   while (!key.empty()) {
-    std::string name = TakeSized(&key);
-    tags.push_back({std::move(name), TakeSized(&key)});
+    const std::string_view name = TakeSized(&key);
+    tags.push_back({std::string(name), std::string(TakeSized(&key))});
   }
   return tags;
 }

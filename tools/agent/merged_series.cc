@@ -5,7 +5,7 @@
 #include <limits>
 #include <utility>
 
-#include "agent/series_layout.h"
+#include "agent/heap_bytes.h"
 
 namespace tidegate::agent {
 namespace {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "agent/exposition.h"
+#include "agent/heap_bytes.h"
 #include "agent/series_key.h"
 
 namespace tidegate::agent {

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "agent/point_mapping.h"
+#include "agent/sized_text.h"
 
 namespace tidegate::agent {
 
@@ -36,7 +37,6 @@ class SeriesKey {
   }
 
  private:
-  static std::string_view TakeSized(std::string_view* text);
   void AssignShown(const PointTags& tags);
 
   std::string text_;

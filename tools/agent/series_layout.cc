@@ -1,8 +1,8 @@
 #include "agent/series_layout.h"
 
 #include <algorithm>
-#include <cmath>
 
+#include "agent/heap_bytes.h"
 #include "agent/help_text.h"
 
 namespace tidegate::agent {
@@ -14,34 +14,7 @@ bool SameColumns(const Block& block, const std::vector<std::string>& columns) {
                     [](const Field& field, const std::string& name) { return field.name == name; });
 }
 
-void KeepNewest(double value, int64_t timestamp, Cell* cell) {
-  if (timestamp >= cell->timestamp) *cell = {value, timestamp};
-}
-
-// A sum that met a NaN would stay one, and a counter must not fall.
-void AddUp(double value, int64_t timestamp, PageRule rule, Cell* cell) {
-  if (std::isfinite(value) && (rule == PageRule::kAddUp || value > 0)) cell->value += value;
-  cell->timestamp = std::max(cell->timestamp, timestamp);
-}
-
-void AddInterval(const KindRow& kind, const std::vector<double>& values, int64_t timestamp,
-                 Cell* cells) {
-  for (size_t i = 0; i < values.size(); ++i) {
-    const PageRule rule = ColumnAt(kind, i, values.size()).page;
-    if (rule == PageRule::kNewest) {
-      KeepNewest(values[i], timestamp, &cells[i]);
-    } else {
-      AddUp(values[i], timestamp, rule, &cells[i]);
-    }
-  }
-}
-
 }  // namespace
-
-size_t HeapBytes(const std::string& text) {
-  static const size_t within = std::string().capacity();
-  return text.size() > within ? text.size() + kHeapOverhead : 0;
-}
 
 size_t HashOfColumns(const Block& block) {
   constexpr size_t kMix = 0x9e3779b97f4a7c15;
@@ -61,31 +34,6 @@ SeriesLayout* SeriesMetric::Find(const Block& block) const {
 
 size_t SeriesMetric::Bytes() const {
   return sizeof(SeriesMetric) + 2 * HeapBytes(name) + sizeof(std::string) + 6 * kHeapOverhead;
-}
-
-void SeriesEntry::Update(const Series& record, int64_t timestamp,
-                         std::chrono::steady_clock::time_point now) {
-  Cell* const to = cells();
-  const std::vector<double>& values = record.values;
-  const KindRow& kind = RowOf(layout->metric->kind);
-  if (kind.adds_up) {
-    AddInterval(kind, values, timestamp, to);
-  } else if (timestamp < newest) {
-    return;
-  } else {
-    for (size_t i = 0; i < values.size(); ++i) {
-      KeepNewest(values[i], timestamp, &to[record.indexes.empty() ? i : record.indexes[i]]);
-    }
-  }
-  // What keeps adding up at times before one that was wrong is no news: the series has to end for
-  // newer quantiles to be shown.
-  if (timestamp >= newest) news = now;
-  newest = std::max(newest, timestamp);
-}
-
-size_t SeriesEntry::PageBytes() const {
-  const LinesSize& size = layout->series_size;
-  return size.bytes + size.lines * label_bytes;
 }
 
 SeriesLayout::SeriesLayout(Kind kind, const Block& block, bool page) {
@@ -126,20 +74,20 @@ std::unique_ptr<Cell[]> SeriesLayout::Prepare() {
   return columns.size() > 1 ? std::make_unique<Cell[]>(columns.size()) : nullptr;
 }
 
-void SeriesLayout::Add(SeriesNode* node, std::unique_ptr<Cell[]> row) {
-  SeriesEntry& entry = node->second;
+void SeriesLayout::Add(KeyedSeries* keyed, std::unique_ptr<Cell[]> row) {
+  SeriesEntry& entry = keyed->second;
   entry.layout = this;
   entry.position = static_cast<uint32_t>(series.size());
   entry.cell = Cell();
   entry.row = std::move(row);
   entry.newest = INT64_MIN;
-  series.push_back(node);
+  series.push_back(keyed);
 }
 
-void SeriesLayout::Remove(SeriesNode* node) {
+void SeriesLayout::Remove(KeyedSeries* keyed) {
   // If the columns of a series change while a page is written, that page may lack another series of
   // the layout, or this one; the next page is whole.
-  const uint32_t position = node->second.position;
+  const uint32_t position = keyed->second.position;
   series.back()->second.position = position;
   series[position] = series.back();
   series.pop_back();

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -8,26 +7,19 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <utility>
 #include <vector>
 
 #include "agent/exposition.h"
 #include "agent/name_claims.h"
 #include "agent/packet_reader.h"
 #include "agent/point_mapping.h"
-#include "agent/series_reporters.h"
+#include "agent/series_entry.h"
 
-// What the table of series keeps: metrics, their columns, and series with their cells. Not
-// thread-safe; the table guards it.
+// The metrics of the table of series and their layouts. Not thread-safe; the table guards them.
 
 namespace tidegate::agent {
 
 struct SeriesLayout;
-
-// What the heap and the tables add to each piece of memory.
-inline constexpr size_t kHeapOverhead = 16;
-// What a text takes outside of its string.
-size_t HeapBytes(const std::string& text);
 
 // What the series of one name and kind have in common.
 struct SeriesMetric {
@@ -45,29 +37,6 @@ struct SeriesMetric {
 
 size_t HashOfColumns(const Block& block);
 
-struct SeriesEntry {
-  SeriesLayout* layout = nullptr;
-  uint32_t position = 0;        // in the layout's series
-  uint32_t label_bytes = 0;     // of its labels on a line of the page
-  Cell cell;                    // of the only column, without a detour through the heap
-  std::unique_ptr<Cell[]> row;  // of all columns, if there are more
-  int64_t newest = INT64_MIN;   // timestamp
-  std::chrono::steady_clock::time_point news;
-  SeriesReporters reporters;
-
-  Cell* cells() { return row ? row.get() : &cell; }
-  const Cell* cells() const { return row ? row.get() : &cell; }
-
-  void Update(const Series& record, int64_t timestamp, std::chrono::steady_clock::time_point now);
-  bool IsOutdated(std::chrono::steady_clock::time_point now, std::chrono::seconds ttl) const {
-    return now - news > ttl;
-  }
-  size_t PageBytes() const;  // at most
-};
-
-// A series in the table, with its key.
-using SeriesNode = std::pair<const std::string, SeriesEntry>;
-
 // What the series of a metric with the same columns have in common. Columns change with the
 // version of a service, rarely; the series then begin anew.
 struct SeriesLayout {
@@ -83,8 +52,8 @@ struct SeriesLayout {
   // Does all of adding a series that needs memory. Returns its cells if they are many.
   std::unique_ptr<Cell[]> Prepare();
   // REQUIRES: Prepare.
-  void Add(SeriesNode* node, std::unique_ptr<Cell[]> row);
-  void Remove(SeriesNode* node);
+  void Add(KeyedSeries* keyed, std::unique_ptr<Cell[]> row);
+  void Remove(KeyedSeries* keyed);
   // Gives back the room of many that were removed, if there is memory for the rest.
   void Shrink();
 
@@ -94,7 +63,7 @@ struct SeriesLayout {
   std::vector<FamilyPart> parts;
   std::vector<uint32_t> sources;  // of those, the position in the family, or kHidden
   bool shown_whole = false;
-  std::vector<SeriesNode*> series;
+  std::vector<KeyedSeries*> series;
   size_t bytes = 0;                // that it takes itself
   size_t head_bytes = 0;           // on the page
   LinesSize series_size = {0, 0};  // of each series there

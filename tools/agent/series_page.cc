@@ -32,7 +32,7 @@ bool SeriesPage::AppendTurn(TimePoint now) {
     if (source_ == 0 && series_ == 0) head_ = false;
     for (; source_ < sources.size(); ++source_, series_ = 0) {
       const FamilySource& source = sources[source_];
-      const std::vector<SeriesNode*>& series = source.layout->series;
+      const std::vector<KeyedSeries*>& series = source.layout->series;
       for (; series_ < series.size(); ++series_) {
         if (left-- == 0 || page_->size() > end) return true;
         AppendSeries(source, *series[series_], now);
@@ -48,8 +48,8 @@ bool SeriesPage::IsSilent(const SeriesEntry& entry, const Cell& cell, TimePoint 
   return since > static_cast<uint64_t>(ttl_.count());
 }
 
-void SeriesPage::AppendSeries(const FamilySource& source, const SeriesNode& node, TimePoint now) {
-  const SeriesEntry& entry = node.second;
+void SeriesPage::AppendSeries(const FamilySource& source, const KeyedSeries& keyed, TimePoint now) {
+  const SeriesEntry& entry = keyed.second;
   const SeriesLayout& layout = *source.layout;
   const FamilyPart& part = layout.parts[source.part];
   const Cell& cell = entry.cells()[part.column];
@@ -60,7 +60,7 @@ void SeriesPage::AppendSeries(const FamilySource& source, const SeriesNode& node
   }
   head_ = true;
   writer_.BeginLabels();
-  SeriesKey::ForEachTag(node.first, [this](std::string_view key, std::string_view value) {
+  SeriesKey::ForEachTag(keyed.first, [this](std::string_view key, std::string_view value) {
     writer_.AddLabel(key, value);
     return true;
   });

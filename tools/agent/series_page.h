@@ -25,7 +25,7 @@ class SeriesPage {
   bool AppendTurn(TimePoint now);
 
  private:
-  void AppendSeries(const FamilySource& source, const SeriesNode& node, TimePoint now);
+  void AppendSeries(const FamilySource& source, const KeyedSeries& keyed, TimePoint now);
   // The columns of a row can be silent for long while others of it go on.
   bool IsSilent(const SeriesEntry& entry, const Cell& cell, TimePoint now) const;
 

@@ -5,19 +5,19 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <memory>
-#include <optional>
 #include <string>
-#include <unordered_map>
 
 #include "agent/health.h"
-#include "agent/once_log.h"
+#include "agent/layout_table.h"
 #include "agent/packet_sink.h"
 #include "agent/page_names.h"
 #include "agent/point_mapping.h"
-#include "agent/recent_hashes.h"
-#include "agent/series_key.h"
-#include "agent/series_layout.h"
+#include "agent/report.h"
+#include "agent/series_budget.h"
+#include "agent/series_identity.h"
+#include "agent/series_refusals.h"
+#include "agent/series_store.h"
+#include "agent/shared_series_log.h"
 #include "util/metric_lock.h"
 
 namespace tidegate::agent {
@@ -30,10 +30,9 @@ namespace tidegate::agent {
 //
 // Threads: Handle and Sweep on the decoder's, AppendPage from any, one at a time. A page is written
 // in short turns between which the decoder goes on; a sweep waits for its end. Memory is bounded:
-// by the number of series, and by kBytesPerSeries and, on the page, kPageBytesPerSeries for each of
-// that number. So is the work for a packet, by kMaxPacketWork. What finds no room is refused and
-// counted. An exception of any call (there is no memory) leaves the table as it was or with a part
-// of the packet in it. Borrows `health`.
+// by SeriesBudget, and so is the work for a packet. What finds no room is refused and counted. An
+// exception of any call (there is no memory) leaves the table as it was or with a part of the
+// packet in it. Borrows `health`.
 class SeriesTable : public PacketSink {
  public:
   struct Options {
@@ -50,19 +49,9 @@ class SeriesTable : public PacketSink {
   };
   using Clock = std::function<Time()>;
 
-  // What the table takes, and what a page takes with every escape, for each of max_series. The
-  // series that reaches these limits may exceed them: by kMaxSeriesPageBytes on the page, and by
-  // some four times as much in the table.
-  static constexpr size_t kBytesPerSeries = 2048;
-  static constexpr size_t kPageBytesPerSeries = 512;
-
-  // Of one series with the heads of its families: far above what the limits of the library allow a
-  // series that anyone means, as it grows with the product of what a packet holds.
-  static constexpr size_t kMaxSeriesPageBytes = size_t{16} << 20;
-
-  // Bytes of keys, names and cells that one packet makes the table go through. Each record repeats
-  // the tenant, so more takes a packet that is made to be expensive.
-  static constexpr size_t kMaxPacketWork = size_t{64} << 20;
+  // By these a table is bounded.
+  static constexpr size_t kBytesPerSeries = SeriesBudget::kBytesPerSeries;
+  static constexpr size_t kMaxPacketWork = SeriesBudget::kMaxPacketWork;
 
   SeriesTable(const Options& options, Health* health, Report report, Clock clock = Now);
   ~SeriesTable() override;
@@ -88,53 +77,20 @@ class SeriesTable : public PacketSink {
 
  private:
   class PageTurns;
-  using Node = SeriesNode;
-
-  // The block in work.
-  struct Target {
-    Kind kind;
-    const Block* block;
-    SeriesMetric* metric;  // null: there is none yet
-    SeriesLayout* layout;  // null: there is none yet
-  };
 
   void HandleBlock(const Packet& packet, const ClientId& client, const Block& block)
       METRICS_REQUIRES(mutex_);
-  // The record in work is one of two processes.
-  void ReportShared(const Block& block, const Reporter& reporter, pid_t other)
-      METRICS_REQUIRES(mutex_);
-  Target Find(const Block& block) METRICS_REQUIRES(mutex_);
-  Node* FindSeries(const SeriesMetric& metric) METRICS_REQUIRES(mutex_);
-  // Makes room for the record in work, and for what the target lacks. `known` is its series, or
-  // null. Null if the record is refused.
-  Node* Place(Target* target, Node* known) METRICS_REQUIRES(mutex_);
-  void AddLayout(Target* target) METRICS_REQUIRES(mutex_);
-  // Null if its labels are refused.
-  Node* AddSeries(SeriesLayout* layout) METRICS_REQUIRES(mutex_);
-  void Move(Node* node, SeriesLayout* layout) METRICS_REQUIRES(mutex_);
-  // REQUIRES: the layout has prepared `row`.
-  void Attach(Node* node, SeriesLayout* layout, std::unique_ptr<Cell[]> row)
-      METRICS_REQUIRES(mutex_);
-  void Detach(Node* node) METRICS_REQUIRES(mutex_);
-
-  void SweepIfDue() METRICS_REQUIRES(mutex_);
-  void SweepSeries() METRICS_REQUIRES(mutex_);
-  void SweepMetrics() METRICS_REQUIRES(mutex_);
-  void Shrink() METRICS_REQUIRES(mutex_);
-
-  // For the record in work.
-  bool HasRoom(const Target& target, bool known) METRICS_REQUIRES(mutex_);
-  // What the layout that the target lacks would take on the page at most, with one series.
-  size_t ProductOf(const Target& target) METRICS_REQUIRES(mutex_);
+  // The series of the record in work, in the target's layout; `known` is the series as it was
+  // found, or null. Null if the record is refused.
+  KeyedSeries* AddOrMove(LayoutTable::Target* target, KeyedSeries* known) METRICS_REQUIRES(mutex_);
+  bool HasRoom(const LayoutTable::Target& target, bool known) METRICS_REQUIRES(mutex_);
   // Counts the record in work, and its series if that is new.
   void Refuse(Refusal reason) METRICS_REQUIRES(mutex_);
-  // That of the record in work.
   void CountSeriesOnce(Refusal reason) METRICS_REQUIRES(mutex_);
-  void CountPoints(Refusal reason, size_t count);
-  void CountSeries(Refusal reason);
-  void UpdateHealth() METRICS_REQUIRES(mutex_);
 
-  void AppendTurns(bool timestamps, std::string* page);
+  void SweepIfDue() METRICS_REQUIRES(mutex_);
+  void UpdateHealth() METRICS_REQUIRES(mutex_);
+  void AppendTurns(bool timestamps, std::string* page) METRICS_REQUIRES(page_mutex_);
 
   const Options options_;
   const Clock clock_;
@@ -146,28 +102,17 @@ class SeriesTable : public PacketSink {
   METRICS::Mutex mutex_;
   std::chrono::seconds ttl_ METRICS_GUARDED_BY(mutex_);
   std::chrono::seconds max_ahead_ METRICS_GUARDED_BY(mutex_);
-  size_t bytes_ METRICS_GUARDED_BY(mutex_) = 0;       // of the table
-  size_t page_bytes_ METRICS_GUARDED_BY(mutex_) = 0;  // of the page, at most
-  // By kind and name.
-  std::unordered_map<std::string, std::unique_ptr<SeriesMetric>> metrics_
-      METRICS_GUARDED_BY(mutex_);
-  std::unordered_map<std::string, SeriesEntry> series_ METRICS_GUARDED_BY(mutex_);  // by SeriesKey
+  SeriesBudget budget_ METRICS_GUARDED_BY(mutex_);
   PageNames names_ METRICS_GUARDED_BY(mutex_);
-  OnceLog shared_ METRICS_GUARDED_BY(mutex_);
-  RecentHashes refused_ METRICS_GUARDED_BY(mutex_);  // series
-  uint64_t next_id_ METRICS_GUARDED_BY(mutex_) = 0;
+  LayoutTable layouts_ METRICS_GUARDED_BY(mutex_);
+  SeriesStore series_ METRICS_GUARDED_BY(mutex_);
+  SeriesRefusals refusals_ METRICS_GUARDED_BY(mutex_);
+  SharedSeriesLog shared_ METRICS_GUARDED_BY(mutex_);
+  SeriesIdentity identity_ METRICS_GUARDED_BY(mutex_);    // of the record in work
   bool page_in_work_ METRICS_GUARDED_BY(mutex_) = false;  // nothing may be erased
   Time now_ METRICS_GUARDED_BY(mutex_);
   std::chrono::steady_clock::time_point swept_ METRICS_GUARDED_BY(mutex_);
-  std::chrono::steady_clock::time_point aged_ METRICS_GUARDED_BY(mutex_);  // refused_
-
-  // Of the packet, the block and the record in work.
-  size_t work_ METRICS_GUARDED_BY(mutex_) = 0;
-  std::string metric_key_ METRICS_GUARDED_BY(mutex_);
-  std::optional<size_t> metric_hash_ METRICS_GUARDED_BY(mutex_);  // of that, if it was needed
-  PointTags tags_ METRICS_GUARDED_BY(mutex_);
-  SeriesKey key_ METRICS_GUARDED_BY(mutex_);
-  size_t label_bytes_ METRICS_GUARDED_BY(mutex_) = 0;  // of the tags on a line of the page
+  std::chrono::steady_clock::time_point aged_ METRICS_GUARDED_BY(mutex_);  // refusals_
 };
 
 }  // namespace tidegate::agent

@@ -1,0 +1,61 @@
+#include "agent/series_entry.h"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "agent/series_layout.h"
+
+namespace tidegate::agent {
+namespace {
+
+void KeepNewest(double value, int64_t timestamp, Cell* cell) {
+  if (timestamp >= cell->timestamp) *cell = {value, timestamp};
+}
+
+// A sum that met a NaN would stay one, and a counter must not fall.
+void AddUp(double value, int64_t timestamp, PageRule rule, Cell* cell) {
+  if (std::isfinite(value) && (rule == PageRule::kAddUp || value > 0)) cell->value += value;
+  cell->timestamp = std::max(cell->timestamp, timestamp);
+}
+
+void AddInterval(const KindRow& kind, const std::vector<double>& values, int64_t timestamp,
+                 Cell* cells) {
+  for (size_t i = 0; i < values.size(); ++i) {
+    const PageRule rule = ColumnAt(kind, i, values.size()).page;
+    if (rule == PageRule::kNewest) {
+      KeepNewest(values[i], timestamp, &cells[i]);
+    } else {
+      AddUp(values[i], timestamp, rule, &cells[i]);
+    }
+  }
+}
+
+}  // namespace
+
+void SeriesEntry::Update(const Series& record, int64_t timestamp,
+                         std::chrono::steady_clock::time_point now) {
+  Cell* const to = cells();
+  const std::vector<double>& values = record.values;
+  const KindRow& kind = RowOf(layout->metric->kind);
+  if (kind.adds_up) {
+    AddInterval(kind, values, timestamp, to);
+  } else if (timestamp < newest) {
+    return;
+  } else {
+    for (size_t i = 0; i < values.size(); ++i) {
+      KeepNewest(values[i], timestamp, &to[record.indexes.empty() ? i : record.indexes[i]]);
+    }
+  }
+  // What keeps adding up at times before one that was wrong is no news: the series has to end for
+  // newer quantiles to be shown.
+  if (timestamp >= newest) news = now;
+  newest = std::max(newest, timestamp);
+}
+
+size_t SeriesEntry::PageBytes() const {
+  const LinesSize& size = layout->series_size;
+  return size.bytes + size.lines * label_bytes;
+}
+
+}  // namespace tidegate::agent

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "agent/exposition.h"
+#include "agent/packet_reader.h"
+#include "agent/series_reporters.h"
+
+namespace tidegate::agent {
+
+struct SeriesLayout;
+
+// One series with its values.
+struct SeriesEntry {
+  SeriesLayout* layout = nullptr;
+  uint32_t position = 0;        // in the layout's series
+  uint32_t label_bytes = 0;     // of its labels on a line of the page
+  Cell cell;                    // of the only column, without a detour through the heap
+  std::unique_ptr<Cell[]> row;  // of all columns, if there are more
+  int64_t newest = INT64_MIN;   // timestamp
+  std::chrono::steady_clock::time_point news;
+  SeriesReporters reporters;
+
+  Cell* cells() { return row ? row.get() : &cell; }
+  const Cell* cells() const { return row ? row.get() : &cell; }
+
+  void Update(const Series& record, int64_t timestamp, std::chrono::steady_clock::time_point now);
+  bool IsOutdated(std::chrono::steady_clock::time_point now, std::chrono::seconds ttl) const {
+    return now - news > ttl;
+  }
+  size_t PageBytes() const;  // at most
+};
+
+// A series in the table, with its key.
+using KeyedSeries = std::pair<const std::string, SeriesEntry>;
+
+}  // namespace tidegate::agent
