@@ -6,6 +6,8 @@
 namespace tidegate::agent {
 namespace {
 
+using METRICS::WriteGuard;
+
 // A full queue drops whole batches, so a batch must be a small part of it.
 constexpr uint64_t kBatchesInQueue = 10;
 
@@ -31,27 +33,27 @@ BatchQueue::BatchQueue(const BatchLimits& limits, std::function<bool()> has_spoo
       spooling_(has_spooled_ != nullptr) {}
 
 uint64_t BatchQueue::Append(std::string_view lines, uint64_t points) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   if (OpenPoints() + points > limits_.batch_points) CloseOpen();
   if (open_.empty()) {
     Batches batch(1);
     batch.front().body = lines;
     open_.swap(batch);
     open_since_ = Clock::now();
-    changed_.notify_all();  // it has a time to be closed at now
+    changed_.NotifyAll();  // it has a time to be closed at now
   } else {
     open_.front().body += lines;
   }
   open_.front().points += points;
   if (OpenPoints() >= limits_.batch_points || open_.front().body.size() >= limits_.batch_bytes) {
     CloseOpen();
-    changed_.notify_all();
+    changed_.NotifyAll();
   }
   return DropAboveLimits();
 }
 
 Batches BatchQueue::Take(Clock::time_point until) {
-  std::unique_lock<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   packing_ = false;
   while (true) {
     const Clock::time_point now = Clock::now();
@@ -64,37 +66,37 @@ Batches BatchQueue::Take(Clock::time_point until) {
       return Pop(&raw_, raw_.begin());
     }
     if (now >= until || (flushing_ && next == Next::kNothing)) return {};
-    changed_.wait_until(lock, NextEvent(until, next));
+    changed_.WaitUntil(mutex_, NextEvent(until, next));
   }
 }
 
 bool BatchQueue::IsSpooledDue() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   return WhatIsNext() == Next::kSpooled && Clock::now() >= send_at_;
 }
 
 uint64_t BatchQueue::ReturnPacked(Batches batch) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   packing_ = false;
   Count(batch.front());
   packed_.splice(packed_.end(), batch);
-  changed_.notify_all();
+  changed_.NotifyAll();
   return DropAboveLimits();
 }
 
 uint64_t BatchQueue::ReturnUnsent(Batches batch, Clock::time_point retry_at) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   send_at_ = flushing_ ? std::min(retry_at, Clock::now() + kLongestFlushPause) : retry_at;
   if (batch.empty()) return 0;
   batch.front().older = spooling_ || HasSpooled();
   Count(batch.front());
   packed_.splice(packed_.begin(), batch);
-  changed_.notify_all();
+  changed_.NotifyAll();
   return DropAboveLimits();
 }
 
 Batches BatchQueue::TakeToSpool(Clock::time_point from, Clock::time_point until) {
-  std::unique_lock<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   while (!spooling_ended_) {
     const Clock::time_point now = Clock::now();
     if (now >= until) break;
@@ -107,15 +109,15 @@ Batches BatchQueue::TakeToSpool(Clock::time_point from, Clock::time_point until)
         return is_packed ? Pop(&packed_, packed) : Pop(&raw_, raw_.begin());
       }
     }
-    changed_.wait_until(lock, now < from ? std::min(from, until) : until);
+    changed_.WaitUntil(mutex_, now < from ? std::min(from, until) : until);
   }
   return {};
 }
 
 uint64_t BatchQueue::ReturnFromSpool(Batches batch) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   spooling_ = false;
-  changed_.notify_all();
+  changed_.NotifyAll();
   if (batch.empty()) return 0;
   Count(batch.front());
   if (batch.front().packed) {
@@ -127,13 +129,13 @@ uint64_t BatchQueue::ReturnFromSpool(Batches batch) {
 }
 
 void BatchQueue::StopSpooling() {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   spooling_ended_ = true;
-  changed_.notify_all();
+  changed_.NotifyAll();
 }
 
 Batches BatchQueue::TakeRest() {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   CloseOpen();
   if (!packed_.empty()) return Pop(&packed_, packed_.begin());
   return raw_.empty() ? Batches() : Pop(&raw_, raw_.begin());
@@ -141,20 +143,20 @@ Batches BatchQueue::TakeRest() {
 
 void BatchQueue::Flush() {
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const WriteGuard lock(mutex_);
     flushing_ = true;
   }
   SendNow();
 }
 
 void BatchQueue::SendNow() {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   send_at_ = Clock::now();
-  changed_.notify_all();
+  changed_.NotifyAll();
 }
 
 uint64_t BatchQueue::Clear() {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   const uint64_t points = size_.points + OpenPoints();
   packed_.clear();
   raw_.clear();
@@ -164,13 +166,13 @@ uint64_t BatchQueue::Clear() {
 }
 
 QueueSize BatchQueue::Size() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   const uint64_t open_bytes = open_.empty() ? 0 : open_.front().body.size();
   return {size_.points + OpenPoints(), size_.bytes + open_bytes};
 }
 
 bool BatchQueue::IsIdle() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   return size_.points + OpenPoints() == 0 && !packing_;
 }
 

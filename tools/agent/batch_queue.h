@@ -1,25 +1,16 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <list>
-#include <mutex>
-#include <string>
 #include <string_view>
 
-namespace tidegate::agent {
+#include "agent/batch.h"
+#include "agent/condition.h"
+#include "util/metric_lock.h"
 
-// Lines that are sent, retried or dropped together.
-struct Batch {
-  std::string body;
-  uint64_t points = 0;
-  bool packed = false;   // compressed: ready to be sent
-  bool older = false;    // than what was spooled while it was being sent, in vain
-  bool spooled = false;  // a copy of what is in the spool
-};
+namespace tidegate::agent {
 
 struct BatchLimits {
   uint64_t batch_points = 10000;             // a batch is closed when it has these,
@@ -28,9 +19,6 @@ struct BatchLimits {
   uint64_t queue_points = 1000000;           // what waits, in points
   size_t queue_bytes = size_t{64} << 20;     // and in bytes, compressed where that is done
 };
-
-// In a queue, or one on its way: what is moved from list to list needs no memory.
-using Batches = std::list<Batch>;
 
 // What the queue holds, without the batch that a thread has taken out.
 struct QueueSize {
@@ -111,33 +99,34 @@ class BatchQueue {
   // Where the oldest batch is that can be sent.
   enum class Next { kNothing, kPacked, kSpooled, kBeingSpooled };
 
-  // All of these with mutex_ held.
-  void CloseOpen();
-  uint64_t OpenPoints() const { return open_.empty() ? 0 : open_.front().points; }
-  void Count(const Batch& batch);
-  Batches Pop(Batches* batches, Batches::iterator at);
-  uint64_t DropAboveLimits();
-  Next WhatIsNext() const;
-  Batches::iterator FirstToSpool();
+  void CloseOpen() METRICS_REQUIRES(mutex_);
+  uint64_t OpenPoints() const METRICS_REQUIRES(mutex_) {
+    return open_.empty() ? 0 : open_.front().points;
+  }
+  void Count(const Batch& batch) METRICS_REQUIRES(mutex_);
+  Batches Pop(Batches* batches, Batches::iterator at) METRICS_REQUIRES(mutex_);
+  uint64_t DropAboveLimits() METRICS_REQUIRES(mutex_);
+  Next WhatIsNext() const METRICS_REQUIRES(mutex_);
+  Batches::iterator FirstToSpool() METRICS_REQUIRES(mutex_);
   bool HasSpooled() const { return has_spooled_ && has_spooled_(); }
-  bool IsAboveMark() const;
-  Clock::time_point NextEvent(Clock::time_point until, Next next) const;
+  bool IsAboveMark() const METRICS_REQUIRES(mutex_);
+  Clock::time_point NextEvent(Clock::time_point until, Next next) const METRICS_REQUIRES(mutex_);
 
   const BatchLimits limits_;
   const std::function<bool()> has_spooled_;
 
-  mutable std::mutex mutex_;  // guards everything below
-  std::condition_variable changed_;
-  Batches packed_;                // older than all of raw_
-  Batches raw_;                   // older than open_
-  Batches open_;                  // one at most, not counted in size_
-  Clock::time_point open_since_;  // the first line in open_ came then
-  QueueSize size_;                // of packed_ and raw_
-  Clock::time_point send_at_;     // it is too early to send before this
-  bool flushing_ = false;
-  bool packing_ = false;  // the one that sends has a batch to pack it
-  bool spooling_;         // the one that spools has a batch
-  bool spooling_ended_ = false;
+  mutable METRICS::Mutex mutex_;
+  Condition changed_;
+  Batches packed_ METRICS_GUARDED_BY(mutex_);                // older than all of raw_
+  Batches raw_ METRICS_GUARDED_BY(mutex_);                   // older than open_
+  Batches open_ METRICS_GUARDED_BY(mutex_);                  // one at most, not counted in size_
+  Clock::time_point open_since_ METRICS_GUARDED_BY(mutex_);  // the first line in open_ came then
+  QueueSize size_ METRICS_GUARDED_BY(mutex_);                // of packed_ and raw_
+  Clock::time_point send_at_ METRICS_GUARDED_BY(mutex_);     // it is too early to send before this
+  bool flushing_ METRICS_GUARDED_BY(mutex_) = false;
+  bool packing_ METRICS_GUARDED_BY(mutex_) = false;  // the one that sends has a batch to pack it
+  bool spooling_ METRICS_GUARDED_BY(mutex_);         // the one that spools has a batch
+  bool spooling_ended_ METRICS_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace tidegate::agent

@@ -1,11 +1,12 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <list>
-#include <mutex>
 #include <utility>
+
+#include "agent/condition.h"
+#include "util/metric_lock.h"
 
 namespace tidegate::agent {
 
@@ -29,20 +30,22 @@ class BoundedQueue {
     std::list<Slot> node;
     node.emplace_back(std::move(item), bytes + kOverhead);
     {
-      const std::lock_guard<std::mutex> lock(mutex_);
+      const METRICS::WriteGuard lock(mutex_);
       slots_.splice(slots_.end(), node);
       bytes_ += bytes + kOverhead;
       while (bytes_ > max_bytes_) TakeOldest(&dropped);
     }
-    ready_.notify_one();
+    ready_.NotifyOne();
     return dropped;
   }
 
   // Waits for an item. A closed queue still hands out what is in it.
   Result Pop(Item* item, std::chrono::milliseconds timeout) {
     std::list<Slot> taken;
-    std::unique_lock<std::mutex> lock(mutex_);
-    ready_.wait_for(lock, timeout, [this] { return closed_ || !slots_.empty(); });
+    const auto until = std::chrono::steady_clock::now() + timeout;
+    const METRICS::WriteGuard lock(mutex_);
+    while (!closed_ && slots_.empty() && ready_.WaitUntil(mutex_, until)) {
+    }
     if (slots_.empty()) return closed_ ? Result::kClosed : Result::kTimeout;
     TakeOldest(&taken);
     *item = std::move(taken.front().first);
@@ -51,14 +54,14 @@ class BoundedQueue {
 
   void Close() {
     {
-      const std::lock_guard<std::mutex> lock(mutex_);
+      const METRICS::WriteGuard lock(mutex_);
       closed_ = true;
     }
-    ready_.notify_all();
+    ready_.NotifyAll();
   }
 
   size_t size() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const METRICS::WriteGuard lock(mutex_);
     return slots_.size();
   }
 
@@ -66,17 +69,17 @@ class BoundedQueue {
   // So that empty items fill the queue as well.
   static constexpr size_t kOverhead = sizeof(Slot) + 32;
 
-  void TakeOldest(std::list<Slot>* to) {
+  void TakeOldest(std::list<Slot>* to) METRICS_REQUIRES(mutex_) {
     bytes_ -= slots_.front().second;
     to->splice(to->end(), slots_, slots_.begin());
   }
 
   const size_t max_bytes_;
-  mutable std::mutex mutex_;  // of all below
-  std::condition_variable ready_;
-  std::list<Slot> slots_;
-  size_t bytes_ = 0;
-  bool closed_ = false;
+  mutable METRICS::Mutex mutex_;
+  Condition ready_;
+  std::list<Slot> slots_ METRICS_GUARDED_BY(mutex_);
+  size_t bytes_ METRICS_GUARDED_BY(mutex_) = 0;
+  bool closed_ METRICS_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace tidegate::agent

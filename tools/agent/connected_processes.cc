@@ -12,6 +12,8 @@
 
 namespace tidegate::agent {
 
+using METRICS::WriteGuard;
+
 uint64_t StartOf(pid_t pid) {
   char path[32];
   std::snprintf(path, sizeof(path), "/proc/%d/stat", static_cast<int>(pid));
@@ -32,20 +34,20 @@ uint64_t StartOf(pid_t pid) {
 
 ConnectedProcesses::Connection::Connection(ConnectedProcesses* all, const ProcessId& process)
     : process_(process) {
-  const std::lock_guard<std::mutex> lock(all->mutex_);
+  const WriteGuard lock(all->mutex_);
   ++all->connections_[process];
   all_ = all;
 }
 
 ConnectedProcesses::Connection::~Connection() {
   if (all_ == nullptr) return;
-  const std::lock_guard<std::mutex> lock(all_->mutex_);
+  const WriteGuard lock(all_->mutex_);
   const auto found = all_->connections_.find(process_);
   if (--found->second == 0) all_->connections_.erase(found);
 }
 
 bool ConnectedProcesses::Contains(const ProcessId& process) const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   return connections_.count(process) != 0;
 }
 

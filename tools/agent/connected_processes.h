@@ -4,11 +4,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <unordered_map>
 #include <utility>
 
 #include "agent/packet_sink.h"
+#include "util/metric_lock.h"
 
 namespace tidegate::agent {
 
@@ -42,8 +42,8 @@ class ConnectedProcesses {
   bool Contains(const ProcessId& process) const;
 
  private:
-  mutable std::mutex mutex_;
-  std::unordered_map<ProcessId, size_t> connections_;  // how many
+  mutable METRICS::Mutex mutex_;
+  std::unordered_map<ProcessId, size_t> connections_ METRICS_GUARDED_BY(mutex_);  // how many
 };
 
 }  // namespace tidegate::agent

@@ -12,6 +12,8 @@
 namespace tidegate::agent {
 namespace {
 
+using METRICS::WriteGuard;
+
 using std::chrono::milliseconds;
 
 // Lines are handed to the queue when they are so many bytes, as a packet can be long.
@@ -81,7 +83,7 @@ void Forwarder::Stop(milliseconds drain) {
   draining_ = true;
   queue_.Flush();
   if (ended_.wait_until(drain_end_) != std::future_status::ready) {
-    const std::lock_guard<std::mutex> lock(target_mutex_);
+    const WriteGuard lock(target_mutex_);
     poster_->Cancel();
   }
   thread_.join();
@@ -91,7 +93,7 @@ void Forwarder::Stop(milliseconds drain) {
 
 void Forwarder::Redirect(const ForwardUrl& url, milliseconds timeout) {
   {
-    const std::lock_guard<std::mutex> lock(target_mutex_);
+    const WriteGuard lock(target_mutex_);
     next_target_ = {url, timeout};
   }
   queue_.SendNow();  // wakes the thread
@@ -99,7 +101,7 @@ void Forwarder::Redirect(const ForwardUrl& url, milliseconds timeout) {
 
 void Forwarder::TakeTarget() {
   Survives(health_, [this] {
-    const std::lock_guard<std::mutex> lock(target_mutex_);
+    const WriteGuard lock(target_mutex_);
     if (!next_target_) return;
     ReportRefused();
     poster_ = std::make_unique<HttpPoster>(next_target_->url);

@@ -6,7 +6,6 @@
 #include <functional>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <random>
 #include <string>
@@ -21,6 +20,7 @@
 #include "agent/report.h"
 #include "agent/spool.h"
 #include "agent/spool_feeder.h"
+#include "util/metric_lock.h"
 
 namespace tidegate::agent {
 
@@ -111,8 +111,9 @@ class Forwarder : public PacketSink {
     ForwardUrl url;
     std::chrono::milliseconds timeout;
   };
-  std::mutex target_mutex_;  // guards the next two; the thread reads poster_ without it
-  std::optional<Target> next_target_;
+  METRICS::Mutex target_mutex_;
+  std::optional<Target> next_target_ METRICS_GUARDED_BY(target_mutex_);
+  // Changed by the thread with target_mutex_ held; the thread alone uses it without.
   std::unique_ptr<HttpPoster> poster_;
   std::thread thread_;
   std::promise<void> end_;

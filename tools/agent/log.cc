@@ -19,6 +19,8 @@
 namespace tidegate::agent {
 namespace {
 
+using METRICS::WriteGuard;
+
 constexpr size_t kMaxBytes = 1 << 20;
 constexpr size_t kMaxText = 2000;
 constexpr int kPerSecond = 10;
@@ -90,7 +92,7 @@ void Log::ReportJoined(LogLevel level, std::initializer_list<std::string_view> t
 void Log::ReportSome(const std::string& text) noexcept {
   uint64_t left_out = 0;
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const WriteGuard lock(mutex_);
     const Clock::time_point now = Clock::now();
     if (now - second_ >= std::chrono::seconds(1)) {
       second_ = now;

@@ -5,11 +5,11 @@
 #include <cstdint>
 #include <initializer_list>
 #include <limits>
-#include <mutex>
 #include <string>
 #include <string_view>
 
 #include "agent/stream_writer.h"
+#include "util/metric_lock.h"
 
 namespace tidegate::agent {
 
@@ -53,10 +53,10 @@ class Log {
   std::atomic<uint64_t> lost_{0};  // lines
   StreamWriter writer_;
   std::atomic<Clock::rep> next_alarm_{std::numeric_limits<Clock::rep>::min()};
-  std::mutex mutex_;  // of all below
-  Clock::time_point second_;
-  int in_second_ = 0;
-  uint64_t left_out_ = 0;
+  METRICS::Mutex mutex_;
+  Clock::time_point second_ METRICS_GUARDED_BY(mutex_);
+  int in_second_ METRICS_GUARDED_BY(mutex_) = 0;
+  uint64_t left_out_ METRICS_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace tidegate::agent

@@ -7,6 +7,8 @@
 namespace tidegate::agent {
 namespace {
 
+using METRICS::WriteGuard;
+
 constexpr std::chrono::minutes kLineInterval(1);
 
 constexpr size_t kMostDroppers = 1000;
@@ -32,7 +34,7 @@ void PacketQueue::Push(Message message) noexcept {
     const ProcessId key = message.client.process();
     std::list<Message> node;
     node.push_back(std::move(message));
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const WriteGuard lock(mutex_);
     const auto sender = SenderOf(key);
     sender->messages.splice(sender->messages.end(), node);
     Resize(&*sender, sender->bytes + bytes);
@@ -43,14 +45,16 @@ void PacketQueue::Push(Message message) noexcept {
     ++health_->dropped_memory;
     ++health_->out_of_memory;
   }
-  ready_.notify_one();
+  ready_.NotifyOne();
 }
 
 PacketQueue::Result PacketQueue::Pop(Message* message, std::chrono::milliseconds timeout) {
   std::list<Message> taken;
   Senders late;
-  std::unique_lock<std::mutex> lock(mutex_);
-  ready_.wait_for(lock, timeout, [this] { return closed_ || !turns_.empty(); });
+  const Clock::time_point until = Clock::now() + timeout;
+  const WriteGuard lock(mutex_);
+  while (!closed_ && turns_.empty() && ready_.WaitUntil(mutex_, until)) {
+  }
   if (closed_ && Clock::now() >= deadline_) DropAll(&late);
   if (turns_.empty()) return closed_ ? Result::kClosed : Result::kTimeout;
   const auto sender = turns_.begin();
@@ -62,24 +66,24 @@ PacketQueue::Result PacketQueue::Pop(Message* message, std::chrono::milliseconds
 }
 
 bool PacketQueue::Holds(const ProcessId& sender) const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   return senders_.count(sender) != 0;
 }
 
 void PacketQueue::Close(Clock::time_point deadline) {
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const WriteGuard lock(mutex_);
     closed_ = true;
     deadline_ = deadline;
   }
-  ready_.notify_all();
+  ready_.NotifyAll();
 }
 
 std::string PacketQueue::ReportDrops(Clock::time_point now) {
   Dropped all;
   std::unordered_map<pid_t, Dropped> by_process;
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const WriteGuard lock(mutex_);
     if (dropped_.packets == 0 || now < next_line_) return {};
     next_line_ = now < Clock::time_point::max() ? now + kLineInterval : now;
     std::swap(all, dropped_);

@@ -1,19 +1,19 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <list>
-#include <mutex>
 #include <set>
 #include <string>
 #include <unordered_map>
 #include <utility>
 
+#include "agent/condition.h"
 #include "agent/health.h"
 #include "agent/packet_sink.h"
 #include "agent/seqpacket_server.h"
+#include "util/metric_lock.h"
 
 namespace tidegate::agent {
 
@@ -62,31 +62,32 @@ class PacketQueue {
     uint64_t bytes = 0;
   };
 
-  // All of these with mutex_ held.
-  Senders::iterator SenderOf(const ProcessId& key);
-  void Resize(Sender* sender, size_t bytes);
-  void TakeOldest(Senders::iterator sender, std::list<Message>* to);
-  void DropFromLargest(std::list<Message>* to);
-  void CountDropped(const Message& message);
-  void DropAll(Senders* to);
-  void UpdateHealth();
+  Senders::iterator SenderOf(const ProcessId& key) METRICS_REQUIRES(mutex_);
+  void Resize(Sender* sender, size_t bytes) METRICS_REQUIRES(mutex_);
+  void TakeOldest(Senders::iterator sender, std::list<Message>* to) METRICS_REQUIRES(mutex_);
+  void DropFromLargest(std::list<Message>* to) METRICS_REQUIRES(mutex_);
+  void CountDropped(const Message& message) METRICS_REQUIRES(mutex_);
+  void DropAll(Senders* to) METRICS_REQUIRES(mutex_);
+  void UpdateHealth() METRICS_REQUIRES(mutex_);
 
   const size_t max_bytes_;
   Health* const health_;
 
-  mutable std::mutex mutex_;  // of all below
-  std::condition_variable ready_;
-  Senders turns_;  // those with messages, the next one in front
-  std::unordered_map<ProcessId, Senders::iterator> senders_;  // by key
-  std::set<std::pair<size_t, ProcessId>> sizes_;              // bytes and key of each
-  size_t bytes_ = 0;                                          // of all
-  size_t packets_ = 0;
-  bool closed_ = false;
-  Clock::time_point deadline_;  // once closed
+  mutable METRICS::Mutex mutex_;
+  Condition ready_;
+  Senders turns_ METRICS_GUARDED_BY(mutex_);  // those with messages, the next one in front
+  std::unordered_map<ProcessId, Senders::iterator> senders_ METRICS_GUARDED_BY(mutex_);  // by key
+  // Bytes and key of each.
+  std::set<std::pair<size_t, ProcessId>> sizes_ METRICS_GUARDED_BY(mutex_);
+  size_t bytes_ METRICS_GUARDED_BY(mutex_) = 0;  // of all
+  size_t packets_ METRICS_GUARDED_BY(mutex_) = 0;
+  bool closed_ METRICS_GUARDED_BY(mutex_) = false;
+  Clock::time_point deadline_ METRICS_GUARDED_BY(mutex_);  // once closed
 
-  Dropped dropped_;                              // since the last line,
-  std::unordered_map<pid_t, Dropped> droppers_;  // and by process, the first thousand
-  Clock::time_point next_line_;
+  Dropped dropped_ METRICS_GUARDED_BY(mutex_);  // since the last line
+  // The same by process, the first thousand.
+  std::unordered_map<pid_t, Dropped> droppers_ METRICS_GUARDED_BY(mutex_);
+  Clock::time_point next_line_ METRICS_GUARDED_BY(mutex_);
 };
 
 }  // namespace tidegate::agent

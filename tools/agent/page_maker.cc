@@ -7,6 +7,8 @@
 
 namespace tidegate::agent {
 
+using METRICS::WriteGuard;
+
 PageMaker::PageMaker(std::function<void(std::string*)> write, Report report,
                      std::function<void()> on_made)
     : write_(std::move(write)), report_(std::move(report)), on_made_(std::move(on_made)) {}
@@ -20,23 +22,23 @@ void PageMaker::Start() {
 
 void PageMaker::Stop() {
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const WriteGuard lock(mutex_);
     state_ = State::kStopped;
   }
-  changed_.notify_one();
+  changed_.NotifyOne();
   if (thread_.joinable()) thread_.join();
 }
 
 void PageMaker::Make() {
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const WriteGuard lock(mutex_);
     state_ = State::kAsked;
   }
-  changed_.notify_one();
+  changed_.NotifyOne();
 }
 
 bool PageMaker::Take(std::optional<std::string>* page) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   if (state_ != State::kMade) return false;
   state_ = State::kIdle;
   *page = std::exchange(page_, std::nullopt);
@@ -44,18 +46,20 @@ bool PageMaker::Take(std::optional<std::string>* page) {
 }
 
 void PageMaker::Run() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  while (true) {
-    changed_.wait(lock, [this] { return state_ == State::kAsked || state_ == State::kStopped; });
-    if (state_ == State::kStopped) return;
-    lock.unlock();
+  while (WaitUntilAsked()) {
     std::optional<std::string> page = Write();
-    lock.lock();
+    const WriteGuard lock(mutex_);
     if (state_ == State::kStopped) return;
     page_ = std::move(page);
     state_ = State::kMade;
     on_made_();
   }
+}
+
+bool PageMaker::WaitUntilAsked() {
+  const WriteGuard lock(mutex_);
+  while (state_ != State::kAsked && state_ != State::kStopped) changed_.Wait(mutex_);
+  return state_ == State::kAsked;
 }
 
 std::optional<std::string> PageMaker::Write() noexcept {

@@ -1,13 +1,13 @@
 #pragma once
 
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 
+#include "agent/condition.h"
 #include "agent/report.h"
+#include "util/metric_lock.h"
 
 namespace tidegate::agent {
 
@@ -38,16 +38,18 @@ class PageMaker {
   enum class State { kIdle, kAsked, kMade, kStopped };
 
   void Run();
+  // False once it is stopped.
+  bool WaitUntilAsked();
   std::optional<std::string> Write() noexcept;
 
   const std::function<void(std::string*)> write_;
   const Report report_;
   const std::function<void()> on_made_;
   size_t last_size_ = 0;  // of its thread
-  std::mutex mutex_;      // of all below
-  std::condition_variable changed_;
-  State state_ = State::kIdle;
-  std::optional<std::string> page_;
+  METRICS::Mutex mutex_;
+  Condition changed_;
+  State state_ METRICS_GUARDED_BY(mutex_) = State::kIdle;
+  std::optional<std::string> page_ METRICS_GUARDED_BY(mutex_);
   std::thread thread_;  // only of the callers' thread
 };
 

@@ -14,6 +14,8 @@
 namespace tidegate::agent {
 namespace {
 
+using METRICS::WriteGuard;
+
 constexpr uint64_t kLargestSegment = uint64_t{8} << 20;
 constexpr uint64_t kSegments = 16;
 
@@ -53,7 +55,7 @@ Spool::Spool(SpoolOptions options, Health* health, Report report)
       report_(std::move(report)) {}
 
 bool Spool::Open() {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   if (folder_.is_open()) return true;
   std::string error;
   if (!folder_.Open(options_.folder, &error)) return Failed("cannot be used", error);
@@ -116,7 +118,7 @@ void Spool::LoadSegment(uint64_t number, size_t* left_alone) {
 }
 
 bool Spool::Append(const Batch& batch) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   if (!folder_.is_open()) return false;
   const uint64_t size = kRecordHeadSize + batch.body.size();
   if (kSegmentMagic.size() + size > options_.bytes) {
@@ -191,7 +193,7 @@ void Spool::EndSegment() {
 }
 
 Batches Spool::Take() {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   while (waiting_ > 0) {
     Segment& segment = segments_.front();
     const SpoolRecord& record = segment.waiting.front();
@@ -227,7 +229,7 @@ bool Spool::ReadBody(Segment* segment, std::string* body) const {
 }
 
 void Spool::Settle(bool gone) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   if (!std::exchange(taken_, false)) return;
   if (std::exchange(taken_lost_, false)) {
     if (!gone) CountFull(taken_points_);
@@ -263,7 +265,7 @@ void Spool::RemoveOldest() {
 }
 
 void Spool::Close() {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const WriteGuard lock(mutex_);
   if (writing_) EndSegment();
   if (points_ > 0) Tell({"keeps ", std::to_string(points_), " points for the next start"});
   segments_.clear();

@@ -7,15 +7,15 @@
 #include <deque>
 #include <functional>
 #include <initializer_list>
-#include <mutex>
 #include <string>
 #include <string_view>
 
-#include "agent/batch_queue.h"
+#include "agent/batch.h"
 #include "agent/health.h"
 #include "agent/report.h"
 #include "agent/spool_folder.h"
 #include "agent/spool_segment.h"
+#include "util/metric_lock.h"
 
 namespace tidegate::agent {
 
@@ -71,23 +71,22 @@ class Spool {
     UniqueFd file;  // of the oldest and of the one that is written, if they have been needed
   };
 
-  // All of these with mutex_ held.
-  void Load();
-  void LoadSegment(uint64_t number, size_t* left_alone);
-  void MakeRoom(uint64_t size);
-  bool Write(const Batch& batch);
-  bool StartSegment();
-  void EndSegment();
-  const UniqueFd& FileOf(Segment* segment) const;
-  bool ReadBody(Segment* segment, std::string* body) const;
-  void PopRecord();
-  void RemoveOldest();
-  void CountFull(uint64_t points);
-  void Damaged(uint64_t pieces, uint64_t points, const std::string& what);
-  bool Failed(const char* what, const std::string& why);
-  void Works();
+  void Load() METRICS_REQUIRES(mutex_);
+  void LoadSegment(uint64_t number, size_t* left_alone) METRICS_REQUIRES(mutex_);
+  void MakeRoom(uint64_t size) METRICS_REQUIRES(mutex_);
+  bool Write(const Batch& batch) METRICS_REQUIRES(mutex_);
+  bool StartSegment() METRICS_REQUIRES(mutex_);
+  void EndSegment() METRICS_REQUIRES(mutex_);
+  const UniqueFd& FileOf(Segment* segment) const METRICS_REQUIRES(mutex_);
+  bool ReadBody(Segment* segment, std::string* body) const METRICS_REQUIRES(mutex_);
+  void PopRecord() METRICS_REQUIRES(mutex_);
+  void RemoveOldest() METRICS_REQUIRES(mutex_);
+  void CountFull(uint64_t points) METRICS_REQUIRES(mutex_);
+  void Damaged(uint64_t pieces, uint64_t points, const std::string& what) METRICS_REQUIRES(mutex_);
+  bool Failed(const char* what, const std::string& why) METRICS_REQUIRES(mutex_);
+  void Works() METRICS_REQUIRES(mutex_);
   void Tell(std::initializer_list<std::string_view> texts);
-  void Publish();
+  void Publish() METRICS_REQUIRES(mutex_);
 
   const SpoolOptions options_;
   const uint64_t segment_bytes_;
@@ -95,20 +94,21 @@ class Spool {
   const Report report_;
   std::atomic<size_t> waiting_{0};  // records
 
-  std::mutex mutex_;  // guards everything below
-  SpoolFolder folder_;
-  std::deque<Segment> segments_;  // oldest first; none but the newest is without a record
-  bool writing_ = false;          // to the newest of them
-  uint64_t next_number_ = 1;
-  uint64_t bytes_ = 0;
-  uint64_t points_ = 0;
-  bool taken_ = false;         // the oldest record has been handed out,
-  bool taken_lost_ = false;    // and its segment has gone since,
-  uint64_t taken_points_ = 0;  // with so many points
-  std::string trouble_;        // that was reported, until it is over
-  std::string last_damage_;
-  std::chrono::steady_clock::time_point next_full_line_;
-  uint64_t dropped_ = 0;  // points, since the last line about them
+  METRICS::Mutex mutex_;
+  SpoolFolder folder_ METRICS_GUARDED_BY(mutex_);
+  // Oldest first; none but the newest is without a record.
+  std::deque<Segment> segments_ METRICS_GUARDED_BY(mutex_);
+  bool writing_ METRICS_GUARDED_BY(mutex_) = false;  // to the newest of them
+  uint64_t next_number_ METRICS_GUARDED_BY(mutex_) = 1;
+  uint64_t bytes_ METRICS_GUARDED_BY(mutex_) = 0;
+  uint64_t points_ METRICS_GUARDED_BY(mutex_) = 0;
+  bool taken_ METRICS_GUARDED_BY(mutex_) = false;         // the oldest record has been handed out,
+  bool taken_lost_ METRICS_GUARDED_BY(mutex_) = false;    // and its segment has gone since,
+  uint64_t taken_points_ METRICS_GUARDED_BY(mutex_) = 0;  // with so many points
+  std::string trouble_ METRICS_GUARDED_BY(mutex_);        // that was reported, until it is over
+  std::string last_damage_ METRICS_GUARDED_BY(mutex_);
+  std::chrono::steady_clock::time_point next_full_line_ METRICS_GUARDED_BY(mutex_);
+  uint64_t dropped_ METRICS_GUARDED_BY(mutex_) = 0;  // points, since the last line about them
 };
 
 }  // namespace tidegate::agent

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/batch_queue.h"
+#include "agent/batch.h"
 
 namespace tidegate::agent {
 

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <string>
+
+namespace tidegate::agent {
+
+// Lines that are sent, retried or dropped together.
+struct Batch {
+  std::string body;
+  uint64_t points = 0;
+  bool packed = false;   // compressed: ready to be sent
+  bool older = false;    // than what was spooled while it was being sent, in vain
+  bool spooled = false;  // a copy of what is in the spool
+};
+
+// In a queue, or one on its way: what is moved from list to list needs no memory.
+using Batches = std::list<Batch>;
+
+}  // namespace tidegate::agent
