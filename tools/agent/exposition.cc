@@ -4,9 +4,9 @@
 #include <cmath>
 #include <cstdlib>
 #include <iterator>
-#include <set>
 #include <type_traits>
 
+#include "agent/fitted_names.h"
 #include "agent/numbers.h"
 #include "agent/utf8.h"
 
@@ -18,30 +18,13 @@ constexpr int64_t kMaxSeconds = INT64_MAX / 1000 - 1;
 
 constexpr std::string_view kReplacement = "\xef\xbf\xbd";  // U+FFFD
 
-constexpr std::string_view kSum = "_sum";
-constexpr std::string_view kCount = "_count";
-constexpr std::string_view kBucket = "_bucket";
-
 // The longest that stand in a line, with what is around them.
 constexpr size_t kMaxNumberSize = sizeof(" -1.7976931348623157e+308") - 1;
 constexpr size_t kMaxTimestampSize = sizeof(" -9223372036854774000") - 1;
 constexpr size_t kMaxLeSize = sizeof(R"(,le="-1.7976931348623157e+308")") - 1;
 constexpr size_t kMaxQuantileSize = sizeof(R"(,quantile="0.999")") - 1;
 constexpr size_t kBraces = 2;
-static_assert(kMaxQuantileSize > kCount.size());
-
-void AppendFittedEnd(std::string_view name, bool colons, std::string* fitted) {
-  for (const char c : name) {
-    const bool fits = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                      c == '_' || (colons && c == ':');
-    *fitted += fits ? c : '_';
-  }
-}
-
-void AppendFitted(std::string_view name, bool colons, std::string* fitted) {
-  if (name.empty() || (name[0] >= '0' && name[0] <= '9')) *fitted += '_';
-  AppendFittedEnd(name, colons, fitted);
-}
+static_assert(kMaxQuantileSize > kCountEnd.size());
 
 constexpr NumberWords kNumberWords = {"NaN", "+Inf", "-Inf"};
 
@@ -94,24 +77,7 @@ void AppendHead(std::string_view name, std::string_view help, std::string_view t
   *page += '\n';
 }
 
-bool EndsWith(std::string_view name, std::string_view end) {
-  return name.size() >= end.size() && name.substr(name.size() - end.size()) == end;
-}
-
 }  // namespace
-
-std::string MetricNameOf(std::string_view name) {
-  std::string fitted;
-  fitted.reserve(name.size() + 1);
-  AppendFitted(name, true, &fitted);
-  return fitted;
-}
-
-void AssignLabelName(std::string_view name, std::string* fitted) {
-  fitted->clear();
-  AppendFitted(name, false, fitted);
-  if (fitted->compare(0, 2, "__") == 0) fitted->insert(0, "exported");
-}
 
 void AppendText(std::string_view text, std::string* out) {
   ForEachCharacter(text, [out](std::string_view rest, size_t size) {
@@ -121,66 +87,6 @@ void AppendText(std::string_view text, std::string* out) {
       *out += rest.substr(0, size);
     }
   });
-}
-
-std::vector<FamilyPart> FamiliesOf(Kind kind, std::string_view name,
-                                   const std::vector<std::string>& columns) {
-  const std::string fitted = MetricNameOf(name);
-  const KindRow& row = RowOf(kind);
-  std::vector<FamilyPart> families;
-  const auto add = [&](const FamilyRow& family, size_t column, std::string_view end) {
-    FamilyPart& part = families.emplace_back(FamilyPart{{}, family.type, column});
-    part.name.reserve(fitted.size() + family.suffix.size() + end.size());
-    part.name = fitted;
-    const bool has = family.type == FamilyType::kCounter && EndsWith(fitted, family.suffix);
-    if (!has) part.name += family.suffix;
-    AppendFittedEnd(end, true, &part.name);
-  };
-  if (row.form != ColumnForm::kAny) {
-    families.reserve(row.families.size());
-    for (const FamilyRow& family : row.families) add(family, family.column, {});
-    return families;
-  }
-  families.reserve(columns.size());
-  // Nothing keeps a row from having two columns of one name.
-  std::set<std::string_view> seen;
-  for (size_t i = 0; i < columns.size(); ++i) {
-    if (seen.insert(columns[i]).second) add(row.families[0], i, columns[i]);
-  }
-  return families;
-}
-
-const FamilyForm& FormOf(FamilyType type) {
-  static constexpr std::string_view kOfSingle[] = {""};
-  static constexpr std::string_view kOfSummary[] = {"", kSum, kCount};
-  static constexpr std::string_view kOfHistogram[] = {"", kSum, kCount, kBucket};
-  static constexpr FamilyForm kForms[] = {{"gauge", kOfSingle, false},
-                                          {"counter", kOfSingle, false},
-                                          {"untyped", kOfSingle, false},
-                                          {"summary", kOfSummary, true},
-                                          {"histogram", kOfHistogram, true}};
-  return kForms[static_cast<size_t>(type)];
-}
-
-const FamilyRow& FamilyOf(Kind kind, std::string_view column) {
-  const KindRow& row = RowOf(kind);
-  const FamilyRow* const of_column =
-      std::find_if(row.families.begin(), row.families.end(), [&](const FamilyRow& family) {
-        const bool whole = FormOf(family.type).whole;
-        return column == (whole ? std::string_view() : row.columns[family.column].name);
-      });
-  return of_column == row.families.end() ? row.families[0] : *of_column;
-}
-
-std::string SourceOf(Kind kind, std::string_view name, std::string_view column) {
-  const KindRow& row = RowOf(kind);
-  std::string source;
-  if (row.form == ColumnForm::kAny) {
-    source.append("column ").append(column).append(" of ");
-  } else {
-    source = FamilyOf(kind, column).source;
-  }
-  return source.append(row.noun).append(" ").append(name);
 }
 
 void AppendFamilyHead(const FamilyPart& family, std::string_view source, std::string* page) {
@@ -216,7 +122,7 @@ LinesSize SeriesSize(const FamilyPart& family, const std::vector<double>& bounds
     }
     case FamilyType::kHistogram: {
       const size_t lines = bounds.size() + 2;
-      return {lines, lines * (line + kBucket.size() + kMaxLeSize)};
+      return {lines, lines * (line + kBucketEnd.size() + kMaxLeSize)};
     }
     case FamilyType::kGauge:
     case FamilyType::kCounter:
@@ -243,8 +149,8 @@ void SampleWriter::Summary(const std::string& name, const Cell* cells) {
   for (size_t i = kTimerFirstQuantile; i < std::size(kTimerColumns); ++i) {
     Line(name, {}, kTimerColumns[i].quantile, cells[i].value, cells[i].timestamp);
   }
-  Line(name, kSum, {}, cells[kTimerSum].value, cells[kTimerSum].timestamp);
-  Line(name, kCount, {}, cells[kTimerCount].value, cells[kTimerCount].timestamp);
+  Line(name, kSumEnd, {}, cells[kTimerSum].value, cells[kTimerSum].timestamp);
+  Line(name, kCountEnd, {}, cells[kTimerCount].value, cells[kTimerCount].timestamp);
 }
 
 void SampleWriter::Histogram(const std::string& name, const std::vector<double>& bounds,
@@ -259,13 +165,13 @@ void SampleWriter::Histogram(const std::string& name, const std::vector<double>&
     le = "le=\"";
     AppendNumber(last ? INFINITY : bounds[i + 1], kNumberWords, &le);
     le += '"';
-    Line(name, kBucket, le, below, cells[i].timestamp);
+    Line(name, kBucketEnd, le, below, cells[i].timestamp);
   }
   const Cell& sum = cells[bounds.size()];
   const Cell& count = cells[bounds.size() + 1];
-  Line(name, kSum, {}, sum.value, sum.timestamp);
+  Line(name, kSumEnd, {}, sum.value, sum.timestamp);
   // What a packet says of it can be anything, and receivers want that of all buckets.
-  Line(name, kCount, {}, below, count.timestamp);
+  Line(name, kCountEnd, {}, below, count.timestamp);
 }
 
 void SampleWriter::Integer(std::string_view name, uint64_t value) {

@@ -6,54 +6,18 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/families.h"
 #include "agent/health.h"
-#include "agent/kinds.h"
-#include "agent/point_mapping.h"
 
-// The text format of Prometheus, version 0.0.4: how names are fitted to it, in which families a
-// metric appears and what the lines of a series look like. Free functions without state, safe from
+// The text format of Prometheus, version 0.0.4: what the lines of a family and of
+// its series look like. Free functions without state, safe from
 // any number of threads. Numbers are written alike in every locale.
 
 namespace tidegate::agent {
 
-// Every byte that is no letter, digit, "_" or ":" becomes "_"; a digit in front, or nothing at all,
-// gets a "_" before it.
-std::string MetricNameOf(std::string_view name);
-
-// The same without ":"; a name that would begin with "__", which is reserved, gets "exported"
-// before it. Allocates nothing where `fitted` has held as much before.
-void AssignLabelName(std::string_view name, std::string* fitted);
-
 // Appends what is shown of the value of a label, before escapes: as utf8.h says for every byte that
 // is not UTF-8, for NUL, and for a backslash in front of an x.
 void AppendText(std::string_view text, std::string* out);
-
-// One family of the page that shows a metric, or a part of it.
-struct FamilyPart {
-  std::string name;
-  FamilyType type;
-  size_t column;  // that the value is from; of summaries and histograms 0
-};
-
-// The families of a metric with these columns, which has at least one. `name` and `columns` are
-// those of the wire.
-std::vector<FamilyPart> FamiliesOf(Kind kind, std::string_view name,
-                                   const std::vector<std::string>& columns);
-
-// What the lines of a family look like.
-struct FamilyForm {
-  std::string_view type;                 // in the text
-  ConstList<std::string_view> suffixes;  // of its name, that of each line ends with one
-  bool whole;                            // a line shows several columns
-};
-const FamilyForm& FormOf(FamilyType type);
-
-// That of the kind which shows this column of it; empty for summaries and histograms.
-const FamilyRow& FamilyOf(Kind kind, std::string_view column);
-
-// Says what a family shows: "column c of row r". `column` is the name of the family's column, empty
-// for summaries and histograms.
-std::string SourceOf(Kind kind, std::string_view name, std::string_view column);
 
 // The newest value of a column, or for accumulated ones its sum.
 struct Cell {

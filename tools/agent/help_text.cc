@@ -1,6 +1,6 @@
 #include "agent/help_text.h"
 
-#include "agent/exposition.h"
+#include "agent/families.h"
 
 namespace tidegate::agent {
 namespace {

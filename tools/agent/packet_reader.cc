@@ -1,8 +1,7 @@
 #include "agent/packet_reader.h"
 
-#include <cstring>
-
 #include "agent/kinds.h"
+#include "agent/packet_cursor.h"
 
 namespace tidegate::agent {
 namespace {
@@ -21,128 +20,6 @@ constexpr size_t kIndexBytes = 4;
 constexpr size_t kValueBytes = 4 + kValueSize;
 constexpr size_t kMinSeries = 4 + 4 + 4 + 4 + kValueBytes;  // a hash, three counts, a value
 
-// Reads primitives front to back. A failed read records where and why; nothing may be read after
-// it.
-class Cursor {
- public:
-  Cursor(const unsigned char* data, size_t size, ReadError* error)
-      : data_(data), end_(size), error_(error) {}
-
-  size_t offset() const { return offset_; }
-  size_t remaining() const { return end_ - offset_; }
-
-  // Moves the end to `end`, which lies between the offset and the size of the data.
-  void SetEnd(size_t end) { end_ = end; }
-
-  bool Fail(size_t offset, std::string reason) {
-    error_->offset = offset;
-    error_->reason = std::move(reason);
-    return false;
-  }
-
-  bool ReadU8(const char* what, uint8_t* value) {
-    const unsigned char* bytes = Take(1, what);
-    if (bytes == nullptr) return false;
-    *value = bytes[0];
-    return true;
-  }
-
-  bool ReadU32(const char* what, uint32_t* value) {
-    const unsigned char* bytes = Take(4, what);
-    if (bytes == nullptr) return false;
-    *value = static_cast<uint32_t>(LittleEndian(bytes, 4));
-    return true;
-  }
-
-  bool ReadI64(const char* what, int64_t* value) {
-    const unsigned char* bytes = Take(8, what);
-    if (bytes == nullptr) return false;
-    *value = static_cast<int64_t>(LittleEndian(bytes, 8));
-    return true;
-  }
-
-  bool ReadF64(const char* what, double* value) {
-    const unsigned char* bytes = Take(8, what);
-    if (bytes == nullptr) return false;
-    const uint64_t bits = LittleEndian(bytes, 8);
-    std::memcpy(value, &bits, sizeof(bits));
-    return true;
-  }
-
-  bool ReadString(const char* what, std::string* value) {
-    const size_t start = offset_;
-    uint32_t length = 0;
-    if (!ReadU32(what, &length)) return false;
-    if (length > remaining()) {
-      return Fail(start, std::string(what) + " has the length " + std::to_string(length) +
-                             ", but " + std::to_string(remaining()) + " bytes are left");
-    }
-    value->assign(reinterpret_cast<const char*>(data_ + offset_), length);
-    offset_ += length;
-    return true;
-  }
-
-  // A count of elements that take at least `min_bytes` each.
-  bool ReadCount(const char* what, size_t min_bytes, uint32_t* count) {
-    const size_t start = offset_;
-    if (!ReadU32(what, count)) return false;
-    if (*count > remaining() / min_bytes) {
-      return Fail(start, std::string(what) + " is " + std::to_string(*count) + ", but " +
-                             std::to_string(remaining()) + " bytes are left");
-    }
-    return true;
-  }
-
-  // Bytes that must be exactly `expected`.
-  bool Expect(const char* what, const char* expected, size_t size) {
-    const size_t start = offset_;
-    const unsigned char* bytes = Take(size, what);
-    if (bytes == nullptr) return false;
-    if (std::memcmp(bytes, expected, size) == 0) return true;
-    return Fail(start, std::string("wrong ") + what);
-  }
-
-  bool ExpectU8(const char* what, uint8_t expected) {
-    const size_t start = offset_;
-    uint8_t value = 0;
-    return ReadU8(what, &value) && CheckEqual(start, what, value, expected);
-  }
-
-  bool ExpectU32(const char* what, uint32_t expected) {
-    const size_t start = offset_;
-    uint32_t value = 0;
-    return ReadU32(what, &value) && CheckEqual(start, what, value, expected);
-  }
-
-  bool CheckEqual(size_t offset, const char* what, uint64_t value, uint64_t expected) {
-    if (value == expected) return true;
-    return Fail(offset, std::string(what) + " is " + std::to_string(value) + " instead of " +
-                            std::to_string(expected));
-  }
-
- private:
-  static uint64_t LittleEndian(const unsigned char* bytes, int width) {
-    uint64_t value = 0;
-    for (int i = width - 1; i >= 0; --i) value = value << 8 | bytes[i];
-    return value;
-  }
-
-  const unsigned char* Take(size_t size, const char* what) {
-    if (size > remaining()) {
-      Fail(offset_, std::string("cut off in ") + what);
-      return nullptr;
-    }
-    const unsigned char* bytes = data_ + offset_;
-    offset_ += size;
-    return bytes;
-  }
-
-  const unsigned char* data_;
-  size_t offset_ = 0;
-  size_t end_;
-  ReadError* error_;
-};
-
 // The element at the end of what has been read so far: one of a packet before, whose memory is used
 // again, or a new one. Reading overwrites all of it.
 template <typename T>
@@ -150,7 +27,7 @@ T& Element(std::vector<T>* elements, size_t i) {
   return i < elements->size() ? (*elements)[i] : elements->emplace_back();
 }
 
-bool ReadTags(Cursor* in, const char* what, std::vector<Tag>* tags) {
+bool ReadTags(PacketCursor* in, const char* what, std::vector<Tag>* tags) {
   const size_t start = in->offset();
   uint32_t words = 0;
   if (!in->ReadCount(what, kMinString, &words)) return false;
@@ -166,7 +43,7 @@ bool ReadTags(Cursor* in, const char* what, std::vector<Tag>* tags) {
   return true;
 }
 
-bool ReadFields(Cursor* in, std::vector<Field>* fields) {
+bool ReadFields(PacketCursor* in, std::vector<Field>* fields) {
   uint32_t count = 0;
   if (!in->ReadCount("field count", kMinField, &count)) return false;
   fields->resize(count);
@@ -179,7 +56,7 @@ bool ReadFields(Cursor* in, std::vector<Field>* fields) {
   return true;
 }
 
-bool ReadIndexes(Cursor* in, const Block& block, std::vector<uint32_t>* indexes) {
+bool ReadIndexes(PacketCursor* in, const Block& block, std::vector<uint32_t>* indexes) {
   const size_t start = in->offset();
   uint32_t count = 0;
   if (!in->ReadCount("index count", kIndexBytes, &count)) return false;
@@ -205,7 +82,7 @@ bool ReadIndexes(Cursor* in, const Block& block, std::vector<uint32_t>* indexes)
   return true;
 }
 
-bool ReadValues(Cursor* in, const Block& block, Series* record) {
+bool ReadValues(PacketCursor* in, const Block& block, Series* record) {
   const size_t start = in->offset();
   uint32_t count = 0;
   if (!in->ReadCount("value count", kValueBytes, &count)) return false;
@@ -220,20 +97,20 @@ bool ReadValues(Cursor* in, const Block& block, Series* record) {
   return true;
 }
 
-bool ReadSeries(Cursor* in, const Block& block, Series* record) {
+bool ReadSeries(PacketCursor* in, const Block& block, Series* record) {
   return in->ReadU32("tag hash", &record->tag_hash) &&
          ReadTags(in, "tag word count", &record->tags) &&
          ReadIndexes(in, block, &record->indexes) && ReadValues(in, block, record);
 }
 
-bool ReadWireType(Cursor* in, uint8_t* wire_type) {
+bool ReadWireType(PacketCursor* in, uint8_t* wire_type) {
   const size_t start = in->offset();
   if (!in->ReadU8("wire_type", wire_type)) return false;
   if (FindKind(*wire_type) != nullptr) return true;
   return in->Fail(start, "unknown wire_type " + std::to_string(*wire_type));
 }
 
-bool ReadBlock(Cursor* in, size_t packet_end, Block* block) {
+bool ReadBlock(PacketCursor* in, size_t packet_end, Block* block) {
   const size_t start = in->offset();
   uint32_t block_len = 0;
   if (!in->ReadU32("block_len", &block_len)) return false;
@@ -270,7 +147,7 @@ constexpr size_t kBodyLenOffset = 13;
 constexpr size_t kBlockCountOffset = 42;
 constexpr size_t kSeriesCountOffset = 46;
 
-bool ReadHeader(Cursor* in, Packet* packet) {
+bool ReadHeader(PacketCursor* in, Packet* packet) {
   if (!in->Expect("magic", kMagic, sizeof(kMagic)) || !in->ExpectU8("version", kVersion) ||
       !in->ReadU32("header_len", &packet->header_len) ||
       !in->ReadU32("body_len", &packet->body_len) || !in->ExpectU8("reserved byte", 0) ||
@@ -290,7 +167,7 @@ bool ReadHeader(Cursor* in, Packet* packet) {
          in->CheckEqual(kBodyLenOffset, "body_len", packet->body_len, in->remaining());
 }
 
-bool ReadBlocks(Cursor* in, size_t packet_end, Packet* packet) {
+bool ReadBlocks(PacketCursor* in, size_t packet_end, Packet* packet) {
   size_t blocks = 0;
   size_t series = 0;
   while (in->remaining() > 0) {
@@ -306,7 +183,7 @@ bool ReadBlocks(Cursor* in, size_t packet_end, Packet* packet) {
 
 // Leaves anything in `packet` when it fails.
 bool ReadInto(const void* data, size_t size, Packet* packet, ReadError* error) {
-  Cursor in(static_cast<const unsigned char*>(data), size, error);
+  PacketCursor in(static_cast<const unsigned char*>(data), size, error);
   return ReadHeader(&in, packet) && ReadBlocks(&in, size, packet);
 }
 

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "agent/exposition.h"
+#include "agent/fitted_names.h"
 #include "agent/heap_bytes.h"
 #include "agent/series_key.h"
 
