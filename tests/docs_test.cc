@@ -124,6 +124,16 @@ bool HasHeading(const std::string& document, const std::string& anchor) {
   return false;
 }
 
+TEST(DocsTest, DesignNamesEachUnitOfMetrics) {
+  const std::string design = ReadSourceFile("docs/design.md");
+  const std::filesystem::path folder = TIDEGATE_SOURCE_DIR "/src/metrics";
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+    if (entry.path().extension() != ".h") continue;
+    const std::string unit = entry.path().lexically_relative(folder).replace_extension().string();
+    EXPECT_NE(design.find("`" + unit + "`"), design.npos) << unit;
+  }
+}
+
 TEST(DocsTest, NamedFilesAndHeadingsExist) {
   const std::filesystem::path root = TIDEGATE_SOURCE_DIR;
   // Links, and paths in code spans; `src/metrics/metric` stands for the files of that name.
