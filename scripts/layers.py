@@ -32,7 +32,8 @@ FLOORS = [
     """impl/metric_impl impl/metric_compatible_impl impl/metric_multi_field_impl metric
     metric_registry bound_series scoped_timer""",
     # Flush.
-    "packet_sender flush_packets metric_encoder",
+    """packet_sender flush_job flush_packets series_tags series_walk suffix_blocks
+    suffixed_form row_form compatible_form metric_encoder""",
     # Senders.
     """sender_reports sender_accounts sender_socket flush_thread
     metric_sender metric_unix_domain_sender metric_tcp_sender metric_sender_manager""",
