@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cassert>
 #include <optional>
 #include <utility>
 
@@ -58,6 +59,7 @@ MetricClient::~MetricClient() {
 ReturnCode MetricClient::Init(tidegate::MConfigerImplBase* configer_impl,
                               tidegate::VendorInterface* vendor,
                               tidegate::ServiceDiscoveryBase* discovery, const CoreInitCfg& cfg) {
+  assert(configer_impl != nullptr && metric_factory_ == nullptr);
   RunOneTimeInitialisations();
   init_pid_ = ::getpid();
   if (!MakeMember(collector_factory_, this, cfg.max_total_series) || !MakeMember(configer_, this) ||

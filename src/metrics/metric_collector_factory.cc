@@ -1,6 +1,7 @@
 #include "metrics/metric_collector_factory.h"
 
 #include <algorithm>
+#include <cassert>
 #include <utility>
 
 #include "metrics/metric_kdtree_collector.h"
@@ -52,6 +53,7 @@ MetricCollectorFactory::~MetricCollectorFactory() {
 
 CollectorPtr MetricCollectorFactory::CreateCollector(const std::string& tenant,
                                                      const std::string& name, MetricParts* metric) {
+  assert(!metric->weak_from_this().expired());
   if (state_.load(std::memory_order_relaxed) != MetricState::READY) {
     return nullptr;
   }

@@ -1,5 +1,7 @@
 #include "metrics/metric_configer.h"
 
+#include <cassert>
+
 #include "util/metric_log.h"
 
 namespace METRICS {
@@ -22,6 +24,7 @@ MetricConfiger::~MetricConfiger() {
 ReturnCode MetricConfiger::Init(tidegate::MConfigerImplBase* impl,
                                 tidegate::VendorInterface* vendor,
                                 tidegate::ServiceDiscoveryBase* discovery, const CoreInitCfg& cfg) {
+  assert(impl != nullptr);
   impl_.reset(impl);
   vendor_.reset(vendor != nullptr ? vendor : new DummyVendor());
   discovery_.reset(discovery != nullptr ? discovery : new DummyServiceDiscovery("dummy.sink.name"));

@@ -1,6 +1,7 @@
 #include "metrics/metric_parts.h"
 
 #include <algorithm>
+#include <cassert>
 #include <stdexcept>
 
 #include "codec/fnv_hash.h"
@@ -71,7 +72,9 @@ MetricParts::MetricParts(const std::string& name, RegistryParts* registry, Metri
       name_hash_(StrFNVHash(name, kFNVOffsetBasis)),
       kind_(kind),
       registry_parts_(registry),
-      registry_ref_(registry->weak_from_this()) {}
+      registry_ref_(registry->weak_from_this()) {
+  assert(!registry_ref_.expired());
+}
 
 const std::vector<double>& MetricParts::GetHistogram() const {
   return kind_ == MetricCoItemType::kCoItemSuffix ? impl_parts_->Bounds() : NoopHistogram();

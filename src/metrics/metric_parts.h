@@ -74,6 +74,7 @@ class METRICS_API ImplParts {
 /// implementation that it owns.
 class METRICS_API MetricParts : public std::enable_shared_from_this<MetricParts> {
  public:
+  /// REQUIRES: a shared pointer owns `registry`.
   MetricParts(const std::string& name, RegistryParts* registry, MetricCoItemType kind);
   MetricParts(const MetricParts&) = delete;
   MetricParts& operator=(const MetricParts&) = delete;

@@ -31,7 +31,7 @@ class RegistryParts : public std::enable_shared_from_this<RegistryParts> {
     const ReadGuard guard(rwlock_);
     return tags_;
   }
-  /// REQUIRES: the caller holds the registry's lock, as `CreateMetric` does around `Metric::Init`.
+  /// The same for those who hold the registry's lock, as `CreateMetric` does around `Metric::Init`.
   const std::vector<tidegate::MetricTag>& InsertedTagsLocked() const METRICS_NO_THREAD_SAFETY {
     return tags_;
   }
