@@ -10,7 +10,7 @@
 
 #include "agent/packet_reader.h"
 #include "agent/series_table.h"
-#include "packet_writer.h"
+#include "testing/packet_writer.h"
 
 namespace {
 
@@ -44,7 +44,7 @@ std::vector<std::string> PacketsOf(int64_t series) {
       block.series[0].values = {static_cast<double>(i)};
       packet.blocks.push_back(block);
     }
-    packets.push_back(tidegate::bench::PacketWriter::Write(packet));
+    packets.push_back(tidegate::test::PacketWriter::Write(packet));
   }
   return packets;
 }

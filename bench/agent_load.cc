@@ -25,7 +25,7 @@
 
 #include "agent/packet_reader.h"
 #include "agent/unique_fd.h"
-#include "packet_writer.h"
+#include "testing/packet_writer.h"
 #include "testing/temp_dir.h"
 #include "testing/unix_socket.h"
 
@@ -60,7 +60,7 @@ std::string PacketOf(int client) {
     block.series[0].values = {static_cast<double>(i)};
     packet.blocks.push_back(block);
   }
-  return tidegate::bench::PacketWriter::Write(packet);
+  return tidegate::test::PacketWriter::Write(packet);
 }
 
 UniqueFd Connect(const std::string& path) {

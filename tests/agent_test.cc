@@ -10,9 +10,9 @@
 #include <regex>
 #include <sstream>
 
-#include "../bench/packet_writer.h"
 #include "agent/point_mapping.h"
 #include "support/agent_program.h"
+#include "testing/packet_writer.h"
 
 namespace tidegate::agent {
 namespace {
@@ -228,7 +228,7 @@ TEST_F(AgentTest, CountsWhatIsNotPrintedAndGoesOnWhereThereIsRoomAgain) {
   const size_t before = 4000 - first.size() - torn.size();
   Send(Connect(), GaugeNamed(std::string(before - next.size() + 7, 'n')));
   Await("out", "} 1.5\n");
-  Send(Connect(), bench::PacketWriter::Write(packet));
+  Send(Connect(), test::PacketWriter::Write(packet));
   Await("err", "<4>tidegate-agent: points are not printed: File too large\n");
   Send(Connect(), ReadGolden("gauge.hex"));
   httplib::Client http(Url());
@@ -264,7 +264,7 @@ TEST_F(AgentTest, GivesMemoryBackWhenSeriesAreGone) {
       packet.blocks.push_back(
           {1, 0, 1700000000, "g", {}, {{0, {{"k", std::to_string(i * 2000 + k)}}, {}, {1}}}});
     }
-    Send(client, bench::PacketWriter::Write(packet));
+    Send(client, test::PacketWriter::Write(packet));
   }
   size_t most = 0;
   for (int i = 0; i < 4000 && (most < 30 || resident() > most / 2); ++i) {

@@ -7,7 +7,7 @@
 
 #include "agent/packet_reader.h"
 
-namespace tidegate::bench {
+namespace tidegate::test {
 
 // Writes packets by the description of the wire format: those that the library itself would not
 // send, or only after a flush. Lengths and counts come from the content; hashes stay 0, no one
@@ -87,4 +87,4 @@ class PacketWriter {
   std::string bytes_;
 };
 
-}  // namespace tidegate::bench
+}  // namespace tidegate::test
