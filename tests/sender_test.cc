@@ -6,6 +6,7 @@
 #include "support/agent_socket.h"
 #include "support/environment.h"
 #include "support/list_sender.h"
+#include "util/metric_clock_util.h"
 
 namespace tidegate::test {
 namespace {
@@ -105,6 +106,35 @@ TEST(SenderTest, LastFlushFollowsTheWorkState) {
                                 flushes ? std::vector<int64_t>{1700000005, 1700000010}
                                         : std::vector<int64_t>()));
   }
+}
+
+TEST(FlushThreadTest, FlushesAtBoundariesUntilAFlushEndsItAndTellsOfMissedOnes) {
+  struct Flusher : METRICS::FlushThread {
+    using FlushThread::FlushAtBoundaries;
+  } thread;
+  thread.interval_ = 1;
+  thread.state_ = MetricState::READY;
+  int64_t boundary = 1000;  // the one before, long ago
+  std::vector<int64_t> flushed;
+  const int64_t before = METRICS::WallMillis();
+  const std::string log = LogOf([&] {
+    thread.FlushAtBoundaries("t1", boundary, [&] {
+      EXPECT_EQ(thread.work_state_, METRICS::FlushThread::WorkState::kWorking);
+      flushed.push_back(boundary);
+      return flushed.size() < 2;
+    });
+  });
+  ASSERT_EQ(flushed.size(), 2u);
+  EXPECT_THAT(flushed[0] - before / 1000, testing::AnyOf(1, 2));
+  EXPECT_GT(flushed[1], flushed[0]);
+  EXPECT_THAT(log, HasSubstr("]Sender[t1]Last send timeout, last_timetamp: 1000, now: " +
+                             std::to_string(flushed[0]) + "\n"));
+  thread.state_ = MetricState::SHUTDOWN;
+  int left_ms = 0;
+  EXPECT_FALSE(thread.AdjustTime("t1", boundary, left_ms, 1)) << "the sleep is given up";
+  EXPECT_EQ(boundary, flushed[1]);
+  EXPECT_EQ(thread.AdjustSleepStep(5), 5);
+  EXPECT_EQ(thread.AdjustSleepStep(6), 200);
 }
 
 TEST(SenderTest, AnUnusableIntervalEndsTheThreadButNotTheLastFlush) {
