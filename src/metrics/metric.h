@@ -78,6 +78,7 @@ class METRICS_API Metric : public MetricParts {
   static const std::array<std::string, 10>& GetCompatibleFieldInfo();
   /// Reports the statistics of this metric on `stat_metric`, under the tag "metric_name".
   ReturnCode EmitStat(Metric* stat_metric);
+
   MetricRegistry* registry_;  ///< not owned; to be pinned by whoever is no creator of the metric
   std::unique_ptr<MetricImpl> impl_;  ///< made by `Init`, never replaced
 

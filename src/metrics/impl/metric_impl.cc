@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <stdexcept>
 #include <utility>
 
 #include "codec/fnv_hash.h"
@@ -13,7 +12,6 @@
 #include "metrics/series_items.h"
 #include "metrics/tag_value_refs.h"
 #include "util/metric_log.h"
-#include "util/metric_size_limits.h"
 #include "util/metric_string_util.h"
 #include "util/short_text.h"
 #include "util/thread_end.h"
