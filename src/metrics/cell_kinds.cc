@@ -2,13 +2,21 @@
 
 #include <algorithm>
 #include <iterator>
+#include <string_view>
+#include <utility>
 
 #include "metrics/metric_data.h"
 #include "metrics/metric_histogram.h"
 #include "metrics/metric_summary.h"
 #include "util/line_allocator.h"
+#include "util/metric_log.h"
+#include "util/metric_string_util.h"
 
 namespace METRICS {
+
+using lattice_kit::codec::FieldInfo;
+using lattice_kit::codec::kCodecValueDouble;
+
 namespace {
 
 using CellPtr = std::shared_ptr<MetricBasicData>;
@@ -95,16 +103,19 @@ constexpr CellKind kCellKinds[] = {
 
 namespace {
 
-constexpr bool InOrder() {
+/// Whether each kind has the index of its type, names for its numbers, and an earlier point as wide
+/// as they are.
+constexpr bool WellFormed() {
   size_t number = static_cast<size_t>(MetricsType::kGauge);
   for (const CellKind& kind : kCellKinds) {
-    if (static_cast<size_t>(kind.type) != number++) {
+    if (static_cast<size_t>(kind.type) != number++ || kind.numbers > CellKind::kMostNames ||
+        (kind.previous != 0 && kind.previous != kind.numbers)) {
       return false;
     }
   }
   return number == static_cast<size_t>(MetricsType::kTypeEnd);
 }
-static_assert(InOrder());
+static_assert(WellFormed());
 
 using AllNames = std::array<NumberNames, std::size(kCellKinds)>;
 
@@ -118,12 +129,49 @@ AllNames& MakeAllNames() {
   return all;
 }
 
+/// The columns of a kind whose numbers have names of their own.
+void AppendNamedColumns(std::vector<FieldInfo>& columns, const std::string& field,
+                        const CellKind& kind) {
+  for (uint32_t i = 0; i < kind.numbers; ++i) {
+    const std::string_view number = kind.names[i];
+    std::string column = field;
+    if (!field.empty() && !number.empty()) {
+      column += '.';
+    }
+    column += number;
+    columns.emplace_back(std::move(column), kCodecValueDouble);
+  }
+}
+
+/// The columns of a histogram.
+void AppendBoundColumns(std::vector<FieldInfo>& columns, const std::string& field,
+                        const std::vector<double>& bounds) {
+  const std::string prefix = field.empty() ? "hist:" : "hist:" + field + ":";
+  for (const double bound : bounds) {
+    columns.emplace_back(prefix + "b-" + FormatFixed(bound), kCodecValueDouble);
+  }
+  columns.emplace_back(prefix + "sum", kCodecValueDouble);
+  columns.emplace_back(prefix + "count", kCodecValueDouble);
+}
+
 }  // namespace
 
 NumberNames& NamesOf(MetricsType type) {
   static AllNames& all = MakeAllNames();
   assert(IsCellType(type));
   return all[static_cast<size_t>(type) - static_cast<size_t>(MetricsType::kGauge)];
+}
+
+void AppendColumns(std::vector<FieldInfo>& columns, MetricsType type, const std::string& name,
+                   const std::vector<double>& bounds) {
+  const CellKind* const kind = FindKind(type);
+  if (kind == nullptr) {
+    METRICS_LOG_ERROR("Internal Error for Unknown MetricType: %d\n", static_cast<int>(type));
+  } else if (kind->per_bound) {
+    AppendBoundColumns(columns, name, bounds);
+  } else {
+    AppendNamedColumns(columns, name, *kind);
+  }
 }
 
 const char* CovMetricTypeToStr(const MetricsType& type) {

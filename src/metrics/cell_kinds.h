@@ -6,7 +6,9 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "codec/tag_kv.h"
 #include "util/metric_common.h"
 
 namespace METRICS {
@@ -67,6 +69,12 @@ inline const CellKind& KindOf(MetricsType type) {
 /// `IsCellType(type)`.
 using NumberNames = std::array<std::string, CellKind::kMostNames>;
 NumberNames& NamesOf(MetricsType type);
+
+/// Appends the columns of a field `name` of type `type`, in the order in which its cell reports:
+/// named after `name` and a dot, or with an empty `name`, as suffixes have it, alone. `bounds` are
+/// those of a histogram. None, with an Error line, for a type that no cell has.
+void AppendColumns(std::vector<lattice_kit::codec::FieldInfo>& columns, MetricsType type,
+                   const std::string& name, const std::vector<double>& bounds);
 
 /// The row of `type`, or null for types that no cell has.
 inline const CellKind* FindKind(MetricsType type) {

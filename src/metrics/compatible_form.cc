@@ -5,7 +5,6 @@
 #include "codec/fnv_hash.h"
 #include "codec/tag_kv.h"
 #include "metrics/cell_kinds.h"
-#include "metrics/impl/metric_multi_field_impl.h"
 #include "metrics/metric_data.h"
 #include "metrics/metric_parts.h"
 #include "metrics/registry_parts.h"
@@ -15,6 +14,7 @@
 
 namespace METRICS {
 
+using lattice_kit::codec::FieldInfo;
 using lattice_kit::codec::Pack;
 using lattice_kit::codec::TagKV;
 
@@ -79,8 +79,8 @@ void CompatibleForm::EncodeCurrentCompatibleMetricHeader(MetricsType type, const
   }
   std::string columns;
   if (KindOf(type).numbers > 1) {
-    MultiFieldMetricImpl::Columns names;
-    MultiFieldMetricImpl::AppendColumns(names, {std::string(), type, {}});
+    std::vector<FieldInfo> names;
+    AppendColumns(names, type, std::string(), {});
     columns = lattice_kit::codec::PackFields(names);
   }
   packets_.Current().OpenBlock({type, metric.name_hash_, metric.name_, columns, job.boundary},

@@ -10,11 +10,11 @@ class RegistryParts;
 
 /// What a flush says of the metric whose series are to be packed. Holds for that one call.
 struct FlushJob {
-  MetricParts& metric;
-  RegistryParts& registry;  ///< that of `metric`
-  int64_t boundary;         ///< of the flush, seconds since the epoch
-  int32_t interval;         ///< seconds, of `registry`
-  bool pre_encode_tags;     ///< items hold their tags in packet form
+  const MetricParts& metric;
+  const RegistryParts& registry;  ///< that of `metric`
+  int64_t boundary;               ///< of the flush, seconds since the epoch
+  int32_t interval;               ///< seconds, of `registry`
+  bool pre_encode_tags;           ///< items hold their tags in packet form
   const std::string& tenant;
 
   /// The boundary of the interval before.

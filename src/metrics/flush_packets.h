@@ -48,7 +48,7 @@ class FlushPackets {
   void WritePrevious(Write write);
   /// Closes the open blocks of both.
   void CloseBlocks();
-  /// Sends what both hold, that of the boundary first. REQUIRES: no block is open.
+  /// Sends what both hold, that of the boundary first, their open blocks closed.
   void CleanUpPackage();
 
   /// Does `work`, which drains a cell and writes what it reports. Where memory runs out in between,

@@ -33,7 +33,6 @@ void MetricEncoder::PackCollector(
   try {
     PackAll(collectors);
   } catch (const std::bad_alloc&) {
-    packets_.CloseBlocks();
     EndFlush();
     throw;
   }

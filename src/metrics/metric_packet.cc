@@ -92,6 +92,7 @@ std::string PackHeader(const BlockHeader& header) {
 }
 
 void MetricDataPack::OpenBlock(const BlockHeader& header, bool save) {
+  assert(!HasOpenBlock());
   Reserve(static_cast<int32_t>(kFixedHeaderBytes + header.name.size() + header.columns.size()));
   header_offset_ = static_cast<uint32_t>(Used());
   PutHeader(*this, header);
@@ -103,6 +104,7 @@ void MetricDataPack::OpenBlock(const BlockHeader& header, bool save) {
 }
 
 void MetricDataPack::ReopenBlock() {
+  assert(!HasOpenBlock());
   const auto start = static_cast<uint32_t>(Used());
   PutBytes(header_copy_);
   header_offset_ = start;
@@ -137,6 +139,7 @@ void MetricDataPack::CloseBlock() {
 // As a block that is opened, given a record and closed: nearly all of a flush is this.
 inline void MetricDataPack::PutBlock(const std::string& header, int64_t timestamp,
                                      std::string_view tags, const double* numbers, size_t count) {
+  assert(!HasOpenBlock());
   const size_t bytes = header.size() + RecordBytes(tags, 0, count);
   if (!MakeRoom(*this, bytes)) {
     return;

@@ -51,7 +51,7 @@ class MetricDataPack : public EPacket {
   /// Opens a block with the saved header. REQUIRES: none is open.
   void ReopenBlock();
   /// Writes a record into the open block; nothing without `values`, or, with an Error line, for a
-  /// record that is longer than a packet can get. REQUIRES: a block is open.
+  /// record that is longer than a packet can get.
   void PutRecord(std::string_view tags, const std::vector<uint32_t>& column_indexes,
                  const std::vector<double>& values);
   /// Closes the open block, if there is one.

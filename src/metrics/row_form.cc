@@ -7,7 +7,7 @@
 namespace METRICS {
 namespace {
 
-BlockHeader HeaderOf(MetricParts& metric, int64_t timestamp) {
+BlockHeader HeaderOf(const MetricParts& metric, int64_t timestamp) {
   return {MetricsType::kMultiField, metric.name_hash_, metric.name_, metric.GetCodecFieldInfo(),
           timestamp};
 }
@@ -38,7 +38,7 @@ void RowForm::EncodeMultiFieldSeries(const Series& series, const FlushJob& job) 
 
 void RowForm::EncodeMultiFieldExtendSeries(const FlushJob& job) {
   packets_.WritePrevious([&](MetricDataPack& pack) {
-    if (pack.block_series() == 0) {
+    if (!pack.HasOpenBlock()) {
       pack.OpenBlock(HeaderOf(job.metric, job.PreviousBoundary()), false);
     }
     pack.PutRecord(tags_.EncodeCurrentTagKV(), row_.prev_fields, row_.prev_values);

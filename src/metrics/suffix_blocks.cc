@@ -1,11 +1,9 @@
 #include "metrics/suffix_blocks.h"
 
-#include <algorithm>
 #include <array>
 
 #include "codec/fnv_hash.h"
 #include "metrics/cell_kinds.h"
-#include "metrics/impl/metric_multi_field_impl.h"
 #include "metrics/metric_parts.h"
 #include "util/metric_log.h"
 #include "util/short_text.h"
@@ -49,14 +47,14 @@ bool IsRow(const MetricParts& metric, MetricsType type) {
          (form == SuffixForm::kRowIfAskedFor && metric.multi_field_summary_.load());
 }
 
-SuffixBlocks::SuffixBlocks(MetricParts& metric, const std::string& suffix_name,
+SuffixBlocks::SuffixBlocks(const MetricParts& metric, const std::string& suffix_name,
                            MetricsType cell_type, bool as_row)
     : suffix(suffix_name), type(cell_type), row(as_row), numbers(KindOf(cell_type).numbers) {
   std::string tail;
   AppendPart(tail, suffix);
   if (row) {
     std::vector<FieldInfo> columns;
-    MultiFieldMetricImpl::AppendColumns(columns, {std::string(), type, metric.GetHistogram()});
+    AppendColumns(columns, type, std::string(), metric.GetHistogram());
     numbers = columns.size();
     headers.push_back(HeaderOf(metric, type, tail, lattice_kit::codec::PackFields(columns)));
     return;
@@ -91,43 +89,30 @@ void SuffixBlocks::DoPackSuffixToMultiField(MetricDataPack& pack, int64_t timest
 
 void SuffixBlocks::PackPrevious(FlushPackets& packets, int64_t timestamp, std::string_view tags,
                                 double prev_value) const {
-  const std::array<double, kMetricDeltaCounterArrSize> point{prev_value};  // the others are 0
+  const std::array<double, CellKind::kMostNames> point{prev_value};  // the others are 0
   packets.WritePrevious([&](MetricDataPack& pack) { Pack(pack, timestamp, tags, point.data()); });
 }
 
 void SuffixBlockTable::Clear() {
   blocks_.clear();
-  if (!more_blocks_.empty()) {
-    more_blocks_.clear();
-  }
+  suffixes_.Clear();
 }
 
-const SuffixBlocks& SuffixBlockTable::BlocksOf(MetricParts& metric, const std::string& suffix,
+const SuffixBlocks& SuffixBlockTable::BlocksOf(const MetricParts& metric, const std::string& suffix,
                                                MetricsType type, bool row, size_t index) {
-  const auto matches = [&](const SuffixBlocks& blocks) {
+  const auto matches = [&](size_t i) {
+    const SuffixBlocks& blocks = blocks_[i];
     return blocks.type == type && blocks.row == row && SameText(blocks.suffix, suffix);
   };
-  if (index < blocks_.size() && matches(blocks_[index])) {
+  if (index < blocks_.size() && matches(index)) {
     return blocks_[index];
   }
-  for (size_t i = 0; i < std::min(blocks_.size(), kSearchedBlocks); ++i) {
-    if (matches(blocks_[i])) {
-      return blocks_[i];
-    }
+  const size_t found = suffixes_.Find(suffix, blocks_.size(), matches);
+  if (found == blocks_.size()) {
+    blocks_.emplace_back(metric, suffix, type, row);
+    suffixes_.Extend(blocks_.size(), [this](size_t i) { return blocks_[i].suffix; });
   }
-  if (blocks_.size() > kSearchedBlocks) {
-    const auto [first, last] = more_blocks_.equal_range(suffix);
-    for (auto known = first; known != last; ++known) {
-      if (matches(blocks_[known->second])) {
-        return blocks_[known->second];
-      }
-    }
-  }
-  blocks_.emplace_back(metric, suffix, type, row);
-  if (blocks_.size() > kSearchedBlocks) {
-    more_blocks_.emplace(suffix, blocks_.size() - 1);
-  }
-  return blocks_.back();
+  return blocks_[found];
 }
 
 }  // namespace METRICS

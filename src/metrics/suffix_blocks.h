@@ -4,12 +4,12 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "metrics/flush_packets.h"
 #include "metrics/metric_packet.h"
 #include "util/metric_common.h"
+#include "util/name_index.h"
 
 namespace METRICS {
 
@@ -25,7 +25,7 @@ bool IsRow(const MetricParts& metric, MetricsType type);
 /// The blocks of one suffix and type: the same for all series of a metric but for the tags, the
 /// time and the numbers.
 struct SuffixBlocks {
-  SuffixBlocks(MetricParts& metric, const std::string& suffix_name, MetricsType cell_type,
+  SuffixBlocks(const MetricParts& metric, const std::string& suffix_name, MetricsType cell_type,
                bool as_row);
 
   std::string suffix;
@@ -54,15 +54,12 @@ class SuffixBlockTable {
   /// Forgets all: another metric follows.
   void Clear();
   /// `index` is where to look first. The result is good until the next call.
-  const SuffixBlocks& BlocksOf(MetricParts& metric, const std::string& suffix, MetricsType type,
-                               bool row, size_t index = 0);
+  const SuffixBlocks& BlocksOf(const MetricParts& metric, const std::string& suffix,
+                               MetricsType type, bool row, size_t index = 0);
 
  private:
-  static constexpr size_t kSearchedBlocks = 12;
-
   std::vector<SuffixBlocks> blocks_;
-  /// Indexes in `blocks_` by suffix, of those after the first `kSearchedBlocks`.
-  std::unordered_multimap<std::string, size_t> more_blocks_;
+  NameIndex suffixes_;  ///< of `blocks_`
 };
 
 }  // namespace METRICS

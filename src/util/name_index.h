@@ -45,7 +45,11 @@ class NameIndex {
     }
   }
 
-  void Clear() { numbers_.clear(); }
+  void Clear() {
+    if (!numbers_.empty()) {  // an index that was large is not cheap to clear
+      numbers_.clear();
+    }
+  }
 
  private:
   std::unordered_multimap<std::string, size_t> numbers_;  ///< empty up to `kCompared`

@@ -1,35 +1,11 @@
 #include "metrics/impl/metric_multi_field_impl.h"
 
-#include <string_view>
 #include <utility>
 
 #include "metrics/cell_kinds.h"
 #include "util/metric_log.h"
-#include "util/metric_string_util.h"
 
 namespace METRICS {
-
-using lattice_kit::codec::kCodecValueDouble;
-
-namespace {
-
-using Columns = MultiFieldMetricImpl::Columns;
-
-/// The columns of a field whose numbers have names of their own.
-void AppendNumbers(Columns& out, const std::string& field, MetricsType type) {
-  const CellKind& kind = KindOf(type);
-  for (uint32_t i = 0; i < kind.numbers; ++i) {
-    const std::string_view number = kind.names[i];
-    std::string column = field;
-    if (!field.empty() && !number.empty()) {
-      column += '.';
-    }
-    column += number;
-    out.emplace_back(std::move(column), kCodecValueDouble);
-  }
-}
-
-}  // namespace
 
 MultiFieldMetricImpl::~MultiFieldMetricImpl() = default;
 
@@ -45,7 +21,7 @@ void MultiFieldMetricImpl::InitField(const std::vector<MetricFieldCfg>&& fields)
         METRICS_LOG_WARN("Invalid Histogram Field Config with name: %s\n", field.name.c_str());
       }
     }
-    AppendColumns(columns, field);
+    AppendColumns(columns, field.type, field.name, field.bounds);
     field_infos_.push_back(std::move(field));
   }
   codec_field_info_ = lattice_kit::codec::PackFields(columns);
@@ -84,41 +60,25 @@ bool MultiFieldMetricImpl::FitsColumns(const Owners& owners) const {
   return end <= codec_field_num_;
 }
 
-void MultiFieldMetricImpl::AppendColumns(Columns& out, const MetricFieldInfo& field) {
-  const CellKind* const kind = FindKind(field.type);
-  if (kind == nullptr) {
-    METRICS_LOG_ERROR("Internal Error for Unknown MetricType: %d\n", static_cast<int>(field.type));
-  } else if (kind->per_bound) {
-    GenerateHistogramField(out, field.name, field.bounds);
-  } else {
-    AppendNumbers(out, field.name, field.type);
-  }
-}
-
 void MultiFieldMetricImpl::GenerateSingleField(Columns& out, const std::string& name) {
-  out.emplace_back(name, kCodecValueDouble);
+  AppendColumns(out, MetricsType::kGauge, name, {});
 }
 
 void MultiFieldMetricImpl::GenerateMeterField(Columns& out, const std::string& name) {
-  AppendNumbers(out, name, MetricsType::kMeter);
+  AppendColumns(out, MetricsType::kMeter, name, {});
 }
 
 void MultiFieldMetricImpl::GenerateSummaryField(Columns& out, const std::string& name) {
-  AppendNumbers(out, name, MetricsType::kTimer);
+  AppendColumns(out, MetricsType::kTimer, name, {});
 }
 
 void MultiFieldMetricImpl::GenerateDeltaCounterField(Columns& out, const std::string& name) {
-  AppendNumbers(out, name, MetricsType::kDeltaCounter);
+  AppendColumns(out, MetricsType::kDeltaCounter, name, {});
 }
 
 void MultiFieldMetricImpl::GenerateHistogramField(Columns& out, const std::string& name,
                                                   const std::vector<double>& bounds) {
-  const std::string prefix = name.empty() ? "hist:" : "hist:" + name + ":";
-  for (const double bound : bounds) {
-    out.emplace_back(prefix + "b-" + FormatFixed(bound), kCodecValueDouble);
-  }
-  out.emplace_back(prefix + "sum", kCodecValueDouble);
-  out.emplace_back(prefix + "count", kCodecValueDouble);
+  AppendColumns(out, MetricsType::kHistogram, name, bounds);
 }
 
 }  // namespace METRICS

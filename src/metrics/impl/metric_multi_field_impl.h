@@ -15,9 +15,9 @@ namespace METRICS {
 /// The implementation of metrics with a row of declared fields.
 ///
 /// Written once by `InitField`, before the metric is visible to other threads, and constant from
-/// then on. A field may take several columns of the row: a meter 2, a timer 10, a delta counter 3,
-/// a histogram one per bound and 2. Fields of one name share the cell of the last one: each reports
-/// it, or the last one alone where the columns would not fit.
+/// then on. A field may take several columns of the row, as its kind reports numbers. Fields of one
+/// name share the cell of the last one: each reports it, or the last one alone where the columns
+/// would not fit.
 class METRICS_API MultiFieldMetricImpl final : public MetricImpl {
  public:
   using MetricImpl::MetricImpl;
@@ -26,10 +26,8 @@ class METRICS_API MultiFieldMetricImpl final : public MetricImpl {
   void InitField(const std::vector<MetricFieldCfg>&& fields) override;
   MetricCoItemType Type() override { return MetricCoItemType::kCoItemField; }
 
-  // Each appends the columns of a field to `out`, in the order in which its cell reports. They are
-  // named after `name` and a dot; with an empty `name`, as suffixed metrics use them, alone.
+  // `AppendColumns` of the kinds, each under a name of its own.
   using Columns = std::vector<lattice_kit::codec::FieldInfo>;
-  static void AppendColumns(Columns& out, const MetricFieldInfo& field);
   static void GenerateSingleField(Columns& out, const std::string& name);
   static void GenerateMeterField(Columns& out, const std::string& name);
   static void GenerateSummaryField(Columns& out, const std::string& name);
