@@ -24,6 +24,7 @@ struct ClientParts;
 /// one key at most. A stop costs at most 5 ms and what is left of a pass.
 class MetricExpireChecker : public StoppableThread {
  public:
+  /// `client` is not owned and outlives this object.
   explicit MetricExpireChecker(ClientParts* client);
   ~MetricExpireChecker();
   MetricExpireChecker(const MetricExpireChecker&) = delete;

@@ -45,6 +45,7 @@ class MetricSelfMonitor final : public StoppableThread, public SenderReports {
     std::atomic<Metric*> sender_fail{nullptr};
   };
 
+  /// `client` is not owned and outlives this object.
   explicit MetricSelfMonitor(ClientParts* client);
   ~MetricSelfMonitor();
   MetricSelfMonitor(const MetricSelfMonitor&) = delete;

@@ -22,6 +22,7 @@ struct ClientParts;
 /// joins and socket work included. Flush threads never take it. Owns the senders.
 class METRICS_API MetricSenderManager {
  public:
+  /// `client` is not owned and outlives this object.
   explicit MetricSenderManager(ClientParts* client);
   ~MetricSenderManager();
   MetricSenderManager(const MetricSenderManager&) = delete;

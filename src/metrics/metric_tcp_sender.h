@@ -13,7 +13,7 @@ namespace METRICS {
 /// Sends each packet, compressed, in an exchange of four steps over a TCP connection to an endpoint
 /// that the discovery names: head out, reply in, body out, reply in.
 ///
-/// As the exchange is defined, it never comes to its end: a flush that has a packet to send does
+/// As the exchange is defined, it never ends: a flush that has a packet to send does
 /// not return, nothing is delivered, and whoever stops the sender waits. Only a sender without a
 /// packet to send ends freely. Use the Unix domain socket.
 class MetricTcpSender final : public MetricSender {

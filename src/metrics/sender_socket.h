@@ -22,9 +22,9 @@ class SenderSocket {
   SenderSocket() = default;
   ~SenderSocket() = default;
 
-  /// Makes a socket in the place of an old one, which a line about the reconnect of `kind` tells;
-  /// it is kept out of programs that the service executes. 66, with a line and without a socket,
-  /// when there is no descriptor to be had.
+  /// Makes the socket anew. An old one is closed first, with a line that calls it a reconnect of
+  /// `kind`. The new one is kept out of programs that the service executes. 66, with a line and no
+  /// socket, when there is no descriptor to be had.
   ReturnCode OpenSocket(const std::string& tenant, const char* kind, int family, int type);
   /// Bounds each send (SO_SNDTIMEO) or receive (SO_RCVTIMEO) at 100 ms. A failure is a line.
   void SetTimeout(const std::string& tenant, int option) const;
