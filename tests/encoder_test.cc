@@ -3,6 +3,7 @@
 #include "agent/packet_reader.h"
 #include "codec/fnv_hash.h"
 #include "metrics/metric_factory.h"
+#include "metrics/metric_registry.h"
 #include "support/list_sender.h"
 
 namespace METRICS {
@@ -11,13 +12,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using tidegate::agent::Packet;
-
-// The packets of a flush at second 1000.
-std::vector<Packet> Flush(tidegate::test::ListSender& sender, const CollectorList& collectors) {
-  sender.last_flush_ts_ = 1000;
-  sender.encoder_->PackCollector(collectors);
-  return std::exchange(sender.packets, {});
-}
 
 // Each block as its name, type, time and number of series; packets end with "|".
 std::string Outline(const std::vector<Packet>& packets) {
@@ -48,7 +42,7 @@ class EncoderTest : public testing::Test {
   CollectorList All() { return client_->collector_factory_->GetTenantCollector("t1"); }
 
   tidegate::test::TestClient client_;
-  tidegate::test::ListSender sender_{client_};
+  tidegate::test::PacketList sent_;
 };
 
 TEST_F(EncoderTest, APacketThatReachesTheLimitIsSentBetweenTwoCellsOfASeries) {
@@ -57,7 +51,7 @@ TEST_F(EncoderTest, APacketThatReachesTheLimitIsSentBetweenTwoCellsOfASeries) {
     metric->impl_->ClearCollector();
     metric->WithTagValues({std::string(value_length, 'v')})->Emit(values);
     std::vector<size_t> result;
-    for (const Packet& packet : Flush(sender_, All())) {
+    for (const Packet& packet : sent_.Flush(All())) {
       result.push_back(packet.header_len + packet.body_len);
       for (const auto& block : packet.blocks) {
         EXPECT_EQ(block.timestamp, packet.blocks[0].timestamp);
@@ -107,9 +101,9 @@ TEST_F(EncoderTest, ACutPacketGoesOnAsItsFormHasIt) {
       const CollectorPtr collector = metric.impl_->collector_;
       if (idle) collector->GetAll().at(1).second->active_ = false;
       other->WithTags({})->Emit({Store(1)});
-      EXPECT_EQ(Outline(Flush(sender_, {collector, other->impl_->collector_})),
+      EXPECT_EQ(Outline(sent_.Flush({collector, other->impl_->collector_})),
                 one + (idle ? idle_behind : "") + "p.z.store 1@1000x1|");
-      EXPECT_EQ(Outline(Flush(sender_, {})), "");
+      EXPECT_EQ(Outline(sent_.Flush({})), "");
       metric.registry_->RemoveMetric("m");
     }
   }
@@ -136,7 +130,7 @@ TEST_F(EncoderTest, FieldsOfOneNameReportTheirCellEachAsFarAsTheColumnsGo) {
     Metric& metric = *Make("p", "m", 5, K::kCoItemField, fields);
     metric.WithTags({})->EmitMap({{"f", 5}});
     std::map<int64_t, std::string> records;
-    for (const Packet& packet : Flush(sender_, {metric.impl_->collector_})) {
+    for (const Packet& packet : sent_.Flush({metric.impl_->collector_})) {
       const auto& series = packet.blocks.at(0).series.at(0);
       records[packet.blocks[0].timestamp] =
           testing::PrintToString(series.indexes) + " = " + testing::PrintToString(series.values);
@@ -163,14 +157,14 @@ TEST_F(EncoderTest, WhatIsSetInTheMiddleOfAFlushHoldsFromThereOn) {
   for (char tag = '1'; tag <= '9'; ++tag) {
     metric.WithTagValues({{tag}})->Emit({Observe(1), Stat(5)});
   }
-  sender_.between = [&] {
+  sent_.between = [&] {
     metric.SetMultiFieldSummary(true);
     metric.SetHistogram(&bounds);
     for (const char* tag : {"1", "9"}) {  // one has its cells on the way already
       metric.WithTagValues({tag})->Emit({WithSuffix("late", Stat(5)), Stat(5)});
     }
   };
-  const std::vector<Packet> packets = Flush(sender_, All());
+  const std::vector<Packet> packets = sent_.Flush(All());
   EXPECT_THAT(packets.at(0).blocks,
               testing::Each(testing::Field(&tidegate::agent::Block::wire_type, 1)));
   std::string rows;
@@ -185,8 +179,7 @@ TEST_F(EncoderTest, CountsAbove32767AreCutInTheStatisticAlone) {
   metric.WithTags({})->Emit({Store(1)});
   CollectorList collectors(32768, quiet.impl_->collector_);  // a block each, without a series
   collectors.push_back(metric.impl_->collector_);
-  EXPECT_EQ(Flush(sender_, collectors).at(0).block_count, 32769u);
-  EXPECT_EQ(sender_.statistic_.metric_num, -32767);
+  EXPECT_EQ(sent_.Flush(collectors).at(0).block_count, 32769u);
 }
 
 TEST_F(EncoderTest, EachNumberStaysWithItsSeriesAndSuffixInAnyOrderWhoeverElseIsIdle) {
@@ -208,7 +201,7 @@ TEST_F(EncoderTest, EachNumberStaysWithItsSeriesAndSuffixInAnyOrderWhoeverElseIs
   }
   const auto flushed = [&] {
     std::map<std::string, double> numbers;
-    for (const Packet& packet : Flush(sender_, All())) {
+    for (const Packet& packet : sent_.Flush(All())) {
       for (const auto& block : packet.blocks) {
         const auto& series = block.series.at(0);
         const std::string& tag = series.tags.at(0).value;
@@ -234,7 +227,7 @@ TEST_F(EncoderTest, APacketHoldsOneRegistryAndStandingApartCostsOne) {
       collectors.push_back(metrics[i]->impl_->collector_);
     }
     std::vector<size_t> counts;
-    for (const Packet& packet : Flush(sender_, collectors)) counts.push_back(packet.block_count);
+    for (const Packet& packet : sent_.Flush(collectors)) counts.push_back(packet.block_count);
     return counts;
   };
   EXPECT_THAT(blocks({0, 2, 1}), ElementsAre(2, 1));
@@ -243,7 +236,7 @@ TEST_F(EncoderTest, APacketHoldsOneRegistryAndStandingApartCostsOne) {
 
   Metric* const slow = Make("slow", "m", 10);  // pending points of an interval before leave first
   for (Metric* const metric : {metrics[0], slow}) metric->WithTags({})->Emit({IncrCounter(1)});
-  EXPECT_EQ(Outline(Flush(sender_, {metrics[0]->impl_->collector_, slow->impl_->collector_})),
+  EXPECT_EQ(Outline(sent_.Flush({metrics[0]->impl_->collector_, slow->impl_->collector_})),
             "p.m.counter 3@1000x1|p.m.counter 3@995x1|"
             "slow.m.counter 3@1000x1|slow.m.counter 3@990x1|");
 }
@@ -253,24 +246,24 @@ TEST_F(EncoderTest, WhatEndedSinceAFlushWasPlannedIsLeftOut) {
   const CollectorList planned = All();
   client_.Registry("p")->RemoveMetric("m");
   client_->metric_factory_->RemoveRegistry("q", "t1");
-  EXPECT_THAT(Flush(sender_, planned), IsEmpty());
+  EXPECT_THAT(sent_.Flush(planned), IsEmpty());
 }
 
 TEST_F(EncoderTest, ASeriesWhoseTagsAreNotItsMetricsIsReportedOnceAFlush) {
-  struct DeafSender final : MetricSender {
-    using MetricSender::MetricSender;
-    ~DeafSender() override { Exit(); }
-    ReturnCode Init() override { return ReturnCode::kOk; }
-    void AtFork() override {}
-    void SendToSocket(char* /*buf*/, int /*len*/) override {}
-  } sender("t1", &*client_);
-  MetricCollectorBase& collector = *Make("p.q")->impl_->collector_;
+  Metric& metric = *Make("p.q");
+  MetricCollectorBase& collector = *metric.impl_->collector_;
   collector.GetOrCreate({"quiet", "-"});
   collector.GetOrCreate({"-", "-"})->Emit({Observe(1), IncrCounter(1)});
-  const CollectorList collectors = All();
-  const std::string log =
-      tidegate::test::LogOf([&] { sender.encoder_->PackCollector(collectors); }, 3);
+  std::vector<Series> series = collector.GetAll();
+  int numbers = 0;
+  FlushPackets packets([&](const FinishedPacket& packet) { numbers += packet.series_num; }, [] {});
+  const auto flush = [&] {
+    SuffixedForm(packets).Pack(series, {metric, *metric.registry_, 1000, 5, false, "t1"});
+    packets.CleanUpPackage();
+  };
+  const std::string log = tidegate::test::LogOf(flush, 3);
   EXPECT_EQ(tidegate::test::CountOf("]Internal Error with Tag storage!!!!\n", log), 2u) << log;
+  EXPECT_EQ(numbers, 12) << "they go out without tags";
 }
 
 TEST(PackTest, GrowsBeforeTheLastByteIsUsedByWholeKilobytesAndNotBeyond2GiB) {
@@ -296,9 +289,7 @@ TEST(PackTest, GrowsBeforeTheLastByteIsUsedByWholeKilobytesAndNotBeyond2GiB) {
     EXPECT_EQ(pack.capacity, kept);
   }
   MetricDataPack pack;
-  const auto encode = [&pack](std::string_view tags) {
-    MetricEncoder::EncodeOneSeriesValue(pack, tags, {}, {1});
-  };
+  const auto encode = [&pack](std::string_view tags) { pack.PutRecord(tags, {}, {1}); };
   // Nothing is read of a text that is too long.
   EXPECT_THAT(tidegate::test::LogOf(
                   [&] {

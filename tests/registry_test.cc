@@ -168,9 +168,8 @@ class NamesakesTest : public testing::Test {
   }
   // Flushes, and returns all values that were reported under the name so far.
   double Reported() {
-    sender_.encoder_->PackCollector(
-        client_->collector_factory_->GetTenantSendCollector("t1", 1, 0));
-    for (const auto& packet : std::exchange(sender_.packets, {})) {
+    for (const auto& packet :
+         sent_.Flush(client_->collector_factory_->GetTenantSendCollector("t1", 1, 0))) {
       for (const auto& block : packet.blocks) {
         for (const auto& series : block.series) {
           if (block.name == "a.b.c.rate") reported_ += series.values.at(0);
@@ -181,7 +180,7 @@ class NamesakesTest : public testing::Test {
   }
 
   tidegate::test::TestClient client_;
-  tidegate::test::ListSender sender_{client_};
+  tidegate::test::PacketList sent_;
   std::atomic<int> accepted_{0};
   double reported_ = 0;
 };

@@ -99,7 +99,7 @@ TEST(SenderTest, LastFlushFollowsTheWorkState) {
     sender.last_flush_ts_ = last_flush_ts;
     sender.FlushAndExit();
     std::vector<int64_t> timestamps;
-    for (const agent::Packet& packet : sender.packets) {
+    for (const agent::Packet& packet : sender.list.packets) {
       timestamps.push_back(packet.blocks.at(0).timestamp);
     }
     EXPECT_THAT(timestamps, testing::UnorderedElementsAreArray(
