@@ -24,7 +24,7 @@ constexpr std::chrono::seconds kLogDrain(2);
 constexpr std::chrono::seconds kHttpDrain(2);
 constexpr std::chrono::minutes kPrintingLineInterval(1);
 
-// For what services send last, though the time of --drain may be over by then.
+// For the last packets of the services, though the time of --drain may be over by then.
 constexpr std::chrono::seconds kLastWords(1);
 
 std::string SlotPath(const Options& options) { return options.socket + ".slots"; }
@@ -83,7 +83,7 @@ void Agent::LookAfterSlots() {
               std::generic_category().message(errno));
 }
 
-// In this order: what the process has sent is in the queue before its connection goes.
+// In this order: the messages of a process are in the queue before its connection goes.
 bool Agent::IsLive(const ProcessId& process) const {
   return connected_.Contains(process) || queue_.Holds(process);
 }
@@ -190,8 +190,8 @@ void Agent::ChangeTo(const Options& next) {
 int Agent::End(int status) {
   const bool http_ended = !http_ || http_->Stop(kHttpDrain);
   log_.Finish(kLogDrain);
-  // A slow client may not keep the process; its thread still uses what the destructors would take
-  // away.
+  // A slow client may not keep the process. Its thread still uses members that the destructors
+  // would destroy.
   if (!http_ended) std::_Exit(status);
   return status;
 }
@@ -251,7 +251,7 @@ void Agent::ReportTarget(const ForwardUrl& url) noexcept {
 
 void Agent::PrintingChanged(int error) noexcept {
   const bool ended = StreamWriter::IsFinal(error);
-  // Printing is all that there is to do, or else the rest goes on without it.
+  // If printing is all that there is to do, the agent ends. Otherwise the rest goes on without it.
   if (ended && options_.http.empty() && !options_.forward) return Stop();
   Survives(&health_, [&] {
     const Clock::time_point now = Clock::now();
@@ -266,7 +266,7 @@ void Agent::PrintingChanged(int error) noexcept {
   });
 }
 
-// An agent that looks alive and shows nothing would be worse than one that starts anew.
+// An agent that looks alive and shows nothing would be worse than one that is restarted.
 void Agent::HttpEnded() noexcept {
   log_.ReportJoined(LogLevel::kError,
                     {"serving ", options_.http, " has ended by itself, so the agent ends as well"});

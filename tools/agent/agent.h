@@ -37,11 +37,11 @@ namespace tidegate::agent {
 //   forwarder:     packs points and sends them to a database
 //   HTTP:          pages from the table of series
 //
-// No thread waits for a later one, and none ends because memory runs out: what it loses by that
-// is counted. Run once; Stop and Reload from any thread and from a signal handler.
+// No thread waits for a later one. None ends because memory runs out: it counts its loss. Run once;
+// Stop and Reload from any thread and from a signal handler.
 class Agent {
  public:
-  // Reads the settings anew. Nothing, with `error`, if they make no sense.
+  // Reads the settings again. Nothing, with `error`, if they make no sense.
   using Reader = std::function<std::optional<Options>(OptionsError* error)>;
 
   // `read` is called on a thread of the agent. Without it the settings stay as they are.
@@ -56,8 +56,8 @@ class Agent {
 
   void Stop() { server_.Stop(); }
 
-  // Makes the agent read its settings anew within a second or so, and change what can be changed;
-  // the log says what. Does not wait.
+  // Makes the agent read its settings again within a second or so, and change those that can be
+  // changed; the log says which. Does not wait.
   void Reload() { reload_asked_ = true; }
 
  private:
@@ -66,7 +66,7 @@ class Agent {
   std::vector<PacketSink*> Sinks();
   // Makes them; null if points have none.
   ProcessSlots* Slots();
-  // What sinks know as IsLive.
+  // The function that sinks know as IsLive.
   bool IsLive(const ProcessId& process) const;
   bool Start();
   bool Listen(std::string* error);
@@ -85,9 +85,9 @@ class Agent {
   // On the decoder's thread.
   void ReadSettings();
   void ChangeTo(const Options& next);
-  // Ends what comes after the decoder, by `end`. False if points could not be printed.
+  // Ends the outputs, which come after the decoder, by `end`. False if points could not be printed.
   bool FinishOutputs(Clock::time_point end);
-  // What Run returns, with the last lines written.
+  // The result of Run, once the last lines are written.
   int End(int status);
   void ReportTotals();
 

@@ -11,11 +11,11 @@ struct Batch {
   std::string body;
   uint64_t points = 0;
   bool packed = false;   // compressed: ready to be sent
-  bool older = false;    // than what was spooled while it was being sent, in vain
+  bool older = false;    // than a batch that was spooled while this one was being sent, and failed
   bool spooled = false;  // a copy of what is in the spool
 };
 
-// In a queue, or one on its way: what is moved from list to list needs no memory.
+// In a queue, or one on its way: to move a batch from list to list needs no memory.
 using Batches = std::list<Batch>;
 
 }  // namespace tidegate::agent

@@ -11,10 +11,10 @@ using METRICS::WriteGuard;
 // A full queue drops whole batches, so a batch must be a small part of it.
 constexpr uint64_t kBatchesInQueue = 10;
 
-// The spool gets what is above this part of the queue.
+// The spool gets the batches above this part of the queue.
 constexpr uint64_t kMarkDivisor = 2;
 
-// Behind Flush; a pause may have been worked out just before.
+// After Flush; a pause may have been set just before.
 constexpr std::chrono::milliseconds kLongestFlushPause{500};
 
 BatchLimits Sane(BatchLimits limits) {

@@ -20,7 +20,7 @@ struct BatchLimits {
   size_t queue_bytes = size_t{64} << 20;     // and in bytes, compressed where that is done
 };
 
-// What the queue holds, without the batch that a thread has taken out.
+// The content of the queue, without the batch that a thread has taken out.
 struct QueueSize {
   uint64_t points = 0;
   uint64_t bytes = 0;
@@ -28,14 +28,14 @@ struct QueueSize {
 
 // Gathers lines into batches and keeps them, oldest first, until a thread takes them. Above a limit
 // of the queue the oldest batch goes, and its points are counted. A spool, if there is one, takes
-// the oldest batches of a queue that is more than half full. Those are older than what is left
-// here, and are sent first. Only one that was being sent, in vain, while the first was spooled is
-// older still, and stays here.
+// the oldest batches of a queue that is more than half full. Those are older than the rest of the
+// queue, and are sent first. Only one batch can be older still: one whose sending failed while the
+// first was being spooled. It stays here.
 //
 // Threads: one sends, with Take, ReturnPacked and ReturnUnsent; one spools, with TakeToSpool and
 // ReturnFromSpool; any the others. None but the two Take functions wait; the lock is held for
-// moving batches, never for compressing, sending or writing one. What is open comes on top of the
-// limits, and what the Take functions have handed out: a tenth of them each at most.
+// moving batches, never for compressing, sending or writing one. The limits do not count the open
+// batch, nor those that the Take functions have handed out: a tenth of the limits each at most.
 class BatchQueue {
  public:
   using Clock = std::chrono::steady_clock;
@@ -52,8 +52,8 @@ class BatchQueue {
   uint64_t Append(std::string_view lines, uint64_t points);
 
   // The next batch, alone in its list: the oldest unpacked one while it is too early to send, else
-  // the oldest packed one. Waits for a batch until `until`, after Flush only for the time to send;
-  // returns an empty list if there is none, or if it is time to send one of the spool.
+  // the oldest packed one. Waits for a batch until `until`, after Flush only for the time to send.
+  // Returns an empty list if there is none, or if it is time to send one of the spool.
   Batches Take(Clock::time_point until);
 
   // Whether it is time to send a batch of the spool.
@@ -62,9 +62,9 @@ class BatchQueue {
   // Puts back a batch that has been packed. Returns how many points had to go for it.
   uint64_t ReturnPacked(Batches batch);
 
-  // Puts back a batch that could not be sent; it is too early to send until `retry_at`, behind
-  // Flush for half a second at most. An empty list is for a batch that stays in the spool. Returns
-  // how many points had to go for it.
+  // Puts back a batch that could not be sent; it is too early to send until `retry_at`, after Flush
+  // for half a second at most. An empty list is for a batch that stays in the spool. Returns how
+  // many points had to go for it.
   uint64_t ReturnUnsent(Batches batch, Clock::time_point retry_at);
 
   // The oldest batch, packed or not, for the spool: once the queue is more than half full, but not
@@ -72,7 +72,7 @@ class BatchQueue {
   Batches TakeToSpool(Clock::time_point from, Clock::time_point until);
 
   // Ends what TakeToSpool began: puts back a batch that the spool did not take, and takes note of
-  // what it has. Returns how many points had to go for it.
+  // its content. Returns how many points had to go for it.
   uint64_t ReturnFromSpool(Batches batch);
 
   void StopSpooling();

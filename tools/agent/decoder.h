@@ -14,9 +14,8 @@
 namespace tidegate::agent {
 
 // Decodes messages and hands the packets to all sinks. A refused message is counted, gets a line of
-// the log and changes nothing else. Where memory runs out, a packet is lost, or a sink loses what
-// it had to keep of it: both are counted. The sinks get the client with its slot, if there are
-// slots.
+// the log and changes nothing else. Where memory runs out, a packet is lost, or a sink loses its
+// part of the packet: both are counted. The sinks get the client with its slot, if there are slots.
 //
 // Threads: Run on one thread, which is that of the sinks and of `on_second`. Borrows everything.
 class Decoder {

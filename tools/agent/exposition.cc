@@ -170,7 +170,7 @@ void SampleWriter::Histogram(const std::string& name, const std::vector<double>&
   const Cell& sum = cells[bounds.size()];
   const Cell& count = cells[bounds.size() + 1];
   Line(name, kSumEnd, {}, sum.value, sum.timestamp);
-  // What a packet says of it can be anything, and receivers want that of all buckets.
+  // A packet can claim any count, and receivers want that of all buckets.
   Line(name, kCountEnd, {}, below, count.timestamp);
 }
 

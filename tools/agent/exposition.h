@@ -15,8 +15,8 @@
 
 namespace tidegate::agent {
 
-// Appends what is shown of the value of a label, before escapes: as utf8.h says for every byte that
-// is not UTF-8, for NUL, and for a backslash in front of an x.
+// Appends the value of a label as it is shown, before escapes. Every byte that is not UTF-8, a NUL,
+// and a backslash before an x are written as utf8.h says.
 void AppendText(std::string_view text, std::string* out);
 
 // The newest value of a column, or for accumulated ones its sum.

@@ -12,7 +12,7 @@
 
 namespace tidegate::agent {
 
-// What the names of lines in summaries and histograms end with.
+// The ends of names of lines in summaries and histograms.
 inline constexpr std::string_view kSumEnd = "_sum";
 inline constexpr std::string_view kCountEnd = "_count";
 inline constexpr std::string_view kBucketEnd = "_bucket";
@@ -29,7 +29,7 @@ struct FamilyPart {
 std::vector<FamilyPart> FamiliesOf(Kind kind, std::string_view name,
                                    const std::vector<std::string>& columns);
 
-// What the lines of a family look like.
+// The form of a family and of its lines.
 struct FamilyForm {
   std::string_view type;                 // in the text
   ConstList<std::string_view> suffixes;  // of its name, that of each line ends with one
@@ -37,7 +37,8 @@ struct FamilyForm {
 };
 const FamilyForm& FormOf(FamilyType type);
 
-// That of the kind which shows this column of it; empty for summaries and histograms.
+// The family of a kind that shows this column of it. `column` is empty for summaries and
+// histograms.
 const FamilyRow& FamilyOf(Kind kind, std::string_view column);
 
 // Says what a family shows: "column c of row r". `column` is the name of the family's column, empty

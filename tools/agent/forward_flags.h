@@ -12,7 +12,7 @@ class App;
 
 namespace tidegate::agent {
 
-// What the command line and the file of settings say about forwarding. Times are seconds.
+// The settings of forwarding, from the command line and the file. Times are seconds.
 struct ForwardFlags {
   std::string url;  // empty: nothing is forwarded
   uint64_t batch_points = BatchLimits().batch_points;

@@ -35,7 +35,8 @@ std::string PercentDecoded(std::string_view text) {
   return decoded;
 }
 
-// What stands in front of `separator`, which goes too; empty, and nothing taken, without one.
+// Takes the text before `separator`, and the separator. Without one it takes nothing, and the
+// result is empty.
 std::string_view TakeThrough(std::string_view* rest, size_t separator, size_t width) {
   if (separator == std::string_view::npos) return {};
   const std::string_view front = rest->substr(0, separator);
@@ -93,7 +94,7 @@ bool CheckPrecision(std::string_view target, std::string* error) {
     const std::string_view parameter = target.substr(0, target.find('&'));
     target.remove_prefix(parameter.size());
     if (parameter.substr(0, kName.size()) != kName || parameter == "precision=ns") continue;
-    // What comes after the value may be a secret after a wrong separator.
+    // The text after the value may be a secret after a wrong separator.
     const size_t end = parameter.find_first_not_of("abcdefghijklmnopqrstuvwxyz", kName.size());
     *error = "\"" + std::string(parameter.substr(0, end)) +
              "\" does not hold, timestamps are nanoseconds: leave it out";
@@ -173,7 +174,7 @@ std::string WithoutSecrets(const std::string& text) {
   for (const std::string_view known : {"http://", "https://"}) {
     if (text.compare(0, known.size(), known) == 0) scheme = known.size();
   }
-  // With a ? in front of it, the @ may stand in a query as well as behind a password.
+  // With a ? before it, the @ may be in a query as well as after a password.
   return text.substr(0, scheme) + "..." +
          (query < at ? "" : text.substr(at, text.find_first_of("?#", at) - at));
 }

@@ -192,7 +192,7 @@ void Forwarder::Run() {
     if (!batch.empty() &&
         !Survives(health_, [&] { batch.front().packed ? Deliver(&batch) : Pack(&batch); })) {
       sending_ = 0;
-      // What was kept, or counted, is no longer in there.
+      // Points that were kept, or counted, are no longer in there.
       if (!batch.empty()) health_->forward_dropped_memory += batch.front().points;
     }
     PublishSize();
@@ -237,7 +237,7 @@ void Forwarder::Pack(Batches* batch) {
 
 void Forwarder::Deliver(Batches* batch) {
   TakeTarget();  // since the batch was waited for
-  // Whatever becomes of this agent, the spool keeps its own.
+  // The spool keeps its batches, also if this agent ends.
   if (!batch->front().spooled) sending_ = batch->front().points;
   const HttpReply reply = Post(batch->front());
   sending_ = 0;

@@ -28,7 +28,7 @@ struct ForwardOptions {
   ForwardUrl url;
   BatchLimits limits;
   std::chrono::milliseconds timeout{10000};    // of a request, from the name's look-up to the reply
-  std::chrono::milliseconds first_pause{500};  // behind a failure; doubled by each further one
+  std::chrono::milliseconds first_pause{500};  // after a failure; doubled by each further one
   std::chrono::milliseconds longest_pause{30000};
   std::chrono::milliseconds setup_time{600000};  // of nothing but 401 and 404, before it drops
   std::chrono::milliseconds health_interval{10000};
@@ -40,12 +40,12 @@ struct ForwardOptions {
 
 // Sends points to a database, as lines of the InfluxDB line protocol over HTTP.
 //
-// What cannot be delivered now (no connection, no reply, 429, 5xx, and 401 and 404 for setup_time)
-// waits in a bounded queue, and in the spool if there is one, and is tried again, oldest first,
-// with pauses that grow and are cut at random. What the server refuses otherwise, redirects
-// included, is dropped, or if InfluxDB says how many lines it has dropped, as many points. Both are
-// counted in Health and reported, at most once per log_interval each. A reply that got lost makes a
-// batch arrive twice.
+// Some batches cannot be delivered now: no connection, no reply, 429, 5xx, and 401 and 404 for
+// setup_time. They wait in a bounded queue, and in the spool if there is one. They are tried again,
+// oldest first, with pauses that grow and are cut at random. A batch that the server refuses
+// otherwise, redirects included, is dropped; if InfluxDB says how many lines it has dropped, as
+// many points are. Both are counted in Health and reported, at most once per log_interval each. If
+// a reply gets lost, its batch arrives twice.
 //
 // Threads: Handle on the decoder's; a thread of its own packs and sends, one more feeds the spool;
 // the rest from the owner's. Each of them reports. Handle writes lines and never waits. Borrows
@@ -53,17 +53,17 @@ struct ForwardOptions {
 class Forwarder : public PacketSink {
  public:
   Forwarder(ForwardOptions options, Health* health, Report report);
-  ~Forwarder() override;  // stops without sending what waits
+  ~Forwarder() override;  // stops without sending the points that wait
 
   // Starts the thread, once.
   void Start();
 
-  // Sends what waits for at most `drain`; returns sooner when all is sent. What is left goes
-  // to the spool, whatever time that takes, or is dropped, counted and reported. Does nothing
+  // Sends the points that wait, for at most `drain`; returns sooner when all are sent. The rest
+  // goes to the spool, however long that takes, or is dropped, counted and reported. Does nothing
   // without Start or when called again. REQUIRES: no Handle from now on.
   void Stop(std::chrono::milliseconds drain);
 
-  // From now on sends to `url`, also what waits, and at once. From any thread.
+  // From now on sends to `url`, also the points that wait, and at once. From any thread.
   void Redirect(const ForwardUrl& url, std::chrono::milliseconds timeout);
 
   // From now on no point waits for others to be sent with.
@@ -120,7 +120,7 @@ class Forwarder : public PacketSink {
   const std::future<void> ended_{end_.get_future()};
   std::atomic<uint64_t> sending_{0};  // points that are under way
   std::atomic<bool> draining_{false};
-  Clock::time_point drain_end_;  // written before draining_, read behind it
+  Clock::time_point drain_end_;  // written before draining_, read after it
 
   // Of Handle.
   LineWriter writer_;

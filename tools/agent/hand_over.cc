@@ -36,7 +36,7 @@ bool Send(int fd, std::string_view text) {
          static_cast<ssize_t>(text.size());
 }
 
-// Whatever signals come meanwhile.
+// Also if signals come meanwhile.
 bool AwaitMessage(int fd) {
   const auto end = std::chrono::steady_clock::now() + kPatience;
   pollfd ready = {fd, POLLIN, 0};
@@ -96,8 +96,8 @@ bool HandOverGiver::SendSockets(int fd) const {
 }
 
 HandOverTaker::Answer HandOverTaker::Ask(UniqueFd connection) {
-  // The offer carries the credentials of who sends it, while those of the connection are those of
-  // who once began to listen.
+  // The offer carries the credentials of its sender. Those of the connection belong to the process
+  // that once began to listen.
   const int on = 1;
   setsockopt(connection.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof(on));
   connection_ = std::move(connection);

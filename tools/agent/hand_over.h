@@ -13,8 +13,8 @@
 namespace tidegate::agent {
 
 // How an agent that starts takes the listening sockets over from one of the same user that runs, so
-// that nobody who connects meanwhile is refused. They talk on a connection to the socket itself, by
-// one message each:
+// that no client that connects meanwhile is refused. They talk on a connection to the socket
+// itself, by one message each:
 //
 //   the new one asks     the old one offers, and passes the descriptors along
 //   the new one takes    the old one gives: they are the new one's from here on
@@ -24,8 +24,8 @@ namespace tidegate::agent {
 // The old one's side. Threads: one. Owns its descriptors.
 class HandOverGiver {
  public:
-  // What it gives to whom asks: sockets that listen, that of the services first. None: it gives
-  // nothing, as at the beginning.
+  // The sockets that it gives to an agent that asks: they listen, and that of the services is the
+  // first. None: it gives nothing, as at the beginning.
   void Offer(std::vector<UniqueFd> sockets) { sockets_ = std::move(sockets); }
 
   // Whether `message`, which came from connection number `number` with descriptor `fd`, is for it.
@@ -55,7 +55,7 @@ class HandOverTaker {
   // Asks on a connection to the socket, which may be one that does not block.
   Answer Ask(UniqueFd connection);
 
-  // What was offered; none if there was no such socket, or if it has been moved away.
+  // The sockets that were offered; none if there was no such socket, or if it has been moved away.
   UniqueFd& services() { return services_; }
   UniqueFd& http() { return http_; }
   // By whom, by the word of the kernel; 0 if nothing was offered.

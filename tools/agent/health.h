@@ -17,11 +17,11 @@ namespace tidegate::agent {
 enum class DecodeFailure { kTooLong, kForeign, kVersion, kMalformed };
 constexpr size_t kDecodeFailures = 4;
 
-// What refused a message of which ReadPacket said `error`.
+// The reason to refuse a message for which ReadPacket gave `error`.
 DecodeFailure FailureOf(const ReadError& error);
 
-// Why the table of series did not take a point: it was full, another series holds the name, the
-// packet took too much work, or its time is too far in the future.
+// Why the table of series did not take a point. It was full; another series holds the name; the
+// packet took too much work; or its time is too far in the future.
 enum class Refusal { kLimit, kCollision, kWork, kAhead };
 constexpr size_t kRefusals = 4;
 

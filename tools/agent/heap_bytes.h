@@ -5,10 +5,10 @@
 
 namespace tidegate::agent {
 
-// What the heap and the tables add to each piece of memory, about.
+// The bytes that the heap and the tables add to each piece of memory, about.
 inline constexpr size_t kHeapOverhead = 16;
 
-// What a text takes outside of its string.
+// The bytes that a text takes outside of its string.
 inline size_t HeapBytes(const std::string& text) {
   static const size_t within = std::string().capacity();
   return text.size() > within ? text.size() + kHeapOverhead : 0;

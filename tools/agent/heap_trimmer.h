@@ -7,14 +7,16 @@
 
 namespace tidegate::agent {
 
-// Has the heap give memory back to the system after much of it has become free: the heap by itself
-// does so only with what lies at its end, which after a sweep of the table is next to nothing.
+// Makes the heap give memory back to the system after much of it has become free. By itself the
+// heap gives back only the free memory at its end, which is next to nothing after a sweep of the
+// table.
 //
-// What the process holds beside what is known to be in use is held against the least that this has
-// been. So it does not matter what the memory was for, or how well its use is known.
+// It looks at the memory of the process without the bytes that are known to be in use, and compares
+// it with the least that this has been. So it does not matter which part of the agent used the
+// memory, or how exactly its use is known.
 //
-// Threads: Look from one. A trim takes some 100 ms for each 100 MB, so it has a thread of its own;
-// the heap keeps others waiting only where they share their part of it and need memory anew.
+// Threads: Look from one. A trim takes some 100 ms for each 100 MB, so it has a thread of its own.
+// Other threads wait for it only if they allocate from the part of the heap that is being trimmed.
 class HeapTrimmer {
  public:
   using Clock = std::chrono::steady_clock;

@@ -255,7 +255,7 @@ const HttpConnections::Page* HttpConnections::OldestPage() const {
 void HttpConnections::Cut(Client* client) {
   if (client->state == State::kCut) return;
   if (client->state != State::kHead) {
-    // What the kernel still has to send goes as well.
+    // The bytes that the kernel still has to send are dropped as well.
     const linger at_once = {1, 0};
     setsockopt(client->fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
   }

@@ -17,9 +17,9 @@
 
 namespace tidegate::agent {
 
-// What the clients of the HTTP side may take together. The agent holds at most `pages` + 1 pages,
-// as one that grows can be there twice. Each connection takes 32 KiB of the agent's memory and
-// 160 KiB of the kernel's.
+// The limits of all clients of the HTTP side together. The agent holds at most `pages` + 1 pages,
+// as one that grows can be there twice. Each connection takes 32 KiB of the agent's memory and 160
+// KiB of the kernel's.
 struct HttpLimits {
   size_t connections = 128;
   size_t pages = 3;  // that exist at a time, with the one that is being written; two at least
@@ -36,9 +36,8 @@ struct HttpLimits {
 //
 // Everything that a client can make it hold is bounded. A head has 32 KiB at most; no body is read.
 // A client beyond the limit replaces the oldest one that has no complete request, or the oldest one
-// if all have. A page goes to all who asked for it before it was begun, and exists
-// once; who comes later waits for the next. The client's speed holds up nobody else: sockets do not
-// block.
+// if all have. A page exists once, and goes to all clients that asked before it was begun; a later
+// one waits for the next page. A slow client delays no other: sockets do not block.
 //
 // Threads: all calls from one. `make_page` is called by Run and must not call back.
 class HttpConnections {

@@ -80,7 +80,7 @@ class HttpPoster::Client {
  public:
   explicit Client(const ForwardUrl& url);
 
-  // What the request has ended with; CURLE_ABORTED_BY_CALLBACK after Cancel.
+  // The result of the request; CURLE_ABORTED_BY_CALLBACK after Cancel.
   CURLcode Perform(const std::string& body, std::chrono::milliseconds timeout);
   void Cancel();
   HttpReply TakeReply(CURLcode code);
@@ -132,7 +132,7 @@ HttpPoster::Client::Client(const ForwardUrl& url) {
   Set(CURLOPT_WRITEFUNCTION, &Client::TakeBody);
   Set(CURLOPT_WRITEDATA, this);
   Set(CURLOPT_NOSIGNAL, 1L);
-  // The look-up of a name cannot be broken off: its thread is left behind.
+  // The look-up of a name cannot be stopped: its thread is left to end by itself.
   Set(CURLOPT_QUICK_EXIT, 1L);
 }
 

@@ -8,7 +8,7 @@
 
 namespace tidegate::agent {
 
-// What became of one request.
+// The outcome of one request.
 struct HttpReply {
   int status = 0;        // 0: no whole reply came
   std::string body;      // as it came, up to HttpPoster::kMaxReply

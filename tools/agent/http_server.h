@@ -14,8 +14,8 @@
 
 namespace tidegate::agent {
 
-// The agent's pages: /metrics, /healthz and, at /, what this is. What clients may take is bounded,
-// see HttpConnections. Only GET and HEAD are served, ranges are ignored.
+// The agent's pages: /metrics, /healthz and, at /, a short description. Clients are bounded by
+// HttpConnections. Only GET and HEAD are served, ranges are ignored.
 //
 // Threads: Start and Stop from one. It has two of its own: one serves all clients, the other one
 // calls `page`, so the other pages do not wait for it.

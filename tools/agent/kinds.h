@@ -28,8 +28,8 @@ class ConstList {
   size_t size_ = 0;
 };
 
-// What a block holds. The values are those of wire_type, but a block whose columns do not fit its
-// type counts as a row, or as a gauge if it has none (see KindOf).
+// The kind of a block's numbers. The values are those of wire_type. A block whose columns do not
+// fit its type counts as a row, or as a gauge if it has no columns (see KindOf).
 enum class Kind : uint8_t {
   kGauge = 1,
   kRate,
@@ -49,28 +49,28 @@ enum class ColumnForm : uint8_t {
   kAny,     // any names
 };
 
-// What becomes of the numbers that several processes report for one series at one time.
+// How the numbers are merged that several processes report for one series at one time.
 enum class MergeRule : uint8_t {
   kSum,          // happened in the interval: a rate, an increase, a sum, a count, a bucket
   kTotal,        // cumulative; merged as the increases of all processes
   kDeltaTotal,   // likewise; two columns further is what it increased by in the interval
   kGauge,        // by GaugeMerge
-  kGaugeOrRate,  // a column of a row that is one of these or a total, which only points of the
-                 // interval before can tell; merged as a gauge until then
+  kGaugeOrRate,  // a column of a row that is one of these or a total, which only an
+                 // earlier point can tell; merged as a gauge until then
   kMin,
   kMax,
   kAverage,   // the sum and the count follow it
   kQuantile,  // of one process alone
 };
 
-// What becomes of the points of one series on the page of metrics.
+// How the page of metrics combines the points of one series.
 enum class PageRule : uint8_t {
   kNewest,
   kAddUp,   // each is of one interval; the sum can fall
   kCountUp  // likewise, and it must not fall
 };
 
-// What HELP says of a family.
+// The meaning of a family's numbers, for HELP.
 enum class Meaning : uint8_t {
   kStored,
   kRate,
@@ -110,7 +110,7 @@ struct KindRow {
   ConstList<ColumnRow> columns;   // of kAny one, that stands for each
   ConstList<FamilyRow> families;  // of kAny one, that stands for that of each column
   std::string_view own_label;     // that the page adds to its lines
-  bool has_point_before;          // of the interval before, in packets of their own
+  bool has_earlier_point;         // in packets of their own
   bool adds_up;                   // some columns do, on the page
 };
 

@@ -20,7 +20,7 @@ namespace tidegate::agent {
 // Not thread-safe. Borrows both.
 class LayoutTable {
  public:
-  // What there is of a block's metric and layout; null: there is none yet.
+  // The metric and the layout of a block; null: there is none yet.
   struct Target {
     Kind kind;
     const Block* block;
@@ -36,8 +36,8 @@ class LayoutTable {
   // Of the metric that was looked for last.
   size_t KeyHash();
 
-  // What the target would take on the page at most, with one series of that many bytes of labels.
-  // Each call for a layout that is missing is work.
+  // The bytes that the target would take on the page at most, with one series of that many bytes of
+  // labels. Each call for a layout that is missing is work.
   size_t MaxPageBytes(const Target& target, size_t label_bytes);
 
   // Makes the layout, and the metric if that is missing too.

@@ -9,10 +9,11 @@ namespace tidegate::agent {
 // measurement, the equals sign are written after a backslash.
 enum class LinePart { kMeasurement, kTag, kField };
 
-// Appends `text` as it stands in a line. What no escape carries to every receiver becomes \x and
-// two digits (utf8.h): control characters, bytes that are not UTF-8, a quote in a field key, a # at
-// the front of a measurement, and a backslash at the end, or in front of an x or of anything but
-// plain ASCII. An empty text becomes \x. No two texts become one.
+// Appends `text` as it stands in a line. For some bytes there is no escape that every receiver
+// understands. They become \x and two digits (utf8.h): control characters, bytes that are not
+// UTF-8, a quote in a field key, and a # at the front of a measurement. So does a backslash at the
+// end, before an x, or before anything but plain ASCII. An empty text becomes \x. Two different
+// texts stay different.
 void AppendEscaped(LinePart part, std::string_view text, std::string* out);
 
 }  // namespace tidegate::agent

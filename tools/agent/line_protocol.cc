@@ -20,9 +20,9 @@ constexpr std::string_view kExported = "exported_";
 // of what a packet holds.
 constexpr size_t kMaxBucketBytes = 16 << 20;
 
-// What receivers keep for themselves as a key: InfluxDB 1 refuses the tag `time` and drops such a
-// field, InfluxDB 2 all three. A key that would be renamed to one that exists counts as well, so
-// that no two become one.
+// Whether receivers reserve the key: InfluxDB 1 refuses the tag `time` and drops such a field,
+// InfluxDB 2 does so with all three. A key that looks like a renamed one counts as well, so that
+// two different keys stay different.
 bool IsReserved(std::string_view key) {
   while (key.substr(0, kExported.size()) == kExported) key.remove_prefix(kExported.size());
   return key == "time" || key == "_measurement" || key == "_field";

@@ -17,7 +17,7 @@ namespace tidegate::agent {
 // Writes points as lines of the InfluxDB line protocol. Every field is a float; NaN and infinities,
 // which no receiver takes, are left out, and so is a line without any field. Times are nanoseconds.
 // Buckets whose bounds are equal in the digits of their names are one. A histogram whose bucket
-// lines would take more than 16 MiB gets no line at all, nor does a record whose line would be
+// lines would take more than 16 MiB gets no line at all. Nor does a record whose line would be
 // longer than kMaxLineBytes, which receivers refuse as well.
 //
 // Tags and fields whose keys receivers keep for themselves (`time`, `_measurement`, `_field`) have

@@ -13,8 +13,8 @@
 
 namespace tidegate::agent {
 
-// As the journal counts them. An error is what the agent cannot go on with, or an end with a loss;
-// a warning is what was lost or left out, or that it has ended; information is anything else.
+// As the journal counts them. Error: the agent cannot go on, or ends with a loss. Warning:
+// something was lost or left out, or such a loss is over. Information: anything else.
 enum class LogLevel { kError = 3, kWarning = 4, kInfo = 6 };
 
 // A whole line for this descriptor, under the program's name: one of UTF-8 without control

@@ -22,10 +22,10 @@ using tidegate::agent::LogLevel;
 using tidegate::agent::Options;
 using tidegate::agent::OptionsError;
 
-// As long as this object lives, SIGHUP makes the agent read its settings anew, and the first SIGINT
-// or SIGTERM ends it in order. A later one of these kills it, should a write be stuck even so; but
-// not one that comes at once, as those who stop a process and then its whole group mean it only
-// once.
+// While this object lives, SIGHUP makes the agent read its settings again. The first SIGINT or
+// SIGTERM ends the agent in order. A later one kills it at once, in case the orderly end is stuck
+// in a write. One within kOnceMillis of the first changes nothing: some managers signal a process
+// and then its whole group, and mean only one stop.
 class ObeySignals {
  public:
   explicit ObeySignals(Agent* agent) {
@@ -82,8 +82,8 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error of the write
   std::signal(SIGHUP, SIG_IGN);   // the settings are read in a moment
-  // Messages of hundreds of kilobytes come and go all the time: fetching their memory from the
-  // kernel anew, zeroed, would cost more than reading them.
+  // Messages of hundreds of kilobytes come and go all the time. To get zeroed memory from the
+  // kernel for each would cost more than to read it.
   mallopt(M_MMAP_THRESHOLD, 4 << 20);
   mallopt(M_TRIM_THRESHOLD, 64 << 20);
   try {

@@ -54,14 +54,14 @@ struct MergeTime {
   std::map<uint64_t, Part> parts;  // by the metric's id
 };
 
-// The processes of one tenant, account and project: who has reported how far, what they have in
-// common, and what is held of it.
+// The processes of one tenant, account and project: how far each has reported, their common series,
+// and the points that are held.
 //
 // Not thread-safe.
 class MergeIdentity {
  public:
-  // Beyond that, the time that is due next is handed on with the next FindDue; a process that has
-  // more of them before that means no good.
+  // Beyond kMaxTimes, the time that is due next is handed on with the next FindDue. Only a hostile
+  // process has more than kMaxTimesMeanwhile before that.
   static constexpr size_t kMaxTimes = 64;
   static constexpr size_t kMaxTimesMeanwhile = 256;
 
@@ -96,8 +96,8 @@ class MergeIdentity {
   MergeTime* NextDue(int64_t* timestamp);
   void EndTime(int64_t timestamp) { times_.erase(timestamp); }
 
-  // Forgets processes that went a while ago, series without news since `oldest`, and what nobody
-  // uses.
+  // Forgets processes that went a while ago, series without news since `oldest`, and layouts and
+  // metrics that nobody uses.
   void Sweep(SteadyTime now, SteadyTime oldest, const IsLive& is_live, size_t* bytes,
              size_t* series);
   bool IsEmpty() const { return processes_.empty() && metrics_.empty(); }

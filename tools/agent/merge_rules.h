@@ -7,7 +7,7 @@
 #include "agent/packet_reader.h"
 #include "agent/point_mapping.h"
 
-// What becomes of the numbers that several processes report for one series at one time.
+// How the numbers are merged that several processes report for one series at one time.
 
 namespace tidegate::agent {
 
@@ -29,7 +29,7 @@ std::vector<MergeRule> RulesOf(Kind kind, const Block& block);
 bool IsMeterRate(const std::vector<Block>& blocks, size_t i);
 
 // Takes `value` of a process, in addition to `merged` of others, by a rule that is not one of
-// totals. What is not finite gives way to what is.
+// totals. A finite number wins over one that is not.
 double Merge(MergeRule rule, GaugeMerge gauge, double merged, double value);
 
 }  // namespace tidegate::agent

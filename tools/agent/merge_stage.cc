@@ -13,12 +13,12 @@ namespace {
 
 constexpr std::chrono::seconds kSweepPause(30);
 
-// As long as the library keeps a series that is idle: after that its totals begin anew as well.
+// As long as the library keeps a series that is idle: after that its totals start again from 0.
 constexpr std::chrono::hours kForgetSeries(2);
 
-// Points of the interval before are of these kinds, and have packets of their own.
-bool HasPointBefore(const Block& block) {
-  return block.series.empty() || RowOf(KindOf(block)).has_point_before;
+// Whether it can be in a packet of earlier points.
+bool CanBeEarlierPoint(const Block& block) {
+  return block.series.empty() || RowOf(KindOf(block)).has_earlier_point;
 }
 
 // Counts how a series grows or shrinks, also where memory runs out.
@@ -36,7 +36,7 @@ class Growth {
   size_t* const bytes_;
 };
 
-// As what begins a total.
+// As the point that begins a total.
 bool IsZero(const Series& record) {
   return std::all_of(record.values.begin(), record.values.end(),
                      [](double value) { return value == 0; });
@@ -65,7 +65,7 @@ void MergeStage::Handle(const Packet& packet, const ClientId& client) {
     Refuse(MergeRefusal::kLimit, packet.series_count);
     return;
   }
-  const bool before = std::all_of(packet.blocks.begin(), packet.blocks.end(), HasPointBefore);
+  const bool before = std::all_of(packet.blocks.begin(), packet.blocks.end(), CanBeEarlierPoint);
   HoldAll(packet, {identity, nullptr, nullptr, 0, client.process(), before});
   if (due_) HandOn(kMaxHandedOn);
   UpdateHealth();

@@ -18,18 +18,18 @@
 
 namespace tidegate::agent {
 
-// Makes one series of those that the processes of one identity (tenant, account and project) report
-// under the same name and tags, and hands its points on to the sinks, as if each identity were one
-// process that the kernel does not name.
+// Merges the series that the processes of one identity report under the same name and tags. An
+// identity is a tenant, account and project. The sinks get the merged points as if each identity
+// were one process that the kernel does not name.
 //
-// Points of one time are held until all live processes of the identity have reported it or a later
-// one, and a second more for the rest of their packets, or until `delay` is over, counted from the
-// end of the interval or the first point, whichever is later. A point that comes after that is
-// late: what adds up in it goes with the next point of its series.
+// Points of one time are held until all live processes of the identity have reported that time or a
+// later one, and a second more for the rest of their packets. They are held for `delay` at most,
+// counted from the end of the interval or the first point, whichever is later. A point that comes
+// after that is late: its numbers that add up are added to the next point of its series.
 //
-// Threads: all calls on the decoder's, or after that has ended. Memory is bounded: by the number
-// of series, and by SeriesTable::kBytesPerSeries for each of that number. So is the work for a
-// packet, by kMaxPacketWork and kMaxHandedOn. What finds no room is refused and counted. Borrows
+// Threads: all calls on the decoder's, or after that has ended. Memory is bounded: by the number of
+// series, and by SeriesTable::kBytesPerSeries for each of that number. So is the work for a packet,
+// by kMaxPacketWork and kMaxHandedOn. A point that finds no room is refused and counted. Borrows
 // `health` and the sinks.
 class MergeStage : public PacketSink {
  public:
@@ -54,13 +54,13 @@ class MergeStage : public PacketSink {
 
   void Handle(const Packet& packet, const ClientId& client) override;
 
-  // To be called once a second: hands on what is due.
+  // To be called once a second: hands on the points that are due.
   void Tick();
 
   // Changes this one of the options. On the decoder's thread.
   void SetTtl(std::chrono::seconds ttl) { options_.ttl = ttl; }
 
-  // Hands on all that is held. REQUIRES: no Handle from now on.
+  // Hands on all points that are held. REQUIRES: no Handle from now on.
   void Flush();
 
  private:
@@ -71,7 +71,7 @@ class MergeStage : public PacketSink {
     MergedLayout* layout;
     int64_t timestamp;
     ProcessId process;
-    bool before;  // only points of the interval before, for all that the packet says
+    bool before;  // only earlier points, as far as the packet shows
   };
 
   MergeIdentity* IdentityOf(const Packet& packet);
@@ -107,8 +107,8 @@ class MergeStage : public PacketSink {
   size_t held_ = 0;  // points
   bool due_ = false;
   SeriesTable::Time now_;
-  // Points of times up to here may have gone to an agent before this one, which has handed on its
-  // own for the same series: they are late, but for the zeros that a series begins with.
+  // An agent before this one may have handed on points of the same series up to this time. So
+  // points of these times are late, except the zeros that a series begins with.
   const int64_t start_;
   SteadyTime swept_;
   bool left_out_reported_ = false;

@@ -13,7 +13,7 @@
 
 namespace tidegate::agent {
 
-// The name of series, and what it stands for in a packet.
+// The name of series, and the form of its blocks in a packet.
 struct MergedName {
   enum class Form : uint8_t { kPlain, kMeterRate, kTimerBlocks };
 
@@ -26,8 +26,8 @@ struct MergedName {
 void PutTags(const std::vector<Tag>& tags, std::string* key);
 std::vector<Tag> TagsOf(std::string_view key);
 
-// Makes packets of merged points and hands them to sinks, which take from them what they would take
-// from a service's; hashes and lengths stay 0.
+// Makes packets of merged points and hands them to sinks, which take them as those of a service;
+// hashes and lengths stay 0.
 //
 // Not thread-safe. Borrows everything. Where memory runs out, the packet in work is lost, and
 // counted as Survives does.
@@ -40,7 +40,7 @@ class MergedPackets {
   void Begin(const Packet& header, uint64_t connection, int64_t timestamp);
   // Takes the point of `timestamp` out of the series. Returns how many percentiles were left out.
   size_t Append(const MergedName& name, std::string_view tags, MergedSeries* series);
-  // Hands on what is left.
+  // Hands on the rest.
   void End();
 
  private:

@@ -16,7 +16,7 @@
 
 namespace tidegate::agent {
 
-// What the series of one name with the same columns have in common.
+// The common part of all series of one name with the same columns.
 struct MergedLayout {
   MergedLayout(const Block& block, Kind kind, std::vector<MergeRule> rules, GaugeMerge gauge);
 
@@ -31,13 +31,13 @@ struct MergedLayout {
   uint32_t totals = 0;                    // how many of those
 };
 
-// One series of all processes: what they have reported for times that are not handed on yet, and
-// what they have counted so far.
+// One series of all processes: the points that they have reported for times that are not handed on
+// yet, and their counts so far.
 //
 // Not thread-safe. Its memory grows by MergedSeries::bytes(), which the owner watches.
 class MergedSeries {
  public:
-  // What became of a point.
+  // The fate of a point.
   enum class Added {
     kHeld,
     kLate,     // its time was handed on: what adds up goes with the next time, the rest is lost
@@ -52,8 +52,8 @@ class MergedSeries {
   // before has to wait until a whole interval has passed without the old ones.
   bool Accepts(MergedLayout* layout, int64_t timestamp);
 
-  // `before`: the packet has nothing that points of the interval before do not have. Late are
-  // points of times that were taken, and of all up to `begin`.
+  // `before`: the packet can be one of earlier points. Points are late if their time was taken, or
+  // is not after `begin`.
   Added Add(const ProcessId& process, int64_t timestamp, const Series& record, bool before,
             int64_t begin);
 
@@ -62,18 +62,19 @@ class MergedSeries {
   bool IsNew(int64_t timestamp, int64_t begin) const {
     return timestamp > std::max(handed_, begin) && !Holds(timestamp);
   }
-  // No point is late for a time so far ahead: the clock was set back, or a client has a wrong one.
+  // No point is late for a time so far in the future: the clock was set back, or a client has a
+  // wrong one.
   void ForgetTimesAfter(int64_t latest) {
     if (handed_ > latest) handed_ = INT64_MIN;
     if (late_ != nullptr && late_->timestamp > latest) late_->timestamp = INT64_MIN;
   }
   bool IsIdle() const { return held_.empty(); }
 
-  // Takes what is held for `timestamp` out, into the indexes and values of `record`. Returns how
-  // many percentiles were left out. REQUIRES: Holds(timestamp).
+  // Takes the point that is held for `timestamp` out, into the indexes and values of `record`.
+  // Returns how many percentiles were left out. REQUIRES: Holds(timestamp).
   size_t Take(int64_t timestamp, Series* record);
 
-  // Forgets what those processes have counted of which `is_known` says false.
+  // Forgets the counts of those processes of which `is_known` says false.
   template <typename IsKnown>
   void ForgetProcesses(const IsKnown& is_known);
 

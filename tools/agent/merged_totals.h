@@ -13,9 +13,9 @@ inline bool IsSetBack(int64_t newest, int64_t timestamp) {
          static_cast<uint64_t>(newest) - static_cast<uint64_t>(timestamp) > kLongestInterval;
 }
 
-// What one process has counted in one of its totals, as increases that can be added to those of
-// others. Its points may come in another order than that of their times, as the point of the
-// interval before comes after that of the interval itself. A total that falls has begun anew at 0.
+// The count of one process in one of its totals, as increases that can be added to those of others.
+// Its points may come in another order than that of their times, as an earlier point comes after
+// that of the interval itself. A total that falls has started again from 0.
 //
 // Not thread-safe.
 class ProcessTotal {
@@ -31,8 +31,8 @@ class ProcessTotal {
     Increase later;
   };
 
-  // A point whose total is finite. The first one adds `first`: an earlier point will tell more, or
-  // else there is none, as the agent has not run for as long as the process.
+  // A point whose total is finite. The first one adds `first`. An earlier point can come after it
+  // and tell more; there is none if the process has run for longer than the agent.
   Increases Add(int64_t timestamp, double total, double first);
 
   // Of the newest point; INT64_MIN without any.

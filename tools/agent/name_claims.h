@@ -9,56 +9,57 @@
 
 namespace tidegate::agent {
 
-// Who holds which name on the page of metrics, or in a metric of it. Fitting names to the
-// receiver's alphabet can make two of them one, and what they name must not be mixed: the first to
-// claim a name keeps it until it has released it as often as it claimed it.
+// The owner of each name on the page of metrics, or in a metric of it. Two different names can
+// become the same one when they are fitted to the receiver's alphabet, and their points must not be
+// mixed. So the first owner that claims a name keeps it, until it has released the name as often as
+// it has claimed it.
 //
-// Not thread-safe. Borrows `bytes`, and adds to it what the names take, roughly. An exception
+// Not thread-safe. Borrows `bytes`, and adds to it the memory of the names, roughly. An exception
 // leaves everything as it was.
 template <typename Owner>
 class NameClaims {
  public:
   explicit NameClaims(size_t* bytes) : bytes_(bytes) {}
 
-  // Null if the name is now claimed. If another owner holds it, that one, valid until the next
-  // call. `owner_bytes` is what the owner has on the heap.
+  // Null if the name is now claimed. If another owner has it, that one, valid until the next
+  // call. `owner_bytes` is the owner's memory on the heap.
   const Owner* Claim(const std::string& name, const Owner& owner, size_t owner_bytes) {
-    auto found = holders_.find(name);
-    if (found == holders_.end()) {
-      found = holders_.emplace(name, Holder{owner, owner_bytes, 0}).first;
+    auto found = entries_.find(name);
+    if (found == entries_.end()) {
+      found = entries_.emplace(name, Entry{owner, owner_bytes, 0}).first;
       *bytes_ += BytesOf(*found);
     }
-    Holder& holder = found->second;
-    if (!(holder.owner == owner)) return &holder.owner;
-    ++holder.claims;
+    Entry& claimed = found->second;
+    if (!(claimed.owner == owner)) return &claimed.owner;
+    ++claimed.claims;
     return nullptr;
   }
 
   // Allocates nothing. REQUIRES: a claim that is not yet released.
   void Release(const std::string& name) {
-    const auto found = holders_.find(name);
+    const auto found = entries_.find(name);
     if (--found->second.claims > 0) return;
     *bytes_ -= BytesOf(*found);
-    holders_.erase(found);
+    entries_.erase(found);
   }
 
   // As ShrinkBuckets does.
-  void Shrink() { ShrinkBuckets(&holders_); }
+  void Shrink() { ShrinkBuckets(&entries_); }
 
  private:
-  struct Holder {
+  struct Entry {
     Owner owner;
     size_t owner_bytes;
     uint64_t claims;
   };
-  using Holders = std::unordered_map<std::string, Holder>;
+  using Entries = std::unordered_map<std::string, Entry>;
 
-  static size_t BytesOf(const typename Holders::value_type& entry) {
+  static size_t BytesOf(const typename Entries::value_type& entry) {
     constexpr size_t kHeapAndTable = 64;
     return sizeof(entry) + entry.first.size() + entry.second.owner_bytes + kHeapAndTable;
   }
 
-  Holders holders_;
+  Entries entries_;
   size_t* const bytes_;
 };
 

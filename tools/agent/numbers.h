@@ -5,7 +5,7 @@
 
 namespace tidegate::agent {
 
-// What stands for a number that has no digits.
+// The words for numbers that have no digits.
 struct NumberWords {
   std::string_view nan;
   std::string_view infinity;

@@ -21,7 +21,7 @@ namespace {
 
 constexpr int kBadFlag = 2;
 
-// What the parser fills in, before it becomes what the agent works with.
+// The values that the parser fills in, before they become the agent's options.
 struct Raw {
   Options options;
   std::string mode = "0666";

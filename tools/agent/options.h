@@ -37,7 +37,7 @@ struct Options {
   std::chrono::seconds drain{5};
 };
 
-// What is to be done instead, if the agent is not to run.
+// The text and the exit code, if the agent is not to run.
 struct OptionsError {
   int exit_code = 0;
   std::string text;  // for standard error if the code is not 0, one line without its end

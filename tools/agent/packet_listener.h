@@ -12,9 +12,9 @@
 
 namespace tidegate::agent {
 
-// The SOCK_SEQPACKET unix socket that services connect to: the agent makes it at a path or takes it
-// over from another agent there, or the service manager passes it on, and keeps it when the agent
-// ends.
+// The SOCK_SEQPACKET unix socket that services connect to. The agent makes it at a path, or takes
+// it over from another agent there. Or the service manager passes it on, and keeps it when the
+// agent ends.
 //
 // Threads: one. Owns the descriptor, and the socket file unless it is the service manager's.
 class PacketListener {
@@ -24,14 +24,13 @@ class PacketListener {
   PacketListener(const PacketListener&) = delete;
   PacketListener& operator=(const PacketListener&) = delete;
 
-  // What keeps `path` from being that of a socket; empty if nothing does.
+  // The reason why `path` cannot be that of a socket; empty if it can.
   static std::string CheckPath(const std::string& path);
 
-  // Opens the socket, once per object, as a file of that mode. Makes the missing folders of `path`
-  // and takes the place of a socket file that nobody listens on; anything else that stands at
-  // `path` is left alone and is an error. But with a `taker`, which it borrows, it gets the socket
-  // of an agent that listens there; that one goes on until Confirm. Returns false and says why in
-  // `error`.
+  // Opens the socket, once per object, as a file of that mode. Makes the missing folders of `path`,
+  // and replaces a socket file that nobody listens on. Anything else at `path` is left alone and is
+  // an error. But with a `taker`, which it borrows, it gets the socket of an agent that listens
+  // there; that one goes on until Confirm. Returns false and says why in `error`.
   bool Make(const std::string& path, mode_t mode, HandOverTaker* taker, std::string* error);
 
   // To be called after Make, when nothing else can fail. Returns false and says why in `error` if
@@ -52,9 +51,9 @@ class PacketListener {
   // Another process has the socket from now on, and its file.
   void GiveAway() { has_file_ = false; }
 
-  // From here on nobody can connect to a socket that is the agent's own: its file is gone, and
-  // those who wait to be accepted are the last ones. Any other one is let go, and those who connect
-  // there wait for whoever has it next: fd() is -1 then.
+  // From here on nobody can connect to a socket that is the agent's own: its file is gone, and the
+  // clients that wait to be accepted are the last ones. A socket of someone else is closed here,
+  // and clients that connect there wait for its next listener: fd() is -1 then.
   void End();
 
  private:

@@ -16,9 +16,9 @@ namespace tidegate::agent {
 enum class PrintFormat { kText, kJson };
 
 // Prints every point, as text or as lines of JSON, to a descriptor. Points whose lines nobody reads
-// in time are dropped beyond 16 MiB; so are those of one packet whose lines, by a long name that
-// each of them repeats, would be beyond 256 MiB. They are counted, as are all others whose line was
-// not written whole.
+// in time are dropped beyond 16 MiB. Each line repeats the name, so the lines of one packet can
+// become very long: those beyond 256 MiB are dropped too. All points whose line was not written
+// whole are counted.
 //
 // Threads: as every sink; Finish from one thread, after the last Handle. Borrows descriptor and
 // `health`.

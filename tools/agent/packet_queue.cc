@@ -26,7 +26,7 @@ std::string Shown(uint64_t packets, uint64_t bytes) {
 
 void PacketQueue::Push(Message message) noexcept {
   health_->bytes += message.sent_size;
-  // What goes is freed without the lock.
+  // Dropped messages are freed without the lock.
   std::list<Message> dropped;
   try {
     if (message.data == nullptr) throw std::bad_alloc();

@@ -18,8 +18,8 @@
 namespace tidegate::agent {
 
 // Messages on their way from the thread that reads sockets, which never waits for the decoder.
-// Every sender has its share: they take turns to have a message decoded, and beyond `max_bytes` the
-// oldest message of the one that fills most of the queue is dropped, and counted. A sender is a
+// Every sender has its share: they take turns to have a message decoded. Beyond `max_bytes` the
+// sender that fills most of the queue loses its oldest message, which is counted. A sender is a
 // process with all its connections; where the kernel names none, a connection.
 //
 // Threads: Push from the reader, the others from the decoder; Close from any. No lock is held for
@@ -42,11 +42,13 @@ class PacketQueue {
   // Whether messages of that sender wait.
   bool Holds(const ProcessId& sender) const;
 
-  // What is not taken out by `deadline` is dropped, and counted. REQUIRES: no Push from now on.
+  // Messages that are not taken out by `deadline` are dropped, and counted. REQUIRES: no Push from
+  // now on.
   void Close(Clock::time_point deadline);
 
-  // What was dropped from a full queue since the last line, and the sender who lost most: one line,
-  // or empty if nothing was or if the last one is younger than a minute.
+  // A line about the messages that were dropped from a full queue since the last line, and about
+  // the sender that lost most. Empty if nothing was dropped, or if the last line is younger than a
+  // minute.
   std::string ReportDrops(Clock::time_point now);
 
  private:

@@ -48,10 +48,10 @@ using IsLive = std::function<bool(const ProcessId&)>;
 
 // Something that takes decoded packets: the printer, the series table, the forwarder.
 //
-// Threads: Handle is called on the decoder's thread alone, for each client in the order of arrival,
-// and never waits for anything outside of the process; a sink that writes has a bounded queue and a
-// thread of its own. The packet is borrowed for the call. Where memory runs out, a sink counts what
-// it loses, as far as it can tell, throws, and is fit for the next packet.
+// Threads: Handle is called on the decoder's thread alone, for each client in the order of arrival.
+// It never waits for anything outside of the process: a sink that writes has a bounded queue and a
+// thread of its own. The packet is borrowed for the call. Where memory runs out, a sink counts the
+// points that it loses, as far as it can tell, throws, and can take the next packet.
 class PacketSink {
  public:
   PacketSink() = default;

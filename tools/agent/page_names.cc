@@ -30,25 +30,24 @@ PageNames::PageNames(const Health& health, Report report, size_t* bytes)
 }
 
 bool PageNames::ClaimLabels(std::string_view key, SeriesMetric* metric, size_t* claimed) {
-  const std::string* holder = nullptr;
+  const std::string* owner = nullptr;
   std::string tag;
   SeriesKey::ForEachTag(key, [&](std::string_view tag_key, std::string_view /*value*/) {
     tag.assign(tag_key);
     AssignLabelName(tag_key, &name_);
-    holder = metric->labels.Claim(name_, tag, HeapBytes(tag));
-    if (holder == nullptr) ++*claimed;
-    return holder == nullptr;
+    owner = metric->labels.Claim(name_, tag, HeapBytes(tag));
+    if (owner == nullptr) ++*claimed;
+    return owner == nullptr;
   });
-  if (holder != nullptr) ReportLabel(metric->name, *holder, tag);
-  return holder == nullptr;
+  if (owner != nullptr) ReportLabel(metric->name, *owner, tag);
+  return owner == nullptr;
 }
 
 // Without one of its labels a series would be another one.
-void PageNames::ReportLabel(std::string_view metric, std::string_view holder,
-                            std::string_view tag) {
+void PageNames::ReportLabel(std::string_view metric, std::string_view owner, std::string_view tag) {
   if (log_.IsFull()) return;
   log_.Add("\"" + MetricNameOf(Shown(metric)) + '{' + Shown(name_) + "}\" stands for the tag " +
-           Shown(holder) + " in /metrics; series with the tag " + Shown(tag) +
+           Shown(owner) + " in /metrics; series with the tag " + Shown(tag) +
            " are left out there, rename it");
 }
 
@@ -91,12 +90,12 @@ bool PageNames::ShowPart(SeriesLayout* layout, size_t i) {
 }
 
 bool PageNames::ClaimNames(const SeriesLayout& layout, const FamilyPart& part, size_t* claimed) {
-  const Holder own = {layout.metric, std::string(layout.ColumnOf(part))};
+  const NameOwner own = {layout.metric, std::string(layout.ColumnOf(part))};
   for (const std::string_view suffix : FormOf(part.type).suffixes) {
     name_.assign(part.name).append(suffix);
-    const Holder* const holder = names_.Claim(name_, own, HeapBytes(own.column));
-    if (holder != nullptr) {
-      ReportName(*holder, own);
+    const NameOwner* const owner = names_.Claim(name_, own, HeapBytes(own.column));
+    if (owner != nullptr) {
+      ReportName(*owner, own);
       return false;
     }
     ++*claimed;
@@ -104,13 +103,13 @@ bool PageNames::ClaimNames(const SeriesLayout& layout, const FamilyPart& part, s
   return true;
 }
 
-void PageNames::ReportName(const Holder& holder, const Holder& late) {
+void PageNames::ReportName(const NameOwner& owner, const NameOwner& late) {
   if (log_.IsFull()) return;
-  const auto text = [](const Holder& of) {
+  const auto text = [](const NameOwner& of) {
     if (of.metric == nullptr) return std::string("agent's own number");
     return SourceOf(of.metric->kind, Shown(of.metric->name), Shown(of.column));
   };
-  log_.Add("\"" + Shown(name_) + "\" stands for the " + text(holder) + " in /metrics; the " +
+  log_.Add("\"" + Shown(name_) + "\" stands for the " + text(owner) + " in /metrics; the " +
            text(late) + " is left out there, rename it");
 }
 

@@ -11,11 +11,12 @@
 
 namespace tidegate::agent {
 
-// The families of the page, and who holds which name of it. Two names can become one there: the
-// first to come is shown, the other is reported and hidden until the first is gone.
+// The families of the page, and the owner of each of their names. Two different names can become
+// the same one there: the first to come is shown, the other is reported and hidden until the first
+// is gone.
 //
-// Not thread-safe. Adds to `bytes`, which it borrows, what the names take, those of the agent's own
-// numbers not included. If Show throws, a part of the layout is shown or hidden as a whole.
+// Not thread-safe. Adds to `bytes`, which it borrows, the memory of the names, without those of the
+// agent's own numbers. If Show throws, a part of the layout is shown or hidden as a whole.
 class PageNames {
  public:
   PageNames(const Health& health, Report report, size_t* bytes);
@@ -34,24 +35,24 @@ class PageNames {
   void Shrink() { names_.Shrink(); }
 
  private:
-  // Who holds a name on the page.
-  struct Holder {
+  // Who has claimed a name of the page.
+  struct NameOwner {
     const SeriesMetric* metric;  // null: the agent itself
     std::string column;          // as SourceOf takes it
-    bool operator==(const Holder& other) const {
+    bool operator==(const NameOwner& other) const {
       return metric == other.metric && column == other.column;
     }
   };
 
-  void ReportLabel(std::string_view metric, std::string_view holder, std::string_view tag);
+  void ReportLabel(std::string_view metric, std::string_view owner, std::string_view tag);
   // False if a name of it is another one's.
   bool ShowPart(SeriesLayout* layout, size_t i);
   bool ClaimNames(const SeriesLayout& layout, const FamilyPart& part, size_t* claimed);
   void ReleaseNames(const FamilyPart& part, size_t count);
-  void ReportName(const Holder& holder, const Holder& late);
+  void ReportName(const NameOwner& owner, const NameOwner& late);
 
   OnceLog log_;
-  NameClaims<Holder> names_;
+  NameClaims<NameOwner> names_;
   Families families_;
   // As it is claimed or released. Kept, so that what was claimed can be released without memory.
   std::string name_;

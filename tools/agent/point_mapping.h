@@ -12,8 +12,8 @@
 #include "agent/packet_reader.h"
 #include "agent/packet_sink.h"
 
-// What points mean to those who receive them from the agent: the same to the page of metrics and to
-// the forwarded data.
+// The meaning of points for all outputs of the agent: the page of metrics and the forwarded data
+// see the same.
 
 namespace tidegate::agent {
 
@@ -43,15 +43,15 @@ enum class ProcessLabel { kNone, kSlot, kPid };
 std::string_view KeyOf(ProcessLabel label);
 std::string ValueOf(ProcessLabel label, const ClientId& client);
 
-// What the header of a packet says of whose it is beside the tenant; empty if it says nothing.
+// The owner of a packet beside the tenant, as its header names it; empty if it does not.
 inline constexpr std::string_view kHeaderKeys[] = {"account_id", "project_id"};
 std::string_view HeaderValue(const Packet& packet, std::string_view key);
 
 // The tags that a record's points carry: `tenant`, `account_id` and `project_id`, as two owners of
 // data can have one name, then `slot` or `pid` by `label`, then its own, in the order of their
-// keys. An empty value is no tag, but for the tenant. A tag whose key is taken, by one of those in
-// front of them, by an earlier tag or by what its kind adds (`le` of histograms, `quantile` of
-// timer rows), has "exported_" put before its key; one whose key is taken even so is left out.
+// keys. An empty value is no tag, but for the tenant. A key can be taken: by one of the tags before
+// it, or by the label that the page adds to its kind (`le` of histograms, `quantile` of timer
+// rows). Then the tag gets "exported_" before its key. If that is taken too, the tag is left out.
 //
 // Not thread-safe. Points into the packet until the next Assign; reuse it, then it allocates
 // nothing for usual tags.

@@ -44,7 +44,7 @@ void ForEachTag(const Packet& packet, const Series& record, const Tag* extra,
   if (extra != nullptr) handle(*extra);
 }
 
-// What every line of text begins with.
+// The beginning of every line of text.
 void AppendHead(const Packet& packet, int64_t timestamp, std::string_view type,
                 const std::string& name, const Series& record, const Tag* extra, std::string* out) {
   *out += std::to_string(timestamp);

@@ -30,7 +30,7 @@ uint64_t IdentityOf(const Packet& packet) {
 ProcessSlots::ProcessSlots(IsLive is_live, Health* health)
     : is_live_(std::move(is_live)), health_(health) {}
 
-// All blocks of a packet belong to one flush, or all to the interval before it.
+// All blocks of a packet are of one flush, or all are its earlier points.
 void ProcessSlots::Slot::See(int64_t timestamp, int64_t sent) {
   if (timestamp < 0 || timestamp > kLastTime) return;
   if (sent > 0 && timestamp > sent) {

@@ -15,8 +15,8 @@ namespace tidegate::agent {
 // Gives every process a small number that no other live one has, among those whose packets name the
 // same tenant, account and project: the lowest that is free. A process keeps its number over all of
 // its connections. Once it has gone, the number is held for two of its flush intervals and
-// kHoldSlack, and then free: its last points, which can be as much as one interval ahead, and the
-// first ones of a successor, which begin one interval back, do not meet.
+// kHoldSlack, and then free. Its last points can be one interval in the future, and the first ones
+// of a successor begin one interval in the past, so the two do not meet.
 //
 // Not thread-safe: for the decoder's thread. Bounded: beyond kMaxSlots, and kMaxSlotsOfProcess for
 // one process under several names, there is none, which is counted. Throws std::bad_alloc, and is
@@ -42,7 +42,7 @@ class ProcessSlots {
   ProcessSlots(IsLive is_live, Health* health);
 
   // Numbers that an earlier agent has given: held until the processes come, or as long as those of
-  // one of which nothing is known. What makes no sense is left out. Before all other calls.
+  // one of which nothing is known. Entries that make no sense are left out. Before all other calls.
   void Restore(const std::vector<Taken>& slots);
 
   // All that is worth restoring: a process that the kernel does not name would not be found again.

@@ -17,8 +17,8 @@
 
 namespace tidegate::agent {
 
-// Receives messages from any number of clients on a SOCK_SEQPACKET unix socket. It knows nothing of
-// what the messages hold.
+// Receives messages from any number of clients on a SOCK_SEQPACKET unix socket. It does not look
+// into the messages.
 //
 // Threads: one thread makes all calls, and the handlers run on it; Stop may come from any thread
 // and from a signal handler. Owns the connections, borrows the listener. A message above
@@ -62,8 +62,8 @@ class SeqpacketServer {
   // The process that it has handed over to, or 0.
   pid_t handed_to() const { return giver_.given_to(); }
 
-  // After Run, ends the listener, unless it is someone else's, and all connections: no client can
-  // send any more, and what they had sent by then is still handed to the handler.
+  // After Run, ends the listener, unless it is someone else's, and all connections. No client can
+  // send any more; messages that were sent by then are still handed to the handler.
   void Close();
 
   // Ends Run, also one that starts later. Does not wait. Safe twice, and in a signal handler.

@@ -16,8 +16,8 @@ class SeriesBudget {
   static constexpr size_t kBytesPerSeries = 2048;
   static constexpr size_t kPageBytesPerSeries = 512;
 
-  // Of one series with the heads of its families: far above what the limits of the library allow a
-  // series that anyone means, as it grows with the product of what a packet holds.
+  // Of one series with the heads of its families. A packet can make this grow as a product of its
+  // names, columns and tags, far beyond any series that the library's limits allow.
   static constexpr size_t kMaxSeriesPageBytes = size_t{16} << 20;
 
   // Bytes of keys, names and cells that one packet makes the table go through. Each record repeats

@@ -47,8 +47,8 @@ void SeriesEntry::Update(const Series& record, int64_t timestamp,
       KeepNewest(values[i], timestamp, &to[record.indexes.empty() ? i : record.indexes[i]]);
     }
   }
-  // What keeps adding up at times before one that was wrong is no news: the series has to end for
-  // newer quantiles to be shown.
+  // Points before a newest time that was wrong are no news, even if they add up: the series has to
+  // end for newer quantiles to be shown.
   if (timestamp >= newest) news = now;
   newest = std::max(newest, timestamp);
 }

@@ -11,8 +11,8 @@
 
 namespace tidegate::agent {
 
-// The key of a series in the table: its tags, in order, with the values as they are shown, so that
-// no two series look alike, and then the number of its metric.
+// The key of a series in the table: its tags, in order, and then the number of its metric. The
+// values are as they are shown, so that no two series look alike.
 //
 // Not thread-safe. Reuse it, then it allocates nothing for usual tags.
 class SeriesKey {

@@ -21,7 +21,7 @@ namespace tidegate::agent {
 
 struct SeriesLayout;
 
-// What the series of one name and kind have in common.
+// The common part of all series of one name and kind.
 struct SeriesMetric {
   Kind kind;
   std::string name;
@@ -37,8 +37,8 @@ struct SeriesMetric {
 
 size_t HashOfColumns(const Block& block);
 
-// What the series of a metric with the same columns have in common. Columns change with the
-// version of a service, rarely; the series then begin anew.
+// The common part of all series of a metric with the same columns. Columns change rarely, with the
+// version of a service; the series then start again.
 struct SeriesLayout {
   static constexpr uint32_t kHidden = UINT32_MAX;  // another metric holds the name
 

@@ -21,8 +21,9 @@ struct Reporter {
 
 // Which processes report one series: sees that two do at one time.
 //
-// A process that takes over from one that has gone is none of two, also if a last packet of that
-// one comes late, nor is one that takes over for a while from one that lives.
+// A process that takes over from one that has gone does not share the series with it, also if a
+// last packet of that one comes late. Nor does a process that takes over for a while from one that
+// lives.
 class SeriesReporters {
  public:
   // Notes that one of them has reported it. True once, when it is clear that it shares the series.

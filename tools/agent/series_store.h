@@ -27,7 +27,7 @@ class SeriesStore {
   KeyedSeries* Find(SeriesIdentity* identity, const SeriesMetric& metric);
   // Null if another tag has the name of one of its labels. REQUIRES: there is none yet.
   KeyedSeries* Add(SeriesIdentity* identity, SeriesLayout* layout);
-  // Begins it anew in another layout of its metric.
+  // Starts it again in another layout of its metric.
   void Move(KeyedSeries* series, SeriesLayout* layout);
 
   // Lets go of series without news for longer than `ttl`.

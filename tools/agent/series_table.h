@@ -26,13 +26,14 @@ namespace tidegate::agent {
 // the page of metrics shows.
 //
 // A point that is older than the newest of its series changes nothing; histograms and timer rows
-// add up whatever comes. A series without news for `ttl` is gone, and begins anew if it comes back.
+// add up whatever comes. A series without news for `ttl` is gone, and starts again if it comes
+// back.
 //
 // Threads: Handle and Sweep on the decoder's, AppendPage from any, one at a time. A page is written
 // in short turns between which the decoder goes on; a sweep waits for its end. Memory is bounded:
-// by SeriesBudget, and so is the work for a packet. What finds no room is refused and counted. An
-// exception of any call (there is no memory) leaves the table as it was or with a part of the
-// packet in it. Borrows `health`.
+// by SeriesBudget, and so is the work for a packet. A point that finds no room is refused and
+// counted. An exception of any call (there is no memory) leaves the table as it was or with a part
+// of the packet in it. Borrows `health`.
 class SeriesTable : public PacketSink {
  public:
   struct Options {
@@ -63,13 +64,13 @@ class SeriesTable : public PacketSink {
   // Changes these two of the options.
   void SetTimes(std::chrono::seconds ttl, std::chrono::seconds max_ahead);
 
-  // Lets go of what is out of date. To be called every second or so; most calls do nothing.
+  // Lets go of series that are out of date. To be called every second or so; most calls do nothing.
   void Sweep();
 
   // Appends the lines of all series, family by family.
   void AppendPage(bool timestamps, std::string* page);
 
-  // What the page takes at most now, without the agent's own numbers.
+  // The bytes of the page at most now, without the agent's own numbers.
   size_t PageBytes();
 
   // How many series were ever made.

@@ -5,8 +5,8 @@
 
 #include "agent/process_slots.h"
 
-// The numbers of processes in a file beside the socket, for the next agent: without it each restart
-// of the agent would deal them anew, and the totals of one process would go on as another's.
+// The numbers of processes in a file beside the socket, for the next agent. Without it each restart
+// of the agent would give out new numbers, and the totals of one process would go on as another's.
 // Processes come and go seldom, so the file is written seldom. Nothing waits for the disk.
 
 namespace tidegate::agent {

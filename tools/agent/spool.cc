@@ -133,7 +133,7 @@ bool Spool::Append(const Batch& batch) {
   return written;
 }
 
-// A segment that is begun anew has its magic, too.
+// A new segment has its magic, too.
 void Spool::MakeRoom(uint64_t size) {
   while (bytes_ + (writing_ ? 0 : kSegmentMagic.size()) + size > options_.bytes) {
     uint64_t points = 0;
@@ -155,7 +155,7 @@ bool Spool::Write(const Batch& batch) {
       !WriteAll(segment.file, record.body(), batch.body)) {
     const int error = errno;
     segment.waiting.pop_back();
-    // If not even this goes, the next record is written over it.
+    // If even this fails, the next record is written over it.
     [[maybe_unused]] const int cut = ftruncate(segment.file.get(), AsOffset(segment.size));
     return Failed("cannot be written to", ErrorText(error));
   }

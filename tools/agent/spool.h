@@ -31,8 +31,8 @@ struct SpoolOptions {
 // batches are gone; until then each of those is marked, so that the next agent does not send it
 // again. Segments are flushed to the disk when they are full and by Close.
 //
-// What cannot be read costs nothing but itself; it is counted in Health, with its points where they
-// are known. Each trouble of the disk is reported once until it is over.
+// A part that cannot be read does not affect the rest. It is counted in Health, with its points
+// where they are known. Each trouble of the disk is reported once until it is over.
 //
 // Threads: any; each waits for the disk, and for another one that does, but not in `empty`.
 // Borrows `health`.
@@ -54,7 +54,7 @@ class Spool {
   // REQUIRES: the one before was settled.
   Batches Take();
 
-  // What became of the batch that Take gave: it is gone, or else Take will give it again. If it had
+  // Says whether the batch that Take gave is gone. If not, Take will give it again, but if it had
   // to make room meanwhile, it is dropped and counted now.
   void Settle(bool gone);
 

@@ -34,7 +34,7 @@ void SpoolFeeder::Run() {
   }
 }
 
-// What is not kept is back in the queue.
+// A batch that is not kept is back in the queue.
 bool SpoolFeeder::Keep(Batches* batch) {
   bool kept = false;
   Survives(health_, [&] {

@@ -11,9 +11,9 @@
 
 namespace tidegate::agent {
 
-// Moves batches from a queue that is more than half full to the spool, on a thread of its own,
-// which is the only one that may wait for the disk while the agent receives and sends. Where the
-// spool cannot be used, they stay in the queue, and it is tried again.
+// Moves batches from a queue that is more than half full to the spool. Its own thread is the only
+// one that may wait for the disk while the agent receives and sends. Where the spool cannot be
+// used, they stay in the queue, and it is tried again.
 //
 // Threads: all from the owner's. Borrows all that it is given.
 class SpoolFeeder {

@@ -36,7 +36,7 @@ struct SpoolRecord {
   uint64_t mark() const { return body() - 4; }  // where MarkOfDone goes
 };
 
-// What is at an offset of a segment; false unless all of it could be read.
+// Reads the bytes at an offset of a segment; false unless all of them could be read.
 using ReadAt = std::function<bool(uint64_t offset, char* bytes, size_t size)>;
 
 struct SegmentContent {
@@ -48,14 +48,14 @@ struct SegmentContent {
 // The head of a record of `batch`, with the offset that `record` says; fills in the rest of it.
 std::string MakeRecordHead(const Batch& batch, int64_t time, SpoolRecord* record);
 
-// What is written at SpoolRecord::mark.
+// The bytes to be written at SpoolRecord::mark.
 std::string_view MarkOfDone();
 
 // Whether `body` is what the record was written with.
 bool IsBodyOf(const SpoolRecord& record, std::string_view body);
 
-// Finds the records of a segment of `size` bytes, after its magic. Bodies are not read. What is
-// damaged, or ends before it is whole, costs no other record.
+// Finds the records of a segment of `size` bytes, after its magic. Bodies are not read. A record
+// that is damaged or cut off affects no other.
 SegmentContent ScanSegment(const ReadAt& read, uint64_t size);
 
 }  // namespace tidegate::agent

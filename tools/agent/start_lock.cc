@@ -30,7 +30,7 @@ StartLock::~StartLock() {
 bool StartLock::Take(const std::string& path, std::string* error) {
   path_ = path;
   for (int i = 0; i < kTries; ++i) {
-    // Whatever stands there, opening it neither waits nor follows it elsewhere.
+    // Opening it neither waits nor follows a link, whatever kind of file it is.
     UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
     const int failure = errno;
     struct stat info = {};

@@ -20,7 +20,7 @@ constexpr int kPollMillis = 50;  // between two looks at the deadline
 
 constexpr std::string_view kEnding = "...\n";
 
-// What poll promises for a pipe is room for PIPE_BUF bytes.
+// For a pipe, poll promises room for PIPE_BUF bytes.
 size_t WriteSize(int fd) {
   struct stat info;
   return fstat(fd, &info) == 0 && S_ISREG(info.st_mode) ? size_t{1} << 20 : size_t{PIPE_BUF};
@@ -84,7 +84,7 @@ void StreamWriter::WriteLines(const CountedLines& lines) {
 
 bool StreamWriter::WriteAll(std::string_view* text) {
   while (!text->empty() && !IsFinal(error_)) {
-    // After the deadline, what can be written without waiting still is.
+    // After the deadline, bytes that can be written without waiting still are.
     const bool late = GaveUp();
     pollfd ready = {fd_, POLLOUT, 0};
     if (poll(&ready, 1, late ? 0 : kPollMillis) <= 0) {

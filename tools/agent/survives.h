@@ -7,8 +7,8 @@
 namespace tidegate::agent {
 
 // Runs `step`, and returns false if memory ran out in it, which is counted: no thread of the agent
-// ends for that. The caller counts what is lost, and tells nobody: a line about it would take
-// memory as well, so one thread looks at the count.
+// ends for that. The caller counts its loss and reports nothing: a line would take memory as well,
+// so one thread looks at the count.
 template <typename Step>
 bool Survives(Health* health, const Step& step) noexcept {
   try {

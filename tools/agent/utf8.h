@@ -6,8 +6,8 @@
 #include <string_view>
 
 // Names and values as the agent hands them on. A byte that cannot stand there, such as one that is
-// not UTF-8, becomes \x and two lower-case digits of hexadecimal; a backslash that could be taken
-// for the begin of that form is written so itself. Two texts thus never become one.
+// not UTF-8, becomes \x and two lower-case hexadecimal digits. A backslash that could be taken for
+// the beginning of that form is written in it, too. So two different texts stay different.
 
 namespace tidegate::agent {
 
