@@ -1,15 +1,16 @@
 #!/usr/bin/env bash
 # Checks beyond the tests. Without arguments all of them, else those that are named:
-#   format   the sources are as clang-format writes them
-#   layers   the includes form no knot, and point down the floors of scripts/layers.py
-#   clang    builds clean with clang and its thread-safety analysis
-#   tidy     clang-tidy finds nothing
-#   asan     the suite under the address and undefined behaviour sanitizers
-#   tsan     the suite under the thread sanitizer
-#   install  the installed library serves its users and exports what it should; the Debian packages are
-#            as Debian wants them, and come and go cleanly
-#   docs     Doxygen understands every public header
-#   fuzz     a short run of each fuzzer
+#   format     the sources are as clang-format writes them
+#   layers     the includes form no knot, and point down the floors of scripts/layers.py
+#   mutations  the changes of scripts/mutations.txt fit the sources
+#   clang      builds clean with clang and its thread-safety analysis
+#   tidy       clang-tidy finds nothing
+#   asan       the suite under the address and undefined behaviour sanitizers
+#   tsan       the suite under the thread sanitizer
+#   install    the installed library serves its users and exports what it should; the Debian packages are
+#              as Debian wants them, and come and go cleanly
+#   docs       Doxygen understands every public header
+#   fuzz       a short run of each fuzzer
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
@@ -22,6 +23,11 @@ check_format() {
 check_layers() {
   step "reading the includes"
   "$ROOT/scripts/layers.py"
+}
+
+check_mutations() {
+  step "checking that the mutations fit"
+  quietly python3 "$ROOT/scripts/mutate.py" --list
 }
 
 check_clang() {
@@ -62,13 +68,13 @@ check_fuzz() {
   MAX_SECONDS=50 "$ROOT/scripts/fuzz.sh" 100000
 }
 
-ALL=(format layers clang tidy asan tsan install docs fuzz)
+ALL=(format layers mutations clang tidy asan tsan install docs fuzz)
 if (($# == 0)); then
   set -- "${ALL[@]}"
 fi
 for name in "$@"; do
   case $name in
-    format | layers | clang | tidy | asan | tsan | install | docs | fuzz) ;;
+    format | layers | mutations | clang | tidy | asan | tsan | install | docs | fuzz) ;;
     *) die "unknown check \"$name\"; there are: ${ALL[*]}" ;;
   esac
 done

@@ -96,14 +96,20 @@ def first_failure(tests):
     return None
 
 
+def read_whole(tree, mutation):
+    """The file that it changes. Ends the program unless the change fits."""
+    path = tree / mutation.file
+    whole = path.read_text() if path.is_file() else ""
+    count = whole.count(mutation.texts()[0])
+    if count != 1:
+        sys.exit(f"{mutation.name}: {mutation.file} holds its old text {count} times")
+    return whole
+
+
 def apply(mutation):
-    """Changes the file of the copy; gives what it held before."""
-    path = TREE / mutation.file
-    whole = path.read_text()
-    old, new = mutation.texts()
-    if whole.count(old) != 1:
-        sys.exit(f"{mutation.name}: {mutation.file} holds its old text {whole.count(old)} times")
-    path.write_text(whole.replace(old, new))
+    """Changes the file of the copy; returns its old text."""
+    whole = read_whole(TREE, mutation)
+    (TREE / mutation.file).write_text(whole.replace(*mutation.texts()))
     return whole
 
 
@@ -123,7 +129,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("names", nargs="*", metavar="NAME", help="only these")
     parser.add_argument("--jobs", type=int, default=2)
-    parser.add_argument("--list", action="store_true", help="only say what there is")
+    parser.add_argument("--list", action="store_true", help="only name them, and check that they fit the sources")
     arguments = parser.parse_args()
 
     mutations = parse(LIST)
@@ -134,6 +140,7 @@ def main():
         mutations = [mutation for mutation in mutations if mutation.name in arguments.names]
     if arguments.list:
         for mutation in mutations:
+            read_whole(ROOT, mutation)
             print(f"{mutation.name:32} {mutation.file}: {' '.join(mutation.tests)}")
         return 0
 
