@@ -11,10 +11,11 @@
 #include <csignal>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <thread>
 
 #include "support/agent_program.h"
+#include "support/loopback_server.h"
+#include "util/metric_lock.h"
 
 namespace tidegate::agent {
 namespace {
@@ -163,8 +164,8 @@ TEST_F(AgentHostTest, TakesOverAStaleSocketOnlyAndLocksAFileOfItsOwn) {
 class GoneDatabase {
  public:
   GoneDatabase() {
-    server_.Post("/write", [this](const httplib::Request& request, httplib::Response& reply) {
-      const std::lock_guard<std::mutex> lock(mutex_);
+    server_.Serve("/write", [this](const httplib::Request& request, httplib::Response& reply) {
+      const METRICS::WriteGuard guard(mutex_);
       reply.status = may_take_ > 0 ? 204 : 503;
       if (may_take_ == 0) return;
       --may_take_;
@@ -173,32 +174,26 @@ class GoneDatabase {
         if (line.compare(0, 4, "svc.") == 0) ++names_[line.substr(0, line.find(','))];
       }
     });
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) std::this_thread::yield();
   }
-  ~GoneDatabase() {
-    server_.stop();
-    thread_.join();
-  }
-  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  std::string url() const { return server_.url(); }
   void Take(int batches) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const METRICS::WriteGuard guard(mutex_);
     may_take_ = batches;
   }
   int may_take() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const METRICS::WriteGuard guard(mutex_);
     return may_take_;
   }
-  const std::map<std::string, int>& names() const { return names_; }  // once no agent runs
+  std::map<std::string, int> names() const {
+    const METRICS::WriteGuard guard(mutex_);
+    return names_;
+  }
 
  private:
-  httplib::Server server_;
-  std::thread thread_;
-  int port_ = 0;
-  mutable std::mutex mutex_;
-  int may_take_ = 0;
-  std::map<std::string, int> names_;
+  mutable METRICS::Mutex mutex_;
+  int may_take_ METRICS_GUARDED_BY(mutex_) = 0;
+  std::map<std::string, int> names_ METRICS_GUARDED_BY(mutex_);
+  test::LoopbackServer server_;
 };
 
 TEST_F(AgentHostTest, LosesNothingOfItsSpoolThoughItIsKilled) {

@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <httplib.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -10,7 +9,6 @@
 #include <filesystem>
 #include <functional>
 #include <limits>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,6 +18,8 @@
 #include "agent/line_protocol.h"
 #include "agent/partial_write.h"
 #include "agent/unique_fd.h"
+#include "support/loopback_server.h"
+#include "util/metric_lock.h"
 
 namespace tidegate::agent {
 namespace {
@@ -133,26 +133,16 @@ class Database {
 
   // An answer for each request, the last one for all further ones.
   void Serve(std::vector<Answer> answers, int port = 0) {
-    server_.Post(".*", [this, answers](const httplib::Request& request, httplib::Response& reply) {
-      std::unique_lock<std::mutex> lock(mutex_);
-      requests_.push_back(request);
-      const Answer answer = answers[std::min(requests_.size(), answers.size()) - 1];
-      lock.unlock();
-      answer(request, reply);
-    });
-    port_ = port == 0 ? server_.bind_to_any_port("127.0.0.1") : port;
-    ASSERT_TRUE(port == 0 || server_.bind_to_port("127.0.0.1", port));
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) std::this_thread::yield();
-  }
-  ~Database() {
-    server_.stop();
-    if (thread_.joinable()) thread_.join();
+    const auto handle = [this, answers](const httplib::Request& request, httplib::Response& reply) {
+      answers[std::min(Keep(request), answers.size()) - 1](request, reply);
+    };
+    server_.Serve(".*", handle, port);
   }
 
-  int port() const { return port_; }
+  int port() const { return server_.port(); }
+  std::string url() const { return server_.url(); }
   std::vector<httplib::Request> requests() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const Guard guard(mutex_);
     return requests_;
   }
   std::vector<std::string> bodies() const {
@@ -162,11 +152,18 @@ class Database {
   }
 
  private:
-  httplib::Server server_;
-  std::thread thread_;
-  int port_ = 0;
-  mutable std::mutex mutex_;
-  std::vector<httplib::Request> requests_;
+  using Guard = METRICS::WriteGuard<METRICS::Mutex>;
+
+  // How many there are now.
+  size_t Keep(const httplib::Request& request) {
+    const Guard guard(mutex_);
+    requests_.push_back(request);
+    return requests_.size();
+  }
+
+  mutable METRICS::Mutex mutex_;
+  std::vector<httplib::Request> requests_ METRICS_GUARDED_BY(mutex_);
+  test::LoopbackServer server_;
 };
 
 Database::Answer Status(int status, const std::string& body = "") {
@@ -193,7 +190,7 @@ class ForwarderTest : public testing::Test {
   }
   void Make(const ForwardOptions& options) {
     forwarder_ = std::make_unique<Forwarder>(options, &health_, [this](const std::string& line) {
-      const std::lock_guard<std::mutex> lock(mutex_);
+      const METRICS::WriteGuard guard(mutex_);
       log_.push_back(line);
     });
   }
@@ -216,7 +213,7 @@ class ForwarderTest : public testing::Test {
     return condition();
   }
   std::vector<std::string> log() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const METRICS::WriteGuard guard(mutex_);
     return log_;
   }
   // One on which nobody listens.
@@ -225,12 +222,12 @@ class ForwarderTest : public testing::Test {
     gone.Serve({Status(204)});
     return gone.port();
   }
-  std::string Url() const { return "http://127.0.0.1:" + std::to_string(database_.port()); }
+  std::string Url() const { return database_.url(); }
 
   Database database_;  // outlives the forwarder, whose open connection it would wait for
   Health health_;
-  std::mutex mutex_;
-  std::vector<std::string> log_;
+  METRICS::Mutex mutex_;
+  std::vector<std::string> log_ METRICS_GUARDED_BY(mutex_);
   std::unique_ptr<Forwarder> forwarder_;
 };
 
