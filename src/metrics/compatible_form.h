@@ -19,7 +19,7 @@ class CompatibleForm {
   /// `packets` outlives the form.
   explicit CompatibleForm(FlushPackets& packets) : packets_(packets) {}
 
-  /// Drains the cells of `series`, which it lets go of, and writes what they report.
+  /// Drains the cells of `series`, which it lets go of, and writes their reports.
   void Pack(std::vector<Series>& series, const FlushJob& job);
 
  private:

@@ -8,7 +8,8 @@ namespace METRICS {
 class MetricParts;
 class RegistryParts;
 
-/// What a flush says of the metric whose series are to be packed. Holds for that one call.
+/// The metric whose series a form packs, with the time and the settings of the flush. Good for that
+/// one call.
 struct FlushJob {
   const MetricParts& metric;
   const RegistryParts& registry;  ///< that of `metric`

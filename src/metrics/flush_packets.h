@@ -26,7 +26,7 @@ class FlushPackets {
   /// memory ran out between their cell and the packet.
   FlushPackets(Send send, CountLost count_lost);
 
-  /// Makes what each packet begins with: who sends it.
+  /// Makes the codec header, with which each packet begins: it tells who sends it.
   void EncodeCodecHeader(const std::string& tenant,
                          const std::vector<lattice_kit::codec::TagKV>& tenant_tags);
 
@@ -51,8 +51,8 @@ class FlushPackets {
   /// Sends what both hold, that of the boundary first, their open blocks closed.
   void CleanUpPackage();
 
-  /// Does `work`, which drains a cell and writes what it reports. Where memory runs out in between,
-  /// that is lost, and counted.
+  /// Does `work`, which drains a cell and writes its report. Where memory runs out in between, the
+  /// report is lost, and counted.
   template <class Work>
   void DrainAndWrite(Work work);
 
@@ -67,7 +67,7 @@ class FlushPackets {
     StampAndSend(pack);
     return true;
   }
-  /// Closes the open block and fills in what a packet says of itself.
+  /// Closes the open block and fills in the lengths, counts and time of the codec header.
   FinishedPacket RefillBeforeSend(MetricDataPack& pack);
   void StampAndSend(MetricDataPack& pack);
   void SendIfAny(MetricDataPack& pack);

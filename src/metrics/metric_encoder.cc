@@ -23,8 +23,9 @@ MetricEncoder::~MetricEncoder() = default;
 
 void MetricEncoder::Init(const std::string& account, const std::string& project,
                          const std::string& psm) {
-  packets_.EncodeCodecHeader(
-      name_, {{kAccountIdKey, account}, {kProjectIdKey, psm.empty() ? project : psm}});
+  tenant_tags_.emplace_back(kAccountIdKey, account);
+  tenant_tags_.emplace_back(kProjectIdKey, psm.empty() ? project : psm);
+  packets_.EncodeCodecHeader(name_, tenant_tags_);
 }
 
 void MetricEncoder::PackCollector(

@@ -66,7 +66,7 @@ class MetricEncoder final : public MetricEncoderBase {
             const std::string& psm) override;
   void PackCollector(const std::vector<std::shared_ptr<MetricCollectorBase>>& collectors) override;
 
-  // Other names of what packets do.
+  // Other names of operations of packets.
   static std::string PrePack(const std::vector<lattice_kit::codec::FieldInfo>& fields) {
     return lattice_kit::codec::PackFields(fields);
   }
@@ -108,6 +108,7 @@ class MetricEncoder final : public MetricEncoderBase {
   SuffixedForm suffixed_{packets_};
   RowForm row_{packets_};
   CompatibleForm compatible_{packets_};
+  std::vector<lattice_kit::codec::TagKV> tenant_tags_;
   int64_t boundary_ = 0;  ///< of the flush
   std::shared_ptr<RegistryParts>
       registry_;                         ///< whose metrics the packets hold; null between flushes

@@ -137,8 +137,9 @@ void MetricDataPack::CloseBlock() {
 }
 
 // As a block that is opened, given a record and closed: nearly all of a flush is this.
-inline void MetricDataPack::PutBlock(const std::string& header, int64_t timestamp,
-                                     std::string_view tags, const double* numbers, size_t count) {
+inline void MetricDataPack::EncodeOneSeriesMetric(const std::string& header, int64_t timestamp,
+                                                  std::string_view tags, const double* numbers,
+                                                  size_t count) {
   assert(!HasOpenBlock());
   const size_t bytes = header.size() + RecordBytes(tags, 0, count);
   if (!MakeRoom(*this, bytes)) {
@@ -159,13 +160,13 @@ inline void MetricDataPack::PutBlock(const std::string& header, int64_t timestam
 void MetricDataPack::PutNumberBlocks(const std::vector<std::string>& headers, int64_t timestamp,
                                      std::string_view tags, const double* numbers) {
   for (size_t i = 0; i < headers.size(); ++i) {
-    PutBlock(headers[i], timestamp, tags, numbers + i, 1);
+    EncodeOneSeriesMetric(headers[i], timestamp, tags, numbers + i, 1);
   }
 }
 
 void MetricDataPack::PutRowBlock(const std::string& header, int64_t timestamp,
                                  std::string_view tags, const double* numbers, size_t count) {
-  PutBlock(header, timestamp, tags, numbers, count);
+  EncodeOneSeriesMetric(header, timestamp, tags, numbers, count);
 }
 
 void MetricDataPack::Rewind() {

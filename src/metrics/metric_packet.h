@@ -79,8 +79,8 @@ class MetricDataPack : public EPacket {
   const std::string& header_copy() const { return header_copy_; }
 
  private:
-  void PutBlock(const std::string& header, int64_t timestamp, std::string_view tags,
-                const double* numbers, size_t count);
+  void EncodeOneSeriesMetric(const std::string& header, int64_t timestamp, std::string_view tags,
+                             const double* numbers, size_t count);
 
   uint32_t header_offset_ = 0;  ///< of the open block; 0: none is open
   uint32_t block_series_ = 0;   ///< records in the open block

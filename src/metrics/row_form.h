@@ -19,7 +19,7 @@ class RowForm {
   /// `packets` outlives the form.
   explicit RowForm(FlushPackets& packets) : packets_(packets) {}
 
-  /// Drains the rows of `series`, which it lets go of, and writes what they report.
+  /// Drains the rows of `series`, which it lets go of, and writes their reports.
   void Pack(std::vector<Series>& series, const FlushJob& job);
 
  private:

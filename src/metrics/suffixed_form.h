@@ -21,7 +21,7 @@ class SuffixedForm {
   /// `packets` outlives the form.
   explicit SuffixedForm(FlushPackets& packets) : packets_(packets) {}
 
-  /// Drains the cells of `series`, which it lets go of, and writes what they report.
+  /// Drains the cells of `series`, which it lets go of, and writes their reports.
   void Pack(std::vector<Series>& series, const FlushJob& job);
 
  private:
