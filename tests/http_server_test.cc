@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "util/metric_lock.h"
+
 namespace tidegate::agent {
 namespace {
 
@@ -93,7 +95,7 @@ class HttpServerTest : public testing::Test {
           *page += page_;
         },
         [this](const std::string& line) {
-          const std::lock_guard<std::mutex> lock(mutex_);
+          const METRICS::WriteGuard guard(mutex_);
           log_ += line + "\n";
         },
         [] { ADD_FAILURE() << "ended by itself"; }, &health_, limits);
@@ -118,8 +120,8 @@ class HttpServerTest : public testing::Test {
   std::atomic<bool> no_memory_{false};
   std::atomic<bool> hold_{false};  // the page that is being made
   std::atomic<int> pages_made_{0};
-  std::mutex mutex_;
-  std::string log_;
+  METRICS::Mutex mutex_;
+  std::string log_ METRICS_GUARDED_BY(mutex_);
   Health health_;
   std::unique_ptr<HttpServer> server_;
   int port_ = 0;
@@ -266,7 +268,7 @@ TEST_F(HttpServerTest, MissingMemoryIsAnAnswerALineAndACount) {
   EXPECT_THAT(answer, HasSubstr("Retry-After: "));
   EXPECT_EQ(health_.http_failed_pages, 1u);
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const METRICS::WriteGuard guard(mutex_);
     EXPECT_EQ(log_, "cannot make the page of metrics: std::bad_alloc\n");
   }
   no_memory_ = false;
