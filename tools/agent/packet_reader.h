@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "agent/read_error.h"
+
 // The receiving side's view of a metrics packet. This unit is written from the description of the
 // wire format alone and shares nothing with the encoder, so that it can be held against it.
 //
@@ -59,13 +61,6 @@ struct Packet {
   std::vector<Tag> tenant_tags;
   std::string sdk_version;
   std::vector<Block> blocks;
-};
-
-// Why a packet was refused, and the offset of the first byte of the field at fault. The reason is
-// one line of printable text and holds no bytes of the packet.
-struct ReadError {
-  size_t offset = 0;
-  std::string reason;
 };
 
 // Decodes one whole packet. Anything but a packet that agrees with itself in every length and
