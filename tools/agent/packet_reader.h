@@ -81,7 +81,7 @@ class PacketReader {
 
  private:
   Packet packet_;
-  size_t read_bytes_ = 0;  // since packet_ was made anew
+  size_t read_bytes_ = 0;  // since packet_ was last replaced
 };
 
 // The text of a wire type that ReadPacket lets through, as "gauge"; "unknown" for all others.
