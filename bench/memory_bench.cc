@@ -14,7 +14,9 @@
 
 #include "dropping_sender.h"
 #include "isolated.h"
+#include "metrics/impl/metric_impl.h"
 #include "metrics/metric_collector_item.h"
+#include "metrics/metric_data.h"
 #include "metrics/metric_expire_checker.h"
 #include "metrics/metric_method.h"
 #include "scenarios.h"

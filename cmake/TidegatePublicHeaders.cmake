@@ -10,20 +10,15 @@ set(TIDEGATE_PUBLIC_HEADERS
     include/tidegate/static_configer.h
     include/tidegate/static_vendor.h
     include/tidegate/vendor_interface.h
-    src/codec/tag_kv.h
     src/metrics/bound_series.h
-    src/metrics/cell_table.h
+    src/metrics/cell_ptr.h
     src/metrics/client_parts.h
+    src/metrics/core_init_cfg.h
     src/metrics/global_resources_limit.h
     src/metrics/histo_util.h
-    src/metrics/impl/metric_compatible_impl.h
-    src/metrics/impl/metric_impl.h
-    src/metrics/impl/metric_multi_field_impl.h
     src/metrics/metric.h
     src/metrics/metric_client.h
     src/metrics/metric_collector_item.h
-    src/metrics/metric_configer.h
-    src/metrics/metric_data.h
     src/metrics/metric_factory.h
     src/metrics/metric_method.h
     src/metrics/metric_parts.h
@@ -32,12 +27,6 @@ set(TIDEGATE_PUBLIC_HEADERS
     src/metrics/scoped_timer.h
     src/util/event_counter.h
     src/util/metric_common.h
-    src/util/metric_data_util.h
     src/util/metric_error_code.h
     src/util/metric_export.h
-    src/util/metric_lock.h
-    src/util/metric_log_level.h
-    src/util/short_text.h
-    src/util/taken_entries.h
-    src/util/thread_slot.h
-    src/util/visible_readers.h)
+    src/util/metric_log_level.h)

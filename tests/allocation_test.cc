@@ -5,6 +5,7 @@
 #include <new>
 
 #include "metrics/bound_series.h"
+#include "metrics/cell_table.h"
 #include "metrics/metric_ckms_quantiles.h"
 #include "metrics/metric_collector.h"
 #include "metrics/metric_collector_factory.h"

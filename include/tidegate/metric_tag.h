@@ -18,6 +18,7 @@ struct MetricTag {
   std::string value;
 };
 
+/// By `key` alone.
 inline bool operator<(const MetricTag& a, const MetricTag& b) { return a.key < b.key; }
 
 }  // namespace tidegate

@@ -3,12 +3,12 @@
 // All that a program needs of the library.
 
 #include "metrics/bound_series.h"
+#include "metrics/core_init_cfg.h"
 #include "metrics/global_resources_limit.h"
 #include "metrics/histo_util.h"
 #include "metrics/metric.h"
 #include "metrics/metric_client.h"
 #include "metrics/metric_collector_item.h"
-#include "metrics/metric_configer.h"
 #include "metrics/metric_factory.h"
 #include "metrics/metric_method.h"
 #include "metrics/metric_registry.h"

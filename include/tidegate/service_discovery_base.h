@@ -17,7 +17,7 @@ class ServiceDiscoveryBase {
   explicit ServiceDiscoveryBase(std::string service_name) : name(std::move(service_name)) {}
   virtual ~ServiceDiscoveryBase() = default;
 
-  /// Not called by the library.
+  /// Not called by the library: for the application's own use.
   virtual bool LookUp(std::string service) = 0;
   /// Fills one address of the service. `retry_count` is the sender's count of failed steps, which
   /// wraps and may be reset. False when there is no address.

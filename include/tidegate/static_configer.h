@@ -25,10 +25,11 @@ class StaticConfiger : public MConfigerImplBase {
   struct Options {
     int default_interval = 30;  ///< seconds, for tenants that `intervals` does not name
     std::map<std::string, int> intervals = {};  ///< seconds, by tenant
-    std::string account_id = {};
-    std::string project_id = {};
+    std::string account_id = {};                ///< written into every packet
+    std::string project_id = {};                ///< the same, unless the vendor names a service
   };
 
+  /// The defaults.
   StaticConfiger() : StaticConfiger(Options{}) {}
   /// `StaticConfiger({})`, which could as well mean a copy: the defaults.
   explicit StaticConfiger(std::initializer_list<Nothing> /*none*/) : StaticConfiger() {}
@@ -39,6 +40,7 @@ class StaticConfiger : public MConfigerImplBase {
     project_id = std::move(options.project_id);
   }
 
+  // As `MConfigerImplBase` says; nothing starts or stops here.
   void Start() override {}
   void Stop() override {}
   std::pair<bool, int> GetTenantInterval(const std::string& tenant) override {
@@ -46,6 +48,7 @@ class StaticConfiger : public MConfigerImplBase {
     const int interval = found == intervals_.end() ? default_interval_ : found->second;
     return {interval > 0, interval};
   }
+  /// None: for the Unix domain socket nothing is looked up.
   std::string GetSinkName() override { return {}; }
 
  private:

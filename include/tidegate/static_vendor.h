@@ -34,15 +34,18 @@ class StaticVendor : public PlainVendor {
     bool self_monitor = false;  ///< report the library's own metrics
   };
 
+  /// The defaults: a plain machine.
   StaticVendor() : StaticVendor(Options{}) {}
   /// `StaticVendor({})`, which could as well mean a copy: the defaults.
   explicit StaticVendor(std::initializer_list<Nothing> /*none*/) : StaticVendor() {}
+  /// Takes the options over; nothing is checked here.
   explicit StaticVendor(Options options)
       : PlainVendor(std::move(options.tags), std::move(options.default_tags)),
         socket_path_(std::move(options.socket_path)),
         service_(std::move(options.service)),
         self_monitor_(options.self_monitor) {}
 
+  // As `VendorInterface` says.
   std::string GetPSM() override { return service_; }
   std::string GetSenderOutPath() override { return socket_path_; }
   bool EnableMonitor() override { return self_monitor_; }

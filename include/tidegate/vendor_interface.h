@@ -62,8 +62,10 @@ class VendorInterface {
 /// Constant after construction, and so safe from any thread.
 class PlainVendor : public VendorInterface {
  public:
+  /// Where the agent of a plain machine listens.
   static constexpr char kSocketPath[] = "/opt/tmp/sock/metric_seqpacket.sock";
 
+  // The answers, as `VendorInterface` asks.
   bool Initialized() override { return true; }
   void Init() override {}
   bool Check(std::vector<std::string> /*values*/) override { return true; }
@@ -80,6 +82,7 @@ class PlainVendor : public VendorInterface {
   bool EnableMonitor() override { return false; }
 
  protected:
+  // With no tags, or with these, which are not validated.
   PlainVendor() = default;
   PlainVendor(std::vector<MetricTag> immutable_tags, std::vector<MetricTag> rewritable_tags)
       : immutable_tags_(std::move(immutable_tags)), rewritable_tags_(std::move(rewritable_tags)) {}

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cassert>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -66,6 +67,7 @@ class Pack {
   template <class T>
   void Patch(uint32_t offset, T value) {
     static_assert(std::is_arithmetic_v<T>);
+    assert(offset + sizeof(T) <= static_cast<size_t>(Used()));
     std::memcpy(begin + offset, &value, sizeof(T));
   }
 

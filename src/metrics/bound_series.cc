@@ -5,14 +5,16 @@
 #include <algorithm>
 #include <utility>
 
+#include "metrics/impl/metric_impl.h"
 #include "metrics/metric.h"
 #include "metrics/metric_collector.h"
 #include "metrics/metric_collector_item.h"
 #include "metrics/metric_data.h"
 #include "metrics/metric_histogram.h"
 #include "metrics/series_items.h"
-#include "util/event_counter.h"
+#include "util/event_counter_add.h"
 #include "util/fork_guard.h"
+#include "util/line_allocator.h"
 #include "util/metric_lock.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
@@ -72,11 +74,11 @@ ReturnCode CheckCell(const MetricParts& metric, const std::string& name, Metrics
 }
 
 /// The item of the series, which expiry leaves alone from now on.
-ReturnCode HoldSeries(MetricImpl& impl, const std::vector<std::string>& values, ItemPtr& held) {
+ReturnCode HoldSeries(Metric& metric, const std::vector<std::string>& values, ItemPtr& held) {
   for (uint32_t turn = 0;; ++turn) {
-    ItemPtr item = impl.WithTagValues(values);
+    ItemPtr item = metric.WithTagValues(values);
     if (item == DummyItem()) {
-      return RefusalOf(StateOf(impl));
+      return RefusalOf(StateOf(*metric.impl_));
     }
     if (item->Hold()) {
       held = std::move(item);
@@ -87,6 +89,8 @@ ReturnCode HoldSeries(MetricImpl& impl, const std::vector<std::string>& values, 
 }
 
 }  // namespace
+
+static_assert(sizeof(BoundSeries) <= kCacheLineBytes, "an emission reads no more of it");
 
 /// What a handle keeps alive, and what it takes to bind it anew.
 struct BoundSeries::Pins {
@@ -158,7 +162,7 @@ ReturnCode BoundSeries::BindValues(Metric& metric, std::vector<std::string> valu
   const auto pins = std::make_shared<Pins>();
   pins->values = std::move(values);
   pins->name = name;
-  code = HoldSeries(*metric.impl_, pins->values, pins->item);
+  code = HoldSeries(metric, pins->values, pins->item);
   if (code != ReturnCode::kOk) {
     return code;
   }

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "util/short_text.h"
+
 namespace METRICS {
 
 const CellTable::Entry* CellTable::Search(const std::string& name) const {

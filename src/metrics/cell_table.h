@@ -4,18 +4,15 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
+#include "metrics/cell_ptr.h"
 #include "metrics/metric_data.h"
 #include "util/metric_common.h"
 #include "util/name_index.h"
 #include "util/short_text.h"
 
 namespace METRICS {
-
-using CellPtr = std::shared_ptr<MetricBasicData>;
-using CellMap = std::unordered_map<std::string, CellPtr>;
 
 /// A cell as the flush walks it. The name is a copy: the item may move its own meanwhile.
 struct CellRef {

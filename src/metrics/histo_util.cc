@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <utility>
 
-#include "util/metric_log.h"
 #include "util/metric_string_util.h"
 
 namespace METRICS {
@@ -26,16 +25,6 @@ HistoUtilBase::~HistoUtilBase() = default;
 bool HistoUtilBase::Check() const { return bounds.size() <= kMaxBounds; }
 
 std::string HistoUtilBase::Reason() const { return bounds.size() > kMaxBounds ? kTooMany : ""; }
-
-bool CheckBounds(const HistoUtilBase& histo) {
-  if (histo.Check()) {
-    return true;
-  }
-  const std::string reason = histo.Reason();
-  METRICS_LOG_WARN("Bounds of a histogram refused: %s\n",
-                   reason.empty() ? "their Check() says so" : reason.c_str());
-  return false;
-}
 
 HistoUtil::HistoUtil(std::vector<double> ascending_bounds)
     : HistoUtilBase(std::move(ascending_bounds)) {}

@@ -14,9 +14,13 @@ namespace METRICS {
 /// and keeps no reference; the object stays the application's.
 class METRICS_API HistoUtilBase {
  public:
+  /// The most bounds that a histogram can have.
   static constexpr size_t kMaxBounds = 100;
 
+  /// No bounds, which `Check` lets pass: a histogram without bounds drops all samples.
   HistoUtilBase() = default;
+  /// With these bounds, which are not checked here; of bounds that do not ascend samples go into
+  /// the wrong buckets. `HistoUtil` checks them.
   explicit HistoUtilBase(std::vector<double> ascending_bounds);
   virtual ~HistoUtilBase();
 
@@ -29,9 +33,6 @@ class METRICS_API HistoUtilBase {
   /// Why `Check` refuses, in English, for the log line about it; empty if nothing is wrong.
   virtual std::string Reason() const;
 };
-
-/// `histo.Check()`, with a Warn line that gives the reason where it refuses.
-bool CheckBounds(const HistoUtilBase& histo);
 
 /// Bounds that are checked as a whole: whoever makes a metric with bad ones gets 36, and reads here
 /// what is wrong with them.
@@ -49,8 +50,10 @@ class METRICS_API HistoUtil : public HistoUtilBase {
   static HistoUtil Linear(double first, double width, size_t count);
   /// `count` bounds from `first` on, each `factor` times the one before.
   static HistoUtil Exponential(double first, double factor, size_t count);
+  /// These bounds.
   static HistoUtil Explicit(std::vector<double> bounds);
 
+  /// False for bad bounds, see above.
   bool Check() const override;
   /// What is wrong, in English; empty if nothing is.
   std::string Reason() const override;

@@ -4,6 +4,7 @@
 
 #include "metrics/impl/metric_compatible_impl.h"
 #include "metrics/impl/metric_multi_field_impl.h"
+#include "metrics/metric_histogram.h"
 #include "metrics/metric_registry.h"
 #include "util/metric_data_util.h"
 #include "util/metric_log.h"
@@ -106,8 +107,7 @@ ReturnCode Metric::CEmit(double value, std::vector<std::string>&& tag_pairs) {
 }
 
 ReturnCode Metric::EmitStat(Metric* stat_metric) {
-  const std::shared_ptr<MetricCollectorItem> item =
-      stat_metric->impl_->WithTags({{"metric_name", name_}});
+  const std::shared_ptr<MetricCollectorItem> item = stat_metric->WithTags({{"metric_name", name_}});
   std::vector<MetricFieldValue> values;
   values.reserve(4);  // nothing is counted here that could not be told for want of memory
   // Series that are shared with another metric are counted there, whether that is removed or not.

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "metrics/histo_util.h"
-#include "metrics/impl/metric_impl.h"
 #include "metrics/metric_collector_item.h"
 #include "metrics/metric_method.h"
 #include "metrics/metric_parts.h"
@@ -20,6 +19,7 @@
 
 namespace METRICS {
 
+class MetricImpl;
 class MetricRegistry;
 
 /// One metric: a definition with its constant tags, its statistics and the implementation of its
@@ -41,16 +41,16 @@ class METRICS_API Metric : public MetricParts {
   /// The series of `tags`, given by name in any order; fastest in the sorted order of the declared
   /// names. A declared tag that is missing has the value "-". Values are validated.
   std::shared_ptr<MetricCollectorItem> WithTags(const std::vector<tidegate::MetricTag>& tags) {
-    return impl_->WithTags(tags);
+    return FindByTags(*impl_, tags);
   }
   /// The series of `values`, given in the sorted order of the declared names. Not validated.
   std::shared_ptr<MetricCollectorItem> WithTagValues(const std::vector<std::string>& values) {
-    return impl_->WithTagValues(values);
+    return FindByValues(*impl_, values);
   }
   /// The series of `tags` by name; names that are not declared are ignored. Not validated.
   std::shared_ptr<MetricCollectorItem> WithTagMap(
       const std::unordered_map<std::string, std::string>& tags) {
-    return impl_->WithTagMap(tags);
+    return FindByMap(*impl_, tags);
   }
 
   /// Sets the bounds of a metric whose suffixes hold histograms; at most once. `histo` is only

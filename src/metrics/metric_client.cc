@@ -8,6 +8,7 @@
 
 #include "metrics/cell_kinds.h"
 #include "metrics/metric_collector_factory.h"
+#include "metrics/metric_configer.h"
 #include "metrics/metric_expire_checker.h"
 #include "metrics/metric_factory.h"
 #include "metrics/metric_self_monitor.h"
@@ -40,8 +41,9 @@ bool IsForkedChildOf(pid_t process) { return process != 0 && ::getpid() != proce
 template <class Member, class... Args>
 bool MakeMember(Member& member, Args&&... args) {
   member.reset();
-  member.reset(new (std::nothrow) typename Member::element_type(std::forward<Args>(args)...));
-  if (member == nullptr) {
+  try {
+    member.reset(new typename Member::element_type(std::forward<Args>(args)...));
+  } catch (const std::bad_alloc&) {
     METRICS_LOG_CODE(ReturnCode::kNewObjectFail);
   }
   return member != nullptr;

@@ -5,8 +5,8 @@
 #include <string>
 
 #include "metrics/client_parts.h"
+#include "metrics/core_init_cfg.h"
 #include "metrics/metric.h"
-#include "metrics/metric_configer.h"
 #include "metrics/metric_registry.h"
 #include "tidegate/mconfiger_impl_base.h"
 #include "tidegate/service_discovery_base.h"

@@ -3,10 +3,13 @@
 #include <ostream>
 #include <sstream>
 
+#include "metrics/impl/metric_impl.h"
 #include "metrics/metric_client.h"
 #include "metrics/metric_collector_factory.h"
+#include "metrics/metric_configer.h"
 #include "metrics/metric_factory.h"
 #include "metrics/metric_sender_manager.h"
+#include "util/state_text.h"
 
 namespace METRICS {
 namespace {

@@ -4,6 +4,7 @@
 
 #include "codec/pack.h"
 #include "metrics/client_parts.h"
+#include "metrics/impl_parts.h"
 #include "metrics/metric_configer.h"
 #include "metrics/metric_parts.h"
 #include "metrics/series_items.h"

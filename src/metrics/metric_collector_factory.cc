@@ -4,6 +4,7 @@
 #include <cassert>
 #include <utility>
 
+#include "metrics/impl_parts.h"
 #include "metrics/metric_kdtree_collector.h"
 #include "metrics/metric_parts.h"
 #include "metrics/registry_parts.h"

@@ -3,6 +3,9 @@
 #include <utility>
 
 #include "metrics/cell_kinds.h"
+#include "metrics/cell_table.h"
+#include "metrics/impl_parts.h"
+#include "metrics/metric_data.h"
 #include "metrics/metric_parts.h"
 #include "util/metric_log.h"
 

@@ -9,8 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "metrics/cell_table.h"
-#include "metrics/metric_data.h"
+#include "metrics/cell_ptr.h"
 #include "metrics/metric_method.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
@@ -35,51 +34,68 @@ constexpr long kExpireAfterSeconds = 7200;
 /// answers 70.
 class METRICS_API MetricCollectorItem {
  public:
+  /// For the library: callers get items from a metric. `tag_hash` and `encoded_tags` are the tags
+  /// in packet form, or 0 and empty where the flush encodes them.
   MetricCollectorItem(MetricParts* metric, const int& tag_hash, const std::string& encoded_tags)
       : metric_(metric), tag_hash_(tag_hash), encoded_tags_(encoded_tags) {}
   virtual ~MetricCollectorItem();
   MetricCollectorItem(const MetricCollectorItem&) = delete;
   MetricCollectorItem& operator=(const MetricCollectorItem&) = delete;
 
-  /// Emits a list of values, each to the cell that its name tells. See the item kinds.
+  // The base class, which is the dummy item, answers 70 to all of these and keeps nothing; so does
+  // a kind of item that has no use for one. 22 and 23 come from a dropped item, see above.
+
+  /// Emits a list of values, each to the cell that its name tells; an empty list counts as an
+  /// emission. A value whose type is not that of its cell is dropped with a Warn line, and the
+  /// result is 0 all the same. On an ordinary metric a new name makes a suffix: 53 where it has
+  /// illegal characters, the values before it are emitted then and the ones after it are not. On a
+  /// row of fields a name that was not declared is dropped with a Warn line; 54 for more values
+  /// than fields, of which none is emitted. Allocates for new suffixes only, but the cell of an
+  /// exact timer keeps every sample.
   virtual ReturnCode Emit(std::vector<MetricFieldValue>&& values);
   virtual ReturnCode Emit(const std::vector<MetricFieldValue>& values);
-  /// Emits one number where the series has a single cell.
+  /// For compatible metrics alone: emits `value` on the one cell of the series. It stays as it is.
   virtual ReturnCode Emit(double& value);
-  /// Emits numbers by field name.
+  /// For rows of fields alone: emits numbers by field name, without a look at the types. Names that
+  /// were not declared are ignored without a line.
   virtual ReturnCode EmitMap(const std::unordered_map<std::string, double>& values);
-  /// The cells by name: a copy of the table, sharing the live cells.
+  /// The cells by name: a copy of the table, which shares the live cells. For the library.
   virtual CellMap Fields();
-  /// The single cell of a series that has but one.
+  /// The cell of a compatible metric's series; the shared no-op cell elsewhere. For the library.
   virtual CellPtr Data();
-  /// Number of cells.
+  /// What the series counts for among the cells of its metric: its suffixes, or 1.
   virtual size_t Size();
-  /// Estimate of the bytes that names and pointers of the cells occupy.
+  /// Estimate of the bytes that the names and pointers of its cells occupy.
   virtual size_t MemSize();
+  /// The kind of the item, which is that of its metric.
   virtual MetricCoItemType Type();
-  /// Emits one value as a list of it alone does, but without the list.
+  /// Emits one value as a list of it alone does, but without the list: the fastest form.
   virtual ReturnCode Emit(const MetricFieldValue& value);
-  /// Gives in `cell` the cell that values named `name` of type `type` go to; a suffix that is new
-  /// is made. 53 for a bad suffix, 20 for a field that was not declared, 52 for a cell of another
-  /// type, 70 where cells have no names.
+  /// For the library: gives in `cell` the cell that values named `name` of type `type` go to; a
+  /// suffix that is new is made. 53 for a bad suffix, 20 for a field that was not declared, 52 for
+  /// a cell of another type, 70 where cells have no names.
   virtual ReturnCode FindCell(const std::string& name, MetricsType type, CellPtr& cell);
   /// The cells for a flush: as `Fields`, but into a list that keeps its memory from call to call.
+  /// Good for as long as the item lives.
   virtual void ListCells(std::vector<CellRef>& cells);
 
-  /// What stands in braces: of one value the form above, else a list.
+  /// For values in braces: of one value the form for one, else a list.
   ReturnCode Emit(std::initializer_list<MetricFieldValue> values) {
     return values.size() == 1 ? Emit(*values.begin()) : Emit(std::vector<MetricFieldValue>(values));
   }
 
-  /// Makes the cell for `type`; `bucket_count` counts for histograms alone. An unknown type gives
-  /// an error line and the no-op cell.
+  // For the library. Any thread.
+  /// Makes the cell for `type`; `bucket_count` counts for histograms alone, `use_ckms` for timers.
+  /// An unknown type gives an error line and the no-op cell.
   static CellPtr CreateData(const MetricsType& type, bool use_ckms, unsigned short bucket_count);
 
-  /// The shared no-op cell, and the shared empty table. Never destroyed.
+  /// The shared cell that swallows everything. Never destroyed.
   static CellPtr NoopDataPtr();
+  /// The shared empty table. Never destroyed, and not to be changed.
   static CellMap& NoopFields();
 
-  /// Marks the series as alive now, for cells that are fed directly. A dropped one stays dropped.
+  /// Marks the series as alive now, for whoever feeds its cells directly. A dropped one stays
+  /// dropped.
   void Refresh() {
     MarkTime();
     if (!active_.load(std::memory_order_relaxed)) {
@@ -97,10 +113,12 @@ class METRICS_API MetricCollectorItem {
   /// Puts the series into flushes or hides it. One that was dropped stays hidden.
   void SetActive(bool active);
 
-  // A held series is hidden when it is idle, but never erased by expiry.
-  /// False when the library has dropped the item or is about to erase it: look it up anew.
+  /// Keeps expiry from erasing the series, until as many `LetGo`s: idle, it is only hidden. False
+  /// when the library has dropped the item or is about to erase it: look it up anew.
   bool Hold();
+  /// Whether anybody holds it now.
   bool IsHeld() const { return holders_.load(std::memory_order_relaxed) % kDropped > 0; }
+  /// Ends one `Hold` that gave true.
   void LetGo() { holders_.fetch_sub(1, std::memory_order_release); }
   /// For the expiry, before erasing: false when somebody holds the item. Ends all `Hold`s.
   bool ClaimForErasing();
@@ -114,6 +132,7 @@ class METRICS_API MetricCollectorItem {
   /// For the collector, once it has taken the item out of its table: no flush will see what is
   /// emitted from now on, so emissions are refused. What is under way may still get in.
   void Drop();
+  /// Whether that was done: then it stays so.
   bool IsDropped() const { return (holders_.load() & kDropped) != 0; }
   /// Counts an emission on a dropped item as failed; 22 while its metric is blocked, else 23.
   ReturnCode RefuseDropped() const;
@@ -138,13 +157,14 @@ class METRICS_API MetricCollectorItem {
   std::atomic<uint32_t> holders_{0};
 
  public:
-  // Constant after construction, unless the tags are not encoded ahead: then the flush thread, and
-  // it alone, fills in the hash once, and for compatible metrics the tags too.
-  MetricParts* const metric_;  ///< not owned
+  MetricParts* const metric_;  ///< not owned; null for the dummy item
+  // Constant after construction, unless the tags are not encoded when the item is made: then the
+  // flush thread, and it alone, fills in the hash once, and for compatible metrics the tags too.
   int32_t tag_hash_;
   std::string encoded_tags_;
 
  protected:
+  /// What an emission asks first.
   bool IsHidden() const { return !active_.load(std::memory_order_relaxed); }
   /// The way of an emission on a hidden item: refuses on a dropped one, else calls `emit` and then
   /// shows the item; what fails or throws shows nothing.
@@ -161,8 +181,13 @@ class METRICS_API MetricCollectorItem {
   }
 };
 
-/// The shared item that stands for every failure: emitting on it does nothing and answers 70.
-/// Never destroyed.
+// An emission that finds its series active reads and, once a second, writes these: no lock may hide
+// in them.
+static_assert(std::atomic<int64_t>::is_always_lock_free && std::atomic<bool>::is_always_lock_free &&
+              std::atomic<uint32_t>::is_always_lock_free);
+
+/// The shared item that stands for every failure: emitting on it does nothing and answers 70. Any
+/// thread. Never destroyed.
 METRICS_API std::shared_ptr<MetricCollectorItem> DummyItem();
 
 }  // namespace METRICS

@@ -3,6 +3,8 @@
 #include <cmath>
 #include <limits>
 
+#include "util/line_allocator.h"
+
 namespace METRICS {
 
 const double MetricBasicData::d_nan_ = std::numeric_limits<double>::quiet_NaN();
@@ -14,6 +16,16 @@ const SendRes& MetricDeltaCounter::no_flush_res_ =
     *new SendRes{false, {}, 0.0, kMetricDeltaCounterArrSize};
 const SendRes& MetricSummaryData::no_flush_res_ =
     *new SendRes{false, {}, 0.0, kMetricSummaryArraySize};
+
+// An emission waits for one line of memory: a cell is made at the start of one, with the counts of
+// its owners before it.
+template <class Cell>
+constexpr bool FitsIntoALine = 2 * sizeof(void*) + sizeof(Cell) <= kCacheLineBytes;
+static_assert(FitsIntoALine<MetricGauge> && FitsIntoALine<MetricRate> &&
+              FitsIntoALine<MetricCounter> && FitsIntoALine<MetricMeter> &&
+              FitsIntoALine<MetricDeltaCounter>);
+static_assert(std::atomic<long>::is_always_lock_free && std::atomic<double>::is_always_lock_free &&
+              std::atomic<uint8_t>::is_always_lock_free);
 
 void MetricBasicData::Emit(const long& /*value*/) {}
 void MetricBasicData::Emit(const double& /*value*/) {}

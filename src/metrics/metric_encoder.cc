@@ -3,6 +3,7 @@
 #include <new>
 #include <utility>
 
+#include "metrics/impl_parts.h"
 #include "metrics/metric_parts.h"
 #include "metrics/registry_parts.h"
 #include "util/metric_log.h"

@@ -1,6 +1,7 @@
 #include "metrics/metric_factory.h"
 
 #include <algorithm>
+#include <unordered_map>
 #include <utility>
 
 #include "metrics/client_parts.h"
@@ -9,6 +10,7 @@
 #include "metrics/removed.h"
 #include "util/fork_guard.h"
 #include "util/metric_clock_util.h"
+#include "util/metric_lock.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
 #include "util/metric_tag_util.h"
@@ -25,7 +27,19 @@ std::string KeyOf(const std::string& tenant, const std::string& prefix) {
 
 }  // namespace
 
-MetricFactory::MetricFactory(ClientParts* client) : client_(client) {
+struct MetricFactory::Table {
+  MetricRegistry* Find(const std::string& key) const METRICS_REQUIRES_SHARED(rwlock_) {
+    const auto found = registries_.find(key);
+    return found == registries_.end() ? nullptr : found->second.get();
+  }
+
+  RwLock rwlock_;
+  std::unordered_map<std::string, std::shared_ptr<MetricRegistry>> registries_
+      METRICS_GUARDED_BY(rwlock_);
+};
+
+MetricFactory::MetricFactory(ClientParts* client)
+    : client_(client), table_(std::make_unique<Table>()) {
   state_.exchange(MetricState::READY);
 }
 
@@ -46,12 +60,12 @@ ReturnCode MetricFactory::CreateRegistry(MetricRegistry*& registry, std::string 
   registry = nullptr;
   bool full = false;
   {
-    const ReadGuard guard(rwlock_);
-    if (Find(key) != nullptr) {
+    const ReadGuard guard(table_->rwlock_);
+    if (table_->Find(key) != nullptr) {
       METRICS_LOG_CODE(ReturnCode::kObjectExisted);
       return ReturnCode::kObjectExisted;
     }
-    full = registries_.size() >= kMaxRegistries;
+    full = table_->registries_.size() >= kMaxRegistries;
   }
   ReturnCode code = CheckDefinition(prefix, tags, tenant, flush_interval);
   if (code != ReturnCode::kOk) {
@@ -102,11 +116,11 @@ ReturnCode MetricFactory::CheckDefinition(const std::string& prefix,
 
 ReturnCode MetricFactory::Insert(const std::shared_ptr<MetricRegistry>& registry,
                                  const std::string& key) {
-  const WriteGuard guard(rwlock_);
-  if (registries_.size() >= kMaxRegistries) {
+  const WriteGuard guard(table_->rwlock_);
+  if (table_->registries_.size() >= kMaxRegistries) {
     return ReturnCode::kMaxRegistry;
   }
-  if (!registries_.emplace(key, registry).second) {
+  if (!table_->registries_.emplace(key, registry).second) {
     return ReturnCode::kObjectExisted;
   }
   METRICS_LOG_DEBUG("Create new registry[%s  %s] flush interval[%ds]\n", registry->Tenant().c_str(),
@@ -134,31 +148,26 @@ ReturnCode MetricFactory::CreateRegistry(MetricRegistry*& registry, MetricRegist
                         cfg.vendor, cfg.flush_interval, cfg.sender_type);
 }
 
-MetricRegistry* MetricFactory::Find(const std::string& key) const {
-  const auto found = registries_.find(key);
-  return found == registries_.end() ? nullptr : found->second.get();
-}
-
 ReturnCode MetricFactory::GetRegistry(MetricRegistry*& registry, std::string prefix,
                                       std::string tenant) {
   const std::string key = KeyOf(tenant, prefix);
-  const ReadGuard guard(rwlock_);
-  registry = Find(key);
+  const ReadGuard guard(table_->rwlock_);
+  registry = table_->Find(key);
   return registry == nullptr ? ReturnCode::kObjectNotExisted : ReturnCode::kOk;
 }
 
 ReturnCode MetricFactory::RemoveRegistry(std::string prefix, std::string tenant) {
   const std::string key = KeyOf(tenant, prefix);
   Removed removed;  // dies after the guard
-  const WriteGuard guard(rwlock_);
-  const auto found = registries_.find(key);
-  if (found == registries_.end()) {
+  const WriteGuard guard(table_->rwlock_);
+  const auto found = table_->registries_.find(key);
+  if (found == table_->registries_.end()) {
     METRICS_LOG_CODE(ReturnCode::kObjectNotExisted);
     return ReturnCode::kObjectNotExisted;
   }
   removed.registries.push_back(found->second);
   found->second->Clear(removed);
-  registries_.erase(found);
+  table_->registries_.erase(found);
   return ReturnCode::kOk;
 }
 
@@ -166,24 +175,24 @@ ReturnCode MetricFactory::Block(const std::string& tenant, const std::string& pr
   METRICS_LOG_DEBUG("Try to block registry[%s.%s]\n", tenant.c_str(), prefix.c_str());
   const std::string key = KeyOf(tenant, prefix);
   Removed removed;  // dies after the guard
-  const ReadGuard guard(rwlock_);
-  MetricRegistry* const registry = Find(key);
+  const ReadGuard guard(table_->rwlock_);
+  MetricRegistry* const registry = table_->Find(key);
   return registry == nullptr ? ReturnCode::kObjectNotExisted : registry->Block(removed);
 }
 
 ReturnCode MetricFactory::UnBlock(const std::string& tenant, const std::string& prefix) {
   METRICS_LOG_DEBUG("Try to unblock registry[%s.%s]\n", tenant.c_str(), prefix.c_str());
   const std::string key = KeyOf(tenant, prefix);
-  const ReadGuard guard(rwlock_);
-  MetricRegistry* const registry = Find(key);
+  const ReadGuard guard(table_->rwlock_);
+  MetricRegistry* const registry = table_->Find(key);
   return registry == nullptr ? ReturnCode::kObjectNotExisted : registry->UnBlock();
 }
 
 std::vector<std::string> MetricFactory::GetAllRegistryNames() const {
   std::vector<std::string> names;
-  const ReadGuard guard(rwlock_);
-  names.reserve(registries_.size());
-  for (const auto& [key, registry] : registries_) {
+  const ReadGuard guard(table_->rwlock_);
+  names.reserve(table_->registries_.size());
+  for (const auto& [key, registry] : table_->registries_) {
     names.push_back(key);
   }
   return names;
@@ -191,9 +200,9 @@ std::vector<std::string> MetricFactory::GetAllRegistryNames() const {
 
 std::vector<std::shared_ptr<MetricRegistry>> MetricFactory::GetAllRegistry() const {
   std::vector<std::shared_ptr<MetricRegistry>> all;
-  const ReadGuard guard(rwlock_);
-  all.reserve(registries_.size());
-  for (const auto& [key, registry] : registries_) {
+  const ReadGuard guard(table_->rwlock_);
+  all.reserve(table_->registries_.size());
+  for (const auto& [key, registry] : table_->registries_) {
     all.push_back(registry);
   }
   return all;
@@ -201,27 +210,27 @@ std::vector<std::shared_ptr<MetricRegistry>> MetricFactory::GetAllRegistry() con
 
 void MetricFactory::Clear() {
   Removed removed;  // dies after the guard
-  const WriteGuard guard(rwlock_);
-  for (const auto& [key, registry] : registries_) {
+  const WriteGuard guard(table_->rwlock_);
+  for (const auto& [key, registry] : table_->registries_) {
     removed.registries.push_back(registry);
     registry->Clear(removed);
   }
-  registries_.clear();
+  table_->registries_.clear();
 }
 
 void MetricFactory::AtFork() {
-  const WriteGuard guard(rwlock_);
+  const WriteGuard guard(table_->rwlock_);
   state_.exchange(MetricState::SHUTDOWN);
   METRICS_LOG_INFO("MetricFactory AtFork.\n");
-  for (const auto& [key, registry] : registries_) {
+  for (const auto& [key, registry] : table_->registries_) {
     registry->AtFork();
   }
-  registries_.clear();
+  table_->registries_.clear();
 }
 
-void MetricFactory::RepairAfterFork() {
-  RepairGuarded(rwlock_, registries_);
-  for (const auto& [key, registry] : registries_) {
+void MetricFactory::RepairAfterFork() METRICS_NO_THREAD_SAFETY {
+  RepairGuarded(table_->rwlock_, table_->registries_);
+  for (const auto& [key, registry] : table_->registries_) {
     registry->RepairAfterFork();
   }
 }

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "metrics/metric_registry.h"
@@ -12,7 +11,6 @@
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
 #include "util/metric_export.h"
-#include "util/metric_lock.h"
 
 namespace METRICS {
 
@@ -66,22 +64,20 @@ class METRICS_API MetricFactory {
   /// For the child of a fork: shuts down and forgets all registries.
   void AtFork();
   /// In a forked child, ahead of everything else: see `MetricCollectorFactory::RepairAfterFork`.
-  void RepairAfterFork() METRICS_NO_THREAD_SAFETY;
+  void RepairAfterFork();
 
   ClientParts* client_;  ///< not owned
   std::atomic<MetricState> state_{MetricState::INIT};
 
  private:
-  using Table = std::unordered_map<std::string, std::shared_ptr<MetricRegistry>>;
+  struct Table;
 
   static ReturnCode CheckDefinition(const std::string& prefix,
                                     const std::vector<tidegate::MetricTag>& tags,
                                     const std::string& tenant, int flush_interval);
-  MetricRegistry* Find(const std::string& key) const METRICS_REQUIRES_SHARED(rwlock_);
   ReturnCode Insert(const std::shared_ptr<MetricRegistry>& registry, const std::string& key);
 
-  mutable RwLock rwlock_;
-  Table registries_ METRICS_GUARDED_BY(rwlock_);
+  const std::unique_ptr<Table> table_;
 };
 
 }  // namespace METRICS

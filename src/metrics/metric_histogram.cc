@@ -1,6 +1,10 @@
 #include "metrics/metric_histogram.h"
 
 #include <cmath>
+#include <string>
+
+#include "metrics/histo_util.h"
+#include "util/metric_log.h"
 
 namespace METRICS {
 
@@ -17,6 +21,16 @@ short GetHistoIndex(const double& value, const std::vector<double>& bounds) {
     }
   }
   return last;
+}
+
+bool CheckBounds(const HistoUtilBase& histo) {
+  if (histo.Check()) {
+    return true;
+  }
+  const std::string reason = histo.Reason();
+  METRICS_LOG_WARN("Bounds of a histogram refused: %s\n",
+                   reason.empty() ? "their Check() says so" : reason.c_str());
+  return false;
 }
 
 MetricHistogram::MetricHistogram(unsigned short bucket_count)

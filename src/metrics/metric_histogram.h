@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cassert>
 #include <cstdint>
 #include <vector>
 
@@ -11,12 +12,17 @@
 
 namespace METRICS {
 
+class HistoUtilBase;
+
 /// The index of a sample that belongs to no bucket.
 constexpr short kNoHistoBucket = -32768;
 
 /// The bucket of `value`: the last bound that is not above it. `kNoHistoBucket` below the first
 /// bound and without bounds; a NaN belongs to the last bucket.
 short GetHistoIndex(const double& value, const std::vector<double>& bounds);
+
+/// `histo.Check()`, with a Warn line that gives the reason where it refuses.
+bool CheckBounds(const HistoUtilBase& histo);
 
 /// Counts samples by value range and adds them up. Bucket i holds the samples from bound i
 /// (inclusive) to bound i + 1 (exclusive), the last one all from its bound on; a sample below the
@@ -52,6 +58,7 @@ class MetricHistogram final : public MetricBasicData {
 /// A number into a histogram cell with these bounds. REQUIRES: `cell` is one.
 template <class Number>
 void EmitSample(MetricBasicData& cell, const Number& number, const std::vector<double>& bounds) {
+  assert(cell.Type() == MetricsType::kHistogram);
   const short index = GetHistoIndex(static_cast<double>(number), bounds);
   static_cast<MetricHistogram&>(cell).Emit(index, number);
 }

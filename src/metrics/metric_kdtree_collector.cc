@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "codec/fnv_hash.h"
+#include "metrics/impl_parts.h"
 #include "metrics/metric_parts.h"
 #include "util/metric_log.h"
 

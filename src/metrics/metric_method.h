@@ -24,13 +24,17 @@ struct MetricFieldValue {
   } value = {0};
 };
 
-/// A value named `name` without a type; the caller sets `type` and `value`.
+/// A value named `name` without a type; the caller sets `type` and `value`. As it is, no cell takes
+/// it. The two are the same. Allocates for a long name, as all of this header.
 METRICS_API MetricFieldValue WithSuffix(const std::string& name);
 METRICS_API MetricFieldValue WithField(const std::string& name);
 
-/// `value` under the name `name` instead of its verb's: `WithSuffix("cpu", Observe(2.5))`.
+/// `value` under the name `name` instead of its verb's: `WithSuffix("cpu", Observe(2.5))`. The two
+/// are the same; names are checked by the emission.
 METRICS_API MetricFieldValue WithSuffix(const std::string& name, MetricFieldValue value);
 METRICS_API MetricFieldValue WithField(const std::string& name, MetricFieldValue value);
+
+// What the verbs are made of.
 
 /// Whether `number` goes in as an integer: an unsigned one above the signed range does not.
 template <class Integer>

@@ -6,6 +6,7 @@
 
 #include "codec/fnv_hash.h"
 #include "codec/pack.h"
+#include "metrics/impl_parts.h"
 #include "metrics/registry_parts.h"
 #include "metrics/tag_value_refs.h"
 

@@ -1,13 +1,12 @@
 #pragma once
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
-#include "codec/tag_kv.h"
 #include "tidegate/metric_tag.h"
 #include "util/event_counter.h"
 #include "util/metric_common.h"
@@ -16,8 +15,11 @@
 namespace METRICS {
 
 class HistoUtilBase;
-class MetricParts;
+class ImplParts;
+class MetricCollectorItem;
+class MetricImpl;
 class RegistryParts;
+struct MetricFieldInfo;
 
 /// One declared field of a metric that carries a row of fields.
 struct MetricFieldCfg {
@@ -26,49 +28,13 @@ struct MetricFieldCfg {
   HistoUtilBase* histo = nullptr;  ///< bounds of a histogram field; only read by the call
 };
 
-/// The same as the metric keeps it.
-struct MetricFieldInfo {
-  std::string name;
-  MetricsType type = MetricsType::kUnknown;
-  std::vector<double> bounds;  ///< of a histogram field; empty otherwise
-  /// False for a field that stays quiet: a later one of its name reports their cell.
-  bool reports = true;
-};
-
-/// What collectors, items and the flush need of a metric's implementation: what `MetricImpl` is
-/// made of, but for its way to the collector.
-class METRICS_API ImplParts {
- public:
-  ImplParts(const std::string& tenant, const std::string& name, MetricParts* metric,
-            const std::vector<std::string>& tag_names);
-  ImplParts(const ImplParts&) = delete;
-  ImplParts& operator=(const ImplParts&) = delete;
-
-  /// Appends the tags of a series in their packet form: hash, number of texts, texts. Computes
-  /// `tag_hash` if it is 0.
-  void EncodeTagBlock(const std::vector<std::string>& tag_values, int32_t& tag_hash,
-                      lattice_kit::codec::Pack& out) const;
-  /// The histogram bounds of a suffixed metric: none, or the whole list once it is set.
-  const std::vector<double>& Bounds() const;
-
-  std::atomic<MetricState> state_{MetricState::INIT};  ///< also stored by the registry
-  const uint16_t tag_count_;
-  std::vector<std::string> tag_names_;  ///< sorted; the order of all vectors of tag values
-  const std::string tenant_;
-  const std::string name_;
-  MetricParts* const metric_;
-  // Constant once the metric is in service.
-  std::vector<uint16_t> tag_index_;  ///< from the index of a name to its index in `send_tags_`
-  std::vector<lattice_kit::codec::TagKV> send_tags_;  ///< sorted; declared tags without values
-  size_t send_tag_bytes_ = 0;                         ///< of their keys and values
-  std::vector<MetricFieldInfo> field_infos_;          ///< in the order of their declaration
-  std::string codec_field_info_;                      ///< their columns in packet form
-  std::vector<double> bounds_;                        ///< to be read by `Bounds`
-  std::atomic<bool> bounds_ready_{false};             ///< they will not change any more
-
- protected:
-  ~ImplParts() = default;
-};
+// For `Metric::With...`: the look-ups of a metric's implementation, whose class is the library's.
+METRICS_API std::shared_ptr<MetricCollectorItem> FindByTags(
+    MetricImpl& impl, const std::vector<tidegate::MetricTag>& tags);
+METRICS_API std::shared_ptr<MetricCollectorItem> FindByValues(
+    MetricImpl& impl, const std::vector<std::string>& values);
+METRICS_API std::shared_ptr<MetricCollectorItem> FindByMap(
+    MetricImpl& impl, const std::unordered_map<std::string, std::string>& tags);
 
 /// What collectors, items and the flush need of a metric: what `Metric` is made of, but for the
 /// implementation that it owns.

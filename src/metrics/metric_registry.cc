@@ -7,6 +7,9 @@
 #include "metrics/cell_kinds.h"
 #include "metrics/client_parts.h"
 #include "metrics/global_resources_limit.h"
+#include "metrics/impl/metric_impl.h"
+#include "metrics/metric_histogram.h"
+#include "metrics/registry_table.h"
 #include "metrics/removed.h"
 #include "util/fork_guard.h"
 #include "util/metric_log.h"
@@ -18,6 +21,14 @@ namespace {
 
 constexpr size_t kMaxTagNames = 255;
 constexpr uint16_t kMaxColumns = 1024;
+
+/// Whether a registry of `metrics` metrics is full.
+bool IsFull(size_t metrics) {
+  const uint64_t global =
+      __atomic_load_n(&GetGlobalResourcesLimit().max_metrics_per_registry, __ATOMIC_RELAXED);
+  const int limit = global != 0 ? static_cast<int>(global) : GetRegistryMetricLimit();
+  return metrics >= static_cast<size_t>(limit);
+}
 
 }  // namespace
 
@@ -57,8 +68,8 @@ ReturnCode MetricRegistry::CreateMetric(Metric*& metric, MetricInitCfg init) {
   }
   const std::string full_name = prefix_.empty() ? cfg.name : prefix_ + "." + cfg.name;
   std::shared_ptr<Metric> made;
-  const WriteGuard guard(rwlock_);
-  if (metrics_.count(cfg.name) != 0) {
+  const WriteGuard guard(table_->rwlock_);
+  if (table_->metrics_.count(cfg.name) != 0) {
     METRICS_LOG_CODE(ReturnCode::kObjectExisted);
     return ReturnCode::kObjectExisted;
   }
@@ -71,7 +82,7 @@ ReturnCode MetricRegistry::CreateMetric(Metric*& metric, MetricInitCfg init) {
   }
   if (state_.load() != MetricState::READY) {
     code = ReturnCode::kObjectBlocked;
-  } else if (AtMetricLimit()) {
+  } else if (IsFull(table_->metrics_.size())) {
     code = ReturnCode::kMaxMetric;
   }
   if (code != ReturnCode::kOk) {
@@ -81,7 +92,7 @@ ReturnCode MetricRegistry::CreateMetric(Metric*& metric, MetricInitCfg init) {
     return code;
   }
   metric = made.get();
-  metrics_.emplace(cfg.name, std::move(made));
+  table_->metrics_.emplace(cfg.name, std::move(made));
   METRICS_LOG_DEBUG("Create new metric tenant[%s] metric_name[%s.%s]\n", tenant_.c_str(),
                     prefix_.c_str(), cfg.name.c_str());
   return ReturnCode::kOk;
@@ -132,17 +143,10 @@ ReturnCode MetricRegistry::CheckConstTags(const MetricInstanceCfg& cfg,
                                                        : ReturnCode::kDuplicatedTagName;
 }
 
-bool MetricRegistry::AtMetricLimit() const {
-  const uint64_t global =
-      __atomic_load_n(&GetGlobalResourcesLimit().max_metrics_per_registry, __ATOMIC_RELAXED);
-  const int limit = global != 0 ? static_cast<int>(global) : GetRegistryMetricLimit();
-  return metrics_.size() >= static_cast<size_t>(limit);
-}
-
 ReturnCode MetricRegistry::GetMetric(Metric*& metric, std::string name) {
-  const ReadGuard guard(rwlock_);
-  const auto found = metrics_.find(name);
-  metric = found == metrics_.end() ? nullptr : found->second.get();
+  const ReadGuard guard(table_->rwlock_);
+  const auto found = table_->metrics_.find(name);
+  metric = found == table_->metrics_.end() ? nullptr : found->second.get();
   return metric == nullptr ? ReturnCode::kObjectNotExisted : ReturnCode::kOk;
 }
 
@@ -156,13 +160,13 @@ void MetricRegistry::Retire(const std::shared_ptr<Metric>& metric, Removed& remo
 
 ReturnCode MetricRegistry::RemoveMetric(std::string name) {
   Removed removed;  // dies after the guard
-  const WriteGuard guard(rwlock_);
-  const auto found = metrics_.find(name);
-  if (found == metrics_.end()) {
+  const WriteGuard guard(table_->rwlock_);
+  const auto found = table_->metrics_.find(name);
+  if (found == table_->metrics_.end()) {
     return ReturnCode::kObjectNotExisted;
   }
   Retire(found->second, removed);
-  metrics_.erase(found);
+  table_->metrics_.erase(found);
   METRICS_LOG_WARN("Metric Remove: tenant[%s] %s.%s\n", tenant_.c_str(), prefix_.c_str(),
                    name.c_str());
   return ReturnCode::kOk;
@@ -170,9 +174,9 @@ ReturnCode MetricRegistry::RemoveMetric(std::string name) {
 
 std::vector<std::string> MetricRegistry::GetAllMetricNames() const {
   std::vector<std::string> names;
-  const ReadGuard guard(rwlock_);
-  names.reserve(metrics_.size());
-  for (const auto& [name, metric] : metrics_) {
+  const ReadGuard guard(table_->rwlock_);
+  names.reserve(table_->metrics_.size());
+  for (const auto& [name, metric] : table_->metrics_) {
     names.push_back(name);
   }
   return names;
@@ -180,9 +184,9 @@ std::vector<std::string> MetricRegistry::GetAllMetricNames() const {
 
 std::vector<std::shared_ptr<Metric>> MetricRegistry::GetAllMetric() const {
   std::vector<std::shared_ptr<Metric>> metrics;
-  const ReadGuard guard(rwlock_);
-  metrics.reserve(metrics_.size());
-  for (const auto& [name, metric] : metrics_) {
+  const ReadGuard guard(table_->rwlock_);
+  metrics.reserve(table_->metrics_.size());
+  for (const auto& [name, metric] : table_->metrics_) {
     metrics.push_back(metric);
   }
   return metrics;
@@ -194,12 +198,12 @@ ReturnCode MetricRegistry::Block() {
 }
 
 ReturnCode MetricRegistry::Block(Removed& removed) {
-  const WriteGuard guard(rwlock_);
-  removed.series.reserve(removed.series.size() + metrics_.size());
+  const WriteGuard guard(table_->rwlock_);
+  removed.series.reserve(removed.series.size() + table_->metrics_.size());
   state_.exchange(MetricState::BLOCKED);
   METRICS_LOG_DEBUG("Block MetricRegistry tenant[%s], prefix[%s], metric size[%ld]\n",
-                    tenant_.c_str(), prefix_.c_str(), static_cast<long>(metrics_.size()));
-  for (const auto& [name, metric] : metrics_) {
+                    tenant_.c_str(), prefix_.c_str(), static_cast<long>(table_->metrics_.size()));
+  for (const auto& [name, metric] : table_->metrics_) {
     metric->impl_->state_.store(MetricState::BLOCKED, std::memory_order_relaxed);
     removed.series.push_back(metric->impl_->TakeSeries());
   }
@@ -207,11 +211,11 @@ ReturnCode MetricRegistry::Block(Removed& removed) {
 }
 
 ReturnCode MetricRegistry::UnBlock() {
-  const WriteGuard guard(rwlock_);
+  const WriteGuard guard(table_->rwlock_);
   state_.exchange(MetricState::READY);
   METRICS_LOG_DEBUG("UnBlock MetricRegistry tenant[%s], prefix[%s], metric size[%ld]\n",
-                    tenant_.c_str(), prefix_.c_str(), static_cast<long>(metrics_.size()));
-  for (const auto& [name, metric] : metrics_) {
+                    tenant_.c_str(), prefix_.c_str(), static_cast<long>(table_->metrics_.size()));
+  for (const auto& [name, metric] : table_->metrics_) {
     metric->impl_->state_.store(MetricState::READY, std::memory_order_release);
   }
   return ReturnCode::kOk;
@@ -223,24 +227,26 @@ ReturnCode MetricRegistry::Clear() {
 }
 
 ReturnCode MetricRegistry::Clear(Removed& removed) {
-  const WriteGuard guard(rwlock_);
+  const WriteGuard guard(table_->rwlock_);
   state_.exchange(MetricState::SHUTDOWN);
   METRICS_LOG_DEBUG("MetricRegistry Clear tenant[%s], prefix[%s], metric size[%ld]\n",
-                    tenant_.c_str(), prefix_.c_str(), static_cast<long>(metrics_.size()));
-  for (const auto& [name, metric] : metrics_) {
+                    tenant_.c_str(), prefix_.c_str(), static_cast<long>(table_->metrics_.size()));
+  for (const auto& [name, metric] : table_->metrics_) {
     Retire(metric, removed);
   }
-  metrics_.clear();
+  table_->metrics_.clear();
   return ReturnCode::kOk;
 }
 
 void MetricRegistry::AtFork() {
-  const WriteGuard guard(rwlock_);
+  const WriteGuard guard(table_->rwlock_);
   state_.exchange(MetricState::SHUTDOWN);
-  metrics_.clear();
+  table_->metrics_.clear();
 }
 
-void MetricRegistry::RepairAfterFork() { RepairGuarded(rwlock_, metrics_, tags_); }
+void MetricRegistry::RepairAfterFork() METRICS_NO_THREAD_SAFETY {
+  RepairGuarded(table_->rwlock_, table_->metrics_, table_->tags_);
+}
 
 void MetricRegistry::WarnOfTags(const std::vector<tidegate::MetricTag>& tags) const {
   for (const tidegate::MetricTag& tag : tags) {
@@ -268,8 +274,8 @@ void MetricRegistry::GenrateTagsOnRegistry(const std::vector<tidegate::MetricTag
   std::vector<tidegate::MetricTag> tags;
   MergeTags(vendor->ImmutableTags(), merged, tags);
   std::sort(tags.begin(), tags.end());
-  const WriteGuard guard(rwlock_);
-  tags_.swap(tags);
+  const WriteGuard guard(table_->rwlock_);
+  table_->tags_.swap(tags);
 }
 
 void MetricRegistry::MergeTags(const std::vector<tidegate::MetricTag>& first,

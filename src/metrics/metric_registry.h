@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "metrics/histo_util.h"
@@ -16,7 +15,6 @@
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
 #include "util/metric_export.h"
-#include "util/metric_lock.h"
 
 namespace METRICS {
 
@@ -90,7 +88,7 @@ class METRICS_API MetricRegistry : public RegistryParts {
   /// For the child of a fork: forgets all metrics.
   void AtFork();
   /// In a forked child, ahead of everything else: see `MetricCollectorFactory::RepairAfterFork`.
-  void RepairAfterFork() METRICS_NO_THREAD_SAFETY;
+  void RepairAfterFork();
 
   /// Merges the tags that metrics inherit: the vendor's immutable ones go before `global_tags`,
   /// and those before the vendor's rewritable ones. Warns of illegal ones of the vendor.
@@ -110,13 +108,10 @@ class METRICS_API MetricRegistry : public RegistryParts {
   ReturnCode CheckConstTags(const MetricInstanceCfg& cfg,
                             const std::vector<tidegate::MetricTag>& inserted) const;
   void WarnOfTags(const std::vector<tidegate::MetricTag>& tags) const;
-  bool AtMetricLimit() const METRICS_REQUIRES(rwlock_);
   /// What every removal of a metric does before it leaves the table. What it was goes to `removed`,
   /// which dies without any lock.
   static void Retire(const std::shared_ptr<Metric>& metric, Removed& removed);
 
-  /// By name without prefix.
-  std::unordered_map<std::string, std::shared_ptr<Metric>> metrics_ METRICS_GUARDED_BY(rwlock_);
   std::atomic<bool> interval_told_{false};
 };
 

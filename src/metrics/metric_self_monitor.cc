@@ -4,8 +4,10 @@
 #include <utility>
 
 #include "metrics/client_parts.h"
+#include "metrics/impl/metric_impl.h"
 #include "metrics/metric.h"
 #include "metrics/metric_configer.h"
+#include "metrics/metric_data.h"
 #include "metrics/metric_factory.h"
 #include "metrics/metric_registry.h"
 #include "metrics/metric_sender.h"

@@ -9,6 +9,7 @@
 #include "metrics/metric_unix_domain_sender.h"
 #include "util/fork_guard.h"
 #include "util/metric_log.h"
+#include "util/state_text.h"
 
 namespace METRICS {
 namespace {

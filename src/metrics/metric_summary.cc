@@ -1,6 +1,7 @@
 #include "metrics/metric_summary.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdlib>
 #include <cstring>
 #include <numeric>
@@ -17,6 +18,7 @@ constexpr double kPercentiles[] = {0.5, 0.9, 0.95, 0.99, 0.999};
 }  // namespace
 
 std::vector<double> SummarizeSamples(double* samples, size_t count) {
+  assert(count != 0);
   SortNumbersFirst(samples, samples + count);
   const auto n = static_cast<double>(count);
   // From the smallest to the largest, so that a set of samples has one sum.
@@ -76,6 +78,7 @@ void ChainedVector::FreeHead() {
 }
 
 std::vector<double> ChainedVector::Send() {
+  assert(!IsEmpty());
   size_t samples = 0;
   for (const Block* block = head_; block != nullptr; block = block->next) {
     samples += block->used;

@@ -8,33 +8,29 @@
 
 #include "tidegate/metric_tag.h"
 #include "util/metric_common.h"
-#include "util/metric_lock.h"
+#include "util/metric_export.h"
 
 namespace METRICS {
 
 struct ClientParts;
+struct RegistryTable;
 
 /// What metrics, collectors and the flush need of a registry: what `MetricRegistry` is made of, but
 /// for its table of metrics.
-class RegistryParts : public std::enable_shared_from_this<RegistryParts> {
+class METRICS_API RegistryParts : public std::enable_shared_from_this<RegistryParts> {
  public:
   RegistryParts(const std::string& tenant, const std::string& prefix, ClientParts* client,
-                int flush_interval)
-      : tenant_(tenant), prefix_(prefix), client_(client), flush_interval_(flush_interval) {}
+                int flush_interval);
   RegistryParts(const RegistryParts&) = delete;
   RegistryParts& operator=(const RegistryParts&) = delete;
 
   const std::string& Tenant() const { return tenant_; }
   const std::string& Prefix() const { return prefix_; }
   /// A copy of the tags that metrics inherit, sorted by key.
-  std::vector<tidegate::MetricTag> InsertedTags() const {
-    const ReadGuard guard(rwlock_);
-    return tags_;
-  }
+  std::vector<tidegate::MetricTag> InsertedTags() const;
   /// The same for those who hold the registry's lock, as `CreateMetric` does around `Metric::Init`.
-  const std::vector<tidegate::MetricTag>& InsertedTagsLocked() const METRICS_NO_THREAD_SAFETY {
-    return tags_;
-  }
+  const std::vector<tidegate::MetricTag>& InsertedTagsLocked() const;
+  /// In seconds.
   int FlushInterval() const { return flush_interval_; }
 
   const std::string tenant_;
@@ -44,10 +40,9 @@ class RegistryParts : public std::enable_shared_from_this<RegistryParts> {
   std::atomic<MetricState> state_{MetricState::INIT};
 
  protected:
-  ~RegistryParts() = default;
+  ~RegistryParts();
 
-  mutable RwLock rwlock_;                                              ///< also guards the metrics
-  std::vector<tidegate::MetricTag> tags_ METRICS_GUARDED_BY(rwlock_);  ///< merged, sorted by key
+  const std::unique_ptr<RegistryTable> table_;
 };
 
 }  // namespace METRICS

@@ -47,6 +47,7 @@ class [[nodiscard]] ScopedTimer {
   [[nodiscard]] explicit ScopedTimer(BoundSeries& series) noexcept : series_(&series) {}
   explicit ScopedTimer(BoundSeries&& series) = delete;  // the handle must outlive the timer
 
+  /// Goes on with the measurement; `other` observes nothing.
   ScopedTimer(ScopedTimer&& other) noexcept
       : metric_(other.metric_),
         tags_(std::move(other.tags_)),
@@ -56,20 +57,23 @@ class [[nodiscard]] ScopedTimer {
         name_(std::move(other.name_)),
         begin_(other.begin_),
         running_(std::exchange(other.running_, false)) {}
-  /// What was measured here so far is observed.
+  /// Goes on with the measurement of `other`; what was measured here so far is observed.
   METRICS_API ScopedTimer& operator=(ScopedTimer other) noexcept;
   ScopedTimer(const ScopedTimer&) = delete;
+  /// Observes, unless `Stop` or `Cancel` came before.
   METRICS_API ~ScopedTimer();
 
   /// Names the series, as often as needed; the last one counts. Only for a timer of a metric.
   void WithTags(std::vector<tidegate::MetricTag> tags) noexcept { tags_ = std::move(tags); }
 
+  /// The time since the construction, also after the timer has observed.
   Clock::duration Elapsed() const noexcept { return Clock::now() - begin_; }
 
   /// Observes now. From then on, as after `Cancel`, the timer does nothing and answers 70. What
   /// `Emit` answers: 0, or 70 where the tags were refused; 81 without a metric or an item, 52 for a
   /// handle that is no timer, 70 for a compatible metric.
   METRICS_API ReturnCode Stop() noexcept;
+  /// Observes nothing any more, and makes no series.
   void Cancel() noexcept { running_ = false; }
 
  private:

@@ -1,11 +1,15 @@
 #include "metrics/series_items.h"
 
+#include <cstddef>
 #include <utility>
 
 #include "metrics/cell_kinds.h"
+#include "metrics/impl_parts.h"
+#include "metrics/metric_data.h"
 #include "metrics/metric_histogram.h"
 #include "metrics/metric_parts.h"
 #include "metrics/registry_parts.h"
+#include "util/event_counter_add.h"
 #include "util/fork_guard.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
@@ -17,12 +21,12 @@ unsigned short BucketsOf(const std::vector<double>& bounds) {
   return static_cast<unsigned short>(bounds.size());
 }
 
-/// Emits `number` on a cell. `bounds` is called for those of a histogram.
+/// Emits `number` on a cell. `bounds` gives the address of those of a histogram.
 template <class Number, class Bounds>
 [[gnu::always_inline]] inline void EmitNumber(const CellTable::Entry& entry, const Number& number,
                                               Bounds bounds) {
   if (entry.type == MetricsType::kHistogram) {
-    EmitSample(*entry.cell, number, bounds());
+    EmitSample(*entry.cell, number, *bounds());
   } else {
     entry.cell->Emit(number);
   }
@@ -69,7 +73,15 @@ ReturnCode CellOfType(MetricsType type, const CellPtr& found, CellPtr& cell) {
 
 }  // namespace
 
-MetricSuffixArray::~MetricSuffixArray() { RepairInForkTeardown(rwlock_, suffixes_); }
+MetricSuffixArray::~MetricSuffixArray() {
+  // An emission reads the table and the lock's first bytes, which therefore come right after it.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"
+  static_assert(offsetof(MetricSuffixArray, rwlock_) ==
+                offsetof(MetricSuffixArray, suffixes_) + sizeof(CellTable));
+#pragma GCC diagnostic pop
+  RepairInForkTeardown(rwlock_, suffixes_);
+}
 
 ReturnCode MetricSuffixArray::Emit(std::vector<MetricFieldValue>&& values) {
   return Emit(std::as_const(values));
@@ -156,8 +168,7 @@ ReturnCode MetricSuffixArray::CreateSuffix(const std::string& name, const Metric
 }
 
 void MetricSuffixArray::DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value) {
-  EmitValue(
-      "Suffix", entry, value, [&]() -> auto& { return metric_->GetHistogram(); });
+  EmitValue("Suffix", entry, value, [&] { return &metric_->GetHistogram(); });
 }
 
 CellMap MetricSuffixArray::Fields() {
@@ -260,16 +271,14 @@ ReturnCode MetricFieldArray::FindCell(const std::string& name, MetricsType type,
 }
 
 void MetricFieldArray::DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value) {
-  EmitValue(
-      "Field", entry, value, [&]() -> auto& { return BoundsOf(value.name); });
+  EmitValue("Field", entry, value, [&] { return &BoundsOf(value.name); });
 }
 
 ReturnCode MetricFieldArray::EmitMap(const std::unordered_map<std::string, double>& values) {
   const auto emit = [&]() __attribute__((always_inline)) {
     for (const auto& [name, number] : values) {
       if (const CellTable::Entry* const found = fields_.Find(name, 0); found != nullptr) {
-        EmitNumber(
-            *found, number, [&, &field = name ]() -> auto& { return BoundsOf(field); });
+        EmitNumber(*found, number, [&, &field = name] { return &BoundsOf(field); });
       }
     }
     MarkUpdated(*this, 1);

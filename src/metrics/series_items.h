@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "metrics/cell_ptr.h"
 #include "metrics/cell_table.h"
 #include "metrics/metric_collector_item.h"
 #include "metrics/metric_method.h"
@@ -56,8 +57,8 @@ class MetricSuffixArray final : public MetricCollectorItem {
       METRICS_REQUIRES(rwlock_);
   void DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value);
 
-  /// A cell is never replaced or removed while the item lives. Ahead of the lock, whose first bytes
-  /// are all that an emission reads of it: they then share a cache line.
+  /// A cell is never replaced or removed while the item lives. Right before the lock, whose first
+  /// bytes are all that an emission reads of it: they mostly share a cache line then.
   CellTable suffixes_ METRICS_GUARDED_BY(rwlock_);
   BiasedRwLock rwlock_;
 };

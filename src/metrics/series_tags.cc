@@ -1,5 +1,6 @@
 #include "metrics/series_tags.h"
 
+#include "metrics/impl_parts.h"
 #include "metrics/metric_parts.h"
 #include "util/metric_log.h"
 

@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "metrics/cell_table.h"
 #include "metrics/metric_collector.h"
 #include "metrics/metric_collector_item.h"
 

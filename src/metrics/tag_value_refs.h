@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -19,9 +20,11 @@ class TagValueRefs {
 
   /// `count` values, all of them `value`. REQUIRES: `count` is at most `kMax`.
   TagValueRefs(size_t count, const std::string& value) : count_(count) {
+    assert(count <= kMax);
     std::fill_n(values_, count, &value);
   }
   void Set(size_t index, const std::string& value) {
+    assert(index < count_);
     values_[index] = &value;
     if (index < hashed_) {
       SetHash(0, lattice_kit::codec::kFNVOffsetBasis);

@@ -1,4 +1,5 @@
 #include "util/event_counter.h"
+#include "util/thread_slot.h"
 
 #include <cstddef>
 #include <new>

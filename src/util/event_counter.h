@@ -3,8 +3,6 @@
 #include <atomic>
 #include <cstdint>
 
-#include "util/thread_slot.h"
-
 namespace METRICS {
 
 /// A counter of events that many threads count and one reads. It reads like one atomic number, but
@@ -26,16 +24,8 @@ class EventCounter {
   EventCounter(const EventCounter&) = delete;
   EventCounter& operator=(const EventCounter&) = delete;
 
-  /// Counts. Never allocates.
-  void Add(unsigned long events) {
-    Lines* const lines = lines_.load(std::memory_order_acquire);
-    const uint32_t slot = TakenThreadSlot();
-    if (slot < lines->count) {
-      AddOwn(lines->At(slot), events);
-    } else {
-      AddWithoutLine(events);
-    }
-  }
+  /// Counts. Never allocates. Inline in `util/event_counter_add.h`.
+  void Add(unsigned long events);
 
   /// Makes lines for the threads that share a number so far, if there are any. For a thread that
   /// may allocate. What was counted stays.
@@ -77,9 +67,12 @@ class EventCounter {
     Lines* older;  ///< a shorter list, which counts too; threads may still be adding to it
   };
 
-  /// REQUIRES: only this thread writes to `place`.
-  static void AddOwn(std::atomic<unsigned long>& place, unsigned long events) {
-    place.store(place.load(std::memory_order_relaxed) + events, std::memory_order_relaxed);
+  static_assert(sizeof(Line) == 64 && sizeof(Lines) == 64, "no two threads share a line");
+  static_assert(std::atomic<unsigned long>::is_always_lock_free);
+
+  /// REQUIRES: only this thread writes to `own`.
+  static void AddOwn(std::atomic<unsigned long>& own, unsigned long events) {
+    own.store(own.load(std::memory_order_relaxed) + events, std::memory_order_relaxed);
   }
   void AddWithoutLine(unsigned long events);
   /// Null without memory.

@@ -54,7 +54,4 @@ enum class MetricSenderType : uint8_t {
 /// table of `metrics/cell_kinds.h`.
 METRICS_API const char* CovMetricTypeToStr(const MetricsType& type);
 
-/// Text of `state`, as `DebugString` shows it. Static storage.
-const char* StateText(MetricState state);
-
 }  // namespace METRICS

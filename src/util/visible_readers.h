@@ -18,6 +18,8 @@ struct alignas(128) ReaderRow {  // two lines: processors fetch them in pairs
   ReaderSlot slots[kSlots];
 };
 
+static_assert(sizeof(ReaderRow) == 128 && ReaderSlot::is_always_lock_free);
+
 /// Whether the kernel wipes the rows in children; without that they are not to be used. False until
 /// the library's own initialisation.
 extern std::atomic<bool> reader_rows_usable;

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "metrics/histo_util.h"
+#include "metrics/impl/metric_impl.h"
 #include "metrics/metric_method.h"
 
 namespace tidegate::stress {

@@ -3,6 +3,7 @@
 #include <ctime>
 #include <utility>
 
+#include "metrics/impl/metric_impl.h"
 #include "metrics/metric_factory.h"
 
 namespace tidegate::stress {

@@ -14,7 +14,10 @@
 #include <utility>
 #include <vector>
 
+#include "metrics/impl/metric_impl.h"
 #include "metrics/metric_client.h"
+#include "metrics/metric_configer.h"
+#include "metrics/metric_data.h"
 #include "metrics/metric_sender.h"
 #include "metrics/metric_sender_manager.h"
 #include "testing/temp_dir.h"

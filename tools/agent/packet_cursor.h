@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "agent/read_error.h"
+#include "agent/packet_reader.h"
 
 namespace tidegate::agent {
 

@@ -7,12 +7,11 @@
 #include "metrics/impl/metric_impl.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
-#include "util/metric_export.h"
 
 namespace METRICS {
 
 /// The implementation of compatible metrics: one number and its tag pairs at every emission.
-class METRICS_API MetricCompatibleImpl final : public MetricImpl {
+class MetricCompatibleImpl final : public MetricImpl {
  public:
   using MetricImpl::MetricImpl;
   ~MetricCompatibleImpl() override;

@@ -6,6 +6,7 @@
 
 #include "codec/fnv_hash.h"
 #include "metrics/client_parts.h"
+#include "metrics/histo_util.h"
 #include "metrics/metric_collector.h"
 #include "metrics/metric_collector_factory.h"
 #include "metrics/registry_parts.h"
@@ -162,7 +163,8 @@ MetricImpl::ItemPtr MetricImpl::CopyAndGet(const TagValueRefs& values) {
   return OrDummy(collector_->GetOrCreateOf(pool, values));
 }
 
-MetricImpl::ItemPtr MetricImpl::WithTags(const std::vector<tidegate::MetricTag>& tags) {
+[[gnu::always_inline]] inline MetricImpl::ItemPtr MetricImpl::WithTags(
+    const std::vector<tidegate::MetricTag>& tags) {
   if (RefuseMoreThanDeclared(tags.size()) || !PassStateGate()) {
     return GetDummyItem();
   }
@@ -192,7 +194,8 @@ MetricImpl::ItemPtr MetricImpl::WithTags(const std::vector<tidegate::MetricTag>&
   return item;
 }
 
-MetricImpl::ItemPtr MetricImpl::WithTagValues(const std::vector<std::string>& values) {
+[[gnu::always_inline]] inline MetricImpl::ItemPtr MetricImpl::WithTagValues(
+    const std::vector<std::string>& values) {
   if (RefuseMoreThanDeclared(values.size()) || !PassStateGate()) {
     return GetDummyItem();
   }
@@ -206,7 +209,7 @@ MetricImpl::ItemPtr MetricImpl::WithTagValues(const std::vector<std::string>& va
   return FindOrCreate(refs);
 }
 
-MetricImpl::ItemPtr MetricImpl::WithTagMap(
+[[gnu::always_inline]] inline MetricImpl::ItemPtr MetricImpl::WithTagMap(
     const std::unordered_map<std::string, std::string>& tags) {
   if (!PassStateGate()) {
     return GetDummyItem();
@@ -219,6 +222,21 @@ MetricImpl::ItemPtr MetricImpl::WithTagMap(
     }
   }
   return FindOrCreate(values);
+}
+
+std::shared_ptr<MetricCollectorItem> FindByTags(MetricImpl& impl,
+                                                const std::vector<tidegate::MetricTag>& tags) {
+  return impl.WithTags(tags);
+}
+
+std::shared_ptr<MetricCollectorItem> FindByValues(MetricImpl& impl,
+                                                  const std::vector<std::string>& values) {
+  return impl.WithTagValues(values);
+}
+
+std::shared_ptr<MetricCollectorItem> FindByMap(
+    MetricImpl& impl, const std::unordered_map<std::string, std::string>& tags) {
+  return impl.WithTagMap(tags);
 }
 
 MetricImpl::ItemPtr MetricImpl::WithCompatibleTags(const std::vector<std::string>& tag_pairs) {

@@ -7,17 +7,17 @@
 #include <unordered_map>
 #include <vector>
 
-#include "metrics/histo_util.h"
+#include "metrics/impl_parts.h"
 #include "metrics/metric_collector_item.h"
 #include "metrics/metric_parts.h"
 #include "tidegate/metric_tag.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
-#include "util/metric_export.h"
 #include "util/taken_entries.h"
 
 namespace METRICS {
 
+class HistoUtilBase;
 class MetricCollectorBase;
 class MetricCollectorFactory;
 class TagValueRefs;
@@ -26,7 +26,7 @@ class TagValueRefs;
 ///
 /// Threads: the `With...` family from any thread; it takes no lock but the collector's and, for a
 /// series that exists, allocates nothing. Owned by its `Metric`.
-class METRICS_API MetricImpl : public ImplParts {
+class MetricImpl : public ImplParts {
  public:
   using ItemPtr = std::shared_ptr<MetricCollectorItem>;
 
@@ -51,9 +51,10 @@ class METRICS_API MetricImpl : public ImplParts {
   virtual MetricCoItemType Type();
 
   // Never null: the dummy item stands for any failure. See `Metric` for the forms.
-  ItemPtr WithTags(const std::vector<tidegate::MetricTag>& tags);
-  ItemPtr WithTagValues(const std::vector<std::string>& values);
-  ItemPtr WithTagMap(const std::unordered_map<std::string, std::string>& tags);
+  // Inline in the source of `FindByTags` and its like, through which all calls go.
+  inline ItemPtr WithTags(const std::vector<tidegate::MetricTag>& tags);
+  inline ItemPtr WithTagValues(const std::vector<std::string>& values);
+  inline ItemPtr WithTagMap(const std::unordered_map<std::string, std::string>& tags);
   /// The series of a flat list: key, value, key, value. Another order is another series.
   ItemPtr WithCompatibleTags(const std::vector<std::string>& tag_pairs);
 
@@ -110,7 +111,7 @@ class METRICS_API MetricImpl : public ImplParts {
 };
 
 /// The implementation of ordinary metrics: suffixes appear as they are emitted.
-class METRICS_API SuffixedMetricImpl final : public MetricImpl {
+class SuffixedMetricImpl final : public MetricImpl {
  public:
   using MetricImpl::MetricImpl;
   ~SuffixedMetricImpl() override;

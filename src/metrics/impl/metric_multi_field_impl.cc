@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "metrics/cell_kinds.h"
+#include "metrics/histo_util.h"
 #include "util/metric_log.h"
 
 namespace METRICS {

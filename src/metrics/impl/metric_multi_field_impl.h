@@ -8,7 +8,6 @@
 #include "codec/tag_kv.h"
 #include "metrics/impl/metric_impl.h"
 #include "util/metric_common.h"
-#include "util/metric_export.h"
 
 namespace METRICS {
 
@@ -18,7 +17,7 @@ namespace METRICS {
 /// then on. A field may take several columns of the row, as its kind reports numbers. Fields of one
 /// name share the cell of the last one: each reports it, or the last one alone where the columns
 /// would not fit.
-class METRICS_API MultiFieldMetricImpl final : public MetricImpl {
+class MultiFieldMetricImpl final : public MetricImpl {
  public:
   using MetricImpl::MetricImpl;
   ~MultiFieldMetricImpl() override;

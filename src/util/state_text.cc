@@ -1,4 +1,4 @@
-#include "util/metric_common.h"
+#include "util/state_text.h"
 
 namespace METRICS {
 
