@@ -270,8 +270,8 @@ TEST_F(MergeTest, TotalsGoOnAsProcessesComeAndGo) {
   SendFirst(4, 30, 2);  // takes the place of the first
   SendTotal(3, 30, 5);
   EXPECT_THAT(Until(35), ElementsAre("30 t c 19"));
-  // The series of one process begins anew, with a higher total than before, which the point of the
-  // interval before tells.
+  // The series of one process starts again, with a higher total than before, as an earlier point
+  // tells.
   SendFirst(4, 50, 9, 0);
   EXPECT_THAT(Until(65), ElementsAre("40 t c 19", "50 t c 28"));
   // After a silence of all, nothing falls back.
@@ -312,7 +312,7 @@ TEST_F(MergeTest, KeepsSumsOfLatePoints) {
   EXPECT_THAT(Until(25),
               ElementsAre("20 t c 26", "20 t t min=1 max=9 avg=2 sum=10 counter=5" + percentiles,
                           "20 t g 1"));
-  // A point of the interval before, of a process that comes then, has nothing to lose.
+  // An earlier point, of a process that comes then, has nothing to lose.
   SendFirst(3, 30, 1);
   EXPECT_THAT(Until(35), ElementsAre("30 t c 27"));
   EXPECT_EQ(health_.merge_late_points, 3u);

@@ -157,7 +157,7 @@ TEST_F(SeriesTableTest, ShowsEachKindInItsFamilies) {
 TEST_F(SeriesTableTest, KeepsTheNewestAndAddsIntervalsUp) {
   Make({});
   Handle({3, "c", {}, {}, {5}});
-  Handle({3, "c", {}, {}, {0}, {}, kTime - 10});  // the interval before
+  Handle({3, "c", {}, {}, {0}, {}, kTime - 10});  // an earlier point
   EXPECT_EQ(Samples(), "counter c_total 5\n");
   Handle({3, "c", {}, {}, {6}});
   EXPECT_EQ(Samples(), "counter c_total 6\n");

@@ -98,7 +98,7 @@ struct FamilyRow {
   FamilyType type;
   std::string_view suffix;  // of its name. A counter whose name has it already gets no other
   size_t column;            // that the value is from; of summaries and histograms 0
-  std::string_view source;  // in front of the kind's noun
+  std::string_view source;  // before the kind's noun
   Meaning meaning;
 };
 

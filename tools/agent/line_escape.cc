@@ -18,7 +18,7 @@ bool IsPlain(char c) {
 
 bool IsCarried(LinePart part, std::string_view text) {
   const char c = text.front();
-  // Receivers differ in what a backslash means in front of itself, and at the end it would join the
+  // Receivers differ in what a backslash means before itself, and at the end it would join the
   // next character.
   if (c == '\\') return text.size() > 1 && IsPlain(text[1]) && text[1] != 'x';
   if (c == '"') return part != LinePart::kField;

@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "agent/packet_reader.h"
+#include "agent/read_error.h"
 
 namespace tidegate::agent {
 

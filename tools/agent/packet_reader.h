@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "agent/read_error.h"
+
 // The receiving side's view of a metrics packet. This unit is written from the description of the
 // wire format alone and shares nothing with the encoder, so that it can be held against it.
 //
@@ -61,13 +63,6 @@ struct Packet {
   std::vector<Block> blocks;
 };
 
-// Why a packet was refused, and the offset of the first byte of the field at fault. The reason is
-// one line of printable text and holds no bytes of the packet.
-struct ReadError {
-  size_t offset = 0;
-  std::string reason;
-};
-
 // Decodes one whole packet. Anything but a packet that agrees with itself in every length and
 // count, up to its last byte, is refused. Returns false and fills `error` then, and leaves `packet`
 // as it was. Never reads outside `data`, and never allocates more than a small multiple of `size`.
@@ -86,7 +81,7 @@ class PacketReader {
 
  private:
   Packet packet_;
-  size_t read_bytes_ = 0;  // since packet_ was made anew
+  size_t read_bytes_ = 0;  // since packet_ was last replaced
 };
 
 // The text of a wire type that ReadPacket lets through, as "gauge"; "unknown" for all others.

@@ -62,8 +62,9 @@ class ProcessSlots {
   struct Slot {
     uint32_t number = 0;
     int64_t newest = -1;  // timestamp of the last packet
-    // Seconds from one flush to the next, back to the points of the interval before, and ahead of
-    // the clock, as the last points are. A process may have registries of several intervals.
+    // Seconds from one flush to the next, from a flush back to its earlier points, and from the
+    // clock to the last points, which are in the future. A process may have registries of several
+    // intervals.
     int64_t step = kMaxInterval;
     int64_t back = 0;
     int64_t ahead = 0;

@@ -4,8 +4,6 @@
 #include <cmath>
 #include <vector>
 
-#include "agent/series_layout.h"
-
 namespace tidegate::agent {
 namespace {
 
@@ -33,11 +31,10 @@ void AddInterval(const KindRow& kind, const std::vector<double>& values, int64_t
 
 }  // namespace
 
-void SeriesEntry::Update(const Series& record, int64_t timestamp,
+void SeriesEntry::Update(const KindRow& kind, const Series& record, int64_t timestamp,
                          std::chrono::steady_clock::time_point now) {
   Cell* const to = cells();
   const std::vector<double>& values = record.values;
-  const KindRow& kind = RowOf(layout->metric->kind);
   if (kind.adds_up) {
     AddInterval(kind, values, timestamp, to);
   } else if (timestamp < newest) {
@@ -51,11 +48,6 @@ void SeriesEntry::Update(const Series& record, int64_t timestamp,
   // end for newer quantiles to be shown.
   if (timestamp >= newest) news = now;
   newest = std::max(newest, timestamp);
-}
-
-size_t SeriesEntry::PageBytes() const {
-  const LinesSize& size = layout->series_size;
-  return size.bytes + size.lines * label_bytes;
 }
 
 }  // namespace tidegate::agent

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "agent/exposition.h"
+#include "agent/kinds.h"
 #include "agent/packet_reader.h"
 #include "agent/series_reporters.h"
 
@@ -29,11 +30,12 @@ struct SeriesEntry {
   Cell* cells() { return row ? row.get() : &cell; }
   const Cell* cells() const { return row ? row.get() : &cell; }
 
-  void Update(const Series& record, int64_t timestamp, std::chrono::steady_clock::time_point now);
+  // With a record of a block of that kind.
+  void Update(const KindRow& kind, const Series& record, int64_t timestamp,
+              std::chrono::steady_clock::time_point now);
   bool IsOutdated(std::chrono::steady_clock::time_point now, std::chrono::seconds ttl) const {
     return now - news > ttl;
   }
-  size_t PageBytes() const;  // at most
 };
 
 // A series in the table, with its key.

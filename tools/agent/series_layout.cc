@@ -69,6 +69,10 @@ size_t SeriesLayout::CellBytes() const {
   return columns.size() > 1 ? columns.size() * sizeof(Cell) + kHeapOverhead : 0;
 }
 
+size_t SeriesLayout::PageBytes(const SeriesEntry& entry) const {
+  return series_size.bytes + series_size.lines * entry.label_bytes;
+}
+
 std::unique_ptr<Cell[]> SeriesLayout::Prepare() {
   if (series.size() == series.capacity()) series.reserve(2 * series.size() + 1);
   return columns.size() > 1 ? std::make_unique<Cell[]>(columns.size()) : nullptr;

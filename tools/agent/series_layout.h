@@ -47,7 +47,8 @@ struct SeriesLayout {
 
   // Of a part of it, as SourceOf takes it.
   std::string_view ColumnOf(const FamilyPart& part) const;
-  size_t CellBytes() const;  // of one series, outside of its entry
+  size_t CellBytes() const;                          // of one series, outside of its entry
+  size_t PageBytes(const SeriesEntry& entry) const;  // of one of its series, at most
 
   // Does all of adding a series that needs memory. Returns its cells if they are many.
   std::unique_ptr<Cell[]> Prepare();

@@ -55,12 +55,12 @@ void SeriesStore::Move(KeyedSeries* series, SeriesLayout* layout) {
 
 void SeriesStore::Attach(KeyedSeries* series, SeriesLayout* layout, std::unique_ptr<Cell[]> row) {
   layout->Add(series, std::move(row));
-  budget_->Take(layout->CellBytes(), series->second.PageBytes());
+  budget_->Take(layout->CellBytes(), layout->PageBytes(series->second));
 }
 
 void SeriesStore::Detach(KeyedSeries* series) {
   SeriesLayout* const layout = series->second.layout;
-  budget_->GiveBack(layout->CellBytes(), series->second.PageBytes());
+  budget_->GiveBack(layout->CellBytes(), layout->PageBytes(series->second));
   layout->Remove(series);
 }
 

@@ -96,7 +96,7 @@ void SeriesTable::HandleBlock(const Packet& packet, const ClientId& client, cons
     }
     if (!target.layout->shown_whole) refusals_.CountPoints(Refusal::kCollision, 1);
     SeriesEntry& entry = keyed->second;
-    entry.Update(record, block.timestamp, now_.steady);
+    entry.Update(RowOf(target.kind), record, block.timestamp, now_.steady);
     if (entry.reporters.See(reporter)) {
       shared_.Add(block, identity_.tags(), reporter, entry.reporters.other());
     }

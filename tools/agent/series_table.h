@@ -22,8 +22,12 @@
 
 namespace tidegate::agent {
 
-// The newest value of every series, and the sums of those kinds that report an interval each: what
-// the page of metrics shows.
+// The content of the page of metrics: the newest value of every series, and the sums of those kinds
+// that report one interval at a time.
+//
+// The table finds a record's series by its SeriesIdentity, in the layout of its block: LayoutTable
+// has the layouts, SeriesStore the values, PageNames their names on the page. One SeriesBudget
+// counts the memory of all.
 //
 // A point that is older than the newest of its series changes nothing; histograms and timer rows
 // add up whatever comes. A series without news for `ttl` is gone, and starts again if it comes
