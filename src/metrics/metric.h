@@ -64,9 +64,10 @@ class METRICS_API Metric : public MetricParts {
   /// Data type of a compatible metric: a gauge, rate, counter, meter or timer. To be set before the
   /// first emission, whose series keep what they find; without it all emissions are dropped.
   void SetCompatibleType(MetricsType type) { compatible_type_.store(type); }
-  /// Summaries travel as one row of fields instead of one gauge per number.
+  /// Summaries travel as one row of fields instead of one gauge per number. From the next flush on.
   void SetMultiFieldSummary(bool on) { multi_field_summary_.store(on); }
-  /// Summaries estimate their percentiles instead of keeping all samples.
+  /// Summaries estimate their percentiles instead of keeping all samples; those that exist already
+  /// stay as they are.
   void SetUseCkms(bool on) { use_ckms_.store(on); }
 
   /// Called once by the registry, which holds its lock: makes the implementation and its
@@ -74,9 +75,10 @@ class METRICS_API Metric : public MetricParts {
   ReturnCode Init(const std::vector<std::string>&& tag_names,
                   const std::vector<tidegate::MetricTag>&& const_tags,
                   const std::vector<MetricFieldCfg>&& fields, HistoUtilBase* histo);
-  /// Names of the numbers of a compatible timer.
+  /// Names of the numbers of a compatible timer. Not called by the library.
   static const std::array<std::string, 10>& GetCompatibleFieldInfo();
-  /// Reports the statistics of this metric on `stat_metric`, under the tag "metric_name".
+  /// For the self monitor: reports the statistics of this metric on `stat_metric`, under the tag
+  /// "metric_name", and takes what was counted.
   ReturnCode EmitStat(Metric* stat_metric);
 
   MetricRegistry* registry_;  ///< not owned; to be pinned by whoever is no creator of the metric

@@ -23,8 +23,10 @@ struct ClientParts;
 /// pointers are good until the registry is removed or the client ends.
 class METRICS_API MetricFactory {
  public:
+  /// The most registries of a client.
   static constexpr size_t kMaxRegistries = 512;
 
+  /// For the library: applications find the factory of their client in `metric_factory_`.
   explicit MetricFactory(ClientParts* client);
   ~MetricFactory();
   MetricFactory(const MetricFactory&) = delete;
@@ -45,9 +47,10 @@ class METRICS_API MetricFactory {
   ReturnCode CreateRegistry(MetricRegistry*& registry, std::string prefix,
                             const std::vector<tidegate::MetricTag>&& tags, std::string tenant,
                             int flush_interval);
+  /// The same with all that `cfg` says.
   ReturnCode CreateRegistry(MetricRegistry*& registry, MetricRegistryCfg cfg);
 
-  /// 20 and null when there is none.
+  /// Finds a registry and makes none. 20 and null when there is none.
   ReturnCode GetRegistry(MetricRegistry*& registry, std::string prefix, std::string tenant);
   /// Clears the registry and drops it; the tenant's sender stays. 20 when there is none.
   ReturnCode RemoveRegistry(std::string prefix, std::string tenant);

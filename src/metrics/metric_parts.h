@@ -28,7 +28,8 @@ struct MetricFieldCfg {
   HistoUtilBase* histo = nullptr;  ///< bounds of a histogram field; only read by the call
 };
 
-// For `Metric::With...`: the look-ups of a metric's implementation, whose class is the library's.
+// The look-ups of a metric's implementation, whose class is the library's. Applications call
+// `Metric::With...`, which pass the call on. Any thread; never null.
 METRICS_API std::shared_ptr<MetricCollectorItem> FindByTags(
     MetricImpl& impl, const std::vector<tidegate::MetricTag>& tags);
 METRICS_API std::shared_ptr<MetricCollectorItem> FindByValues(
@@ -54,7 +55,7 @@ class METRICS_API MetricParts : public std::enable_shared_from_this<MetricParts>
   /// The registry, kept alive by the result; null when it is being destroyed.
   std::shared_ptr<RegistryParts> PinRegistry() const { return registry_ref_.lock(); }
 
-  // Empty, never destroyed.
+  // For the library: what stands for what a metric does not have. Empty, never destroyed.
   static const std::vector<double>& NoopHistogram();
   static const std::vector<MetricFieldInfo>& NoopFieldInfo();
   static const std::string& NoopStr();

@@ -53,6 +53,7 @@ class METRICS_API MetricRegistry : public RegistryParts {
     MetricInstanceCfg cfg;
   };
 
+  /// For the library: applications get registries from `MetricClient::CreateRegistry`.
   MetricRegistry(const std::string& tenant, const std::string& prefix, ClientParts* client,
                  int flush_interval);
   ~MetricRegistry();
@@ -65,7 +66,7 @@ class METRICS_API MetricRegistry : public RegistryParts {
   ReturnCode CreateMetric(Metric*& metric, MetricInitCfg init);
   /// A suffixed metric, or one with a row of fields if the definition names any.
   ReturnCode CreateMetric(Metric*& metric, const MetricInstanceCfg& cfg);
-  /// A suffixed metric.
+  /// A suffixed metric without constant tags; `histo`, which is only read, may be null.
   ReturnCode CreateMetric(Metric*& metric, std::string name, std::vector<std::string>&& tag_names,
                           HistoUtilBase* histo);
   /// The metric `name`; 20 and null when there is none.
@@ -74,13 +75,16 @@ class METRICS_API MetricRegistry : public RegistryParts {
   /// emitting on it. 20 when there is none.
   ReturnCode RemoveMetric(std::string name);
 
+  /// The names, without the prefix and in no order.
   std::vector<std::string> GetAllMetricNames() const;
+  /// The metrics, in the same order; the pointers keep them alive after their removal.
   std::vector<std::shared_ptr<Metric>> GetAllMetric() const;
 
   /// Refuses emissions and drops all series until `UnBlock`; the metrics stay. Always 0.
   ReturnCode Block();
+  /// Takes emissions again, on series that are made anew. Always 0.
   ReturnCode UnBlock();
-  /// Removes all metrics. Always 0.
+  /// Removes all metrics. Until `UnBlock` none can be made: that is refused with 22. Always 0.
   ReturnCode Clear();
   // The same for the factory, which holds its own lock: what dies goes to `removed`.
   ReturnCode Block(Removed& removed);

@@ -19,12 +19,15 @@ struct RegistryTable;
 /// for its table of metrics.
 class METRICS_API RegistryParts : public std::enable_shared_from_this<RegistryParts> {
  public:
+  /// `flush_interval` is in seconds.
   RegistryParts(const std::string& tenant, const std::string& prefix, ClientParts* client,
                 int flush_interval);
   RegistryParts(const RegistryParts&) = delete;
   RegistryParts& operator=(const RegistryParts&) = delete;
 
+  /// The owner of the data.
   const std::string& Tenant() const { return tenant_; }
+  /// The first part of the names of its metrics; may be empty.
   const std::string& Prefix() const { return prefix_; }
   /// A copy of the tags that metrics inherit, sorted by key.
   std::vector<tidegate::MetricTag> InsertedTags() const;
