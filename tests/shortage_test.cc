@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "metrics/metric_configer.h"
 #include "metrics/metric_factory.h"
 #include "support/agent_socket.h"
 #include "support/counted_allocations.h"
@@ -104,6 +105,32 @@ TEST(ShortageTest, WithoutAThreadACallLeavesNothingAndTheNextOneTriesAgain) {
   size_t received = 0;
   for (const Point& point : agent.Points()) received += point.tenant == tenant ? 1 : 0;
   EXPECT_EQ(received, 100u);
+}
+
+TEST(ShortageTest, AClientThatLacksAPartMakesNothing) {
+  const TestClient one_time_initialisations;
+  const ScopedLogLevel silent(4);
+  int lacking = 0;
+  auto code = ReturnCode::kNewObjectFail;
+  for (long left = 0; code != ReturnCode::kOk; ++left) {
+    MetricClient client;
+    auto configer = std::make_unique<TestConfiger>();
+    allocations_left = left;
+    try {
+      code = client.Init(configer.get(), nullptr, nullptr, {false, false});
+    } catch (const std::bad_alloc&) {
+    }
+    allocations_left = -1;
+    if (client.configer_ != nullptr && client.configer_->impl_ != nullptr) {
+      static_cast<void>(configer.release());
+    } else {
+      EXPECT_EQ(code, ReturnCode::kNewObjectFail);
+      EXPECT_EQ(client.CreateMetric({"p", {}, "t1"}, {"m", {}, {}, {}}).code, ReturnCode::kNullptr);
+      EXPECT_EQ(client.DebugString(), "client: not in service\n");
+      ++lacking;
+    }
+  }
+  EXPECT_GE(lacking, 6) << "parts of a client";
 }
 
 // Lets each allocation of a flush fail in turn. What reports once per emission then arrives with

@@ -81,6 +81,11 @@ ReturnCode MetricClient::Init(tidegate::MConfigerImplBase* configer_impl,
   return ReturnCode::kOk;
 }
 
+bool MetricClient::IsWhole() const {
+  // The one comes after all parts, the other goes first at the end, while its senders report.
+  return sender_reports_ != nullptr && sender_manager_ != nullptr;
+}
+
 bool MetricClient::StartThreads() {
   // What else fails there leaves a client in service.
   constexpr ReturnCode kNoThread = ReturnCode::kAllocCollectorError;
@@ -98,7 +103,8 @@ ReturnCode MetricClient::CreateRegistry(MetricRegistry*& registry, MetricRegistr
       ReturnCode::kObjectNotExisted) {
     return ReturnCode::kOk;
   }
-  return metric_factory_->CreateRegistry(registry, std::move(cfg));
+  return IsWhole() ? metric_factory_->CreateRegistry(registry, std::move(cfg))
+                   : ReturnCode::kNullptr;
 }
 
 MetricClient::CreateMetricResult MetricClient::CreateMetric(MetricRegistryCfg registry_cfg,

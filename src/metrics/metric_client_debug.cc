@@ -67,7 +67,7 @@ void Describe(const MetricRegistry& registry, std::ostream& out) {
 }  // namespace
 
 std::string MetricClient::DebugString() const {
-  if (sender_manager_ == nullptr || metric_factory_ == nullptr) {
+  if (!IsWhole()) {
     return "client: not in service\n";
   }
   std::ostringstream out;
