@@ -31,7 +31,7 @@ class MetricSender : public FlushThread,
   /// give, `thread_` is not joinable and the sender is of no use. `client` is not owned and
   /// outlives the sender. REQUIRES: it has its configer and `sender_reports_`.
   MetricSender(const std::string& tenant, ClientParts* client);
-  /// REQUIRES: the leaf class has joined the thread.
+  /// Ends the process unless the leaf class has joined the thread.
   virtual ~MetricSender();
 
   /// Gives the encoder its identity, makes the socket and lets the flush thread go. 66 when no
