@@ -13,8 +13,8 @@ class MetricCollectorItem;
 
 /// Whom the senders tell about themselves: the self monitor, as they see it.
 ///
-/// Threads: all calls from the flush threads of all tenants at once; outlives the senders. Nothing
-/// here can fail a send.
+/// Threads: all calls from the flush threads of all tenants and from whoever makes a sender, at
+/// once. Outlives the senders. Nothing here can fail a send.
 class SenderReports {
  public:
   /// The cell `field` of the series of `tags` in the metric "sender", null if there is none. Fills
