@@ -256,7 +256,7 @@ TEST_F(AgentTest, GivesMemoryBackWhenSeriesAreGone) {
     std::ifstream("/proc/" + std::to_string(pid_) + "/statm") >> all >> pages;
     return pages * static_cast<size_t>(getpagesize()) >> 20;
   };
-  Start({"--quiet", "--ttl", "1"});
+  Start({"--quiet", "--ttl", "5"});  // all series come before the first one goes
   const UniqueFd client = Connect();
   for (int i = 0; i < 150; ++i) {
     Packet packet;
