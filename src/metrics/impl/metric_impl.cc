@@ -305,7 +305,11 @@ MetricImpl::Placing MetricImpl::Place(const std::vector<tidegate::MetricTag>& ta
   return repeated ? Placing::kRepeatedKey : Placing::kDone;
 }
 
-MetricImpl::ItemPtr MetricImpl::GetDummyItem() { return CountedDummyItem(*metric_); }
+MetricImpl::ItemPtr MetricImpl::GetDummyItem() { return GetMetricDummyItem(metric_); }
+
+MetricImpl::ItemPtr MetricImpl::GetMetricDummyItem(MetricParts* metric) {
+  return CountedDummyItem(*metric);
+}
 
 bool MetricImpl::PassStateGate() const {
   const MetricState state = state_.load(std::memory_order_acquire);

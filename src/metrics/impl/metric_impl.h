@@ -64,6 +64,7 @@ class MetricImpl : public ImplParts {
                             std::vector<std::string>& values);
   /// Counts a failed emission on the metric and gives the dummy item.
   ItemPtr GetDummyItem();
+  static ItemPtr GetMetricDummyItem(MetricParts* metric);
 
   /// Builds the list of tags that every series carries in packets, from the declared names and
   /// `const_tags`.
