@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Fuzzes every target of fuzz/, JOBS (2) at a time. Usage: scripts/fuzz.sh [runs of each] [target...]
+# Fuzzes every target of fuzz/, or those that are named, JOBS (2) at a time.
+#   fuzz.sh [RUNS] [TARGET...]   RUNS of each, 20 million if it is left out
 # The preset fuzz finds more in a run; PRESET=fuzz-long makes several times as many runs in the same time.
 # What was learned stays in build/<preset>/corpus for the next time. The input of a finding is left in
 # build/<preset>; give it a name in fuzz/corpus/<target> once the fault is repaired.
@@ -7,14 +8,24 @@ set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 PRESET=${PRESET:-fuzz}
-RUNS=${1:-20000000}
+RUNS=20000000
 MAX_SECONDS=${MAX_SECONDS:-0} # for each target; 0 is no limit
 MAX_LEN=2048                  # bytes of an input
 RSS_LIMIT=1024 MALLOC_LIMIT=8 # MiB
 # In short inputs a target that takes long reaches as much: 64 bytes are a few packets for the table.
 # It has thousands of features, for which the entropic schedule takes more time than the runs.
 declare -A OPTIONS=([http_head]="-max_len=256" [series_table]="-max_len=64 -entropic=0")
-shift $(($# > 0))
+
+if [[ ${1:-} =~ ^[0-9]+$ ]]; then
+  RUNS=$1
+  shift
+fi
+all=("$ROOT"/fuzz/corpus/*)
+all=("${all[@]##*/}")
+for name in "$@"; do
+  [[ " ${all[*]} " == *" $name "* ]] || die "no target \"$name\"; there are: ${all[*]}"
+done
+(($# > 0)) || set -- "${all[@]}"
 
 need_packages "${BUILD_PACKAGES[@]}" "${CHECK_PACKAGES[@]}"
 build "$PRESET" fuzzers
@@ -37,10 +48,6 @@ fuzz() {
     "$(grep -o 'cov: .* corp: [^ ]*' "$log" | tail -n 1)"
 }
 
-if (($# == 0)); then
-  cd "$ROOT/fuzz/corpus"
-  set -- *
-fi
 step "fuzzing $*"
 failed=0
 for name in "$@"; do
