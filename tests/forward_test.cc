@@ -513,7 +513,8 @@ TEST_F(ForwarderTest, StopsInTimeThoughNobodyAnswers) {
   EXPECT_EQ(health_.forward_dropped_shutdown, 4U);
 }
 
-// What a hostile server answers: `again` follows over and over, after each pause, or else the end.
+// What a hostile server answers: `again` follows over and over, after each pause; if it is empty,
+// the connection ends.
 struct HostileReply {
   std::string start, again;
   int pause_ms;

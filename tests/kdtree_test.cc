@@ -56,8 +56,8 @@ std::vector<Item> Race(MetricCollectorBase& source, const std::vector<Strings>& 
       for (++arrived; arrived < kThreads;) std::this_thread::yield();
       // A thread that is late finds the nodes that are there and catches up, so all stay close.
       for (size_t i = 0; i < keys.size(); ++i) {
-        const size_t place = (i + t / 2) % keys.size();
-        items[t][place] = source.GetOrCreate(keys[place]);
+        const size_t index = (i + t / 2) % keys.size();
+        items[t][index] = source.GetOrCreate(keys[index]);
       }
     });
   }

@@ -121,7 +121,7 @@ TEST(WaitTest, AWriterThatIsCancelledWhileItWaitsForAReaderLeavesTheLockWhole) {
   void* result = nullptr;
   ::pthread_join(writer, &result);
   EXPECT_EQ(result, PTHREAD_CANCELED);
-  EXPECT_FALSE(shared.lock.ReinitAfterFork()) << "it is locked for good";
+  EXPECT_FALSE(shared.lock.ReinitAfterFork()) << "nothing will ever unlock it";
 }
 
 }  // namespace

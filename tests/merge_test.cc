@@ -336,7 +336,7 @@ TEST_F(MergeTest, GoesOnWhenClocksWereWrong) {
   EXPECT_THAT(Until(14), IsEmpty());  // waits for the second
   SendTotal(2, -3580, 8);
   EXPECT_THAT(Until(22), ElementsAre("-3580 t c 17"));
-  // Far ahead, and back.
+  // Far into the future, and back.
   SendTotal(1, int64_t{1} << 40, 10);
   EXPECT_THAT(Until(330), ElementsAre("1099511627776 t c 18"));
   SendTotal(1, -3270, 12);

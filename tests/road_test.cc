@@ -64,7 +64,7 @@ TEST(RoadTest, AGaugeMakesTheDocumentedPacket) {
   for (const bool pre_encode_tags : {false, true}) {
     // The name is the same, however it is put together.
     for (const auto& [prefix, name, suffix] : {Strings{"svc", "lat", ""}, {"", "svc", "lat"}}) {
-      SCOPED_TRACE(std::string(name) + (pre_encode_tags ? ", tags encoded ahead" : ""));
+      SCOPED_TRACE(std::string(name) + (pre_encode_tags ? ", tags encoded before" : ""));
       const TempDir dir;
       AgentSocket agent(dir.File("s"));
       TestClient client(ReportTo(agent.path(), 1, pre_encode_tags));

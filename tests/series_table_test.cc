@@ -76,7 +76,7 @@ class SeriesTableTest : public testing::Test {
     return std::to_string(health_.refused_points[i]) + " of " +
            std::to_string(health_.refused_series[i]);
   }
-  // The samples of the page, each behind the type of its family, without the tenant.
+  // The samples of the page, each after the type of its family, without the tenant.
   std::string Samples() {
     std::istringstream page(Page());
     std::string samples, type;

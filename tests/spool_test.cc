@@ -172,7 +172,7 @@ TEST_F(SpoolTest, SaysOnceWhyAFolderCannotBeUsed) {
   const struct {
     std::function<void()> spoil;
     const char* reason;
-    std::function<void()> mend;
+    std::function<void()> repair;
   } kCases[] = {
       {[&] { Write(path, ""); }, "Not a directory", [&] { fs::remove(path); }},
       {[&] { fs::create_symlink("/tmp", path); }, "Not a directory", [&] { fs::remove(path); }},
@@ -199,7 +199,7 @@ TEST_F(SpoolTest, SaysOnceWhyAFolderCannotBeUsed) {
     EXPECT_FALSE(spool_->Open());
     EXPECT_FALSE(Append("one"));
     EXPECT_EQ(health_.forward_spool_failures - before, 2U);
-    test.mend();
+    test.repair();
     EXPECT_TRUE(Append("one") || spool_->Open());
     EXPECT_TRUE(Append("one"));
     EXPECT_THAT(log_, ElementsAre(HasSubstr(test.reason), HasSubstr("can be used again")));

@@ -34,15 +34,15 @@ TEST(StringValidityTest, EveryByteAtEveryPlaceOfShortStringChunkAndTail) {
     for (const size_t length : {1u, 15u, 16u, 17u, 31u, 32u, 33u, 254u, 255u, 4095u, 4096u}) {
       std::string text(length, '\0');
       for (size_t i = 0; i < length; ++i) text[i] = chars.legal[i % chars.legal.size()];
-      std::set<size_t> places{0, length / 2, length - 1};
-      for (size_t i = 0; length <= 33 && i < length; ++i) places.insert(i);
-      for (const size_t place : places) {
+      std::set<size_t> indexes{0, length / 2, length - 1};
+      for (size_t i = 0; length <= 33 && i < length; ++i) indexes.insert(i);
+      for (const size_t index : indexes) {
         std::string changed = text;
         for (int byte = 0; byte < 256; ++byte) {
-          changed[place] = static_cast<char>(byte);
+          changed[index] = static_cast<char>(byte);
           SCOPED_TRACE(testing::Message() << chars.name << " length " << length << " byte " << byte
-                                          << " at " << place);
-          ExpectValidity(changed, chars, chars.legal.find(changed[place]) != std::string::npos);
+                                          << " at " << index);
+          ExpectValidity(changed, chars, chars.legal.find(changed[index]) != std::string::npos);
           ASSERT_FALSE(testing::Test::HasFatalFailure());
         }
       }

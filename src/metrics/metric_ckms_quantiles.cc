@@ -131,12 +131,12 @@ bool CKMSQuantiles::insertBatch() {
       merged_.pop_back();
       --read;
     }
-    const size_t place = merged_.size();
-    const bool near_an_end = place == 1 || place + 1 == kept;
+    const size_t index = merged_.size();
+    const bool near_an_end = index == 1 || index + 1 == kept;
     const int delta =
         near_an_end
             ? 0
-            : static_cast<int>(std::floor(allowableError(static_cast<int>(place) + 1, kept))) + 1;
+            : static_cast<int>(std::floor(allowableError(static_cast<int>(index) + 1, kept))) + 1;
     merged_.emplace_back(value, 1, delta);
     ++kept;
   }
@@ -147,7 +147,7 @@ bool CKMSQuantiles::insertBatch() {
 }
 
 // The algorithm erases merged items as it goes. Here they are marked by a distance of 0, which no
-// item has, and taken out at the end; places count without the marked ones.
+// item has, and taken out at the end; indexes count without the marked ones.
 void CKMSQuantiles::compress() {
   if (sample_.size() < 2) {
     return;

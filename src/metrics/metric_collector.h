@@ -72,7 +72,7 @@ class MetricCollectorBase {
   virtual TakenEntries TakeAll();
 
   /// A new item of this collector's kind, which is in no table yet; null for an unknown kind.
-  /// `encode_tags`: with its tags encoded ahead.
+  /// `encode_tags`: with its tags encoded already.
   std::shared_ptr<MetricCollectorItem> MakeItem(const std::vector<std::string>& tag_values,
                                                 bool encode_tags) const;
   /// Whether the series quota is reached, with a Warn line if so.

@@ -60,38 +60,38 @@ CollectorPtr MetricCollectorFactory::CreateCollector(const std::string& tenant,
   }
   // These die after the guard: a metric that goes takes the lock.
   CollectorPtr replaced;
-  Membership place;
+  Membership membership;
   const WriteGuard guard(rwlock_);
   NameMap& names = NamesOf(tenant);
-  place = FindStanding(names, name, replaced);
-  return place.collector != nullptr ? place.collector : Put(names, name, metric);
+  membership = FindStanding(names, name, replaced);
+  return membership.collector != nullptr ? membership.collector : Put(names, name, metric);
 }
 
 MetricCollectorFactory::Membership MetricCollectorFactory::Join(const ImplParts& member) {
-  Membership place;
+  Membership membership;
   if (state_.load(std::memory_order_relaxed) != MetricState::READY) {
-    return place;
+    return membership;
   }
   CollectorPtr replaced;  // as in `CreateCollector`
   MetricParts& metric = *member.metric_;
   const WriteGuard guard(rwlock_);
   NameMap& names = NamesOf(member.tenant_);
-  place = FindStanding(names, member.name_, replaced);
-  if (place.collector == nullptr) {
-    place.collector = Put(names, member.name_, &metric);
-  } else if (FitsInto(metric, *place.owner)) {
-    Members& members = members_[place.collector.get()];
+  membership = FindStanding(names, member.name_, replaced);
+  if (membership.collector == nullptr) {
+    membership.collector = Put(names, member.name_, &metric);
+  } else if (FitsInto(metric, *membership.owner)) {
+    Members& members = members_[membership.collector.get()];
     if (members.empty()) {
-      members.push_back(place.owner->impl_parts_);
+      members.push_back(membership.owner->impl_parts_);
     }
     members.push_back(&member);
-    place.shared = true;
+    membership.shared = true;
   } else {
-    place.collector = NewCollector(&metric);
-    place.collector->standby_.store(true, std::memory_order_relaxed);
-    waiting_.push_back({&member, place.collector});
+    membership.collector = NewCollector(&metric);
+    membership.collector->standby_.store(true, std::memory_order_relaxed);
+    waiting_.push_back({&member, membership.collector});
   }
-  return place;
+  return membership;
 }
 
 bool MetricCollectorFactory::Leave(const ImplParts& member, const MetricCollectorBase& collector) {
@@ -149,21 +149,21 @@ MetricCollectorFactory::NameMap& MetricCollectorFactory::NamesOf(const std::stri
 MetricCollectorFactory::Membership MetricCollectorFactory::FindStanding(NameMap& names,
                                                                         const std::string& name,
                                                                         CollectorPtr& replaced) {
-  Membership place;
+  Membership membership;
   const auto found = names.find(name);
   if (found == names.end()) {
-    return place;
+    return membership;
   }
-  place.owner = found->second->PinMetric();
-  if (place.owner != nullptr) {
-    place.owner_registry = place.owner->PinRegistry();
-    place.collector = found->second;
-    return place;
+  membership.owner = found->second->PinMetric();
+  if (membership.owner != nullptr) {
+    membership.owner_registry = membership.owner->PinRegistry();
+    membership.collector = found->second;
+    return membership;
   }
   replaced = std::move(found->second);
   names.erase(found);
   --total_collectors_;
-  return place;
+  return membership;
 }
 
 CollectorPtr MetricCollectorFactory::NewCollector(MetricParts* metric) {

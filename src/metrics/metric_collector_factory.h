@@ -81,7 +81,7 @@ class MetricCollectorFactory : public CollectorFactoryParts {
   void Clear();
   /// For the child of a fork: shuts down and forgets all collectors.
   void AtFork();
-  /// In a forked child, ahead of everything else: makes the lock anew, and forgets the table
+  /// In a forked child, before everything else: makes the lock anew, and forgets the table
   /// without walking it if a thread of the parent was changing it.
   void RepairAfterFork() METRICS_NO_THREAD_SAFETY;
 

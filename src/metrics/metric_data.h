@@ -16,7 +16,7 @@ constexpr uint32_t kMetricDeltaCounterArrSize = 3;
 
 /// What a cell reports of one flush interval.
 struct SendRes {
-  /// Also write a point for the previous interval, with `prev_value`, ahead of this one.
+  /// Also write a point for the previous interval, with `prev_value`.
   bool need_prev;
   /// This interval's numbers in the order of the cell's type; empty when there is nothing to say.
   std::vector<double> values;

@@ -66,7 +66,7 @@ class METRICS_API MetricFactory {
   void Clear();
   /// For the child of a fork: shuts down and forgets all registries.
   void AtFork();
-  /// In a forked child, ahead of everything else: see `MetricCollectorFactory::RepairAfterFork`.
+  /// In a forked child, before everything else: see `MetricCollectorFactory::RepairAfterFork`.
   void RepairAfterFork();
 
   ClientParts* client_;  ///< not owned

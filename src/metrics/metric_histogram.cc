@@ -15,8 +15,8 @@ short GetHistoIndex(const double& value, const std::vector<double>& bounds) {
   // At most a hundred bounds: a scan is as good as a search.
   const auto last = static_cast<short>(bounds.size() - 1);
   for (short i = 0; i < last; ++i) {
-    const auto place = static_cast<size_t>(i);
-    if (value >= bounds[place] && bounds[place + 1] > value) {
+    const auto index = static_cast<size_t>(i);
+    if (value >= bounds[index] && bounds[index + 1] > value) {
       return i;
     }
   }

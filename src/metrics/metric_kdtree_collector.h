@@ -14,7 +14,7 @@ namespace METRICS {
 /// for builds that give the factory's `collector_kind_` another default; its series do not expire.
 ///
 /// At the series quota, or with tags that are too long, a new series gives a null item. Tags are
-/// always encoded ahead.
+/// always encoded when the series is made.
 class KDTreeCollector final : public MetricCollectorBase, private KDTreeItems {
  public:
   KDTreeCollector(CollectorFactoryParts* factory, MetricParts* metric);

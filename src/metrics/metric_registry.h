@@ -91,7 +91,7 @@ class METRICS_API MetricRegistry : public RegistryParts {
   ReturnCode Clear(Removed& removed);
   /// For the child of a fork: forgets all metrics.
   void AtFork();
-  /// In a forked child, ahead of everything else: see `MetricCollectorFactory::RepairAfterFork`.
+  /// In a forked child, before everything else: see `MetricCollectorFactory::RepairAfterFork`.
   void RepairAfterFork();
 
   /// Merges the tags that metrics inherit: the vendor's immutable ones go before `global_tags`,

@@ -16,7 +16,7 @@ namespace METRICS {
 /// and the percentiles 0.5, 0.9, 0.95, 0.99 and 0.999, each the sample at rank floor(q * count)
 /// counted from zero, without interpolation.
 ///
-/// NaNs are sorted behind the numbers; they count, and go through the sum as IEEE 754 says.
+/// NaNs are sorted after the numbers; they count, and go through the sum as IEEE 754 says.
 /// REQUIRES: `count` is not 0.
 std::vector<double> SummarizeSamples(double* samples, size_t count);
 

@@ -9,7 +9,7 @@ namespace METRICS {
 constexpr size_t kCacheLineBytes = 64;
 
 /// Allocates at the start of a cache line, so that what is changed often shares its line with
-/// nothing behind it but what it was allocated with. An object of up to 56 bytes takes no more
+/// nothing after it but what it was allocated with. An object of up to 56 bytes takes no more
 /// memory for it: that and the heap's own word are a line.
 template <class T>
 struct LineAllocator {

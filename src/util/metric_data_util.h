@@ -30,7 +30,7 @@ struct AtomicWrapper {
   std::atomic<T> value{};
 };
 
-/// Sorts ascending, with NaNs behind the numbers: the sort itself never compares one.
+/// Sorts ascending, with NaNs after the numbers: the sort itself never compares one.
 void SortNumbersFirst(double* first, double* last);
 
 /// `data` as a zlib stream (header and Adler-32), compressed at `level` (0 to 9, -1 for zlib's

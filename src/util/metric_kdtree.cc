@@ -9,8 +9,8 @@
 namespace METRICS {
 namespace {
 
-std::string_view ValueAt(const std::vector<std::string>& values, size_t place) {
-  return place < values.size() ? std::string_view(values[place]) : std::string_view();
+std::string_view ValueAt(const std::vector<std::string>& values, size_t index) {
+  return index < values.size() ? std::string_view(values[index]) : std::string_view();
 }
 
 }  // namespace
@@ -54,8 +54,8 @@ void KDTree::TakeFrom(KDTree& other) {
 
 bool KDTree::SortsBefore(const std::vector<std::string>& a, const std::vector<std::string>& b,
                          size_t depth) const {
-  const size_t place = dimension_ == 0 ? a.size() + b.size() : depth % dimension_;
-  return ValueAt(a, place) < ValueAt(b, place);
+  const size_t index = dimension_ == 0 ? a.size() + b.size() : depth % dimension_;
+  return ValueAt(a, index) < ValueAt(b, index);
 }
 
 const KDTree::TreeNode* KDTree::Descend(std::atomic<TreeNode*>*& slot, size_t& depth,

@@ -58,7 +58,7 @@ class METRICS_THREAD_ATTR(capability("rwlock")) RwLock {
 /// then on readers queue at the platform's lock as well. `kReadsToBias` of them with no writer in
 /// between bias it again, so that frequent writers hardly ever have one to take back. Long readers
 /// use a `ReadGuard`: a waiting writer then holds up nobody else. A thread that reads must not read
-/// the same lock again: it would wait behind a writer that waits for it.
+/// the same lock again: it would wait for a writer that waits for it.
 class METRICS_THREAD_ATTR(capability("rwlock")) BiasedRwLock {
  public:
   BiasedRwLock() = default;
@@ -97,7 +97,7 @@ class METRICS_THREAD_ATTR(capability("rwlock")) BiasedRwLock {
       return nullptr;
     }
     ReaderSlot* const slot = EnterAsReader(this);
-    // Behind the exchange in the one order of both: whoever takes the bias back sees this reader,
+    // After the exchange in the one order of both: whoever takes the bias back sees this reader,
     // or is seen by it.
     if (slot != nullptr && !biased_.load()) {
       slot->store(nullptr, std::memory_order_release);

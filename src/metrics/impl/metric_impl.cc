@@ -70,19 +70,19 @@ ReturnCode MetricImpl::InitCollector() {
   if (state_.load() != MetricState::INIT) {
     return ReturnCode::kOk;
   }
-  MetricCollectorFactory::Membership place = collector_factory_->Join(*this);
-  collector_ = std::move(place.collector);
+  MetricCollectorFactory::Membership membership = collector_factory_->Join(*this);
+  collector_ = std::move(membership.collector);
   if (collector_ == nullptr) {
     METRICS_LOG_WARN("Metric %s Get New Collector Fail\n", name_.c_str());
     return ReturnCode::kAllocCollectorError;
   }
   joined_.store(true);
-  if (place.owner != nullptr) {
-    TellNamesakes(*place.owner, place.shared);
+  if (membership.owner != nullptr) {
+    TellNamesakes(*membership.owner, membership.shared);
   }
-  if (place.shared) {
-    owner_registry_ = std::move(place.owner_registry);
-    collector_owner_ = std::move(place.owner);
+  if (membership.shared) {
+    owner_registry_ = std::move(membership.owner_registry);
+    collector_owner_ = std::move(membership.owner);
   }
   state_.store(MetricState::READY, std::memory_order_release);
   return ReturnCode::kOk;
@@ -298,9 +298,9 @@ MetricImpl::Placing MetricImpl::Place(const std::vector<tidegate::MetricTag>& ta
     if (found == tag_names_.end()) {
       return Placing::kUnknownKey;
     }
-    const auto place = static_cast<size_t>(found - tag_names_.begin());
-    repeated = repeated || &values[place] != &kMissingValue;
-    values.Set(place, tags[i].value);
+    const auto index = static_cast<size_t>(found - tag_names_.begin());
+    repeated = repeated || &values[index] != &kMissingValue;
+    values.Set(index, tags[i].value);
   }
   return repeated ? Placing::kRepeatedKey : Placing::kDone;
 }

@@ -58,7 +58,7 @@ class MetricImpl : public ImplParts {
   /// The series of a flat list: key, value, key, value. Another order is another series.
   ItemPtr WithCompatibleTags(const std::vector<std::string>& tag_pairs);
 
-  /// Puts the value of each tag at the place of its name. 37 for too many tags, 53 for a bad
+  /// Puts the value of each tag at the index of its name. 37 for too many tags, 53 for a bad
   /// value, 50 for an unknown key.
   ReturnCode GetTagValueVec(const std::vector<tidegate::MetricTag>& tags,
                             std::vector<std::string>& values);
@@ -69,7 +69,7 @@ class MetricImpl : public ImplParts {
   /// Builds the list of tags that every series carries in packets, from the declared names and
   /// `const_tags`.
   void PrepareSendTagKV(const std::vector<tidegate::MetricTag>& const_tags);
-  /// Finds the place of each declared name in that list.
+  /// Finds the index of each declared name in that list.
   void PrepareTagIdx();
 
   /// Takes the series out of the collector, unless another metric in service has them too.
