@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Checks beyond the tests. Without arguments all of them, else those that are named:
 #   format     the sources are as clang-format writes them
-#   layers     the includes form no knot, and point down the floors of scripts/layers.py
+#   layers     the includes form no large cycle, and point down the floors of scripts/layers.py
 #   mutations  the changes of scripts/mutations.txt fit the sources
 #   clang      builds clean with clang and its thread-safety analysis
 #   tidy       clang-tidy finds nothing
