@@ -22,8 +22,8 @@ struct MetricFieldInfo {
   bool reports = true;
 };
 
-/// What collectors, items and the flush need of a metric's implementation: what `MetricImpl` is
-/// made of, but for its way to the collector.
+/// The part of a metric's implementation that collectors, items and the flush need: all of
+/// `MetricImpl` but its way to the collector.
 class ImplParts {
  public:
   ImplParts(const std::string& tenant, const std::string& name, MetricParts* metric,

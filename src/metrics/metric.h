@@ -23,7 +23,7 @@ class MetricImpl;
 class MetricRegistry;
 
 /// One metric: a definition with its constant tags, its statistics and the implementation of its
-/// kind. Callers emit with
+/// form. Callers emit with
 ///
 ///     metric->WithTags({{"method", "get"}})->Emit({Incr(1), WithSuffix("size", Store(512))});
 ///
@@ -54,15 +54,15 @@ class METRICS_API Metric : public MetricParts {
   }
 
   /// Sets the bounds of a metric whose suffixes hold histograms; at most once. `histo` is only
-  /// read by the call. 81 without `histo`, 70 for another kind or if there are bounds already,
+  /// read by the call. 81 without `histo`, 70 for another form or if there are bounds already,
   /// 36 if `histo` refuses itself.
   ReturnCode SetHistogram(HistoUtilBase* histo);
   /// Emits on a compatible metric: `tag_pairs` is a flat list, key, value, key, value. 70 for
-  /// another kind, when the metric is blocked and at the series quota, 35 for an odd number or more
+  /// another form, when the metric is blocked and at the series quota, 35 for an odd number or more
   /// than 510 strings, 53 for a bad key or value.
   ReturnCode CEmit(double value, std::vector<std::string>&& tag_pairs);
   /// Data type of a compatible metric: a gauge, rate, counter, meter or timer. To be set before the
-  /// first emission, whose series keep what they find; without it all emissions are dropped.
+  /// first emission: a series keeps the type that it was made with. Without one it drops all.
   void SetCompatibleType(MetricsType type) { compatible_type_.store(type); }
   /// Summaries travel as one row of fields instead of one gauge per number. From the next flush on.
   void SetMultiFieldSummary(bool on) { multi_field_summary_.store(on); }
@@ -81,11 +81,11 @@ class METRICS_API Metric : public MetricParts {
   /// "metric_name", and takes what was counted.
   ReturnCode EmitStat(Metric* stat_metric);
 
-  MetricRegistry* registry_;  ///< not owned; to be pinned by whoever is no creator of the metric
+  MetricRegistry* registry_;  ///< not owned; pinned before use, but for the thread that makes it
   std::unique_ptr<MetricImpl> impl_;  ///< made by `Init`, never replaced
 
  private:
-  /// The implementation of this kind, or null for an unknown one.
+  /// The implementation of this form, or null for an unknown one.
   std::unique_ptr<MetricImpl> MakeImpl(const std::vector<std::string>&& tag_names);
 };
 

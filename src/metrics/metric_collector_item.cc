@@ -76,7 +76,7 @@ void MetricCollectorItem::SetActive(bool active) {
     return;
   }
   active_.exchange(active);
-  // `Drop` marks first and hides then: whoever comes second sees the other.
+  // `Drop` marks first, then hides. This shows first, then looks at the mark: one sees the other.
   if (active && IsDropped()) {
     active_.exchange(false);
   }

@@ -43,11 +43,11 @@ class METRICS_API MetricCollectorItem {
   MetricCollectorItem& operator=(const MetricCollectorItem&) = delete;
 
   // The base class, which is the dummy item, answers 70 to all of these and keeps nothing; so does
-  // a kind of item that has no use for one. 22 and 23 come from a dropped item, see above.
+  // an item of a form that has no use for one. 22 and 23 come from a dropped item, see above.
 
   /// Emits a list of values, each to the cell that its name tells; an empty list counts as an
   /// emission. A value whose type is not that of its cell is dropped with a Warn line, and the
-  /// result is 0 all the same. On an ordinary metric a new name makes a suffix: 53 where it has
+  /// result is 0 all the same. On a suffixed metric a new name makes a suffix: 53 where it has
   /// illegal characters, the values before it are emitted then and the ones after it are not. On a
   /// row of fields a name that was not declared is dropped with a Warn line; 54 for more values
   /// than fields, of which none is emitted. Allocates for new suffixes only, but the cell of an
@@ -67,7 +67,7 @@ class METRICS_API MetricCollectorItem {
   virtual size_t Size();
   /// Estimate of the bytes that the names and pointers of its cells occupy.
   virtual size_t MemSize();
-  /// The kind of the item, which is that of its metric.
+  /// The form of the item, which is that of its metric.
   virtual MetricCoItemType Type();
   /// Emits one value as a list of it alone does, but without the list: the fastest form.
   virtual ReturnCode Emit(const MetricFieldValue& value);

@@ -37,7 +37,7 @@ METRICS_API std::shared_ptr<MetricCollectorItem> FindByValues(
 METRICS_API std::shared_ptr<MetricCollectorItem> FindByMap(
     MetricImpl& impl, const std::unordered_map<std::string, std::string>& tags);
 
-/// What collectors, items and the flush need of a metric: what `Metric` is made of, but for the
+/// The part of a metric that collectors, items and the flush need: all of `Metric` but the
 /// implementation that it owns.
 class METRICS_API MetricParts : public std::enable_shared_from_this<MetricParts> {
  public:
@@ -74,7 +74,7 @@ class METRICS_API MetricParts : public std::enable_shared_from_this<MetricParts>
   std::atomic<unsigned long> emit_fail_{0};     ///< failed emissions since the last `EmitStat`
   std::atomic<unsigned long> cache_mem_{0};     ///< bytes that the series occupy, an estimate
   std::atomic<unsigned long> cache_series_{0};  ///< cells made; a row counts as one
-  /// Of the registry, not owned; to be pinned by whoever is no creator of the metric.
+  /// The registry, not owned: pinned before use, but for the thread that makes the metric.
   RegistryParts* const registry_parts_;
 
  protected:

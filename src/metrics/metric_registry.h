@@ -47,7 +47,7 @@ struct MetricInstanceCfg {
 /// the caller's pointer is good until the registry is removed or the client ends.
 class METRICS_API MetricRegistry : public RegistryParts {
  public:
-  /// A metric with its kind said outright.
+  /// A metric and its form.
   struct MetricInitCfg {
     MetricCoItemType kind = MetricCoItemType::kCoItemUnknown;
     MetricInstanceCfg cfg;
@@ -104,7 +104,7 @@ class METRICS_API MetricRegistry : public RegistryParts {
                         std::vector<tidegate::MetricTag>& out);
 
   /// Says so, once, if the interval is no multiple of its tenant's: rates are wrong then. From the
-  /// thread that makes the registry and from the flush thread, whoever knows the tenant's first.
+  /// thread that makes the registry or the flush thread: the first to know the tenant's interval.
   void WarnOfInterval(int tenant_interval);
 
  private:
@@ -112,7 +112,7 @@ class METRICS_API MetricRegistry : public RegistryParts {
   ReturnCode CheckConstTags(const MetricInstanceCfg& cfg,
                             const std::vector<tidegate::MetricTag>& inserted) const;
   void WarnOfTags(const std::vector<tidegate::MetricTag>& tags) const;
-  /// What every removal of a metric does before it leaves the table. What it was goes to `removed`,
+  /// Done for each metric that is removed, before it leaves the table. Its parts go to `removed`,
   /// which dies without any lock.
   static void Retire(const std::shared_ptr<Metric>& metric, Removed& removed);
 

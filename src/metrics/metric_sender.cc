@@ -131,8 +131,8 @@ void MetricSender::FlushAndExit() {
   JoinThread();
   METRICS_LOG_WARN("Sender[%s] thread joined as state %s[0:Idle,1:Sleeping,2:Slept,3:Working]\n",
                    tenant_.c_str(), std::to_string(static_cast<int>(work_state_)).c_str());
-  // A flush that was running meanwhile was the last one: what it had not due, and what came in
-  // after its boundary, is lost.
+  // A flush that was running meanwhile was the last one: numbers of collectors that were not due
+  // in it, and numbers that came in later, are lost.
   if (work_state_ != WorkState::kWorking) {
     RunWithinMemory(tenant_.c_str(), "the last flush", [this] { FlushRest(); });
   }

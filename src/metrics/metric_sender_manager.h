@@ -70,7 +70,7 @@ class METRICS_API MetricSenderManager {
 
   Mutex mutex_;
   Table senders_ METRICS_GUARDED_BY(mutex_);
-  /// True while the table itself is being changed, which is but a moment of what the mutex covers.
+  /// True while the table itself is being changed: a short part of the time under the mutex.
   std::atomic<bool> table_changing_{false};
 };
 

@@ -15,8 +15,8 @@ namespace METRICS {
 struct ClientParts;
 struct RegistryTable;
 
-/// What metrics, collectors and the flush need of a registry: what `MetricRegistry` is made of, but
-/// for its table of metrics.
+/// The part of a registry that metrics, collectors and the flush need: all of `MetricRegistry` but
+/// its table of metrics.
 class METRICS_API RegistryParts : public std::enable_shared_from_this<RegistryParts> {
  public:
   /// `flush_interval` is in seconds.

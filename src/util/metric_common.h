@@ -34,7 +34,7 @@ enum class MetricState : uint8_t {
   SHUTDOWN = 3,  ///< going away or gone
 };
 
-/// Kind of a metric, of its collector and of its series items.
+/// Form of a metric, of its collector and of its series items.
 enum class MetricCoItemType : uint8_t {
   kCoItemUnknown = 0,
   kCoItemSuffix = 1,      ///< one series has named suffixes, each with a cell of its own

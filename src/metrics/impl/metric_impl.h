@@ -22,7 +22,7 @@ class MetricCollectorBase;
 class MetricCollectorFactory;
 class TagValueRefs;
 
-/// What stands between a caller's tags and a series, by the kind of the metric.
+/// Finds the series of a caller's tags; each form of metric has a class of its own.
 ///
 /// Threads: the `With...` family from any thread; it takes no lock but the collector's and, for a
 /// series that exists, allocates nothing. Owned by its `Metric`.
@@ -76,7 +76,7 @@ class MetricImpl : public ImplParts {
   TakenEntries TakeSeries();
   /// The same at the end: the collector leaves the factory, unless another metric has it too.
   TakenEntries LeaveCollector();
-  /// What series of this metric are counted on, if it is another metric.
+  /// The metric that counts the series of this one, if it is another metric.
   const std::shared_ptr<MetricParts>& CollectorOwner() const { return collector_owner_; }
 
   const std::shared_ptr<MetricCollectorFactory> collector_factory_;
