@@ -9,9 +9,9 @@
 #include "agent/families.h"
 #include "agent/health.h"
 
-// The text format of Prometheus, version 0.0.4: what the lines of a family and of
-// its series look like. Free functions without state, safe from
-// any number of threads. Numbers are written alike in every locale.
+// The text format of Prometheus, version 0.0.4: what the lines of a family and of its series look
+// like. Free functions without state, safe from any number of threads. Numbers are written alike in
+// every locale.
 
 namespace tidegate::agent {
 

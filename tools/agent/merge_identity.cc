@@ -17,7 +17,7 @@ constexpr std::chrono::seconds kSettle(1);
 // For a process that only lost its connection.
 constexpr std::chrono::minutes kForgetProcess(5);
 
-// With its keyed and bucket.
+// With its node and bucket.
 constexpr size_t kProcessBytes = 96;
 
 size_t BytesOf(const MergedLayout& layout) {

@@ -35,8 +35,8 @@ class SeqpacketServer {
     ClientId client;
   };
   using MessageHandler = std::function<void(Message)>;  // throws nothing
-  // Gets one line about trouble that does not end the server. Throws nothing.
 
+  // `on_warning` gets one line about trouble that does not end the server, and throws nothing.
   // Keeps the number of connected clients in `clients`, and their processes in `processes`; borrows
   // both. A process is there before its first message, and until after its last one.
   SeqpacketServer(MessageHandler on_message, Report on_warning, std::atomic<uint64_t>* clients,
