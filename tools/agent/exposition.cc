@@ -1,6 +1,5 @@
 #include "agent/exposition.h"
 
-#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <iterator>

@@ -4,16 +4,10 @@
 #include <set>
 #include <utility>
 
+#include "agent/ends_with.h"
 #include "agent/fitted_names.h"
 
 namespace tidegate::agent {
-namespace {
-
-bool EndsWith(std::string_view name, std::string_view end) {
-  return name.size() >= end.size() && name.substr(name.size() - end.size()) == end;
-}
-
-}  // namespace
 
 std::vector<FamilyPart> FamiliesOf(Kind kind, std::string_view name,
                                    const std::vector<std::string>& columns) {

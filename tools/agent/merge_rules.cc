@@ -2,16 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iterator>
 #include <string>
 #include <string_view>
 
+#include "agent/ends_with.h"
+
 namespace tidegate::agent {
 namespace {
-
-bool EndsWith(std::string_view text, std::string_view end) {
-  return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
-}
 
 // Whether the columns from `first` on are those of the field `field`, each after a dot.
 bool HasParts(const std::vector<Field>& columns, size_t first, std::string_view field,
