@@ -206,20 +206,11 @@ constexpr const KindRow* FindKind(uint8_t wire_type) {
 
 constexpr const KindRow& RowOf(Kind kind) { return *FindKind(static_cast<uint8_t>(kind)); }
 
-// Of column `i` of `count` in a block of that kind.
+// Of column `i` of `count` in a block of that kind. More columns than the row has are more of the
+// first.
 constexpr const ColumnRow& ColumnAt(const KindRow& row, size_t i, size_t count) {
-  switch (row.form) {
-    case ColumnForm::kFixed:
-      return row.columns[i];
-    case ColumnForm::kBounds: {
-      const size_t left = count - i;
-      return row.columns[left < row.columns.size() ? row.columns.size() - left : 0];
-    }
-    case ColumnForm::kOne:
-    case ColumnForm::kAny:
-      break;
-  }
-  return row.columns[0];
+  const size_t more = count - row.columns.size();
+  return row.columns[i < more ? 0 : i - more];
 }
 
 constexpr bool RowsAreInOrder() {
