@@ -94,6 +94,7 @@ if [[ ${1:-} == --short ]]; then
   min_time=(--benchmark_min_time=0.01)
 fi
 (($# <= 1)) || die "too many arguments"
+[[ ${1:-} != -* ]] || die "unknown option \"$1\""
 folder=${1:-$ROOT/build/bench-results}
 measure
 if [[ -n $short ]]; then
