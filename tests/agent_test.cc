@@ -268,7 +268,7 @@ TEST_F(AgentTest, GivesMemoryBackWhenSeriesAreGone) {
   }
   size_t most = 0;
   size_t now = 0;
-  for (int i = 0; i < 4000 && (most < 30 || now > most / 2); ++i) {
+  for (int i = 0; i < 8000 && (most < 30 || now > most / 2); ++i) {
     std::this_thread::sleep_for(milliseconds(10));
     now = resident();
     most = std::max(most, now);

@@ -27,7 +27,9 @@ size_t BytesBeside(size_t used) {
 
 }  // namespace
 
-HeapTrimmer::HeapTrimmer() : least_(BytesBeside(0)) {}
+HeapTrimmer::HeapTrimmer() : least_(BytesBeside(0)) {
+  mallopt(M_ARENA_MAX, 1);  // a trim does not reach the end of any arena but the first
+}
 
 void HeapTrimmer::Look(size_t used) {
   if (busy_) return;

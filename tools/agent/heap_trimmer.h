@@ -27,7 +27,8 @@ class HeapTrimmer {
   static constexpr std::chrono::seconds kPause{10};
   static constexpr std::chrono::seconds kLongestPause{600};
 
-  // To be made before much is in use.
+  // To be made before much is in use, and before there are threads: they share one arena from then
+  // on.
   HeapTrimmer();
   ~HeapTrimmer() { Join(); }
   HeapTrimmer(const HeapTrimmer&) = delete;
