@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cassert>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -24,8 +25,8 @@ class MetricParts;
 class RegistryParts;
 
 /// Keys of the two tags that say whose data a packet holds.
-constexpr char ACCOUNT_ID_KEY[] = "account_id";
-constexpr char PROJECT_ID_KEY[] = "project_id";
+inline constexpr auto& ACCOUNT_ID_KEY = lattice_kit::codec::kCodecAccountID;
+inline constexpr auto& PROJECT_ID_KEY = lattice_kit::codec::kCodecProjectID;
 constexpr const char* kAccountIdKey = ACCOUNT_ID_KEY;
 constexpr const char* kProjectIdKey = PROJECT_ID_KEY;
 
@@ -86,16 +87,21 @@ class MetricEncoder final : public MetricEncoderBase {
 
   // Names of the numbers of cells that report several. REQUIRES: `idx` is below the array's size.
   static std::string& ConvertIdxToTimerSuffix(const unsigned long& idx) {
-    return NamesOf(MetricsType::kTimer)[idx];
+    return NameOf(MetricsType::kTimer, idx);
   }
   static std::string& ConvertIdxToMeterSuffix(const unsigned long& idx) {
-    return NamesOf(MetricsType::kMeter)[idx];
+    return NameOf(MetricsType::kMeter, idx);
   }
   static std::string& ConvertIdxToDeltaCounter(const unsigned long& idx) {
-    return NamesOf(MetricsType::kDeltaCounter)[idx];
+    return NameOf(MetricsType::kDeltaCounter, idx);
   }
 
  private:
+  static std::string& NameOf(MetricsType type, unsigned long index) {
+    assert(index < KindOf(type).numbers);
+    return NamesOf(type)[index];
+  }
+
   void PackAll(const std::vector<std::shared_ptr<MetricCollectorBase>>& collectors);
   void EndFlush();
   void PackMetric(MetricCollectorBase& collector);

@@ -1,6 +1,7 @@
 #include "metrics/suffix_blocks.h"
 
 #include <array>
+#include <cassert>
 
 #include "codec/fnv_hash.h"
 #include "metrics/cell_kinds.h"
@@ -89,6 +90,7 @@ void SuffixBlocks::DoPackSuffixToMultiField(MetricDataPack& pack, int64_t timest
 
 void SuffixBlocks::PackPrevious(FlushPackets& packets, int64_t timestamp, std::string_view tags,
                                 double prev_value) const {
+  assert(KindOf(type).previous != 0);
   const std::array<double, CellKind::kMostNames> point{prev_value};  // the others are 0
   packets.WritePrevious([&](MetricDataPack& pack) { Pack(pack, timestamp, tags, point.data()); });
 }
