@@ -18,6 +18,12 @@ class SenderReports;
 /// Set by `MetricClient::Init`, null otherwise. Applications may use `metric_factory_`, whose
 /// `GetRegistry` finds a registry without making it; the others are read by the parts.
 struct ClientParts {
+  /// Whether all parts are there.
+  bool IsWhole() const {
+    // The one comes after all parts, the other goes first at the end, while its senders report.
+    return sender_reports_ != nullptr && sender_manager_ != nullptr;
+  }
+
   std::shared_ptr<MetricCollectorFactory> collector_factory_;
   std::shared_ptr<MetricFactory> metric_factory_;
   std::unique_ptr<MetricConfiger> configer_;

@@ -81,11 +81,6 @@ ReturnCode MetricClient::Init(tidegate::MConfigerImplBase* configer_impl,
   return ReturnCode::kOk;
 }
 
-bool MetricClient::IsWhole() const {
-  // The one comes after all parts, the other goes first at the end, while its senders report.
-  return sender_reports_ != nullptr && sender_manager_ != nullptr;
-}
-
 bool MetricClient::StartThreads() {
   // What else fails there leaves a client in service.
   constexpr ReturnCode kNoThread = ReturnCode::kAllocCollectorError;

@@ -90,8 +90,6 @@ class METRICS_API MetricClient : public ClientParts {
   std::string DebugString() const;
 
  private:
-  /// Whether all parts are there.
-  bool IsWhole() const;
   /// False when there is no thread to be had.
   bool StartThreads();
   void ShutDownFactories();
