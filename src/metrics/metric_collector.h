@@ -19,7 +19,7 @@ class MetricParts;
 struct ClientParts;
 
 using SeriesMap =
-    ConcurrentHashmap<std::vector<std::string>, MetricCollectorItem, TagKVHash, TagKVCmp>;
+    ConcurrentHashmap<std::vector<std::string>, MetricCollectorItem, TagValuesHash, TagKVCmp>;
 /// A series: its tag values, in the sorted order of the declared names, and its item.
 using Series = SeriesMap::KeyedValue;
 

@@ -5,12 +5,24 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "codec/fnv_hash.h"
 #include "util/short_text.h"
+#include "util/word_hash.h"
 
 namespace METRICS {
+
+/// The hash of a list of tag values, which may be any that gives its texts by index.
+template <class Values>
+uint64_t HashTagValues(const Values& values) {
+  uint64_t hash = 0;
+  for (size_t i = 0; i < values.size(); ++i) {
+    hash = HashNext(hash, values[i]);
+  }
+  return hash;
+}
 
 /// A vector of tag values that is not made: the strings stand where the caller has them.
 class TagValueRefs {
@@ -19,40 +31,43 @@ class TagValueRefs {
   static constexpr size_t kMax = 255;
 
   /// `count` values, all of them `value`. REQUIRES: `count` is at most `kMax`.
-  TagValueRefs(size_t count, const std::string& value) : count_(count) {
+  TagValueRefs(size_t count, std::string_view value) : count_(count) {
     assert(count <= kMax);
-    std::fill_n(values_, count, &value);
+    std::fill_n(values_, count, value);
   }
-  void Set(size_t index, const std::string& value) {
-    assert(index < count_);
-    values_[index] = &value;
-    if (index < hashed_) {
-      SetHash(0, lattice_kit::codec::kFNVOffsetBasis);
-    }
-  }
-  /// Tells what the first `count` values hash to.
-  void SetHash(size_t count, uint32_t hash) {
-    hashed_ = count;
-    hash_ = hash;
+  /// REQUIRES: before `Hash`.
+  void Set(size_t index, std::string_view value) {
+    assert(index < count_ && !hashed_);
+    values_[index] = value;
   }
   size_t size() const { return count_; }
-  const std::string& operator[](size_t index) const { return *values_[index]; }
-  const std::string* const* begin() const { return values_; }
-  const std::string* const* end() const { return values_ + count_; }
+  std::string_view operator[](size_t index) const { return values_[index]; }
+  const std::string_view* begin() const { return values_; }
+  const std::string_view* end() const { return values_ + count_; }
 
-  /// `TagKVHash` of the values, computed once.
-  uint32_t Hash() const {
-    for (; hashed_ < count_; ++hashed_) {
-      hash_ = lattice_kit::codec::StrFNVHash(*values_[hashed_], hash_);
+  /// `HashTagValues` of them, computed once.
+  uint64_t Hash() const {
+    if (!hashed_) {
+      hash_ = HashTagValues(*this);
+      hashed_ = true;
     }
     return hash_;
   }
 
  private:
   const size_t count_;
-  mutable size_t hashed_ = 0;
-  mutable uint32_t hash_ = lattice_kit::codec::kFNVOffsetBasis;  ///< of the first `hashed_` values
-  const std::string* values_[kMax];                              // filled as far as `count_`
+  mutable bool hashed_ = false;
+  mutable uint64_t hash_ = 0;
+  std::string_view values_[kMax];  // filled as far as `count_`
+};
+
+/// `HashTagValues` as the table of series wants it.
+struct TagValuesHash {
+  template <class Values>
+  uint64_t operator()(const Values& values) const {
+    return HashTagValues(values);
+  }
+  uint64_t operator()(const TagValueRefs& values) const { return values.Hash(); }
 };
 
 /// Hash of a vector of tag values: the strings chained without delimiters.
@@ -64,7 +79,6 @@ struct TagKVHash {
     }
     return hash;
   }
-  size_t operator()(const TagValueRefs& tag_values) const { return tag_values.Hash(); }
 };
 
 /// Equality of two vectors of tag values, string by string.
@@ -73,9 +87,7 @@ struct TagKVCmp {
     return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), SameText);
   }
   bool operator()(const std::vector<std::string>& a, const TagValueRefs& b) const {
-    return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(),
-                      [](const std::string& x, const std::string* y) { return SameText(x, *y); });
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), SameText);
   }
 };
 

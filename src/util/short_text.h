@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <string>
+#include <string_view>
 
 namespace METRICS {
 
@@ -18,7 +18,7 @@ inline uint64_t LoadWord(const char* from) {
 }
 
 /// As `a == b`.
-inline bool SameText(const std::string& a, const std::string& b) {
+inline bool SameText(std::string_view a, std::string_view b) {
   const size_t size = a.size();
   if (size != b.size()) {
     return false;

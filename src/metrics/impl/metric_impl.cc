@@ -2,9 +2,10 @@
 
 #include <algorithm>
 #include <memory>
+#include <string_view>
 #include <utility>
 
-#include "codec/fnv_hash.h"
+#include "codec/tag_kv.h"
 #include "metrics/client_parts.h"
 #include "metrics/histo_util.h"
 #include "metrics/metric_collector.h"
@@ -19,8 +20,6 @@
 
 namespace METRICS {
 
-using lattice_kit::codec::kFNVOffsetBasis;
-using lattice_kit::codec::StrFNVHash;
 using lattice_kit::codec::TagKV;
 
 namespace {
@@ -42,8 +41,11 @@ std::vector<std::string>* TagValuePool() {
   return tag_value_pool;
 }
 
-// Never destroyed: a thread may still emit while the process exits.
-const std::string& kMissingValue = *new std::string("-");
+// An array of its own, which no text of a caller is part of.
+constexpr char kMissing[] = "-";
+constexpr std::string_view kMissingValue(kMissing, 1);
+
+bool IsMissing(std::string_view value) { return value.data() == kMissing; }
 
 /// The two parts of a full name, told apart.
 std::string PrefixAndName(const MetricParts& metric) {
@@ -248,7 +250,7 @@ ReturnCode MetricImpl::GetTagValueVec(const std::vector<tidegate::MetricTag>& ta
   TagValueRefs refs(tag_count_, kMissingValue);
   const ReturnCode code = Resolve(tags, refs);
   for (size_t i = 0; code == ReturnCode::kOk && i < refs.size(); ++i) {
-    if (&refs[i] != &kMissingValue) {
+    if (!IsMissing(refs[i])) {
       values[i] = refs[i];
     }
   }
@@ -283,15 +285,10 @@ ReturnCode MetricImpl::Resolve(const std::vector<tidegate::MetricTag>& tags,
 
 MetricImpl::Placing MetricImpl::Place(const std::vector<tidegate::MetricTag>& tags,
                                       TagValueRefs& values) const {
-  // Tags in sorted order never search. Each byte of a hash waits for the one before: one that is
-  // begun here goes on beside other work.
-  uint32_t hash = kFNVOffsetBasis;
-  size_t i = 0;
+  size_t i = 0;  // tags in sorted order never search
   for (; i < tags.size() && SameText(tag_names_[i], tags[i].key); ++i) {
     values.Set(i, tags[i].value);
-    hash = StrFNVHash(tags[i].value, hash);
   }
-  values.SetHash(i, hash);
   bool repeated = false;
   for (; i < tags.size(); ++i) {
     const auto found = std::find(tag_names_.begin(), tag_names_.end(), tags[i].key);
@@ -299,7 +296,7 @@ MetricImpl::Placing MetricImpl::Place(const std::vector<tidegate::MetricTag>& ta
       return Placing::kUnknownKey;
     }
     const auto index = static_cast<size_t>(found - tag_names_.begin());
-    repeated = repeated || &values[index] != &kMissingValue;
+    repeated = repeated || !IsMissing(values[index]);
     values.Set(index, tags[i].value);
   }
   return repeated ? Placing::kRepeatedKey : Placing::kDone;
