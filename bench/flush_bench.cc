@@ -2,7 +2,8 @@
 //
 // One iteration is one flush. Before each, outside the timed region, every series is fed and
 // every cell thus reports; totals are not among them, so no series has a second point. A flush that
-// is dropped waits for nothing and is told in CPU time, one that is sent in wall time.
+// is dropped waits for nothing and is told in CPU time, one that is sent in wall time. A cold one
+// finds nothing of its series in the caches, as after an interval of other work.
 
 #include <benchmark/benchmark.h>
 
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "cache_filler.h"
 #include "dropping_sender.h"
 #include "metrics/metric_collector_item.h"
 #include "metrics/metric_method.h"
@@ -78,10 +80,11 @@ std::vector<ItemPtr> MakeSeries(Metric& metric, size_t count) {
   return ForEachSeries([&](size_t i) { return metric.WithTagValues(TagValues(i, kTags)); }, count);
 }
 
-// Flushes over and over with `sender`, and answers how many series that were.
-template <class Clock>
+// Flushes over and over with `sender`, and answers how many series that were. `between` is called
+// before each flush, once the series are fed.
+template <class Clock, class Between>
 double Flush(benchmark::State& state, const Scenario& scenario, Client& client,
-             MetricSender& sender) {
+             MetricSender& sender, Between between) {
   const auto series = static_cast<size_t>(state.range(0));
   const std::vector<ItemPtr> items = MakeSeries(scenario.make(client), series);
   const Values values = scenario.feed();
@@ -91,6 +94,7 @@ double Flush(benchmark::State& state, const Scenario& scenario, Client& client,
     for (const ItemPtr& item : items) {
       item->Emit(values);
     }
+    between();
     const auto start = Clock::now();
     FlushOnce(sender, collectors);
     const auto taken = Clock::now() - start;
@@ -102,6 +106,8 @@ double Flush(benchmark::State& state, const Scenario& scenario, Client& client,
   return flushed;
 }
 
+void Nothing() {}
+
 Client::Options OptionsOf(const benchmark::State& state) {
   Client::Options options;
   options.core.pre_encode_tags = state.range(1) != 0;
@@ -111,8 +117,15 @@ Client::Options OptionsOf(const benchmark::State& state) {
 void FlushDropped(benchmark::State& state, const Scenario& scenario) {
   Client client(OptionsOf(state));
   DroppingSender sender(client);
-  const double flushed = Flush<ThreadClock>(state, scenario, client, sender);
+  const double flushed = Flush<ThreadClock>(state, scenario, client, sender, Nothing);
   state.counters["bytes_per_series"] = static_cast<double>(sender.bytes) / flushed;
+}
+
+void FlushCold(benchmark::State& state, const Scenario& scenario) {
+  Client client(OptionsOf(state));
+  DroppingSender sender(client);
+  CacheFiller filler;
+  Flush<ThreadClock>(state, scenario, client, sender, [&filler] { filler.Fill(); });
 }
 
 // A packet that the library gave up on is missing in the bytes.
@@ -131,7 +144,7 @@ void FlushSent(benchmark::State& state, const Scenario& scenario) {
     // The client's own sender, whose thread sleeps through the benchmark.
     MetricSender* sender = nullptr;
     client->sender_manager_->GetSender(sender, kTenant);
-    flushed = Flush<std::chrono::steady_clock>(state, scenario, client, *sender);
+    flushed = Flush<std::chrono::steady_clock>(state, scenario, client, *sender, Nothing);
   }
   agent.Drain();
   state.counters["bytes_per_series"] = static_cast<double>(bytes) / flushed;
@@ -150,6 +163,8 @@ void Sizes(benchmark::internal::Benchmark* bench) {
 BENCHMARK_CAPTURE(FlushDropped, rate, kRate)->Apply(Sizes);
 BENCHMARK_CAPTURE(FlushDropped, row, kRow)->Apply(Sizes);
 BENCHMARK_CAPTURE(FlushDropped, timer, kTimer)->Apply(Sizes);
+BENCHMARK_CAPTURE(FlushCold, rate, kRate)->Apply(Sizes);
+BENCHMARK_CAPTURE(FlushCold, row, kRow)->Apply(Sizes);
 BENCHMARK_CAPTURE(FlushSent, rate, kRate)->Apply(Sizes);
 BENCHMARK_CAPTURE(FlushSent, row, kRow)->Apply(Sizes);
 BENCHMARK_CAPTURE(FlushSent, timer, kTimer)->Apply(Sizes);

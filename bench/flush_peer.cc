@@ -4,11 +4,14 @@
 #include <prometheus/registry.h>
 #include <prometheus/text_serializer.h>
 
+#include <chrono>
 #include <sstream>
 #include <string>
 
+#include "cache_filler.h"
 #include "peers.h"
 #include "scenarios.h"
+#include "thread_clock.h"
 
 namespace tidegate::bench {
 namespace {
@@ -26,6 +29,28 @@ void Collect(benchmark::State& state, const prometheus::Registry& registry, size
   const auto collected = static_cast<double>(series) * static_cast<double>(state.iterations());
   state.counters["bytes_per_series"] = static_cast<double>(written) / collected;
 }
+
+// The same, finding nothing of it in the caches.
+void PeerCollectCold(benchmark::State& state) {
+  const auto series = static_cast<size_t>(state.range(0));
+  prometheus::Registry registry;
+  AddCounters(registry, "requests_total", series, kTags);
+  CacheFiller filler;
+  for (auto _ : state) {
+    filler.Fill();
+    const auto start = ThreadClock::now();
+    std::ostringstream text;
+    prometheus::TextSerializer().Serialize(text, registry.Collect());
+    const auto taken = ThreadClock::now() - start;
+    state.SetIterationTime(std::chrono::duration<double>(taken).count());
+  }
+}
+BENCHMARK(PeerCollectCold)
+    ->ArgName("series")
+    ->Arg(10000)
+    ->Arg(100000)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
 
 // As many counters per series as a row has fields.
 void PeerCollect(benchmark::State& state, size_t counters) {
