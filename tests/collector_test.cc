@@ -38,6 +38,12 @@ TEST(ConcurrentHashmapTest, IsAMapWhateverIsAddedAndErasedInWhichOrder) {
     std::map<int, int> listed;
     for (const auto& [known, value] : map.GetAll()) listed.emplace(known, *value);
     ASSERT_EQ(listed, expected);
+    ListCursor cursor;
+    size_t in_pieces = 0;
+    for (std::vector<std::shared_ptr<int>> piece; map.NextPiece(cursor, piece);) {
+      in_pieces += piece.size();
+    }
+    ASSERT_EQ(in_pieces, expected.size());
     for (int other = 0; other < 60; ++other) {
       ASSERT_EQ(map.Get(other) != nullptr, expected.count(other) == 1) << other;
     }

@@ -66,10 +66,18 @@ TakenEntries MetricCollectorBase::TakeAll() {
   return NoEntries();
 }
 
+bool MetricCollectorBase::NextPiece(ListCursor& /*cursor*/, SeriesItems& items) {
+  items.clear();
+  return false;
+}
+
 unsigned long MetricCollectorBase::CountCells() {
   unsigned long cells = 0;
-  for (const Series& series : GetAll()) {
-    cells += series.second->Size();
+  ListCursor cursor;
+  for (SeriesItems items; NextPiece(cursor, items);) {
+    for (const std::shared_ptr<MetricCollectorItem>& item : items) {
+      cells += item->Size();
+    }
   }
   return cells;
 }
@@ -123,6 +131,10 @@ HashMapCollector::HashMapCollector(CollectorFactoryParts* factory, MetricParts* 
 HashMapCollector::~HashMapCollector() = default;
 
 std::vector<Series> HashMapCollector::GetAll() { return series_->GetAll(); }
+
+bool HashMapCollector::NextPiece(ListCursor& cursor, SeriesItems& items) {
+  return series_->NextPiece(cursor, items);
+}
 
 unsigned long HashMapCollector::SeriesSize() { return series_->Size(); }
 

@@ -22,6 +22,8 @@ using SeriesMap =
     ConcurrentHashmap<std::vector<std::string>, MetricCollectorItem, TagValuesHash, TagKVCmp>;
 /// A series: its tag values, in the sorted order of the declared names, and its item.
 using Series = SeriesMap::KeyedValue;
+/// A piece of the listing of a collector's series.
+using SeriesItems = std::vector<std::shared_ptr<MetricCollectorItem>>;
 
 /// What collectors need of the factory that holds them: the series of a client and their quota.
 struct CollectorFactoryParts {
@@ -70,6 +72,10 @@ class MetricCollectorBase {
       const std::vector<std::string>& tag_values, const TagValueRefs& refs);
   /// As `Clear`, but the series live as long as what it gives, if the collector can do that.
   virtual TakenEntries TakeAll();
+  /// Puts the next items of a listing in place of what `items` holds, at most 1024, or those of one
+  /// tree; false at its end. Has each series that is in the collector from the first piece to the
+  /// last, once. Whoever changes the collector waits for one piece at most.
+  virtual bool NextPiece(ListCursor& cursor, SeriesItems& items);
 
   /// A new item of this collector's kind, which is in no table yet; null for an unknown kind.
   /// `encode_tags`: with its tags encoded already.
@@ -124,6 +130,7 @@ class HashMapCollector final : public MetricCollectorBase {
                  long now) override;
   std::shared_ptr<MetricCollectorItem> GetOrCreateOf(const std::vector<std::string>& tag_values,
                                                      const TagValueRefs& refs) override;
+  bool NextPiece(ListCursor& cursor, SeriesItems& items) override;
 
  private:
   /// Inlined, as every look-up by values goes through it.

@@ -65,6 +65,16 @@ std::vector<Series> KDTreeCollector::GetAll() {
   return all;
 }
 
+bool KDTreeCollector::NextPiece(ListCursor& cursor, SeriesItems& items) {
+  items.clear();
+  while (cursor.next < trees_.size() && items.empty()) {
+    for (const Series& series : trees_[cursor.next++].GetAll()) {
+      items.push_back(series.second);
+    }
+  }
+  return !items.empty();
+}
+
 unsigned long KDTreeCollector::SeriesSize() {
   unsigned long size = 0;
   for (const KDTree& tree : trees_) {

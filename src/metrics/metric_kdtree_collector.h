@@ -29,6 +29,7 @@ class KDTreeCollector final : public MetricCollectorBase, private KDTreeItems {
   std::shared_ptr<MetricCollectorItem> GetOrCreate(
       const std::vector<std::string>& tag_values) override;
   uint32_t Id() override { return 3; }
+  bool NextPiece(ListCursor& cursor, SeriesItems& items) override;
 
  private:
   std::shared_ptr<MetricCollectorItem> MakeTreeItem(

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cassert>
 #include <cstddef>
@@ -15,6 +16,12 @@
 #include "util/taken_entries.h"
 
 namespace METRICS {
+
+/// How far a listing in pieces has come; a new one is at the beginning.
+struct ListCursor {
+  size_t next = 0;
+  size_t end = SIZE_MAX;  ///< set by the first piece: what is added later is left out
+};
 
 /// Hash table of shared values with one reader-writer lock: chained, at most one entry per bucket
 /// on average, never shrinking.
@@ -61,6 +68,19 @@ class ConcurrentHashmap {
     return index == kNone ? nullptr : links_[index].entry->value;
   }
 
+  /// Calls `use` with the value of `key` in the read section: it must be short, and not come back
+  /// to the table. False, without a call, for an unknown key.
+  template <class Key, class Use>
+  bool Visit(const Key& key, uint32_t hash, Use use) {
+    const FastReadGuard guard(rwlock_);
+    const uint32_t index = Find(hash, key);
+    if (index == kNone) {
+      return false;
+    }
+    use(*links_[index].entry->value);
+    return true;
+  }
+
   /// Adds a copy of `key` with `value`, or answers `kObjectExisted`.
   ReturnCode Insert(const K& key, const std::shared_ptr<V>& value) {
     return Insert(key, value, HashOf(key));
@@ -92,6 +112,24 @@ class ConcurrentHashmap {
       all.emplace_back(entry->key, std::shared_ptr<V>(entry, entry->value.get()));
     }
     return all;
+  }
+
+  /// The most values that a piece of a listing has.
+  static constexpr size_t kPiece = 1024;
+
+  /// Puts the next values of a listing in place of what `piece` holds; false at its end. A writer
+  /// waits for one piece at most.
+  bool NextPiece(ListCursor& cursor, std::vector<std::shared_ptr<V>>& piece) {
+    piece.clear();
+    piece.reserve(kPiece);
+    const ReadGuard guard(rwlock_);
+    cursor.end = std::min(cursor.end, links_.size());
+    for (; cursor.next < cursor.end && piece.size() < kPiece; ++cursor.next) {
+      FetchAhead(cursor.next);
+      const std::shared_ptr<const Entry>& entry = links_[cursor.next].entry;
+      piece.emplace_back(entry, entry->value.get());
+    }
+    return !piece.empty();
   }
 
   /// Takes `key` out and returns its value, or null when it was not there.
