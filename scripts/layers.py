@@ -22,7 +22,7 @@ MAX_BACK_UP = 10
 FLOORS = [
     # Values and cells.
     """global_resources_limit metric_method metric_data metric_histogram metric_summary
-    metric_ckms_quantiles histo_util cell_ptr cell_kinds cell_table metric_packet core_init_cfg
+    metric_ckms_quantiles histo_util cell_ptr cell_kinds cell_table packed_values metric_packet core_init_cfg
     metric_configer""",
     # What the floors above know of a client, a registry and a metric.
     "client_parts registry_parts registry_table metric_parts impl_parts removed tag_value_refs",

@@ -1,10 +1,12 @@
 #include "metrics/metric_collector.h"
 
+#include <numeric>
 #include <random>
 #include <set>
 
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_factory.h"
+#include "metrics/packed_values.h"
 #include "support/environment.h"
 
 namespace METRICS {
@@ -114,6 +116,25 @@ TEST_F(CollectorTest, StatisticsFollowCreationErasureAndClearing) {
   collector_.Clear();
   EXPECT_EQ(factory_.total_series_, 0u);
   EXPECT_EQ(metric_->cache_mem_, 56u + 2 * (3u + 112u)) << "clearing gives nothing back";
+}
+
+TEST_F(CollectorTest, AnItemCarriesItsValues) {
+  for (const Strings& values : {Strings{}, Strings{""}, Strings{"ab", "", "c"},
+                                Strings{std::string(5000, 'x'), "y"}, Strings(510, "value")}) {
+    const auto item = collector_.MakeItem(values, false);
+    const PackedValues& packed = item->values();
+    EXPECT_EQ(packed.ToVector(), values);
+    EXPECT_TRUE(packed.Equals(values));
+    EXPECT_EQ(packed.TextBytes(),
+              std::accumulate(values.begin(), values.end(), std::string()).size());
+    for (size_t i = 0; i < values.size(); ++i) {
+      Strings others = values;
+      others[i] += 'x';
+      EXPECT_FALSE(packed.Equals(others));
+    }
+    EXPECT_FALSE(packed.Equals(Strings(values.size() + 1, "")));
+  }
+  EXPECT_FALSE(collector_.MakeItem({"ab", "c"}, false)->values().Equals(Strings{"a", "bc"}));
 }
 
 TEST_F(CollectorTest, FactoryKeepsOneCollectorPerTenantAndNameAndRemovesNoOther) {

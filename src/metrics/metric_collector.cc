@@ -1,12 +1,19 @@
 #include "metrics/metric_collector.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <ctime>
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
 
 #include "codec/pack.h"
 #include "metrics/client_parts.h"
 #include "metrics/impl_parts.h"
 #include "metrics/metric_configer.h"
 #include "metrics/metric_parts.h"
+#include "metrics/packed_values.h"
 #include "metrics/series_items.h"
 #include "util/metric_log.h"
 #include "util/metric_size_limits.h"
@@ -19,6 +26,26 @@ namespace {
 // is erased.
 constexpr unsigned long kCreatedSeriesBytes = 112;
 constexpr unsigned long kErasedSeriesBytes = 56;
+
+/// Allocates an object with room for more bytes after it.
+template <class T>
+struct TailAllocator {
+  using value_type = T;
+
+  explicit TailAllocator(size_t tail) : tail_bytes(tail) {}
+  template <class U>
+  explicit TailAllocator(const TailAllocator<U>& other) : tail_bytes(other.tail_bytes) {}
+
+  T* allocate(size_t count) {
+    return static_cast<T*>(::operator new(count * sizeof(T) + tail_bytes));
+  }
+  void deallocate(T* memory, size_t /*count*/) { ::operator delete(memory); }
+
+  friend bool operator==(const TailAllocator&, const TailAllocator&) { return true; }
+  friend bool operator!=(const TailAllocator&, const TailAllocator&) { return false; }
+
+  size_t tail_bytes;
+};
 
 struct DropItem {
   void operator()(MetricCollectorItem& item) const { item.Drop(); }
@@ -102,6 +129,18 @@ bool MetricCollectorBase::HasTooLongTags(const std::vector<std::string>& tag_val
   return true;
 }
 
+template <class Item>
+std::shared_ptr<MetricCollectorItem> MetricCollectorBase::MakeItemOf(
+    const std::vector<std::string>& tag_values, int32_t tag_hash,
+    const std::string& encoded_tags) const {
+  static_assert(sizeof(Item) % alignof(PackedValues) == 0 && sizeof(Item) <= UINT16_MAX);
+  const TailAllocator<Item> allocator(PackedValues::Bytes(tag_values));
+  auto item = std::allocate_shared<Item>(allocator, metric_, tag_hash, encoded_tags);
+  PackedValues::Make(item.get() + 1, tag_values);
+  item->values_at_ = sizeof(Item);
+  return item;
+}
+
 std::shared_ptr<MetricCollectorItem> MetricCollectorBase::MakeItem(
     const std::vector<std::string>& tag_values, bool encode_tags) const {
   int32_t tag_hash = 0;
@@ -113,11 +152,11 @@ std::shared_ptr<MetricCollectorItem> MetricCollectorBase::MakeItem(
   }
   switch (co_type_) {
     case MetricCoItemType::kCoItemSuffix:
-      return std::make_shared<MetricSuffixArray>(metric_, tag_hash, encoded_tags);
+      return MakeItemOf<MetricSuffixArray>(tag_values, tag_hash, encoded_tags);
     case MetricCoItemType::kCoItemField:
-      return std::make_shared<MetricFieldArray>(metric_, tag_hash, encoded_tags);
+      return MakeItemOf<MetricFieldArray>(tag_values, tag_hash, encoded_tags);
     case MetricCoItemType::kCoItemCompatible:
-      return std::make_shared<MetricCompatibleItem>(metric_, tag_hash, encoded_tags);
+      return MakeItemOf<MetricCompatibleItem>(tag_values, tag_hash, encoded_tags);
     case MetricCoItemType::kCoItemUnknown:
       break;
   }

@@ -77,7 +77,8 @@ class MetricCollectorBase {
   /// last, once. Whoever changes the collector waits for one piece at most.
   virtual bool NextPiece(ListCursor& cursor, SeriesItems& items);
 
-  /// A new item of this collector's kind, which is in no table yet; null for an unknown kind.
+  /// A new item of this collector's kind, which is in no table yet; null for an unknown kind. It
+  /// has a copy of `tag_values`.
   /// `encode_tags`: with its tags encoded already.
   std::shared_ptr<MetricCollectorItem> MakeItem(const std::vector<std::string>& tag_values,
                                                 bool encode_tags) const;
@@ -104,6 +105,11 @@ class MetricCollectorBase {
   unsigned long CountCells();
 
  private:
+  template <class Item>
+  std::shared_ptr<MetricCollectorItem> MakeItemOf(const std::vector<std::string>& tag_values,
+                                                  int32_t tag_hash,
+                                                  const std::string& encoded_tags) const;
+
   const std::weak_ptr<MetricParts> metric_ref_;
 };
 

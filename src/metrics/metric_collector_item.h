@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cassert>
 #include <cstdint>
 #include <ctime>
 #include <initializer_list>
@@ -18,6 +19,7 @@
 namespace METRICS {
 
 class MetricParts;
+class PackedValues;
 struct CellRef;
 
 /// Seconds without an emission after which a series counts as idle.
@@ -129,6 +131,13 @@ class METRICS_API MetricCollectorItem {
     return now - last_update_.load(std::memory_order_relaxed) > kExpireAfterSeconds;
   }
 
+  /// Its tag values, in the sorted order of the declared names, which lie in its own allocation.
+  /// REQUIRES: `MakeItem` of a collector has made it, which the dummy item is not.
+  __attribute__((visibility("hidden"))) const PackedValues& values() const {
+    assert(values_at_ != 0);
+    return *reinterpret_cast<const PackedValues*>(reinterpret_cast<const char*>(this) + values_at_);
+  }
+
   /// For the collector, once it has taken the item out of its table: no flush will see what is
   /// emitted from now on, so emissions are refused. What is under way may still get in.
   void Drop();
@@ -148,12 +157,15 @@ class METRICS_API MetricCollectorItem {
   std::atomic<bool> tags_valid_{false};
 
  private:
+  friend class MetricCollectorBase;  // which makes items, and puts the values after them
+
   // Bits of `holders_` above the number of holders.
   static constexpr uint32_t kDropped = 1U << 30;
   static constexpr uint32_t kErasing = 1U << 31;
 
   __attribute__((noinline)) void MarkNewSecond(int64_t now);
 
+  uint16_t values_at_ = 0;  ///< the distance of the values from this object; constant once made
   std::atomic<uint32_t> holders_{0};
 
  public:
