@@ -1,6 +1,7 @@
 #include "metrics/metric_histogram.h"
 
 #include <cmath>
+#include <random>
 
 #include "support/environment.h"
 
@@ -17,6 +18,44 @@ TEST(HistogramTest, ABucketIsClosedBelowAndOpenAbove) {
     EXPECT_EQ(GetHistoIndex(samples[i], {}), -32768) << samples[i];
     EXPECT_EQ(GetHistoIndex(samples[i], {5}), of_one[i]) << samples[i];
     EXPECT_EQ(GetHistoIndex(samples[i], {0, 10, 100}), of_three[i]) << samples[i];
+  }
+}
+
+// As the definition reads.
+short ScannedIndex(double value, const Values& bounds) {
+  if (bounds.empty() || value < bounds[0]) return -32768;
+  for (size_t i = 0; i + 1 < bounds.size(); ++i) {
+    if (value >= bounds[i] && bounds[i + 1] > value) return static_cast<short>(i);
+  }
+  return static_cast<short>(bounds.size() - 1);
+}
+
+TEST(HistogramTest, FindsTheBucketOfAScanForAnyBoundsAndSamples) {
+  const Values odd{NAN, -NAN, INFINITY, -INFINITY, 0.0, -0.0, 5e-324, -1e308, 1e308, 3, 3, 7};
+  std::mt19937 random(17);
+  const auto pick = [&](size_t below) { return static_cast<size_t>(random() % below); };
+  for (int round = 0; round < 3000; ++round) {
+    const size_t sizes[] = {1, 2, 3, 20, 63, 64, 65, 99, 100, pick(101)};
+    Values bounds(sizes[pick(10)]);
+    const bool plain = pick(2) == 0;
+    for (double& bound : bounds) {
+      bound = plain || pick(8) != 0 ? static_cast<double>(pick(200)) - 50 : odd[pick(odd.size())];
+    }
+    if (plain || pick(2) == 0) {  // NaNs stay where they are
+      for (size_t i = 1; i < bounds.size(); ++i) {
+        for (size_t j = i; j > 0 && bounds[j] < bounds[j - 1]; --j) {
+          std::swap(bounds[j], bounds[j - 1]);
+        }
+      }
+    }
+    Values samples = odd;
+    for (const double bound : bounds) {
+      samples.insert(samples.end(), {bound, std::nextafter(bound, -INFINITY), bound + 0.5});
+    }
+    for (const double sample : samples) {
+      ASSERT_EQ(GetHistoIndex(sample, bounds), ScannedIndex(sample, bounds))
+          << sample << " among " << testing::PrintToString(bounds);
+    }
   }
 }
 

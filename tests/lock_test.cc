@@ -59,6 +59,30 @@ TEST(BiasedRwLockTest, ExcludesWritersFromReadersOfBothKindsAndFromEachOther) {
   EXPECT_TRUE(torn == 0 && first == writes) << torn;
 }
 
+int ReadsUntilTheyAreFast(BiasedRwLock& lock) {
+  for (int reads = 1;; ++reads) {
+    const FastReadGuard guard(lock);
+    if (t_reader_row != nullptr && t_reader_row->slots[0] == &lock) return reads;
+  }
+}
+
+TEST(BiasedRwLockTest, IsBiasedSoonUnlessWritersAreFrequent) {
+  constexpr int kSoon = 6, kLate = 66;
+  BiasedRwLock lock;
+  for (int round = 0; round < 3; ++round) {
+    EXPECT_EQ(ReadsUntilTheyAreFast(lock), kSoon);
+    int needed = kSoon;
+    for (int writes = 0; needed != kLate && writes < 10000; ++writes) {
+      { const WriteGuard guard(lock); }
+      needed = ReadsUntilTheyAreFast(lock);
+      EXPECT_TRUE(needed >= kSoon && needed <= kLate) << needed;
+    }
+    EXPECT_EQ(needed, kLate);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // a bias that lasts
+    const WriteGuard guard(lock);
+  }
+}
+
 TEST(BiasedRwLockTest, AChildDoesNotWaitForReadersThatDoNotExistAndIsToldOfWriters) {
   BiasedRwLock read, written;
   ReadOften(read);

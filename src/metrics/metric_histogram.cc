@@ -1,5 +1,8 @@
 #include "metrics/metric_histogram.h"
 
+#include <emmintrin.h>
+
+#include <algorithm>
 #include <cmath>
 #include <string>
 
@@ -8,19 +11,59 @@
 
 namespace METRICS {
 
-short GetHistoIndex(const double& value, const std::vector<double>& bounds) {
-  if (bounds.empty() || value < bounds[0]) {
-    return kNoHistoBucket;
+namespace {
+
+constexpr size_t kWordBits = 64;
+
+/// Bit i: `bounds[i]` is above `value`. One pass without a branch that depends on them: which way
+/// a search would go at each bound is hard to predict. REQUIRES: at most 64 bounds.
+uint64_t BoundsAbove(const double* bounds, size_t count, double value) {
+  uint64_t above = 0;
+  size_t left = count;
+  if (left % 2 != 0) {
+    --left;
+    above = bounds[left] > value ? 1 : 0;
   }
-  // At most a hundred bounds: a scan is as good as a search.
-  const auto last = static_cast<short>(bounds.size() - 1);
-  for (short i = 0; i < last; ++i) {
-    const auto index = static_cast<size_t>(i);
-    if (value >= bounds[index] && bounds[index + 1] > value) {
-      return i;
+  const __m128d values = _mm_set1_pd(value);
+  for (; left != 0; left -= 2) {
+    const int pair = _mm_movemask_pd(_mm_cmpgt_pd(_mm_loadu_pd(bounds + left - 2), values));
+    above = above * 4 + static_cast<uint64_t>(pair);
+  }
+  return above;
+}
+
+/// The first bound above `value`, or the number of bounds.
+size_t FirstAbove(const std::vector<double>& bounds, double value) {
+  for (size_t begin = 0; begin < bounds.size(); begin += kWordBits) {
+    const size_t count = std::min(bounds.size() - begin, kWordBits);
+    if (const uint64_t above = BoundsAbove(bounds.data() + begin, count, value); above != 0) {
+      return begin + static_cast<size_t>(__builtin_ctzll(above));
     }
   }
-  return last;
+  return bounds.size();
+}
+
+/// The first bucket from `begin` on whose bounds enclose `value`, or the last bucket.
+size_t FirstEnclosing(const std::vector<double>& bounds, double value, size_t begin) {
+  const size_t last = bounds.size() - 1;
+  size_t i = begin;
+  while (i < last && !(value >= bounds[i] && bounds[i + 1] > value)) {
+    ++i;
+  }
+  return i;
+}
+
+}  // namespace
+
+short GetHistoIndex(const double& value, const std::vector<double>& bounds) {
+  const size_t above = FirstAbove(bounds, value);
+  if (above == 0) {
+    return kNoHistoBucket;
+  }
+  if (above == bounds.size() || value >= bounds[above - 1]) {
+    return static_cast<short>(above - 1);
+  }
+  return static_cast<short>(FirstEnclosing(bounds, value, above));  // after a bound that is a NaN
 }
 
 bool CheckBounds(const HistoUtilBase& histo) {

@@ -18,7 +18,8 @@ class HistoUtilBase;
 constexpr short kNoHistoBucket = -32768;
 
 /// The bucket of `value`: the last bound that is not above it. `kNoHistoBucket` below the first
-/// bound and without bounds; a NaN belongs to the last bucket.
+/// bound and without bounds; a NaN belongs to the last bucket. Of bounds that do not ascend it is
+/// the first one that is not above `value` while the next one is, or else the last one.
 short GetHistoIndex(const double& value, const std::vector<double>& bounds);
 
 /// `histo.Check()`, with a Warn line that gives the reason where it refuses.

@@ -61,6 +61,12 @@ int64_t WallMicros() {
   return std::chrono::duration_cast<nanoseconds>(since_epoch).count() / 1000;
 }
 
+uint32_t CoarseMillis() {
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return static_cast<uint32_t>(now.tv_sec * 1000 + now.tv_nsec / 1000000);
+}
+
 int64_t MillisSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
                                                                start)

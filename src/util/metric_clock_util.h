@@ -32,6 +32,10 @@ int64_t WallMillis();
 /// Wall clock in whole microseconds since the epoch.
 int64_t WallMicros();
 
+/// Milliseconds of a steady clock that is cheap to read and goes in steps of up to 10 ms; wraps
+/// around.
+uint32_t CoarseMillis();
+
 /// Whole milliseconds on the steady clock since `start`.
 int64_t MillisSince(std::chrono::steady_clock::time_point start);
 

@@ -55,10 +55,11 @@ class METRICS_THREAD_ATTR(capability("rwlock")) RwLock {
 ///
 /// While the lock is biased, a `FastReadGuard` only makes itself visible in its thread's row. A
 /// writer locks the platform's lock, takes the bias back and waits for those who are visible; from
-/// then on readers queue at the platform's lock as well. `kReadsToBias` of them with no writer in
-/// between bias it again, so that frequent writers hardly ever have one to take back. Long readers
-/// use a `ReadGuard`: a waiting writer then holds up nobody else. A thread that reads must not read
-/// the same lock again: it would wait for a writer that waits for it.
+/// then on readers queue at the platform's lock as well, until enough of them with no writer in
+/// between bias it again. A few are enough at first, and where the last bias lasted; each one that
+/// a writer took back at once makes it more, so that frequent writers hardly ever meet one. Long
+/// readers use a `ReadGuard`: a waiting writer then holds up nobody else. A thread that reads must
+/// not read the same lock again: it would wait for a writer that waits for it.
 class METRICS_THREAD_ATTR(capability("rwlock")) BiasedRwLock {
  public:
   BiasedRwLock() = default;
@@ -68,11 +69,10 @@ class METRICS_THREAD_ATTR(capability("rwlock")) BiasedRwLock {
   void Lock() METRICS_THREAD_ATTR(acquire_capability()) {
     mutex_.lock();
     if (biased_.load(std::memory_order_relaxed)) {
-      biased_.store(false);
-      WaitForReaders(this);
+      TakeBiasBack();
     }
-    if (reads_to_bias_.load(std::memory_order_relaxed) != kReadsToBias) {
-      reads_to_bias_.store(kReadsToBias, std::memory_order_relaxed);
+    if (reads_to_bias_.load(std::memory_order_relaxed) != reads_asked_) {
+      reads_to_bias_.store(reads_asked_, std::memory_order_relaxed);
     }
   }
   void Unlock() METRICS_THREAD_ATTR(release_capability()) { mutex_.unlock(); }
@@ -88,8 +88,12 @@ class METRICS_THREAD_ATTR(capability("rwlock")) BiasedRwLock {
 
  private:
   friend class FastReadGuard;
-  // A bias costs a writer some tens of nanoseconds; this many reads bring them in several times.
-  static constexpr uint16_t kReadsToBias = 64;
+  // A bias costs a writer some tens of nanoseconds, and a microsecond or more where a hundred
+  // threads read. `kMostReads` bring them in several times; to a bias of `kLongMillis` they are
+  // nothing.
+  static constexpr uint8_t kFewestReads = 4;
+  static constexpr uint8_t kMostReads = 64;
+  static constexpr uint32_t kLongMillis = 10;
 
   /// Makes the caller visible; null when it has to take the platform's lock.
   ReaderSlot* TryEnter() const {
@@ -108,17 +112,21 @@ class METRICS_THREAD_ATTR(capability("rwlock")) BiasedRwLock {
 
   /// To be called with the platform's lock held for reading.
   void CountRead() {
-    const uint16_t left = reads_to_bias_.load(std::memory_order_relaxed);
+    const uint8_t left = reads_to_bias_.load(std::memory_order_relaxed);
     if (left > 0) {
-      reads_to_bias_.store(static_cast<uint16_t>(left - 1), std::memory_order_relaxed);
+      reads_to_bias_.store(static_cast<uint8_t>(left - 1), std::memory_order_relaxed);
     } else if (reader_rows_usable.load(std::memory_order_relaxed)) {
-      biased_.store(true, std::memory_order_release);
+      SetBias();
     }
   }
+  void SetBias();
+  void TakeBiasBack();
 
   // Changed with the platform's lock held: cleared by a writer, set by a reader.
   std::atomic<bool> biased_{false};
-  std::atomic<uint16_t> reads_to_bias_{kReadsToBias};  ///< inexact among readers
+  std::atomic<uint8_t> reads_to_bias_{kFewestReads};  ///< inexact among readers
+  uint8_t reads_asked_ = kFewestReads;                ///< after each writer; the writers'
+  std::atomic<uint32_t> biased_at_{0};                ///< in milliseconds of `CoarseMillis`
   std::shared_mutex mutex_;
 };
 
