@@ -1,3 +1,4 @@
+#include <set>
 #include <sstream>
 
 #include "agent/packet_reader.h"
@@ -105,6 +106,43 @@ TEST_F(EncoderTest, ACutPacketGoesOnAsItsFormHasIt) {
                 one + (idle ? idle_behind : "") + "p.z.store 1@1000x1|");
       EXPECT_EQ(Outline(sent_.Flush({})), "");
       metric.registry_->RemoveMetric("m");
+    }
+  }
+}
+
+TEST_F(EncoderTest, EachSeriesIsInAFlushOnceWhateverThePiecesOfItsListing) {
+  const std::string big(262143, 'v');
+  for (const K kind : {K::kCoItemSuffix, K::kCoItemField, K::kCoItemCompatible}) {
+    for (const int count : {1023, 1024, 1025, 2048, 2049}) {
+      for (const int cut : {1022, 1023}) {  // the packet ends after this series
+        Metric& metric = *Make("p", "m", 5, kind, {{"store", T::kGauge}});
+        metric.SetCompatibleType(T::kGauge);
+        std::set<std::string> made, flushed;
+        for (int i = 0; i < count; ++i) {
+          const std::string value = i == cut ? big : std::to_string(i);
+          made.insert(value);
+          if (kind == K::kCoItemCompatible) {
+            metric.impl_->CEmit(i, {"a", value});
+          } else {
+            metric.WithTagValues({value})->EmitMap({{"store", i}});
+            metric.WithTagValues({value})->Emit({Store(i)});
+          }
+        }
+        size_t records = 0;
+        const std::vector<Packet> packets = sent_.Flush({metric.impl_->collector_});
+        for (const Packet& packet : packets) {
+          for (const auto& block : packet.blocks) {
+            for (const auto& series : block.series) {
+              flushed.insert(series.tags.at(0).value);
+              ++records;
+            }
+          }
+        }
+        EXPECT_EQ(flushed, made);
+        EXPECT_EQ(records, made.size());
+        EXPECT_EQ(packets.size(), count <= cut + 1 ? 1u : 2u) << count << ' ' << cut;
+        metric.registry_->RemoveMetric("m");
+      }
     }
   }
 }
@@ -254,10 +292,11 @@ TEST_F(EncoderTest, ASeriesWhoseTagsAreNotItsMetricsIsReportedOnceAFlush) {
   MetricCollectorBase& collector = *metric.impl_->collector_;
   collector.GetOrCreate({"quiet", "-"});
   collector.GetOrCreate({"-", "-"})->Emit({Observe(1), IncrCounter(1)});
-  std::vector<Series> series = collector.GetAll();
+  SeriesWalk series;
   int numbers = 0;
   FlushPackets packets([&](const FinishedPacket& packet) { numbers += packet.series_num; }, [] {});
   const auto flush = [&] {
+    series.Begin(collector);
     SuffixedForm(packets).Pack(series, {metric, *metric.registry_, 1000, 5, false, "t1"});
     packets.CleanUpPackage();
   };

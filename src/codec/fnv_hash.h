@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "codec/tag_kv.h"
@@ -15,7 +16,7 @@ constexpr uint32_t kFNVPrime = 0x01000193U;
 /// 32-bit FNV-1a hash of the bytes of `s`, continued from `seed`
 /// (G. Fowler, L. C. Noll, K.-P. Vo, "The FNV Non-Cryptographic Hash Algorithm").
 /// Hashes chain: the hash of a text is that of its tail seeded with that of its head.
-inline uint32_t StrFNVHash(const std::string& s, uint32_t seed) {
+inline uint32_t StrFNVHash(std::string_view s, uint32_t seed) {
   uint32_t hash = seed;
   const auto step = [&hash](char c) { hash = (hash ^ static_cast<unsigned char>(c)) * kFNVPrime; };
   const char* from = s.data();
@@ -38,12 +39,12 @@ inline uint32_t StrFNVHash(const std::string& s, uint32_t seed) {
 }
 
 /// As `StrFNVHash`, then one zero byte, which keeps neighbouring strings apart.
-inline uint32_t DelimitedFNVHash(const std::string& s, uint32_t seed) {
+inline uint32_t DelimitedFNVHash(std::string_view s, uint32_t seed) {
   return StrFNVHash(s, seed) * kFNVPrime;
 }
 
 /// Adds a tag to the hash of a tag list.
-inline uint32_t TagFNVHash(const std::string& key, const std::string& value, uint32_t seed) {
+inline uint32_t TagFNVHash(std::string_view key, std::string_view value, uint32_t seed) {
   return DelimitedFNVHash(value, DelimitedFNVHash(key, seed));
 }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <type_traits>
 
 namespace lattice_kit::codec {
@@ -85,5 +86,39 @@ class Pack {
   void Grow(int32_t n);
   void Reallocate(int32_t new_capacity);
 };
+
+// Write at `to`, where there is room, and move it on.
+
+template <class T>
+inline void Append(char*& to, T number) {
+  static_assert(std::is_arithmetic_v<T>);
+  std::memcpy(to, &number, sizeof(number));
+  to += sizeof(number);
+}
+
+/// The bytes of a text. Short ones by two words that may overlap, without a call.
+inline void AppendBytes(char*& to, std::string_view bytes) {
+  const char* const from = bytes.data();
+  const size_t size = bytes.size();
+  const auto by_two = [&](auto word) {
+    auto last = word;
+    std::memcpy(&word, from, sizeof(word));
+    std::memcpy(&last, from + size - sizeof(last), sizeof(last));
+    std::memcpy(to, &word, sizeof(word));
+    std::memcpy(to + size - sizeof(last), &last, sizeof(last));
+  };
+  if (size > 16) {
+    std::memcpy(to, from, size);
+  } else if (size >= 8) {
+    by_two(uint64_t{});
+  } else if (size >= 4) {
+    by_two(uint32_t{});
+  } else if (size >= 2) {
+    by_two(uint16_t{});
+  } else if (size == 1) {
+    *to = *from;
+  }
+  to += size;
+}
 
 }  // namespace lattice_kit::codec

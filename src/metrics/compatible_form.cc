@@ -7,8 +7,8 @@
 #include "metrics/cell_kinds.h"
 #include "metrics/metric_data.h"
 #include "metrics/metric_parts.h"
+#include "metrics/packed_values.h"
 #include "metrics/registry_parts.h"
-#include "metrics/series_walk.h"
 #include "util/metric_log.h"
 #include "util/metric_size_limits.h"
 
@@ -22,17 +22,16 @@ namespace {
 
 /// Builds the tags of a series once, from its pairs and the registry's tags. Of equal keys the
 /// first is kept: a pair's before the registry's.
-void EncodeCompatibleMetricTagKV(const Series& series, const RegistryParts& registry) {
-  MetricCollectorItem& item = *series.second;
+void EncodeCompatibleMetricTagKV(MetricCollectorItem& item, const RegistryParts& registry) {
   if (!item.encoded_tags_.empty()) {
     return;
   }
-  const std::vector<std::string>& pairs = series.first;
+  const PackedValues& pairs = item.values();
   const std::vector<tidegate::MetricTag> inserted = registry.InsertedTags();
   std::vector<TagKV> tags;
   tags.reserve(inserted.size() + pairs.size() / 2);
   for (size_t i = 0; i + 1 < pairs.size(); i += 2) {
-    tags.emplace_back(pairs[i], pairs[i + 1]);
+    tags.emplace_back(std::string(pairs[i]), std::string(pairs[i + 1]));
   }
   for (const tidegate::MetricTag& tag : inserted) {
     tags.emplace_back(tag.key, tag.value);
@@ -58,7 +57,7 @@ SendRes Drain(MetricCollectorItem& item, const FlushJob& job) {
 
 }  // namespace
 
-void CompatibleForm::Pack(std::vector<Series>& series, const FlushJob& job) {
+void CompatibleForm::Pack(SeriesWalk& series, const FlushJob& job) {
   blocks_.reset();
   const MetricsType type = job.metric.compatible_type_.load();
   const CellKind* const kind = FindKind(type);
@@ -87,17 +86,15 @@ void CompatibleForm::EncodeCurrentCompatibleMetricHeader(MetricsType type, const
                                true);
 }
 
-void CompatibleForm::EncodeCompatible(MetricsType type, std::vector<Series>& series,
-                                      const FlushJob& job) {
+void CompatibleForm::EncodeCompatible(MetricsType type, SeriesWalk& series, const FlushJob& job) {
   EncodeCurrentCompatibleMetricHeader(type, job);
-  SeriesWalk::EachSeries(series, [&](const Series& one, bool more) {
+  series.EachSeries([&](MetricCollectorItem& item, bool more) {
     packets_.DrainAndWrite([&] {
-      MetricCollectorItem& item = *one.second;
       const SendRes res = Drain(item, job);
       if (!CheckSendRes(type, res.values, KindOf(type).numbers)) {
         return;
       }
-      EncodeCompatibleMetricTagKV(one, job.registry);
+      EncodeCompatibleMetricTagKV(item, job.registry);
       packets_.Current().PutRecord(item.encoded_tags_, {}, res.values);
       packets_.EndUnit(more);
       if (res.need_prev) {  // a block of its own, also for a counter
@@ -108,11 +105,10 @@ void CompatibleForm::EncodeCompatible(MetricsType type, std::vector<Series>& ser
   packets_.CloseBlocks();
 }
 
-void CompatibleForm::EncodeCompatibleWithSuffix(MetricsType type, std::vector<Series>& series,
+void CompatibleForm::EncodeCompatibleWithSuffix(MetricsType type, SeriesWalk& series,
                                                 const FlushJob& job) {
-  SeriesWalk::EachSeries(series, [&](const Series& one, bool more) {
-    MetricCollectorItem& item = *one.second;
-    EncodeCompatibleMetricTagKV(one, job.registry);
+  series.EachSeries([&](MetricCollectorItem& item, bool more) {
+    EncodeCompatibleMetricTagKV(item, job.registry);
     packets_.DrainAndWrite([&] {
       const SendRes res = Drain(item, job);
       if (!CheckSendRes(type, res.values, KindOf(type).numbers)) {

@@ -1,11 +1,11 @@
 #pragma once
 
 #include <optional>
-#include <vector>
 
 #include "metrics/flush_job.h"
 #include "metrics/flush_packets.h"
-#include "metrics/metric_collector.h"
+#include "metrics/metric_collector_item.h"
+#include "metrics/series_walk.h"
 #include "metrics/suffix_blocks.h"
 #include "util/metric_common.h"
 
@@ -19,14 +19,13 @@ class CompatibleForm {
   /// `packets` outlives the form.
   explicit CompatibleForm(FlushPackets& packets) : packets_(packets) {}
 
-  /// Drains the cells of `series`, which it lets go of, and writes their reports.
-  void Pack(std::vector<Series>& series, const FlushJob& job);
+  /// Drains the cells of `series`, a walk that has begun, and writes their reports.
+  void Pack(SeriesWalk& series, const FlushJob& job);
 
  private:
   void EncodeCurrentCompatibleMetricHeader(MetricsType type, const FlushJob& job);
-  void EncodeCompatible(MetricsType type, std::vector<Series>& series, const FlushJob& job);
-  void EncodeCompatibleWithSuffix(MetricsType type, std::vector<Series>& series,
-                                  const FlushJob& job);
+  void EncodeCompatible(MetricsType type, SeriesWalk& series, const FlushJob& job);
+  void EncodeCompatibleWithSuffix(MetricsType type, SeriesWalk& series, const FlushJob& job);
   /// Writes the point of the interval before, if cells of `type` have one.
   void EncodeExtendCompatibleSeries(MetricsType type, const MetricCollectorItem& item,
                                     double prev_value, const FlushJob& job);

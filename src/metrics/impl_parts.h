@@ -32,8 +32,10 @@ class ImplParts {
   ImplParts& operator=(const ImplParts&) = delete;
 
   /// Appends the tags of a series in their packet form: hash, number of texts, texts. Computes
-  /// `tag_hash` if it is 0.
-  void EncodeTagBlock(const std::vector<std::string>& tag_values, int32_t& tag_hash,
+  /// `tag_hash` if it is 0. `Values` is a vector of strings or `PackedValues`; where there are not
+  /// as many as declared tags, these are empty.
+  template <class Values>
+  void EncodeTagBlock(const Values& tag_values, int32_t& tag_hash,
                       lattice_kit::codec::Pack& out) const;
   /// The histogram bounds of a suffixed metric: none, or the whole list once it is set.
   const std::vector<double>& Bounds() const;
@@ -48,13 +50,21 @@ class ImplParts {
   std::vector<uint16_t> tag_index_;  ///< from the index of a name to its index in `send_tags_`
   std::vector<lattice_kit::codec::TagKV> send_tags_;  ///< sorted; declared tags without values
   size_t send_tag_bytes_ = 0;                         ///< of their keys and values
-  std::vector<MetricFieldInfo> field_infos_;          ///< in the order of their declaration
-  std::string codec_field_info_;                      ///< their columns in packet form
-  std::vector<double> bounds_;                        ///< to be read by `Bounds`
-  std::atomic<bool> bounds_ready_{false};             ///< they will not change any more
+  /// What of a tag block is before each declared value, and after the last, without the hash.
+  std::vector<std::string> tag_block_parts_;
+  std::vector<MetricFieldInfo> field_infos_;  ///< in the order of their declaration
+  std::string codec_field_info_;              ///< their columns in packet form
+  std::vector<double> bounds_;                ///< to be read by `Bounds`
+  std::atomic<bool> bounds_ready_{false};     ///< they will not change any more
 
  protected:
   ~ImplParts() = default;
+  /// Makes `tag_block_parts_` once `send_tags_` and `tag_index_` are there.
+  void PrepareTagBlock();
+
+ private:
+  template <class Values>
+  int32_t HashOfTags(const Values& tag_values) const;
 };
 
 }  // namespace METRICS

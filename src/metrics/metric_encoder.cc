@@ -42,6 +42,7 @@ void MetricEncoder::PackCollector(
 }
 
 void MetricEncoder::EndFlush() {
+  series_.End();
   packets_.CleanUpPackage();
   // Nothing is locked here: the last pin of a metric or registry destroys it.
   metric_.reset();
@@ -68,21 +69,20 @@ void MetricEncoder::PackAll(const std::vector<std::shared_ptr<MetricCollectorBas
 }
 
 void MetricEncoder::PackMetric(MetricCollectorBase& collector) {
-  std::vector<Series> items = collector.GetAll();
-  if (items.empty()) {
+  if (!series_.Begin(collector)) {
     METRICS_LOG_DEBUG("Sender[%s]Collector [%s] has no series.\n", name_.c_str(),
                       collector.name_.c_str());
     return;
   }
   switch (collector.co_type_) {
     case MetricCoItemType::kCoItemSuffix:
-      PackSuffixedMetric(items);
+      PackSuffixedMetric();
       return;
     case MetricCoItemType::kCoItemField:
-      PackMultiFeildMetric(items);
+      PackMultiFeildMetric();
       return;
     case MetricCoItemType::kCoItemCompatible:
-      PackCompatibleMetric(items);
+      PackCompatibleMetric();
       return;
     case MetricCoItemType::kCoItemUnknown:
       break;

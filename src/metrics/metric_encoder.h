@@ -16,6 +16,7 @@
 #include "metrics/metric_packet.h"
 #include "metrics/packet_sender.h"
 #include "metrics/row_form.h"
+#include "metrics/series_walk.h"
 #include "metrics/suffixed_form.h"
 #include "util/metric_common.h"
 
@@ -106,11 +107,12 @@ class MetricEncoder final : public MetricEncoderBase {
   void EndFlush();
   void PackMetric(MetricCollectorBase& collector);
   FlushJob Job() const;
-  void PackSuffixedMetric(std::vector<Series>& items) { suffixed_.Pack(items, Job()); }
-  void PackMultiFeildMetric(std::vector<Series>& items) { row_.Pack(items, Job()); }
-  void PackCompatibleMetric(std::vector<Series>& items) { compatible_.Pack(items, Job()); }
+  void PackSuffixedMetric() { suffixed_.Pack(series_, Job()); }
+  void PackMultiFeildMetric() { row_.Pack(series_, Job()); }
+  void PackCompatibleMetric() { compatible_.Pack(series_, Job()); }
 
   FlushPackets packets_;
+  SeriesWalk series_;  ///< of the collector being packed
   SuffixedForm suffixed_{packets_};
   RowForm row_{packets_};
   CompatibleForm compatible_{packets_};

@@ -2,8 +2,10 @@
 
 #include <cassert>
 #include <ctime>
+#include <utility>
 
 #include "metrics/client_parts.h"
+#include "metrics/packed_values.h"
 #include "metrics/series_items.h"
 #include "util/fork_guard.h"
 #include "util/metric_clock_util.h"
@@ -74,15 +76,18 @@ void MetricExpireChecker::DoCheck(std::shared_ptr<MetricCollectorFactory> factor
 void MetricExpireChecker::CheckCollector(const CollectorPtr& collector, long now) {
   expired_.clear();
   size_t erasable = 0;  // all that no handle is bound to: a held series stays in the table
-  for (const auto& [tag_values, item] : collector->GetAll()) {
-    const bool expired = CheckExpire(item, now);
-    item->SetActive(!expired);
-    if (item->IsHeld()) {
-      continue;
-    }
-    ++erasable;
-    if (expired) {
-      expired_.emplace_back(tag_values, item);
+  ListCursor cursor;
+  for (SeriesItems piece; collector->NextPiece(cursor, piece);) {
+    for (std::shared_ptr<MetricCollectorItem>& item : piece) {
+      const bool expired = CheckExpire(item, now);
+      item->SetActive(!expired);
+      if (item->IsHeld()) {
+        continue;
+      }
+      ++erasable;
+      if (expired) {
+        expired_.push_back(std::move(item));
+      }
     }
   }
   if (expired_.size() >= static_cast<size_t>(static_cast<double>(erasable) * kWorthwhileShare)) {
@@ -96,9 +101,9 @@ void MetricExpireChecker::DoClean(const CollectorPtr& collector, const long& now
     return;
   }
   size_t erased = 0;
-  for (const auto& [tag_values, item] : expired_) {
+  for (const std::shared_ptr<MetricCollectorItem>& item : expired_) {
     // A series that came back, or was bound, since the walk stays.
-    if (CheckExpire(item, now) && collector->EraseIdle(tag_values, *item, now)) {
+    if (CheckExpire(item, now) && collector->EraseIdle(item->values().ToVector(), *item, now)) {
       ++erased;
     } else if (!CheckExpire(item, now)) {
       item->SetActive(true);

@@ -2,9 +2,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "metrics/metric_collector_factory.h"
 #include "util/metric_error_code.h"
@@ -52,7 +49,7 @@ class MetricExpireChecker : public StoppableThread {
   void CheckCollector(const CollectorPtr& collector, long now);
 
   /// The idle series of the collector in work.
-  std::vector<std::pair<std::vector<std::string>, std::shared_ptr<MetricCollectorItem>>> expired_;
+  SeriesItems expired_;
 };
 
 }  // namespace METRICS

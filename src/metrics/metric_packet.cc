@@ -9,6 +9,9 @@
 
 namespace METRICS {
 
+using lattice_kit::codec::Append;
+using lattice_kit::codec::AppendBytes;
+
 namespace {
 
 // The header of a block: offsets of what is written later, and its length but for name and columns.
@@ -44,19 +47,6 @@ bool MakeRoom(EPacket& pack, size_t bytes) {
     return false;
   }
   return true;
-}
-
-/// Appends a number to bytes that there is room for.
-template <class T>
-void Append(char*& to, T number) {
-  static_assert(std::is_arithmetic_v<T>);
-  std::memcpy(to, &number, sizeof(number));
-  to += sizeof(number);
-}
-
-void AppendBytes(char*& to, std::string_view bytes) {
-  std::memcpy(to, bytes.data(), bytes.size());
-  to += bytes.size();
 }
 
 void AppendValues(char*& to, const double* values, size_t count) {

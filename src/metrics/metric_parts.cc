@@ -3,15 +3,20 @@
 #include <algorithm>
 #include <cassert>
 #include <stdexcept>
+#include <string_view>
 
 #include "codec/fnv_hash.h"
 #include "codec/pack.h"
 #include "metrics/impl_parts.h"
+#include "metrics/packed_values.h"
 #include "metrics/registry_parts.h"
 #include "metrics/tag_value_refs.h"
+#include "util/metric_size_limits.h"
 
 namespace METRICS {
 
+using lattice_kit::codec::Append;
+using lattice_kit::codec::AppendBytes;
 using lattice_kit::codec::EncodeText;
 using lattice_kit::codec::kFNVOffsetBasis;
 using lattice_kit::codec::Pack;
@@ -43,30 +48,62 @@ const std::vector<double>& ImplParts::Bounds() const {
   return bounds_ready_.load(std::memory_order_acquire) ? bounds_ : MetricParts::NoopHistogram();
 }
 
-void ImplParts::EncodeTagBlock(const std::vector<std::string>& tag_values, int32_t& tag_hash,
-                               Pack& out) const {
-  const size_t declared = tag_values.size() == tag_index_.size() ? tag_values.size() : 0;
-  const bool compute_hash = tag_hash == 0;
-  const auto start = static_cast<uint32_t>(out.Used());
-  out.Put(tag_hash);
-  out.Put(static_cast<uint32_t>(2 * send_tags_.size()));
-  uint32_t hash = kFNVOffsetBasis;
-  size_t next = 0;  // both lists are sorted by key, so the indexes ascend
+void ImplParts::PrepareTagBlock() {
+  Pack part(kTagScratchBytes);
+  tag_block_parts_.clear();
+  part.Put(static_cast<uint32_t>(2 * send_tags_.size()));
   for (size_t i = 0; i < send_tags_.size(); ++i) {
-    const bool is_declared = next < declared && tag_index_[next] == i;
-    const std::string& key = send_tags_[i].key;
-    const std::string& value = is_declared ? tag_values[next++] : send_tags_[i].value;
-    EncodeText(key, out);
-    EncodeText(value, out);
-    if (compute_hash) {
-      hash = TagFNVHash(key, value, hash);
+    EncodeText(send_tags_[i].key, part);
+    if (tag_block_parts_.size() < tag_index_.size() && tag_index_[tag_block_parts_.size()] == i) {
+      tag_block_parts_.push_back(part.Bytes());  // both lists are sorted, so the indexes ascend
+      part.Clear();
+    } else {
+      EncodeText(send_tags_[i].value, part);
     }
   }
-  if (compute_hash) {
-    tag_hash = static_cast<int32_t>(hash);
-    out.Patch(start, tag_hash);
-  }
+  tag_block_parts_.push_back(part.Bytes());
 }
+
+template <class Values>
+int32_t ImplParts::HashOfTags(const Values& tag_values) const {
+  uint32_t hash = kFNVOffsetBasis;
+  size_t next = 0;
+  for (size_t i = 0; i < send_tags_.size(); ++i) {
+    const bool is_declared = next < tag_values.size() && tag_index_[next] == i;
+    const std::string_view value =
+        is_declared ? std::string_view(tag_values[next++]) : send_tags_[i].value;
+    hash = TagFNVHash(send_tags_[i].key, value, hash);
+  }
+  return static_cast<int32_t>(hash);
+}
+
+template <class Values>
+void ImplParts::EncodeTagBlock(const Values& tag_values, int32_t& tag_hash, Pack& out) const {
+  const size_t declared = tag_block_parts_.size() - 1;
+  if (tag_values.size() != declared) {
+    EncodeTagBlock(std::vector<std::string>(declared), tag_hash, out);
+    return;
+  }
+  if (tag_hash == 0) {
+    tag_hash = HashOfTags(tag_values);
+  }
+  size_t bytes = sizeof(tag_hash) + tag_block_parts_.back().size();
+  for (size_t i = 0; i < declared; ++i) {
+    bytes += tag_block_parts_[i].size() + sizeof(uint32_t) + tag_values[i].size();
+  }
+  out.Reserve(static_cast<int32_t>(bytes));
+  Append(out.cursor, tag_hash);
+  for (size_t i = 0; i < declared; ++i) {
+    const std::string_view value = tag_values[i];
+    AppendBytes(out.cursor, tag_block_parts_[i]);
+    Append(out.cursor, static_cast<uint32_t>(value.size()));
+    AppendBytes(out.cursor, value);
+  }
+  AppendBytes(out.cursor, tag_block_parts_.back());
+}
+
+template void ImplParts::EncodeTagBlock(const std::vector<std::string>&, int32_t&, Pack&) const;
+template void ImplParts::EncodeTagBlock(const PackedValues&, int32_t&, Pack&) const;
 
 MetricParts::MetricParts(const std::string& name, RegistryParts* registry, MetricCoItemType kind)
     : name_(name),

@@ -1,7 +1,6 @@
 #include "metrics/row_form.h"
 
 #include "metrics/metric_parts.h"
-#include "metrics/series_walk.h"
 #include "util/metric_log.h"
 
 namespace METRICS {
@@ -14,22 +13,22 @@ BlockHeader HeaderOf(const MetricParts& metric, int64_t timestamp) {
 
 }  // namespace
 
-void RowForm::Pack(std::vector<Series>& series, const FlushJob& job) {
+void RowForm::Pack(SeriesWalk& series, const FlushJob& job) {
   // Opened whether or not a series has something to say.
   packets_.Current().OpenBlock(HeaderOf(job.metric, job.boundary), true);
-  SeriesWalk::EachSeries(series, [&](const Series& one, bool more) {
-    packets_.DrainAndWrite([&] { EncodeMultiFieldSeries(one, job); });
+  series.EachSeries([&](MetricCollectorItem& item, bool more) {
+    packets_.DrainAndWrite([&] { EncodeMultiFieldSeries(item, job); });
     packets_.EndUnit(more);
   });
   packets_.CloseBlocks();
 }
 
-void RowForm::EncodeMultiFieldSeries(const Series& series, const FlushJob& job) {
-  static_cast<MetricFieldArray&>(*series.second).Drain(job.metric.GetFieldInfo(), row_);
+void RowForm::EncodeMultiFieldSeries(MetricCollectorItem& item, const FlushJob& job) {
+  static_cast<MetricFieldArray&>(item).Drain(job.metric.GetFieldInfo(), row_);
   if (row_.values.empty()) {
     return;
   }
-  tags_.Begin(series, job);
+  tags_.Begin(item, job);
   packets_.Current().PutRecord(tags_.EncodeCurrentTagKV(), row_.value_fields, row_.values);
   if (!row_.prev_values.empty()) {
     EncodeMultiFieldExtendSeries(job);

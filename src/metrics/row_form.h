@@ -1,13 +1,11 @@
 #pragma once
 
-#include <cstdint>
-#include <vector>
-
 #include "metrics/flush_job.h"
 #include "metrics/flush_packets.h"
-#include "metrics/metric_collector.h"
+#include "metrics/metric_collector_item.h"
 #include "metrics/series_items.h"
 #include "metrics/series_tags.h"
+#include "metrics/series_walk.h"
 
 namespace METRICS {
 
@@ -19,11 +17,11 @@ class RowForm {
   /// `packets` outlives the form.
   explicit RowForm(FlushPackets& packets) : packets_(packets) {}
 
-  /// Drains the rows of `series`, which it lets go of, and writes their reports.
-  void Pack(std::vector<Series>& series, const FlushJob& job);
+  /// Drains the rows of `series`, a walk that has begun, and writes their reports.
+  void Pack(SeriesWalk& series, const FlushJob& job);
 
  private:
-  void EncodeMultiFieldSeries(const Series& series, const FlushJob& job);
+  void EncodeMultiFieldSeries(MetricCollectorItem& item, const FlushJob& job);
   void EncodeMultiFieldExtendSeries(const FlushJob& job);
 
   FlushPackets& packets_;

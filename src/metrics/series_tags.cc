@@ -2,26 +2,26 @@
 
 #include "metrics/impl_parts.h"
 #include "metrics/metric_parts.h"
+#include "metrics/packed_values.h"
 #include "util/metric_log.h"
 
 namespace METRICS {
 
 bool SeriesTags::Fits() const {
   return job_->pre_encode_tags ||
-         series_->first.size() == job_->metric.impl_parts_->tag_index_.size();
+         item_->values().size() == job_->metric.impl_parts_->tag_index_.size();
 }
 
 std::string_view SeriesTags::EncodeTagKV() {
-  const auto& [tags, item] = *series_;
   if (!Fits()) {
     METRICS_LOG_ERROR("Internal Error with Tag storage!!!!\n");
     return "";
   }
   if (job_->pre_encode_tags) {
-    cur_tag_kv_ = item->encoded_tags_;
+    cur_tag_kv_ = item_->encoded_tags_;
   } else {
     tag_scratch_.Clear();
-    job_->metric.impl_parts_->EncodeTagBlock(tags, item->tag_hash_, tag_scratch_);
+    job_->metric.impl_parts_->EncodeTagBlock(item_->values(), item_->tag_hash_, tag_scratch_);
     cur_tag_kv_ = {tag_scratch_.begin, static_cast<size_t>(tag_scratch_.Used())};
   }
   return cur_tag_kv_;

@@ -4,7 +4,7 @@
 
 #include "codec/pack.h"
 #include "metrics/flush_job.h"
-#include "metrics/metric_collector.h"
+#include "metrics/metric_collector_item.h"
 #include "util/metric_size_limits.h"
 
 namespace METRICS {
@@ -13,9 +13,9 @@ namespace METRICS {
 /// series to series.
 class SeriesTags {
  public:
-  /// Turns to `series`, which lives as long as it is asked for.
-  void Begin(const Series& series, const FlushJob& job) {
-    series_ = &series;
+  /// Turns to the series of `item`, which lives as long as it is asked for.
+  void Begin(MetricCollectorItem& item, const FlushJob& job) {
+    item_ = &item;
     job_ = &job;
     cur_tag_kv_ = {};
   }
@@ -31,7 +31,7 @@ class SeriesTags {
   std::string_view EncodeTagKV();
   bool Fits() const;
 
-  const Series* series_ = nullptr;
+  MetricCollectorItem* item_ = nullptr;
   const FlushJob* job_ = nullptr;
   std::string_view cur_tag_kv_;  ///< null: not encoded yet
   lattice_kit::codec::Pack tag_scratch_{kTagScratchBytes};

@@ -2,10 +2,13 @@
 
 #include <algorithm>
 
+#include "metrics/packed_values.h"
 #include "util/line_allocator.h"
 
 namespace METRICS {
 namespace {
+
+constexpr size_t kSteps = 8;  // after which what was fetched has come
 
 void FetchLines(const void* start, size_t lines) {
   asm volatile("");  // gcc drops the calls of a function that does nothing but fetch
@@ -14,36 +17,57 @@ void FetchLines(const void* start, size_t lines) {
   }
 }
 
+/// The lines of an item that its allocation has, with its tag values.
+void FetchItem(const MetricCollectorItem& item) { FetchLines(&item, 5); }
+
 }  // namespace
 
-void SeriesWalk::FetchAfter(const std::vector<Series>& series, size_t index) {
-  constexpr size_t kSteps = 8;  // what the second fetch reads has come by then
-  if (index + 2 * kSteps < series.size()) {
-    const auto& [tags, item] = series[index + 2 * kSteps];
-    FetchLines(item.get(), 4);
-    FetchLines(&tags, 1);
+bool SeriesWalk::Begin(MetricCollectorBase& collector) {
+  collector_ = &collector;
+  cursor_ = {};
+  return collector.NextPiece(cursor_, piece_);
+}
+
+void SeriesWalk::End() {
+  piece_.clear();
+  next_.clear();
+}
+
+void SeriesWalk::TakeNext() {
+  piece_.swap(next_);
+  next_.clear();
+}
+
+void SeriesWalk::FetchFirst() const {
+  const size_t first = std::min(2 * kSteps, piece_.size());
+  for (size_t i = 0; i < first; ++i) {
+    FetchItem(*piece_[i]);
   }
-  if (index + kSteps < series.size()) {
-    const auto& [tags, item] = series[index + kSteps];
-    if (item->encoded_tags_.empty()) {
-      FetchLines(tags.data(), 2);
-    } else {
-      FetchLines(item->encoded_tags_.data(), 2);
+}
+
+void SeriesWalk::FetchAfter(size_t index) const {
+  if (index + 2 * kSteps < piece_.size()) {
+    FetchItem(*piece_[index + 2 * kSteps]);
+  }
+  if (index + kSteps < piece_.size()) {
+    const MetricCollectorItem& item = *piece_[index + kSteps];
+    if (!item.encoded_tags_.empty()) {
+      FetchLines(item.encoded_tags_.data(), 2);
     }
   }
 }
 
-size_t SeriesWalk::ListCells(const std::vector<Series>& series, size_t begin) {
+size_t SeriesWalk::ListCells(size_t begin) {
   constexpr size_t kMostCells = 64;  // more would push each other out of the cache
-  const size_t last = std::min(begin + kListedAtOnce, series.size());
+  const size_t last = std::min(begin + kListedAtOnce, piece_.size());
   size_t cells = 0;
   size_t i = begin;
   for (; i < last && cells < kMostCells; ++i) {
-    FetchAfter(series, i);
+    FetchAfter(i);
     ListedSeries& listed = listed_[i - begin];
-    listed.active = IsActive(series[i]);
+    listed.active = IsActive(*piece_[i]);
     if (listed.active) {
-      series[i].second->ListCells(listed.cells);
+      piece_[i]->ListCells(listed.cells);
       cells += listed.cells.size();
     }
   }

@@ -3,7 +3,6 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
-#include <memory>
 #include <vector>
 
 #include "metrics/cell_table.h"
@@ -12,20 +11,26 @@
 
 namespace METRICS {
 
-/// How a flush goes through the series of a metric. It waits for memory above all, so a walk has
-/// that of the series to come fetched, and lets go of each one while it is near. Hidden series are
-/// left out.
+/// How a flush goes through the series of a collector: by pieces of its listing, of which it holds
+/// two at most. It waits for memory above all, so a walk has that of the series to come fetched,
+/// and lets go of each one while it is near. Hidden series are left out. Used by one thread at a
+/// time; keeps its memory from walk to walk.
 class SeriesWalk {
  public:
-  /// Calls `visit(series, more)` for each; `more`: others follow, of which all may be hidden.
-  template <class Visit>
-  static void EachSeries(std::vector<Series>& series, Visit visit);
+  /// Turns to the series of `collector`, which has to outlive the walk. False if there are none.
+  bool Begin(MetricCollectorBase& collector);
+  /// Lets go of what is left of a walk that was given up.
+  void End();
 
-  /// Calls `visit(series, cells)` for each, with a list of its cells. Those of up to 8 series are
+  /// Calls `visit(item, more)` for each; `more`: others follow, of which all may be hidden.
+  template <class Visit>
+  void EachSeries(Visit visit);
+
+  /// Calls `visit(item, cells)` for each, with a list of its cells. Those of up to 8 series are
   /// listed, and on their way to the cache, before the first of these is visited: one that is shown
   /// or gets a cell after that goes out with the next flush.
   template <class Visit>
-  void EachWithCells(std::vector<Series>& series, Visit visit);
+  void EachWithCells(Visit visit);
 
  private:
   static constexpr size_t kListedAtOnce = 8;
@@ -36,42 +41,61 @@ class SeriesWalk {
     std::vector<CellRef> cells;
   };
 
-  static bool IsActive(const Series& series) {
-    return series.second->active_.load(std::memory_order_relaxed);
+  static bool IsActive(const MetricCollectorItem& item) {
+    return item.active_.load(std::memory_order_relaxed);
   }
-  /// Has the memory of series that come some steps after `index` fetched.
-  static void FetchAfter(const std::vector<Series>& series, size_t index);
-  /// Lists the cells of `series[begin]` and some more; gives the index after the last of them.
-  size_t ListCells(const std::vector<Series>& series, size_t begin);
+  /// Lists the piece after this one. False if there is none.
+  bool ListNext() { return collector_->NextPiece(cursor_, next_); }
+  /// Goes on with that piece.
+  void TakeNext();
+  /// Has the memory of the first series of a piece fetched, and of those that come some steps after
+  /// `index`.
+  void FetchFirst() const;
+  void FetchAfter(size_t index) const;
+  /// Lists the cells of series `begin` of the piece and some more; gives the index after the last
+  /// of them.
+  size_t ListCells(size_t begin);
 
+  MetricCollectorBase* collector_ = nullptr;  ///< not owned
+  ListCursor cursor_;
+  SeriesItems piece_;
+  SeriesItems next_;  ///< empty but at the end of `piece_`
   std::array<ListedSeries, kListedAtOnce> listed_;
 };
 
 template <class Visit>
-void SeriesWalk::EachSeries(std::vector<Series>& series, Visit visit) {
-  for (size_t i = 0; i < series.size(); ++i) {
-    FetchAfter(series, i);
-    if (IsActive(series[i])) {
-      visit(series[i], i + 1 < series.size());
+void SeriesWalk::EachSeries(Visit visit) {
+  for (; !piece_.empty(); TakeNext()) {
+    FetchFirst();
+    for (size_t i = 0; i < piece_.size(); ++i) {
+      FetchAfter(i);
+      const bool more = i + 1 < piece_.size() || ListNext();
+      if (IsActive(*piece_[i])) {
+        visit(*piece_[i], more);
+      }
+      piece_[i].reset();
     }
-    series[i].second.reset();
   }
 }
 
 template <class Visit>
-void SeriesWalk::EachWithCells(std::vector<Series>& series, Visit visit) {
-  for (size_t begin = 0, end = 0; begin < series.size(); begin = end) {
-    end = ListCells(series, begin);
-    for (size_t i = begin; i < end; ++i) {
-      ListedSeries& listed = listed_[i - begin];
-      if (listed.active) {
-        visit(series[i], listed.cells);
-      }
-      series[i].second.reset();
-      if (listed.cells.capacity() > kCellsKept) {
-        std::vector<CellRef>().swap(listed.cells);
+void SeriesWalk::EachWithCells(Visit visit) {
+  for (; !piece_.empty(); TakeNext()) {
+    FetchFirst();
+    for (size_t begin = 0, end = 0; begin < piece_.size(); begin = end) {
+      end = ListCells(begin);
+      for (size_t i = begin; i < end; ++i) {
+        ListedSeries& listed = listed_[i - begin];
+        if (listed.active) {
+          visit(*piece_[i], listed.cells);
+        }
+        piece_[i].reset();
+        if (listed.cells.capacity() > kCellsKept) {
+          std::vector<CellRef>().swap(listed.cells);
+        }
       }
     }
+    ListNext();
   }
 }
 

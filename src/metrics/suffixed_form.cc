@@ -6,10 +6,10 @@
 
 namespace METRICS {
 
-void SuffixedForm::Pack(std::vector<Series>& series, const FlushJob& job) {
+void SuffixedForm::Pack(SeriesWalk& series, const FlushJob& job) {
   blocks_.Clear();
-  walk_.EachWithCells(series, [&](const Series& one, const std::vector<CellRef>& cells) {
-    tags_.Begin(one, job);
+  series.EachWithCells([&](MetricCollectorItem& item, const std::vector<CellRef>& cells) {
+    tags_.Begin(item, job);
     tags_.ReportMisfit();
     for (size_t i = 0; i < cells.size(); ++i) {
       packets_.DrainAndWrite([&] { EncodeMetricWithSuffix(job, cells[i], i); });

@@ -1,12 +1,10 @@
 #pragma once
 
 #include <cstddef>
-#include <vector>
 
+#include "metrics/cell_table.h"
 #include "metrics/flush_job.h"
 #include "metrics/flush_packets.h"
-#include "metrics/metric_collector.h"
-#include "metrics/metric_collector_item.h"
 #include "metrics/series_tags.h"
 #include "metrics/series_walk.h"
 #include "metrics/suffix_blocks.h"
@@ -21,15 +19,14 @@ class SuffixedForm {
   /// `packets` outlives the form.
   explicit SuffixedForm(FlushPackets& packets) : packets_(packets) {}
 
-  /// Drains the cells of `series`, which it lets go of, and writes their reports.
-  void Pack(std::vector<Series>& series, const FlushJob& job);
+  /// Drains the cells of `series`, a walk that has begun, and writes their reports.
+  void Pack(SeriesWalk& series, const FlushJob& job);
 
  private:
   /// `index` is that of the cell among those of its series.
   void EncodeMetricWithSuffix(const FlushJob& job, const CellRef& ref, size_t index);
 
   FlushPackets& packets_;
-  SeriesWalk walk_;
   SeriesTags tags_;
   SuffixBlockTable blocks_;
 };

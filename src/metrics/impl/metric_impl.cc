@@ -354,6 +354,7 @@ void MetricImpl::PrepareTagIdx() {
       tag_index_.push_back(static_cast<uint16_t>(found - send_tags_.begin()));
     }
   }
+  PrepareTagBlock();
 }
 
 SuffixedMetricImpl::~SuffixedMetricImpl() = default;
