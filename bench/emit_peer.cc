@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "peers.h"
-#include "scenarios.h"
+#include "workload.h"
 
 namespace tidegate::bench {
 namespace {

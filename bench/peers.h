@@ -7,8 +7,10 @@
 #include <prometheus/summary.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
-#include "scenarios.h"
+#include "workload.h"
 
 // The peer's side of the scenarios.
 
@@ -16,10 +18,12 @@ namespace tidegate::bench {
 
 using PeerCounters = prometheus::Family<prometheus::Counter>;
 
-inline prometheus::Labels LabelsOf(size_t series, size_t count) {
+inline prometheus::Labels LabelsOf(size_t series, size_t count, Length length = Length::kTen) {
+  const std::vector<std::string> names = TagNames(count);
+  std::vector<std::string> values = TagValues(series, count, length);
   prometheus::Labels labels;
-  for (MetricTag& tag : Tags(series, count)) {
-    labels.emplace(std::move(tag.key), std::move(tag.value));
+  for (size_t i = 0; i < count; ++i) {
+    labels.emplace(names[i], std::move(values[i]));
   }
   return labels;
 }
