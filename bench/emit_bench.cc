@@ -2,8 +2,8 @@
 // that it holds?
 //
 // Tags and samples are made before, as a service keeps them; one integer is made into a value on
-// every call, unless the name of the benchmark says otherwise. All threads share the metric and its
-// series.
+// every call, unless the name of the benchmark says otherwise. One thread: shared_bench.cc has more
+// of them, and tags_bench.cc other tags.
 
 #include <benchmark/benchmark.h>
 
@@ -57,18 +57,13 @@ void EmitOnKnown(benchmark::State& state, MakeTags make_tags, Emit emit) {
   }
 }
 
-void WithTags(benchmark::State& state) {
-  EmitOnKnown(state, Tags,
-              [](Metric& metric, const auto& tags) { metric.WithTags(tags)->Emit(Incr(1)); });
-}
-BENCHMARK(WithTags)->Arg(1)->Arg(3)->ThreadRange(1, 2)->UseRealTime();
-
 void WithTagValues(benchmark::State& state) {
-  EmitOnKnown(state, TagValues, [](Metric& metric, const auto& values) {
+  const auto make_values = [](size_t series, size_t count) { return TagValues(series, count); };
+  EmitOnKnown(state, make_values, [](Metric& metric, const auto& values) {
     metric.WithTagValues(values)->Emit(Incr(1));
   });
 }
-BENCHMARK(WithTagValues)->Arg(1)->Arg(3)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(WithTagValues)->Arg(1)->Arg(3)->UseRealTime();
 
 void WithTagMap(benchmark::State& state) {
   const auto make_map = [](size_t series, size_t count) {
@@ -81,17 +76,17 @@ void WithTagMap(benchmark::State& state) {
   EmitOnKnown(state, make_map,
               [](Metric& metric, const auto& tags) { metric.WithTagMap(tags)->Emit(Incr(1)); });
 }
-BENCHMARK(WithTagMap)->Arg(1)->Arg(3)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(WithTagMap)->Arg(1)->Arg(3)->UseRealTime();
 
 // With a list of one value, which the caller makes on every call.
 void WithTagsNewList(benchmark::State& state) {
-  EmitOnKnown(state, Tags, [](Metric& metric, const auto& tags) {
+  const auto make_tags = [](size_t series, size_t count) { return Tags(series, count); };
+  EmitOnKnown(state, make_tags, [](Metric& metric, const auto& tags) {
     metric.WithTags(tags)->Emit(std::vector<MetricFieldValue>{Incr(1)});
   });
 }
-BENCHMARK(WithTagsNewList)->Arg(1)->Arg(3)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(WithTagsNewList)->Arg(1)->Arg(3)->UseRealTime();
 
-// One item that all threads hold.
 template <class Emit>
 void EmitOnHeld(benchmark::State& state, Emit emit) {
   const ItemPtr item = KnownSeries(1).WithTagValues(TagValues(0, 1));
@@ -103,18 +98,18 @@ void EmitOnHeld(benchmark::State& state, Emit emit) {
 void HeldItem(benchmark::State& state) {
   EmitOnHeld(state, [value = Incr(1)](auto& item) { item.Emit(value); });
 }
-BENCHMARK(HeldItem)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(HeldItem)->UseRealTime();
 
 void HeldItemVerb(benchmark::State& state) {
   EmitOnHeld(state, [](auto& item) { item.Emit(Incr(1)); });
 }
-BENCHMARK(HeldItemVerb)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(HeldItemVerb)->UseRealTime();
 
 void HeldItemList(benchmark::State& state) {
   EmitOnHeld(state,
              [values = std::vector<MetricFieldValue>{Incr(1)}](auto& item) { item.Emit(values); });
 }
-BENCHMARK(HeldItemList)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(HeldItemList)->UseRealTime();
 
 // Emits samples on a held item that has but this one cell.
 void EmitSamples(benchmark::State& state, const ItemPtr& item,
@@ -133,7 +128,7 @@ void HeldTimer(benchmark::State& state) {
   static Metric& metric = SharedClient().Make("timer", 0);
   EmitSamples(state, metric.WithTags({}), Observe);
 }
-BENCHMARK(HeldTimer)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(HeldTimer)->UseRealTime();
 
 void HeldTimerCkms(benchmark::State& state) {
   static Metric& metric = []() -> Metric& {
@@ -143,7 +138,7 @@ void HeldTimerCkms(benchmark::State& state) {
   }();
   EmitSamples(state, metric.WithTags({}), Observe);
 }
-BENCHMARK(HeldTimerCkms)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(HeldTimerCkms)->UseRealTime();
 
 void HeldHistogram(benchmark::State& state) {
   static const auto make = [](size_t count) {
@@ -157,7 +152,7 @@ void HeldHistogram(benchmark::State& state) {
   static Metric* const twenty = make(20);
   EmitSamples(state, (state.range(0) == 10 ? ten : twenty)->WithTags({}), Stat);
 }
-BENCHMARK(HeldHistogram)->Arg(10)->Arg(20)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(HeldHistogram)->Arg(10)->Arg(20)->UseRealTime();
 
 constexpr size_t kFields = 8;
 
@@ -183,7 +178,7 @@ void HeldRow(benchmark::State& state) {
     item->Emit(values);
   }
 }
-BENCHMARK(HeldRow)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(HeldRow)->UseRealTime();
 
 void HeldRowMap(benchmark::State& state) {
   const ItemPtr item = Row().WithTags({});
@@ -195,7 +190,7 @@ void HeldRowMap(benchmark::State& state) {
     item->EmitMap(values);
   }
 }
-BENCHMARK(HeldRowMap)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(HeldRowMap)->UseRealTime();
 
 // The call takes its list of tags over, so the caller builds it anew every time.
 void CompatibleEmit(benchmark::State& state) {
@@ -207,7 +202,7 @@ void CompatibleEmit(benchmark::State& state) {
     metric.CEmit(1, {key, tags[turn.Next()]});
   }
 }
-BENCHMARK(CompatibleEmit)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(CompatibleEmit)->UseRealTime();
 
 }  // namespace
 }  // namespace tidegate::bench

@@ -24,23 +24,11 @@ void CellAdd(benchmark::State& state) {
     cell->Emit(one);
   }
 }
-BENCHMARK_TEMPLATE(CellAdd, MetricsType::kGauge)
-    ->Name("CellGauge")
-    ->ThreadRange(1, 2)
-    ->UseRealTime();
-BENCHMARK_TEMPLATE(CellAdd, MetricsType::kRate)->Name("CellRate")->ThreadRange(1, 2)->UseRealTime();
-BENCHMARK_TEMPLATE(CellAdd, MetricsType::kCounter)
-    ->Name("CellCounter")
-    ->ThreadRange(1, 2)
-    ->UseRealTime();
-BENCHMARK_TEMPLATE(CellAdd, MetricsType::kMeter)
-    ->Name("CellMeter")
-    ->ThreadRange(1, 2)
-    ->UseRealTime();
-BENCHMARK_TEMPLATE(CellAdd, MetricsType::kDeltaCounter)
-    ->Name("CellDeltaCounter")
-    ->ThreadRange(1, 2)
-    ->UseRealTime();
+BENCHMARK_TEMPLATE(CellAdd, MetricsType::kGauge)->Name("CellGauge")->UseRealTime();
+BENCHMARK_TEMPLATE(CellAdd, MetricsType::kRate)->Name("CellRate")->UseRealTime();
+BENCHMARK_TEMPLATE(CellAdd, MetricsType::kCounter)->Name("CellCounter")->UseRealTime();
+BENCHMARK_TEMPLATE(CellAdd, MetricsType::kMeter)->Name("CellMeter")->UseRealTime();
+BENCHMARK_TEMPLATE(CellAdd, MetricsType::kDeltaCounter)->Name("CellDeltaCounter")->UseRealTime();
 
 void CellRateDouble(benchmark::State& state) {
   static const CellPtr cell = MetricCollectorItem::CreateData(MetricsType::kRate, false, 0);
@@ -49,7 +37,7 @@ void CellRateDouble(benchmark::State& state) {
     cell->Emit(half);
   }
 }
-BENCHMARK(CellRateDouble)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(CellRateDouble)->UseRealTime();
 
 void CellTimer(benchmark::State& state, bool use_ckms) {
   const CellPtr cell = MetricCollectorItem::CreateData(MetricsType::kTimer, use_ckms, 0);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "peers.h"
+#include "threads.h"
 #include "workload.h"
 
 namespace tidegate::bench {
@@ -22,16 +23,27 @@ PeerCounters& KnownCounters(size_t tags) {
   return tags == 1 ? one : three;
 }
 
-void PeerLabels(benchmark::State& state) {
+// All threads look up the same series.
+void PeerLabelsShared(benchmark::State& state) {
   const auto count = static_cast<size_t>(state.range(0));
   PeerCounters& family = KnownCounters(count);
-  const auto labels = ForEachSeries([&](size_t series) { return LabelsOf(series, count); });
-  RoundRobin turn(kSeries);
+  const prometheus::Labels labels = LabelsOf(0, count);
   for (auto _ : state) {
-    family.Add(labels[turn.Next()]).Increment();
+    family.Add(labels).Increment();
   }
 }
-BENCHMARK(PeerLabels)->Arg(1)->Arg(3)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(PeerLabelsShared)->ArgName("tags")->Arg(1)->Arg(3)->Apply(Threads);
+
+// Each thread looks up a series of its own.
+void PeerLabelsOwn(benchmark::State& state) {
+  const auto count = static_cast<size_t>(state.range(0));
+  PeerCounters& family = KnownCounters(count);
+  const prometheus::Labels labels = LabelsOf(static_cast<size_t>(state.thread_index()), count);
+  for (auto _ : state) {
+    family.Add(labels).Increment();
+  }
+}
+BENCHMARK(PeerLabelsOwn)->ArgName("tags")->Arg(1)->Arg(3)->Apply(Threads);
 
 void PeerCounter(benchmark::State& state) {
   prometheus::Counter& counter = KnownCounters(1).Add(LabelsOf(0, 1));
@@ -39,7 +51,7 @@ void PeerCounter(benchmark::State& state) {
     counter.Increment();
   }
 }
-BENCHMARK(PeerCounter)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(PeerCounter)->Apply(Threads);
 
 template <class Kind>
 void Observe(benchmark::State& state, Kind& cell) {

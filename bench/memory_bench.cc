@@ -9,15 +9,14 @@
 
 #include <chrono>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "dropping_sender.h"
+#include "expiry_pass.h"
 #include "isolated.h"
 #include "metrics/impl/metric_impl.h"
 #include "metrics/metric_collector_item.h"
 #include "metrics/metric_data.h"
-#include "metrics/metric_expire_checker.h"
 #include "metrics/metric_method.h"
 #include "scenarios.h"
 #include "thread_clock.h"
@@ -130,26 +129,6 @@ void CreateSeries(benchmark::State& state) {
 }
 BENCHMARK(CreateSeries)->ArgName("series")->Arg(10000)->Arg(100000)->Iterations(1);
 
-// Time of one pass of expiry over `collector`, started on the calling thread; `first` is a series
-// that the pass marks early and that is marked otherwise now.
-double PassMillis(Client& client, METRICS::MetricCollectorItem& first) {
-  constexpr int kLongPause = 60000;
-  METRICS::MetricExpireChecker checker(&*client);
-  checker.state_ = METRICS::MetricState::READY;
-  // The pass that has begun is the last one.
-  std::thread stopper([&, before = first.active_.load()] {
-    while (first.active_.load() == before) {
-      std::this_thread::sleep_for(std::chrono::microseconds(100));
-    }
-    checker.state_ = METRICS::MetricState::SHUTDOWN;
-  });
-  const auto start = steady_clock::now();
-  checker.DoCheck(client->collector_factory_, kLongPause);
-  const double taken = Millis(steady_clock::now() - start);
-  stopper.join();
-  return taken;
-}
-
 void AMillionSeries(benchmark::State& state) {
   const auto series = static_cast<size_t>(state.range(0));
   Isolated(state, [series]() -> Figures {
@@ -166,12 +145,12 @@ void AMillionSeries(benchmark::State& state) {
 
     const ItemPtr first = all.front().second;
     first->active_ = false;
-    const double live_pass = PassMillis(client, *first);
+    const double live_pass = ExpiryPassMillis(client, *first);
     for (const auto& [tags, item] : all) {
       item->last_update_ = 0;
     }
     all.clear();
-    const double idle_pass = PassMillis(client, *first);
+    const double idle_pass = ExpiryPassMillis(client, *first);
     const auto left = static_cast<double>(metric.impl_->GetSeriesCount());
 
     EmitOnEach(metric, series);

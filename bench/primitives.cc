@@ -15,7 +15,7 @@ void LockedAdd(benchmark::State& state) {
     sum.fetch_add(1, std::memory_order_relaxed);
   }
 }
-BENCHMARK(LockedAdd)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(LockedAdd)->Threads(1)->Threads(2)->UseRealTime();
 
 void CompareExchangeDouble(benchmark::State& state) {
   static std::atomic<double> sum{0.0};
@@ -25,7 +25,7 @@ void CompareExchangeDouble(benchmark::State& state) {
     }
   }
 }
-BENCHMARK(CompareExchangeDouble)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(CompareExchangeDouble)->Threads(1)->Threads(2)->UseRealTime();
 
 void SharedLockRoundTrip(benchmark::State& state) {
   static pthread_rwlock_t lock = PTHREAD_RWLOCK_INITIALIZER;
@@ -35,7 +35,7 @@ void SharedLockRoundTrip(benchmark::State& state) {
     ::pthread_rwlock_unlock(&lock);
   }
 }
-BENCHMARK(SharedLockRoundTrip)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(SharedLockRoundTrip)->Threads(1)->Threads(2)->UseRealTime();
 
 void MutexRoundTrip(benchmark::State& state) {
   static std::mutex lock;
@@ -44,7 +44,7 @@ void MutexRoundTrip(benchmark::State& state) {
     benchmark::ClobberMemory();
   }
 }
-BENCHMARK(MutexRoundTrip)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(MutexRoundTrip)->Threads(1)->Threads(2)->UseRealTime();
 
 void ReadClock(benchmark::State& state) {
   for (auto _ : state) {

@@ -12,7 +12,8 @@
 #include "tidegate/static_vendor.h"
 #include "workload.h"
 
-// The library's side of the scenarios, and a client whose own threads sleep through the measurement.
+// The library's side of the scenarios, and a client whose own threads sleep through the
+// measurement.
 
 namespace tidegate::bench {
 

@@ -26,8 +26,8 @@ inline std::vector<std::string> TagNames(size_t count) {
   return {names.begin(), names.begin() + static_cast<std::ptrdiff_t>(count)};
 }
 
-// The numbers of the values of series number `series`. With three tags or more a registry of 100,000
-// series is one of 10 endpoints, 100 instances and 100 operations.
+// The numbers of the values of series number `series`. With three tags or more a registry of
+// 100,000 series is one of 10 endpoints, 100 instances and 100 operations.
 inline std::vector<size_t> ValueNumbers(size_t series, size_t count) {
   if (count == 1) {
     return {series};

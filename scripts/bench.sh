@@ -41,6 +41,11 @@ run_once() {
     --benchmark_out="$folder/$group.$run.json" "$@"
 }
 
+# run_peer <group> <run> <filter>: the peer's emissions, where it is installed.
+run_peer() {
+  [[ ! -x $BIN/peer_bench ]] || run_once "$1" "$2" peer_bench --benchmark_filter="$3"
+}
+
 measure() {
   local run program
   build release tidegate_benchmarks
@@ -50,17 +55,21 @@ measure() {
   for ((run = 1; run <= RUNS; ++run)); do
     step "run $run of $RUNS"
     run_once emit "$run" emit_bench --benchmark_filter=-threads:2
+    run_once tags "$run" tags_bench "${tags_filter[@]}"
+    run_peer peer "$run" "$peer_filter"
+    run_once stall "$run" stall_bench --benchmark_filter="$stall_filter"
     for program in "$BIN"/*_bench; do
       program=${program##*/}
       case $program in
-        emit_bench | lock_bench) ;;
+        emit_bench | lock_bench | peer_bench | shared_bench | stall_bench | tags_bench) ;;
         *) run_once "${program%_bench}" "$run" "$program" ;;
       esac
     done
   done
   step "$CONTENDED_RUNS runs with several threads"
   for ((run = 1; run <= CONTENDED_RUNS; ++run)); do
-    run_once contended "$run" emit_bench --benchmark_filter=threads:2
+    run_once shared "$run" shared_bench
+    run_peer peer_shared "$run" threads:
     run_once lock "$run" lock_bench
   done
   step "resting for $IDLE_SECONDS s"
@@ -85,13 +94,20 @@ RUNS=${RUNS:-3}
 CONTENDED_RUNS=${CONTENDED_RUNS:-9}
 IDLE_SECONDS=${IDLE_SECONDS:-120}
 IDLE_INTERVAL=30
-min_time=()
+min_time=(--benchmark_min_time=0.2)
+tags_filter=()
+peer_filter='-Shared|Own|threads:[28]'
+stall_filter=.
 short=
 if [[ ${1:-} == --short ]]; then
   shift
   short=yes
   RUNS=1 CONTENDED_RUNS=1 IDLE_SECONDS=3 IDLE_INTERVAL=1
   min_time=(--benchmark_min_time=0.01)
+  # Not what needs many series, or has its number of rounds.
+  tags_filter=(--benchmark_filter='-First|series:100000')
+  stall_filter=series:600000
+  peer_filter='Labels.*series:100(00)?/'
 fi
 (($# <= 1)) || die "too many arguments"
 [[ ${1:-} != -* ]] || die "unknown option \"$1\""
