@@ -9,6 +9,7 @@ set(TIDEGATE_PUBLIC_HEADERS
     include/tidegate/service_discovery_base.h
     include/tidegate/static_configer.h
     include/tidegate/static_vendor.h
+    include/tidegate/tag_view.h
     include/tidegate/vendor_interface.h
     src/metrics/bound_series.h
     src/metrics/cell_ptr.h

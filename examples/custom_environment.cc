@@ -68,7 +68,7 @@ int main(int argc, char** argv) {
   definition.name = "starts";
   const auto [starts, code] = client.CreateMetric(registry, definition);
   example::Require(code);
-  starts->WithTags({})->Emit(METRICS::Add(1));
+  starts->Emit({}, METRICS::Add(1));
 
   client.FlushAndExit();
   std::printf(

@@ -128,7 +128,7 @@ class Shop {
   // Looks its series up anew for every request, as most services do.
   void ServeRequests(steady_clock::time_point end, unsigned int seed) {
     static constexpr std::array<const char*, 2> kMethods = {"get", "post"};
-    static constexpr std::array<const char*, 3> kStatuses = {"200", "404", "500"};
+    static constexpr std::array<int, 3> kStatuses = {200, 404, 500};
     std::mt19937 random(seed);
     std::discrete_distribution<size_t> method({4, 1});
     std::discrete_distribution<size_t> status({95, 4, 1});
@@ -141,13 +141,13 @@ class Shop {
       metrics_.requests
           ->WithTags({{"method", kMethods[chosen]}, {"status", kStatuses[status(random)]}})
           ->Emit({Incr(1), WithSuffix("bytes", IncrCounter(bytes)), Observe(micros(random))});
-      metrics_.upstream->WithTags({{"service", "catalog"}})->Emit({Observe(micros(random) / 2)});
-      metrics_.sizes->WithTags({})->Emit({Stat(bytes)});
+      metrics_.upstream->Emit({{"service", "catalog"}}, Observe(micros(random) / 2));
+      metrics_.sizes->Emit({}, Stat(bytes));
       ++request_total_;
       byte_total_ += bytes;
       ++size_totals_[BucketOf(bytes)];
       if (request_total_ % 10 == 0) {
-        metrics_.connections->WithTags({})->Emit({IncrMeter(1)});
+        metrics_.connections->Emit({}, IncrMeter(1));
         metrics_.cache->CEmit(static_cast<double>(request_total_), {"cache", "catalog"});
         ++connection_total_;
       }

@@ -20,7 +20,7 @@ int main(int argc, char** argv) {
   definition.histo = &bounds;
   Metric* const sizes = example::MakeMetric(client, "http", definition);
   for (const int size : {300, 400, 700, 9000}) {
-    sizes->WithTags({})->Emit(Stat(size));
+    sizes->Emit({}, Stat(size));
   }
 
   // Bounds that make no sense are refused with the metric, and say why.

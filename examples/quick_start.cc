@@ -47,7 +47,7 @@ int main(int argc, char** argv) {
         ->Emit({Incr(1), WithSuffix("bytes", IncrCounter(512)), Observe(120.5 + i), Stat(512),
                 Add(1), IncrMeter(1), WithSuffix("load", Store(0.5))});
   }
-  requests->WithTags({{"method", "get"}, {"status", "404"}})->Emit({Incr(1)});
+  requests->Emit({{"method", "get"}, {"status", 404}}, Incr(1));
 
   // A row of declared fields.
   METRICS::MetricInstanceCfg row;

@@ -76,6 +76,15 @@ TEST(AllocationTest, NoneOnAKnownSeries) {
   const std::vector<std::pair<const char*, std::function<void()>>> ways{
       {"WithTags", [&] { metric.WithTags(sorted)->Emit(both); }},
       {"WithTags, unsorted", [&] { metric.WithTags(unsorted)->Emit({Incr(1)}); }},
+      {"WithTags of views",
+       [&] {
+         metric.WithTags({{"b", 2}, {"a", value}})->Emit(Incr(1));
+       }},
+      {"one call", [&] { metric.Emit(sorted, Incr(1)); }},
+      {"one call, views",
+       [&] {
+         metric.Emit({{"a", value}, {"b", 2}}, {Incr(1), Store(.5)});
+       }},
       {"WithTagValues", [&] { metric.WithTagValues(values)->Emit(both); }},
       {"WithTagValues, fewer", [&] { metric.WithTagValues(fewer)->Emit(both); }},
       {"WithTagMap", [&] { metric.WithTagMap(map)->Emit(both); }},

@@ -19,6 +19,7 @@
 #include "tidegate/service_discovery_base.h"
 #include "tidegate/static_configer.h"
 #include "tidegate/static_vendor.h"
+#include "tidegate/tag_view.h"
 #include "tidegate/vendor_interface.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"

@@ -1,5 +1,6 @@
 #include "metrics/metric_collector.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -95,6 +96,11 @@ TakenEntries MetricCollectorBase::TakeAll() {
 
 bool MetricCollectorBase::NextPiece(ListCursor& /*cursor*/, SeriesItems& items) {
   items.clear();
+  return false;
+}
+
+bool MetricCollectorBase::EmitToKnown(const TagValueRefs& /*tag_values*/,
+                                      const MetricFieldValue* /*values*/, size_t /*count*/) {
   return false;
 }
 
@@ -220,6 +226,23 @@ void HashMapCollector::EraseSeriesIf(const std::vector<std::string>& tag_values,
 
 std::shared_ptr<MetricCollectorItem> HashMapCollector::Find(const TagValueRefs& tag_values) {
   return series_->Get(tag_values);
+}
+
+bool HashMapCollector::EmitToKnown(const TagValueRefs& tag_values, const MetricFieldValue* values,
+                                   size_t count) {
+  const auto waits = [](const MetricFieldValue& value) {
+    return value.type == MetricsType::kTimer;
+  };
+  if (count > kMaxPlainValues || std::any_of(values, values + count, waits)) {
+    return false;
+  }
+  bool emitted = false;
+  series_->Visit(tag_values, SeriesMap::HashOf(tag_values), [&](MetricCollectorItem& item) {
+    if (item.tags_valid_.load(std::memory_order_relaxed)) {
+      emitted = EmitPlain(item, co_type_, values, count);
+    }
+  });
+  return emitted;
 }
 
 std::shared_ptr<MetricCollectorItem> HashMapCollector::GetOrCreate(

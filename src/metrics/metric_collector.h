@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -77,6 +78,11 @@ class MetricCollectorBase {
   /// last, once. Whoever changes the collector waits for one piece at most.
   virtual bool NextPiece(ListCursor& cursor, SeriesItems& items);
 
+  /// Emits on a series that is known, visible and validated, in the table's read section, if each
+  /// value goes to a cell of its type that is there and is no timer. False where nothing was done.
+  virtual bool EmitToKnown(const TagValueRefs& tag_values, const MetricFieldValue* values,
+                           size_t count);
+
   /// A new item of this collector's kind, which is in no table yet; null for an unknown kind. It
   /// has a copy of `tag_values`.
   /// `encode_tags`: with its tags encoded already.
@@ -137,6 +143,8 @@ class HashMapCollector final : public MetricCollectorBase {
   std::shared_ptr<MetricCollectorItem> GetOrCreateOf(const std::vector<std::string>& tag_values,
                                                      const TagValueRefs& refs) override;
   bool NextPiece(ListCursor& cursor, SeriesItems& items) override;
+  bool EmitToKnown(const TagValueRefs& tag_values, const MetricFieldValue* values,
+                   size_t count) override;
 
  private:
   /// Inlined, as every look-up by values goes through it.

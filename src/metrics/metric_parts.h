@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -8,8 +9,10 @@
 #include <vector>
 
 #include "tidegate/metric_tag.h"
+#include "tidegate/tag_view.h"
 #include "util/event_counter.h"
 #include "util/metric_common.h"
+#include "util/metric_error_code.h"
 #include "util/metric_export.h"
 
 namespace METRICS {
@@ -20,6 +23,7 @@ class MetricCollectorItem;
 class MetricImpl;
 class RegistryParts;
 struct MetricFieldInfo;
+struct MetricFieldValue;
 
 /// One declared field of a metric that carries a row of fields.
 struct MetricFieldCfg {
@@ -29,13 +33,21 @@ struct MetricFieldCfg {
 };
 
 // The look-ups of a metric's implementation, whose class is the library's. Applications call
-// `Metric::With...`, which pass the call on. Any thread; never null.
+// `Metric::With...` and `Metric::Emit`, which pass the call on. Any thread; never null.
 METRICS_API std::shared_ptr<MetricCollectorItem> FindByTags(
     MetricImpl& impl, const std::vector<tidegate::MetricTag>& tags);
+METRICS_API std::shared_ptr<MetricCollectorItem> FindByViews(MetricImpl& impl,
+                                                             const tidegate::TagView* tags,
+                                                             size_t count);
 METRICS_API std::shared_ptr<MetricCollectorItem> FindByValues(
     MetricImpl& impl, const std::vector<std::string>& values);
 METRICS_API std::shared_ptr<MetricCollectorItem> FindByMap(
     MetricImpl& impl, const std::unordered_map<std::string, std::string>& tags);
+
+METRICS_API ReturnCode EmitByTags(MetricImpl& impl, const std::vector<tidegate::MetricTag>& tags,
+                                  const MetricFieldValue* values, size_t count);
+METRICS_API ReturnCode EmitByViews(MetricImpl& impl, const tidegate::TagView* tags,
+                                   size_t tag_count, const MetricFieldValue* values, size_t count);
 
 /// The part of a metric that collectors, items and the flush need: all of `Metric` but the
 /// implementation that it owns.

@@ -1,5 +1,6 @@
 #include "metrics/series_items.h"
 
+#include <cassert>
 #include <cstddef>
 #include <utility>
 
@@ -45,6 +46,25 @@ template <class Bounds>
   } else {
     EmitNumber(entry, value.value.real, bounds);
   }
+}
+
+/// Calls `emit` for each of `values` with its cell, if all have one of their type.
+template <class Emit>
+[[gnu::always_inline]] inline bool EmitPlainTo(const CellTable& cells,
+                                               const MetricFieldValue* values, size_t count,
+                                               Emit emit) {
+  assert(count <= kMaxPlainValues);
+  const CellTable::Entry* found[kMaxPlainValues];
+  for (size_t i = 0; i < count; ++i) {
+    found[i] = cells.Find(values[i].name, i);
+    if (found[i] == nullptr || found[i]->type != values[i].type) {
+      return false;
+    }
+  }
+  for (size_t i = 0; i < count; ++i) {
+    emit(*found[i], values[i]);
+  }
+  return true;
 }
 
 /// Adds the point of the interval before to `row`, for a field whose columns end before `end`.
@@ -167,6 +187,22 @@ ReturnCode MetricSuffixArray::CreateSuffix(const std::string& name, const Metric
   return ReturnCode::kOk;
 }
 
+bool MetricSuffixArray::EmitPlain(const MetricFieldValue* values, size_t count) {
+  if (IsHidden()) {
+    return false;
+  }
+  const FastReadGuard guard(rwlock_);
+  const auto emit = [this](const CellTable::Entry& entry, const MetricFieldValue& value)
+      __attribute__((always_inline)) {
+    DoEmit(entry, value);
+  };
+  if (!EmitPlainTo(suffixes_, values, count, emit)) {
+    return false;
+  }
+  MarkUpdated(*this, count);
+  return true;
+}
+
 void MetricSuffixArray::DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value) {
   EmitValue("Suffix", entry, value, [&] { return &metric_->GetHistogram(); });
 }
@@ -270,6 +306,17 @@ ReturnCode MetricFieldArray::FindCell(const std::string& name, MetricsType type,
   return found == nullptr ? ReturnCode::kObjectNotExisted : CellOfType(type, found->cell, cell);
 }
 
+bool MetricFieldArray::EmitPlain(const MetricFieldValue* values, size_t count) {
+  const auto emit = [this](const CellTable::Entry& entry, const MetricFieldValue& value) {
+    DoEmit(entry, value);
+  };
+  if (IsHidden() || count > field_count_ || !EmitPlainTo(fields_, values, count, emit)) {
+    return false;
+  }
+  MarkUpdated(*this, 1);
+  return true;
+}
+
 void MetricFieldArray::DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value) {
   EmitValue("Field", entry, value, [&] { return &BoundsOf(value.name); });
 }
@@ -343,6 +390,20 @@ ReturnCode MetricCompatibleItem::Emit(double& value) {
     return ReturnCode::kOk;
   };
   return IsHidden() ? EmitHidden(emit) : emit();
+}
+
+bool EmitPlain(MetricCollectorItem& item, MetricCoItemType kind, const MetricFieldValue* values,
+               size_t count) {
+  switch (kind) {
+    case MetricCoItemType::kCoItemSuffix:
+      return static_cast<MetricSuffixArray&>(item).EmitPlain(values, count);
+    case MetricCoItemType::kCoItemField:
+      return static_cast<MetricFieldArray&>(item).EmitPlain(values, count);
+    case MetricCoItemType::kCoItemCompatible:
+    case MetricCoItemType::kCoItemUnknown:
+      break;
+  }
+  return false;
 }
 
 std::shared_ptr<MetricCollectorItem> CountedDummyItem(MetricParts& metric) {

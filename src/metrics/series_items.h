@@ -43,6 +43,8 @@ class MetricSuffixArray final : public MetricCollectorItem {
   MetricCoItemType Type() override { return MetricCoItemType::kCoItemSuffix; }
   ReturnCode Emit(const MetricFieldValue& value) override;
   ReturnCode FindCell(const std::string& name, MetricsType type, CellPtr& cell) override;
+  /// See the function of this name.
+  bool EmitPlain(const MetricFieldValue* values, size_t count);
   void ListCells(std::vector<CellRef>& cells) override;
 
  private:
@@ -99,6 +101,8 @@ class MetricFieldArray final : public MetricCollectorItem {
   MetricCoItemType Type() override { return MetricCoItemType::kCoItemField; }
   ReturnCode Emit(const MetricFieldValue& value) override;
   ReturnCode FindCell(const std::string& name, MetricsType type, CellPtr& cell) override;
+  /// See the function of this name.
+  bool EmitPlain(const MetricFieldValue* values, size_t count);
 
   /// Drains all cells in the order of `fields`, the metric's declaration. On the flush thread.
   MultiFieldSendRes Send(const std::vector<MetricFieldInfo>& fields);
@@ -131,6 +135,15 @@ class MetricCompatibleItem final : public MetricCollectorItem {
  private:
   const CellPtr data_;
 };
+
+/// As many values go in at once within the lock of a table.
+constexpr size_t kMaxPlainValues = 8;
+
+/// Emits `values` on an item of the form `kind`, as its `Emit` does, if that makes nothing and
+/// refuses nothing. False where nothing was done: for a hidden item, a new suffix, an unknown field
+/// or a value of another type. REQUIRES: no more than `kMaxPlainValues`.
+bool EmitPlain(MetricCollectorItem& item, MetricCoItemType kind, const MetricFieldValue* values,
+               size_t count);
 
 /// Counts a failed emission on `metric` and gives the dummy item.
 std::shared_ptr<MetricCollectorItem> CountedDummyItem(MetricParts& metric);

@@ -14,7 +14,7 @@ constexpr size_t kChunk = 16;
 constexpr size_t kMaxTableLength = 254;
 constexpr size_t kMaxLength = 4095;
 
-bool AllInTable(const std::string& s, const unsigned char* table) {
+bool AllInTable(std::string_view s, const unsigned char* table) {
   return std::all_of(s.begin(), s.end(), [table](char c) {
     const auto byte = static_cast<unsigned char>(c);
     return byte < 0x80 && table[byte] != 0;
@@ -86,7 +86,7 @@ bool IsValidStrTable(const std::string& s, const unsigned char* table) {
   return s.size() <= kMaxTableLength && AllInTable(s, table);
 }
 
-bool IsValidStrSIMD(const std::string& s, const unsigned char* table, const unsigned char* bitmap) {
+bool IsValidStrSIMD(std::string_view s, const unsigned char* table, const unsigned char* bitmap) {
   if (s.size() < kChunk) {
     return AllInTable(s, table);
   }
@@ -101,7 +101,7 @@ bool IsValidStrSIMD(const std::string& s, const unsigned char* table, const unsi
                      [bitmap](char c) { return InBitmap(c, bitmap); });
 }
 
-bool IsValidNonEmptyStrSIMD(const std::string& s, const unsigned char* table,
+bool IsValidNonEmptyStrSIMD(std::string_view s, const unsigned char* table,
                             const unsigned char* bitmap) {
   return !s.empty() && IsValidStrSIMD(s, table, bitmap);
 }

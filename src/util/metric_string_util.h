@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace METRICS {
@@ -20,20 +21,20 @@ bool IsValidStrTable(const std::string& s, const unsigned char* table);
 
 /// Whether all characters of `s` are legal by `table` and `bitmap`, two forms of one class. True
 /// for the empty string, false from 4096 bytes on.
-bool IsValidStrSIMD(const std::string& s, const unsigned char* table, const unsigned char* bitmap);
+bool IsValidStrSIMD(std::string_view s, const unsigned char* table, const unsigned char* bitmap);
 
 /// As `IsValidStrSIMD`, but false for the empty string.
-bool IsValidNonEmptyStrSIMD(const std::string& s, const unsigned char* table,
+bool IsValidNonEmptyStrSIMD(std::string_view s, const unsigned char* table,
                             const unsigned char* bitmap);
 
 /// The two classes by name.
-inline bool IsValidKey(const std::string& s) {
+inline bool IsValidKey(std::string_view s) {
   return IsValidNonEmptyStrSIMD(s, g_t_validKey, g_s_validKey);
 }
-inline bool IsValidKeyOrEmpty(const std::string& s) {
+inline bool IsValidKeyOrEmpty(std::string_view s) {
   return IsValidStrSIMD(s, g_t_validKey, g_s_validKey);
 }
-inline bool IsValidValue(const std::string& s) {
+inline bool IsValidValue(std::string_view s) {
   return IsValidNonEmptyStrSIMD(s, g_t_validVal, g_s_validVal);
 }
 

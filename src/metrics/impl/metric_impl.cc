@@ -47,6 +47,30 @@ constexpr std::string_view kMissingValue(kMissing, 1);
 
 bool IsMissing(std::string_view value) { return value.data() == kMissing; }
 
+/// The tags of a call that are nowhere a list.
+class TagViews {
+ public:
+  TagViews(const tidegate::TagView* tags, size_t count) : tags_(tags), count_(count) {}
+  size_t size() const { return count_; }
+  const tidegate::TagView& operator[](size_t index) const { return tags_[index]; }
+  const tidegate::TagView* begin() const { return tags_; }
+  const tidegate::TagView* end() const { return tags_ + count_; }
+
+ private:
+  const tidegate::TagView* const tags_;
+  const size_t count_;
+};
+
+std::string_view KeyOf(const tidegate::MetricTag& tag) { return tag.key; }
+std::string_view KeyOf(const tidegate::TagView& tag) { return tag.Key(); }
+std::string_view ValueOf(const tidegate::MetricTag& tag) { return tag.value; }
+std::string_view ValueOf(const tidegate::TagView& tag) { return tag.Value(); }
+
+ReturnCode EmitOn(MetricCollectorItem& item, const MetricFieldValue* values, size_t count) {
+  return count == 1 ? item.Emit(*values)
+                    : item.Emit(std::vector<MetricFieldValue>(values, values + count));
+}
+
 /// The two parts of a full name, told apart.
 std::string PrefixAndName(const MetricParts& metric) {
   const std::shared_ptr<RegistryParts> registry = metric.PinRegistry();
@@ -165,14 +189,21 @@ MetricImpl::ItemPtr MetricImpl::CopyAndGet(const TagValueRefs& values) {
   return OrDummy(collector_->GetOrCreateOf(pool, values));
 }
 
-[[gnu::always_inline]] inline MetricImpl::ItemPtr MetricImpl::WithTags(
-    const std::vector<tidegate::MetricTag>& tags) {
+template <class Tags>
+[[gnu::always_inline]] inline MetricImpl::ItemPtr MetricImpl::WithTags(const Tags& tags) {
   if (RefuseMoreThanDeclared(tags.size()) || !PassStateGate()) {
     return GetDummyItem();
   }
   TagValueRefs values(tag_count_, kMissingValue);
-  ItemPtr item;
   const bool placed = Place(tags, values) == Placing::kDone;
+  return FindPlaced(tags, placed, values);
+}
+
+template <class Tags>
+[[gnu::always_inline]] inline MetricImpl::ItemPtr MetricImpl::FindPlaced(const Tags& tags,
+                                                                         bool placed,
+                                                                         TagValueRefs& values) {
+  ItemPtr item;
   if (placed) {
     item = collector_->Find(values);
     // Values that are equal to valid ones are valid.
@@ -194,6 +225,21 @@ MetricImpl::ItemPtr MetricImpl::CopyAndGet(const TagValueRefs& values) {
     item->tags_valid_.store(true, std::memory_order_relaxed);
   }
   return item;
+}
+
+template <class Tags>
+[[gnu::always_inline]] inline ReturnCode MetricImpl::Emit(const Tags& tags,
+                                                          const MetricFieldValue* values,
+                                                          size_t count) {
+  if (RefuseMoreThanDeclared(tags.size()) || !PassStateGate()) {
+    return EmitOn(*GetDummyItem(), values, count);
+  }
+  TagValueRefs tag_values(tag_count_, kMissingValue);
+  const bool placed = Place(tags, tag_values) == Placing::kDone;
+  if (placed && collector_->EmitToKnown(tag_values, values, count)) {
+    return ReturnCode::kOk;
+  }
+  return EmitOn(*FindPlaced(tags, placed, tag_values), values, count);
 }
 
 [[gnu::always_inline]] inline MetricImpl::ItemPtr MetricImpl::WithTagValues(
@@ -231,6 +277,21 @@ std::shared_ptr<MetricCollectorItem> FindByTags(MetricImpl& impl,
   return impl.WithTags(tags);
 }
 
+std::shared_ptr<MetricCollectorItem> FindByViews(MetricImpl& impl, const tidegate::TagView* tags,
+                                                 size_t count) {
+  return impl.WithTags(TagViews(tags, count));
+}
+
+ReturnCode EmitByTags(MetricImpl& impl, const std::vector<tidegate::MetricTag>& tags,
+                      const MetricFieldValue* values, size_t count) {
+  return impl.Emit(tags, values, count);
+}
+
+ReturnCode EmitByViews(MetricImpl& impl, const tidegate::TagView* tags, size_t tag_count,
+                       const MetricFieldValue* values, size_t count) {
+  return impl.Emit(TagViews(tags, tag_count), values, count);
+}
+
 std::shared_ptr<MetricCollectorItem> FindByValues(MetricImpl& impl,
                                                   const std::vector<std::string>& values) {
   return impl.WithTagValues(values);
@@ -257,12 +318,13 @@ ReturnCode MetricImpl::GetTagValueVec(const std::vector<tidegate::MetricTag>& ta
   return code;
 }
 
-ReturnCode MetricImpl::Validate(const std::vector<tidegate::MetricTag>& tags) const {
+template <class Tags>
+ReturnCode MetricImpl::Validate(const Tags& tags) const {
   if (tags.size() > tag_count_) {
     return ReturnCode::kTagNumExceeded;
   }
-  for (const tidegate::MetricTag& tag : tags) {
-    if (!IsValidValue(tag.value)) {
+  for (const auto& tag : tags) {
+    if (!IsValidValue(ValueOf(tag))) {
       METRICS_LOG_CODE(ReturnCode::kInvalidString);
       return ReturnCode::kInvalidString;
     }
@@ -270,8 +332,8 @@ ReturnCode MetricImpl::Validate(const std::vector<tidegate::MetricTag>& tags) co
   return ReturnCode::kOk;
 }
 
-ReturnCode MetricImpl::Resolve(const std::vector<tidegate::MetricTag>& tags,
-                               TagValueRefs& values) const {
+template <class Tags>
+ReturnCode MetricImpl::Resolve(const Tags& tags, TagValueRefs& values) const {
   const ReturnCode code = Validate(tags);
   if (code != ReturnCode::kOk) {
     return code;
@@ -283,21 +345,21 @@ ReturnCode MetricImpl::Resolve(const std::vector<tidegate::MetricTag>& tags,
   return ReturnCode::kOk;
 }
 
-MetricImpl::Placing MetricImpl::Place(const std::vector<tidegate::MetricTag>& tags,
-                                      TagValueRefs& values) const {
+template <class Tags>
+MetricImpl::Placing MetricImpl::Place(const Tags& tags, TagValueRefs& values) const {
   size_t i = 0;  // tags in sorted order never search
-  for (; i < tags.size() && SameText(tag_names_[i], tags[i].key); ++i) {
-    values.Set(i, tags[i].value);
+  for (; i < tags.size() && SameText(tag_names_[i], KeyOf(tags[i])); ++i) {
+    values.Set(i, ValueOf(tags[i]));
   }
   bool repeated = false;
   for (; i < tags.size(); ++i) {
-    const auto found = std::find(tag_names_.begin(), tag_names_.end(), tags[i].key);
+    const auto found = std::find(tag_names_.begin(), tag_names_.end(), KeyOf(tags[i]));
     if (found == tag_names_.end()) {
       return Placing::kUnknownKey;
     }
     const auto index = static_cast<size_t>(found - tag_names_.begin());
     repeated = repeated || !IsMissing(values[index]);
-    values.Set(index, tags[i].value);
+    values.Set(index, ValueOf(tags[i]));
   }
   return repeated ? Placing::kRepeatedKey : Placing::kDone;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -52,9 +53,14 @@ class MetricImpl : public ImplParts {
 
   // Never null: the dummy item stands for any failure. See `Metric` for the forms.
   // Inline in the source of `FindByTags` and its like, through which all calls go.
-  inline ItemPtr WithTags(const std::vector<tidegate::MetricTag>& tags);
+  // `Tags` is a list of `MetricTag`, or of `TagView`.
+  template <class Tags>
+  inline ItemPtr WithTags(const Tags& tags);
   inline ItemPtr WithTagValues(const std::vector<std::string>& values);
   inline ItemPtr WithTagMap(const std::unordered_map<std::string, std::string>& tags);
+  /// `WithTags(tags)->Emit(...)` of a list of values.
+  template <class Tags>
+  inline ReturnCode Emit(const Tags& tags, const MetricFieldValue* values, size_t count);
   /// The series of a flat list: key, value, key, value. Another order is another series.
   ItemPtr WithCompatibleTags(const std::vector<std::string>& tag_pairs);
 
@@ -83,6 +89,10 @@ class MetricImpl : public ImplParts {
   std::shared_ptr<MetricCollectorBase> collector_;
 
  private:
+  /// The end of `WithTags`: finds the series of tags whose values have been placed, validates them
+  /// if need be, and makes the series if it is new.
+  template <class Tags>
+  inline ItemPtr FindPlaced(const Tags& tags, bool placed, TagValueRefs& values);
   /// The item of a series whose values are elsewhere; they are copied if it is new.
   ItemPtr FindOrCreate(const TagValueRefs& values);
   /// `item`, or, if it is null, what `GetDummyItem` gives.
@@ -92,11 +102,14 @@ class MetricImpl : public ImplParts {
   enum class Placing { kDone, kRepeatedKey, kUnknownKey };
 
   /// Puts the values in place, the last one where a key is repeated.
-  Placing Place(const std::vector<tidegate::MetricTag>& tags, TagValueRefs& values) const;
+  template <class Tags>
+  Placing Place(const Tags& tags, TagValueRefs& values) const;
   /// 37 for too many tags, 53 for a bad value.
-  ReturnCode Validate(const std::vector<tidegate::MetricTag>& tags) const;
+  template <class Tags>
+  ReturnCode Validate(const Tags& tags) const;
   /// `GetTagValueVec` without copies.
-  ReturnCode Resolve(const std::vector<tidegate::MetricTag>& tags, TagValueRefs& values) const;
+  template <class Tags>
+  ReturnCode Resolve(const Tags& tags, TagValueRefs& values) const;
   /// False when no emission may pass; then with a line unless the metric is still being made.
   bool PassStateGate() const;
   bool RefuseMoreThanDeclared(size_t count) const;
