@@ -1,5 +1,6 @@
 #include "metrics/metric_collector_item.h"
 
+#include <algorithm>
 #include <clocale>
 
 #include "metrics/impl/metric_multi_field_impl.h"
@@ -52,6 +53,49 @@ TEST_F(ItemTest, ARowTakesAtMostItsNumberOfValuesAndDropsWhatDoesNotFit) {
   EXPECT_TRUE(row.active_);
   EXPECT_THAT(drained(), ElementsAre(2, 0, 1, 10, 1));
   EXPECT_TRUE(metric.emit_success_ == 2 && metric.emit_fail_ == 1);
+}
+
+TEST_F(ItemTest, SuffixesAreMadeOnceAndFoundByAllWhileOthersAppear) {
+  constexpr long kNames = 100, kTurns = 30, kThreads = 3;
+  Metric& metric = *Make(1);
+  const auto item = metric.WithTags({});
+  const auto name_of = [](long i) {
+    return std::string(static_cast<size_t>(i % 40), 'x') + "n" + std::to_string(i);
+  };
+  std::atomic<bool> done{false};
+  std::thread lister([&] {
+    std::vector<CellRef> cells;
+    for (size_t seen = 0; !done; seen = cells.size()) {
+      const size_t size = item->Size();
+      item->ListCells(cells);
+      ASSERT_GE(cells.size(), std::max(seen, size));
+    }
+  });
+  std::vector<std::thread> emitters;
+  for (long thread = 0; thread < kThreads; ++thread) {
+    emitters.emplace_back([&, thread] {
+      std::vector<MetricFieldValue> list;
+      for (long turn = 0; turn < kTurns; ++turn) {
+        for (long i = 0; i < kNames; ++i) {
+          list.push_back(WithSuffix(name_of(i), IncrCounter(1)));
+          if (thread == 0) item->Emit(list.back());
+        }
+        if (thread != 0) item->Emit(list);
+        list.clear();
+      }
+    });
+  }
+  for (std::thread& emitter : emitters) emitter.join();
+  done = true;
+  lister.join();
+  std::vector<CellRef> cells;
+  item->ListCells(cells);
+  EXPECT_TRUE(cells.size() == kNames && item->Fields().size() == kNames);
+  EXPECT_TRUE(metric.cache_series_ == kNames && item->MemSize() == metric.cache_mem_ - 112);
+  for (const CellRef& ref : cells) {
+    EXPECT_EQ(ref.cell->Send(1).values, std::vector<double>{kTurns * kThreads}) << ref.name;
+    EXPECT_EQ(item->Fields().at(std::string(ref.name)).get(), ref.cell);
+  }
 }
 
 TEST_F(ItemTest, ACompatibleMetricChecksItsTagsAndHasOneCellPerSeries) {

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <ctime>
 #include <memory>
-#include <new>
 #include <string>
 #include <vector>
 
@@ -16,6 +16,7 @@
 #include "metrics/metric_parts.h"
 #include "metrics/packed_values.h"
 #include "metrics/series_items.h"
+#include "util/line_allocator.h"
 #include "util/metric_log.h"
 #include "util/metric_size_limits.h"
 #include "util/metric_string_util.h"
@@ -28,7 +29,8 @@ namespace {
 constexpr unsigned long kCreatedSeriesBytes = 112;
 constexpr unsigned long kErasedSeriesBytes = 56;
 
-/// Allocates an object with room for more bytes after it.
+/// Allocates an object, with room for more bytes after it, at the start of a cache line. It leaves
+/// the heap at the start of another one.
 template <class T>
 struct TailAllocator {
   using value_type = T;
@@ -38,9 +40,12 @@ struct TailAllocator {
   explicit TailAllocator(const TailAllocator<U>& other) : tail_bytes(other.tail_bytes) {}
 
   T* allocate(size_t count) {
-    return static_cast<T*>(::operator new(count * sizeof(T) + tail_bytes));
+    constexpr size_t kHeapWord = sizeof(size_t);
+    const size_t bytes = count * sizeof(T) + tail_bytes + kHeapWord;
+    const size_t lines = (bytes + kCacheLineBytes - 1) / kCacheLineBytes;
+    return static_cast<T*>(AllocateLines(lines * kCacheLineBytes - kHeapWord));
   }
-  void deallocate(T* memory, size_t /*count*/) { ::operator delete(memory); }
+  void deallocate(T* memory, size_t /*count*/) { std::free(memory); }
 
   friend bool operator==(const TailAllocator&, const TailAllocator&) { return true; }
   friend bool operator!=(const TailAllocator&, const TailAllocator&) { return false; }

@@ -39,7 +39,7 @@ class METRICS_API MetricCollectorItem {
   /// For the library: callers get items from a metric. `tag_hash` and `encoded_tags` are the tags
   /// in packet form, or 0 and empty where the flush encodes them.
   MetricCollectorItem(MetricParts* metric, const int& tag_hash, const std::string& encoded_tags)
-      : metric_(metric), tag_hash_(tag_hash), encoded_tags_(encoded_tags) {}
+      : encoded_tags_(encoded_tags), metric_(metric), tag_hash_(tag_hash) {}
   virtual ~MetricCollectorItem();
   MetricCollectorItem(const MetricCollectorItem&) = delete;
   MetricCollectorItem& operator=(const MetricCollectorItem&) = delete;
@@ -146,6 +146,12 @@ class METRICS_API MetricCollectorItem {
   /// Counts an emission on a dropped item as failed; 22 while its metric is blocked, else 23.
   ReturnCode RefuseDropped() const;
 
+  // Constant after construction, unless the tags are not encoded when the item is made: then the
+  // flush thread, and it alone, fills in the hash once, and for compatible metrics the tags too.
+  // What no emission reads comes first, beside the counts of the item's owners, which look-ups
+  // write; what all of them read comes after it, and is a line together with the first cell.
+  std::string encoded_tags_;
+
   // Written by emitting threads and, for `active_`, by the expiry; read by flush and expiry. A
   // stale reading delays an expiry, no more.
   std::atomic<int64_t> last_update_{
@@ -170,10 +176,7 @@ class METRICS_API MetricCollectorItem {
 
  public:
   MetricParts* const metric_;  ///< not owned; null for the dummy item
-  // Constant after construction, unless the tags are not encoded when the item is made: then the
-  // flush thread, and it alone, fills in the hash once, and for compatible metrics the tags too.
-  int32_t tag_hash_;
-  std::string encoded_tags_;
+  int32_t tag_hash_;           ///< filled in as `encoded_tags_` is
 
  protected:
   /// What an emission asks first.

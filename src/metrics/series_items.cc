@@ -11,7 +11,6 @@
 #include "metrics/metric_parts.h"
 #include "metrics/registry_parts.h"
 #include "util/event_counter_add.h"
-#include "util/fork_guard.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
 
@@ -26,10 +25,32 @@ unsigned short BucketsOf(const std::vector<double>& bounds) {
 template <class Number, class Bounds>
 [[gnu::always_inline]] inline void EmitNumber(const CellTable::Entry& entry, const Number& number,
                                               Bounds bounds) {
-  if (entry.type == MetricsType::kHistogram) {
-    EmitSample(*entry.cell, number, *bounds());
-  } else {
-    entry.cell->Emit(number);
+  MetricBasicData& cell = *entry.Cell();
+  switch (entry.Type()) {
+    case MetricsType::kGauge:
+      static_cast<MetricGauge&>(cell).Emit(number);
+      break;
+    case MetricsType::kRate:
+      static_cast<MetricRate&>(cell).Emit(number);
+      break;
+    case MetricsType::kCounter:
+      static_cast<MetricCounter&>(cell).Emit(number);
+      break;
+    case MetricsType::kMeter:
+      static_cast<MetricMeter&>(cell).Emit(number);
+      break;
+    case MetricsType::kDeltaCounter:
+      static_cast<MetricDeltaCounter&>(cell).Emit(number);
+      break;
+    case MetricsType::kHistogram:
+      EmitSample(cell, number, *bounds());
+      break;
+    case MetricsType::kTimer:
+    case MetricsType::kUnknown:
+    case MetricsType::kMultiField:
+    case MetricsType::kTypeEnd:
+      cell.Emit(number);
+      break;
   }
 }
 
@@ -38,9 +59,9 @@ template <class Number, class Bounds>
 template <class Bounds>
 [[gnu::always_inline]] inline void EmitValue(const char* what, const CellTable::Entry& entry,
                                              const MetricFieldValue& value, Bounds bounds) {
-  if (value.type != entry.type) {
+  if (value.type != entry.Type()) {
     METRICS_LOG_WARN("%s: %s type mismatch[pre: %d cur: %d]\n", what, value.name.c_str(),
-                     static_cast<int>(entry.type), static_cast<int>(value.type));
+                     static_cast<int>(entry.Type()), static_cast<int>(value.type));
   } else if (value.is_integer) {
     EmitNumber(entry, value.value.integer, bounds);
   } else {
@@ -57,7 +78,7 @@ template <class Emit>
   const CellTable::Entry* found[kMaxPlainValues];
   for (size_t i = 0; i < count; ++i) {
     found[i] = cells.Find(values[i].name, i);
-    if (found[i] == nullptr || found[i]->type != values[i].type) {
+    if (found[i] == nullptr || found[i]->Type() != values[i].type) {
       return false;
     }
   }
@@ -93,16 +114,6 @@ ReturnCode CellOfType(MetricsType type, const CellPtr& found, CellPtr& cell) {
 
 }  // namespace
 
-MetricSuffixArray::~MetricSuffixArray() {
-  // An emission reads the table and the lock's first bytes, which therefore come right after it.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Winvalid-offsetof"
-  static_assert(offsetof(MetricSuffixArray, rwlock_) ==
-                offsetof(MetricSuffixArray, suffixes_) + sizeof(CellTable));
-#pragma GCC diagnostic pop
-  RepairInForkTeardown(rwlock_, suffixes_);
-}
-
 ReturnCode MetricSuffixArray::Emit(std::vector<MetricFieldValue>&& values) {
   return Emit(std::as_const(values));
 }
@@ -136,7 +147,6 @@ ReturnCode MetricSuffixArray::Emit(const MetricFieldValue& value) {
 }
 
 bool MetricSuffixArray::EmitToKnown(const MetricFieldValue& value, size_t index) {
-  const FastReadGuard guard(rwlock_);
   const CellTable::Entry* const found = suffixes_.Find(value.name, index);
   if (found == nullptr) {
     return false;
@@ -146,40 +156,41 @@ bool MetricSuffixArray::EmitToKnown(const MetricFieldValue& value, size_t index)
 }
 
 ReturnCode MetricSuffixArray::EmitToNew(const MetricFieldValue& value) {
-  const WriteGuard guard(rwlock_);
-  const ReturnCode code = EnsureSuffix(value.name, value.type);
+  const CellTable::Entry* entry = nullptr;
+  const ReturnCode code = EnsureSuffix(value.name, value.type, entry);
   if (code != ReturnCode::kOk) {
     metric_->emit_fail_.fetch_add(1, std::memory_order_relaxed);
     METRICS_LOG_CODE(code);
     return code;
   }
-  DoEmit(*suffixes_.Find(value.name, 0), value);
+  DoEmit(*entry, value);
   return ReturnCode::kOk;
 }
 
 ReturnCode MetricSuffixArray::FindCell(const std::string& name, MetricsType type, CellPtr& cell) {
-  const WriteGuard guard(rwlock_);
-  const ReturnCode code = EnsureSuffix(name, type);
-  if (code != ReturnCode::kOk) {
-    return code;
-  }
-  return CellOfType(type, suffixes_.Find(name, 0)->cell, cell);
+  const CellTable::Entry* entry = nullptr;
+  const ReturnCode code = EnsureSuffix(name, type, entry);
+  return code == ReturnCode::kOk ? CellOfType(type, entry->Cell(), cell) : code;
 }
 
-ReturnCode MetricSuffixArray::EnsureSuffix(const std::string& name, const MetricsType& type) {
+ReturnCode MetricSuffixArray::EnsureSuffix(const std::string& name, const MetricsType& type,
+                                           const CellTable::Entry*& entry) {
+  const WriteGuard guard(adding_);
   // Another thread may have made it since the caller looked.
-  return suffixes_.Find(name, 0) != nullptr ? ReturnCode::kOk : CreateSuffix(name, type);
+  entry = suffixes_.Find(name, 0);
+  return entry != nullptr ? ReturnCode::kOk : CreateSuffix(name, type, entry);
 }
 
-ReturnCode MetricSuffixArray::CreateSuffix(const std::string& name, const MetricsType& type) {
+ReturnCode MetricSuffixArray::CreateSuffix(const std::string& name, const MetricsType& type,
+                                           const CellTable::Entry*& entry) {
   if (!IsValidKeyOrEmpty(name)) {
     METRICS_LOG_CODE(ReturnCode::kInvalidString);
     return ReturnCode::kInvalidString;
   }
   const unsigned short buckets =
       type == MetricsType::kHistogram ? BucketsOf(metric_->GetHistogram()) : 0;
-  suffixes_.Set(name,
-                CreateData(type, metric_->use_ckms_.load(std::memory_order_relaxed), buckets));
+  entry = &suffixes_.Add(
+      name, CreateData(type, metric_->use_ckms_.load(std::memory_order_relaxed), buckets));
   metric_->cache_mem_.fetch_add(name.size() + CellTable::kPointerBytes, std::memory_order_relaxed);
   metric_->cache_series_.fetch_add(1, std::memory_order_relaxed);
   METRICS_LOG_DEBUG("Create Suffix: name[%s] type[%s] in metric[%s]\n", name.c_str(),
@@ -191,7 +202,6 @@ bool MetricSuffixArray::EmitPlain(const MetricFieldValue* values, size_t count) 
   if (IsHidden()) {
     return false;
   }
-  const FastReadGuard guard(rwlock_);
   const auto emit = [this](const CellTable::Entry& entry, const MetricFieldValue& value)
       __attribute__((always_inline)) {
     DoEmit(entry, value);
@@ -207,31 +217,25 @@ void MetricSuffixArray::DoEmit(const CellTable::Entry& entry, const MetricFieldV
   EmitValue("Suffix", entry, value, [&] { return &metric_->GetHistogram(); });
 }
 
-CellMap MetricSuffixArray::Fields() {
-  const ReadGuard guard(rwlock_);
-  return suffixes_.ToMap();
-}
+CellMap MetricSuffixArray::Fields() { return suffixes_.ToMap(); }
 
-size_t MetricSuffixArray::Size() {
-  const FastReadGuard guard(rwlock_);
-  return suffixes_.Size();
-}
+size_t MetricSuffixArray::Size() { return suffixes_.Size(); }
 
-size_t MetricSuffixArray::MemSize() {
-  const FastReadGuard guard(rwlock_);
-  return suffixes_.MemSize();
-}
+size_t MetricSuffixArray::MemSize() { return suffixes_.MemSize(); }
 
 void MetricSuffixArray::ListCells(std::vector<CellRef>& cells) {
-  const ReadGuard guard(rwlock_);
-  cells.resize(suffixes_.Size());
-  for (size_t i = 0; i < cells.size(); ++i) {
-    const CellTable::Entry& entry = suffixes_[i];
-    cells[i].name = entry.name;
-    cells[i].cell = entry.cell.get();
-    cells[i].type = entry.type;
-    __builtin_prefetch(cells[i].cell, 1);
-  }
+  size_t count = 0;
+  suffixes_.ForEach([&](const CellTable::Entry& entry) {
+    if (count == cells.size()) {
+      cells.emplace_back();
+    }
+    CellRef& ref = cells[count++];
+    ref.name = entry.Name();
+    ref.cell = entry.Cell().get();
+    ref.type = entry.Type();
+    __builtin_prefetch(ref.cell, 1);
+  });
+  cells.resize(count);
 }
 
 MetricFieldArray::MetricFieldArray(MetricParts* metric, const int& tag_hash,
@@ -244,6 +248,7 @@ MetricFieldArray::MetricFieldArray(MetricParts* metric, const int& tag_hash,
 void MetricFieldArray::CreateField(const std::vector<MetricFieldInfo>& fields,
                                    MetricParts* const& metric) {
   const bool use_ckms = metric->use_ckms_.load(std::memory_order_relaxed);
+  fields_.Reserve(fields.size());
   for (const MetricFieldInfo& field : fields) {
     fields_.Set(field.name, CreateData(field.type, use_ckms, BucketsOf(field.bounds)));
     metric->cache_mem_.fetch_add(field.name.size() + CellTable::kPointerBytes,
@@ -303,7 +308,7 @@ void MetricFieldArray::EmitToField(const MetricFieldValue& value, size_t index) 
 
 ReturnCode MetricFieldArray::FindCell(const std::string& name, MetricsType type, CellPtr& cell) {
   const CellTable::Entry* const found = fields_.Find(name, 0);
-  return found == nullptr ? ReturnCode::kObjectNotExisted : CellOfType(type, found->cell, cell);
+  return found == nullptr ? ReturnCode::kObjectNotExisted : CellOfType(type, found->Cell(), cell);
 }
 
 bool MetricFieldArray::EmitPlain(const MetricFieldValue* values, size_t count) {
@@ -358,7 +363,7 @@ void MetricFieldArray::Drain(const std::vector<MetricFieldInfo>& fields, MultiFi
       continue;
     }
     const size_t index = static_cast<size_t>(&field - fields.data());
-    const SendRes res = fields_.Find(field.name, index)->cell->Send(interval);
+    const SendRes res = fields_.Find(field.name, index)->Cell()->Send(interval);
     if (res.values.empty()) {
       column += res.field_width;  // a quiet field keeps its columns
       continue;

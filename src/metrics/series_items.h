@@ -11,9 +11,9 @@
 #include "metrics/cell_table.h"
 #include "metrics/metric_collector_item.h"
 #include "metrics/metric_method.h"
+#include "util/byte_lock.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
-#include "util/metric_lock.h"
 
 namespace METRICS {
 
@@ -23,14 +23,11 @@ struct MetricFieldInfo;
 /// The item of ordinary metrics: its cells appear on first sight, one per suffix.
 ///
 /// The type that a suffix is first emitted with stays; values of another type are dropped with a
-/// Warn line. Emitting on known suffixes takes the item's read lock once per value and allocates
-/// nothing.
+/// Warn line. Emitting on known suffixes takes no lock and allocates nothing.
 class MetricSuffixArray final : public MetricCollectorItem {
  public:
   MetricSuffixArray(MetricParts* metric, const int& tag_hash, const std::string& encoded_tags)
       : MetricCollectorItem(metric, tag_hash, encoded_tags) {}
-  ~MetricSuffixArray() override;
-
   using MetricCollectorItem::Emit;
   // The temporary's form is overridden too: it saves a second virtual call.
   /// 0, or the code of the first value whose suffix was refused: the values before it are
@@ -52,17 +49,16 @@ class MetricSuffixArray final : public MetricCollectorItem {
   /// list: callers mostly emit the same suffixes in the same order.
   bool EmitToKnown(const MetricFieldValue& value, size_t index);
   ReturnCode EmitToNew(const MetricFieldValue& value);
-  /// Makes the suffix if it is not there.
-  ReturnCode EnsureSuffix(const std::string& name, const MetricsType& type)
-      METRICS_REQUIRES(rwlock_);
-  ReturnCode CreateSuffix(const std::string& name, const MetricsType& type)
-      METRICS_REQUIRES(rwlock_);
+  /// Gives the cell of a suffix in `entry`; makes it if it is not there.
+  ReturnCode EnsureSuffix(const std::string& name, const MetricsType& type,
+                          const CellTable::Entry*& entry);
+  ReturnCode CreateSuffix(const std::string& name, const MetricsType& type,
+                          const CellTable::Entry*& entry) METRICS_REQUIRES(adding_);
   void DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value);
 
-  /// A cell is never replaced or removed while the item lives. Right before the lock, whose first
-  /// bytes are all that an emission reads of it: they mostly share a cache line then.
-  CellTable suffixes_ METRICS_GUARDED_BY(rwlock_);
-  BiasedRwLock rwlock_;
+  ByteLock adding_;  ///< held by whoever adds a suffix
+  /// A cell is never replaced or removed while the item lives.
+  CellTable suffixes_;
 };
 
 /// What `MetricFieldArray::Send` reports of one interval: numbers with the columns they belong to.

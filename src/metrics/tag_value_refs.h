@@ -4,6 +4,7 @@
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,7 +34,7 @@ class TagValueRefs {
   /// `count` values, all of them `value`. REQUIRES: `count` is at most `kMax`.
   TagValueRefs(size_t count, std::string_view value) : count_(count) {
     assert(count <= kMax);
-    std::fill_n(values_, count, value);
+    std::uninitialized_fill_n(values_, count, value);
   }
   /// REQUIRES: before `Hash`.
   void Set(size_t index, std::string_view value) {
@@ -58,7 +59,10 @@ class TagValueRefs {
   const size_t count_;
   mutable bool hashed_ = false;
   mutable uint64_t hash_ = 0;
-  std::string_view values_[kMax];  // filled as far as `count_`
+  // Filled as far as `count_`. In a union, as a view of its own would clear itself: 4 KiB of them.
+  union {
+    std::string_view values_[kMax];
+  };
 };
 
 /// `HashTagValues` as the table of series wants it.

@@ -17,14 +17,8 @@ inline uint64_t LoadWord(const char* from) {
   return word;
 }
 
-/// As `a == b`.
-inline bool SameText(std::string_view a, std::string_view b) {
-  const size_t size = a.size();
-  if (size != b.size()) {
-    return false;
-  }
-  const char* const x = a.data();
-  const char* const y = b.data();
+/// Whether the `size` bytes at `x` and at `y` are the same.
+inline bool SameBytes(const char* x, const char* y, size_t size) {
   if (size > 32) {
     return std::memcmp(x, y, size) == 0;
   }
@@ -46,6 +40,11 @@ inline bool SameText(std::string_view a, std::string_view b) {
     }
   }
   return true;
+}
+
+/// As `a == b`.
+inline bool SameText(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && SameBytes(a.data(), b.data(), a.size());
 }
 
 }  // namespace METRICS
