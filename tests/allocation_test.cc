@@ -11,6 +11,7 @@
 #include "metrics/metric_collector_factory.h"
 #include "support/counted_allocations.h"
 #include "support/environment.h"
+#include "support/keyed_numbers.h"
 
 // Of this thread: the client's others do as they like.
 static __thread long allocations = 0;
@@ -146,21 +147,22 @@ TEST(AllocationTest, WhereOneFailsATableOfCellsIsAsItWas) {
 }
 
 TEST(AllocationTest, WhereOneFailsATableOfSeriesIsAsItWas) {
-  constexpr int kLast = 8;  // the first number that makes the table grow
-  const auto key = [](int i) {
-    return std::vector<std::string>{std::string(99, static_cast<char>('a' + i))};
-  };
-  const std::vector<std::string> last = key(kLast);
-  bool made = false;
-  for (long left = 0; !made; ++left) {
-    std::atomic<unsigned long> total{0};
-    SeriesMap table(total);
-    for (int i = 0; i < kLast; ++i) table.Insert(key(i), DummyItem());
-    made = Manages(left, [&] { table.Insert(last, DummyItem()); });
-    EXPECT_EQ(table.Size(), made ? kLast + 1u : kLast) << "after " << left;
-    EXPECT_EQ(table.Get(last) != nullptr, made) << "after " << left;
-    for (int i = 0; i < kLast; ++i) EXPECT_NE(table.Erase(key(i)), nullptr) << "after " << left;
-    EXPECT_EQ(total, made ? 1u : 0u);
+  // The first numbers that make the leaf grow, the list, both chunks of it, and the leaf split.
+  const std::pair<int, long> cases[] = {{0, 3}, {7, 1}, {8, 1}, {1024, 2}, {3328, 3}};
+  for (const auto& [last, allocations] : cases) {
+    for (long left = 0; left <= allocations; ++left) {
+      std::atomic<unsigned long> total{0};
+      tidegate::test::NumberTable<> table(total);
+      for (int i = 0; i < last; ++i) tidegate::test::Insert(table, i);
+      const auto added = std::make_shared<tidegate::test::KeyedNumber>();
+      added->key = last;
+      const bool made = Manages(left, [&] { table.Insert(added); });
+      EXPECT_EQ(made, left == allocations) << left << " for " << last;
+      EXPECT_EQ(total, static_cast<unsigned>(last) + (made ? 1 : 0)) << "after " << left;
+      EXPECT_EQ(table.Get(last) == added, made) << "after " << left;
+      for (int i = 0; i < last; ++i) ASSERT_NE(table.Erase(i), nullptr) << "after " << left;
+      EXPECT_EQ(table.Size(), made ? 1u : 0u);
+    }
   }
 }
 

@@ -8,45 +8,50 @@
 #include "metrics/metric_factory.h"
 #include "metrics/packed_values.h"
 #include "support/environment.h"
+#include "support/keyed_numbers.h"
 
 namespace METRICS {
 namespace {
 
 using Strings = std::vector<std::string>;
 
-// Few enough values for chains, enough for several buckets.
+using tidegate::test::Insert;
+using tidegate::test::KeyedNumber;
+using tidegate::test::NumberHash;
+using tidegate::test::NumberTable;
+
+// Many keys at one slot, at both ends of a leaf.
 struct FewHashes {
-  size_t operator()(int key) const { return static_cast<size_t>(key % 7) * 0x9e3779b1U; }
+  size_t operator()(int key) const { return static_cast<size_t>(key % 3) * 0x7fffffffU; }
 };
 
-TEST(ConcurrentHashmapTest, IsAMapWhateverIsAddedAndErasedInWhichOrder) {
+template <class Hash>
+void IsAMap(int keys, int steps, int checked) {
   std::atomic<unsigned long> total{5};  // of other tables
-  auto owner = std::make_unique<ConcurrentHashmap<int, int, FewHashes, std::equal_to<int>>>(total);
+  auto owner = std::make_unique<NumberTable<Hash>>(total);
   auto& map = *owner;
   std::map<int, int> expected;
   std::mt19937 random(1);
-  for (int step = 0; step < 5000; ++step) {
-    const int key = static_cast<int>(random() % 60);
-    if (random() % 2 == 0) {
-      const bool added = map.Insert(key, std::make_shared<int>(step)) == ReturnCode::kOk;
+  for (int step = 0; step < steps; ++step) {
+    const int key = static_cast<int>(random() % static_cast<unsigned>(keys));
+    const bool grows = step % (steps / 3) < steps / 5;  // and shrinks, and grows again
+    if (random() % 5 < (grows ? 4 : 1)) {
+      const bool added = Insert(map, key, step) == ReturnCode::kOk;
       EXPECT_EQ(added, expected.emplace(key, step).second);
     } else {
       EXPECT_EQ(map.Erase(key) != nullptr, expected.erase(key) == 1);
     }
-    if (random() % 500 == 0) {
+    if (step % (steps / 7) == steps / 7 - 1) {
       map.Clear();
       expected.clear();
     }
+    if (step % checked != 0) continue;
     std::map<int, int> listed;
-    for (const auto& [known, value] : map.GetAll()) listed.emplace(known, *value);
-    ASSERT_EQ(listed, expected);
-    ListCursor cursor;
-    size_t in_pieces = 0;
-    for (std::vector<std::shared_ptr<int>> piece; map.NextPiece(cursor, piece);) {
-      in_pieces += piece.size();
+    for (const auto& [known, value] : map.GetAll()) {
+      EXPECT_TRUE(listed.emplace(known, value->number).second);
     }
-    ASSERT_EQ(in_pieces, expected.size());
-    for (int other = 0; other < 60; ++other) {
+    ASSERT_EQ(listed, expected);
+    for (int other = 0; other < keys; ++other) {
       ASSERT_EQ(map.Get(other) != nullptr, expected.count(other) == 1) << other;
     }
   }
@@ -55,37 +60,54 @@ TEST(ConcurrentHashmapTest, IsAMapWhateverIsAddedAndErasedInWhichOrder) {
   EXPECT_EQ(total, 5u);
 }
 
-TEST(TagValuesHashTest, TellsListsApartThatAreMuchAlike) {
-  std::set<uint64_t> hashes;
-  size_t lists = 0;
-  const auto add = [&](const Strings& list) {
-    ++lists;
-    const uint64_t hash = TagValuesHash()(list);
-    hashes.insert(hash);
-    TagValueRefs refs(list.size(), "-");
-    for (size_t i = 0; i < list.size(); ++i) refs.Set(i, list[i]);
-    EXPECT_EQ(TagValuesHash()(refs), hash);
-    EXPECT_TRUE(TagKVCmp()(list, refs));
+TEST(ConcurrentHashmapTest, IsAMapWhateverIsAddedAndErasedInWhichOrder) {
+  IsAMap<NumberHash>(60, 5000, 1);
+  IsAMap<FewHashes>(60, 5000, 1);
+  IsAMap<NumberHash>(20000, 120000, 20000);  // of several leaves and chunks
+}
+
+TEST(ConcurrentHashmapTest, GrowsWhereNoSplittingTellsValuesApart) {
+  struct OneHash {
+    size_t operator()(int /*key*/) const { return 0x7fffffff; }
   };
-  for (size_t size = 0; size <= 70; ++size) {
-    const std::string text(size, 'a');
-    add({text});
-    for (size_t i = 0; i < size; ++i) add({text.substr(0, i) + 'b' + text.substr(i + 1)});
-    add({text.substr(0, size / 3), text.substr(size / 3)});
-    add({text, "b"});
-    add({"b", text});
-    add({text, "", "b"});
+  std::atomic<unsigned long> total{0};
+  NumberTable<OneHash> table(total);
+  for (int key = 0; key < 3500; ++key) Insert(table, key);
+  for (int key = 3499; key >= 0; --key) ASSERT_NE(table.Erase(key), nullptr) << key;
+  EXPECT_EQ(total, 0u);
+}
+
+TEST(ConcurrentHashmapTest, WhatStaysIsFoundAndListedOnceWhileOthersComeAndGo) {
+  constexpr int kStaying = 5000;
+  std::atomic<unsigned long> total{0};
+  NumberTable<> table(total);
+  for (int key = 0; key < kStaying; ++key) {
+    Insert(table, key);
+    Insert(table, -1 - key);  // leaves a hole
   }
-  EXPECT_EQ(hashes.size(), lists);
-  // The table's bits are random, wherever it takes them from.
-  for (const unsigned shift : {0U, 24U, 56U}) {
-    std::vector<int> buckets(256);
-    for (int i = 0; i < 25600; ++i) {
-      ++buckets[TagValuesHash()(Strings{"v" + std::to_string(i)}) >> shift & 255];
+  tidegate::test::Workers others;
+  others.Start(2, [&](int thread) {
+    for (int key = 1 + thread; key < 9000; key += 2) table.Erase(-key);
+    for (int key = 1 + thread; key < 9000; key += 2) Insert(table, -key);
+  });
+  for (int round = 0; round < 50; ++round) {
+    std::vector<int> seen(kStaying);
+    ListCursor cursor;
+    for (std::vector<std::shared_ptr<KeyedNumber>> piece; table.NextPiece(cursor, piece);) {
+      ASSERT_LE(piece.size(), NumberTable<>::kPiece);
+      for (const auto& value : piece) {
+        if (value->key >= 0) ++seen[static_cast<size_t>(value->key)];
+      }
     }
-    EXPECT_GT(*std::min_element(buckets.begin(), buckets.end()), 40) << shift;
-    EXPECT_LT(*std::max_element(buckets.begin(), buckets.end()), 180) << shift;
+    ASSERT_EQ(seen, std::vector<int>(kStaying, 1));
+    for (int key = 0; key < kStaying; ++key) {
+      const auto is_it = [&](const KeyedNumber& value) { EXPECT_EQ(value.key, key); };
+      ASSERT_TRUE(table.Visit(key, table.HashOf(key), is_it));
+    }
   }
+  others.Stop();
+  for (int key = 1; key < 9000; ++key) table.Erase(-key);
+  EXPECT_EQ(total, static_cast<unsigned long>(kStaying));
 }
 
 class CollectorTest : public testing::Test {

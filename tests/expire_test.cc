@@ -86,13 +86,13 @@ TEST(ExpireTest, AnEmissionThatComesBeforeTheTableIsLockedKeepsItsSeries) {
   item->last_update_ = 0;
   EXPECT_TRUE(CheckExpire(item, now));
   item->Emit({Store(1)});
-  EXPECT_FALSE(collector.EraseIdle({"0"}, *item, now));
+  EXPECT_FALSE(collector.EraseIdle(*item, now));
   EXPECT_EQ(metric.WithTagValues({"0"}), item);
   EXPECT_TRUE(item->Hold()) << "it takes handles";
   item->last_update_ = 0;
-  EXPECT_FALSE(collector.EraseIdle({"0"}, *item, now)) << "it is held";
+  EXPECT_FALSE(collector.EraseIdle(*item, now)) << "it is held";
   item->LetGo();
-  EXPECT_TRUE(collector.EraseIdle({"0"}, *item, now));
+  EXPECT_TRUE(collector.EraseIdle(*item, now));
   EXPECT_NE(metric.WithTagValues({"0"}), item);
 }
 

@@ -84,10 +84,7 @@ std::shared_ptr<MetricCollectorItem> MetricCollectorBase::Find(const TagValueRef
   return nullptr;
 }
 
-bool MetricCollectorBase::EraseIdle(const std::vector<std::string>& /*tag_values*/,
-                                    MetricCollectorItem& /*item*/, long /*now*/) {
-  return true;
-}
+bool MetricCollectorBase::EraseIdle(MetricCollectorItem& /*item*/, long /*now*/) { return true; }
 
 std::shared_ptr<MetricCollectorItem> MetricCollectorBase::GetOrCreateOf(
     const std::vector<std::string>& tag_values, const TagValueRefs& /*refs*/) {
@@ -199,13 +196,12 @@ void HashMapCollector::Erase(const std::vector<std::string>& tag_values) {
   EraseSeriesIf(tag_values, [](const MetricCollectorItem& /*item*/) { return true; });
 }
 
-bool HashMapCollector::EraseIdle(const std::vector<std::string>& tag_values,
-                                 MetricCollectorItem& item, long now) {
+bool HashMapCollector::EraseIdle(MetricCollectorItem& item, long now) {
   if (!item.ClaimForErasing()) {
     return false;
   }
   bool idle = true;
-  EraseSeriesIf(tag_values, [&](const MetricCollectorItem& found) {
+  EraseSeriesIf(item.values(), [&](const MetricCollectorItem& found) {
     idle = item.IsIdle(now);
     return idle && &found == &item;
   });
@@ -215,9 +211,8 @@ bool HashMapCollector::EraseIdle(const std::vector<std::string>& tag_values,
   return idle;
 }
 
-template <class Condition>
-void HashMapCollector::EraseSeriesIf(const std::vector<std::string>& tag_values,
-                                     Condition condition) {
+template <class Values, class Condition>
+void HashMapCollector::EraseSeriesIf(const Values& tag_values, Condition condition) {
   const std::shared_ptr<MetricParts> metric = PinMetric();
   const std::shared_ptr<MetricCollectorItem> item = series_->EraseIf(tag_values, condition);
   if (item == nullptr) {
@@ -225,7 +220,7 @@ void HashMapCollector::EraseSeriesIf(const std::vector<std::string>& tag_values,
   }
   item->Drop();
   if (metric != nullptr) {
-    metric->cache_mem_.fetch_sub(GetSize(tag_values) + item->MemSize() + kErasedSeriesBytes);
+    metric->cache_mem_.fetch_sub(item->values().TextBytes() + item->MemSize() + kErasedSeriesBytes);
   }
 }
 
@@ -282,7 +277,7 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateSeries(
   }
   // A pass of expiry that comes before the first emission would erase it.
   item->last_update_.store(::time(nullptr), std::memory_order_relaxed);
-  while (series_->Insert(tag_values, item, hash) != ReturnCode::kOk) {
+  while (series_->Insert(item, hash) != ReturnCode::kOk) {
     if (std::shared_ptr<MetricCollectorItem> winner = series_->Get(tag_values, hash)) {
       return winner;
     }  // cleared or erased meanwhile: this item takes its place

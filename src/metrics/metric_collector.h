@@ -8,8 +8,10 @@
 #include <vector>
 
 #include "metrics/metric_collector_item.h"
+#include "metrics/packed_values.h"
 #include "metrics/tag_value_refs.h"
 #include "util/concurrent_hashmap.h"
+#include "util/line_allocator.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
 #include "util/taken_entries.h"
@@ -19,8 +21,31 @@ namespace METRICS {
 class MetricParts;
 struct ClientParts;
 
+/// How the table of series reads the tag values in an item.
+struct SeriesKeys {
+  static const PackedValues& Of(const MetricCollectorItem& item) { return item.values(); }
+  template <class Values>
+  static bool Same(const MetricCollectorItem& item, const Values& values) {
+    return item.values().Equals(values);
+  }
+  static std::vector<std::string> Copy(const MetricCollectorItem& item) {
+    return item.values().ToVector();
+  }
+  /// The counts of owners are before the item, the values after it.
+  static void Fetch(const MetricCollectorItem* item) {
+    const char* const counts = reinterpret_cast<const char*>(item) - sizeof(long);
+    asm volatile("");  // gcc drops the calls of a function that does nothing but fetch
+    for (size_t line = 0; line < kLines; ++line) {
+      __builtin_prefetch(counts + line * kCacheLineBytes);
+    }
+  }
+
+ private:
+  static constexpr size_t kLines = 4;  // of a suffixed series with values of some ten bytes
+};
+
 using SeriesMap =
-    ConcurrentHashmap<std::vector<std::string>, MetricCollectorItem, TagValuesHash, TagKVCmp>;
+    ConcurrentHashmap<std::vector<std::string>, MetricCollectorItem, TagValuesHash, SeriesKeys>;
 /// A series: its tag values, in the sorted order of the declared names, and its item.
 using Series = SeriesMap::KeyedValue;
 /// A piece of the listing of a collector's series.
@@ -66,8 +91,7 @@ class MetricCollectorBase {
   /// For the expiry: erases `item` if it is still what stands under `tag_values`. False when a
   /// handle holds it, or when an emission that came before the table was locked makes it live at
   /// second `now`. A collector that erases nothing leaves it as it is.
-  virtual bool EraseIdle(const std::vector<std::string>& tag_values, MetricCollectorItem& item,
-                         long now);
+  virtual bool EraseIdle(MetricCollectorItem& item, long now);
   /// `GetOrCreate` of values that are equal to `refs`, which may know their hash.
   virtual std::shared_ptr<MetricCollectorItem> GetOrCreateOf(
       const std::vector<std::string>& tag_values, const TagValueRefs& refs);
@@ -138,8 +162,7 @@ class HashMapCollector final : public MetricCollectorBase {
       const std::vector<std::string>& tag_values) override;
   uint32_t Id() override { return 2; }
   std::shared_ptr<MetricCollectorItem> Find(const TagValueRefs& tag_values) override;
-  bool EraseIdle(const std::vector<std::string>& tag_values, MetricCollectorItem& item,
-                 long now) override;
+  bool EraseIdle(MetricCollectorItem& item, long now) override;
   std::shared_ptr<MetricCollectorItem> GetOrCreateOf(const std::vector<std::string>& tag_values,
                                                      const TagValueRefs& refs) override;
   bool NextPiece(ListCursor& cursor, SeriesItems& items) override;
@@ -156,8 +179,8 @@ class HashMapCollector final : public MetricCollectorBase {
     }
     return item;
   }
-  template <class Condition>
-  void EraseSeriesIf(const std::vector<std::string>& tag_values, Condition condition);
+  template <class Values, class Condition>
+  void EraseSeriesIf(const Values& tag_values, Condition condition);
   std::shared_ptr<MetricCollectorItem> CreateSeries(const std::vector<std::string>& tag_values,
                                                     uint32_t hash);
 

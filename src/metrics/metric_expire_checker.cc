@@ -103,7 +103,7 @@ void MetricExpireChecker::DoClean(const CollectorPtr& collector, const long& now
   size_t erased = 0;
   for (const std::shared_ptr<MetricCollectorItem>& item : expired_) {
     // A series that came back, or was bound, since the walk stays.
-    if (CheckExpire(item, now) && collector->EraseIdle(item->values().ToVector(), *item, now)) {
+    if (CheckExpire(item, now) && collector->EraseIdle(*item, now)) {
       ++erased;
     } else if (!CheckExpire(item, now)) {
       item->SetActive(true);

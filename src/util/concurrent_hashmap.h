@@ -10,9 +10,11 @@
 #include <utility>
 #include <vector>
 
+#include "util/chunked_list.h"
 #include "util/fork_guard.h"
 #include "util/metric_error_code.h"
 #include "util/metric_lock.h"
+#include "util/slot_table.h"
 #include "util/taken_entries.h"
 
 namespace METRICS {
@@ -20,28 +22,32 @@ namespace METRICS {
 /// How far a listing in pieces has come; a new one is at the beginning.
 struct ListCursor {
   size_t next = 0;
-  size_t end = SIZE_MAX;  ///< set by the first piece: what is added later is left out
+  size_t end = SIZE_MAX;  ///< set by the first piece
 };
 
-/// Hash table of shared values with one reader-writer lock: chained, at most one entry per bucket
-/// on average, never shrinking.
+/// Hash table of shared values that carry their keys, with one reader-writer lock.
 ///
-/// An entry owns its key and is itself shared, so what `GetAll` hands out stays whole while other
-/// threads erase or clear. The chains run through a list of all entries in the order of their
-/// insertion, which is mostly that of their memory: walking it is cheap, and neither a search nor a
-/// rehash touches entries that it is not after. `total` counts the entries of all tables that share
-/// it and is changed under the table's lock together with the table; it must outlive the table.
-template <class K, class V, class Hash, class Eq>
-class ConcurrentHashmap {
+/// A list owns the values; a table of slots beside it finds them. Neither an addition nor a piece
+/// of a listing holds up other threads for longer than some tens of microseconds, whatever the
+/// size: memory is made and given back without the lock. Without memory for it an addition throws
+/// `std::bad_alloc` and changes nothing. `total` counts the values of all tables that share it and
+/// is changed under the table's lock together with the table; it must outlive the table.
+///
+/// `Keys` says how a value has its key: `Of(value)` is it, as `Hash` takes it; `Same(value, key)`
+/// compares it with a K or what stands for one; `Copy(value)` makes a K of it; `Fetch(value)` asks
+/// for the memory that these read.
+template <class K, class V, class Hash, class Keys>
+class alignas(64) ConcurrentHashmap {
  public:
   /// A key and its value; the pointer keeps both alive.
   using KeyedValue = std::pair<const K&, std::shared_ptr<V>>;
+  /// The most values that a piece of a listing has.
+  static constexpr size_t kPiece = ChunkedList<V>::kChunk;
 
-  explicit ConcurrentHashmap(std::atomic<unsigned long>& total)
-      : total_(total), buckets_(kFirstBuckets, kNone) {}
+  explicit ConcurrentHashmap(std::atomic<unsigned long>& total) : total_(total) {}
 
   ~ConcurrentHashmap() {
-    if (!RepairInForkTeardown(rwlock_, buckets_, links_)) {
+    if (!RepairInForkTeardown(rwlock_, slots_, list_)) {
       Clear();
     }
   }
@@ -49,8 +55,7 @@ class ConcurrentHashmap {
   ConcurrentHashmap(const ConcurrentHashmap&) = delete;
   ConcurrentHashmap& operator=(const ConcurrentHashmap&) = delete;
 
-  /// What operations on `key` that take a hash are to be given. `Key` is K or what `Hash` and `Eq`
-  /// take for one.
+  /// What operations on `key` that take a hash are to be given. `Key` is K or what stands for one.
   template <class Key>
   static uint32_t HashOf(const Key& key) {
     return static_cast<uint32_t>(Hash()(key));
@@ -62,217 +67,180 @@ class ConcurrentHashmap {
     return Get(key, HashOf(key));
   }
   template <class Key>
-  std::shared_ptr<V> Get(const Key& key, uint32_t hash) {
+  [[gnu::always_inline]] std::shared_ptr<V> Get(const Key& key, uint32_t hash) {
     const FastReadGuard guard(rwlock_);
-    const uint32_t index = Find(hash, key);
-    return index == kNone ? nullptr : links_[index].entry->value;
+    const Slot* const found = slots_.Find(hash, [&](const Slot& slot) {
+      list_.Fetch(slot.index);  // comes at the same time as the value
+      return IsOf(slot, key);
+    });
+    return found == nullptr ? nullptr : list_[found->index];
   }
 
   /// Calls `use` with the value of `key` in the read section: it must be short, and not come back
   /// to the table. False, without a call, for an unknown key.
   template <class Key, class Use>
-  bool Visit(const Key& key, uint32_t hash, Use use) {
+  [[gnu::always_inline]] bool Visit(const Key& key, uint32_t hash, Use use) {
     const FastReadGuard guard(rwlock_);
-    const uint32_t index = Find(hash, key);
-    if (index == kNone) {
+    const Slot* const found = Find(hash, key);
+    if (found == nullptr) {
       return false;
     }
-    use(*links_[index].entry->value);
+    use(*found->value);
     return true;
   }
 
-  /// Adds a copy of `key` with `value`, or answers `kObjectExisted`.
-  ReturnCode Insert(const K& key, const std::shared_ptr<V>& value) {
-    return Insert(key, value, HashOf(key));
+  /// Adds `value`, or answers `kObjectExisted` where there is one of the same key.
+  ReturnCode Insert(const std::shared_ptr<V>& value) {
+    return Insert(value, HashOf(Keys::Of(*value)));
   }
-  ReturnCode Insert(const K& key, const std::shared_ptr<V>& value, uint32_t hash) {
-    assert(hash == HashOf(key));
-    auto entry = std::make_shared<const Entry>(key, value);
-    const WriteGuard guard(rwlock_);
-    if (Find(hash, key) != kNone) {
-      return ReturnCode::kObjectExisted;
+  ReturnCode Insert(const std::shared_ptr<V>& value, uint32_t hash) {
+    assert(hash == HashOf(Keys::Of(*value)));
+    for (Room room;; room.Make()) {
+      const WriteGuard guard(rwlock_);
+      if (Find(hash, Keys::Of(*value)) != nullptr) {
+        return ReturnCode::kObjectExisted;
+      }
+      if (HasRoom(hash, room)) {
+        slots_.Add({value.get(), hash, list_.Add(value)});
+        total_.fetch_add(1);
+        return ReturnCode::kOk;
+      }
     }
-    if (links_.size() >= buckets_.size()) {
-      Rehash();
-    }
-    links_.push_back({std::move(entry), hash, kNone});
-    LinkIntoBucket(static_cast<uint32_t>(links_.size() - 1));
-    total_.fetch_add(1);
-    return ReturnCode::kOk;
   }
-
-  /// All entries.
-  std::vector<KeyedValue> GetAll() {
-    std::vector<KeyedValue> all;
-    const ReadGuard guard(rwlock_);
-    all.reserve(links_.size());
-    for (size_t i = 0; i < links_.size(); ++i) {
-      FetchAhead(i);
-      const std::shared_ptr<const Entry>& entry = links_[i].entry;
-      all.emplace_back(entry->key, std::shared_ptr<V>(entry, entry->value.get()));
-    }
-    return all;
-  }
-
-  /// The most values that a piece of a listing has.
-  static constexpr size_t kPiece = 1024;
 
   /// Puts the next values of a listing in place of what `piece` holds; false at its end. A writer
-  /// waits for one piece at most.
+  /// waits for one piece at most. What is in the table from the first piece to the last is in one
+  /// of them.
   bool NextPiece(ListCursor& cursor, std::vector<std::shared_ptr<V>>& piece) {
     piece.clear();
     piece.reserve(kPiece);
     const ReadGuard guard(rwlock_);
-    cursor.end = std::min(cursor.end, links_.size());
-    for (; cursor.next < cursor.end && piece.size() < kPiece; ++cursor.next) {
-      FetchAhead(cursor.next);
-      const std::shared_ptr<const Entry>& entry = links_[cursor.next].entry;
-      piece.emplace_back(entry, entry->value.get());
+    cursor.end = std::min(cursor.end, list_.ChunkCount());
+    while (cursor.next < cursor.end && piece.empty()) {
+      list_.Each(cursor.next++, [&](const std::shared_ptr<V>& value) { piece.push_back(value); });
     }
     return !piece.empty();
   }
 
+  /// All values, with copies of their keys: one list of all pieces.
+  std::vector<KeyedValue> GetAll() {
+    std::vector<KeyedValue> all;
+    all.reserve(Size());
+    ListCursor cursor;
+    for (std::vector<std::shared_ptr<V>> piece; NextPiece(cursor, piece);) {
+      for (std::shared_ptr<V>& value : piece) {
+        const auto listed = std::make_shared<const Listed>(std::move(value));
+        all.emplace_back(listed->key, std::shared_ptr<V>(listed, listed->value.get()));
+      }
+    }
+    return all;
+  }
+
   /// Takes `key` out and returns its value, or null when it was not there.
-  std::shared_ptr<V> Erase(const K& key) {
+  template <class Key>
+  std::shared_ptr<V> Erase(const Key& key) {
     return EraseIf(key, [](const V& /*value*/) { return true; });
   }
   /// The same if `condition`, which is asked with the table locked, holds for the value.
-  template <class Condition>
-  std::shared_ptr<V> EraseIf(const K& key, Condition condition) {
+  template <class Key, class Condition>
+  std::shared_ptr<V> EraseIf(const Key& key, Condition condition) {
     const uint32_t hash = HashOf(key);
-    std::shared_ptr<const Entry> erased;  // dies after the guard: it may be the value's last owner
+    Contents emptied;  // these die after the guard
+    typename ChunkedList<V>::Removed removed;
     const WriteGuard guard(rwlock_);
-    const uint32_t index = Find(hash, key);
-    if (index == kNone || !condition(*links_[index].entry->value)) {
+    const Slot* const found = Find(hash, key);
+    if (found == nullptr || !condition(*found->value)) {
       return nullptr;
     }
-    *PointerToLink(index) = links_[index].next;
-    erased = std::move(links_[index].entry);
-    const auto last = static_cast<uint32_t>(links_.size() - 1);
-    if (index != last) {  // which moves there
-      *PointerToLink(last) = index;
-      links_[index] = std::move(links_[last]);
-    }
-    links_.pop_back();
+    list_.Remove(found->index, removed);
+    slots_.Remove(found);
     total_.fetch_sub(1);
-    return erased->value;
+    if (list_.Size() == 0) {
+      Exchange(emptied);
+    }
+    return std::move(removed.entry);
   }
 
-  /// Takes all entries out. Each value goes to an `OnEach` as it dies, without the lock; they live
-  /// as long as what this gives. Without memory for that they die here.
+  /// Takes all values out, at once however many they are. Each goes to an `OnEach` as it dies,
+  /// without the lock; they live as long as what this gives. Without memory for that they die here.
   template <class OnEach>
   TakenEntries TakeAll() {
-    auto* const taken = new (std::nothrow) std::vector<Link>();
+    auto* const taken = new (std::nothrow) Contents();
     if (taken == nullptr) {
-      std::vector<Link> cleared;
+      Contents cleared;
       TakeAll(cleared);
-      Bury<OnEach>(cleared);
+      cleared.list.DropEach(OnEach());
       return NoEntries();
     }
     TakeAll(*taken);
-    return {taken, [](void* links) {
-              const std::unique_ptr<std::vector<Link>> own(static_cast<std::vector<Link>*>(links));
-              Bury<OnEach>(*own);
+    return {taken, [](void* contents) {
+              const std::unique_ptr<Contents> own(static_cast<Contents*>(contents));
+              own->list.DropEach(OnEach());
             }};
   }
   void Clear() {
-    std::vector<Link> cleared;
+    Contents cleared;
     TakeAll(cleared);
   }
 
   size_t Size() {
     const FastReadGuard guard(rwlock_);
-    return links_.size();
+    return list_.Size();
   }
 
  private:
-  struct Entry {
-    Entry(const K& entry_key, const std::shared_ptr<V>& entry_value)
-        : key(entry_key), value(entry_value) {}
+  using Slot = typename SlotTable<V>::Slot;
 
-    const K key;
+  struct Contents {
+    ChunkedList<V> list;
+    SlotTable<V> slots;
+  };
+  struct Room {
+    typename ChunkedList<V>::Room list;
+    typename SlotTable<V>::Room slots;
+
+    void Make() {
+      list.Make();
+      slots.Make();
+    }
+  };
+  struct Listed {
+    explicit Listed(std::shared_ptr<V> listed)
+        : value(std::move(listed)), key(Keys::Copy(*value)) {}
+
     const std::shared_ptr<V> value;
+    const K key;
   };
 
-  struct Link {
-    std::shared_ptr<const Entry> entry;
-    uint32_t hash;
-    uint32_t next;  ///< index of the next one of its bucket
-  };
-
-  static constexpr size_t kFirstBuckets = 8;  // a power of two, as all sizes
-  static constexpr uint32_t kNone = UINT32_MAX;
-
-  template <class OnEach>
-  static void Bury(std::vector<Link>& links) {
-    for (Link& link : links) {
-      OnEach()(*link.entry->value);
-      link.entry.reset();  // while it is near
-    }
-  }
-
-  void TakeAll(std::vector<Link>& taken) {
-    const WriteGuard guard(rwlock_);
-    total_.fetch_sub(links_.size());
-    taken.swap(links_);
-    buckets_.assign(kFirstBuckets, kNone);  // in the memory that it has
-  }
-
-  size_t BucketOf(uint32_t hash) const METRICS_REQUIRES_SHARED(rwlock_) {
-    return hash & (buckets_.size() - 1);
-  }
-
+  /// Asks for all that a look-up reads of the value at once.
   template <class Key>
-  uint32_t Find(uint32_t hash, const Key& key) const METRICS_REQUIRES_SHARED(rwlock_) {
-    uint32_t index = buckets_[BucketOf(hash)];
-    while (index != kNone) {
-      const Link& link = links_[index];
-      if (link.hash == hash && Eq()(link.entry->key, key)) {
-        break;
-      }
-      index = link.next;
-    }
-    return index;
+  [[gnu::always_inline]] static bool IsOf(const Slot& slot, const Key& key) {
+    Keys::Fetch(slot.value);
+    return Keys::Same(*slot.value, key);
+  }
+  template <class Key>
+  const Slot* Find(uint32_t hash, const Key& key) const METRICS_REQUIRES_SHARED(rwlock_) {
+    return slots_.Find(hash, [&](const Slot& slot) { return IsOf(slot, key); });
+  }
+  bool HasRoom(uint32_t hash, Room& room) METRICS_REQUIRES(rwlock_) {
+    const bool listed = list_.MakeRoom(room.list);
+    return slots_.MakeRoom(hash, room.slots) && listed;
+  }
+  void Exchange(Contents& contents) METRICS_REQUIRES(rwlock_) {
+    list_.Swap(contents.list);
+    slots_.Swap(contents.slots);
+  }
+  void TakeAll(Contents& taken) {
+    const WriteGuard guard(rwlock_);
+    total_.fetch_sub(list_.Size());
+    Exchange(taken);
   }
 
-  /// Puts `links_[index]` at the head of its bucket.
-  void LinkIntoBucket(uint32_t index) METRICS_REQUIRES(rwlock_) {
-    uint32_t& head = buckets_[BucketOf(links_[index].hash)];
-    links_[index].next = head;
-    head = index;
-  }
-
-  /// What points to `links_[index]`, in its bucket or in a link of it.
-  uint32_t* PointerToLink(uint32_t index) METRICS_REQUIRES(rwlock_) {
-    uint32_t* pointer = &buckets_[BucketOf(links_[index].hash)];
-    while (*pointer != index) {
-      pointer = &links_[*pointer].next;
-    }
-    return pointer;
-  }
-
-  void Rehash() METRICS_REQUIRES(rwlock_) {
-    buckets_.assign(buckets_.size() * 2, kNone);
-    for (uint32_t index = 0; index < links_.size(); ++index) {
-      LinkIntoBucket(index);
-    }
-  }
-
-  /// For a walk that has come to `links_[index]`: has a later entry fetched, with the counts of
-  /// its owners, which stand before it in memory.
-  void FetchAhead(size_t index) const METRICS_REQUIRES_SHARED(rwlock_) {
-    constexpr size_t kAhead = 16;
-    if (index + kAhead < links_.size()) {
-      const Entry* const entry = links_[index + kAhead].entry.get();
-      __builtin_prefetch(reinterpret_cast<const char*>(entry) - sizeof(long), 1);
-      __builtin_prefetch(&entry->value, 1);
-    }
-  }
-
+  // A look-up reads these and the first bytes of the lock, on one line.
+  SlotTable<V> slots_ METRICS_GUARDED_BY(rwlock_);
   std::atomic<unsigned long>& total_;
   BiasedRwLock rwlock_;
-  std::vector<uint32_t> buckets_ METRICS_GUARDED_BY(rwlock_);  ///< index of the first one of each
-  std::vector<Link> links_ METRICS_GUARDED_BY(rwlock_);
+  ChunkedList<V> list_ METRICS_GUARDED_BY(rwlock_);
 };
 
 }  // namespace METRICS
