@@ -23,7 +23,7 @@ FLOORS = [
     # Values and cells.
     """global_resources_limit metric_method metric_data metric_histogram metric_summary
     metric_ckms_quantiles histo_util cell_ptr cell_kinds cell_table packed_values metric_packet core_init_cfg
-    metric_configer""",
+    metric_configer adding_sums""",
     # What the floors above know of a client, a registry and a metric.
     "client_parts registry_parts registry_table metric_parts impl_parts removed tag_value_refs",
     # Series.

@@ -180,6 +180,7 @@ ReturnCode BoundSeries::BindValues(Metric& metric, std::vector<std::string> valu
                   : &FindHistogram(name, owner->GetFieldInfo());
   }
   cell_ = pins->cell.get();
+  sums_ = SumsOf(*cell_, type);
   item_ = pins->item.get();
   success_ = &owner->emit_success_;
   success_->Spread(EventCounter::kSpreadLines);
@@ -216,43 +217,21 @@ void BoundSeries::CountEmission() {
   success_->Add(1);
 }
 
-// The cell comes last: it has the one instruction that others may have to wait for.
-template <class Cell, class Number>
-void BoundSeries::EmitTo(Number number) {
-  CountEmission();
-  static_cast<Cell*>(cell_)->Emit(number);
-}
-
-// The cells' own forms are named, so that they need no virtual call and can be inlined.
+// The adding kinds come first, and need no virtual call; nor does a gauge.
 template <class Number>
 ReturnCode BoundSeries::EmitShown(Number number) {
-  switch (type_) {
-    case MetricsType::kGauge:
-      EmitTo<MetricGauge>(number);
-      break;
-    case MetricsType::kRate:
-      EmitTo<MetricRate>(number);
-      break;
-    case MetricsType::kCounter:
-      EmitTo<MetricCounter>(number);
-      break;
-    case MetricsType::kMeter:
-      EmitTo<MetricMeter>(number);
-      break;
-    case MetricsType::kDeltaCounter:
-      EmitTo<MetricDeltaCounter>(number);
-      break;
-    case MetricsType::kHistogram:
-      CountEmission();
-      EmitSample(*cell_, number, *bounds_);
-      break;
-    case MetricsType::kTimer:
-    case MetricsType::kUnknown:
-    case MetricsType::kMultiField:
-    case MetricsType::kTypeEnd:
-      cell_->Emit(number);  // throws without memory, and then has not succeeded
-      CountEmission();
-      break;
+  if (sums_ != nullptr) {
+    CountEmission();
+    sums_->Emit(number);
+  } else if (type_ == MetricsType::kGauge) {
+    CountEmission();
+    static_cast<MetricGauge*>(cell_)->Emit(number);
+  } else if (type_ == MetricsType::kHistogram) {
+    CountEmission();
+    EmitSample(*cell_, number, *bounds_);
+  } else {
+    cell_->Emit(number);  // throws without memory, and then has not succeeded
+    CountEmission();
   }
   return ReturnCode::kOk;
 }

@@ -16,6 +16,7 @@
 
 namespace METRICS {
 
+class AddingSums;
 class EventCounter;
 class Metric;
 class MetricBasicData;
@@ -106,11 +107,10 @@ class METRICS_API BoundSeries {
   __attribute__((visibility("hidden"), cold, noinline)) ReturnCode EmitHidden(Number number);
   template <class Number>
   __attribute__((visibility("hidden"), always_inline)) inline ReturnCode EmitShown(Number number);
-  template <class Cell, class Number>
-  __attribute__((visibility("hidden"), always_inline)) inline void EmitTo(Number number);
   __attribute__((visibility("hidden"), always_inline)) inline void CountEmission();
   void Swap(BoundSeries& other) noexcept {
     std::swap(cell_, other.cell_);
+    std::swap(sums_, other.sums_);
     std::swap(item_, other.item_);
     std::swap(success_, other.success_);
     std::swap(bounds_, other.bounds_);
@@ -127,6 +127,7 @@ class METRICS_API BoundSeries {
 
   // What an emission reads, kept alive by `pins_`.
   MetricBasicData* cell_ = nullptr;
+  AddingSums* sums_ = nullptr;  ///< of the cell, if it is of an adding kind
   MetricCollectorItem* item_ = nullptr;
   EventCounter* success_ = nullptr;
   const std::vector<double>* bounds_ = nullptr;  ///< of a histogram

@@ -24,7 +24,7 @@ constexpr bool FitsIntoALine = 2 * sizeof(void*) + sizeof(Cell) <= kCacheLineByt
 static_assert(FitsIntoALine<MetricGauge> && FitsIntoALine<MetricRate> &&
               FitsIntoALine<MetricCounter> && FitsIntoALine<MetricMeter> &&
               FitsIntoALine<MetricDeltaCounter>);
-static_assert(std::atomic<long>::is_always_lock_free && std::atomic<double>::is_always_lock_free &&
+static_assert(std::atomic<double>::is_always_lock_free &&
               std::atomic<uint8_t>::is_always_lock_free);
 
 void MetricBasicData::Emit(const long& /*value*/) {}
@@ -47,15 +47,13 @@ SendRes MetricGauge::Send(const unsigned int& /*interval*/) {
 }
 
 SendRes MetricRate::Send(const unsigned int& interval) {
-  if (Quiet()) {
+  const bool quiet = Quiet();
+  const long integers = TakeIntegers();
+  const double reals = TakeReals();
+  if (quiet && integers == 0 && reals == 0.0) {
     return no_flush_res_;
   }
-  // Subtracted, not zeroed: what lands in between belongs to the next interval.
-  const long integers = long_sum_.load();
-  long_sum_.fetch_sub(integers);
-  const double reals = double_sum_.load();
-  FetchSubD(double_sum_, reals);
-  idle_flushes_.fetch_add(1);
+  CountFlush(quiet);
   return {false, {(static_cast<double>(integers) + reals) / interval}, 0.0, 1};
 }
 

@@ -1,11 +1,12 @@
 #pragma once
 
 #include <atomic>
+#include <cmath>
 #include <cstdint>
 #include <vector>
 
+#include "metrics/adding_sums.h"
 #include "util/metric_common.h"
-#include "util/metric_data_util.h"
 
 namespace METRICS {
 
@@ -65,33 +66,15 @@ class MetricGauge final : public SingleFieldMetricBasicData {
   std::atomic<double> value_{d_nan_};
 };
 
-/// Flushes that a cell goes on reporting after the last emission, its own interval included.
-constexpr uint8_t kQuietAfterFlushes = 3;
-
-/// The accumulators that all adding cells share. Emitting is one locked add (a compare-exchange
-/// for doubles) and one byte store, without a lock or an allocation.
+/// The part that all adding cells share. Emitting takes no lock and allocates nothing.
 ///
-/// An emission that clears `idle_flushes_` between a flush's test and its increment makes the
-/// series trail one flush less; nothing is lost by it.
+/// An emission beside a flush may find that the cell was not silent yet, while the flush counts
+/// another interval without one: the series trails one flush less then. Nothing is lost by it.
 template <class Base>
-class AddingCell : public Base {
+class AddingCell : public Base, public AddingSums {
  public:
-  void Emit(const long& value) override {
-    long_sum_.fetch_add(value, std::memory_order_relaxed);
-    idle_flushes_.store(0, std::memory_order_release);
-  }
-  void Emit(const double& value) override {
-    FetchAddD(double_sum_, value);
-    idle_flushes_.store(0, std::memory_order_release);
-  }
-
- protected:
-  bool Quiet() const { return idle_flushes_.load() >= kQuietAfterFlushes; }
-
-  std::atomic<long> long_sum_{0};
-  std::atomic<double> double_sum_{0.0};
-  /// Flushes since the last emission; starts quiet.
-  std::atomic<uint8_t> idle_flushes_{kQuietAfterFlushes};
+  void Emit(const long& value) override { AddingSums::Emit(value); }
+  void Emit(const double& value) override { AddingSums::Emit(value); }
 };
 
 /// Sum of the interval per second.
@@ -101,7 +84,7 @@ class MetricRate final : public AddingCell<SingleFieldMetricBasicData> {
   MetricsType Type() override { return MetricsType::kRate; }
 };
 
-/// The part that the three cells with a running total share. The accumulators are never reduced;
+/// The part that the three cells with a running total share. The sums are never reduced;
 /// `Total` is the type that keeps the total of the previous flush.
 template <class Base, class Total>
 class TotalCell : public AddingCell<Base> {
@@ -115,7 +98,10 @@ class TotalCell : public AddingCell<Base> {
 
   /// False in a quiet interval, which arms `need_prev_` for the next report.
   bool Read(Reading& reading) {
-    if (this->Quiet()) {
+    const bool quiet = this->Quiet();
+    reading.total = static_cast<double>(this->Integers()) + this->Reals();
+    reading.prev = last_total_;
+    if (quiet && SameNumber(reading.total, reading.prev)) {
       need_prev_.exchange(true);
       return false;
     }
@@ -123,14 +109,15 @@ class TotalCell : public AddingCell<Base> {
     if (reading.first) {
       need_prev_.store(false, std::memory_order_relaxed);
     }
-    reading.total = static_cast<double>(this->long_sum_.load()) + this->double_sum_.load();
-    reading.prev = last_total_;
     last_total_ = reading.total;
-    this->idle_flushes_.fetch_add(1);
+    this->CountFlush(quiet);
     return true;
   }
 
  private:
+  /// Of totals, of which a NaN is the same as another.
+  static bool SameNumber(double a, double b) { return a == b || (std::isnan(a) && std::isnan(b)); }
+
   std::atomic<bool> need_prev_{true};
   Total last_total_{0.0};
 };
@@ -159,6 +146,29 @@ class MetricDeltaCounter final : public TotalCell<MetricBasicData, std::atomic<d
 
   static const SendRes& no_flush_res_;
 };
+
+/// The sums of `cell`, which has the type `type`; null for a cell of another kind. All adding kinds
+/// take a number in the same way, so a caller that knows the type needs no virtual call.
+inline AddingSums* SumsOf(MetricBasicData& cell, MetricsType type) {
+  switch (type) {
+    case MetricsType::kRate:
+      return &static_cast<MetricRate&>(cell);
+    case MetricsType::kCounter:
+      return &static_cast<MetricCounter&>(cell);
+    case MetricsType::kMeter:
+      return &static_cast<MetricMeter&>(cell);
+    case MetricsType::kDeltaCounter:
+      return &static_cast<MetricDeltaCounter&>(cell);
+    case MetricsType::kUnknown:
+    case MetricsType::kGauge:
+    case MetricsType::kTimer:
+    case MetricsType::kHistogram:
+    case MetricsType::kMultiField:
+    case MetricsType::kTypeEnd:
+      break;
+  }
+  return nullptr;
+}
 
 /// Base of the cells that tell the distribution of an interval's samples by the ten numbers of
 /// `SummarizeSamples`. Samples are never filtered: NaN and infinity count and go through the sum.

@@ -3,11 +3,13 @@
 #include <atomic>
 #include <cstdint>
 
+#include "util/number_pool.h"
+
 namespace METRICS {
 
 /// Slots for what only one thread writes.
 constexpr uint32_t kThreadSlots = 1024;
-constexpr uint32_t kNoThreadSlot = UINT32_MAX;
+constexpr uint32_t kNoThreadSlot = NumberPool<kThreadSlots>::kNone;
 
 namespace thread_slot_internal {
 
@@ -16,9 +18,8 @@ extern __thread uint32_t t_slot __attribute__((tls_model("initial-exec")));
 
 uint32_t TakeSlot();
 
-constexpr uint32_t kWordBits = 64;
-/// A bit for each slot that is taken.
-extern std::atomic<uint64_t> taken_slots[kThreadSlots / kWordBits];
+extern NumberPool<kThreadSlots> slots;
+extern std::atomic<uint32_t> used_slots;
 
 }  // namespace thread_slot_internal
 
@@ -46,13 +47,13 @@ void DoWithoutThreadSlot();
 /// uses it.
 template <class Visit>
 void ForEachTakenSlot(Visit visit) {
-  uint32_t first = 0;
-  for (const std::atomic<uint64_t>& word : thread_slot_internal::taken_slots) {
-    for (uint64_t taken = word.load(); taken != 0; taken &= taken - 1) {
-      visit(first + static_cast<uint32_t>(__builtin_ctzll(taken)));
-    }
-    first += thread_slot_internal::kWordBits;
-  }
+  thread_slot_internal::slots.ForEachTaken(visit);
+}
+
+/// All slots from this one on have never been taken. What a thread did with its slot comes after
+/// the slot was counted here.
+inline uint32_t UsedThreadSlots() {
+  return thread_slot_internal::used_slots.load(std::memory_order_relaxed);
 }
 
 }  // namespace METRICS
