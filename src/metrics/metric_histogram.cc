@@ -4,14 +4,20 @@
 
 #include <algorithm>
 #include <cmath>
+#include <new>
 #include <string>
+#include <utility>
 
 #include "metrics/histo_util.h"
+#include "util/fork_guard.h"
 #include "util/metric_log.h"
+#include "util/thread_slot.h"
 
 namespace METRICS {
 
 namespace {
+
+SpreadCells spread_histograms;
 
 constexpr size_t kWordBits = 64;
 
@@ -76,10 +82,26 @@ bool CheckBounds(const HistoUtilBase& histo) {
   return false;
 }
 
+MetricHistogram::Part::Part(uint16_t bucket_count) noexcept {
+  for (uint16_t i = 0; i < bucket_count; ++i) {
+    new (Counts() + i) std::atomic<long>(0);
+  }
+}
+
+size_t MetricHistogram::Part::Bytes(uint16_t bucket_count) {
+  return sizeof(Part) + bucket_count * sizeof(std::atomic<long>);
+}
+
+void MetricHistogram::Part::Add(size_t bucket, double value) {
+  sum.store(sum.load(std::memory_order_relaxed) + value, std::memory_order_relaxed);
+  std::atomic<long>& count = Counts()[bucket];
+  count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
 MetricHistogram::MetricHistogram(unsigned short bucket_count)
     : buckets_(bucket_count), bucket_count_(bucket_count) {}
 
-MetricHistogram::~MetricHistogram() = default;
+MetricHistogram::~MetricHistogram() { RepairInForkTeardown(rwlock_, parts_); }
 
 void MetricHistogram::Emit(const long& /*value*/) {}
 
@@ -93,14 +115,87 @@ void MetricHistogram::Emit(short index, const double& value) {
   if (index < 0 || index >= bucket_count_) {
     return;
   }
-  const FastReadGuard guard(rwlock_);
-  FetchAddD(sum_, value);
-  buckets_[static_cast<size_t>(index)].value.fetch_add(1, std::memory_order_relaxed);
+  const auto bucket = static_cast<size_t>(index);
+  bool alone = true;
+  {
+    const FastReadGuard guard(rwlock_);
+    const uint32_t slot = parts_ != nullptr ? ThreadSlot() : kNoThreadSlot;
+    if (slot != kNoThreadSlot && slot < parts_->Count()) {
+      (*parts_)[slot].Add(bucket, value);
+    } else {
+      alone = AddShared(bucket, value);
+    }
+  }
+  if (!alone) {
+    CountCollision();
+  }
+}
+
+bool MetricHistogram::AddShared(size_t bucket, double value) {
+  double sum = sum_.load(std::memory_order_relaxed);
+  const bool alone = sum_.compare_exchange_strong(sum, sum + value, std::memory_order_relaxed);
+  if (!alone) {
+    FetchAddD(sum_, value);
+  }
+  buckets_[bucket].value.fetch_add(1, std::memory_order_relaxed);
+  return alone;
+}
+
+void MetricHistogram::CountCollision() {
+  const uint8_t before = collisions_.load(std::memory_order_relaxed);
+  if (before < kCollisionsToSpread) {  // threads that meet here may count one
+    collisions_.store(static_cast<uint8_t>(before + 1), std::memory_order_relaxed);
+    if (before + 1 == kCollisionsToSpread) {
+      Spread();
+    }
+  }
+}
+
+void MetricHistogram::Spread() {
+  std::unique_ptr<Parts> parts =
+      Parts::Make(spread_histograms, PartsForThreads(), Part::Bytes(bucket_count_), bucket_count_);
+  if (parts == nullptr) {
+    return;
+  }
+  const WriteGuard guard(rwlock_);
+  if (parts_ == nullptr || parts_->Count() < parts->Count()) {
+    Gather();
+    parts_.swap(parts);
+  }
+}
+
+bool MetricHistogram::Gather() {
+  if (parts_ == nullptr) {
+    return false;
+  }
+  double sum = sum_.load(std::memory_order_relaxed);
+  bool any = false;
+  for (uint32_t slot = 0; slot < parts_->Count(); ++slot) {
+    Part& part = (*parts_)[slot];
+    for (AtomicWrapper<long>& bucket : buckets_) {
+      std::atomic<long>& of_part = part.Counts()[&bucket - buckets_.data()];
+      if (const long count = of_part.load(std::memory_order_relaxed); count != 0) {
+        bucket.value.store(bucket.value.load(std::memory_order_relaxed) + count,
+                           std::memory_order_relaxed);
+        of_part.store(0, std::memory_order_relaxed);
+        any = true;
+      }
+    }
+    sum += part.sum.load(std::memory_order_relaxed);
+    part.sum.store(0.0, std::memory_order_relaxed);
+  }
+  sum_.store(sum, std::memory_order_relaxed);
+  return any;
 }
 
 SendRes MetricHistogram::Send(const unsigned int& /*interval*/) {
   SendRes result{false, {}, 0.0, bucket_count_ + 2U};
+  std::unique_ptr<Parts> unused;  // goes without the lock
   const WriteGuard guard(rwlock_);
+  collisions_.store(0, std::memory_order_relaxed);
+  if (!Gather()) {
+    unused = std::move(parts_);
+  }
   const double sum = sum_.load();
   if (sum == 0.0) {
     return result;

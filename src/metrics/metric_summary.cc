@@ -9,11 +9,14 @@
 
 #include "util/fork_guard.h"
 #include "util/metric_data_util.h"
+#include "util/thread_slot.h"
 
 namespace METRICS {
 namespace {
 
 constexpr double kPercentiles[] = {0.5, 0.9, 0.95, 0.99, 0.999};
+
+SpreadCells spread_timers;
 
 }  // namespace
 
@@ -77,6 +80,18 @@ void ChainedVector::FreeHead() {
   std::free(block);
 }
 
+void ChainedVector::Append(ChainedVector other) {
+  if (other.IsEmpty()) {
+    return;
+  }
+  Block* last = other.head_;
+  while (last->next != nullptr) {
+    last = last->next;
+  }
+  last->next = head_;
+  head_ = std::exchange(other.head_, nullptr);
+}
+
 std::vector<double> ChainedVector::Send() {
   assert(!IsEmpty());
   size_t samples = 0;
@@ -116,13 +131,56 @@ SendRes MetricSummaryVecV1::Send(const unsigned int& /*interval*/) {
   return {false, SummarizeSamples(samples.data(), samples.size()), 0.0, kMetricSummaryArraySize};
 }
 
-MetricSummaryVecV2::~MetricSummaryVecV2() { RepairInForkTeardown(mutex_, samples_); }
+MetricSummaryVecV2::Chain::~Chain() { RepairInForkTeardown(mutex_, samples_); }
+
+void MetricSummaryVecV2::Chain::Add(double value) {
+  const WriteGuard guard(mutex_);
+  samples_.Add(value);
+}
+
+ChainedVector MetricSummaryVecV2::Chain::Take() {
+  const WriteGuard guard(mutex_);
+  return std::move(samples_);
+}
+
+MetricSummaryVecV2::~MetricSummaryVecV2() {
+  RepairInForkTeardown(mutex_, samples_);
+  delete chains_.load(std::memory_order_relaxed);
+}
 
 void MetricSummaryVecV2::Emit(const long& value) { Emit(static_cast<double>(value)); }
 
 void MetricSummaryVecV2::Emit(const double& value) {
-  const WriteGuard guard(mutex_);
-  samples_.Add(value);
+  if (SpreadParts<Chain>* const chains = chains_.load(std::memory_order_acquire)) {
+    (*chains)[ThreadSlot()].Add(value);
+  } else if (mutex_.TryLock()) {
+    samples_.Add(value);
+    mutex_.Unlock();
+  } else {
+    EmitColliding(value);
+  }
+}
+
+void MetricSummaryVecV2::EmitColliding(double value) {
+  bool often = false;
+  {
+    const WriteGuard guard(mutex_);
+    samples_.Add(value);
+    often =
+        samples_.collisions < kCollisionsToSpread && ++samples_.collisions == kCollisionsToSpread;
+  }
+  if (often) {
+    Spread();
+  }
+}
+
+void MetricSummaryVecV2::Spread() {
+  auto chains = SpreadParts<Chain>::Make(spread_timers, PartsForThreads(), sizeof(Chain));
+  SpreadParts<Chain>* none = nullptr;
+  if (chains != nullptr &&
+      chains_.compare_exchange_strong(none, chains.get(), std::memory_order_release)) {
+    static_cast<void>(chains.release());
+  }
 }
 
 SendRes MetricSummaryVecV2::Send(const unsigned int& /*interval*/) {
@@ -134,8 +192,15 @@ SendRes MetricSummaryVecV2::Send(const unsigned int& /*interval*/) {
 }
 
 ChainedVector MetricSummaryVecV2::TakeSamples() {
-  const WriteGuard guard(mutex_);
-  return std::move(samples_);
+  ChainedVector samples = [this] {
+    const WriteGuard guard(mutex_);
+    samples_.collisions = 0;
+    return ChainedVector(std::move(samples_));
+  }();
+  if (SpreadParts<Chain>* const chains = chains_.load(std::memory_order_acquire)) {
+    chains->ForEach([&samples](Chain& chain) { samples.Append(chain.Take()); });
+  }
+  return samples;
 }
 
 MetricSummaryCKMS::MetricSummaryCKMS() : quantiles_(std::make_unique<CKMSQuantiles>()) {}
