@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <numeric>
 #include <string>
@@ -18,6 +19,7 @@
 #include "scenarios.h"
 #include "tag_settings.h"
 #include "thread_clock.h"
+#include "tidegate/tag_view.h"
 
 namespace tidegate::bench {
 namespace {
@@ -61,6 +63,11 @@ void WithTags(benchmark::State& state) {
 }
 BENCHMARK(WithTags)->Apply(TagSettings)->UseRealTime();
 
+void OneCall(benchmark::State& state) {
+  EmitOnLists(state, [](Metric& metric, const auto& tags) { metric.Emit(tags, Incr(1)); });
+}
+BENCHMARK(OneCall)->Apply(TagSettings)->UseRealTime();
+
 // Requests, and a metric with the series that they count on.
 struct Handler {
   explicit Handler(const TagSetting& setting)
@@ -71,26 +78,43 @@ struct Handler {
   const Requests requests;
 };
 
-void CountByList(Metric& metric, const Request& request, size_t tags) {
+// Calls `emit` with a list of strings that are made from the request.
+template <class Emit>
+void EmitWithStrings(const Request& request, size_t tags, Emit emit) {
+  std::vector<MetricTag> list{{"endpoint", std::string(request.endpoint)}};
+  if (tags > 1) {
+    list.reserve(tags);
+    list.emplace_back("instance", std::string(request.instance));
+    list.emplace_back("operation", std::to_string(request.operation));
+  }
+  if (tags > 3) {
+    list.emplace_back("region", std::string(request.region));
+    list.emplace_back("service", std::string(request.service));
+    list.emplace_back("status", std::to_string(request.status));
+    list.emplace_back("tenant", std::string(request.tenant));
+    list.emplace_back("zone", std::string(request.zone));
+  }
+  emit(list);
+}
+
+// Calls `emit` with views of what is in the request.
+template <class Emit>
+void EmitWithViews(const Request& request, size_t tags, Emit emit) {
   if (tags == 1) {
-    metric.WithTags({{"endpoint", std::string(request.endpoint)}})->Emit(Incr(1));
+    emit({{"endpoint", request.endpoint}});
   } else if (tags == 3) {
-    metric
-        .WithTags({{"endpoint", std::string(request.endpoint)},
-                   {"instance", std::string(request.instance)},
-                   {"operation", std::to_string(request.operation)}})
-        ->Emit(Incr(1));
+    emit({{"endpoint", request.endpoint},
+          {"instance", request.instance},
+          {"operation", request.operation}});
   } else {
-    metric
-        .WithTags({{"endpoint", std::string(request.endpoint)},
-                   {"instance", std::string(request.instance)},
-                   {"operation", std::to_string(request.operation)},
-                   {"region", std::string(request.region)},
-                   {"service", std::string(request.service)},
-                   {"status", std::to_string(request.status)},
-                   {"tenant", std::string(request.tenant)},
-                   {"zone", std::string(request.zone)}})
-        ->Emit(Incr(1));
+    emit({{"endpoint", request.endpoint},
+          {"instance", request.instance},
+          {"operation", request.operation},
+          {"region", request.region},
+          {"service", request.service},
+          {"status", request.status},
+          {"tenant", request.tenant},
+          {"zone", request.zone}});
   }
 }
 
@@ -105,8 +129,30 @@ void EmitAnew(benchmark::State& state, Count count) {
   }
 }
 
-void WithTagsAnew(benchmark::State& state) { EmitAnew(state, CountByList); }
-BENCHMARK(WithTagsAnew)->Apply(AnewSettings)->UseRealTime();
+void WithTagStrings(benchmark::State& state) {
+  EmitAnew(state, [](Metric& metric, const Request& request, size_t tags) {
+    EmitWithStrings(request, tags, [&](const std::vector<MetricTag>& list) {
+      metric.WithTags(list)->Emit(Incr(1));
+    });
+  });
+}
+BENCHMARK(WithTagStrings)->Apply(AnewSettings)->UseRealTime();
+
+using Views = std::initializer_list<TagView>;
+
+void WithTagViews(benchmark::State& state) {
+  EmitAnew(state, [](Metric& metric, const Request& request, size_t tags) {
+    EmitWithViews(request, tags, [&](Views views) { metric.WithTags(views)->Emit(Incr(1)); });
+  });
+}
+BENCHMARK(WithTagViews)->Apply(AnewSettings)->UseRealTime();
+
+void OneCallViews(benchmark::State& state) {
+  EmitAnew(state, [](Metric& metric, const Request& request, size_t tags) {
+    EmitWithViews(request, tags, [&](Views views) { metric.Emit(views, Incr(1)); });
+  });
+}
+BENCHMARK(OneCallViews)->Apply(AnewSettings)->UseRealTime();
 
 // Emissions of series that were made a moment ago: each round emits once on every series, and none
 // of them is in the caches then. The counters have the CPU time of one emission, by its number.

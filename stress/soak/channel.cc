@@ -16,6 +16,7 @@ using METRICS::MetricCoItemType;
 using METRICS::MetricFieldValue;
 using METRICS::MetricsType;
 using METRICS::ReturnCode;
+using tidegate::MetricTag;
 
 constexpr int kMaxValue = 200;
 constexpr int kBurst = 300;
@@ -147,6 +148,10 @@ std::vector<std::string> Channel::TagPairs(size_t series) const {
   return {"g", plan_.generation, "w", workers_[series]};
 }
 
+std::vector<MetricTag> Channel::TagList(size_t series) const {
+  return {{"w", workers_[series]}, {"g", plan_.generation}};
+}
+
 Channel::Item Channel::Find(size_t series) const {
   if (IsCompatible(plan_.shape)) {
     return plan_.metric->impl_->WithCompatibleTags(TagPairs(series));
@@ -156,12 +161,14 @@ Channel::Item Channel::Find(size_t series) const {
 
 Channel::Item Channel::FindSomehow(size_t series, Random& random) const {
   METRICS::Metric& metric = *plan_.metric;
-  switch (random() % 4) {
+  switch (random() % 5) {
     case 0:
-      return metric.WithTags({{"w", workers_[series]}, {"g", plan_.generation}});
+      return metric.WithTags(TagList(series));
     case 1:
-      return metric.WithTagMap({{"w", workers_[series]}, {"g", plan_.generation}});
+      return metric.WithTags({{"g", plan_.generation}, {"w", series}});
     case 2:
+      return metric.WithTagMap({{"w", workers_[series]}, {"g", plan_.generation}});
+    case 3:
       if (!held_.empty()) {
         return held_[series];
       }
@@ -204,8 +211,21 @@ void Channel::EmitOn(size_t series, Random& random) {
   std::vector<MetricFieldValue> values = ValuesOf(value, random);
   if (!handles_.empty() && random() % 2 == 0) {
     EmitBound(series, values);
+  } else if (random() % 2 == 0) {
+    EmitInOneCall(series, values, random);
   } else {
     Check(EmitNumbers(*FindSomehow(series, random), std::move(values), random));
+  }
+}
+
+void Channel::EmitInOneCall(size_t series, const std::vector<MetricFieldValue>& values,
+                            Random& random) const {
+  METRICS::Metric& metric = *plan_.metric;
+  const bool views = random() % 2 == 0;
+  const std::vector<MetricTag> list = TagList(series);
+  for (const MetricFieldValue& value : values) {
+    Check(views ? metric.Emit({{"g", plan_.generation}, {"w", series}}, value)
+                : metric.Emit(list, value));
   }
 }
 
@@ -220,10 +240,13 @@ void Channel::Burst(Random& random) {
   const std::vector<MetricFieldValue> values = ValuesOf(value, random);
   const Item item = FindSomehow(0, random);
   const bool bound = !handles_.empty() && random() % 2 == 0;
+  const bool one_call = random() % 2 == 0;
   for (int i = 0; i < kBurst; ++i) {
     accounts_[0]->Enter(value);
     if (bound) {
       EmitBound(0, values);
+    } else if (one_call) {
+      EmitInOneCall(0, values, random);
     } else {
       Check(item->Emit(values));
     }

@@ -99,12 +99,16 @@ class Channel {
   METRICS::ReturnCode EmitNumbers(METRICS::MetricCollectorItem& item,
                                   std::vector<METRICS::MetricFieldValue> values,
                                   Random& random) const;
+  // Looked up and emitted in one call for each of the values.
+  void EmitInOneCall(size_t series, const std::vector<METRICS::MetricFieldValue>& values,
+                     Random& random) const;
   void EmitBound(size_t series, const std::vector<METRICS::MetricFieldValue>& values);
   int RandomValue(Random& random) const;
   // One for each cell.
   std::vector<METRICS::MetricFieldValue> ValuesOf(int value, Random& random) const;
   void Check(METRICS::ReturnCode code) const;
   Item FindSomehow(size_t series, Random& random) const;
+  std::vector<tidegate::MetricTag> TagList(size_t series) const;
   std::vector<std::string> TagPairs(size_t series) const;
 
   const Plan plan_;

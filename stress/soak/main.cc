@@ -37,6 +37,7 @@ struct Options {
   int seconds = kShortForm;
   uint64_t seed = 0;
   int emitters = 4;
+  int pause = 1000;
   int expire = 1;
 };
 
@@ -45,7 +46,8 @@ using Worlds = std::vector<std::unique_ptr<World>>;
 // The threads beside the one of `main`, which looks after the agent.
 class Crew {
  public:
-  Crew(const Worlds& worlds, const Options& options) : worlds_(worlds), seed_(options.seed) {
+  Crew(const Worlds& worlds, const Options& options)
+      : worlds_(worlds), seed_(options.seed), pause_(options.pause) {
     for (int i = 0; i < options.emitters; ++i) {
       emitters_.emplace_back(&Crew::Emit, this, i);
     }
@@ -74,7 +76,7 @@ class Crew {
         worlds_[random() % worlds_.size()]->Emit(random);
       }
       // Readers that never pause would starve the writers of the library's locks.
-      std::this_thread::sleep_for(milliseconds(1));
+      std::this_thread::sleep_for(pause_);
     }
   }
 
@@ -102,6 +104,7 @@ class Crew {
 
   const Worlds& worlds_;
   const uint64_t seed_;
+  const std::chrono::microseconds pause_;
   std::atomic<bool> stop_{false};
   std::atomic<bool> stop_scenes_{false};
   MemoryWatch memory_;
@@ -155,6 +158,7 @@ int Soak(const Options& options) {
   Report report("soak");
   report.Figure("seconds", options.seconds);
   report.Figure("seed", static_cast<int64_t>(options.seed));
+  report.Figure("emitters", options.emitters);
   const test::ScopedLogLevel silent(4);
   const test::TempDir folder;
   AgentPath path;
@@ -203,6 +207,7 @@ int main(int argc, char** argv) {
   tidegate::stress::CommandLine line("soak", "Soaks the whole library and keeps books on it.",
                                      options.seconds);
   line.Add("--emitters", options.emitters, "Threads that emit");
+  line.Add("--pause", options.pause, "Microseconds that an emitter rests after 20 emissions");
   line.Add("--expire", options.expire,
            "Milliseconds between two passes of expiry; 0: it never rests");
   line.AddSeed();

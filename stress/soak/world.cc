@@ -107,8 +107,11 @@ void World::AddSteady(METRICS::MetricRegistry& registry, Shape shape) {
 
 void World::Emit(Random& random) {
   constexpr unsigned kBetweenBursts = 40;
+  constexpr milliseconds kTurn{50};
   if (random() % kBetweenBursts == 0) {
-    steady_[random() % steady_.size()]->Burst(random);
+    // Bursts of one time meet on one series and contend for its cells.
+    const auto turn = steady_clock::now().time_since_epoch() / kTurn;
+    steady_[static_cast<size_t>(turn) % steady_.size()]->Burst(random);
   } else if (random() % 2 == 0) {
     slots_[random() % slots_.size()]->Emit(random);
   } else {
