@@ -110,6 +110,39 @@ TEST(ConcurrentHashmapTest, WhatStaysIsFoundAndListedOnceWhileOthersComeAndGo) {
   EXPECT_EQ(total, static_cast<unsigned long>(kStaying));
 }
 
+TEST(TagValuesHashTest, TellsListsApartThatAreMuchAlike) {
+  std::set<uint64_t> hashes;
+  size_t lists = 0;
+  const auto add = [&](const Strings& list) {
+    ++lists;
+    const uint64_t hash = TagValuesHash()(list);
+    hashes.insert(hash);
+    TagValueRefs refs(list.size());
+    for (size_t i = 0; i < list.size(); ++i) refs.Set(i, list[i]);
+    EXPECT_EQ(TagValuesHash()(refs), hash);
+    EXPECT_TRUE(TagKVCmp()(list, refs));
+  };
+  for (size_t size = 0; size <= 70; ++size) {
+    const std::string text(size, 'a');
+    add({text});
+    for (size_t i = 0; i < size; ++i) add({text.substr(0, i) + 'b' + text.substr(i + 1)});
+    add({text.substr(0, size / 3), text.substr(size / 3)});
+    add({text, "b"});
+    add({"b", text});
+    add({text, "", "b"});
+  }
+  EXPECT_EQ(hashes.size(), lists);
+  // The table's bits are random, wherever it takes them from.
+  for (const unsigned shift : {0U, 24U, 56U}) {
+    std::vector<int> buckets(256);
+    for (int i = 0; i < 25600; ++i) {
+      ++buckets[TagValuesHash()(Strings{"v" + std::to_string(i)}) >> shift & 255];
+    }
+    EXPECT_GT(*std::min_element(buckets.begin(), buckets.end()), 40) << shift;
+    EXPECT_LT(*std::max_element(buckets.begin(), buckets.end()), 180) << shift;
+  }
+}
+
 class CollectorTest : public testing::Test {
  protected:
   tidegate::test::TestClient client_;

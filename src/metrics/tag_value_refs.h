@@ -4,7 +4,6 @@
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -31,20 +30,25 @@ class TagValueRefs {
   /// The most tags that a metric may declare.
   static constexpr size_t kMax = 255;
 
-  /// `count` values, all of them `value`. REQUIRES: `count` is at most `kMax`.
-  TagValueRefs(size_t count, std::string_view value) : count_(count) {
-    assert(count <= kMax);
-    std::uninitialized_fill_n(values_, count, value);
-  }
+  /// `count` values, none of which is set. REQUIRES: `count` is at most `kMax`; all are set before
+  /// any is read.
+  explicit TagValueRefs(size_t count) : count_(count) { assert(count <= kMax); }
   /// REQUIRES: before `Hash`.
   void Set(size_t index, std::string_view value) {
     assert(index < count_ && !hashed_);
-    values_[index] = value;
+    values_[index] = {value.data(), value.size()};
+  }
+  /// Sets the values from `index` on to `value`.
+  void SetFrom(size_t index, std::string_view value) {
+    for (; index < count_; ++index) {
+      Set(index, value);
+    }
   }
   size_t size() const { return count_; }
-  std::string_view operator[](size_t index) const { return values_[index]; }
-  const std::string_view* begin() const { return values_; }
-  const std::string_view* end() const { return values_ + count_; }
+  std::string_view operator[](size_t index) const {
+    assert(index < count_);
+    return {values_[index].data, values_[index].size};
+  }
 
   /// `HashTagValues` of them, computed once.
   uint64_t Hash() const {
@@ -59,10 +63,11 @@ class TagValueRefs {
   const size_t count_;
   mutable bool hashed_ = false;
   mutable uint64_t hash_ = 0;
-  // Filled as far as `count_`. In a union, as a view of its own would clear itself: 4 KiB of them.
-  union {
-    std::string_view values_[kMax];
-  };
+  // Not of views, whose constructor would write all of them.
+  struct Text {
+    const char* data;
+    size_t size;
+  } values_[kMax];
 };
 
 /// `HashTagValues` as the table of series wants it.
@@ -91,7 +96,11 @@ struct TagKVCmp {
     return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), SameText);
   }
   bool operator()(const std::vector<std::string>& a, const TagValueRefs& b) const {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), SameText);
+    bool same = a.size() == b.size();
+    for (size_t i = 0; same && i < a.size(); ++i) {
+      same = SameText(a[i], b[i]);
+    }
+    return same;
   }
 };
 

@@ -194,7 +194,7 @@ template <class Tags>
   if (RefuseMoreThanDeclared(tags.size()) || !PassStateGate()) {
     return GetDummyItem();
   }
-  TagValueRefs values(tag_count_, kMissingValue);
+  TagValueRefs values(tag_count_);
   const bool placed = Place(tags, values) == Placing::kDone;
   return FindPlaced(tags, placed, values);
 }
@@ -234,7 +234,7 @@ template <class Tags>
   if (RefuseMoreThanDeclared(tags.size()) || !PassStateGate()) {
     return EmitOn(*GetDummyItem(), values, count);
   }
-  TagValueRefs tag_values(tag_count_, kMissingValue);
+  TagValueRefs tag_values(tag_count_);
   const bool placed = Place(tags, tag_values) == Placing::kDone;
   if (placed && collector_->EmitToKnown(tag_values, values, count)) {
     return ReturnCode::kOk;
@@ -250,10 +250,11 @@ template <class Tags>
   if (values.size() == tag_count_) {
     return GetOrCreate(values);
   }
-  TagValueRefs refs(tag_count_, kMissingValue);
+  TagValueRefs refs(tag_count_);
   for (size_t i = 0; i < values.size(); ++i) {
     refs.Set(i, values[i]);
   }
+  refs.SetFrom(values.size(), kMissingValue);
   return FindOrCreate(refs);
 }
 
@@ -262,12 +263,10 @@ template <class Tags>
   if (!PassStateGate()) {
     return GetDummyItem();
   }
-  TagValueRefs values(tag_count_, kMissingValue);
+  TagValueRefs values(tag_count_);
   for (size_t i = 0; i < tag_count_; ++i) {
     const auto found = tags.find(tag_names_[i]);
-    if (found != tags.end()) {
-      values.Set(i, found->second);
-    }
+    values.Set(i, found != tags.end() ? std::string_view(found->second) : kMissingValue);
   }
   return FindOrCreate(values);
 }
@@ -308,7 +307,7 @@ MetricImpl::ItemPtr MetricImpl::WithCompatibleTags(const std::vector<std::string
 
 ReturnCode MetricImpl::GetTagValueVec(const std::vector<tidegate::MetricTag>& tags,
                                       std::vector<std::string>& values) {
-  TagValueRefs refs(tag_count_, kMissingValue);
+  TagValueRefs refs(tag_count_);
   const ReturnCode code = Resolve(tags, refs);
   for (size_t i = 0; code == ReturnCode::kOk && i < refs.size(); ++i) {
     if (!IsMissing(refs[i])) {
@@ -346,20 +345,33 @@ ReturnCode MetricImpl::Resolve(const Tags& tags, TagValueRefs& values) const {
 }
 
 template <class Tags>
-MetricImpl::Placing MetricImpl::Place(const Tags& tags, TagValueRefs& values) const {
+[[gnu::always_inline]] inline MetricImpl::Placing MetricImpl::Place(const Tags& tags,
+                                                                    TagValueRefs& values) const {
   size_t i = 0;  // tags in sorted order never search
   for (; i < tags.size() && SameText(tag_names_[i], KeyOf(tags[i])); ++i) {
     values.Set(i, ValueOf(tags[i]));
   }
+  return i == tag_count_ ? Placing::kDone : PlaceRest(tags, i, values);
+}
+
+template <class Tags>
+MetricImpl::Placing MetricImpl::PlaceRest(const Tags& tags, size_t first,
+                                          TagValueRefs& values) const {
+  values.SetFrom(first, kMissingValue);
   bool repeated = false;
-  for (; i < tags.size(); ++i) {
-    const auto found = std::find(tag_names_.begin(), tag_names_.end(), KeyOf(tags[i]));
-    if (found == tag_names_.end()) {
+  size_t next =
+      first;  // where there are gaps between sorted tags, a tag comes after the one before
+  for (size_t i = first; i < tags.size(); ++i) {
+    size_t left = tag_count_;
+    for (; left > 0 && !SameText(tag_names_[next], KeyOf(tags[i])); --left) {
+      next = next + 1 < tag_count_ ? next + 1 : 0;
+    }
+    if (left == 0) {
       return Placing::kUnknownKey;
     }
-    const auto index = static_cast<size_t>(found - tag_names_.begin());
-    repeated = repeated || !IsMissing(values[index]);
-    values.Set(index, ValueOf(tags[i]));
+    repeated = repeated || !IsMissing(values[next]);
+    values.Set(next, ValueOf(tags[i]));
+    next = next + 1 < tag_count_ ? next + 1 : 0;
   }
   return repeated ? Placing::kRepeatedKey : Placing::kDone;
 }

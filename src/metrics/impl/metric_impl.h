@@ -103,7 +103,10 @@ class MetricImpl : public ImplParts {
 
   /// Puts the values in place, the last one where a key is repeated.
   template <class Tags>
-  Placing Place(const Tags& tags, TagValueRefs& values) const;
+  inline Placing Place(const Tags& tags, TagValueRefs& values) const;
+  /// The same from tag `first` on, which is not the one with that index.
+  template <class Tags>
+  Placing PlaceRest(const Tags& tags, size_t first, TagValueRefs& values) const;
   /// 37 for too many tags, 53 for a bad value.
   template <class Tags>
   ReturnCode Validate(const Tags& tags) const;
