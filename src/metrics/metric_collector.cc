@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -29,8 +28,8 @@ namespace {
 constexpr unsigned long kCreatedSeriesBytes = 112;
 constexpr unsigned long kErasedSeriesBytes = 56;
 
-/// Allocates an object, with room for more bytes after it, at the start of a cache line. It leaves
-/// the heap at the start of another one.
+/// Allocates an object with room for more bytes after it. As a cell begins with two lines and takes
+/// one, the next item begins with a line too, unless other memory comes between.
 template <class T>
 struct TailAllocator {
   using value_type = T;
@@ -41,11 +40,12 @@ struct TailAllocator {
 
   T* allocate(size_t count) {
     constexpr size_t kHeapWord = sizeof(size_t);
+    constexpr size_t kTwoLines = 2 * kCacheLineBytes;
     const size_t bytes = count * sizeof(T) + tail_bytes + kHeapWord;
-    const size_t lines = (bytes + kCacheLineBytes - 1) / kCacheLineBytes;
-    return static_cast<T*>(AllocateLines(lines * kCacheLineBytes - kHeapWord));
+    const size_t pairs = (bytes + kCacheLineBytes - 1) / kTwoLines;  // and a line
+    return static_cast<T*>(::operator new(pairs* kTwoLines + kCacheLineBytes - kHeapWord));
   }
-  void deallocate(T* memory, size_t /*count*/) { std::free(memory); }
+  void deallocate(T* memory, size_t /*count*/) { ::operator delete(memory); }
 
   friend bool operator==(const TailAllocator&, const TailAllocator&) { return true; }
   friend bool operator!=(const TailAllocator&, const TailAllocator&) { return false; }

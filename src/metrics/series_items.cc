@@ -26,32 +26,29 @@ template <class Number, class Bounds>
 [[gnu::always_inline]] inline void EmitNumber(const CellTable::Entry& entry, const Number& number,
                                               Bounds bounds) {
   MetricBasicData& cell = *entry.Cell();
-  switch (entry.Type()) {
-    case MetricsType::kGauge:
-      static_cast<MetricGauge&>(cell).Emit(number);
-      break;
-    case MetricsType::kRate:
-      static_cast<MetricRate&>(cell).Emit(number);
-      break;
-    case MetricsType::kCounter:
-      static_cast<MetricCounter&>(cell).Emit(number);
-      break;
-    case MetricsType::kMeter:
-      static_cast<MetricMeter&>(cell).Emit(number);
-      break;
-    case MetricsType::kDeltaCounter:
-      static_cast<MetricDeltaCounter&>(cell).Emit(number);
-      break;
-    case MetricsType::kHistogram:
-      EmitSample(cell, number, *bounds());
-      break;
-    case MetricsType::kTimer:
-    case MetricsType::kUnknown:
-    case MetricsType::kMultiField:
-    case MetricsType::kTypeEnd:
-      cell.Emit(number);
-      break;
+  const MetricsType type = entry.Type();
+  if (AddingSums* const sums = SumsOf(cell, type); sums != nullptr) {
+    sums->Emit(number);
+  } else if (type == MetricsType::kHistogram) {
+    EmitSample(cell, number, *bounds());
+  } else {
+    cell.Emit(number);
   }
+}
+
+/// Emits what most emissions bring, an integer for an adding cell. Nothing is done if it gives
+/// false.
+[[gnu::always_inline]] inline bool AddInteger(const CellTable::Entry& entry,
+                                              const MetricFieldValue& value) {
+  if (value.type != entry.Type() || !value.is_integer) {
+    return false;
+  }
+  AddingSums* const sums = SumsOf(*entry.Cell(), value.type);
+  if (sums == nullptr) {
+    return false;
+  }
+  sums->Emit(value.value.integer);
+  return true;
 }
 
 /// Emits `value` on a cell, or drops it with a Warn line, which calls the cell `what`, where the
@@ -114,6 +111,23 @@ ReturnCode CellOfType(MetricsType type, const CellPtr& found, CellPtr& cell) {
 
 }  // namespace
 
+inline void MetricSuffixArray::DoEmit(const CellTable::Entry& entry,
+                                      const MetricFieldValue& value) {
+  if (!AddInteger(entry, value)) {
+    EmitOther(entry, value);
+  }
+}
+
+[[gnu::always_inline]] inline bool MetricSuffixArray::EmitToKnown(const MetricFieldValue& value,
+                                                                  size_t index) {
+  const CellTable::Entry* const found = suffixes_.Find(value.name, index);
+  if (found == nullptr) {
+    return false;
+  }
+  DoEmit(*found, value);
+  return true;
+}
+
 ReturnCode MetricSuffixArray::Emit(std::vector<MetricFieldValue>&& values) {
   return Emit(std::as_const(values));
 }
@@ -144,15 +158,6 @@ ReturnCode MetricSuffixArray::Emit(const MetricFieldValue& value) {
     return code;
   };
   return IsHidden() ? EmitHidden(emit) : emit();
-}
-
-bool MetricSuffixArray::EmitToKnown(const MetricFieldValue& value, size_t index) {
-  const CellTable::Entry* const found = suffixes_.Find(value.name, index);
-  if (found == nullptr) {
-    return false;
-  }
-  DoEmit(*found, value);
-  return true;
 }
 
 ReturnCode MetricSuffixArray::EmitToNew(const MetricFieldValue& value) {
@@ -213,7 +218,7 @@ bool MetricSuffixArray::EmitPlain(const MetricFieldValue* values, size_t count) 
   return true;
 }
 
-void MetricSuffixArray::DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value) {
+void MetricSuffixArray::EmitOther(const CellTable::Entry& entry, const MetricFieldValue& value) {
   EmitValue("Suffix", entry, value, [&] { return &metric_->GetHistogram(); });
 }
 
@@ -257,6 +262,12 @@ void MetricFieldArray::CreateField(const std::vector<MetricFieldInfo>& fields,
                       CovMetricTypeToStr(field.type), metric->name_.c_str());
   }
   metric->cache_series_.fetch_add(1, std::memory_order_relaxed);
+}
+
+inline void MetricFieldArray::DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value) {
+  if (!AddInteger(entry, value)) {
+    EmitOther(entry, value);
+  }
 }
 
 ReturnCode MetricFieldArray::Emit(std::vector<MetricFieldValue>&& values) {
@@ -322,7 +333,7 @@ bool MetricFieldArray::EmitPlain(const MetricFieldValue* values, size_t count) {
   return true;
 }
 
-void MetricFieldArray::DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value) {
+void MetricFieldArray::EmitOther(const CellTable::Entry& entry, const MetricFieldValue& value) {
   EmitValue("Field", entry, value, [&] { return &BoundsOf(value.name); });
 }
 

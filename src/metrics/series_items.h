@@ -55,6 +55,8 @@ class MetricSuffixArray final : public MetricCollectorItem {
   ReturnCode CreateSuffix(const std::string& name, const MetricsType& type,
                           const CellTable::Entry*& entry) METRICS_REQUIRES(adding_);
   void DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value);
+  __attribute__((noinline)) void EmitOther(const CellTable::Entry& entry,
+                                           const MetricFieldValue& value);
 
   ByteLock adding_;  ///< held by whoever adds a suffix
   /// A cell is never replaced or removed while the item lives.
@@ -111,6 +113,8 @@ class MetricFieldArray final : public MetricCollectorItem {
   /// Drops a value that names no field. `index` is where it is expected.
   void EmitToField(const MetricFieldValue& value, size_t index);
   void DoEmit(const CellTable::Entry& entry, const MetricFieldValue& value);
+  __attribute__((noinline)) void EmitOther(const CellTable::Entry& entry,
+                                           const MetricFieldValue& value);
   const std::vector<double>& BoundsOf(const std::string& field) const;
 
   CellTable fields_;
