@@ -107,8 +107,13 @@ inline void AppendBytes(char*& to, std::string_view bytes) {
     std::memcpy(to, &word, sizeof(word));
     std::memcpy(to + size - sizeof(last), &last, sizeof(last));
   };
-  if (size > 16) {
+  struct TwoWords {
+    uint64_t words[2];
+  };
+  if (size > 2 * sizeof(TwoWords)) {
     std::memcpy(to, from, size);
+  } else if (size >= sizeof(TwoWords)) {
+    by_two(TwoWords{});
   } else if (size >= 8) {
     by_two(uint64_t{});
   } else if (size >= 4) {

@@ -66,10 +66,11 @@ void ImplParts::PrepareTagBlock() {
 
 template <class Values>
 int32_t ImplParts::HashOfTags(const Values& tag_values) const {
+  const size_t declared = tag_values.size() == tag_index_.size() ? tag_values.size() : 0;
   uint32_t hash = kFNVOffsetBasis;
   size_t next = 0;
   for (size_t i = 0; i < send_tags_.size(); ++i) {
-    const bool is_declared = next < tag_values.size() && tag_index_[next] == i;
+    const bool is_declared = next < declared && tag_index_[next] == i;
     const std::string_view value =
         is_declared ? std::string_view(tag_values[next++]) : send_tags_[i].value;
     hash = TagFNVHash(send_tags_[i].key, value, hash);
@@ -79,22 +80,20 @@ int32_t ImplParts::HashOfTags(const Values& tag_values) const {
 
 template <class Values>
 void ImplParts::EncodeTagBlock(const Values& tag_values, int32_t& tag_hash, Pack& out) const {
-  const size_t declared = tag_block_parts_.size() - 1;
-  if (tag_values.size() != declared) {
-    EncodeTagBlock(std::vector<std::string>(declared), tag_hash, out);
-    return;
-  }
+  const size_t declared = tag_index_.size();
+  const bool fit = tag_values.size() == declared;
+  const auto value_at = [&](size_t i) { return fit ? std::string_view(tag_values[i]) : ""; };
   if (tag_hash == 0) {
     tag_hash = HashOfTags(tag_values);
   }
   size_t bytes = sizeof(tag_hash) + tag_block_parts_.back().size();
   for (size_t i = 0; i < declared; ++i) {
-    bytes += tag_block_parts_[i].size() + sizeof(uint32_t) + tag_values[i].size();
+    bytes += tag_block_parts_[i].size() + sizeof(uint32_t) + value_at(i).size();
   }
   out.Reserve(static_cast<int32_t>(bytes));
   Append(out.cursor, tag_hash);
   for (size_t i = 0; i < declared; ++i) {
-    const std::string_view value = tag_values[i];
+    const std::string_view value = value_at(i);
     AppendBytes(out.cursor, tag_block_parts_[i]);
     Append(out.cursor, static_cast<uint32_t>(value.size()));
     AppendBytes(out.cursor, value);
