@@ -14,10 +14,10 @@
 
 namespace METRICS {
 
-/// A cell as the flush walks it.
+/// A cell as the flush walks it, good for as long as its item lives.
 struct CellRef {
-  std::string name;
-  MetricBasicData* cell = nullptr;  ///< good for as long as its item lives
+  std::string_view name;
+  MetricBasicData* cell = nullptr;
   MetricsType type = MetricsType::kUnknown;
 };
 

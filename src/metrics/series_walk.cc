@@ -1,6 +1,7 @@
 #include "metrics/series_walk.h"
 
 #include <algorithm>
+#include <string_view>
 
 #include "metrics/packed_values.h"
 #include "util/line_allocator.h"
@@ -9,6 +10,7 @@ namespace METRICS {
 namespace {
 
 constexpr size_t kSteps = 8;  // after which what was fetched has come
+constexpr size_t kItemLines = 3;
 
 void FetchLines(const void* start, size_t lines) {
   asm volatile("");  // gcc drops the calls of a function that does nothing but fetch
@@ -17,8 +19,21 @@ void FetchLines(const void* start, size_t lines) {
   }
 }
 
-/// The lines of an item that its allocation has, with its tag values.
-void FetchItem(const MetricCollectorItem& item) { FetchLines(&item, 5); }
+/// The lines of an item with a few short tag values.
+void FetchItem(const MetricCollectorItem& item) { FetchLines(&item, kItemLines); }
+
+/// The lines after those, of an item that has come.
+void FetchLongValues(const MetricCollectorItem& item) {
+  const PackedValues& values = item.values();
+  if (values.size() > 0) {
+    const std::string_view last = values[values.size() - 1];
+    const char* const end = last.data() + last.size();
+    const char* line = reinterpret_cast<const char*>(&item) + kItemLines * kCacheLineBytes;
+    for (; line < end; line += kCacheLineBytes) {
+      __builtin_prefetch(line);
+    }
+  }
+}
 
 }  // namespace
 
@@ -51,27 +66,24 @@ void SeriesWalk::FetchAfter(size_t index) const {
   }
   if (index + kSteps < piece_.size()) {
     const MetricCollectorItem& item = *piece_[index + kSteps];
-    if (!item.encoded_tags_.empty()) {
+    if (item.encoded_tags_.empty()) {
+      FetchLongValues(item);
+    } else {
       FetchLines(item.encoded_tags_.data(), 2);
     }
   }
 }
 
-size_t SeriesWalk::ListCells(size_t begin) {
-  constexpr size_t kMostCells = 64;  // more would push each other out of the cache
-  const size_t last = std::min(begin + kListedAtOnce, piece_.size());
-  size_t cells = 0;
-  size_t i = begin;
-  for (; i < last && cells < kMostCells; ++i) {
-    FetchAfter(i);
-    ListedSeries& listed = listed_[i - begin];
-    listed.active = IsActive(*piece_[i]);
-    if (listed.active) {
-      piece_[i]->ListCells(listed.cells);
-      cells += listed.cells.size();
-    }
+size_t SeriesWalk::ListCells(size_t index) {
+  FetchAfter(index);
+  ListedSeries& series = Listed(index);
+  series.active = IsActive(*piece_[index]);
+  if (series.active) {
+    piece_[index]->ListCells(series.cells);
+  } else {
+    series.cells.clear();
   }
-  return i;
+  return series.cells.size();
 }
 
 }  // namespace METRICS

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -26,14 +27,15 @@ class SeriesWalk {
   template <class Visit>
   void EachSeries(Visit visit);
 
-  /// Calls `visit(item, cells)` for each, with a list of its cells. Those of up to 8 series are
-  /// listed, and on their way to the cache, before the first of these is visited: one that is shown
-  /// or gets a cell after that goes out with the next flush.
+  /// Calls `visit(item, cells)` for each, with a list of its cells. Those of up to 7 series after
+  /// it are listed by then, and on their way to the cache: one that is shown or gets a cell after
+  /// that goes out with the next flush.
   template <class Visit>
   void EachWithCells(Visit visit);
 
  private:
   static constexpr size_t kListedAtOnce = 8;
+  static constexpr size_t kMostCells = 64;    // more would push each other out of the cache
   static constexpr size_t kCellsKept = 1024;  // that a list keeps memory for
 
   struct ListedSeries {
@@ -52,9 +54,9 @@ class SeriesWalk {
   /// `index`.
   void FetchFirst() const;
   void FetchAfter(size_t index) const;
-  /// Lists the cells of series `begin` of the piece and some more; gives the index after the last
-  /// of them.
-  size_t ListCells(size_t begin);
+  /// Lists the cells of a series of the piece, and gives how many there are.
+  size_t ListCells(size_t index);
+  ListedSeries& Listed(size_t index) { return listed_[index % kListedAtOnce]; }
 
   MetricCollectorBase* collector_ = nullptr;  ///< not owned
   ListCursor cursor_;
@@ -82,17 +84,21 @@ template <class Visit>
 void SeriesWalk::EachWithCells(Visit visit) {
   for (; !piece_.empty(); TakeNext()) {
     FetchFirst();
-    for (size_t begin = 0, end = 0; begin < piece_.size(); begin = end) {
-      end = ListCells(begin);
-      for (size_t i = begin; i < end; ++i) {
-        ListedSeries& listed = listed_[i - begin];
-        if (listed.active) {
-          visit(*piece_[i], listed.cells);
-        }
-        piece_[i].reset();
-        if (listed.cells.capacity() > kCellsKept) {
-          std::vector<CellRef>().swap(listed.cells);
-        }
+    size_t listed = 0;
+    size_t cells = 0;  // of those that are listed and not visited yet
+    for (size_t i = 0; i < piece_.size(); ++i) {
+      const size_t most = std::min(i + kListedAtOnce, piece_.size());
+      while (listed < most && (listed == i || cells < kMostCells)) {
+        cells += ListCells(listed++);
+      }
+      ListedSeries& series = Listed(i);
+      if (series.active) {
+        visit(*piece_[i], series.cells);
+      }
+      piece_[i].reset();
+      cells -= series.cells.size();
+      if (series.cells.capacity() > kCellsKept) {
+        std::vector<CellRef>().swap(series.cells);
       }
     }
     ListNext();

@@ -48,7 +48,7 @@ bool IsRow(const MetricParts& metric, MetricsType type) {
          (form == SuffixForm::kRowIfAskedFor && metric.multi_field_summary_.load());
 }
 
-SuffixBlocks::SuffixBlocks(const MetricParts& metric, const std::string& suffix_name,
+SuffixBlocks::SuffixBlocks(const MetricParts& metric, std::string_view suffix_name,
                            MetricsType cell_type, bool as_row)
     : suffix(suffix_name), type(cell_type), row(as_row), numbers(KindOf(cell_type).numbers) {
   std::string tail;
@@ -100,7 +100,7 @@ void SuffixBlockTable::Clear() {
   suffixes_.Clear();
 }
 
-const SuffixBlocks& SuffixBlockTable::BlocksOf(const MetricParts& metric, const std::string& suffix,
+const SuffixBlocks& SuffixBlockTable::BlocksOf(const MetricParts& metric, std::string_view suffix,
                                                MetricsType type, bool row, size_t index) {
   const auto matches = [&](size_t i) {
     const SuffixBlocks& blocks = blocks_[i];
@@ -112,7 +112,8 @@ const SuffixBlocks& SuffixBlockTable::BlocksOf(const MetricParts& metric, const 
   const size_t found = suffixes_.Find(suffix, blocks_.size(), matches);
   if (found == blocks_.size()) {
     blocks_.emplace_back(metric, suffix, type, row);
-    suffixes_.Extend(blocks_.size(), [this](size_t i) { return blocks_[i].suffix; });
+    suffixes_.Extend(blocks_.size(),
+                     [this](size_t i) -> std::string_view { return blocks_[i].suffix; });
   }
   return blocks_[found];
 }

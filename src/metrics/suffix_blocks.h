@@ -25,7 +25,7 @@ bool IsRow(const MetricParts& metric, MetricsType type);
 /// The blocks of one suffix and type: the same for all series of a metric but for the tags, the
 /// time and the numbers.
 struct SuffixBlocks {
-  SuffixBlocks(const MetricParts& metric, const std::string& suffix_name, MetricsType cell_type,
+  SuffixBlocks(const MetricParts& metric, std::string_view suffix_name, MetricsType cell_type,
                bool as_row);
 
   std::string suffix;
@@ -54,8 +54,8 @@ class SuffixBlockTable {
   /// Forgets all: another metric follows.
   void Clear();
   /// `index` is where to look first. The result is good until the next call.
-  const SuffixBlocks& BlocksOf(const MetricParts& metric, const std::string& suffix,
-                               MetricsType type, bool row, size_t index = 0);
+  const SuffixBlocks& BlocksOf(const MetricParts& metric, std::string_view suffix, MetricsType type,
+                               bool row, size_t index = 0);
 
  private:
   std::vector<SuffixBlocks> blocks_;

@@ -1,7 +1,8 @@
 #pragma once
 
 #include <cstddef>
-#include <string>
+#include <functional>
+#include <string_view>
 #include <unordered_map>
 
 namespace METRICS {
@@ -15,9 +16,10 @@ class NameIndex {
  public:
   static constexpr size_t kCompared = 12;
 
-  /// The number of an entry named `name` of `count` for which `matches` holds, or `count`.
+  /// The number of an entry of `count` for which `matches` holds, which one named otherwise than
+  /// `name` must not, or `count`.
   template <class Matches>
-  size_t Find(const std::string& name, size_t count, Matches matches) const {
+  size_t Find(std::string_view name, size_t count, Matches matches) const {
     if (count <= kCompared) {
       size_t i = 0;
       while (i < count && !matches(i)) {
@@ -25,7 +27,7 @@ class NameIndex {
       }
       return i;
     }
-    const auto [first, last] = numbers_.equal_range(name);
+    const auto [first, last] = numbers_.equal_range(std::hash<std::string_view>()(name));
     for (auto known = first; known != last; ++known) {
       if (matches(known->second)) {
         return known->second;
@@ -40,7 +42,7 @@ class NameIndex {
   void Extend(size_t count, NameOf name_of) {
     if (count > kCompared) {
       for (size_t i = numbers_.size(); i < count; ++i) {
-        numbers_.emplace(name_of(i), i);
+        numbers_.emplace(std::hash<std::string_view>()(name_of(i)), i);
       }
     }
   }
@@ -52,7 +54,7 @@ class NameIndex {
   }
 
  private:
-  std::unordered_multimap<std::string, size_t> numbers_;  ///< empty up to `kCompared`
+  std::unordered_multimap<size_t, size_t> numbers_;  ///< by hashes; empty up to `kCompared`
 };
 
 }  // namespace METRICS
