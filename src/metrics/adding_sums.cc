@@ -14,27 +14,30 @@ AddingSums::~AddingSums() {
 void AddingSums::AddElsewhere(long value) {
   const uint32_t slot = ThreadSlot();
   uint32_t state = state_.load(std::memory_order_acquire);
-  if (slot == kNoThreadSlot) {
-    AddShared(static_cast<unsigned long>(value));
-  } else if (state >= kFirstSpread) {
-    AddAlone(PartOf(state - kFirstSpread, slot).integers, value);
-  } else if (value == 0) {
-    return;  // makes nobody the owner
-  } else if (state == slot || (state == kNoOwner && state_.compare_exchange_strong(
-                                                        state, slot, std::memory_order_relaxed))) {
-    AddAlone(own_sum_, value);
-  } else {
-    AddShared(static_cast<unsigned long>(value));
+  if (slot != kNoThreadSlot) {
+    if (state >= kFirstSpread) {
+      AddAlone(PartOf(state - kFirstSpread, slot).integers, value);
+      return;
+    }
+    if (value == 0) {
+      return;  // makes nobody the owner
+    }
+    if (state == slot || (state == kNoOwner &&
+                          state_.compare_exchange_strong(state, slot, std::memory_order_relaxed))) {
+      AddAlone(own_sum_, value);
+      return;
+    }
   }
+  AddShared(value);
 }
 
-void AddingSums::AddShared(unsigned long value) {
-  const unsigned long of_owner = own_sum_.load(std::memory_order_relaxed);
-  unsigned long seen = shared_sum_.load(std::memory_order_relaxed);
+void AddingSums::AddShared(long value) {
+  const long of_owner = own_sum_.load(std::memory_order_relaxed);
+  long seen = long_sum_.load(std::memory_order_relaxed);
   const bool added =
-      shared_sum_.compare_exchange_strong(seen, seen + value, std::memory_order_relaxed);
+      long_sum_.compare_exchange_strong(seen, Plus(seen, value), std::memory_order_relaxed);
   if (!added) {
-    shared_sum_.fetch_add(value, std::memory_order_relaxed);
+    long_sum_.fetch_add(value, std::memory_order_relaxed);
   }
   // The owner's word is on the same line: whoever writes it at this moment is waited for as well.
   if (!added || own_sum_.load(std::memory_order_relaxed) != of_owner) {
@@ -103,16 +106,17 @@ void AddingSums::ForEachOwnPart(Visit visit) const {
 }
 
 long AddingSums::Integers() const {
-  unsigned long sum = own_sum_.load(std::memory_order_relaxed) + shared_sum_.load();
-  ForEachOwnPart(
-      [&sum](const SumPart& part) { sum += part.integers.load(std::memory_order_relaxed); });
-  return static_cast<long>(sum);
+  long sum = Plus(own_sum_.load(std::memory_order_relaxed), long_sum_.load());
+  ForEachOwnPart([&sum](const SumPart& part) {
+    sum = Plus(sum, part.integers.load(std::memory_order_relaxed));
+  });
+  return sum;
 }
 
 long AddingSums::TakeIntegers() {
   const long sum = Integers();
   if (sum != 0) {
-    shared_sum_.fetch_sub(static_cast<unsigned long>(sum));
+    long_sum_.fetch_sub(sum);
   }
   return sum;
 }

@@ -17,8 +17,8 @@ constexpr uint8_t kQuietAfterFlushes = 3;
 /// The sum of integers has two words in the cell. The first slot that adds owns the one and adds by
 /// load and store; all others add to the other one by compare-exchange. Threads that meet here
 /// often in one interval spread the sums (`util/sum_parts.h`): from then on each slot adds integers
-/// to a part of its own, and threads without a slot go on as before. Each word only ever grows by
-/// what was added to it, so a reading finds every emission that happened before it once, and those
+/// to a part of its own, and threads without a slot go on as before. Each word only changes by
+/// what is added to it, so a reading finds every emission that happened before it once, and those
 /// that happen meanwhile at most once. Integers wrap around at 64 bits; the words do so each for
 /// itself, and are right together. Doubles are added by compare-exchange, to a word in the cell or
 /// to the slot's part.
@@ -74,13 +74,16 @@ class AddingSums {
   /// That many in one interval are a reason to spread.
   static constexpr uint8_t kCollisionsToSpread = 64;
 
+  /// Wraps around.
+  static long Plus(long a, long b) {
+    return static_cast<long>(static_cast<unsigned long>(a) + static_cast<unsigned long>(b));
+  }
   /// REQUIRES: only this thread adds to `sum`.
-  static void AddAlone(std::atomic<unsigned long>& sum, long value) {
-    sum.store(sum.load(std::memory_order_relaxed) + static_cast<unsigned long>(value),
-              std::memory_order_relaxed);
+  static void AddAlone(std::atomic<long>& sum, long value) {
+    sum.store(Plus(sum.load(std::memory_order_relaxed), value), std::memory_order_relaxed);
   }
   void AddElsewhere(long value);
-  void AddShared(unsigned long value);
+  void AddShared(long value);
   void AddReal(double value);
   void CountCollision();
   /// Calls `visit(part)` for each part, if the sums are spread.
@@ -94,8 +97,8 @@ class AddingSums {
     }
   }
 
-  std::atomic<unsigned long> own_sum_{0};     ///< written by threads of the owner's slot alone
-  std::atomic<unsigned long> shared_sum_{0};  ///< of all others, and less what was taken
+  std::atomic<long> own_sum_{0};   ///< written by threads of the owner's slot alone
+  std::atomic<long> long_sum_{0};  ///< of all others, and less what was taken
   std::atomic<double> double_sum_{0.0};
   /// The slot of the owner, or that there is none yet, or that the sums are spread, which stays so.
   std::atomic<uint32_t> state_{kNoOwner};

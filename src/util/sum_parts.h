@@ -10,7 +10,7 @@ namespace METRICS {
 
 /// What the threads of one slot have added to one spread sum.
 struct SumPart {
-  std::atomic<unsigned long> integers;
+  std::atomic<long> integers;
   std::atomic<double> reals;
 };
 
@@ -30,8 +30,7 @@ struct alignas(kPageBytes) Row {
 };
 extern Row rows[kThreadSlots];
 
-static_assert(std::atomic<unsigned long>::is_always_lock_free &&
-              std::atomic<double>::is_always_lock_free);
+static_assert(std::atomic<long>::is_always_lock_free && std::atomic<double>::is_always_lock_free);
 
 }  // namespace sum_parts_internal
 
