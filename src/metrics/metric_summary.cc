@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "util/fork_guard.h"
+#include "util/line_allocator.h"
 #include "util/metric_data_util.h"
 #include "util/thread_slot.h"
 
@@ -17,6 +18,9 @@ namespace {
 constexpr double kPercentiles[] = {0.5, 0.9, 0.95, 0.99, 0.999};
 
 SpreadCells spread_timers;
+
+static_assert(2 * sizeof(void*) + sizeof(MetricSummaryVecV2) <= kCacheLineBytes,
+              "an emission waits for one line of the cell, its owners' counts included");
 
 }  // namespace
 
@@ -166,8 +170,7 @@ void MetricSummaryVecV2::EmitColliding(double value) {
   {
     const WriteGuard guard(mutex_);
     samples_.Add(value);
-    often =
-        samples_.collisions < kCollisionsToSpread && ++samples_.collisions == kCollisionsToSpread;
+    often = collisions_ < kCollisionsToSpread && ++collisions_ == kCollisionsToSpread;
   }
   if (often) {
     Spread();
@@ -194,7 +197,7 @@ SendRes MetricSummaryVecV2::Send(const unsigned int& /*interval*/) {
 ChainedVector MetricSummaryVecV2::TakeSamples() {
   ChainedVector samples = [this] {
     const WriteGuard guard(mutex_);
-    samples_.collisions = 0;
+    collisions_ = 0;
     return ChainedVector(std::move(samples_));
   }();
   if (SpreadParts<Chain>* const chains = chains_.load(std::memory_order_acquire)) {

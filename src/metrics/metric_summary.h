@@ -8,6 +8,7 @@
 
 #include "metrics/metric_ckms_quantiles.h"
 #include "metrics/metric_data.h"
+#include "util/byte_lock.h"
 #include "util/metric_common.h"
 #include "util/metric_lock.h"
 #include "util/spread_parts.h"
@@ -107,12 +108,6 @@ class MetricSummaryVecV2 final : public MetricSummaryData {
  private:
   friend class SpreadTimer;  // of a test
 
-  /// Samples, and how often a thread found the mutex of the cell held since the last flush. A class
-  /// derived for the sake of memory: the number stands where the base has nothing.
-  struct CountedSamples : ChainedVector {
-    uint8_t collisions = 0;
-  };
-  static_assert(sizeof(CountedSamples) == sizeof(ChainedVector));
   class Chain {
    public:
     Chain() = default;
@@ -121,7 +116,7 @@ class MetricSummaryVecV2 final : public MetricSummaryData {
     ChainedVector Take();
 
    private:
-    Mutex mutex_;
+    ByteLock mutex_;
     ChainedVector samples_ METRICS_GUARDED_BY(mutex_);
   };
 
@@ -130,8 +125,10 @@ class MetricSummaryVecV2 final : public MetricSummaryData {
   void Spread();
   ChainedVector TakeSamples();
 
-  Mutex mutex_;
-  CountedSamples samples_ METRICS_GUARDED_BY(mutex_);
+  ByteLock mutex_;
+  /// How often a thread found the mutex held since the last flush.
+  uint8_t collisions_ METRICS_GUARDED_BY(mutex_) = 0;
+  ChainedVector samples_ METRICS_GUARDED_BY(mutex_);
   /// Null, or the chains of a spread cell. Published once by the thread that makes them; owned.
   std::atomic<SpreadParts<Chain>*> chains_{nullptr};
 };

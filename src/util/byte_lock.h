@@ -7,11 +7,11 @@
 
 namespace METRICS {
 
-/// A mutex of one byte, for objects of which there are many and that are hardly ever locked, by two
-/// threads at a time even less. Who has to wait spins, yields and naps.
+/// A mutex of one byte, for objects of which there are many, that are held for a few instructions
+/// and hardly ever by one thread while another one wants them. Unlocking is a plain store. Who has
+/// to wait spins, yields and naps.
 ///
-/// Not recursive. In a forked child it may be held by a thread that does not exist: what it guards
-/// must be such that nobody locks it there.
+/// Not recursive. In a forked child it may be held by a thread that does not exist.
 class METRICS_THREAD_ATTR(capability("mutex")) ByteLock {
  public:
   ByteLock() = default;
@@ -19,13 +19,25 @@ class METRICS_THREAD_ATTR(capability("mutex")) ByteLock {
   ByteLock& operator=(const ByteLock&) = delete;
 
   void Lock() METRICS_THREAD_ATTR(acquire_capability()) METRICS_NO_THREAD_SAFETY {
-    WaitUntil([this] { return !held_.exchange(true, std::memory_order_acquire); });
+    if (!TakeIfFree()) {
+      // A look does not take the line from the holder.
+      WaitUntil([this] { return !held_.load(std::memory_order_relaxed) && TakeIfFree(); });
+    }
+  }
+  /// False when another thread holds it.
+  bool TryLock() METRICS_THREAD_ATTR(try_acquire_capability(true)) METRICS_NO_THREAD_SAFETY {
+    return TakeIfFree();
   }
   void Unlock() METRICS_THREAD_ATTR(release_capability()) METRICS_NO_THREAD_SAFETY {
     held_.store(false, std::memory_order_release);
   }
 
+  /// As `Mutex::ReinitAfterFork`.
+  bool ReinitAfterFork() METRICS_NO_THREAD_SAFETY { return held_.exchange(false); }
+
  private:
+  bool TakeIfFree() { return !held_.exchange(true, std::memory_order_acquire); }
+
   std::atomic<bool> held_{false};
 };
 

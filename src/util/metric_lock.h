@@ -138,8 +138,6 @@ class METRICS_THREAD_ATTR(capability("mutex")) Mutex {
   Mutex& operator=(const Mutex&) = delete;
 
   void Lock() METRICS_THREAD_ATTR(acquire_capability()) { mutex_.lock(); }
-  /// False when another thread holds it.
-  bool TryLock() METRICS_THREAD_ATTR(try_acquire_capability(true)) { return mutex_.try_lock(); }
   void Unlock() METRICS_THREAD_ATTR(release_capability()) { mutex_.unlock(); }
 
   /// As `RwLock::ReinitAfterFork`, for a thread that held the mutex.
