@@ -41,7 +41,7 @@ struct SeriesKeys {
   }
 
  private:
-  static constexpr size_t kLines = 4;  // of a suffixed series with values of some ten bytes
+  static constexpr size_t kLines = 6;  // of a suffixed series with three values of 40 bytes
 };
 
 using SeriesMap =
