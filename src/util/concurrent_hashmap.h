@@ -69,8 +69,9 @@ class alignas(64) ConcurrentHashmap {
   template <class Key>
   [[gnu::always_inline]] std::shared_ptr<V> Get(const Key& key, uint32_t hash) {
     const FastReadGuard guard(rwlock_);
+    const ChunkedList<V>* const list = &list_;
     const Slot* const found = slots_.Find(hash, [&](const Slot& slot) {
-      list_.Fetch(slot.index);  // comes at the same time as the value
+      list->Fetch(slot.index);  // comes at the same time as the value
       return IsOf(slot, key);
     });
     return found == nullptr ? nullptr : list_[found->index];

@@ -136,7 +136,8 @@ class SlotTable {
     return leaf[-static_cast<ptrdiff_t>(EntryOf(hash) & (EntriesOf(*leaf) - 1))];
   }
   static uint32_t SlotsOf(const Leaf& leaf) { return leaf.slots == nullptr ? 0 : leaf.mask + 1; }
-  static bool IsFull(const Leaf& leaf) { return leaf.used * 16U >= SlotsOf(leaf) * 13U; }
+  /// At 13 of 16 searches are still short. One slot at least stays free, where they end.
+  static bool IsFull(const Leaf& leaf) { return (leaf.used + 1U) * 16 > SlotsOf(leaf) * 13; }
 
   static void Place(Leaf& leaf, const Slot& slot) {
     uint32_t i = slot.hash;
