@@ -1,6 +1,5 @@
 #include "metrics/metric_collector.h"
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -230,11 +229,13 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::Find(const TagValueRefs& 
 
 bool HashMapCollector::EmitToKnown(const TagValueRefs& tag_values, const MetricFieldValue* values,
                                    size_t count) {
-  const auto waits = [](const MetricFieldValue& value) {
-    return value.type == MetricsType::kTimer;
-  };
-  if (count > kMaxPlainValues || std::any_of(values, values + count, waits)) {
+  if (count > kMaxPlainValues) {
     return false;
+  }
+  for (size_t i = 0; i < count; ++i) {
+    if (values[i].type == MetricsType::kTimer) {  // whose cell may be held by another thread
+      return false;
+    }
   }
   bool emitted = false;
   series_->Visit(tag_values, SeriesMap::HashOf(tag_values), [&](MetricCollectorItem& item) {

@@ -66,6 +66,14 @@ template <class Bounds>
   }
 }
 
+/// The cell that takes `value`, the one with that index in its list; null if there is none.
+[[gnu::always_inline]] inline const CellTable::Entry* FindTaker(const CellTable& cells,
+                                                                const MetricFieldValue& value,
+                                                                size_t index) {
+  const CellTable::Entry* const found = cells.Find(value.name, index);
+  return found != nullptr && found->Type() == value.type ? found : nullptr;
+}
+
 /// Calls `emit` for each of `values` with its cell, if all have one of their type.
 template <class Emit>
 [[gnu::always_inline]] inline bool EmitPlainTo(const CellTable& cells,
@@ -73,9 +81,16 @@ template <class Emit>
                                                Emit emit) {
   assert(count <= kMaxPlainValues);
   const CellTable::Entry* found[kMaxPlainValues];
+  if (count == 1) {  // mostly
+    const CellTable::Entry* const taker = FindTaker(cells, *values, 0);
+    if (taker != nullptr) {
+      emit(*taker, *values);
+    }
+    return taker != nullptr;
+  }
   for (size_t i = 0; i < count; ++i) {
-    found[i] = cells.Find(values[i].name, i);
-    if (found[i] == nullptr || found[i]->Type() != values[i].type) {
+    found[i] = FindTaker(cells, values[i], i);
+    if (found[i] == nullptr) {
       return false;
     }
   }
