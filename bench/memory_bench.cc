@@ -81,6 +81,25 @@ void MemoryOfRates(benchmark::State& state, bool pre_encode) {
 BENCHMARK_CAPTURE(MemoryOfRates, tags_encoded_at_flush, false)->Iterations(1);
 BENCHMARK_CAPTURE(MemoryOfRates, tags_encoded_ahead, true)->Iterations(1);
 
+// With values of 20 to 60 bytes.
+void MemoryOfLongTags(benchmark::State& state) {
+  const auto tags = static_cast<size_t>(state.range(0));
+  Isolated(state, [tags]() -> Figures {
+    Client client;
+    Metric& metric = client.Make("rate", tags);
+    const auto emit_on = [&](size_t series) {
+      metric.WithTagValues(TagValues(series, tags, Length::k20To60))->Emit(Incr(1));
+    };
+    emit_on(kMany);
+    const double base = ResidentBytes();
+    for (size_t series = 0; series < kMany; ++series) {
+      emit_on(series);
+    }
+    return {{"bytes_per_series", (ResidentBytes() - base) / static_cast<double>(kMany)}};
+  });
+}
+BENCHMARK(MemoryOfLongTags)->ArgName("tags")->Arg(1)->Arg(3)->Arg(8)->Iterations(1);
+
 // Of one busy cell, and of many that get few samples and thus fill no block.
 void MemoryOfSamples(benchmark::State& state) {
   const auto series = static_cast<size_t>(state.range(0));

@@ -45,6 +45,18 @@ void PeerMemory(benchmark::State& state) {
 }
 BENCHMARK(PeerMemory)->Iterations(1);
 
+void PeerMemoryOfLongTags(benchmark::State& state) {
+  const auto tags = static_cast<size_t>(state.range(0));
+  Isolated(state, [tags]() -> Figures {
+    prometheus::Registry registry;
+    AddCounters(registry, "warm_up_total", 1, tags);
+    const double base = ResidentBytes();
+    AddCounters(registry, "requests_total", kMany, tags, Length::k20To60);
+    return {{"bytes_per_series", (ResidentBytes() - base) / static_cast<double>(kMany)}};
+  });
+}
+BENCHMARK(PeerMemoryOfLongTags)->ArgName("tags")->Arg(1)->Arg(3)->Arg(8)->Iterations(1);
+
 void PeerCreate(benchmark::State& state) {
   const auto series = static_cast<size_t>(state.range(0));
   Isolated(state, [series]() -> Figures {

@@ -30,10 +30,10 @@ inline prometheus::Labels LabelsOf(size_t series, size_t count, Length length = 
 
 // A family of `series` counters, each counted once.
 inline PeerCounters& AddCounters(prometheus::Registry& registry, const std::string& name,
-                                 size_t series, size_t tags) {
+                                 size_t series, size_t tags, Length length = Length::kTen) {
   PeerCounters& family = prometheus::BuildCounter().Name(name).Help("requests").Register(registry);
   for (size_t i = 0; i < series; ++i) {
-    family.Add(LabelsOf(i, tags)).Increment();
+    family.Add(LabelsOf(i, tags, length)).Increment();
   }
   return family;
 }
