@@ -93,7 +93,7 @@ class ChunkedList {
     std::unique_ptr<Entry[]> emptied;
   };
   void Remove(uint32_t index, Removed& removed) {
-    const uint32_t number = index / kChunk;
+    const auto number = static_cast<uint32_t>(index / kChunk);
     Chunk& chunk = chunks_[number];
     if (chunk.used-- == kChunk) {
       chunk.next_roomy = std::exchange(first_roomy_, number);
