@@ -1,6 +1,7 @@
 #include "metrics/adding_sums.h"
 
 #include "util/metric_data_util.h"
+#include "util/spread_parts.h"
 
 namespace METRICS {
 

@@ -71,8 +71,6 @@ class AddingSums {
   static constexpr uint32_t kNoOwner = kThreadSlots;
   static constexpr uint32_t kFirstSpread = kThreadSlots + 1;  ///< spread, with the first number
   static_assert(kNoThreadSlot >= kFirstSpread + kSpreadSums, "nobody's slot");
-  /// That many in one interval are a reason to spread.
-  static constexpr uint8_t kCollisionsToSpread = 64;
 
   /// Wraps around.
   static long Plus(long a, long b) {
