@@ -72,6 +72,7 @@ class alignas(kCacheLineBytes) SpreadParts {
     ForEach([](Part& part) { part.~Part(); });
     cells_.GiveBack();
   }
+  // NOLINTNEXTLINE(misc-new-delete-overloads): `Make` allocates, for the parts as well
   static void operator delete(void* memory) {
     ::operator delete(memory, std::align_val_t(kCacheLineBytes));
   }
