@@ -52,6 +52,12 @@ struct TailAllocator {
   size_t tail_bytes;
 };
 
+// Before an item are the counts of its owners and the allocator. An emission on its first suffix
+// reads the vector of virtual functions in the first line and all of the second one; the pointer to
+// further cells and the values come after these.
+constexpr size_t kBeforeItem = 2 * sizeof(void*) + sizeof(TailAllocator<MetricSuffixArray>);
+static_assert(kBeforeItem + sizeof(MetricSuffixArray) == 2 * kCacheLineBytes + sizeof(void*));
+
 struct DropItem {
   void operator()(MetricCollectorItem& item) const { item.Drop(); }
 };
