@@ -147,6 +147,32 @@ TEST_F(EncoderTest, EachSeriesIsInAFlushOnceWhateverThePiecesOfItsListing) {
   }
 }
 
+TEST_F(EncoderTest, WhatIsInATableThroughoutAFlushIsInItOnceWhateverElseComesAndGoes) {
+  constexpr int kSeries = 3000;
+  Metric& metric = *Make("p");
+  const std::string big(262143, 'v');  // sent before all others are listed
+  const auto emit = [&](const std::string& tag) { metric.WithTagValues({tag})->Emit({Store(1)}); };
+  emit(big);
+  for (int i = 0; i < kSeries; ++i) emit(std::to_string(i));
+  sent_.between = [&] {
+    for (int i = 0; i < kSeries; i += 3) metric.impl_->collector_->Erase({std::to_string(i)});
+    for (int i = 0; i < kSeries; ++i) emit("new" + std::to_string(i));
+  };
+  const auto flush = [&] {
+    std::map<std::string, int> flushed;
+    for (const Packet& packet : sent_.Flush(All())) {
+      for (const auto& block : packet.blocks) ++flushed[block.series.at(0).tags.at(0).value];
+    }
+    return flushed;
+  };
+  std::map<std::string, int> first = flush(), second = flush();
+  for (int i = 0; i < kSeries; ++i) {
+    const std::string tag = std::to_string(i);
+    EXPECT_EQ(first[tag], i % 3 == 0 && i >= 7 ? 0 : 1) << tag << ": cells of 7 are listed";
+    EXPECT_EQ(first["new" + tag] + second["new" + tag], 1) << tag;
+  }
+}
+
 TEST_F(EncoderTest, FieldsOfOneNameReportTheirCellEachAsFarAsTheColumnsGo) {
   HistoUtilBase few({1}), more({1, 2, 3});
   const T g = T::kGauge, r = T::kRate, c = T::kCounter, m = T::kMeter, t = T::kTimer,

@@ -63,6 +63,24 @@ TEST(ExpireTest, HidesIdleSeriesAndErasesThemFromAQuarterOn) {
   }
 }
 
+TEST(ExpireTest, AQuarterIsThatOfAllPiecesOfAListing) {
+  constexpr size_t kSeries = 2100;
+  for (const auto& [idle, erased] : {std::pair<size_t, size_t>(524, 0), {525, 525}}) {
+    TestClient client;
+    METRICS::Metric* const metric = client.Metric("m", {"a"});
+    std::vector<std::shared_ptr<METRICS::MetricCollectorItem>> items;
+    for (size_t i = 0; i < kSeries; ++i) {
+      items.push_back(metric->WithTagValues({std::to_string(i)}));
+      if (i % 4 == 0 && i / 4 < idle) items[i]->last_update_ = 0;
+    }
+    MetricExpireChecker checker(&*client);
+    checker.Start(10);
+    EXPECT_TRUE(WaitFor([&, last = 4 * (idle - 1)] { return !items[last]->active_; }));
+    checker.Exit();  // at the end of a pass
+    EXPECT_EQ(client->collector_factory_->total_series_, kSeries - erased);
+  }
+}
+
 TEST(ExpireTest, AnIntervalMakesAPauseOfATenthFromElevenOnAndASeriesIsIdleAfter7200Seconds) {
   TestClient client;
   for (const auto& [seconds, pause] : {std::pair(10, 10), {11, 1}, {600, 60}}) {
