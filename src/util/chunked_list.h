@@ -140,7 +140,9 @@ class ChunkedList {
 
   /// Of a value that was made with the counts of its owners: they stand before it.
   static void FetchCounts(const V* value) {
-    __builtin_prefetch(reinterpret_cast<const char*>(value) - sizeof(long), 1);
+    if (value != nullptr) {
+      __builtin_prefetch(reinterpret_cast<const char*>(value) - sizeof(long), 1);
+    }
   }
 
   bool AppendChunk(Room& room) {
