@@ -114,7 +114,7 @@ class ChunkedList {
     constexpr uint32_t kSteps = 16;
     const Chunk& walked = chunks_[chunk];
     for (uint32_t i = 0; i < walked.capacity; ++i) {
-      if (i + kSteps < walked.capacity && walked.entries[i + kSteps] != nullptr) {
+      if (i + kSteps < walked.capacity) {
         FetchCounts(walked.entries[i + kSteps].get());
       }
       if (walked.entries[i] != nullptr) {
