@@ -4,8 +4,8 @@
 #                                     of each process run, results.md, results.svg
 #   bench.sh instructions [--update]  instruction counts of an emission against bench/instructions.txt
 # bench/compare.py BEFORE AFTER holds two such folders against each other.
-# RUNS (3) process runs of each benchmark, CONTENDED_RUNS (9) of those with several threads, IDLE_SECONDS
-# (120) of rest. --short is one brief run of each, which only shows that they work.
+# RUNS (3) process runs of each benchmark, EMIT_RUNS (7) of emissions with one thread, CONTENDED_RUNS (9) of
+# those with several, IDLE_SECONDS (120) of rest. --short is one brief run of each, which only shows that they work.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
@@ -52,11 +52,14 @@ measure() {
   mkdir -p "$folder"
   rm -f "$folder"/*.json
   describe "$folder"
-  for ((run = 1; run <= RUNS; ++run)); do
-    step "run $run of $RUNS"
+  step "$EMIT_RUNS runs of emissions with one thread"
+  for ((run = 1; run <= EMIT_RUNS; ++run)); do
     run_once emit "$run" emit_bench --benchmark_filter=-threads:2
     run_once tags "$run" tags_bench "${tags_filter[@]}"
     run_peer peer "$run" "$peer_filter"
+  done
+  for ((run = 1; run <= RUNS; ++run)); do
+    step "run $run of $RUNS"
     run_once stall "$run" stall_bench --benchmark_filter="$stall_filter"
     for program in "$BIN"/*_bench; do
       program=${program##*/}
@@ -91,6 +94,7 @@ if [[ ${1:-} == instructions ]]; then
 fi
 
 RUNS=${RUNS:-3}
+EMIT_RUNS=${EMIT_RUNS:-7}
 CONTENDED_RUNS=${CONTENDED_RUNS:-9}
 IDLE_SECONDS=${IDLE_SECONDS:-120}
 IDLE_INTERVAL=30
@@ -102,7 +106,7 @@ short=
 if [[ ${1:-} == --short ]]; then
   shift
   short=yes
-  RUNS=1 CONTENDED_RUNS=1 IDLE_SECONDS=3 IDLE_INTERVAL=1
+  RUNS=1 EMIT_RUNS=1 CONTENDED_RUNS=1 IDLE_SECONDS=3 IDLE_INTERVAL=1
   min_time=(--benchmark_min_time=0.01)
   # Not what needs many series, or has its number of rounds.
   tags_filter=(--benchmark_filter='-First|series:100000')
