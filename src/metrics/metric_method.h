@@ -75,8 +75,8 @@ using IfOtherNumber =
 
 // The verbs. Each fixes a type and a default name; safe from any thread. They take every arithmetic
 // type: integers up to 64 bits signed stay integers, everything else becomes a double. Nothing
-// looks at the double: a NaN or an infinity stays in the sum of a rate, counter, meter, delta
-// counter or histogram, whose numbers are none from then on until the series is erased.
+// looks at the double: a NaN or an infinity stays in the sum of a counter, meter, delta counter or
+// histogram, whose numbers are none from then on until the series is erased.
 
 // clang-format off
 #define METRICS_DECLARE_VERB(Verb)                                 \
@@ -89,7 +89,7 @@ using IfOtherNumber =
   }
 // clang-format on
 
-/// Adds to a per-second rate named "rate". A NaN or an infinity ruins the series.
+/// Adds to a per-second rate named "rate". A NaN or an infinity ruins the interval.
 METRICS_DECLARE_VERB(Incr)
 
 /// A sample, by convention in microseconds, of a summary named "timer". A NaN ruins the sums of its
