@@ -52,8 +52,8 @@ class METRICS_API MetricCollectorItem {
   /// result is 0 all the same. On a suffixed metric a new name makes a suffix: 53 where it has
   /// illegal characters, the values before it are emitted then and the ones after it are not. On a
   /// row of fields a name that was not declared is dropped with a Warn line; 54 for more values
-  /// than fields, of which none is emitted. Allocates for new suffixes only, but the cell of an
-  /// exact timer keeps every sample.
+  /// than fields, of which none is emitted. Allocates for new suffixes only; but an exact timer
+  /// keeps every sample, and a timer or histogram on which threads often meet gets parts for them.
   virtual ReturnCode Emit(std::vector<MetricFieldValue>&& values);
   virtual ReturnCode Emit(const std::vector<MetricFieldValue>& values);
   /// For compatible metrics alone: emits `value` on the one cell of the series. It stays as it is.

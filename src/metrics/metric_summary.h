@@ -94,9 +94,9 @@ class MetricSummaryVecV1 final : public MetricSummaryData {
 ///
 /// An emission takes the cell's mutex and allocates once per block. Threads that wait for each
 /// other there often in one interval get chains of samples of their own, each with its mutex, which
-/// stay until the cell goes: some 10 for a few threads, 64 bytes each beside the samples. The flush
-/// holds a mutex only to take the chain away; it sorts on its own thread. All samples are freed at
-/// every flush.
+/// stay until the cell goes: `PartsForThreads` of 64 bytes each. A chain that gets a sample in an
+/// interval has a block of at least 256 until the flush. The flush holds a mutex only to take the
+/// chain away; it sorts on its own thread. All samples are freed at every flush.
 class MetricSummaryVecV2 final : public MetricSummaryData {
  public:
   ~MetricSummaryVecV2() override;
