@@ -61,8 +61,8 @@ class METRICS_API Metric : public MetricParts {
 
   /// `WithTags(tags)->Emit(value)` in one call, with the same codes, counts and lines: what costs
   /// least where the tags differ from call to call. A series that is there is found and added to in
-  /// one step, and no count of its owners is touched. A timer, a new series or suffix, and one that
-  /// wakes, take the two steps.
+  /// one step, and no count of its owners is touched. A timer or histogram, a new series or suffix,
+  /// and one that wakes, take the two steps.
   ReturnCode Emit(const std::vector<tidegate::MetricTag>& tags, const MetricFieldValue& value) {
     return EmitByTags(*impl_, tags, &value, 1);
   }

@@ -58,6 +58,11 @@ struct TailAllocator {
 constexpr size_t kBeforeItem = 2 * sizeof(void*) + sizeof(TailAllocator<MetricSuffixArray>);
 static_assert(kBeforeItem + sizeof(MetricSuffixArray) == 2 * kCacheLineBytes + sizeof(void*));
 
+/// Whether a cell of type `type` has a lock.
+bool HasLock(MetricsType type) {
+  return type == MetricsType::kTimer || type == MetricsType::kHistogram;
+}
+
 struct DropItem {
   void operator()(MetricCollectorItem& item) const { item.Drop(); }
 };
@@ -239,7 +244,7 @@ bool HashMapCollector::EmitToKnown(const TagValueRefs& tag_values, const MetricF
     return false;
   }
   for (size_t i = 0; i < count; ++i) {
-    if (values[i].type == MetricsType::kTimer) {  // whose cell may be held by another thread
+    if (HasLock(values[i].type)) {  // which another thread may hold, and writers would wait for it
       return false;
     }
   }

@@ -103,7 +103,7 @@ class MetricCollectorBase {
   virtual bool NextPiece(ListCursor& cursor, SeriesItems& items);
 
   /// Emits on a series that is known, visible and validated, in the table's read section, if each
-  /// value goes to a cell of its type that is there and is no timer. False where nothing was done.
+  /// value goes to a cell of its type that is there and has no lock. False where nothing was done.
   virtual bool EmitToKnown(const TagValueRefs& tag_values, const MetricFieldValue* values,
                            size_t count);
 
