@@ -290,6 +290,7 @@ TEST(TagViewTest, WritesNumbersAsTheyRead) {
       {{"k", -std::numeric_limits<long double>::denorm_min()}, "-4e-4951"},
       {{"k", std::nan("")}, "nan"},
       {{"k", static_cast<const char*>(nullptr)}, ""},
+      {{"k", nullptr}, ""},
       {{"k", ""}, ""}};
   for (const auto& [view, text] : texts) {
     const TagView copy = view;  // keeps no address of its source

@@ -26,10 +26,12 @@ class TagView {
   /// From a number. From a C string too, and null is the empty text, which no series has.
   template <class Value,
             std::enable_if_t<std::is_arithmetic_v<Value> || std::is_same_v<Value, const char*> ||
-                                 std::is_same_v<Value, char*>,
+                                 std::is_same_v<Value, char*> || std::is_null_pointer_v<Value>,
                              int> = 0>
   TagView(std::string_view key, Value value) : key_(key) {
-    if constexpr (std::is_pointer_v<Value>) {
+    if constexpr (std::is_null_pointer_v<Value>) {
+      SetText({});
+    } else if constexpr (std::is_pointer_v<Value>) {
       SetText(value != nullptr ? std::string_view(value) : std::string_view());
     } else if constexpr (std::is_same_v<Value, bool>) {
       SetText(value ? "true" : "false");
@@ -37,6 +39,8 @@ class TagView {
       number_[0] = value;
       size_ = 1;
     } else {
+      static_assert(std::is_floating_point_v<Value> || sizeof(Value) <= sizeof(long long),
+                    "An integer of more than 64 bits needs more room than there is.");
       // The sign makes a number of what is a kind of character.
       const std::to_chars_result end = std::to_chars(number_, number_ + sizeof(number_), +value);
       size_ = static_cast<size_t>(end.ptr - number_);
