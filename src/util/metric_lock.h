@@ -67,7 +67,9 @@ class METRICS_THREAD_ATTR(capability("rwlock")) BiasedRwLock {
   BiasedRwLock& operator=(const BiasedRwLock&) = delete;
 
   void Lock() METRICS_THREAD_ATTR(acquire_capability()) {
-    mutex_.lock();
+    if (!Try([this] { return mutex_.try_lock(); })) {
+      mutex_.lock();
+    }
     if (biased_.load(std::memory_order_relaxed)) {
       TakeBiasBack();
     }
@@ -94,6 +96,28 @@ class METRICS_THREAD_ATTR(capability("rwlock")) BiasedRwLock {
   static constexpr uint8_t kFewestReads = 4;
   static constexpr uint8_t kMostReads = 64;
   static constexpr uint32_t kLongMillis = 10;
+  static constexpr int kTries = 64;  // for a microsecond or some
+
+  /// Short readers and most writers are gone before a thread could fall asleep and be woken; and
+  /// one that is handed the lock in its sleep keeps the others out until it is awake. True once
+  /// `try_once` was.
+  template <class TryOnce>
+  static bool Try(TryOnce try_once) {
+    for (int tries = 0; tries < kTries; ++tries) {
+      if (try_once()) {
+        return true;
+      }
+      __builtin_ia32_pause();
+    }
+    return false;
+  }
+
+  /// `LockShared` for a short read.
+  void LockSharedSoon() METRICS_THREAD_ATTR(acquire_shared_capability()) {
+    if (!Try([this] { return mutex_.try_lock_shared(); })) {
+      mutex_.lock_shared();
+    }
+  }
 
   /// Makes the caller visible; null when it has to take the platform's lock.
   ReaderSlot* TryEnter() const {
@@ -189,7 +213,7 @@ class METRICS_THREAD_ATTR(scoped_lockable) FastReadGuard {
       : lock_(lock),
         slot_(lock.TryEnter()) {
     if (slot_ == nullptr) {
-      lock_.LockShared();
+      lock_.LockSharedSoon();
       lock_.CountRead();
     }
   }
