@@ -148,7 +148,7 @@ TEST(AllocationTest, WhereOneFailsATableOfCellsIsAsItWas) {
 
 TEST(AllocationTest, WhereOneFailsATableOfSeriesIsAsItWas) {
   // The first numbers that make the leaf grow, the list, both chunks of it, and the leaf split.
-  const std::pair<int, long> cases[] = {{0, 3}, {6, 1}, {8, 1}, {1024, 2}, {3328, 3}};
+  const std::pair<int, long> cases[] = {{0, 3}, {5, 1}, {8, 1}, {1024, 2}, {2816, 3}};
   for (const auto& [last, allocations] : cases) {
     for (long left = 0; left <= allocations; ++left) {
       std::atomic<unsigned long> total{0};
