@@ -95,13 +95,6 @@ struct TagKVCmp {
   bool operator()(const std::vector<std::string>& a, const std::vector<std::string>& b) const {
     return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), SameText);
   }
-  bool operator()(const std::vector<std::string>& a, const TagValueRefs& b) const {
-    bool same = a.size() == b.size();
-    for (size_t i = 0; same && i < a.size(); ++i) {
-      same = SameText(a[i], b[i]);
-    }
-    return same;
-  }
 };
 
 }  // namespace METRICS

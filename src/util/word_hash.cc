@@ -10,8 +10,8 @@ namespace {
 HashSeed MakeSeed() {
   HashSeed seed{};
   constexpr auto kBytes = static_cast<ssize_t>(sizeof(seed));
-  if (::getrandom(&seed, sizeof(seed), GRND_NONBLOCK) !=
-      kBytes) {  // an early boot, or no such call
+  if (::getrandom(&seed, sizeof(seed), GRND_NONBLOCK) != kBytes) {
+    // An early boot, or no such call.
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
     const auto address = reinterpret_cast<uintptr_t>(&seed);  // random too

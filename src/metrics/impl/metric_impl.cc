@@ -359,8 +359,8 @@ MetricImpl::Placing MetricImpl::PlaceRest(const Tags& tags, size_t first,
                                           TagValueRefs& values) const {
   values.SetFrom(first, kMissingValue);
   bool repeated = false;
-  size_t next =
-      first;  // where there are gaps between sorted tags, a tag comes after the one before
+  // Where there are gaps between sorted tags, a tag comes after the one before.
+  size_t next = first;
   for (size_t i = first; i < tags.size(); ++i) {
     size_t left = tag_count_;
     for (; left > 0 && !SameText(tag_names_[next], KeyOf(tags[i])); --left) {
