@@ -3,6 +3,7 @@
 
 set(TIDEGATE_PUBLIC_HEADERS
     include/tidegate/endpoint.h
+    include/tidegate/log.h
     include/tidegate/mconfiger_impl_base.h
     include/tidegate/metric_tag.h
     include/tidegate/metrics.h

@@ -14,6 +14,7 @@
 #include "metrics/metric_registry.h"
 #include "metrics/scoped_timer.h"
 #include "tidegate/endpoint.h"
+#include "tidegate/log.h"
 #include "tidegate/mconfiger_impl_base.h"
 #include "tidegate/metric_tag.h"
 #include "tidegate/service_discovery_base.h"

@@ -1,11 +1,23 @@
 #include "util/metric_log.h"
 
 #include <cstdarg>
+#include <cstdio>
 #include <iostream>
+
+#include "util/log_scope.h"
+#include "util/log_sink.h"
+#include "util/wait.h"
 
 namespace METRICS {
 
 std::atomic<uint8_t> g_metricsLogLevel{1};
+
+void LogLine(tidegate::LogLevel level, size_t prefix_bytes, const char* format, ...) noexcept {
+  va_list args;
+  va_start(args, format);
+  WriteLine(level, prefix_bytes, format, args);
+  va_end(args);
+}
 
 void DebugMsg(const std::vector<std::string>& tag_values, const char* format, ...) {
   if (LogLevel() != 0) {
@@ -22,8 +34,14 @@ void DebugMsg(const std::vector<std::string>& tag_values, const char* format, ..
     joined += value;
     joined += '|';
   }
+  constexpr char kPrefix[] = "[MetricSDK][Debug]";
+  if (HasLogSink()) {
+    LogLine(tidegate::LogLevel::kDebug, sizeof(kPrefix) - 1, "%s%s with tag value: %s\n", kPrefix,
+            text.data(), joined.c_str());
+    return;
+  }
   const NoCancellation no_cancellation;
-  std::cout << "[MetricSDK][Debug]" << text.data() << " with tag value: " << joined << std::endl;
+  std::cout << kPrefix << text.data() << " with tag value: " << joined << std::endl;
 }
 
 }  // namespace METRICS
