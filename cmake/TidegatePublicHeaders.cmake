@@ -7,6 +7,7 @@ set(TIDEGATE_PUBLIC_HEADERS
     include/tidegate/mconfiger_impl_base.h
     include/tidegate/metric_tag.h
     include/tidegate/metrics.h
+    include/tidegate/sampler.h
     include/tidegate/service_discovery_base.h
     include/tidegate/static_configer.h
     include/tidegate/static_vendor.h

@@ -25,7 +25,7 @@ FLOORS = [
     metric_ckms_quantiles histo_util cell_ptr cell_kinds cell_table packed_values metric_packet core_init_cfg
     metric_configer adding_sums""",
     # What the floors above know of a client, a registry and a metric.
-    "client_parts registry_parts registry_table metric_parts impl_parts removed tag_value_refs",
+    "client_parts flush_watch registry_parts registry_table metric_parts impl_parts removed tag_value_refs",
     # Series.
     "metric_collector_item series_items",
     "metric_collector metric_kdtree_collector metric_collector_factory",
@@ -41,6 +41,8 @@ FLOORS = [
     # The rest of a client, and the client.
     "metric_factory metric_self_monitor metric_expire_checker",
     "metric_client",
+    # The facade.
+    "sampler_thread",
 ]
 
 # From a unit to a unit, each with its folder. The umbrella header is the way into the library.

@@ -4,6 +4,7 @@
 
 namespace METRICS {
 
+class FlushWatch;
 class MetricCollectorFactory;
 class MetricConfiger;
 class MetricExpireChecker;
@@ -31,6 +32,7 @@ struct ClientParts {
   std::unique_ptr<MetricSelfMonitor> self_monitor_;
   SenderReports* sender_reports_ = nullptr;  ///< `self_monitor_`, as the senders see it
   std::unique_ptr<MetricSenderManager> sender_manager_;
+  FlushWatch* flush_watch_ = nullptr;  ///< not owned; set before `Init`, by nobody else
 };
 
 }  // namespace METRICS

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "metrics/client_parts.h"
+#include "metrics/flush_watch.h"
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_configer.h"
 #include "metrics/metric_encoder.h"
@@ -74,6 +75,9 @@ void MetricSender::FetchTenantInterval(const std::string& tenant) {
 bool MetricSender::DoPackAndSend() {
   if (collector_factory_->state_.load(std::memory_order_relaxed) != MetricState::READY) {
     return false;
+  }
+  if (client_->flush_watch_ != nullptr) {
+    client_->flush_watch_->BeforeFlush();
   }
   RunWithinMemory(tenant_.c_str(), "a flush", [this] { Flush(); });
   return true;

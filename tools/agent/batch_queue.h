@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "agent/batch.h"
-#include "agent/condition.h"
+#include "util/condition.h"
 #include "util/metric_lock.h"
 
 namespace tidegate::agent {
@@ -116,7 +116,7 @@ class BatchQueue {
   const std::function<bool()> has_spooled_;
 
   mutable METRICS::Mutex mutex_;
-  Condition changed_;
+  METRICS::Condition changed_;
   Batches packed_ METRICS_GUARDED_BY(mutex_);                // older than all of raw_
   Batches raw_ METRICS_GUARDED_BY(mutex_);                   // older than open_
   Batches open_ METRICS_GUARDED_BY(mutex_);                  // one at most, not counted in size_

@@ -5,7 +5,7 @@
 #include <list>
 #include <utility>
 
-#include "agent/condition.h"
+#include "util/condition.h"
 #include "util/metric_lock.h"
 
 namespace tidegate::agent {
@@ -76,7 +76,7 @@ class BoundedQueue {
 
   const size_t max_bytes_;
   mutable METRICS::Mutex mutex_;
-  Condition ready_;
+  METRICS::Condition ready_;
   std::list<Slot> slots_ METRICS_GUARDED_BY(mutex_);
   size_t bytes_ METRICS_GUARDED_BY(mutex_) = 0;
   bool closed_ METRICS_GUARDED_BY(mutex_) = false;

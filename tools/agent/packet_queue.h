@@ -9,10 +9,10 @@
 #include <unordered_map>
 #include <utility>
 
-#include "agent/condition.h"
 #include "agent/health.h"
 #include "agent/packet_sink.h"
 #include "agent/seqpacket_server.h"
+#include "util/condition.h"
 #include "util/metric_lock.h"
 
 namespace tidegate::agent {
@@ -76,7 +76,7 @@ class PacketQueue {
   Health* const health_;
 
   mutable METRICS::Mutex mutex_;
-  Condition ready_;
+  METRICS::Condition ready_;
   Senders turns_ METRICS_GUARDED_BY(mutex_);  // those with messages, the next one in front
   std::unordered_map<ProcessId, Senders::iterator> senders_ METRICS_GUARDED_BY(mutex_);  // by key
   // Bytes and key of each.

@@ -5,8 +5,8 @@
 #include <string>
 #include <thread>
 
-#include "agent/condition.h"
 #include "agent/report.h"
+#include "util/condition.h"
 #include "util/metric_lock.h"
 
 namespace tidegate::agent {
@@ -47,7 +47,7 @@ class PageMaker {
   const std::function<void()> on_made_;
   size_t last_size_ = 0;  // of its thread
   METRICS::Mutex mutex_;
-  Condition changed_;
+  METRICS::Condition changed_;
   State state_ METRICS_GUARDED_BY(mutex_) = State::kIdle;
   std::optional<std::string> page_ METRICS_GUARDED_BY(mutex_);
   std::thread thread_;  // only of the callers' thread

@@ -5,23 +5,22 @@
 
 #include "util/metric_lock.h"
 
-namespace tidegate::agent {
+namespace METRICS {
 
-// A condition variable for METRICS::Mutex, so that the compiler checks what is guarded. Both waits
-// release the mutex meanwhile and can return for no reason: call them in a loop.
-//
-// Safe from any number of threads.
+/// A condition variable for `Mutex`, so that the compiler checks what is guarded. Both waits
+/// release the mutex meanwhile and can return for no reason: call them in a loop. Safe from any
+/// number of threads.
 class Condition {
  public:
   void NotifyOne() { changed_.notify_one(); }
   void NotifyAll() { changed_.notify_all(); }
 
-  void Wait(METRICS::Mutex& mutex) METRICS_REQUIRES(mutex) {
+  void Wait(Mutex& mutex) METRICS_REQUIRES(mutex) {
     Held held = {mutex};
     changed_.wait(held);
   }
-  // False once it is `until`.
-  bool WaitUntil(METRICS::Mutex& mutex, std::chrono::steady_clock::time_point until)
+  /// False once it is `until`.
+  bool WaitUntil(Mutex& mutex, std::chrono::steady_clock::time_point until)
       METRICS_REQUIRES(mutex) {
     Held held = {mutex};
     return changed_.wait_until(held, until) == std::cv_status::no_timeout;
@@ -30,7 +29,7 @@ class Condition {
  private:
   // The mutex as the standard library takes it.
   struct Held {
-    METRICS::Mutex& mutex;
+    Mutex& mutex;
     void lock() METRICS_NO_THREAD_SAFETY { mutex.Lock(); }
     void unlock() METRICS_NO_THREAD_SAFETY { mutex.Unlock(); }
   };
@@ -38,4 +37,4 @@ class Condition {
   std::condition_variable_any changed_;
 };
 
-}  // namespace tidegate::agent
+}  // namespace METRICS

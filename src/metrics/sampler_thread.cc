@@ -1,0 +1,398 @@
+#include "metrics/sampler_thread.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <exception>
+#include <type_traits>
+#include <vector>
+
+#include "util/fork_guard.h"
+#include "util/metric_clock_util.h"
+#include "util/metric_log.h"
+#include "util/wait.h"
+#include "util/within_memory.h"
+
+namespace METRICS {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr int64_t kMillisPerSecond = 1000;
+constexpr int64_t kLongestLeadMillis = 1000;
+constexpr int64_t kTenth = 10;
+constexpr milliseconds kLongestEnd{2000};
+constexpr milliseconds kLongestAsk{5000};
+constexpr std::chrono::minutes kFailurePause{1};
+
+int64_t MillisBetween(steady_clock::time_point from, steady_clock::time_point to) {
+  return std::chrono::duration_cast<milliseconds>(to - from).count();
+}
+
+/// The sampler threads of the process, for `AskSamplersNow`.
+class RunningThreads {
+ public:
+  void Add(SamplerThread& thread) {
+    const WriteGuard guard(mutex_);
+    threads_.PushFront(thread);
+  }
+  /// Does nothing with one that is not there.
+  void Remove(SamplerThread& thread) {
+    const WriteGuard guard(mutex_);
+    threads_.RemoveIfThere(thread);
+  }
+  std::vector<std::shared_ptr<SamplerThread>> All() {
+    std::vector<std::shared_ptr<SamplerThread>> all;
+    const WriteGuard guard(mutex_);
+    for (SamplerThread* thread = threads_.Front(); thread != nullptr;
+         thread = LinkedList<SamplerThread>::Next(*thread)) {
+      all.push_back(thread->shared_from_this());
+    }
+    return all;
+  }
+  /// Once in a forked child, before it makes a thread that could be using this.
+  void RepairAfterFork() METRICS_NO_THREAD_SAFETY {
+    if (repaired_in_.exchange(::getpid()) != ::getpid()) {
+      mutex_.ReinitAfterFork();
+      threads_.RepairAfterFork();
+    }
+  }
+
+ private:
+  std::atomic<pid_t> repaired_in_{0};
+  Mutex mutex_;
+  LinkedList<SamplerThread> threads_ METRICS_GUARDED_BY(mutex_);
+};
+
+// Made before all code runs and never destroyed: for static objects that have samplers.
+RunningThreads g_running;
+static_assert(std::is_trivially_destructible_v<RunningThreads>);
+
+}  // namespace
+
+SamplerThread::SamplerThread(int interval)
+    : period_ms_(interval * kMillisPerSecond),
+      lead_ms_(std::min(period_ms_ / kTenth, kLongestLeadMillis)),
+      process_(::getpid()) {}
+
+tidegate::Sampler SamplerThread::Add(std::string name, std::function<void()> run) {
+  if (::getpid() != process_.load()) {
+    return tidegate::Sampler(std::string("the child of a fork begins with AtFork"));
+  }
+  const auto job =
+      std::make_shared<SamplerJob>(std::move(name), std::move(run), shared_from_this());
+  {
+    const WriteGuard guard(mutex_);
+    if (service_ == Service::kEnded) {
+      return tidegate::Sampler(std::string("the metrics have ended"));
+    }
+    job->self = job;
+    jobs_.PushFront(*job);
+  }
+  if (!Start()) {
+    End(*job);
+    return tidegate::Sampler(std::string("there is no thread to be had"));
+  }
+  return tidegate::Sampler(job);
+}
+
+bool SamplerThread::Start() {
+  {
+    const WriteGuard guard(mutex_);
+    // Of two that start it at the same time, the later one leaves it to the other.
+    if (service_ != Service::kOn || starting_ || state_.load() != MetricState::INIT) {
+      return true;
+    }
+    starting_ = true;
+  }
+  ReturnCode code = ReturnCode::kAllocCollectorError;
+  RunWithinMemory("Samplers", "the start of their thread", [&] {
+    code = StartThread("ms_sampler", [self = shared_from_this()] { self->Run(); });
+  });
+  const bool started = code == ReturnCode::kOk;
+  if (started) {
+    g_running.Add(*this);
+  }
+  const WriteGuard guard(mutex_);
+  starting_ = false;
+  if (started) {
+    state_.store(MetricState::READY);
+  }
+  changed_.NotifyAll();
+  return started;
+}
+
+void SamplerThread::End(SamplerJob& job) {
+  const NoCancellation uncancelled;
+  if (job.ended.exchange(true)) {
+    return;  // in a child, whose parent was ending it
+  }
+  if (::getpid() != process_.load()) {
+    return;  // the lock may be held by nobody; what is in the list stays for `AtFork`
+  }
+  std::shared_ptr<SamplerJob> unlinked;
+  std::function<void()> run;
+  const WriteGuard guard(mutex_);
+  if (current_ != &job) {
+    unlinked = Unlink(job);
+    run.swap(job.run);
+  } else if (worker_ != std::this_thread::get_id()) {
+    while (current_ == &job) {
+      changed_.Wait(mutex_);
+    }
+  }
+}
+
+std::shared_ptr<SamplerJob> SamplerThread::Unlink(SamplerJob& job) {
+  if (job.self != nullptr) {
+    jobs_.Remove(job);
+  }
+  return std::move(job.self);
+}
+
+void SamplerThread::Stop() { StopAfter(true); }
+
+bool SamplerThread::StopAfter(bool last_round) {
+  const NoCancellation uncancelled;
+  if (::getpid() != process_.load()) {
+    RepairAfterFork();
+  }
+  bool in_time = false;
+  {
+    const WriteGuard guard(mutex_);
+    while (starting_) {
+      changed_.Wait(mutex_);
+    }
+    service_ = Service::kEnded;
+    if (state_.load() != MetricState::READY) {
+      return true;
+    }
+    state_.store(MetricState::SHUTDOWN);
+    given_up_ = !last_round;
+    changed_.NotifyAll();
+    const auto until = steady_clock::now() + kLongestEnd;
+    while (worker_ != std::this_thread::get_id() && !gone_ && changed_.WaitUntil(mutex_, until)) {
+    }
+    in_time = gone_;
+    given_up_ = true;
+  }
+  g_running.Remove(*this);
+  if (in_time) {
+    JoinThread();
+  } else {
+    LeaveThread();
+  }
+  return in_time;
+}
+
+void SamplerThread::LeaveThread() {
+  thread_.detach();
+  std::shared_ptr<SamplerJob> job;
+  {
+    const WriteGuard guard(mutex_);
+    job = current_ != nullptr ? current_->self : nullptr;
+  }
+  METRICS_LOG_ERROR("Sampler[%s] still runs: the end does not wait for it\n",
+                    job != nullptr ? job->name.c_str() : "");
+}
+
+void SamplerThread::AtFork() {
+  if (::getpid() != process_.load()) {
+    RepairAfterFork();
+  } else if (!StopAfter(false)) {
+    return;  // for ever: the thread that is left would meet another one here
+  }
+  const WriteGuard guard(mutex_);
+  service_ = Service::kPaused;
+  state_.store(MetricState::INIT);
+  gone_ = false;
+  given_up_ = false;
+}
+
+void SamplerThread::RepairAfterFork() METRICS_NO_THREAD_SAFETY {
+  g_running.RepairAfterFork();
+  g_running.Remove(*this);
+  process_.store(::getpid());
+  state_.store(MetricState::INIT);
+  Abandon(thread_);
+  mutex_.ReinitAfterFork();
+  Abandon(changed_);
+  starting_ = false;
+  current_ = nullptr;
+  worker_ = {};
+  rounds_done_ = rounds_wanted_;
+  jobs_.RepairAfterFork();
+  for (SamplerJob* job = jobs_.Front(); job != nullptr;) {
+    SamplerJob* const next = jobs_.Next(*job);
+    if (job->ended.load()) {
+      // Leaked: its callback may have been running.
+      jobs_.Remove(*job);
+    }
+    job = next;
+  }
+}
+
+bool SamplerThread::Resume() {
+  {
+    const WriteGuard guard(mutex_);
+    if (service_ == Service::kPaused) {
+      service_ = Service::kOn;
+    }
+    if (jobs_.Front() == nullptr) {
+      return true;
+    }
+  }
+  return Start();
+}
+
+void SamplerThread::AskNow() {
+  if (::getpid() != process_.load()) {
+    return;
+  }
+  const WriteGuard guard(mutex_);
+  if (state_.load() != MetricState::READY || worker_ == std::this_thread::get_id()) {
+    return;
+  }
+  const uint64_t wanted = ++rounds_wanted_;
+  changed_.NotifyAll();
+  const auto until = steady_clock::now() + kLongestAsk;
+  while (!gone_ && rounds_done_ < wanted && changed_.WaitUntil(mutex_, until)) {
+  }
+}
+
+void SamplerThread::BeforeFlush() {
+  std::shared_ptr<SamplerJob> job;
+  int64_t lasted_ms = 0;
+  {
+    const WriteGuard guard(mutex_);
+    if (current_ == nullptr || current_->late_told) {
+      return;
+    }
+    // A flush in the middle of the lead, as of another tenant, is no boundary of this.
+    lasted_ms = MillisBetween(round_began_, Clock::now());
+    if (lasted_ms < lead_ms_ - lead_ms_ / kTenth) {
+      return;
+    }
+    current_->late_told = true;
+    job = current_->self;
+  }
+  METRICS_LOG_ERROR(
+      "Sampler[%s] still runs, %ld ms after the samplers were asked: values are late\n",
+      job->name.c_str(), static_cast<long>(lasted_ms));
+}
+
+void SamplerThread::Run() {
+  EnterThread("ms_sampler");
+  const WriteGuard guard(mutex_);
+  while (starting_) {
+    changed_.Wait(mutex_);
+  }
+  worker_ = std::this_thread::get_id();
+  bool last = false;
+  while (!last && !given_up_) {
+    last = !Running();
+    const uint64_t wanted = rounds_wanted_;
+    if (last || rounds_done_ != wanted || IsDue()) {
+      asked_boundary_ms_ = NextBoundary(WallMillis());
+      AskAll();
+      rounds_done_ = wanted;
+      changed_.NotifyAll();
+    }
+  }
+  gone_ = true;
+  changed_.NotifyAll();
+}
+
+int64_t SamplerThread::NextBoundary(int64_t now_ms) const {
+  return now_ms - now_ms % period_ms_ + period_ms_;
+}
+
+/// Waits until it is time, or something has changed.
+bool SamplerThread::IsDue() {
+  const int64_t now_ms = WallMillis();
+  int64_t boundary_ms = NextBoundary(now_ms);
+  if (boundary_ms == asked_boundary_ms_) {
+    boundary_ms += period_ms_;
+  }
+  const int64_t left_ms = boundary_ms - lead_ms_ - now_ms;
+  if (left_ms > 0) {
+    changed_.WaitUntil(mutex_, Clock::now() + milliseconds(left_ms));
+  }
+  return left_ms <= 0;
+}
+
+void SamplerThread::AskAll() {
+  round_began_ = Clock::now();
+  current_ = given_up_ ? nullptr : jobs_.Front();
+  while (current_ != nullptr) {
+    SamplerJob& job = *current_;
+    mutex_.Unlock();
+    Ask(job);
+    mutex_.Lock();
+    std::shared_ptr<SamplerJob> ended;
+    if (job.ended.load()) {
+      mutex_.Unlock();
+      job.run = nullptr;
+      mutex_.Lock();
+      current_ = jobs_.Next(job);
+      ended = Unlink(job);
+    } else {
+      current_ = jobs_.Next(job);
+    }
+    if (given_up_) {
+      current_ = nullptr;
+    }
+    changed_.NotifyAll();
+  }
+}
+
+void SamplerThread::Ask(SamplerJob& job) {
+  const Clock::time_point began = Clock::now();
+  try {
+    job.run();
+  } catch (const std::exception& error) {
+    TellFailure(job, error.what());
+  } catch (...) {
+    TellFailure(job, "not a std::exception");
+  }
+  const int64_t took_ms = MillisBetween(began, Clock::now());
+  if (took_ms > period_ms_ / kTenth && !job.slow_told) {
+    job.slow_told = true;
+    METRICS_LOG_WARN("Sampler[%s] took %ld ms, more than a tenth of the interval\n",
+                     job.name.c_str(), static_cast<long>(took_ms));
+  }
+}
+
+void SamplerThread::TellFailure(SamplerJob& job, const char* what) {
+  const uint64_t failures = job.failures.fetch_add(1, std::memory_order_relaxed) + 1;
+  const Clock::time_point now = Clock::now();
+  if (failures == 1 || now - job.failure_told >= kFailurePause) {
+    job.failure_told = now;
+    METRICS_LOG_ERROR("Sampler[%s] threw (%lu times so far): %s\n", job.name.c_str(),
+                      static_cast<unsigned long>(failures), what);
+  }
+}
+
+void AskSamplersNow() {
+  for (const std::shared_ptr<SamplerThread>& thread : g_running.All()) {
+    thread->AskNow();
+  }
+}
+
+}  // namespace METRICS
+
+namespace tidegate {
+
+void Sampler::End() noexcept {
+  if (job_ != nullptr) {
+    job_->thread->End(*job_);
+    job_.reset();
+  }
+}
+
+uint64_t Sampler::Failures() const noexcept {
+  return job_ != nullptr ? job_->failures.load(std::memory_order_relaxed) : 0;
+}
+
+}  // namespace tidegate
