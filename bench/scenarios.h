@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -44,8 +45,8 @@ class Client {
   Client() : Client(Options()) {}
   explicit Client(const Options& options) {
     METRICS::g_metricsLogLevel = 4;
-    client_.Init(new StaticConfiger({options.interval}), new StaticVendor({options.socket}),
-                 nullptr, options.core);
+    client_.Init(std::make_unique<StaticConfiger>(options.interval),
+                 std::make_unique<StaticVendor>(options.socket), nullptr, options.core);
     METRICS::MetricRegistryCfg cfg;
     cfg.tenant = "bench";
     cfg.prefix = "app";

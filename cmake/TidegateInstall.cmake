@@ -3,7 +3,6 @@
 
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
-include(${CMAKE_CURRENT_LIST_DIR}/TidegatePublicHeaders.cmake)
 
 set(tidegate_include_dir ${CMAKE_INSTALL_INCLUDEDIR}/tidegate-metrics)
 set(tidegate_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/tidegate-metrics)
@@ -18,7 +17,10 @@ install(
 foreach(header IN LISTS TIDEGATE_PUBLIC_HEADERS)
   string(REGEX REPLACE "^(include|src)/" "" installed ${header})
   cmake_path(GET installed PARENT_PATH folder)
-  install(FILES ${header} DESTINATION ${tidegate_include_dir}/${folder} COMPONENT dev)
+  install(
+    FILES ${TIDEGATE_STAGED_HEADERS}/${installed}
+    DESTINATION ${tidegate_include_dir}/${folder}
+    COMPONENT dev)
 endforeach()
 
 install(

@@ -1,5 +1,5 @@
-# The headers that a service includes, and the headers that those include: relative to include/ and src/. They are
-# installed as one tree, so that an include reads alike in a checkout and in an installed package.
+# The headers that a service includes, and the headers that those include. Users get them as one tree, see
+# TidegateStageHeaders.cmake.
 
 set(TIDEGATE_PUBLIC_HEADERS
     include/tidegate/endpoint.h

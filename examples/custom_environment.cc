@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -59,16 +60,16 @@ class Machine : public METRICS::DummyVendor {
 int main(int argc, char** argv) {
   example::SetUpProcess();
   METRICS::MetricClient client;
-  // From `new`: they are the client's from here on.
-  client.Init(new Settings, new Machine(example::MachineOf(argc, argv).socket_path), nullptr, {});
+  client.Init(std::make_unique<Settings>(),
+              std::make_unique<Machine>(example::MachineOf(argc, argv).socket_path));
 
   METRICS::MetricRegistryCfg registry = example::Registry("custom");
   registry.tags = {{"cluster", "south"}};
   METRICS::MetricInstanceCfg definition;
   definition.name = "starts";
-  const auto [starts, code] = client.CreateMetric(registry, definition);
-  example::Require(code);
-  starts->Emit({}, METRICS::Add(1));
+  const auto starts = client.CreateMetric(registry, definition);
+  example::Require(starts.code);
+  starts.metric->Emit({}, METRICS::Add(1));
 
   client.FlushAndExit();
   std::printf(

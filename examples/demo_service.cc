@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -269,7 +270,7 @@ int main(int argc, char** argv) {
   METRICS::g_metricsLogLevel = 3;  // of the library's lines on standard output, errors only
 
   METRICS::MetricClient client;
-  client.Init(new Settings, new Machine(options.socket_path), nullptr, {});
+  client.Init(std::make_unique<Settings>(), std::make_unique<Machine>(options.socket_path));
   Shop shop(MakeMetrics(client));
   shop.Run(std::chrono::seconds(options.seconds));
   client.FlushAndExit();

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -38,8 +39,8 @@ inline void Require(METRICS::ReturnCode code) {
 /// every second, so that one has something to look at.
 inline void Start(METRICS::MetricClient& client, int argc, char** argv) {
   SetUpProcess();
-  Require(client.Init(new tidegate::StaticConfiger({1}),
-                      new tidegate::StaticVendor(MachineOf(argc, argv)), nullptr, {}));
+  Require(client.Init(std::make_unique<tidegate::StaticConfiger>(1),
+                      std::make_unique<tidegate::StaticVendor>(MachineOf(argc, argv))));
 }
 
 inline METRICS::MetricRegistryCfg Registry(const std::string& prefix) {
@@ -52,9 +53,9 @@ inline METRICS::MetricRegistryCfg Registry(const std::string& prefix) {
 
 inline METRICS::Metric* MakeMetric(METRICS::MetricClient& client, const std::string& prefix,
                                    const METRICS::MetricInstanceCfg& definition) {
-  const auto [metric, code] = client.CreateMetric(Registry(prefix), definition);
-  Require(code);
-  return metric;
+  const auto made = client.CreateMetric(Registry(prefix), definition);
+  Require(made.code);
+  return made.metric;
 }
 
 }  // namespace example

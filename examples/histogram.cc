@@ -28,9 +28,9 @@ int main(int argc, char** argv) {
   definition.name = "wrong";
   definition.histo = &wrong;
   METRICS::g_metricsLogLevel = 4;  // the refusal would print its line
-  const auto [refused, code] = client.CreateMetric(example::Registry("http"), definition);
-  if (refused == nullptr) {
-    std::printf("refused as it should be: code %d, %s\n", static_cast<int>(code),
+  const auto refused = client.CreateMetric(example::Registry("http"), definition);
+  if (refused.metric == nullptr) {
+    std::printf("refused as it should be: code %d, %s\n", static_cast<int>(refused.code),
                 wrong.Reason().c_str());
   }
 

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -89,7 +90,8 @@ int LiveAsChild(MetricClient& client, const std::string& socket, int number) {
     default:
       client.FlushAndExit();
   }
-  if (client.Init(new test::TestConfiger({}, test::kNeverDue), new StaticVendor({socket}), nullptr,
+  if (client.Init(std::make_unique<test::TestConfiger>(test::kNeverDue),
+                  std::make_unique<StaticVendor>(socket), nullptr,
                   SelfMonitored()) != ReturnCode::kOk) {
     return 2;
   }

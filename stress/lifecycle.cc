@@ -267,7 +267,8 @@ void GlobalClients(int /*length*/) {
   CoreInitCfg core;
   core.force_self_monitor = true;
   for (MetricClient* const client : {&early_global, &late_global}) {
-    client->Init(new TestConfiger({}, 1), new StaticVendor({agent.path()}), nullptr, core);
+    client->Init(std::make_unique<TestConfiger>(), std::make_unique<StaticVendor>(agent.path()),
+                 nullptr, core);
     const AllKinds kinds(*client, "t1", "p");
     Workers workers;
     workers.Start(4, [&](int i) { EXPECT_TRUE(kinds.Emit(std::to_string(i))); });
@@ -283,8 +284,8 @@ int ServeForGenerations(MetricClient& client, const std::string& socket, int gen
   core.expire_seconds = 1;
   for (int generation = 0;; ++generation) {
     const std::string tenant = "t" + std::to_string(generation);
-    if (client.Init(new TestConfiger({}, kNeverDue), new StaticVendor({socket}), nullptr, core) !=
-        ReturnCode::kOk) {
+    if (client.Init(std::make_unique<TestConfiger>(kNeverDue),
+                    std::make_unique<StaticVendor>(socket), nullptr, core) != ReturnCode::kOk) {
       return 2;
     }
     const AllKinds kinds(client, tenant, "p");
@@ -355,8 +356,8 @@ void ForgottenChildren(int length) {
   const test::ScopedLogLevel silent(4);
   const TempDir dir;
   AgentSocket agent(dir.File("s"));
-  forked_client.Init(new TestConfiger({}, 1), new StaticVendor({agent.path()}), nullptr,
-                     {true, false});
+  forked_client.Init(std::make_unique<TestConfiger>(), std::make_unique<StaticVendor>(agent.path()),
+                     nullptr, {true, false});
   METRICS::Metric* const metric =
       forked_client.CreateMetric({"p", {}, "t1"}, {"m", {"w"}, {}, {}}).metric;
   std::atomic<long> emissions{0};

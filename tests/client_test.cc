@@ -67,8 +67,9 @@ TEST(ClientTest, EveryEndIsCleanAndOnlyFlushAndExitKeepsValues) {
     Life lives[2];
     const size_t rounds = end == DoNothing ? 1 : 2;  // a client serves again after an end
     for (size_t i = 0; i < rounds; ++i) {
-      ASSERT_EQ(client->Init(new WatchfulConfiger(&lives[i]), new StaticVendor({agent.path()}),
-                             nullptr, {true, end != FlushAndExit}),
+      ASSERT_EQ(client->Init(std::make_unique<WatchfulConfiger>(&lives[i]),
+                             std::make_unique<StaticVendor>(agent.path()), nullptr,
+                             {true, end != FlushAndExit}),
                 ReturnCode::kOk);
       for (const char* tenant : {"t1", "t2"}) {
         const auto made = client->CreateMetric({"p", {}, tenant}, {"m", {}, {}, {}});
@@ -97,8 +98,8 @@ TEST(ClientTest, ACancelledThreadMakesItsRegistryAndEndsItsClientFirst) {
   for (const auto end : {Exit, FlushAndExit}) {
     AgentSocket agent(dir.File("s"));
     MetricClient client;
-    ASSERT_EQ(client.Init(new TestConfiger({}, kNeverDue), new StaticVendor({agent.path()}),
-                          nullptr, {false, true}),
+    ASSERT_EQ(client.Init(std::make_unique<TestConfiger>(kNeverDue),
+                          std::make_unique<StaticVendor>(agent.path()), nullptr, {false, true}),
               ReturnCode::kOk);
     const auto expect_done = [](auto call) {
       bool done = false;

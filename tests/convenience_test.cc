@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <limits>
+#include <memory>
 
 #include "support/agent_socket.h"
 #include "support/environment.h"
@@ -160,16 +161,24 @@ TEST(ConvenienceTest, AFirstProgramNeedsNoClassOfItsOwn) {
   const TempDir folder;
   AgentSocket agent(folder.File("s"));
   const ScopedLogLevel silent(4);
-  auto* const settings = new tidegate::StaticConfiger({60, {{"fast", 1}, {"none", 0}}, "a", "p"});
+  const std::pair<std::unique_ptr<tidegate::StaticConfiger>, int> plain[] = {
+      {std::make_unique<tidegate::StaticConfiger>(), 30},
+      {std::make_unique<tidegate::StaticConfiger>(10), 10},
+      {std::unique_ptr<tidegate::StaticConfiger>(new tidegate::StaticConfiger({})), 30},
+      {std::unique_ptr<tidegate::StaticConfiger>(new tidegate::StaticConfiger({10})), 10}};
+  for (const auto& [settings, interval] : plain) {
+    EXPECT_EQ(settings->GetTenantInterval("any"), std::pair(true, interval));
+  }
+  auto settings = std::make_unique<tidegate::StaticConfiger>(
+      tidegate::StaticConfiger::Options{60, {{"fast", 1}, {"none", 0}}, "a", "p"});
   EXPECT_EQ(settings->GetTenantInterval("other"), std::pair(true, 60));
   EXPECT_EQ(settings->GetTenantInterval("fast"), std::pair(true, 1));
   EXPECT_FALSE(settings->GetTenantInterval("none").first);
   MetricClient client;
   EXPECT_EQ(client.DebugString(), "client: not in service\n");
-  client.Init(settings,
-              new tidegate::StaticVendor(
-                  {agent.path(), {{"host", "h1"}}, {{"zone", "z"}, {"dc", "d"}}, "shop.web"}),
-              nullptr, {});
+  client.Init(std::move(settings),
+              std::make_unique<tidegate::StaticVendor>(tidegate::StaticVendor::Options{
+                  agent.path(), {{"host", "h1"}}, {{"zone", "z"}, {"dc", "d"}}, "shop.web"}));
   Metric* const metric =
       client.CreateMetric({"p", {{"dc", "own"}}, "other"}, {"m", {"k"}, {}, {}}).metric;
   metric->WithTags({{"k", "v"}})->Emit({Incr(1), Store(2)});

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 
 #include "metrics/metric_configer.h"
 #include "metrics/metric_factory.h"
@@ -52,8 +53,8 @@ TEST(ShortageTest, WithoutAThreadACallLeavesNothingAndTheNextOneTriesAgain) {
   const long threads = ThreadCount();
   MetricClient client;
   const auto init = [&] {
-    return client.Init(new TestConfiger({}, kNeverDue), new StaticVendor({agent.path()}), nullptr,
-                       {true, true});
+    return client.Init(std::make_unique<TestConfiger>(kNeverDue),
+                       std::make_unique<StaticVendor>(agent.path()), nullptr, {true, true});
   };
   for (int left = 0; left < 3; ++left) {  // the sender, the monitor, the expiry
     threads_left = left;

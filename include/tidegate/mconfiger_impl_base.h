@@ -7,8 +7,8 @@ namespace tidegate {
 
 /// The settings provider of the application: account identity and flush intervals by tenant.
 ///
-/// Always implemented by the application: `METRICS::MetricClient::Init` needs one. It must come
-/// from `new`; the client calls `Stop` and deletes it when it ends.
+/// Always implemented by the application: `METRICS::MetricClient::Init` needs one. The
+/// client calls `Stop` and deletes it when it ends.
 /// Threads: `Start` and `Stop` run on the threads of `Init` and of the client's end.
 /// `GetTenantInterval` runs on each tenant's flush thread, possibly at the same time as others.
 class MConfigerImplBase {

@@ -10,8 +10,8 @@ namespace tidegate {
 /// Tells where an agent that is reached over TCP listens.
 ///
 /// Implemented by the application, or left out: `METRICS::DummyServiceDiscovery` names the local
-/// machine. An object given to `METRICS::MetricClient::Init` must come from `new`; the client
-/// deletes it. Its operations are called from threads that make a registry and from flush threads.
+/// machine. The client deletes an object that `METRICS::MetricClient::Init` was given. Its
+/// operations are called from threads that make a registry and from flush threads.
 class ServiceDiscoveryBase {
  public:
   explicit ServiceDiscoveryBase(std::string service_name) : name(std::move(service_name)) {}

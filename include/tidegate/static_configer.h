@@ -1,8 +1,8 @@
 #pragma once
 
-#include <initializer_list>
 #include <map>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "tidegate/mconfiger_impl_base.h"
@@ -11,16 +11,11 @@ namespace tidegate {
 
 /// Settings that are known when the service starts: who sends, and how often each tenant flushes.
 ///
-///     client.Init(new tidegate::StaticConfiger({10}), ...);  // every tenant every 10 seconds
+///     client.Init(std::make_unique<tidegate::StaticConfiger>(10));  // all tenants: every 10 s
 ///
-/// Constant after construction, and so safe from any thread. Must come from `new`, as every
-/// `MConfigerImplBase`; the client deletes it. A tenant's interval that is no divisor of one of its
-/// registries' intervals gives a Warn line when that registry is made.
+/// Constant after construction, and so safe from any thread. A tenant's interval that is no
+/// divisor of one of its registries' intervals gives a Warn line when that registry is made.
 class StaticConfiger : public MConfigerImplBase {
-  class Nothing {
-    Nothing() = default;
-  };
-
  public:
   struct Options {
     int default_interval = 30;  ///< seconds, for tenants that `intervals` does not name
@@ -31,14 +26,17 @@ class StaticConfiger : public MConfigerImplBase {
 
   /// The defaults.
   StaticConfiger() : StaticConfiger(Options{}) {}
-  /// `StaticConfiger({})`, which could as well mean a copy: the defaults.
-  explicit StaticConfiger(std::initializer_list<Nothing> /*none*/) : StaticConfiger() {}
+  /// One interval in seconds, for all tenants.
+  template <class Integer, std::enable_if_t<std::is_integral_v<Integer>, int> = 0>
+  explicit StaticConfiger(Integer interval) : StaticConfiger(Options{static_cast<int>(interval)}) {}
   /// An interval below 1 leaves the tenant at the library's 30 seconds.
   explicit StaticConfiger(Options options)
       : default_interval_(options.default_interval), intervals_(std::move(options.intervals)) {
     account_id = std::move(options.account_id);
     project_id = std::move(options.project_id);
   }
+  /// Not copied. Not const, so that `StaticConfiger({10})` can only mean options.
+  StaticConfiger(StaticConfiger&) = delete;
 
   // As `MConfigerImplBase` says; nothing starts or stops here.
   void Start() override {}

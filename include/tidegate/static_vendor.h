@@ -1,7 +1,7 @@
 #pragma once
 
-#include <initializer_list>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -13,17 +13,12 @@ namespace tidegate {
 /// A machine that is known when the service starts: where its agent listens, who the service is,
 /// and the tags that all metrics carry.
 ///
-///     client.Init(..., new tidegate::StaticVendor({"/run/agent.sock"}), nullptr, {});
+///     client.Init(..., std::make_unique<tidegate::StaticVendor>("/run/agent.sock"));
 ///
-/// Constant after construction, and so safe from any thread. Must come from `new`, as every vendor
-/// that `Init` is given; the client deletes it. An illegal tag gives a Warn line for each registry
-/// that is made with it, and travels as it is. The operations that the library does not call
-/// answer as on a plain machine.
+/// Constant after construction, and so safe from any thread. An illegal tag gives a Warn line for
+/// each registry that is made with it, and travels as it is. The operations that the library does
+/// not call answer as on a plain machine.
 class StaticVendor : public PlainVendor {
-  class Nothing {
-    Nothing() = default;
-  };
-
  public:
   struct Options {
     /// The agent's Unix domain socket, at most 107 bytes.
@@ -36,14 +31,20 @@ class StaticVendor : public PlainVendor {
 
   /// The defaults: a plain machine.
   StaticVendor() : StaticVendor(Options{}) {}
-  /// `StaticVendor({})`, which could as well mean a copy: the defaults.
-  explicit StaticVendor(std::initializer_list<Nothing> /*none*/) : StaticVendor() {}
+  /// A plain machine whose agent listens at this path.
+  template <class Path, std::enable_if_t<std::is_constructible_v<std::string, Path> &&
+                                             !std::is_null_pointer_v<Path>,
+                                         int> = 0>
+  explicit StaticVendor(Path socket_path)
+      : StaticVendor(Options{std::string(std::move(socket_path))}) {}
   /// Takes the options over; nothing is checked here.
   explicit StaticVendor(Options options)
       : PlainVendor(std::move(options.tags), std::move(options.default_tags)),
         socket_path_(std::move(options.socket_path)),
         service_(std::move(options.service)),
         self_monitor_(options.self_monitor) {}
+  /// Not copied. Not const, so that `StaticVendor({"/run/agent.sock"})` can only mean options.
+  StaticVendor(StaticVendor&) = delete;
 
   // As `VendorInterface` says.
   std::string GetPSM() override { return service_; }

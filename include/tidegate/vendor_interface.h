@@ -12,13 +12,13 @@ namespace tidegate {
 /// insists on, the identity of the service and the address of the local agent.
 ///
 /// Implemented by the application, or left out: `METRICS::DummyVendor` describes a plain machine.
-/// Ownership: a vendor given to `METRICS::MetricClient::Init` must come from `new`; the client
-/// deletes it. A vendor named by a `MetricRegistryCfg` is only borrowed for the call.
-/// Threads: `ImmutableTags`, `RewritableTags` and `GetSenderOutPath` are called from any thread
-/// that makes a registry and from the flush threads, possibly at the same time; `GetPSM` and
-/// `EnableMonitor` only from `Init`. None of them may call the client: senders are made, and
-/// stopped, under the lock of the table of senders. Operations that say "not called by the library"
-/// are there for the application's own use.
+/// Ownership: the client deletes a vendor that `METRICS::MetricClient::Init` was given. A vendor
+/// named by a `MetricRegistryCfg` is only borrowed for the call. Threads: `ImmutableTags`,
+/// `RewritableTags` and `GetSenderOutPath` are called from any thread that makes a registry and
+/// from the flush threads, possibly at the same time; `GetPSM` and `EnableMonitor` only from
+/// `Init`. None of them may call the client: senders are made, and stopped, under the lock of the
+/// table of senders. Operations that say "not called by the library" are there for the
+/// application's own use.
 class VendorInterface {
  public:
   virtual ~VendorInterface() = default;

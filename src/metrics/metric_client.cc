@@ -58,19 +58,37 @@ MetricClient::~MetricClient() {
   METRICS_LOG_DEBUG("MetricClient Destructor.\n");
 }
 
+ReturnCode MetricClient::Init(std::unique_ptr<tidegate::MConfigerImplBase> configer,
+                              std::unique_ptr<tidegate::VendorInterface> vendor,
+                              std::unique_ptr<tidegate::ServiceDiscoveryBase> discovery,
+                              const CoreInitCfg& cfg) {
+  assert(configer != nullptr);
+  return MakeParts(cfg) ? Begin(configer.release(), vendor.release(), discovery.release(), cfg)
+                        : ReturnCode::kNewObjectFail;
+}
+
 ReturnCode MetricClient::Init(tidegate::MConfigerImplBase* configer_impl,
                               tidegate::VendorInterface* vendor,
                               tidegate::ServiceDiscoveryBase* discovery, const CoreInitCfg& cfg) {
-  assert(configer_impl != nullptr && metric_factory_ == nullptr);
+  assert(configer_impl != nullptr);
+  return MakeParts(cfg) ? Begin(configer_impl, vendor, discovery, cfg) : ReturnCode::kNewObjectFail;
+}
+
+bool MetricClient::MakeParts(const CoreInitCfg& cfg) {
+  assert(metric_factory_ == nullptr);
   RunOneTimeInitialisations();
   init_pid_ = ::getpid();
-  if (!MakeMember(collector_factory_, this, cfg.max_total_series) || !MakeMember(configer_, this) ||
-      !MakeMember(expire_checker_, this) || !MakeMember(metric_factory_, this) ||
-      !MakeMember(self_monitor_, this) || !MakeMember(sender_manager_, this)) {
-    return ReturnCode::kNewObjectFail;
-  }
+  return MakeMember(collector_factory_, this, cfg.max_total_series) &&
+         MakeMember(configer_, this) && MakeMember(expire_checker_, this) &&
+         MakeMember(metric_factory_, this) && MakeMember(self_monitor_, this) &&
+         MakeMember(sender_manager_, this);
+}
+
+ReturnCode MetricClient::Begin(tidegate::MConfigerImplBase* configer,
+                               tidegate::VendorInterface* vendor,
+                               tidegate::ServiceDiscoveryBase* discovery, const CoreInitCfg& cfg) {
   sender_reports_ = self_monitor_.get();
-  const ReturnCode code = configer_->Init(configer_impl, vendor, discovery, cfg);
+  const ReturnCode code = configer_->Init(configer, vendor, discovery, cfg);
   if (code != ReturnCode::kOk) {
     METRICS_LOG_WARN("%s\n", MetricGetErrorCodeStr(code));
   }

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 
 #include "metrics/client_parts.h"
@@ -42,14 +43,22 @@ class METRICS_API MetricClient : public ClientParts {
   MetricClient(const MetricClient&) = delete;
   MetricClient& operator=(const MetricClient&) = delete;
 
-  /// Brings the client into service. Takes the three objects over: they must come from `new` and
-  /// are deleted when the client ends. Null for `vendor` and `discovery` selects `DummyVendor`
-  /// and `DummyServiceDiscovery`. REQUIRES: `configer_impl` is not null, and the client is new or
-  /// has ended. 83 when an object cannot be made; destroy the client then. 17 when a thread cannot
-  /// be made: the client has ended then, the three objects are deleted, and `Init` may be called
-  /// again.
+  /// Brings the client into service:
+  ///
+  ///     client.Init(std::make_unique<tidegate::StaticConfiger>(10));  // a flush every 10 seconds
+  ///
+  /// The client deletes the three objects when it ends. Null for `vendor` and `discovery` selects
+  /// `DummyVendor` and `DummyServiceDiscovery`. REQUIRES: `configer` is not null, and the client is
+  /// new or has ended. 83 when an object cannot be made; destroy the client then. 17 when a thread
+  /// cannot be made: the client has ended then, and `Init` may be called again. After either the
+  /// three objects are gone.
   ///
   /// Reads METRICS_MAX_METRICS_PER_REGISTRY, once in the life of the process.
+  ReturnCode Init(std::unique_ptr<tidegate::MConfigerImplBase> configer,
+                  std::unique_ptr<tidegate::VendorInterface> vendor = nullptr,
+                  std::unique_ptr<tidegate::ServiceDiscoveryBase> discovery = nullptr,
+                  const CoreInitCfg& cfg = {});
+  /// The same with objects that come from `new`. At code 83 they stay the caller's.
   ReturnCode Init(tidegate::MConfigerImplBase* configer_impl, tidegate::VendorInterface* vendor,
                   tidegate::ServiceDiscoveryBase* discovery, const CoreInitCfg& cfg);
 
@@ -90,6 +99,13 @@ class METRICS_API MetricClient : public ClientParts {
   std::string DebugString() const;
 
  private:
+  /// False when one of the parts cannot be made.
+  __attribute__((visibility("hidden"))) bool MakeParts(const CoreInitCfg& cfg);
+  /// Owns the three objects from its first step on.
+  __attribute__((visibility("hidden"))) ReturnCode Begin(tidegate::MConfigerImplBase* configer,
+                                                         tidegate::VendorInterface* vendor,
+                                                         tidegate::ServiceDiscoveryBase* discovery,
+                                                         const CoreInitCfg& cfg);
   /// False when there is no thread to be had.
   bool StartThreads();
   void ShutDownFactories();

@@ -26,8 +26,14 @@ ReturnCode MetricConfiger::Init(tidegate::MConfigerImplBase* impl,
                                 tidegate::ServiceDiscoveryBase* discovery, const CoreInitCfg& cfg) {
   assert(impl != nullptr);
   impl_.reset(impl);
-  vendor_.reset(vendor != nullptr ? vendor : new DummyVendor());
-  discovery_.reset(discovery != nullptr ? discovery : new DummyServiceDiscovery("dummy.sink.name"));
+  vendor_.reset(vendor);
+  discovery_.reset(discovery);
+  if (vendor_ == nullptr) {
+    vendor_ = std::make_unique<DummyVendor>();
+  }
+  if (discovery_ == nullptr) {
+    discovery_ = std::make_unique<DummyServiceDiscovery>("dummy.sink.name");
+  }
   psm_ = vendor_->GetPSM();
   enable_monitor_ = cfg.force_self_monitor || vendor_->EnableMonitor();
   enable_expire_ = cfg.enable_expire;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <memory>
 #include <thread>
 
 #include "metrics/metric_collector_factory.h"
@@ -51,8 +52,8 @@ World::World(const Config& config, AgentPath& path, Ledger& ledger, Report& repo
       compatible_tags_(!config.kd_tree && !config.pre_encode),
       ledger_(ledger),
       report_(report) {
-  const ReturnCode code =
-      client_.Init(new test::TestConfiger(), new Vendor(path), nullptr, CoreOf(config));
+  const ReturnCode code = client_.Init(std::make_unique<test::TestConfiger>(),
+                                       std::make_unique<Vendor>(path), nullptr, CoreOf(config));
   report_.Check(code == ReturnCode::kOk, "a client was refused");
   if (config.kd_tree) {
     client_.collector_factory_->collector_kind_ = 1;

@@ -1,6 +1,7 @@
 // What a user's program needs of an installed package: headers, the library, its exported classes.
 
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -30,7 +31,9 @@ int main() {
   METRICS::g_metricsLogLevel = 255;
   METRICS::SetGlobalResourcesLimit({});
   METRICS::MetricClient client;
-  if (client.Init(new Settings, new Nowhere, nullptr, {}) != METRICS::ReturnCode::kOk) return 1;
+  if (client.Init(std::make_unique<Settings>(), std::make_unique<Nowhere>()) !=
+      METRICS::ReturnCode::kOk)
+    return 1;
 
   METRICS::MetricRegistryCfg registry;
   registry.tenant = "consumer";
@@ -38,11 +41,8 @@ int main() {
   METRICS::MetricInstanceCfg definition;
   definition.name = "calls";
   definition.tag_names = {"kind"};
-  const auto [metric, code] = client.CreateMetric(registry, definition);
-  if (metric == nullptr) {
-    std::fprintf(stderr, "no metric: %s\n", METRICS::MetricGetErrorCodeStr(code));
-    return 1;
-  }
+  METRICS::Metric* const metric = client.CreateMetric(registry, definition).metric;
+  if (metric == nullptr) return 1;
   const auto emitted = metric->WithTags({{"kind", "plain"}})->Emit({METRICS::IncrCounter(1)});
 
   // Registries end, and come back, through the client and through its factory alike.

@@ -2,7 +2,9 @@
 # run.sh <build folder>: installs what is built there into a scratch prefix and uses it as its users do.
 #   consumers   by CMake, the examples too, by pkg-config; of a static library in an absolute libdir by
 #               both; by add_subdirectory, installed in their turn, of both libraries
-#   headers     each compiles alone, with gcc and clang, as C++17 and C++20, without a warning
+#               Each of these projects has headers that are named as those of the library, and are none.
+#   headers     each compiles alone, with gcc and clang, from C++17 to C++23, also without exceptions and type
+#               information, without a warning
 #   symbols     what the library exports is what cmake/exported_symbols.txt says
 #   packages    three Debian packages with their files, and lintian finds nothing
 #   options     the agent's manual page and completion have those of --help
@@ -18,12 +20,22 @@ trap 'rm -rf "$SCRATCH"' EXIT
 
 PREFIX=$SCRATCH/prefix
 INCLUDE=$PREFIX/include/tidegate-metrics
+FOREIGN=$SCRATCH/foreign
+
+make_foreign_headers() {
+  local header
+  while read -r header; do
+    mkdir -p "$FOREIGN/${header%/*}"
+    echo '#error "a header of the project instead of one of the library"' >"$FOREIGN/$header"
+  done < <(find "$ROOT/include" "$ROOT/src" -name '*.h' -printf '%P\n')
+  rm "$FOREIGN/tidegate/metrics.h"
+}
 
 # run_cmake_consumer <name> <cmake arguments...>: builds a consumer in the scratch folder and runs it.
 run_cmake_consumer() {
   local folder=$SCRATCH/$1
   shift
-  quietly cmake -G Ninja -B "$folder" "$@"
+  quietly cmake -G Ninja -B "$folder" -DFOREIGN_HEADERS="$FOREIGN" "$@"
   quietly cmake --build "$folder" -j "$JOBS"
   quietly "$folder/consumer"
 }
@@ -33,7 +45,7 @@ run_pkg_config_consumer() {
   local flags program=$SCRATCH/pkg_config_consumer
   flags=$(PKG_CONFIG_PATH=$2/pkgconfig pkg-config --cflags --libs tidegate-metrics)
   # shellcheck disable=SC2086 # the flags are several words
-  quietly g++ -std=c++17 "$ROOT/tests/install/consumer.cc" $flags -o "$program"
+  quietly g++ -std=c++17 -I"$FOREIGN" "$ROOT/tests/install/consumer.cc" $flags -o "$program"
   quietly env LD_LIBRARY_PATH="$2" "$program"
 }
 
@@ -92,19 +104,20 @@ check_static() {
   readelf -d "$SCRATCH/plugin.so" | grep NODELETE >/dev/null || die "a plugin that holds the library can be unloaded"
 }
 
-# compile_header <header>: with both compilers and both standards.
+# compile_header <header>: with both compilers, and several standards and settings.
 compile_header() {
-  local compiler standard
+  local compiler language
   for compiler in g++ clang++; do
-    for standard in c++17 c++20; do
-      echo "#include \"${1#"$INCLUDE"/}\"" |
-        "$compiler" -std=$standard -fsyntax-only -Wall -Wextra -Wpedantic -Wshadow -Wconversion \
-          -Werror -I"$INCLUDE" -x c++ - || die "$1 does not compile alone: $compiler -std=$standard"
+    for language in c++17 c++20 "c++17 -fno-exceptions -fno-rtti" "c++2b -fno-exceptions -fno-rtti"; do
+      # shellcheck disable=SC2086 # several words
+      echo "#include \"$1\"" |
+        "$compiler" -std=$language -fsyntax-only -Wall -Wextra -Wpedantic -Wshadow -Wconversion \
+          -Werror -I"$FOREIGN" -x c++ - || die "$1 does not compile alone: $compiler -std=$language"
     done
   done
 }
 export -f compile_header die
-export INCLUDE
+export FOREIGN
 
 check_headers() {
   step "each installed header alone"
@@ -202,6 +215,7 @@ if [[ ${2:-} == --accept-symbols ]]; then
   exported_symbols >"$LIST"
   exit 0
 fi
+make_foreign_headers
 check_consumers
 check_embedded
 check_static

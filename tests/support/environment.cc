@@ -3,6 +3,7 @@
 #include <csignal>
 #include <filesystem>
 #include <iterator>
+#include <memory>
 #include <stdexcept>
 
 namespace tidegate::test {
@@ -21,9 +22,11 @@ TestClient::TestClient(TestClientOptions options) {
   if (options.log_level.has_value()) log_level_.emplace(*options.log_level);
   std::string& path = options.vendor.socket_path;
   if (path.empty() || path == StaticVendor::Options().socket_path) path = "/tmp/nobody.listens";
-  EXPECT_EQ(client_.Init(new TestConfiger(std::move(options.intervals), options.default_interval),
-                         new StaticVendor(std::move(options.vendor)), nullptr, options.core),
-            METRICS::ReturnCode::kOk);
+  EXPECT_EQ(
+      client_.Init(
+          std::make_unique<TestConfiger>(options.default_interval, std::move(options.intervals)),
+          std::make_unique<StaticVendor>(std::move(options.vendor)), nullptr, options.core),
+      METRICS::ReturnCode::kOk);
 }
 
 METRICS::MetricRegistry* TestClient::Registry(const std::string& prefix, const std::string& tenant,

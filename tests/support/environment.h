@@ -35,8 +35,8 @@ constexpr int kNeverDue = 2000000;
 // found".
 class TestConfiger final : public StaticConfiger {
  public:
-  explicit TestConfiger(std::map<std::string, int> intervals = {},
-                        std::optional<int> default_interval = 1)
+  explicit TestConfiger(std::optional<int> default_interval = 1,
+                        std::map<std::string, int> intervals = {})
       : StaticConfiger({0, std::move(intervals), "acc", "proj"}), default_(default_interval) {}
   std::pair<bool, int> GetTenantInterval(const std::string& tenant) override {
     const auto found = StaticConfiger::GetTenantInterval(tenant);
