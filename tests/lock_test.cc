@@ -39,6 +39,7 @@ TEST(BiasedRwLockTest, ExcludesWritersFromReadersOfBothKindsAndFromEachOther) {
         std::this_thread::yield();
         const WriteGuard guard(lock);
         ++first;
+        if (first % 4 == 0) PauseInWait(UINT32_MAX);  // those who wait fall asleep
         ++second;
       }
     });
@@ -50,7 +51,7 @@ TEST(BiasedRwLockTest, ExcludesWritersFromReadersOfBothKindsAndFromEachOther) {
         std::optional<ReadGuard<BiasedRwLock>> slow;
         i == 0 ? (void)fast.emplace(lock) : (void)slow.emplace(lock);
         const long seen = first;
-        std::this_thread::yield();
+        reads % 64 == 0 ? PauseInWait(UINT32_MAX) : std::this_thread::yield();
         torn += seen == second ? 0 : 1;
       }
     });

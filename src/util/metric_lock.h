@@ -6,6 +6,7 @@
 #include <new>
 #include <shared_mutex>
 
+#include "util/futex_rw_lock.h"
 #include "util/visible_readers.h"
 
 // Clang's thread-safety attributes, so that a guarded member says which lock guards it.
@@ -54,9 +55,9 @@ class METRICS_THREAD_ATTR(capability("rwlock")) RwLock {
 /// Locks", USENIX ATC 2019).
 ///
 /// While the lock is biased, a `FastReadGuard` only makes itself visible in its thread's row. A
-/// writer locks the platform's lock, takes the bias back and waits for those who are visible; from
-/// then on readers queue at the platform's lock as well, until enough of them with no writer in
-/// between bias it again. A few are enough at first, and where the last bias lasted; each one that
+/// writer locks the lock below it, takes the bias back and waits for those who are visible; from
+/// then on readers queue at the lock below as well, until enough of them with no writer in between
+/// bias it again. A few are enough at first, and where the last bias lasted; each one that
 /// a writer took back at once makes it more, so that frequent writers hardly ever meet one. Long
 /// readers use a `ReadGuard`: a waiting writer then holds up nobody else. A thread that reads must
 /// not read the same lock again: it would wait for a writer that waits for it.
@@ -67,9 +68,7 @@ class METRICS_THREAD_ATTR(capability("rwlock")) BiasedRwLock {
   BiasedRwLock& operator=(const BiasedRwLock&) = delete;
 
   void Lock() METRICS_THREAD_ATTR(acquire_capability()) {
-    if (!Try([this] { return mutex_.try_lock(); })) {
-      mutex_.lock();
-    }
+    mutex_.lock();
     if (biased_.load(std::memory_order_relaxed)) {
       TakeBiasBack();
     }
@@ -96,30 +95,8 @@ class METRICS_THREAD_ATTR(capability("rwlock")) BiasedRwLock {
   static constexpr uint8_t kFewestReads = 4;
   static constexpr uint8_t kMostReads = 64;
   static constexpr uint32_t kLongMillis = 10;
-  static constexpr int kTries = 64;  // for a microsecond or some
 
-  /// Short readers and most writers are gone before a thread could fall asleep and be woken; and
-  /// one that is handed the lock in its sleep keeps the others out until it is awake. True once
-  /// `try_once` was.
-  template <class TryOnce>
-  static bool Try(TryOnce try_once) {
-    for (int tries = 0; tries < kTries; ++tries) {
-      if (try_once()) {
-        return true;
-      }
-      __builtin_ia32_pause();
-    }
-    return false;
-  }
-
-  /// `LockShared` for a short read.
-  void LockSharedSoon() METRICS_THREAD_ATTR(acquire_shared_capability()) {
-    if (!Try([this] { return mutex_.try_lock_shared(); })) {
-      mutex_.lock_shared();
-    }
-  }
-
-  /// Makes the caller visible; null when it has to take the platform's lock.
+  /// Makes the caller visible; null when it has to take the lock below.
   ReaderSlot* TryEnter() const {
     if (!biased_.load(std::memory_order_relaxed)) {
       return nullptr;
@@ -134,7 +111,7 @@ class METRICS_THREAD_ATTR(capability("rwlock")) BiasedRwLock {
     return slot;
   }
 
-  /// To be called with the platform's lock held for reading.
+  /// To be called with the lock below held for reading.
   void CountRead() {
     const uint8_t left = reads_to_bias_.load(std::memory_order_relaxed);
     if (left > 0) {
@@ -146,12 +123,12 @@ class METRICS_THREAD_ATTR(capability("rwlock")) BiasedRwLock {
   void SetBias();
   void TakeBiasBack();
 
-  // Changed with the platform's lock held: cleared by a writer, set by a reader.
+  // Changed with the lock below held: cleared by a writer, set by a reader.
   std::atomic<bool> biased_{false};
   std::atomic<uint8_t> reads_to_bias_{kFewestReads};  ///< inexact among readers
   uint8_t reads_asked_ = kFewestReads;                ///< after each writer; the writers'
   std::atomic<uint32_t> biased_at_{0};                ///< in milliseconds of `CoarseMillis`
-  std::shared_mutex mutex_;
+  FutexRwLock mutex_;
 };
 
 /// Plain mutex with the compiler's lock checks; as `RwLock` otherwise.
@@ -213,7 +190,7 @@ class METRICS_THREAD_ATTR(scoped_lockable) FastReadGuard {
       : lock_(lock),
         slot_(lock.TryEnter()) {
     if (slot_ == nullptr) {
-      lock_.LockSharedSoon();
+      lock_.LockShared();
       lock_.CountRead();
     }
   }
