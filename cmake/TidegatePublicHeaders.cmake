@@ -3,12 +3,15 @@
 
 set(TIDEGATE_PUBLIC_HEADERS
     include/tidegate/endpoint.h
+    include/tidegate/handles.h
     include/tidegate/log.h
     include/tidegate/mconfiger_impl_base.h
     include/tidegate/metric_tag.h
     include/tidegate/metrics.h
+    include/tidegate/options.h
     include/tidegate/sampler.h
     include/tidegate/service_discovery_base.h
+    include/tidegate/service_metrics.h
     include/tidegate/static_configer.h
     include/tidegate/static_vendor.h
     include/tidegate/tag_view.h
@@ -26,6 +29,7 @@ set(TIDEGATE_PUBLIC_HEADERS
     src/metrics/metric_method.h
     src/metrics/metric_parts.h
     src/metrics/metric_registry.h
+    src/metrics/metric_slot.h
     src/metrics/registry_parts.h
     src/metrics/scoped_timer.h
     src/util/event_counter.h
