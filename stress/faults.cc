@@ -34,7 +34,7 @@
 #include "support/environment.h"
 #include "support/kinds.h"
 #include "testing/unix_socket.h"
-#include "util/metric_clock_util.h"
+#include "util/wall_clock.h"
 
 namespace tidegate::stress {
 namespace {

@@ -8,7 +8,7 @@
 #include "metrics/metric_factory.h"
 #include "support/agent_socket.h"
 #include "support/environment.h"
-#include "util/metric_clock_util.h"
+#include "util/wall_clock.h"
 
 namespace tidegate::test {
 namespace {

@@ -6,7 +6,7 @@
 #include "support/agent_socket.h"
 #include "support/environment.h"
 #include "support/list_sender.h"
-#include "util/metric_clock_util.h"
+#include "util/wall_clock.h"
 
 namespace tidegate::test {
 namespace {

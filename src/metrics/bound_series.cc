@@ -19,6 +19,7 @@
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
 #include "util/wait.h"
+#include "util/wall_clock.h"
 
 namespace METRICS {
 namespace {
@@ -213,7 +214,7 @@ std::shared_ptr<BoundSeries> BoundSeries::Pins::BoundAnew(MetricsType type, Retu
 }
 
 void BoundSeries::CountEmission() {
-  item_->MarkTime();
+  item_->MarkTime(WallSeconds());
   success_->Add(1);
 }
 

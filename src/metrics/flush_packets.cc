@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "util/metric_clock_util.h"
 #include "util/sdk_version.h"
+#include "util/wall_clock.h"
 
 namespace METRICS {
 

@@ -6,6 +6,7 @@
 #include "util/fork_guard.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
+#include "util/wall_clock.h"
 
 namespace METRICS {
 namespace {
@@ -27,7 +28,7 @@ int FlushThread::AdjustSleepStep(int interval_ms) {
 void FlushThread::FlushAtBoundaries(const std::string& tenant, int64_t& boundary,
                                     const std::function<bool()>& flush) {
   while (state_.load(std::memory_order_acquire) == MetricState::INIT) {
-    SleepMillis(kPollMillis);
+    SleepMillis(HooksInPlace() != nullptr ? 1 : kPollMillis);
   }
   const int interval = interval_.load();
   if (!IsUsable(interval)) {
@@ -61,11 +62,25 @@ void FlushThread::Loop(const std::string& tenant, int64_t& boundary, int period_
 
 bool FlushThread::SleepToBoundary(const std::string& tenant, int64_t& flush_ts, int& left_ms,
                                   int period_ms, int step_ms) {
-  const int64_t now_ms = WallMillis();
-  left_ms = static_cast<int>(period_ms - now_ms % period_ms);
-  if (!SyncMilliStepSleep(left_ms, step_ms, state_)) {
-    return false;
-  }
+  int64_t now_ms = 0;
+  do {
+    while (const ClockHooks* const hooks = HooksInPlace()) {
+      int64_t boundary_ms = 0;
+      if (hooks->wait_for_boundary(period_ms, state_, boundary_ms)) {
+        flush_ts = boundary_ms / kMillisPerSecond;
+        left_ms = 0;
+        return true;
+      }
+      if (!Running()) {
+        return false;
+      }
+    }
+    now_ms = WallMillis();
+    left_ms = static_cast<int>(period_ms - now_ms % period_ms);
+    if (!SyncMilliStepSleep(left_ms, step_ms, state_)) {
+      return false;
+    }
+  } while (HooksInPlace() != nullptr);  // a test has taken the clock over meanwhile
   // The boundary that was aimed at, whatever the sleep really took.
   const int64_t boundary_ms = (now_ms + left_ms) / period_ms * period_ms;
   const int64_t boundary = boundary_ms / kMillisPerSecond;

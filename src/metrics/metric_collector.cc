@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,6 +17,7 @@
 #include "util/metric_log.h"
 #include "util/metric_size_limits.h"
 #include "util/metric_string_util.h"
+#include "util/wall_clock.h"
 
 namespace METRICS {
 namespace {
@@ -288,7 +288,7 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateSeries(
     return CountedDummyItem(*metric_);
   }
   // A pass of expiry that comes before the first emission would erase it.
-  item->last_update_.store(::time(nullptr), std::memory_order_relaxed);
+  item->last_update_.store(WallSeconds(), std::memory_order_relaxed);
   while (series_->Insert(item, hash) != ReturnCode::kOk) {
     if (std::shared_ptr<MetricCollectorItem> winner = series_->Get(tag_values, hash)) {
       return winner;

@@ -8,6 +8,7 @@
 #include "metrics/metric_data.h"
 #include "metrics/metric_parts.h"
 #include "util/metric_log.h"
+#include "util/wall_clock.h"
 
 namespace METRICS {
 
@@ -62,6 +63,13 @@ CellPtr MetricCollectorItem::NoopDataPtr() {
 CellMap& MetricCollectorItem::NoopFields() {
   static CellMap& fields = *new CellMap();
   return fields;
+}
+
+void MetricCollectorItem::Refresh() {
+  MarkTime(WallSeconds());
+  if (IsHidden()) {
+    SetActive(true);
+  }
 }
 
 void MetricCollectorItem::MarkNewSecond(int64_t now) {

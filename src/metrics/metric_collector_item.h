@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cassert>
 #include <cstdint>
-#include <ctime>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -98,15 +97,9 @@ class METRICS_API MetricCollectorItem {
 
   /// Marks the series as alive now, for whoever feeds its cells directly. A dropped one stays
   /// dropped.
-  void Refresh() {
-    MarkTime();
-    if (!active_.load(std::memory_order_relaxed)) {
-      SetActive(true);
-    }
-  }
-  /// Notes the second of an emission, which has found the series active.
-  void MarkTime() {
-    const int64_t now = ::time(nullptr);
+  void Refresh();
+  /// Notes the second of an emission, `now`, which has found the series active.
+  void MarkTime(int64_t now) {
     // A store of what is there already would take the line from other threads.
     if (last_update_.load(std::memory_order_relaxed) != now) {
       MarkNewSecond(now);

@@ -1,7 +1,6 @@
 #include "metrics/metric_expire_checker.h"
 
 #include <cassert>
-#include <ctime>
 #include <utility>
 
 #include "metrics/client_parts.h"
@@ -11,6 +10,7 @@
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
 #include "util/wait.h"
+#include "util/wall_clock.h"
 #include "util/within_memory.h"
 
 namespace METRICS {
@@ -56,7 +56,7 @@ void MetricExpireChecker::DoCheck(std::shared_ptr<MetricCollectorFactory> factor
   assert(factory != nullptr);
   EnterThread("ms_expirer");
   while (Running() && factory->state_.load(std::memory_order_relaxed) == MetricState::READY) {
-    const long now = ::time(nullptr);
+    const long now = WallSeconds();
     CollectorList collectors;
     const bool done = RunWithinMemory("ms_expirer", "a pass", [&] {
       collectors = factory->GetAll();

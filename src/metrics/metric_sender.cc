@@ -14,6 +14,7 @@
 #include "util/fork_guard.h"
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
+#include "util/wall_clock.h"
 #include "util/within_memory.h"
 
 namespace METRICS {

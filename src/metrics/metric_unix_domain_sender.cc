@@ -10,6 +10,7 @@
 #include "util/metric_clock_util.h"
 #include "util/metric_log.h"
 #include "util/metric_size_limits.h"
+#include "util/wall_clock.h"
 #include "util/within_memory.h"
 
 namespace METRICS {

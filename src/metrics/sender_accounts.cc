@@ -10,8 +10,8 @@
 #include "metrics/metric_configer.h"
 #include "metrics/metric_data.h"
 #include "metrics/sender_reports.h"
-#include "util/metric_clock_util.h"
 #include "util/metric_log.h"
+#include "util/wall_clock.h"
 #include "util/within_memory.h"
 
 namespace METRICS {

@@ -13,6 +13,7 @@
 #include "util/event_counter_add.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
+#include "util/wall_clock.h"
 
 namespace METRICS {
 namespace {
@@ -111,7 +112,7 @@ void AppendPrevious(MetricsType type, uint32_t end, double prev_value, MultiFiel
 
 /// What every successful emission of `count` values on `item` ends with.
 [[gnu::always_inline]] inline void MarkUpdated(MetricCollectorItem& item, size_t count) {
-  item.MarkTime();
+  item.MarkTime(WallSeconds());
   item.metric_->emit_success_.Add(count);
 }
 

@@ -6,6 +6,7 @@
 
 #include "util/metric_log.h"
 #include "util/wait.h"
+#include "util/wall_clock.h"
 
 namespace METRICS {
 
@@ -24,26 +25,25 @@ int CheckFlushInterval(const int& interval) {
 
 bool SyncMilliStepSleep(const int& total_ms, const int& step_ms,
                         volatile std::atomic<MetricState>& state) {
-  int64_t done = step_ms;  // wide enough for any two numbers that are given
-  bool running = state.load() == MetricState::READY;
-  while (done < total_ms) {
-    if (!running) {
-      return false;
+  int64_t done = 0;  // wide enough for any two numbers that are given
+  while (state.load() == MetricState::READY) {
+    const int64_t left = total_ms - done;
+    if (const ClockHooks* const hooks = HooksInPlace()) {
+      hooks->pause(left, state);
+      return state.load() == MetricState::READY;
+    }
+    if (left <= step_ms) {
+      if (left >= 1) {
+        SleepMillis(static_cast<int>(left));
+      }
+      return true;
     }
     if (step_ms > 0) {
       SleepMillis(step_ms);
     }
     done += step_ms;
-    running = state.load() == MetricState::READY;
   }
-  if (!running) {
-    return false;
-  }
-  const int64_t rest = total_ms - done + step_ms;
-  if (rest >= 1) {
-    SleepMillis(static_cast<int>(rest));
-  }
-  return true;
+  return false;
 }
 
 void SleepMillis(int ms) {
@@ -51,14 +51,6 @@ void SleepMillis(int ms) {
   timespec left{ms / 1000, static_cast<long>(ms % 1000) * 1000000};
   while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
   }
-}
-
-int64_t WallMillis() { return WallMicros() / 1000; }
-
-int64_t WallMicros() {
-  using std::chrono::nanoseconds;
-  const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<nanoseconds>(since_epoch).count() / 1000;
 }
 
 uint32_t CoarseMillis() {

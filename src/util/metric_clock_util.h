@@ -19,18 +19,13 @@ int CheckFlushInterval(const int& interval);
 /// it finds another state, before the first slice or after one of the others. After the last slice
 /// it does not look: a stop in that one is for the caller to see, and costs at most one slice.
 /// Signals do not shorten the sleep. The arguments are read anew at each use. With a `step_ms` of 0
-/// it spins until the state changes.
+/// it spins until the state changes. Where a test moves the time, the rest of the sleep is its
+/// pause (`ClockHooks`).
 bool SyncMilliStepSleep(const int& total_ms, const int& step_ms,
                         volatile std::atomic<MetricState>& state);
 
 /// Sleeps `ms` milliseconds, through signals. Never cancelled.
 void SleepMillis(int ms);
-
-/// Wall clock in whole milliseconds since the epoch.
-int64_t WallMillis();
-
-/// Wall clock in whole microseconds since the epoch.
-int64_t WallMicros();
 
 /// Milliseconds of a steady clock that is cheap to read and goes in steps of up to 10 ms; wraps
 /// around.

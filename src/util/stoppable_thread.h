@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cassert>
+#include <functional>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -9,6 +10,7 @@
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
 #include "util/metric_log.h"
+#include "util/wall_clock.h"
 
 namespace METRICS {
 
@@ -36,11 +38,20 @@ struct StoppableThread {
   template <class... Work>
   ReturnCode StartThread(const char* name, Work&&... work) {
     assert(!thread_.joinable());
+    const auto counted = [](auto&&... call) {
+      std::invoke(std::move(call)...);
+      g_libraryThreads.fetch_sub(1);
+    };
+    g_libraryThreads.fetch_add(1);
     try {
-      thread_ = std::thread(std::forward<Work>(work)...);
+      thread_ = std::thread(counted, std::forward<Work>(work)...);
     } catch (const std::system_error& error) {
+      g_libraryThreads.fetch_sub(1);
       METRICS_LOG_ERROR("Thread %s not started: %s\n", name, error.what());
       return ReturnCode::kAllocCollectorError;
+    } catch (...) {  // for want of memory
+      g_libraryThreads.fetch_sub(1);
+      throw;
     }
     return ReturnCode::kOk;
   }
