@@ -361,11 +361,12 @@ struct BoundOf<MetricsType::kHistogram> {
 /// A declared number of a row: its name and kind, and the bounds of a histogram.
 class Field {
  public:
-  const std::string& Name() const { return name_; }
-  MetricsType Type() const { return type_; }
-  const std::vector<double>& Bounds() const { return bounds_; }
+  const std::string& Name() const { return name_; }              ///< differs within a row
+  MetricsType Type() const { return type_; }                     ///< its kind
+  const std::vector<double>& Bounds() const { return bounds_; }  ///< of a histogram
 
  protected:
+  /// For `TypedField`.
   Field(std::string name, MetricsType type, std::vector<double> bounds)
       : name_(std::move(name)), type_(type), bounds_(std::move(bounds)) {}
 
@@ -398,12 +399,13 @@ class TypedField : public Field {
   explicit TypedField(std::string name, std::vector<double> bounds = {})
       : Field(std::move(name), kType, std::move(bounds)) {}
 
-  /// The value `number`, or, for a timer, `time`.
+  /// The value `number`.
   template <class Number, MetricsType kThis = kType, detail::IfNumber<Number> = 0,
             std::enable_if_t<kThis != MetricsType::kTimer, int> = 0>
   FieldValue operator()(Number number) const {
     return FieldValue(detail::ValueOf(kType, number, Name()));
   }
+  /// The value `time`, of a timer.
   template <class Rep, class Period, MetricsType kThis = kType,
             std::enable_if_t<kThis == MetricsType::kTimer, int> = 0>
   FieldValue operator()(const std::chrono::duration<Rep, Period>& time) const {
@@ -422,7 +424,7 @@ using HistogramField = TypedField<MetricsType::kHistogram>;
 /// Several declared numbers per series, the cheapest way to send them.
 class Row : public detail::Handle {
  public:
-  using Values = std::initializer_list<FieldValue>;
+  using Values = std::initializer_list<FieldValue>;  ///< what fields make: `{size(64)}`
 
   /// Without a metric.
   Row() = default;

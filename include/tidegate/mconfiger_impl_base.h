@@ -16,7 +16,7 @@ class MConfigerImplBase {
   /// Identity of the sender, written into every packet. Read once per tenant, when its first
   /// registry is made; `project_id` only counts if the vendor names no service.
   std::string account_id;
-  std::string project_id;
+  std::string project_id;  ///< see `account_id`
 
   virtual ~MConfigerImplBase() = default;
 

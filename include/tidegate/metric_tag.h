@@ -11,11 +11,12 @@ namespace tidegate {
 /// first on a common start), so two tags with one key and different values are equivalent.
 struct MetricTag {
   MetricTag() = default;
+  /// Takes both over; nothing is checked here.
   MetricTag(std::string tag_key, std::string tag_value)
       : key(std::move(tag_key)), value(std::move(tag_value)) {}
 
-  std::string key;
-  std::string value;
+  std::string key;    ///< the name of the tag
+  std::string value;  ///< what it is for one series
 };
 
 /// By `key` alone.

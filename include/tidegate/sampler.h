@@ -34,7 +34,7 @@ class [[nodiscard]] Sampler {
  public:
   /// Asks nobody.
   Sampler() noexcept = default;
-  Sampler(Sampler&& other) noexcept = default;
+  Sampler(Sampler&& other) noexcept = default;  ///< `other` asks nobody
   /// Ends this one first.
   Sampler& operator=(Sampler&& other) noexcept {
     if (this != &other) {

@@ -14,6 +14,7 @@ namespace tidegate {
 /// operations are called from threads that make a registry and from flush threads.
 class ServiceDiscoveryBase {
  public:
+  /// For the addresses of `service_name`.
   explicit ServiceDiscoveryBase(std::string service_name) : name(std::move(service_name)) {}
   virtual ~ServiceDiscoveryBase() = default;
 

@@ -41,7 +41,7 @@ class METRICS_API Metrics {
  public:
   /// With the defaults of `Options`.
   explicit Metrics(std::string service);
-  explicit Metrics(Options options);
+  explicit Metrics(Options options);  ///< as they say
   /// `Stop`.
   ~Metrics();
   Metrics(const Metrics&) = delete;

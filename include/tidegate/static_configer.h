@@ -17,6 +17,7 @@ namespace tidegate {
 /// divisor of one of its registries' intervals gives a Warn line when that registry is made.
 class StaticConfiger : public MConfigerImplBase {
  public:
+  /// The settings, by name.
   struct Options {
     int default_interval = 30;  ///< seconds, for tenants that `intervals` does not name
     std::map<std::string, int> intervals = {};  ///< seconds, by tenant

@@ -20,6 +20,7 @@ namespace tidegate {
 /// not call answer as on a plain machine.
 class StaticVendor : public PlainVendor {
  public:
+  /// The machine, by name.
   struct Options {
     /// The agent's Unix domain socket, at most 107 bytes.
     std::string socket_path = kSocketPath;

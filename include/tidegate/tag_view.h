@@ -21,6 +21,7 @@ namespace tidegate {
 /// its texts dangles.
 class TagView {
  public:
+  /// From a text.
   TagView(std::string_view key, std::string_view value)
       : key_(key), text_(value.data()), size_(value.size()) {}
   /// From a number. From a C string too, and null is the empty text, which no series has.
@@ -46,9 +47,10 @@ class TagView {
       size_ = static_cast<size_t>(end.ptr - number_);
     }
   }
+  /// From a tag, which has to live as long.
   TagView(const MetricTag& tag) : TagView(tag.key, tag.value) {}  // braces may hold both
 
-  std::string_view Key() const { return key_; }
+  std::string_view Key() const { return key_; }  ///< the name of the tag
   /// Good for as long as this object and its texts.
   std::string_view Value() const { return {text_ != nullptr ? text_ : number_, size_}; }
 

@@ -82,8 +82,9 @@ class PlainVendor : public VendorInterface {
   bool EnableMonitor() override { return false; }
 
  protected:
-  // With no tags, or with these, which are not validated.
+  /// With no tags.
   PlainVendor() = default;
+  /// With these, which are not validated.
   PlainVendor(std::vector<MetricTag> immutable_tags, std::vector<MetricTag> rewritable_tags)
       : immutable_tags_(std::move(immutable_tags)), rewritable_tags_(std::move(rewritable_tags)) {}
 

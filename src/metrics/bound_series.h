@@ -45,14 +45,15 @@ class MetricCollectorItem;
 /// the handle was bound to is leaked there.
 class METRICS_API BoundSeries {
  public:
-  using Tags = std::vector<tidegate::MetricTag>;
+  using Tags = std::vector<tidegate::MetricTag>;  ///< in any order
 
   /// Bound to nothing: an emission does nothing and answers 70.
   BoundSeries() = default;
-  BoundSeries(const BoundSeries&) = default;
-  BoundSeries& operator=(const BoundSeries&) = default;
+  BoundSeries(const BoundSeries&) = default;             ///< shares what it is bound to
+  BoundSeries& operator=(const BoundSeries&) = default;  ///< the same
   /// What is moved from is bound to nothing.
   BoundSeries(BoundSeries&& other) noexcept { Swap(other); }
+  /// The same.
   BoundSeries& operator=(BoundSeries&& other) noexcept {
     BoundSeries moved(std::move(other));
     Swap(moved);

@@ -25,13 +25,13 @@ struct ClientParts {
     return sender_reports_ != nullptr && sender_manager_ != nullptr;
   }
 
-  std::shared_ptr<MetricCollectorFactory> collector_factory_;
-  std::shared_ptr<MetricFactory> metric_factory_;
-  std::unique_ptr<MetricConfiger> configer_;
-  std::unique_ptr<MetricExpireChecker> expire_checker_;
-  std::unique_ptr<MetricSelfMonitor> self_monitor_;
-  SenderReports* sender_reports_ = nullptr;  ///< `self_monitor_`, as the senders see it
-  std::unique_ptr<MetricSenderManager> sender_manager_;
+  std::shared_ptr<MetricCollectorFactory> collector_factory_;  ///< tables of series
+  std::shared_ptr<MetricFactory> metric_factory_;              ///< registries
+  std::unique_ptr<MetricConfiger> configer_;                   ///< settings
+  std::unique_ptr<MetricExpireChecker> expire_checker_;        ///< expiry
+  std::unique_ptr<MetricSelfMonitor> self_monitor_;      ///< the metrics of the library itself
+  SenderReports* sender_reports_ = nullptr;              ///< `self_monitor_`, as the senders see it
+  std::unique_ptr<MetricSenderManager> sender_manager_;  ///< senders by tenant
   FlushWatch* flush_watch_ = nullptr;  ///< not owned; set before `Init`, by nobody else
 };
 

@@ -66,6 +66,7 @@ class METRICS_API Metric : public MetricParts {
   ReturnCode Emit(const std::vector<tidegate::MetricTag>& tags, const MetricFieldValue& value) {
     return EmitByTags(*impl_, tags, &value, 1);
   }
+  /// The same of texts and numbers, without a list.
   ReturnCode Emit(std::initializer_list<tidegate::TagView> tags, const MetricFieldValue& value) {
     return EmitByViews(*impl_, tags.begin(), tags.size(), &value, 1);
   }
@@ -74,6 +75,7 @@ class METRICS_API Metric : public MetricParts {
                   std::initializer_list<MetricFieldValue> values) {
     return EmitByTags(*impl_, tags, values.begin(), values.size());
   }
+  /// The same of texts and numbers, without a list.
   ReturnCode Emit(std::initializer_list<tidegate::TagView> tags,
                   std::initializer_list<MetricFieldValue> values) {
     return EmitByViews(*impl_, tags.begin(), tags.size(), values.begin(), values.size());

@@ -34,8 +34,8 @@ class METRICS_API MetricClient : public ClientParts {
  public:
   /// What `CreateMetric` answers: `metric` is null unless `code` is 0.
   struct CreateMetricResult {
-    Metric* metric;
-    ReturnCode code;
+    Metric* metric;   ///< the client's
+    ReturnCode code;  ///< why there is none
   };
 
   MetricClient();
@@ -75,6 +75,7 @@ class METRICS_API MetricClient : public ClientParts {
   ReturnCode RemoveRegistry(const std::string& prefix, const std::string& tenant);
   /// Refuses emissions on the metrics of a registry, and drops their series, until `UnBlock`.
   ReturnCode Block(const std::string& prefix, const std::string& tenant);
+  /// Takes emissions again.
   ReturnCode UnBlock(const std::string& prefix, const std::string& tenant);
 
   /// Stops all threads and drops everything, unflushed values too. Safe twice. Always 0. In the

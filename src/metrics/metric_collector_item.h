@@ -54,6 +54,7 @@ class METRICS_API MetricCollectorItem {
   /// than fields, of which none is emitted. Allocates for new suffixes only; but an exact timer
   /// keeps every sample, and a timer or histogram on which threads often meet gets parts for them.
   virtual ReturnCode Emit(std::vector<MetricFieldValue>&& values);
+  /// The same.
   virtual ReturnCode Emit(const std::vector<MetricFieldValue>& values);
   /// For compatible metrics alone: emits `value` on the one cell of the series. It stays as it is.
   virtual ReturnCode Emit(double& value);
@@ -143,7 +144,7 @@ class METRICS_API MetricCollectorItem {
   // flush thread, and it alone, fills in the hash once, and for compatible metrics the tags too.
   // What no emission reads comes first, beside the counts of the item's owners, which look-ups
   // write; what all of them read comes after it, and is a line together with the first cell.
-  std::string encoded_tags_;
+  std::string encoded_tags_;  ///< the tags in their packet form, where they are kept
 
   // Written by emitting threads and, for `active_`, by the expiry; read by flush and expiry. A
   // stale reading delays an expiry, no more.

@@ -56,11 +56,11 @@ class METRICS_API MetricFactory {
   ReturnCode RemoveRegistry(std::string prefix, std::string tenant);
   /// These two take the tenant first. 20 when there is no such registry.
   ReturnCode Block(const std::string& tenant, const std::string& prefix);
-  ReturnCode UnBlock(const std::string& tenant, const std::string& prefix);
+  ReturnCode UnBlock(const std::string& tenant, const std::string& prefix);  ///< takes them again
 
   /// The keys, and the registries in the same order.
   std::vector<std::string> GetAllRegistryNames() const;
-  std::vector<std::shared_ptr<MetricRegistry>> GetAllRegistry() const;
+  std::vector<std::shared_ptr<MetricRegistry>> GetAllRegistry() const;  ///< in the same order
 
   /// Clears and drops all registries.
   void Clear();
@@ -69,8 +69,8 @@ class METRICS_API MetricFactory {
   /// In a forked child, before everything else: see `MetricCollectorFactory::RepairAfterFork`.
   void RepairAfterFork();
 
-  ClientParts* client_;  ///< not owned
-  std::atomic<MetricState> state_{MetricState::INIT};
+  ClientParts* client_;                                ///< not owned
+  std::atomic<MetricState> state_{MetricState::INIT};  ///< SHUTDOWN: makes none any more
 
  private:
   struct Table;

@@ -16,12 +16,13 @@ namespace METRICS {
 /// A plain value. Integers and doubles stay apart: a cell keeps a sum of its own for each.
 struct MetricFieldValue {
   std::string name;  ///< suffix or field; the empty suffix carries the metric's own name
-  MetricsType type = MetricsType::kUnknown;
-  bool is_integer = true;  ///< which member of `value` is meant
+  MetricsType type = MetricsType::kUnknown;  ///< the kind of the cell that it goes to
+  bool is_integer = true;                    ///< which member of `value` is meant
+  /// An integer or a double.
   union Number {
-    int64_t integer;
-    double real;
-  } value = {0};
+    int64_t integer;  ///< if `is_integer`
+    double real;      ///< else
+  } value = {0};      ///< the number
 };
 
 /// A value named `name` without a type; the caller sets `type` and `value`. As it is, no cell takes

@@ -27,9 +27,9 @@ struct MetricFieldValue;
 
 /// One declared field of a metric that carries a row of fields.
 struct MetricFieldCfg {
-  std::string name;
-  MetricsType type = MetricsType::kUnknown;
-  HistoUtilBase* histo = nullptr;  ///< bounds of a histogram field; only read by the call
+  std::string name;                          ///< differs from the others of the row
+  MetricsType type = MetricsType::kUnknown;  ///< its kind
+  HistoUtilBase* histo = nullptr;            ///< bounds of a histogram field; only read by the call
 };
 
 // The look-ups of a metric's implementation, whose class is the library's. Applications call
@@ -68,19 +68,19 @@ class METRICS_API MetricParts : public std::enable_shared_from_this<MetricParts>
   std::shared_ptr<RegistryParts> PinRegistry() const { return registry_ref_.lock(); }
 
   // For the library: what stands for what a metric does not have. Empty, never destroyed.
-  static const std::vector<double>& NoopHistogram();
-  static const std::vector<MetricFieldInfo>& NoopFieldInfo();
-  static const std::string& NoopStr();
+  static const std::vector<double>& NoopHistogram();           ///< no bounds
+  static const std::vector<MetricFieldInfo>& NoopFieldInfo();  ///< no fields
+  static const std::string& NoopStr();                         ///< no columns
 
   const std::string name_;           ///< the full name
   const uint32_t name_hash_;         ///< of the full name; seed of the hashes of its suffixes
   ImplParts* impl_parts_ = nullptr;  ///< of the implementation, set with it
-  const MetricCoItemType kind_;
+  const MetricCoItemType kind_;      ///< its form
   // Set after creation by the application; read by the emission path and the flush.
-  std::atomic<MetricsType> compatible_type_{MetricsType::kUnknown};
-  std::vector<tidegate::MetricTag> tags_;  ///< the metric's own; constant after `Init`
-  std::atomic<bool> multi_field_summary_{false};
-  std::atomic<bool> use_ckms_{false};
+  std::atomic<MetricsType> compatible_type_{MetricsType::kUnknown};  ///< of compatible ones
+  std::vector<tidegate::MetricTag> tags_;         ///< the metric's own; constant after `Init`
+  std::atomic<bool> multi_field_summary_{false};  ///< see `SetMultiFieldSummary`
+  std::atomic<bool> use_ckms_{false};             ///< see `SetUseCkms`
   // Statistics, changed from any thread.
   EventCounter emit_success_;                   ///< values (rows: emissions) since `EmitStat`
   std::atomic<unsigned long> emit_fail_{0};     ///< failed emissions since the last `EmitStat`

@@ -49,8 +49,8 @@ class METRICS_API MetricRegistry : public RegistryParts {
  public:
   /// A metric and its form.
   struct MetricInitCfg {
-    MetricCoItemType kind = MetricCoItemType::kCoItemUnknown;
-    MetricInstanceCfg cfg;
+    MetricCoItemType kind = MetricCoItemType::kCoItemUnknown;  ///< the form
+    MetricInstanceCfg cfg;                                     ///< all else
   };
 
   /// For the library: applications get registries from `MetricClient::CreateRegistry`.
@@ -87,8 +87,8 @@ class METRICS_API MetricRegistry : public RegistryParts {
   /// Removes all metrics. Until `UnBlock` none can be made: that is refused with 22. Always 0.
   ReturnCode Clear();
   // The same for the factory, which holds its own lock: what dies goes to `removed`.
-  ReturnCode Block(Removed& removed);
-  ReturnCode Clear(Removed& removed);
+  ReturnCode Block(Removed& removed);  ///< see `Block`
+  ReturnCode Clear(Removed& removed);  ///< see `Clear`
   /// For the child of a fork: forgets all metrics.
   void AtFork();
   /// In a forked child, before everything else: see `MetricCollectorFactory::RepairAfterFork`.

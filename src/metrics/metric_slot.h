@@ -15,13 +15,13 @@ namespace METRICS {
 ///
 /// The metric that `metric` has named is good for as long as the slot, whatever has become of it.
 struct MetricSlot {
-  std::atomic<Metric*> metric{nullptr};
+  std::atomic<Metric*> metric{nullptr};  ///< null: emissions are refused
 };
 
 /// The same for the handles of one bound series. Never names nothing: a series that is not bound
 /// takes emissions, and refuses them.
 struct SeriesSlot {
-  std::atomic<BoundSeries*> series;
+  std::atomic<BoundSeries*> series;  ///< not owned
 };
 
 /// Why the handles of a slot, which may be null, do nothing; empty while they work. Good for as

@@ -36,16 +36,16 @@ class METRICS_API RegistryParts : public std::enable_shared_from_this<RegistryPa
   /// In seconds.
   int FlushInterval() const { return flush_interval_; }
 
-  const std::string tenant_;
-  const std::string prefix_;
-  ClientParts* const client_;     ///< not owned
-  const int32_t flush_interval_;  ///< seconds
-  std::atomic<MetricState> state_{MetricState::INIT};
+  const std::string tenant_;                           ///< see `Tenant`
+  const std::string prefix_;                           ///< see `Prefix`
+  ClientParts* const client_;                          ///< not owned
+  const int32_t flush_interval_;                       ///< seconds
+  std::atomic<MetricState> state_{MetricState::INIT};  ///< takes new metrics while it is READY
 
  protected:
   ~RegistryParts();
 
-  const std::unique_ptr<RegistryTable> table_;
+  const std::unique_ptr<RegistryTable> table_;  ///< metrics by name, and their lock
 };
 
 }  // namespace METRICS

@@ -35,12 +35,13 @@ namespace METRICS {
 /// cell of an exact timer that cannot grow ends the process, as in every `Emit`.
 class [[nodiscard]] ScopedTimer {
  public:
-  using Clock = std::chrono::steady_clock;
-  using ItemPtr = std::shared_ptr<MetricCollectorItem>;
+  using Clock = std::chrono::steady_clock;               ///< what it measures by
+  using ItemPtr = std::shared_ptr<MetricCollectorItem>;  ///< what `Metric::WithTags` answers
 
   /// `name` is the suffix or field of the sample. Null measures, and observes nothing.
   [[nodiscard]] explicit ScopedTimer(Metric* metric, std::string name = "timer") noexcept
       : metric_(metric), name_(std::move(name)) {}
+  /// The same on a series.
   [[nodiscard]] explicit ScopedTimer(ItemPtr item, std::string name = "timer") noexcept
       : item_(std::move(item)), held_(item_ != nullptr && item_->Hold()), name_(std::move(name)) {}
   /// On a handle that is bound to anything but a timer nothing is observed, with a Warn line.

@@ -38,6 +38,7 @@ class EventCounter {
   /// Makes lines for the slots below `count`, and for all up to the next power of two.
   void Spread(uint32_t count);
 
+  /// What was counted and not taken away.
   unsigned long load() const {
     unsigned long sum = common_.load();
     for (Lines* lines = lines_.load(std::memory_order_acquire); lines != nullptr;
@@ -48,7 +49,8 @@ class EventCounter {
     }
     return sum;
   }
-  operator unsigned long() const { return load(); }
+  operator unsigned long() const { return load(); }  ///< the same
+  /// Takes away what was read.
   void fetch_sub(unsigned long events) { common_.fetch_sub(events); }
 
  private:

@@ -14,7 +14,7 @@ namespace METRICS {
 struct ClockHooks {
   using State = volatile std::atomic<MetricState>;
 
-  /// As `::time`, called with null.
+  /// As `time` of the C library, called with null.
   time_t (*seconds)(time_t*) noexcept;
   /// Since the epoch.
   int64_t (*micros)() noexcept;
