@@ -25,7 +25,8 @@ FLOORS = [
     metric_ckms_quantiles histo_util cell_ptr cell_kinds cell_table packed_values metric_packet core_init_cfg
     metric_configer adding_sums""",
     # What the floors above know of a client, a registry and a metric.
-    "client_parts flush_watch registry_parts registry_table metric_parts impl_parts removed tag_value_refs",
+    """client_parts flush_watch registry_parts registry_table metric_parts impl_parts removed tag_value_refs
+    series_limit""",
     # Series.
     "metric_collector_item series_items",
     "metric_collector metric_kdtree_collector metric_collector_factory",

@@ -63,6 +63,11 @@ TEST(AllocationTest, NoneOnAKnownSeries) {
   METRICS::Metric* row = nullptr;
   client.Registry("p")->CreateMetric(
       row, MetricInstanceCfg{"row", {"a"}, {}, {{"hits", MetricsType::kRate}}, nullptr});
+  METRICS::Metric* full = nullptr;
+  client.Registry("p")->CreateMetric(full,
+                                     MetricInstanceCfg{"full", {"a", "b"}, {}, {}, nullptr, 1});
+  full->WithTags({})->Emit(Incr(1));
+  std::atomic<int> unknown{0};
   const std::string value = "a value that is longer than a string holds in itself";
   const std::vector<MetricTag> sorted{{"a", value}, {"b", "2"}}, unsorted{{"b", "2"}, {"a", value}};
   const std::vector<std::string> values{value, "2"}, fewer{value};
@@ -85,6 +90,13 @@ TEST(AllocationTest, NoneOnAKnownSeries) {
       {"one call, views",
        [&] {
          metric.Emit({{"a", value}, {"b", 2}}, {Incr(1), Store(.5)});
+       }},
+      {"beyond a limit of series",
+       [&] {
+         char text[64];
+         std::snprintf(text, sizeof text, "a value that nobody has seen before: %d", ++unknown);
+         full->Emit({{"a", std::string_view(text)}}, Incr(1));
+         full->WithTags({{"b", std::string_view(text)}})->Emit(both);
        }},
       {"WithTagValues", [&] { metric.WithTagValues(values)->Emit(both); }},
       {"WithTagValues, fewer", [&] { metric.WithTagValues(fewer)->Emit(both); }},

@@ -13,7 +13,9 @@
 #include "metrics/metric_parts.h"
 #include "metrics/packed_values.h"
 #include "metrics/series_items.h"
+#include "util/event_counter_add.h"
 #include "util/line_allocator.h"
+#include "util/metric_clock_util.h"
 #include "util/metric_log.h"
 #include "util/metric_size_limits.h"
 #include "util/metric_string_util.h"
@@ -26,6 +28,8 @@ namespace {
 // is erased.
 constexpr unsigned long kCreatedSeriesBytes = 112;
 constexpr unsigned long kErasedSeriesBytes = 56;
+
+constexpr uint32_t kHourMillis = 3'600'000;
 
 /// Allocates an object with room for more bytes after it. As a cell begins with two lines and takes
 /// one, the next item begins with a line too, unless other memory comes between.
@@ -75,6 +79,7 @@ MetricCollectorBase::MetricCollectorBase(CollectorFactoryParts* factory, MetricP
       co_type_(metric->kind_),
       name_(metric->name_),
       pre_encode_tags_(factory->client_->configer_->pre_encode_tags_),
+      max_series_(metric->max_series_),
       metric_ref_(metric->weak_from_this()) {}
 
 MetricCollectorBase::~MetricCollectorBase() { metric_ = nullptr; }
@@ -91,6 +96,11 @@ std::shared_ptr<MetricCollectorItem> MetricCollectorBase::GetOrCreate(
 }
 uint32_t MetricCollectorBase::Id() { return 0; }
 std::shared_ptr<MetricCollectorItem> MetricCollectorBase::Find(const TagValueRefs& /*values*/) {
+  return nullptr;
+}
+
+std::shared_ptr<MetricCollectorItem> MetricCollectorBase::FindOverflow(
+    const TagValueRefs& /*values*/) {
   return nullptr;
 }
 
@@ -135,6 +145,18 @@ bool MetricCollectorBase::AtSeriesQuota() const {
   // The line names the default quota, whatever the configured one is.
   METRICS_LOG_WARN("TotalSeriesCount reach maximum, count: %lu quota: %d\n", count, 10000000);
   return true;
+}
+
+void MetricCollectorBase::CountOverflow() {
+  metric_->emit_overflow_.Add(1);
+  const uint32_t now = CoarseMillis() | 1U;
+  uint32_t told = overflow_told_.load(std::memory_order_relaxed);
+  if ((told == 0 || now - told >= kHourMillis) &&
+      overflow_told_.compare_exchange_strong(told, now, std::memory_order_relaxed)) {
+    METRICS_LOG_WARN("Metric tenant[%s] %s has its limit of %zu series: new ones go to \"%.*s\"\n",
+                     metric_->impl_parts_->tenant_.c_str(), name_.c_str(), max_series_,
+                     static_cast<int>(kOverflowValue.size()), kOverflowValue.data());
+  }
 }
 
 bool MetricCollectorBase::HasTooLongTags(const std::vector<std::string>& tag_values) const {
@@ -267,8 +289,53 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::GetOrCreateOf(
   return GetOrCreateHashed(tag_values, SeriesMap::HashOf(refs));
 }
 
-std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateSeries(
+template <class Values>
+bool HashMapCollector::IsOneTooMany(const Values& tag_values, uint32_t hash) {
+  const size_t most = MostSeries(tag_values, co_type_, max_series_);
+  return most != SIZE_MAX &&
+         series_->IsOneTooMany(tag_values, hash, !IsOverflow(tag_values, co_type_), most);
+}
+
+std::shared_ptr<MetricCollectorItem> HashMapCollector::FindOverflow(
+    const TagValueRefs& tag_values) {
+  return IsOneTooMany(tag_values, SeriesMap::HashOf(tag_values)) ? Overflow(tag_values) : nullptr;
+}
+
+template <class Values>
+std::shared_ptr<MetricCollectorItem> HashMapCollector::Overflow(const Values& tag_values) {
+  std::shared_ptr<MetricCollectorItem> item;
+  bool one_too_many = false;
+  for (const bool tagged : {true, false}) {
+    const OverflowValues<Values> values(tag_values, co_type_, tagged);
+    const uint32_t hash = SeriesMap::HashOf(values);
+    item = series_->Get(values, hash);
+    one_too_many = item == nullptr && IsOneTooMany(values, hash);
+    if (item == nullptr && !one_too_many) {
+      item = CreateSeries(values.ToVector(), hash, one_too_many);
+    }
+    if (!one_too_many) {
+      break;
+    }
+  }
+  assert(!one_too_many);
+  if (item != nullptr && item->metric_ != nullptr) {  // else the look-up failed
+    CountOverflow();
+  }
+  return item;
+}
+
+std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateOrOverflow(
     const std::vector<std::string>& tag_values, uint32_t hash) {
+  bool one_too_many = max_series_ != 0 && IsOneTooMany(tag_values, hash);
+  std::shared_ptr<MetricCollectorItem> item;
+  if (!one_too_many) {
+    item = CreateSeries(tag_values, hash, one_too_many);
+  }
+  return one_too_many ? Overflow(tag_values) : item;
+}
+
+std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateSeries(
+    const std::vector<std::string>& tag_values, uint32_t hash, bool& one_too_many) {
   if (standby_.load(std::memory_order_acquire)) {
     return nullptr;
   }
@@ -289,7 +356,12 @@ std::shared_ptr<MetricCollectorItem> HashMapCollector::CreateSeries(
   }
   // A pass of expiry that comes before the first emission would erase it.
   item->last_update_.store(WallSeconds(), std::memory_order_relaxed);
-  while (series_->Insert(item, hash) != ReturnCode::kOk) {
+  const size_t most = MostSeries(tag_values, co_type_, max_series_);
+  for (ReturnCode code; (code = series_->Insert(item, hash, most)) != ReturnCode::kOk;) {
+    if (code == ReturnCode::kNotSupported) {
+      one_too_many = true;
+      return nullptr;
+    }
     if (std::shared_ptr<MetricCollectorItem> winner = series_->Get(tag_values, hash)) {
       return winner;
     }  // cleared or erased meanwhile: this item takes its place

@@ -9,6 +9,7 @@
 
 #include "metrics/metric_collector_item.h"
 #include "metrics/packed_values.h"
+#include "metrics/series_limit.h"
 #include "metrics/tag_value_refs.h"
 #include "util/concurrent_hashmap.h"
 #include "util/line_allocator.h"
@@ -31,6 +32,8 @@ struct SeriesKeys {
   static std::vector<std::string> Copy(const MetricCollectorItem& item) {
     return item.values().ToVector();
   }
+  /// Overflow series are beside the limit of a metric.
+  static bool Counts(MetricCollectorItem& item) { return !IsOverflow(item.values(), item.Type()); }
   /// The counts of owners are before the item, the values after it.
   static void Fetch(const MetricCollectorItem* item) {
     const char* const counts = reinterpret_cast<const char*>(item) - sizeof(long);
@@ -80,8 +83,9 @@ class MetricCollectorBase {
   virtual ReturnCode Clear();
   /// Drops one series, if it is there.
   virtual void Erase(const std::vector<std::string>& tag_values);
-  /// The item of the series, made on first sight. At the series quota, or with tags that are too
-  /// long: the dummy item, counted as a failed emission, or null, by the kind of collector.
+  /// The item of the series, made on first sight. Beyond the metric's own limit: that of its
+  /// overflow series, counted. At the series quota, or with tags that are too long: the dummy item,
+  /// counted as a failed emission, or null, by the kind of collector.
   virtual std::shared_ptr<MetricCollectorItem> GetOrCreate(
       const std::vector<std::string>& tag_values);
   virtual uint32_t Id();
@@ -92,6 +96,10 @@ class MetricCollectorBase {
   /// handle holds it, or when an emission that came before the table was locked makes it live at
   /// second `now`. A collector that erases nothing leaves it as it is.
   virtual bool EraseIdle(MetricCollectorItem& item, long now);
+  /// The overflow series, counted, if `tag_values` are new and the metric's own limit is reached.
+  /// Null otherwise, and always where a collector can only be asked with a vector. Allocates
+  /// nothing once the series is there.
+  virtual std::shared_ptr<MetricCollectorItem> FindOverflow(const TagValueRefs& tag_values);
   /// `GetOrCreate` of values that are equal to `refs`, which may know their hash.
   virtual std::shared_ptr<MetricCollectorItem> GetOrCreateOf(
       const std::vector<std::string>& tag_values, const TagValueRefs& refs);
@@ -114,6 +122,8 @@ class MetricCollectorBase {
                                                 bool encode_tags) const;
   /// Whether the series quota is reached, with a Warn line if so.
   bool AtSeriesQuota() const;
+  /// Counts that a look-up got the overflow series, with a Warn line an hour at most.
+  void CountOverflow();
   /// Whether the tags of a series, its metric's and registry's included, add up to more than
   /// `kMaxSeriesTagBytes`, with an Error line if so.
   bool HasTooLongTags(const std::vector<std::string>& tag_values) const;
@@ -126,6 +136,7 @@ class MetricCollectorBase {
   const MetricCoItemType co_type_;
   const std::string name_;
   const bool pre_encode_tags_;  ///< encode a series' tags once, when it is made
+  const size_t max_series_;     ///< the metric's own limit; 0 for none
 
   /// Another metric of the same full name has its series in packets: none is made here, and
   /// look-ups give null. Written by the factory under its lock.
@@ -141,12 +152,15 @@ class MetricCollectorBase {
                                                   const std::string& encoded_tags) const;
 
   const std::weak_ptr<MetricParts> metric_ref_;
+  /// When `CountOverflow` last printed, in `CoarseMillis`; 0 before.
+  std::atomic<uint32_t> overflow_told_{0};
 };
 
 /// The ordinary collector: a hash table under one reader-writer lock.
 ///
 /// A known series costs one hash, one read lock and one copy of a shared pointer. Threads that
-/// race past the quota test can exceed the quota by their number.
+/// race past the quota test can exceed the quota by their number. The metric's own limit is tested
+/// under the lock, and holds exactly.
 class HashMapCollector final : public MetricCollectorBase {
  public:
   HashMapCollector(CollectorFactoryParts* factory, MetricParts* metric);
@@ -162,6 +176,7 @@ class HashMapCollector final : public MetricCollectorBase {
       const std::vector<std::string>& tag_values) override;
   uint32_t Id() override { return 2; }
   std::shared_ptr<MetricCollectorItem> Find(const TagValueRefs& tag_values) override;
+  std::shared_ptr<MetricCollectorItem> FindOverflow(const TagValueRefs& tag_values) override;
   bool EraseIdle(MetricCollectorItem& item, long now) override;
   std::shared_ptr<MetricCollectorItem> GetOrCreateOf(const std::vector<std::string>& tag_values,
                                                      const TagValueRefs& refs) override;
@@ -175,14 +190,23 @@ class HashMapCollector final : public MetricCollectorBase {
       const std::vector<std::string>& tag_values, uint32_t hash) {
     std::shared_ptr<MetricCollectorItem> item = series_->Get(tag_values, hash);
     if (item == nullptr) {
-      item = CreateSeries(tag_values, hash);
+      item = CreateOrOverflow(tag_values, hash);
     }
     return item;
   }
+  std::shared_ptr<MetricCollectorItem> CreateOrOverflow(const std::vector<std::string>& tag_values,
+                                                        uint32_t hash);
   template <class Values, class Condition>
   void EraseSeriesIf(const Values& tag_values, Condition condition);
+  /// Makes a series, or finds the one that another thread made. `one_too_many` tells that it did
+  /// not because of the metric's own limit.
   std::shared_ptr<MetricCollectorItem> CreateSeries(const std::vector<std::string>& tag_values,
-                                                    uint32_t hash);
+                                                    uint32_t hash, bool& one_too_many);
+  template <class Values>
+  bool IsOneTooMany(const Values& tag_values, uint32_t hash);
+  /// The overflow series for `tag_values`, made if there is none.
+  template <class Values>
+  std::shared_ptr<MetricCollectorItem> Overflow(const Values& tag_values);
 
   const std::unique_ptr<SeriesMap> series_;
 };

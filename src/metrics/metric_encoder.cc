@@ -64,6 +64,7 @@ void MetricEncoder::PackAll(const std::vector<std::shared_ptr<MetricCollectorBas
       packets_.BeginRegistry();
     }
     metric_->emit_success_.SpreadAsAsked();
+    metric_->emit_overflow_.SpreadAsAsked();
     PackMetric(*collector);
   }
 }

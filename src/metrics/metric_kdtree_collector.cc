@@ -1,10 +1,11 @@
 #include "metrics/metric_kdtree_collector.h"
 
-#include <algorithm>
+#include <cassert>
 
 #include "codec/fnv_hash.h"
 #include "metrics/impl_parts.h"
 #include "metrics/metric_parts.h"
+#include "metrics/series_limit.h"
 #include "util/metric_log.h"
 
 namespace METRICS {
@@ -35,8 +36,65 @@ std::shared_ptr<MetricCollectorItem> KDTreeCollector::GetOrCreate(
   if (standby_.load(std::memory_order_acquire)) {
     return nullptr;
   }
-  const uint32_t hash = lattice_kit::codec::StrVecFNVHash(tag_values);
-  return trees_[hash & kTreeMask].GetOrCreate(tag_values);
+  if (max_series_ == 0) {
+    return TreeOf(tag_values).GetOrCreate(tag_values);
+  }
+  bool one_too_many = false;
+  std::shared_ptr<MetricCollectorItem> item = GetWithinLimit(tag_values, one_too_many);
+  return one_too_many ? Overflow(tag_values) : item;
+}
+
+template <class Values>
+KDTree& KDTreeCollector::TreeOf(const Values& tag_values) {
+  uint32_t hash = lattice_kit::codec::kFNVOffsetBasis;
+  for (size_t i = 0; i < tag_values.size(); ++i) {
+    hash = lattice_kit::codec::DelimitedFNVHash(tag_values[i], hash);
+  }
+  return trees_[hash & kTreeMask];
+}
+
+template <class Values>
+bool KDTreeCollector::IsOneTooMany(const Values& tag_values) {
+  const bool counts = !IsOverflow(tag_values, co_type_);
+  return SizeOf(counts).load() >= MostSeries(tag_values, co_type_, max_series_);
+}
+
+std::shared_ptr<MetricCollectorItem> KDTreeCollector::GetWithinLimit(
+    const std::vector<std::string>& tag_values, bool& one_too_many) {
+  KDTree& tree = TreeOf(tag_values);
+  std::shared_ptr<MetricCollectorItem> item = tree.Find(tag_values);
+  if (item == nullptr && !IsOneTooMany(tag_values)) {
+    const WriteGuard guard(making_);
+    if (!IsOneTooMany(tag_values)) {
+      return tree.GetOrCreate(tag_values);
+    }
+  }
+  if (item == nullptr) {  // the last one before the limit may be this one
+    item = tree.Find(tag_values);
+    one_too_many = item == nullptr;
+  }
+  return item;
+}
+
+std::shared_ptr<MetricCollectorItem> KDTreeCollector::Overflow(
+    const std::vector<std::string>& tag_values) {
+  std::shared_ptr<MetricCollectorItem> item;
+  bool one_too_many = false;
+  for (const bool tagged : {true, false}) {
+    const OverflowValues<std::vector<std::string>> values(tag_values, co_type_, tagged);
+    item = TreeOf(values).Find(values);
+    one_too_many = item == nullptr && IsOneTooMany(values);
+    if (item == nullptr && !one_too_many) {
+      item = GetWithinLimit(values.ToVector(), one_too_many);
+    }
+    if (!one_too_many) {
+      break;
+    }
+  }
+  if (item != nullptr) {
+    CountOverflow();
+  }
+  return item;
 }
 
 std::shared_ptr<MetricCollectorItem> KDTreeCollector::MakeTreeItem(
@@ -48,11 +106,18 @@ std::shared_ptr<MetricCollectorItem> KDTreeCollector::MakeTreeItem(
   if (item == nullptr) {
     METRICS_LOG_ERROR("Internal Error for Unknown MetricCoItemType: %d\n",
                       static_cast<int>(co_type_));
+  } else if (max_series_ != 0) {
+    SizeOf(SeriesKeys::Counts(*item)).fetch_add(1);  // it will be linked: no thread races for it
   }
   return item;
 }
 
-void KDTreeCollector::DropTreeItem(MetricCollectorItem& item) { item.Drop(); }
+void KDTreeCollector::DropTreeItem(MetricCollectorItem& item) {
+  item.Drop();
+  if (max_series_ != 0) {
+    SizeOf(SeriesKeys::Counts(item)).fetch_sub(1);
+  }
+}
 
 std::vector<Series> KDTreeCollector::GetAll() {
   std::vector<Series> all;

@@ -82,12 +82,15 @@ class METRICS_API MetricParts : public std::enable_shared_from_this<MetricParts>
   std::atomic<bool> multi_field_summary_{false};  ///< see `SetMultiFieldSummary`
   std::atomic<bool> use_ckms_{false};             ///< see `SetUseCkms`
   // Statistics, changed from any thread.
-  EventCounter emit_success_;                   ///< values (rows: emissions) since `EmitStat`
+  EventCounter emit_success_;  ///< values (rows: emissions) since `EmitStat`
+  /// Look-ups that got the overflow series: `With...`, `Emit` with tags, `CEmit`, `Bind`.
+  EventCounter emit_overflow_{0};
   std::atomic<unsigned long> emit_fail_{0};     ///< failed emissions since the last `EmitStat`
   std::atomic<unsigned long> cache_mem_{0};     ///< bytes that the series occupy, an estimate
   std::atomic<unsigned long> cache_series_{0};  ///< cells made; a row counts as one
   /// The registry, not owned: pinned before use, but for the thread that makes the metric.
   RegistryParts* const registry_parts_;
+  uint64_t max_series_ = 0;  ///< a limit of its own, 0 for none; constant after `Init`
 
  protected:
   ~MetricParts() = default;

@@ -74,6 +74,10 @@ ReturnCode MetricRegistry::CreateMetric(Metric*& metric, MetricInitCfg init) {
     return ReturnCode::kObjectExisted;
   }
   made = std::make_shared<Metric>(full_name, this, init.kind);
+  made->max_series_ = cfg.max_series;
+  if (cfg.max_series != 0) {
+    made->emit_overflow_.Spread(EventCounter::kSpreadLines);
+  }
   code = made->Init(std::move(cfg.tag_names), std::move(cfg.const_tags), std::move(cfg.fields),
                     cfg.histo);
   if (code != ReturnCode::kOk) {

@@ -38,6 +38,10 @@ struct MetricInstanceCfg {
   std::vector<tidegate::MetricTag> const_tags;  ///< tags with fixed values
   std::vector<MetricFieldCfg> fields;           ///< not empty: a row of fields per series
   HistoUtilBase* histo = nullptr;               ///< histogram bounds; only read by the call
+  /// The most series that it has, 0: as many as the client's quota allows. Beyond it new tag values
+  /// go to one overflow series, all of whose declared tags are `other`. That one does not count
+  /// here, but in the quota. Bound handles stay at the series that they were bound to.
+  uint64_t max_series = 0;
 };
 
 /// A named group of metrics under one tenant and prefix, with the tags and the flush interval that

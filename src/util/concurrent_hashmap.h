@@ -35,7 +35,8 @@ struct ListCursor {
 ///
 /// `Keys` says how a value has its key: `Of(value)` is it, as `Hash` takes it; `Same(value, key)`
 /// compares it with a K or what stands for one; `Copy(value)` makes a K of it; `Fetch(value)` asks
-/// for the memory that these read.
+/// for the memory that these read; `Counts(value)` tells two sorts of keys apart, each of which has
+/// a limit of its own.
 template <class K, class V, class Hash, class Keys>
 class alignas(64) ConcurrentHashmap {
  public:
@@ -94,19 +95,31 @@ class alignas(64) ConcurrentHashmap {
   ReturnCode Insert(const std::shared_ptr<V>& value) {
     return Insert(value, HashOf(Keys::Of(*value)));
   }
-  ReturnCode Insert(const std::shared_ptr<V>& value, uint32_t hash) {
+  /// The same, or `kNotSupported` for a new key where there are `most` of its sort.
+  ReturnCode Insert(const std::shared_ptr<V>& value, uint32_t hash, size_t most = SIZE_MAX) {
     assert(hash == HashOf(Keys::Of(*value)));
+    const bool counts = Keys::Counts(*value);
     for (Room room;; room.Make()) {
       const WriteGuard guard(rwlock_);
       if (Find(hash, Keys::Of(*value)) != nullptr) {
         return ReturnCode::kObjectExisted;
       }
+      if (SizeOf(counts) >= most) {
+        return ReturnCode::kNotSupported;
+      }
       if (HasRoom(hash, room)) {
         slots_.Add({value.get(), hash, list_.Add(value)});
+        uncounted_ += counts ? 0 : 1;
         total_.fetch_add(1);
         return ReturnCode::kOk;
       }
     }
+  }
+  /// Whether `key`, which is of the sort that `counts` tells, is new where there are `most` of it.
+  template <class Key>
+  bool IsOneTooMany(const Key& key, uint32_t hash, bool counts, size_t most) {
+    const FastReadGuard guard(rwlock_);
+    return SizeOf(counts) >= most && Find(hash, key) == nullptr;
   }
 
   /// Puts the next values of a listing in place of what `piece` holds; false at its end. A writer
@@ -153,6 +166,7 @@ class alignas(64) ConcurrentHashmap {
     if (found == nullptr || !condition(*found->value)) {
       return nullptr;
     }
+    uncounted_ -= Keys::Counts(*found->value) ? 0 : 1;
     list_.Remove(found->index, removed);
     slots_.Remove(found);
     total_.fetch_sub(1);
@@ -195,6 +209,7 @@ class alignas(64) ConcurrentHashmap {
   struct Contents {
     ChunkedList<V> list;
     SlotTable<V> slots;
+    size_t uncounted = 0;
   };
   struct Room {
     typename ChunkedList<V>::Room list;
@@ -223,6 +238,9 @@ class alignas(64) ConcurrentHashmap {
   const Slot* Find(uint32_t hash, const Key& key) const METRICS_REQUIRES_SHARED(rwlock_) {
     return slots_.Find(hash, [&](const Slot& slot) { return IsOf(slot, key); });
   }
+  size_t SizeOf(bool counts) const METRICS_REQUIRES_SHARED(rwlock_) {
+    return counts ? list_.Size() - uncounted_ : uncounted_;
+  }
   bool HasRoom(uint32_t hash, Room& room) METRICS_REQUIRES(rwlock_) {
     const bool listed = list_.MakeRoom(room.list);
     return slots_.MakeRoom(hash, room.slots) && listed;
@@ -230,6 +248,7 @@ class alignas(64) ConcurrentHashmap {
   void Exchange(Contents& contents) METRICS_REQUIRES(rwlock_) {
     list_.Swap(contents.list);
     slots_.Swap(contents.slots);
+    std::swap(uncounted_, contents.uncounted);
   }
   void TakeAll(Contents& taken) {
     const WriteGuard guard(rwlock_);
@@ -242,6 +261,7 @@ class alignas(64) ConcurrentHashmap {
   std::atomic<unsigned long>& total_;
   BiasedRwLock rwlock_;
   ChunkedList<V> list_ METRICS_GUARDED_BY(rwlock_);
+  size_t uncounted_ METRICS_GUARDED_BY(rwlock_) = 0;  ///< of the values, those that do not count
 };
 
 }  // namespace METRICS

@@ -8,7 +8,8 @@ namespace METRICS {
 
 EventCounter::Lines EventCounter::none_{0, nullptr};
 
-EventCounter::EventCounter() : lines_(MakeLines(kFirstLines, &none_)) {
+EventCounter::EventCounter(uint32_t lines)
+    : lines_(lines == 0 ? &none_ : MakeLines(lines, &none_)) {
   if (lines_.load(std::memory_order_relaxed) == nullptr) {
     lines_.store(&none_, std::memory_order_relaxed);
   }

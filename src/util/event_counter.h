@@ -18,8 +18,10 @@ class EventCounter {
  public:
   /// What a counter is spread to at least.
   static constexpr uint32_t kSpreadLines = 32;
+  static constexpr uint32_t kFirstLines = 4;
 
-  EventCounter();
+  /// With lines for the first `lines` slots, and without any for 0.
+  explicit EventCounter(uint32_t lines = kFirstLines);
   ~EventCounter();
   EventCounter(const EventCounter&) = delete;
   EventCounter& operator=(const EventCounter&) = delete;
@@ -54,8 +56,6 @@ class EventCounter {
   void fetch_sub(unsigned long events) { common_.fetch_sub(events); }
 
  private:
-  static constexpr uint32_t kFirstLines = 4;
-
   struct alignas(64) Line {
     std::atomic<unsigned long> events{0};
   };

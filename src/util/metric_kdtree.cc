@@ -1,20 +1,9 @@
 #include "util/metric_kdtree.h"
 
-#include <string_view>
-
 #include "util/fork_guard.h"
 #include "util/metric_log.h"
-#include "util/metric_string_util.h"
 
 namespace METRICS {
-namespace {
-
-std::string_view ValueAt(const std::vector<std::string>& values, size_t index) {
-  return index < values.size() ? std::string_view(values[index]) : std::string_view();
-}
-
-}  // namespace
-
 KDTree::KDTree(MetricCoItemType co_type, size_t dimension, KDTreeItems& items,
                std::atomic<unsigned long>& total)
     : co_type_(co_type), dimension_(dimension), items_(&items), total_(&total) {}
@@ -52,25 +41,6 @@ void KDTree::TakeFrom(KDTree& other) {
   size_.exchange(other.size_.exchange(0));
 }
 
-bool KDTree::SortsBefore(const std::vector<std::string>& a, const std::vector<std::string>& b,
-                         size_t depth) const {
-  const size_t index = dimension_ == 0 ? a.size() + b.size() : depth % dimension_;
-  return ValueAt(a, index) < ValueAt(b, index);
-}
-
-const KDTree::TreeNode* KDTree::Descend(std::atomic<TreeNode*>*& slot, size_t& depth,
-                                        const std::vector<std::string>& tag_values) const {
-  // Each slot is read once: what another thread puts there later is found by the exchange.
-  for (TreeNode* node = slot->load(); node != nullptr; node = slot->load()) {
-    if (METRICS::operator==(node->tag_values, tag_values)) {
-      return node;
-    }
-    slot = SortsBefore(tag_values, node->tag_values, depth) ? &node->left : &node->right;
-    ++depth;
-  }
-  return nullptr;
-}
-
 KDTree::ItemPtr KDTree::GetOrCreate(const std::vector<std::string>& tag_values) {
   const ReadGuard guard(rwlock_);
   size_t depth = 0;
@@ -102,8 +72,10 @@ KDTree::ItemPtr KDTree::GetOrCreate(const std::vector<std::string>& tag_values) 
 
 std::shared_ptr<KDTree::TreeNode> KDTree::NewNode(
     const std::vector<std::string>& tag_values) const {
-  ItemPtr item = items_->MakeTreeItem(tag_values);
-  return item == nullptr ? nullptr : std::make_shared<TreeNode>(tag_values, std::move(item));
+  auto node =
+      std::make_shared<TreeNode>(tag_values);  // first: nothing fails after the item is made
+  node->item = items_->MakeTreeItem(tag_values);
+  return node->item == nullptr ? nullptr : std::move(node);
 }
 
 void KDTree::LinkIntoChain(TreeNode* node) {

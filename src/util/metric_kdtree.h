@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -17,7 +18,8 @@ class MetricCollectorItem;
 /// What makes the items of a tree, and ends them.
 class KDTreeItems {
  public:
-  /// The item of a new series; null where there is to be none.
+  /// The item of a new series, which is linked unless another thread was first; null where there
+  /// is to be none.
   virtual std::shared_ptr<MetricCollectorItem> MakeTreeItem(
       const std::vector<std::string>& tag_values) = 0;
   /// `item` is in the tree no more.
@@ -51,6 +53,15 @@ class KDTree {
   KDTree(const KDTree&) = delete;
   KDTree& operator=(const KDTree&) = delete;
 
+  /// The item of a known series, or null. `Values` is any list that gives its texts by index.
+  template <class Values>
+  ItemPtr Find(const Values& tag_values) {
+    const ReadGuard guard(rwlock_);
+    size_t depth = 0;
+    std::atomic<TreeNode*>* slot = &root_;
+    const TreeNode* const found = Descend(slot, depth, tag_values);
+    return found == nullptr ? nullptr : found->item;
+  }
   /// The item of the series, made on first sight; null where `KDTreeItems` makes none.
   ItemPtr GetOrCreate(const std::vector<std::string>& tag_values);
   /// All series, newest first.
@@ -63,24 +74,49 @@ class KDTree {
 
  private:
   struct TreeNode {
-    TreeNode(const std::vector<std::string>& key, ItemPtr series)
-        : tag_values(key), item(std::move(series)) {}
+    explicit TreeNode(const std::vector<std::string>& key) : tag_values(key) {}
 
     const std::vector<std::string> tag_values;
-    const ItemPtr item;
+    ItemPtr item;                           ///< set before the node is linked
     std::atomic<TreeNode*> left{nullptr};   ///< smaller in this level's dimension
     std::atomic<TreeNode*> right{nullptr};  ///< equal or greater
     TreeNode* next_node = nullptr;          ///< chain of all nodes, newest first
     std::shared_ptr<TreeNode> self;         ///< the tree's hold on the node
   };
 
+  template <class Values>
+  static bool Same(const std::vector<std::string>& a, const Values& b) {
+    size_t i = 0;
+    while (i < a.size() && i < b.size() && a[i] == b[i]) {
+      ++i;
+    }
+    return i == a.size() && i == b.size();
+  }
+  template <class Values>
+  static std::string_view ValueAt(const Values& values, size_t index) {
+    return index < values.size() ? std::string_view(values[index]) : std::string_view();
+  }
   /// Whether `a` sorts before `b` at the level `depth`.
-  bool SortsBefore(const std::vector<std::string>& a, const std::vector<std::string>& b,
-                   size_t depth) const;
+  template <class Values>
+  bool SortsBefore(const Values& a, const std::vector<std::string>& b, size_t depth) const {
+    const size_t index = dimension_ == 0 ? a.size() + b.size() : depth % dimension_;
+    return ValueAt(a, index) < ValueAt(b, index);
+  }
   /// The node of `tag_values` below `slot`, or null; `slot`, found empty then, is where it belongs,
   /// and `depth` its level.
+  template <class Values>
   const TreeNode* Descend(std::atomic<TreeNode*>*& slot, size_t& depth,
-                          const std::vector<std::string>& tag_values) const;
+                          const Values& tag_values) const {
+    // Each slot is read once: what another thread puts there later is found by the exchange.
+    for (TreeNode* node = slot->load(); node != nullptr; node = slot->load()) {
+      if (Same(node->tag_values, tag_values)) {
+        return node;
+      }
+      slot = SortsBefore(tag_values, node->tag_values, depth) ? &node->left : &node->right;
+      ++depth;
+    }
+    return nullptr;
+  }
   /// A node that nobody else sees yet, or null.
   std::shared_ptr<TreeNode> NewNode(const std::vector<std::string>& tag_values) const;
   void LinkIntoChain(TreeNode* node);

@@ -18,6 +18,7 @@ struct NumberKeys {
   static bool Same(const KeyedNumber& value, int key) { return value.key == key; }
   static int Copy(const KeyedNumber& value) { return value.key; }
   static void Fetch(const KeyedNumber* /*value*/) {}
+  static bool Counts(const KeyedNumber& value) { return value.key >= 0; }
 };
 
 /// Spreads over all bits.

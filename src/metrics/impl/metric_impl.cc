@@ -179,6 +179,11 @@ MetricImpl::ItemPtr MetricImpl::FindOrCreate(const TagValueRefs& values) {
 }
 
 MetricImpl::ItemPtr MetricImpl::CopyAndGet(const TagValueRefs& values) {
+  if (collector_->max_series_ != 0) {
+    if (ItemPtr overflow = collector_->FindOverflow(values)) {
+      return overflow;
+    }
+  }
   std::vector<std::string> own;
   std::vector<std::string>* const shared = TagValuePool();
   std::vector<std::string>& pool = shared != nullptr ? *shared : own;
