@@ -246,8 +246,8 @@ TEST(SeriesLimitTest, AForkedChildStartsAtZero) {
   const pid_t child = ::fork();
   if (child == 0) {
     bench.client->AtFork();
-    bench.client->Init(new tidegate::test::TestConfiger({}, kNeverDue),
-                       new tidegate::StaticVendor({"/tmp/nobody.listens"}), nullptr,
+    bench.client->Init(std::make_unique<TestConfiger>(kNeverDue),
+                       std::make_unique<tidegate::StaticVendor>("/tmp/nobody.listens"), nullptr,
                        {false, false});
     Metric& anew = bench.Make(Kind::kCoItemSuffix);
     for (int key = 10; key < 13; ++key) anew.Emit({{"a", key}}, Incr(1));

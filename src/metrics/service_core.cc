@@ -122,6 +122,7 @@ struct LayerDefinition {
     cfg.name = from.name;
     cfg.tag_names = from.tag_names;
     cfg.const_tags = from.options.tags;
+    cfg.max_series = from.options.max_series;
     cfg.histo = from.type == MetricsType::kHistogram ? &bounds : nullptr;
     field_bounds.reserve(from.fields.size());
     for (const tidegate::Field& field : from.fields) {
