@@ -3,7 +3,10 @@
 
 #include <cmath>
 #include <limits>
+#include <map>
 #include <memory>
+#include <optional>
+#include <thread>
 
 #include "support/agent_socket.h"
 #include "support/environment.h"
@@ -130,6 +133,57 @@ TEST(ConvenienceTest, AScopeThatReportsNothingSaysWhy) {
   refused.WithTags({{"unknown", "v"}});
   EXPECT_EQ(refused.Stop(), ReturnCode::kNotSupported);
   EXPECT_EQ(metric.emit_fail_, 1u) << "refused once";
+}
+
+// The options of a service whose numbers arrive at `agent`.
+tidegate::Options Reaching(const AgentSocket& agent) {
+  tidegate::Options options;
+  options.service = "shop";
+  options.socket_path = agent.path();
+  options.log_level = tidegate::LogLevel::kSilent;
+  return options;
+}
+
+TEST(ConvenienceTest, TypedHandlesAreTimedAndTheirWorkMayOutliveAll) {
+  const TempDir folder;
+  AgentSocket agent(folder.File("s"));
+  const ScopedLogLevel as_before(4);
+  std::optional<ScopedTimer> late, late_bound;
+  {
+    tidegate::Metrics metrics(Reaching(agent));
+    std::optional<tidegate::Timer> latency(metrics.Timer("latency", {"status"}));
+    const tidegate::BoundTimer get = latency->With({{"status", "get"}});
+    {
+      TIDEGATE_TIME_SCOPE(*latency);
+      TIDEGATE_TIME_SCOPE(get);
+      TIDEGATE_TIME_SCOPE(latency->With({{"status", "get"}}));
+      ScopedTimer named(*latency);
+      named.WithTags({{"status", 200}});
+      late.emplace(get.Start());
+      *late = latency->Start();
+      late_bound.emplace(get.Start());
+    }
+    std::thread(
+        [running = latency->Start()](int status) mutable {
+          EXPECT_EQ(running.Stop({{"status", status}}), ReturnCode::kOk);
+          EXPECT_EQ(running.Stop(), ReturnCode::kNotSupported);
+        },
+        200)
+        .join();
+    latency.reset();
+  }
+  EXPECT_EQ(late->Stop({{"status", 200}}), ReturnCode::kObjectExit);
+  EXPECT_NE(late_bound->Stop(), ReturnCode::kOk);
+  EXPECT_EQ(ScopedTimer(tidegate::Timer()).Stop(), ReturnCode::kNotSupported);
+  EXPECT_EQ(tidegate::BoundTimer().Start().Stop(), ReturnCode::kNotSupported);
+  agent.Stop();
+  std::map<std::string, double> counts;
+  for (const Point& point : agent.Points()) {
+    if (point.name == "shop.latency.counter") {
+      counts[point.tags.empty() ? "-" : point.tags[0].value] += point.values.at(0);
+    }
+  }
+  EXPECT_THAT(counts, ElementsAre(std::pair("-", 1), std::pair("200", 2), std::pair("get", 3)));
 }
 
 TEST(ConvenienceTest, SettingsThatDoNotFitAreToldWhenARegistryIsMade) {

@@ -90,14 +90,6 @@ class Handle {
                                             const std::string& name = {}) const {
     return METRICS::BindSlot(slot_, std::move(tags), name, type);
   }
-  static TagList ListOf(Tags tags) {
-    TagList list;
-    list.reserve(tags.size());
-    for (const TagView& tag : tags) {
-      list.emplace_back(std::string(tag.Key()), std::string(tag.Value()));
-    }
-    return list;
-  }
 
   std::shared_ptr<METRICS::MetricSlot> slot_;
 };
@@ -121,7 +113,6 @@ class BoundHandle {
 
   METRICS::BoundSeries& Series() const { return *slot_->series.load(std::memory_order_acquire); }
 
- private:
   const METRICS::SeriesSlot* slot_ = &METRICS::g_no_series;
   std::shared_ptr<const METRICS::SeriesSlot> owner_;
 };
@@ -289,8 +280,13 @@ class BoundTimer : public detail::BoundHandle {
   ReturnCode Observe(const std::chrono::duration<Rep, Period>& time) const {
     return Series().Emit(time);
   }
-  /// Measures from now to the end of the scope that keeps the result, within the handle's life.
-  METRICS::ScopedTimer Start() const { return METRICS::ScopedTimer(Series()); }
+  /// Measures from now on, until the result stops or dies. It may outlive this handle, and go on in
+  /// another thread.
+  METRICS::ScopedTimer Start() const { return METRICS::ScopedTimer(slot_, owner_); }
+
+ private:
+  friend class METRICS::ScopedTimer;
+  METRICS::ScopedTimer Borrow() const { return METRICS::ScopedTimer(slot_, nullptr); }
 };
 
 /// How long things take.
@@ -320,10 +316,13 @@ class Timer : public detail::Handle {
   BoundTimer With(Tags tags) const { return With(ListOf(tags)); }
   /// The same of a list.
   BoundTimer With(const TagList& tags) const { return BoundTimer(Bind(tags, kType)); }
-  /// Measures from now to the end of the scope that keeps the result, within the handle's life.
-  METRICS::ScopedTimer Start() const { return METRICS::ScopedTimer(Get(), std::string()); }
+  /// Measures from now on, until the result stops or dies. It may outlive this handle, and go on in
+  /// another thread; the tags may be named at the end.
+  METRICS::ScopedTimer Start() const { return METRICS::ScopedTimer(slot_.get(), slot_); }
 
  private:
+  friend class METRICS::ScopedTimer;
+  METRICS::ScopedTimer Borrow() const { return METRICS::ScopedTimer(slot_.get(), nullptr); }
   static constexpr MetricsType kType = MetricsType::kTimer;
 };
 

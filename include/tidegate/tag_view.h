@@ -2,9 +2,12 @@
 
 #include <charconv>
 #include <cstddef>
+#include <initializer_list>
+#include <string>
 #include <string_view>
 #include <system_error>
 #include <type_traits>
+#include <vector>
 
 #include "tidegate/metric_tag.h"
 
@@ -65,5 +68,15 @@ class TagView {
   size_t size_ = 0;
   char number_[32];  // a `long double` takes 29
 };
+
+/// Copies of `tags`, to be kept.
+inline std::vector<MetricTag> ListOf(std::initializer_list<TagView> tags) {
+  std::vector<MetricTag> list;
+  list.reserve(tags.size());
+  for (const TagView& tag : tags) {
+    list.emplace_back(std::string(tag.Key()), std::string(tag.Value()));
+  }
+  return list;
+}
 
 }  // namespace tidegate
