@@ -43,7 +43,8 @@ FLOORS = [
     "metric_factory metric_self_monitor metric_expire_checker",
     "metric_client",
     # The facade.
-    "service_options service_core service_metrics sampler_thread",
+    """service_options service_core service_metrics sampler_thread service_samplers process_metrics
+    allocator_metrics""",
 ]
 
 # From a unit to a unit, each with its folder. The umbrella header and the facade stand above the

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -8,7 +9,9 @@
 #include "metrics/histo_util.h"
 #include "metrics/metric_client.h"
 #include "tidegate/handles.h"
+#include "tidegate/metric_tag.h"
 #include "tidegate/options.h"
+#include "tidegate/sampler.h"
 #include "util/metric_error_code.h"
 #include "util/metric_export.h"
 
@@ -75,6 +78,21 @@ class METRICS_API Metrics {
   tidegate::Row Row(std::string name, TagNames tags, std::vector<Field> fields,
                     MetricOptions options = {});
 
+  /// A gauge that `read` is asked for once per interval, until the result ends; `Sampler` says
+  /// when, and what becomes of one that throws or hangs. NaN: no value in that interval. Of two
+  /// samplers of one series any may stand. The sampler is empty, and says why, where `read` is,
+  /// where the gauge cannot be made, and where there is no thread to be had.
+  Sampler Sample(std::string name, std::function<double()> read);
+  /// The same with tags. The samplers of one name have the same tag names.
+  Sampler Sample(std::string name, std::vector<MetricTag> tags, std::function<double()> read);
+  /// Samples what the kernel knows of this process, until the end: metrics `process....`, see
+  /// docs/guide.md. The second time nothing. What cannot be read is left out, with a Warn line.
+  void AddProcessMetrics();
+  /// Samples what the C library's allocator knows of its memory, until the end: metrics
+  /// `allocator....`. The second time nothing. Where the allocator is another one, or the library
+  /// has no `mallinfo2`, there are none, with a Warn line.
+  void AddAllocatorMetrics();
+
   /// For the child of a fork, before anything else of it and of its handles: forgets what the
   /// parent's threads were doing. Nothing is sent. Handles do nothing until `Init`. A child that
   /// does not go on with it may leave this out. Does nothing in the process that it serves.
@@ -103,6 +121,10 @@ class METRICS_API Metrics {
                                                         std::vector<double> bounds = {},
                                                         std::vector<Field> fields = {});
 
+  template <class Numbers>
+  __attribute__((visibility("hidden"))) void AddNumbers(const char* name);
+
+  const std::shared_ptr<METRICS::SamplerThread> samplers_;
   const std::shared_ptr<METRICS::ServiceCore> core_;
 };
 

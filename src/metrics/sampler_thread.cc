@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "util/fork_guard.h"
-#include "util/metric_clock_util.h"
 #include "util/metric_log.h"
 #include "util/wait.h"
+#include "util/wall_clock.h"
 #include "util/within_memory.h"
 
 namespace METRICS {
@@ -71,30 +71,53 @@ static_assert(std::is_trivially_destructible_v<RunningThreads>);
 
 }  // namespace
 
-SamplerThread::SamplerThread(int interval)
-    : period_ms_(interval * kMillisPerSecond),
+SamplerThread::SamplerThread(int64_t interval)
+    : period_ms_(std::max<int64_t>(interval, 1) * kMillisPerSecond),
       lead_ms_(std::min(period_ms_ / kTenth, kLongestLeadMillis)),
       process_(::getpid()) {}
 
-tidegate::Sampler SamplerThread::Add(std::string name, std::function<void()> run) {
-  if (::getpid() != process_.load()) {
-    return tidegate::Sampler(std::string("the child of a fork begins with AtFork"));
+SamplerThread::~SamplerThread() {
+  // What is left has no handles, and nobody else knows this object.
+  const WriteGuard guard(mutex_);
+  while (jobs_.Front() != nullptr) {
+    Unlink(*jobs_.Front());
   }
+}
+
+tidegate::Sampler SamplerThread::Add(std::string name, std::function<void()> run) {
   const auto job =
       std::make_shared<SamplerJob>(std::move(name), std::move(run), shared_from_this());
+  const char* const refusal = Take(job);
+  return refusal == nullptr ? tidegate::Sampler(job) : Refuse(refusal);
+}
+
+void SamplerThread::Keep(std::string name, std::function<void()> run) {
+  Take(std::make_shared<SamplerJob>(std::move(name), std::move(run), nullptr));
+}
+
+const char* SamplerThread::Take(const std::shared_ptr<SamplerJob>& job) {
+  if (::getpid() != process_.load()) {
+    return "the child of a fork begins with AtFork";
+  }
   {
     const WriteGuard guard(mutex_);
     if (service_ == Service::kEnded) {
-      return tidegate::Sampler(std::string("the metrics have ended"));
+      return "the metrics have ended";
+    }
+    for (const SamplerJob* other = jobs_.Front(); job->thread == nullptr && other != nullptr;
+         other = jobs_.Next(*other)) {
+      if (other->thread == nullptr && other->name == job->name) {
+        return "it is kept already";
+      }
     }
     job->self = job;
     jobs_.PushFront(*job);
   }
   if (!Start()) {
     End(*job);
-    return tidegate::Sampler(std::string("there is no thread to be had"));
+    return "there is no thread to be had";
   }
-  return tidegate::Sampler(job);
+  return nullptr;
 }
 
 bool SamplerThread::Start() {
@@ -151,12 +174,11 @@ std::shared_ptr<SamplerJob> SamplerThread::Unlink(SamplerJob& job) {
   return std::move(job.self);
 }
 
-void SamplerThread::Stop() { StopAfter(true); }
-
-bool SamplerThread::StopAfter(bool last_round) {
+void SamplerThread::Stop() {
   const NoCancellation uncancelled;
   if (::getpid() != process_.load()) {
     RepairAfterFork();
+    return;
   }
   bool in_time = false;
   {
@@ -166,16 +188,17 @@ bool SamplerThread::StopAfter(bool last_round) {
     }
     service_ = Service::kEnded;
     if (state_.load() != MetricState::READY) {
-      return true;
+      WaitForOtherStop();
+      return;
     }
     state_.store(MetricState::SHUTDOWN);
-    given_up_ = !last_round;
     changed_.NotifyAll();
     const auto until = steady_clock::now() + kLongestEnd;
     while (worker_ != std::this_thread::get_id() && !gone_ && changed_.WaitUntil(mutex_, until)) {
     }
     in_time = gone_;
     given_up_ = true;
+    changed_.NotifyAll();
   }
   g_running.Remove(*this);
   if (in_time) {
@@ -183,7 +206,14 @@ bool SamplerThread::StopAfter(bool last_round) {
   } else {
     LeaveThread();
   }
-  return in_time;
+}
+
+/// Its last round has to come before the last flush of this caller, too.
+void SamplerThread::WaitForOtherStop() {
+  while (state_.load() == MetricState::SHUTDOWN && !given_up_ &&
+         worker_ != std::this_thread::get_id()) {
+    changed_.Wait(mutex_);
+  }
 }
 
 void SamplerThread::LeaveThread() {
@@ -200,14 +230,7 @@ void SamplerThread::LeaveThread() {
 void SamplerThread::AtFork() {
   if (::getpid() != process_.load()) {
     RepairAfterFork();
-  } else if (!StopAfter(false)) {
-    return;  // for ever: the thread that is left would meet another one here
   }
-  const WriteGuard guard(mutex_);
-  service_ = Service::kPaused;
-  state_.store(MetricState::INIT);
-  gone_ = false;
-  given_up_ = false;
 }
 
 void SamplerThread::RepairAfterFork() METRICS_NO_THREAD_SAFETY {
@@ -218,7 +241,10 @@ void SamplerThread::RepairAfterFork() METRICS_NO_THREAD_SAFETY {
   Abandon(thread_);
   mutex_.ReinitAfterFork();
   Abandon(changed_);
+  service_ = Service::kPaused;
   starting_ = false;
+  gone_ = false;
+  given_up_ = false;
   current_ = nullptr;
   worker_ = {};
   rounds_done_ = rounds_wanted_;
@@ -284,6 +310,8 @@ void SamplerThread::BeforeFlush() {
 
 void SamplerThread::Run() {
   EnterThread("ms_sampler");
+  // A test that moves the time asks for a round itself, and need not wait for this thread.
+  g_libraryThreads.fetch_sub(1);
   const WriteGuard guard(mutex_);
   while (starting_) {
     changed_.Wait(mutex_);
@@ -300,6 +328,7 @@ void SamplerThread::Run() {
       changed_.NotifyAll();
     }
   }
+  g_libraryThreads.fetch_add(1);
   gone_ = true;
   changed_.NotifyAll();
 }

@@ -32,7 +32,7 @@ struct SamplerJob : Linked<SamplerJob> {
   const std::string name;
   /// The thread's while this is its current job, else of whoever ends it.
   std::function<void()> run;
-  const std::shared_ptr<SamplerThread> thread;
+  const std::shared_ptr<SamplerThread> thread;  ///< null without a handle
 
   std::atomic<bool> ended{false};     ///< set under the thread's lock; without it in a child
   std::atomic<uint64_t> failures{0};  ///< written by the thread
@@ -61,12 +61,18 @@ class SamplerThread final : public StoppableThread,
                             public Linked<SamplerThread>,
                             public std::enable_shared_from_this<SamplerThread> {
  public:
-  /// `interval` is in seconds. To be made by `std::make_shared`. Starts nothing.
-  explicit SamplerThread(int interval);
+  /// `interval` is in seconds, and less than one counts as one. To be made by `std::make_shared`.
+  /// Starts nothing.
+  explicit SamplerThread(int64_t interval);
+  ~SamplerThread();
 
   /// Has `run` called in each round until the sampler ends. `name` is for the log. The sampler is
   /// empty, with a reason, after the end and where there is no thread to be had.
   tidegate::Sampler Add(std::string name, std::function<void()> run);
+  /// The same until the end, without a handle. Does nothing with a second one of a name.
+  void Keep(std::string name, std::function<void()> run);
+  /// An empty sampler.
+  static tidegate::Sampler Refuse(std::string why) { return tidegate::Sampler(std::move(why)); }
   /// As `Sampler::End`.
   void End(SamplerJob& job);
 
@@ -74,9 +80,8 @@ class SamplerThread final : public StoppableThread,
   /// takes longer is told by an Error line, and the thread ends after it without asking anybody
   /// else. Called by a job it waits for nothing. Afterwards no sampler can be added. Safe twice.
   void Stop();
-  /// For the child of a fork: forgets the thread and keeps the jobs, until `Resume`. In the
-  /// process of the thread: as `Stop`, but asks nobody; `Resume` begins anew there, unless a job
-  /// still runs.
+  /// For the child of a fork: forgets the thread and keeps the jobs, until `Resume`. Does nothing
+  /// in the process of the thread.
   void AtFork();
   /// After `AtFork`: starts a thread if there are jobs. False where there is none to be had.
   bool Resume();
@@ -93,8 +98,9 @@ class SamplerThread final : public StoppableThread,
   using Clock = std::chrono::steady_clock;
 
   bool Start();
-  /// False where the thread is left to a job that does not end.
-  bool StopAfter(bool last_round);
+  /// Puts the job into the list and sees to the thread; else says why not.
+  const char* Take(const std::shared_ptr<SamplerJob>& job);
+  void WaitForOtherStop() METRICS_REQUIRES(mutex_);
   void LeaveThread();
   void RepairAfterFork();
 

@@ -1,5 +1,6 @@
 #include "tidegate/service_metrics.h"
 
+#include "metrics/sampler_thread.h"
 #include "metrics/service_core.h"
 
 namespace tidegate {
@@ -16,12 +17,14 @@ Options OptionsOf(std::string service) {
 Metrics::Metrics(std::string service) : Metrics(OptionsOf(std::move(service))) {}
 
 Metrics::Metrics(Options options)
-    : core_(std::make_shared<METRICS::ServiceCore>(std::move(options))) {
+    : samplers_(std::make_shared<METRICS::SamplerThread>(options.interval.count())),
+      core_(std::make_shared<METRICS::ServiceCore>(std::move(options))) {
+  core_->Client().flush_watch_ = samplers_.get();
   core_->Start();
 }
 
 Metrics::~Metrics() {
-  core_->Stop();
+  Stop();
   core_->LetSlotsGo();
 }
 
@@ -83,9 +86,21 @@ tidegate::Row Metrics::Row(std::string name, TagNames tags, std::vector<Field> f
                              std::move(options), {}, std::move(fields));
 }
 
-void Metrics::AtFork() { core_->AtFork(); }
-bool Metrics::Init() { return core_->Init(); }
-void Metrics::Stop() { core_->Stop(); }
+void Metrics::AtFork() {
+  samplers_->AtFork();
+  core_->AtFork();
+}
+bool Metrics::Init() {
+  const bool in_service = core_->Init();
+  if (in_service) {
+    samplers_->Resume();
+  }
+  return in_service;
+}
+void Metrics::Stop() {
+  samplers_->Stop();
+  core_->Stop();
+}
 ReturnCode Metrics::Block() { return core_->Block(); }
 ReturnCode Metrics::UnBlock() { return core_->UnBlock(); }
 METRICS::MetricClient& Metrics::Client() { return core_->Client(); }
