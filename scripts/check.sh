@@ -9,7 +9,8 @@
 #   tsan       the suite under the thread sanitizer
 #   install    the installed library serves its users and exports what it should; the Debian packages are
 #              as Debian wants them, and come and go cleanly
-#   docs       Doxygen understands every header, and finds nothing undocumented in those that are installed
+#   docs       Doxygen understands every header, and finds nothing undocumented in those that are installed; the C++
+#              of the documents compiles
 #   fuzz       a short run of each fuzzer
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
@@ -62,6 +63,8 @@ check_install() {
 check_docs() {
   step "running doxygen"
   (cd "$ROOT" && quietly doxygen docs/Doxyfile && quietly doxygen <(undocumented_in_installed_headers))
+  step "compiling the snippets of the documents"
+  (cd "$ROOT" && quietly scripts/snippets.py)
 }
 
 # Settings for the installed headers alone, in which users should find a comment on everything.

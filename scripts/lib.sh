@@ -9,7 +9,8 @@ DEBIAN_PACKAGES=(g++ cmake ninja-build pkgconf zlib1g-dev libcli11-dev nlohmann-
   libcurl4-openssl-dev libmicrohttpd-dev help2man dpkg-dev file)
 BUILD_PACKAGES=("${DEBIAN_PACKAGES[@]}" ccache libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev)
 E2E_PACKAGES=(curl jq)
-CHECK_PACKAGES=(clang clang-format clang-tidy libclang-rt-14-dev doxygen lintian systemd)
+CHECK_PACKAGES=(clang clang-format clang-tidy libclang-rt-14-dev doxygen lintian systemd
+  libspdlog-dev libgoogle-glog-dev)
 BENCH_PACKAGES=(python3 valgrind prometheus-cpp-dev)
 COVERAGE_PACKAGES=(gcovr)
 

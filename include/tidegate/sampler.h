@@ -24,9 +24,8 @@ namespace tidegate {
 /// - throws gives no number in that interval, is counted, and told by an Error line at most once a
 ///   minute;
 /// - takes longer than a tenth of the interval is told once, by a Warn line;
-/// - still runs at the boundary holds up all after it: an Error line names it, once. It holds up
-/// the
-///   end of its `Metrics` for two seconds at most, and is left alone then.
+/// - still runs at the boundary holds up all after it: an Error line names it, once. The end of its
+///   `Metrics` waits for it for two seconds at most, and then leaves it alone.
 /// Threads: one at a time for each handle. After a fork the child's `Init` starts a thread of its
 /// own for the same callbacks; without it a child asks none. Once its `Metrics` has ended, a
 /// callback is not called again.

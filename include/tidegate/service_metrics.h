@@ -85,12 +85,13 @@ class METRICS_API Metrics {
   Sampler Sample(std::string name, std::function<double()> read);
   /// The same with tags. The samplers of one name have the same tag names.
   Sampler Sample(std::string name, std::vector<MetricTag> tags, std::function<double()> read);
-  /// Samples what the kernel knows of this process, until the end: metrics `process....`, see
-  /// docs/guide.md. The second time nothing. What cannot be read is left out, with a Warn line.
+  /// Samples what the kernel knows of this process, until the end: metrics whose names begin with
+  /// "process.", see docs/guide.md. The second time nothing. What cannot be read is left out, with
+  /// a Warn line.
   void AddProcessMetrics();
   /// Samples what the C library's allocator knows of its memory, until the end: metrics
-  /// `allocator....`. The second time nothing. Where the allocator is another one, or the library
-  /// has no `mallinfo2`, there are none, with a Warn line.
+  /// whose names begin with "allocator.". The second time nothing. Where the allocator is another
+  /// one, or the library has no `mallinfo2`, there are none, with a Warn line.
   void AddAllocatorMetrics();
 
   /// For the child of a fork, before anything else of it and of its handles: forgets what the

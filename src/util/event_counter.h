@@ -18,7 +18,7 @@ class EventCounter {
  public:
   /// What a counter is spread to at least.
   static constexpr uint32_t kSpreadLines = 32;
-  static constexpr uint32_t kFirstLines = 4;
+  static constexpr uint32_t kFirstLines = 4;  ///< what one that counts from the start is made with
 
   /// With lines for the first `lines` slots, and without any for 0.
   explicit EventCounter(uint32_t lines = kFirstLines);
