@@ -6,14 +6,17 @@
 
 #include <valgrind/callgrind.h>
 
+#include <chrono>
 #include <cstdio>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "metrics/bound_series.h"
 #include "metrics/metric_collector_item.h"
 #include "metrics/metric_method.h"
 #include "scenarios.h"
+#include "tidegate/service_metrics.h"
 
 namespace {
 
@@ -43,6 +46,43 @@ void Count(const char* name, Operation operation) {
   std::printf("%s %zu\n", name, kOperations);
 }
 
+tidegate::Options Facade() {
+  tidegate::Options options;
+  options.service = "app";
+  options.interval = std::chrono::seconds(60);
+  options.socket_path = "/tmp/nobody.listens.here";
+  options.log_level = tidegate::LogLevel::kSilent;
+  return options;
+}
+
+// The calls of the facade, each beside the call of the layer below that does the same.
+void CountFacade(METRICS::Metric& one, METRICS::Metric& three) {
+  tidegate::Metrics metrics(Facade());
+  const tidegate::Rate rate1 = metrics.Rate("one", TagNames(1));
+  const tidegate::Rate rate3 = metrics.Rate("three", TagNames(3));
+  const tidegate::Timer timer = metrics.Timer("timer");
+  const tidegate::BoundRate bound_rate = rate1.With(Tags(0, 1));
+  const tidegate::BoundTimer bound_timer = timer.With({});
+  METRICS::BoundSeries bound;
+  bound.Bind(&one, {}, METRICS::Observe(0));
+  const std::string a = TagValues(0, 3)[0];
+  const std::string b = TagValues(0, 3)[1];
+  const std::string c = TagValues(0, 3)[2];
+  constexpr std::chrono::microseconds kTime(7);
+
+  Count("braces_1", [&](size_t) { one.Emit({{"endpoint", a}}, Incr(1)); });
+  Count("facade_braces_1", [&](size_t) { rate1.Add(1, {{"endpoint", a}}); });
+  Count("braces_3", [&](size_t) {
+    three.Emit({{"endpoint", a}, {"instance", b}, {"operation", c}}, Incr(1));
+  });
+  Count("facade_braces_3", [&](size_t) {
+    rate3.Add(1, {{"endpoint", a}, {"instance", b}, {"operation", c}});
+  });
+  Count("facade_bound_series", [&](size_t) { bound_rate.Add(1); });
+  Count("bound_timer", [&](size_t) { bound.Emit(kTime); });
+  Count("facade_bound_timer", [&](size_t) { bound_timer.Observe(kTime); });
+}
+
 }  // namespace
 
 int main() {
@@ -65,4 +105,5 @@ int main() {
         [&](size_t series) { three.WithTagValues(values3[series])->Emit(Incr(1)); });
   Count("held_item", [&](size_t) { held->Emit(value); });
   Count("bound_series", [&](size_t) { bound.Emit(1); });
+  CountFacade(one, three);
 }

@@ -30,6 +30,33 @@ bool IsFull(size_t metrics) {
   return metrics >= static_cast<size_t>(limit);
 }
 
+void CheckFields(const std::vector<MetricFieldCfg>& fields, MetricRegistry::Refusal& refusal) {
+  size_t columns = 0;
+  ReturnCode code = ReturnCode::kOk;
+  for (const MetricFieldCfg& field : fields) {
+    if (!IsValidKey(field.name)) {
+      code = ReturnCode::kInvalidString;
+    } else if (!IsCellType(field.type)) {
+      code = ReturnCode::kInvalidMetricType;
+    } else if (field.histo != nullptr && !CheckBounds(*field.histo)) {
+      code = ReturnCode::kMaxHistoBucket;
+    }
+    if (code != ReturnCode::kOk) {
+      refusal = {code, true, "field [" + field.name + "]"};
+      return;
+    }
+    if (field.histo == nullptr && field.type == MetricsType::kHistogram) {
+      METRICS_LOG_WARN("Histogram Type has No config, ingored.\n");
+      continue;
+    }
+    columns += KindOf(field.type).Numbers(field.histo != nullptr ? field.histo->bounds.size() : 0);
+  }
+  // The low 16 bits are what counts.
+  if (static_cast<uint16_t>(columns) > kMaxColumns) {
+    refusal = {ReturnCode::kFieldNumExceeded, true, {}};
+  }
+}
+
 }  // namespace
 
 MetricRegistry::MetricRegistry(const std::string& tenant, const std::string& prefix,
@@ -59,92 +86,109 @@ ReturnCode MetricRegistry::CreateMetric(Metric*& metric, std::string name,
 }
 
 ReturnCode MetricRegistry::CreateMetric(Metric*& metric, MetricInitCfg init) {
-  metric = nullptr;
+  Refusal refusal;
+  metric = Make(std::move(init), refusal);
+  if (refusal.code == ReturnCode::kInternalError ||
+      refusal.code == ReturnCode::kAllocCollectorError) {
+    METRICS_LOG_WARN("Error when metric init: %s\n", MetricGetErrorCodeStr(refusal.code));
+  } else if (refusal.code != ReturnCode::kOk) {
+    if (refusal.of_fields) {
+      METRICS_LOG_CODE(refusal.code);
+    }
+    METRICS_LOG_CODE(refusal.code);
+  }
+  return refusal.code;
+}
+
+Metric* MetricRegistry::Make(MetricInitCfg init, Refusal& refusal) {
   MetricInstanceCfg& cfg = init.cfg;
-  ReturnCode code = CheckDefinition(cfg);
-  if (code != ReturnCode::kOk) {
-    METRICS_LOG_CODE(code);
-    return code;
+  CheckDefinition(cfg, refusal);
+  if (refusal.code != ReturnCode::kOk) {
+    return nullptr;
   }
   const std::string full_name = prefix_.empty() ? cfg.name : prefix_ + "." + cfg.name;
   std::shared_ptr<Metric> made;
   const WriteGuard guard(table_->rwlock_);
   if (table_->metrics_.count(cfg.name) != 0) {
-    METRICS_LOG_CODE(ReturnCode::kObjectExisted);
-    return ReturnCode::kObjectExisted;
+    refusal.code = ReturnCode::kObjectExisted;
+    return nullptr;
   }
   made = std::make_shared<Metric>(full_name, this, init.kind);
   made->max_series_ = cfg.max_series;
   if (cfg.max_series != 0) {
     made->emit_overflow_.Spread(EventCounter::kSpreadLines);
   }
-  code = made->Init(std::move(cfg.tag_names), std::move(cfg.const_tags), std::move(cfg.fields),
-                    cfg.histo);
-  if (code != ReturnCode::kOk) {
-    METRICS_LOG_WARN("Error when metric init: %s\n", MetricGetErrorCodeStr(code));
-    return code;
+  refusal.code = made->Init(std::move(cfg.tag_names), std::move(cfg.const_tags),
+                            std::move(cfg.fields), cfg.histo);
+  if (refusal.code != ReturnCode::kOk) {
+    return nullptr;
   }
   if (state_.load() != MetricState::READY) {
-    code = ReturnCode::kObjectBlocked;
+    refusal.code = ReturnCode::kObjectBlocked;
   } else if (IsFull(table_->metrics_.size())) {
-    code = ReturnCode::kMaxMetric;
+    refusal.code = ReturnCode::kMaxMetric;
   }
-  if (code != ReturnCode::kOk) {
+  if (refusal.code != ReturnCode::kOk) {
     // A flush may hold the metric for a while; its collector goes at once.
     made->impl_->LeaveCollector();
-    METRICS_LOG_CODE(code);
-    return code;
+    return nullptr;
   }
-  metric = made.get();
+  Metric* const metric = made.get();
   table_->metrics_.emplace(cfg.name, std::move(made));
   METRICS_LOG_DEBUG("Create new metric tenant[%s] metric_name[%s.%s]\n", tenant_.c_str(),
                     prefix_.c_str(), cfg.name.c_str());
-  return ReturnCode::kOk;
+  return metric;
 }
 
-ReturnCode MetricRegistry::CheckDefinition(const MetricInstanceCfg& cfg) const {
+void MetricRegistry::CheckDefinition(const MetricInstanceCfg& cfg, Refusal& refusal) const {
   if (!IsValidKey(cfg.name)) {
-    return ReturnCode::kInvalidString;
+    refusal = {ReturnCode::kInvalidString, false, "the name"};
+    return;
   }
   if (cfg.tag_names.size() > kMaxTagNames) {
-    return ReturnCode::kMaxTagPair;
+    refusal.code = ReturnCode::kMaxTagPair;
+    return;
   }
   if (!CheckDuplicatedString(cfg.tag_names)) {
-    return ReturnCode::kDuplicatedTagName;
+    refusal.code = ReturnCode::kDuplicatedTagName;
+    return;
   }
   const std::vector<tidegate::MetricTag> inserted = InsertedTags();
   for (const std::string& name : cfg.tag_names) {
-    if (!IsValidKey(name)) {
-      return ReturnCode::kInvalidString;
-    }
-    if (!CheckWithInsertedTags(name, inserted)) {
-      return ReturnCode::kTagConflict;
+    const bool valid = IsValidKey(name);
+    if (!valid || !CheckWithInsertedTags(name, inserted)) {
+      refusal = {valid ? ReturnCode::kTagConflict : ReturnCode::kInvalidString, false,
+                 "tag name [" + name + "]"};
+      return;
     }
   }
-  const ReturnCode code = CheckConstTags(cfg, inserted);
-  if (code != ReturnCode::kOk) {
-    return code;
+  CheckConstTags(cfg, inserted, refusal);
+  if (refusal.code != ReturnCode::kOk) {
+    return;
   }
   if (cfg.histo != nullptr && !CheckBounds(*cfg.histo)) {
-    return ReturnCode::kMaxHistoBucket;
+    refusal = {ReturnCode::kMaxHistoBucket, false, cfg.histo->Reason()};
+    return;
   }
-  return CheckMetricFieldCfg(cfg.fields);
+  CheckFields(cfg.fields, refusal);
 }
 
-ReturnCode MetricRegistry::CheckConstTags(const MetricInstanceCfg& cfg,
-                                          const std::vector<tidegate::MetricTag>& inserted) const {
+void MetricRegistry::CheckConstTags(const MetricInstanceCfg& cfg,
+                                    const std::vector<tidegate::MetricTag>& inserted,
+                                    Refusal& refusal) {
   for (const tidegate::MetricTag& tag : cfg.const_tags) {
-    if (!IsValidTag(tag)) {
-      return ReturnCode::kInvalidString;
-    }
+    const bool valid = IsValidTag(tag);
     const bool declared =
         std::find(cfg.tag_names.begin(), cfg.tag_names.end(), tag.key) != cfg.tag_names.end();
-    if (declared || !CheckWithInsertedTags(tag.key, inserted)) {
-      return ReturnCode::kTagConflict;
+    if (!valid || declared || !CheckWithInsertedTags(tag.key, inserted)) {
+      refusal = {valid ? ReturnCode::kTagConflict : ReturnCode::kInvalidString, false,
+                 "tag [" + tag.key + "]"};
+      return;
     }
   }
-  return CheckDuplicatedString(KeysOf(cfg.const_tags)) ? ReturnCode::kOk
-                                                       : ReturnCode::kDuplicatedTagName;
+  if (!CheckDuplicatedString(KeysOf(cfg.const_tags))) {
+    refusal.code = ReturnCode::kDuplicatedTagName;
+  }
 }
 
 ReturnCode MetricRegistry::GetMetric(Metric*& metric, std::string name) {
@@ -298,33 +342,12 @@ void MetricRegistry::MergeTags(const std::vector<tidegate::MetricTag>& first,
 }
 
 ReturnCode CheckMetricFieldCfg(const std::vector<MetricFieldCfg>& fields) {
-  size_t columns = 0;
-  ReturnCode code = ReturnCode::kOk;
-  for (const MetricFieldCfg& field : fields) {
-    if (!IsValidKey(field.name)) {
-      code = ReturnCode::kInvalidString;
-    } else if (!IsCellType(field.type)) {
-      code = ReturnCode::kInvalidMetricType;
-    } else if (field.histo != nullptr && !CheckBounds(*field.histo)) {
-      code = ReturnCode::kMaxHistoBucket;
-    }
-    if (code != ReturnCode::kOk) {
-      break;
-    }
-    if (field.histo == nullptr && field.type == MetricsType::kHistogram) {
-      METRICS_LOG_WARN("Histogram Type has No config, ingored.\n");
-      continue;
-    }
-    columns += KindOf(field.type).Numbers(field.histo != nullptr ? field.histo->bounds.size() : 0);
+  MetricRegistry::Refusal refusal;
+  CheckFields(fields, refusal);
+  if (refusal.code != ReturnCode::kOk) {
+    METRICS_LOG_CODE(refusal.code);
   }
-  // The low 16 bits are what counts.
-  if (code == ReturnCode::kOk && static_cast<uint16_t>(columns) > kMaxColumns) {
-    code = ReturnCode::kFieldNumExceeded;
-  }
-  if (code != ReturnCode::kOk) {
-    METRICS_LOG_CODE(code);
-  }
-  return code;
+  return refusal.code;
 }
 
 }  // namespace METRICS

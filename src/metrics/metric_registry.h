@@ -107,14 +107,26 @@ class METRICS_API MetricRegistry : public RegistryParts {
                         const std::vector<tidegate::MetricTag>& second,
                         std::vector<tidegate::MetricTag>& out);
 
+  /// Why a metric was not made.
+  struct Refusal {
+    ReturnCode code = ReturnCode::kOk;
+    bool of_fields = false;
+    std::string subject;  ///< what of the definition is refused: a name, a tag; may be empty
+  };
+  /// For the facade: as `CreateMetric`, but what is refused is told by `refusal` alone, without an
+  /// Error line.
+  __attribute__((visibility("hidden"))) Metric* Make(MetricInitCfg init, Refusal& refusal);
+
   /// Says so, once, if the interval is no multiple of its tenant's: rates are wrong then. From the
   /// thread that makes the registry or the flush thread: the first to know the tenant's interval.
   void WarnOfInterval(int tenant_interval);
 
  private:
-  ReturnCode CheckDefinition(const MetricInstanceCfg& cfg) const;
-  ReturnCode CheckConstTags(const MetricInstanceCfg& cfg,
-                            const std::vector<tidegate::MetricTag>& inserted) const;
+  __attribute__((visibility("hidden"))) void CheckDefinition(const MetricInstanceCfg& cfg,
+                                                             Refusal& refusal) const;
+  __attribute__((visibility("hidden"))) static void CheckConstTags(
+      const MetricInstanceCfg& cfg, const std::vector<tidegate::MetricTag>& inserted,
+      Refusal& refusal);
   void WarnOfTags(const std::vector<tidegate::MetricTag>& tags) const;
   /// Done for each metric that is removed, before it leaves the table. Its parts go to `removed`,
   /// which dies without any lock.

@@ -322,11 +322,15 @@ ReturnCode ServiceCore::MakeMetric(OwnedMetricSlot& slot, std::string& why) {
     return ReturnCode::kInvalidParamNumber;
   }
   LayerDefinition layer(definition);
-  Metric* metric = nullptr;
-  const ReturnCode code = registry_->CreateMetric(metric, layer.cfg);
-  if (code != ReturnCode::kOk) {
-    why = TextOf(code);
-    return code;
+  const bool row = definition.type == MetricsType::kMultiField;
+  MetricRegistry::Refusal refusal;
+  Metric* const metric =
+      registry_->Make({row ? MetricCoItemType::kCoItemField : MetricCoItemType::kCoItemSuffix,
+                       std::move(layer.cfg)},
+                      refusal);
+  if (metric == nullptr) {
+    why = refusal.subject + (refusal.subject.empty() ? "" : ": ") + TextOf(refusal.code);
+    return refusal.code;
   }
   metric->SetUseCkms(definition.options.estimate_percentiles);
   slot.pin = Pin(*metric);

@@ -3,8 +3,8 @@
 #include <sys/un.h>
 
 #include <algorithm>
-#include <iterator>
 
+#include "util/metric_clock_util.h"
 #include "util/metric_string_util.h"
 #include "util/metric_tag_util.h"
 
@@ -13,7 +13,6 @@ namespace {
 
 constexpr size_t kMaxPath = sizeof(sockaddr_un::sun_path) - 1;
 constexpr size_t kMaxTags = 255;
-constexpr long kIntervals[] = {1, 5, 10, 15, 30, 60};
 
 std::string IllegalName(const char* what, const std::string& name) {
   return std::string(what) + " [" + name +
@@ -45,7 +44,8 @@ std::string ReasonAgainst(const tidegate::Options& options) {
     return IllegalName("the tenant", options.tenant);
   }
   const long interval = static_cast<long>(options.interval.count());
-  if (std::find(std::begin(kIntervals), std::end(kIntervals), interval) == std::end(kIntervals)) {
+  if (std::find(kValidFlushInterval.begin(), kValidFlushInterval.end(), interval) ==
+      kValidFlushInterval.end()) {
     return "the interval is " + std::to_string(interval) + " s, not 1, 5, 10, 15, 30 or 60";
   }
   const std::string& path = options.socket_path;
