@@ -96,10 +96,12 @@ class SamplerThread final : public StoppableThread,
  private:
   enum class Service : uint8_t { kOn, kPaused, kEnded };
   using Clock = std::chrono::steady_clock;
+  using Jobs = LinkedList<SamplerJob>;
 
   bool Start();
   /// Puts the job into the list and sees to the thread; else says why not.
   const char* Take(const std::shared_ptr<SamplerJob>& job);
+  bool IsKept(const std::string& name) const METRICS_REQUIRES(mutex_);
   void WaitForOtherStop() METRICS_REQUIRES(mutex_);
   void LeaveThread();
   void RepairAfterFork();
@@ -121,7 +123,7 @@ class SamplerThread final : public StoppableThread,
 
   Mutex mutex_;
   Condition changed_;  ///< of anything below
-  LinkedList<SamplerJob> jobs_ METRICS_GUARDED_BY(mutex_);
+  Jobs jobs_ METRICS_GUARDED_BY(mutex_);
   Service service_ METRICS_GUARDED_BY(mutex_) = Service::kOn;
   bool starting_ METRICS_GUARDED_BY(mutex_) = false;
   bool gone_ METRICS_GUARDED_BY(mutex_) = false;      ///< the thread has left its loop
