@@ -1,5 +1,6 @@
 # The files that `cmake --install` writes. Components: runtime (the shared library), dev (headers, CMake and pkg-config
-# files, the link to the library or the static one), tools (the agent, its units, completion for shells).
+# files, the link to the library or the static one, the library for tests), tools (the agent, its units, completion for
+# shells).
 
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -8,7 +9,7 @@ set(tidegate_include_dir ${CMAKE_INSTALL_INCLUDEDIR}/tidegate-metrics)
 set(tidegate_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/tidegate-metrics)
 
 install(
-  TARGETS tidegate_metrics
+  TARGETS tidegate_metrics tidegate_metrics_testing
   EXPORT tidegate-metrics-targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
@@ -69,8 +70,10 @@ else()
 endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/tidegate-metrics.pc.in
                ${PROJECT_BINARY_DIR}/tidegate-metrics.pc @ONLY)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/tidegate-metrics-testing.pc.in
+               ${PROJECT_BINARY_DIR}/tidegate-metrics-testing.pc @ONLY)
 install(
-  FILES ${PROJECT_BINARY_DIR}/tidegate-metrics.pc
+  FILES ${PROJECT_BINARY_DIR}/tidegate-metrics.pc ${PROJECT_BINARY_DIR}/tidegate-metrics-testing.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
   COMPONENT dev)
 

@@ -15,6 +15,8 @@ set(TIDEGATE_PUBLIC_HEADERS
     include/tidegate/static_configer.h
     include/tidegate/static_vendor.h
     include/tidegate/tag_view.h
+    include/tidegate/testing.h
+    include/tidegate/testing_gtest.h
     include/tidegate/vendor_interface.h
     src/metrics/bound_series.h
     src/metrics/cell_ptr.h

@@ -30,6 +30,7 @@ ListeningAgent::ListeningAgent(std::string path, Take take)
 void ListeningAgent::Restart() {
   listener_ = Bind(path_, SOCK_SEQPACKET | SOCK_NONBLOCK, SOMAXCONN);
   mood_.store(Mood::kServing);
+  Answer(asked_.load());
   thread_ = std::thread(&ListeningAgent::Serve, this);
 }
 
@@ -64,6 +65,7 @@ void ListeningAgent::Serve() {
       case Mood::kKilled:
         listener_.Reset();
         clients_.clear();
+        Answer(kEnded);
         return;
     }
   }
@@ -74,11 +76,37 @@ void ListeningAgent::ForgetWake() {
   ::eventfd_read(wake_.get(), &ignored);
 }
 
+void ListeningAgent::CatchUp() {
+  const uint64_t call = asked_.fetch_add(1) + 1;
+  ::eventfd_write(wake_.get(), 1);
+  std::unique_lock lock(mutex_);
+  caught_up_.wait(lock, [&] { return answered_ >= call; });
+}
+
+void ListeningAgent::Answer(uint64_t asked) {
+  const std::lock_guard guard(mutex_);
+  answered_ = asked;
+  caught_up_.notify_all();
+}
+
+void ListeningAgent::ReadAll() {
+  const uint64_t asked = asked_.load();
+  Accept();
+  clients_.erase(
+      std::remove_if(clients_.begin(), clients_.end(),
+                     [this](const agent::UniqueFd& client) { return !ReadSome(client.get()); }),
+      clients_.end());
+  Answer(asked);
+}
+
 void ListeningAgent::ServeOnce() {
   std::vector<pollfd> watched{{wake_.get(), POLLIN, 0}, {listener_.get(), POLLIN, 0}};
   for (const agent::UniqueFd& client : clients_) watched.push_back({client.get(), POLLIN, 0});
   if (::poll(watched.data(), watched.size(), -1) < 0) return;
-  if (watched[0].revents != 0) ForgetWake();
+  if (watched[0].revents != 0) {
+    ForgetWake();
+    return ReadAll();
+  }
   std::vector<agent::UniqueFd> open;
   for (size_t i = 0; i < clients_.size(); ++i) {
     if (watched[i + 2].revents == 0 || ReadSome(clients_[i].get())) {

@@ -1,8 +1,12 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <limits>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,6 +33,9 @@ class ListeningAgent {
   // Neither reads nor accepts until `Resume`.
   void Stall() { Tell(Mood::kStalled); }
   void Resume() { Tell(Mood::kServing); }
+  // Returns when all that was sent before the call has been handed over. From any thread. Returns
+  // at once when it has ended. REQUIRES: it is not stalled.
+  void CatchUp();
   // Closes all of its sockets at once. Its socket file stays, here and in `Drain`.
   void Kill() { End(Mood::kKilled); }
   // Refuses new messages, reads those that are there, and ends.
@@ -48,7 +55,9 @@ class ListeningAgent {
   void End(Mood mood);
   void Serve();
   void ServeOnce();
-  void ForgetWake();  // before a look at `mood_`
+  void ForgetWake();  // before a look at `mood_` or `asked_`
+  void ReadAll();
+  void Answer(uint64_t asked);
   void Accept();
   // Reads the messages that are there. False when the connection is at its end.
   bool ReadSome(int client);
@@ -57,11 +66,17 @@ class ListeningAgent {
   // Hands one message over. False when there is none, with errno, 0 at the end of the connection.
   bool Receive(int client, int flags);
 
+  static constexpr uint64_t kEnded = std::numeric_limits<uint64_t>::max();
+
   const std::string path_;
   const Take take_;
   std::atomic<Mood> mood_{Mood::kServing};
   std::atomic<int> hang_ups_{0};
-  agent::UniqueFd wake_;  // an eventfd: look at `mood_`
+  agent::UniqueFd wake_;            // an eventfd: look at `mood_` and `asked_`
+  std::atomic<uint64_t> asked_{0};  // how often `CatchUp` was called
+  std::mutex mutex_;
+  std::condition_variable caught_up_;
+  uint64_t answered_ = kEnded;  // which call of `CatchUp` may return; under `mutex_`
   // Of the thread alone while it runs.
   agent::UniqueFd listener_;
   std::vector<agent::UniqueFd> clients_;

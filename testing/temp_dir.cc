@@ -1,14 +1,16 @@
 #include "testing/temp_dir.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <stdexcept>
 #include <system_error>
 
 namespace tidegate::test {
 
 TempDir::TempDir() : path_("/tmp/tgXXXXXX") {
-  if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error("no folder " + path_);
+  if (::mkdtemp(path_.data()) == nullptr) {
+    throw std::system_error(errno, std::generic_category(), "no folder " + path_);
+  }
 }
 
 TempDir::~TempDir() {

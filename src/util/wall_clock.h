@@ -31,8 +31,8 @@ struct ClockHooks {
 /// system's is in place again. Threads of the library that are asleep notice it within 200 ms.
 METRICS_API void SetClockHooks(const ClockHooks* hooks);
 
-/// The threads of the library in this process, from just before they are started until just before
-/// they end. The forked child of a test has to set it to 0.
+/// The threads of this process that sleep by the hooks, from just before they are started until
+/// just before they end. The forked child of a test has to set it to 0.
 extern METRICS_API std::atomic<int> g_libraryThreads;
 
 /// The hooks in place, or null.
