@@ -8,11 +8,11 @@
 using METRICS::Metric;
 
 int main(int argc, char** argv) {
-  METRICS::MetricClient client;
-  example::Start(client, argc, argv);
+  tidegate::Metrics metrics(example::OptionsOf("legacy", argc, argv));
 
+  // The facade has no handle for it: one goes to the layer below.
   METRICS::MetricRegistry* registry = nullptr;
-  example::Require(client.CreateRegistry(registry, example::Registry("legacy")));
+  example::Require(metrics.Client().CreateRegistry(registry, example::Registry("legacy")));
   METRICS::MetricRegistry::MetricInitCfg init;
   init.kind = METRICS::MetricCoItemType::kCoItemCompatible;
   init.cfg.name = "jobs";
@@ -24,7 +24,7 @@ int main(int argc, char** argv) {
   jobs->CEmit(2, {"queue", "mail", "result", "sent"});
   jobs->CEmit(1, {"queue", "invoice"});
 
-  client.FlushAndExit();
+  metrics.Stop();
   std::printf(
       "look for: counter legacy.jobs{queue=mail,result=sent,slot=0} 3 and "
       "{queue=invoice,slot=0} 1\n");

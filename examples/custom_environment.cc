@@ -1,6 +1,7 @@
 // custom_environment [SOCKET_PATH]: environment objects of your own, for a service whose settings
 // and machine are not known when it is compiled.
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -58,10 +59,11 @@ class Machine : public METRICS::DummyVendor {
 }  // namespace
 
 int main(int argc, char** argv) {
-  example::SetUpProcess();
+  std::signal(SIGPIPE, SIG_IGN);  // an agent that goes away must not end the service
+  tidegate::SetLogLevel(tidegate::LogLevel::kError);
   METRICS::MetricClient client;
   client.Init(std::make_unique<Settings>(),
-              std::make_unique<Machine>(example::MachineOf(argc, argv).socket_path));
+              std::make_unique<Machine>(example::OptionsOf("custom", argc, argv).socket_path));
 
   METRICS::MetricRegistryCfg registry = example::Registry("custom");
   registry.tags = {{"cluster", "south"}};

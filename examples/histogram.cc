@@ -5,38 +5,21 @@
 
 #include "example.h"
 
-using METRICS::HistoUtil;
-using METRICS::Metric;
-using METRICS::Stat;
-
 int main(int argc, char** argv) {
-  METRICS::MetricClient client;
-  example::Start(client, argc, argv);
+  tidegate::Metrics metrics(example::OptionsOf("http", argc, argv));
 
   // 256, 512, ... 8192 bytes: each bound begins a bucket, and smaller samples are not counted.
-  HistoUtil bounds = HistoUtil::Exponential(256, 2, 6);
-  METRICS::MetricInstanceCfg definition;
-  definition.name = "sizes";
-  definition.histo = &bounds;
-  Metric* const sizes = example::MakeMetric(client, "http", definition);
+  const auto sizes = metrics.Histogram("sizes", METRICS::HistoUtil::Exponential(256, 2, 6));
   for (const int size : {300, 400, 700, 9000}) {
-    sizes->Emit({}, Stat(size));
+    sizes.Observe(size);
   }
 
-  // Bounds that make no sense are refused with the metric, and say why.
-  HistoUtil wrong = HistoUtil::Explicit({10, 5});
-  definition.name = "wrong";
-  definition.histo = &wrong;
-  METRICS::g_metricsLogLevel = 4;  // the refusal would print its line
-  const auto refused = client.CreateMetric(example::Registry("http"), definition);
-  if (refused.metric == nullptr) {
-    std::printf("refused as it should be: code %d, %s\n", static_cast<int>(refused.code),
-                wrong.Reason().c_str());
-  }
+  // Bounds that make no sense: a handle that does nothing, and says why.
+  tidegate::SetLogLevel(tidegate::LogLevel::kSilent);  // the refusal would print its line
+  const auto wrong = metrics.Histogram("wrong", {10, 5});
+  std::printf("refused as it should be: %s\n", wrong.Error().c_str());
 
-  client.FlushAndExit();
   std::printf(
-      "look for: multi_field http.sizes.histogram: two samples from 256 on, one each from 512 and "
-      "from\n"
+      "look for: multi_field http.sizes: two samples from 256 on, one each from 512 and from\n"
       "          8192 on, a sum of 10400 and a count of 4\n");
 }

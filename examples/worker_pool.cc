@@ -16,13 +16,6 @@
 
 namespace {
 
-using METRICS::BoundSeries;
-using METRICS::Incr;
-using METRICS::Metric;
-using METRICS::ScopedTimer;
-using METRICS::Store;
-using METRICS::WithSuffix;
-
 constexpr int kWorkers = 4;
 constexpr int kRequests = 400;
 
@@ -33,19 +26,12 @@ struct Request {
 
 class Server {
  public:
-  explicit Server(METRICS::MetricClient& client) {
-    METRICS::MetricInstanceCfg latency;
-    latency.name = "latency";
-    latency.tag_names = {"path", "status"};
-    latency_ = example::MakeMetric(client, "pool", latency);
-    // Three numbers on one series without tags. Every request needs them, so they are bound once:
-    // from then on an emission is a few nanoseconds.
-    METRICS::MetricInstanceCfg requests;
-    requests.name = "requests";
-    Metric* const metric = example::MakeMetric(client, "pool", requests);
-    example::Require(accepted_.Bind(metric, {}, Incr(0)));
-    example::Require(depth_.Bind(metric, {}, WithSuffix("queue", Store(0))));
-    example::Require(waited_.Bind(metric, {}, "waited", METRICS::MetricsType::kTimer));
+  // Each handle is looked up once: from then on an emission is a few nanoseconds.
+  explicit Server(tidegate::Metrics& metrics)
+      : latency_(metrics.Timer("latency", {"path", "status"})),
+        accepted_(metrics.Rate("requests").With({})),
+        depth_(metrics.Gauge("queue").With({})),
+        waited_(metrics.Timer("waited").With({})) {
     for (int i = 0; i < kWorkers; ++i) {
       workers_.emplace_back([this] { Work(); });
     }
@@ -54,8 +40,8 @@ class Server {
   void Accept(int number) {
     const std::lock_guard<std::mutex> guard(mutex_);
     queue_.push_back({number, std::chrono::steady_clock::now()});
-    accepted_.Emit(1);
-    depth_.Emit(queue_.size());
+    accepted_.Add(1);
+    depth_.Set(queue_.size());
     wake_.notify_one();
   }
 
@@ -74,7 +60,7 @@ class Server {
   void Work() {
     Request request{};
     while (Next(&request)) {
-      waited_.Emit(std::chrono::steady_clock::now() - request.arrived);
+      waited_.Observe(std::chrono::steady_clock::now() - request.arrived);
       Serve(request);
     }
   }
@@ -91,17 +77,17 @@ class Server {
   void Serve(const Request& request) {
     static constexpr std::array<const char*, 2> kPaths = {"/cart", "/search"};
     // From here to the end of the scope. A handler that threw would be timed as well, without tags.
-    ScopedTimer timer(latency_);
+    auto timer = latency_.Start();
     const char* const path = kPaths[static_cast<size_t>(request.number) % kPaths.size()];
     std::this_thread::sleep_for(std::chrono::microseconds(500 + request.number));
     const bool found = request.number % 20 != 0;
     timer.WithTags({{"path", path}, {"status", found ? "200" : "404"}});
   }
 
-  Metric* latency_ = nullptr;
-  BoundSeries accepted_;
-  BoundSeries depth_;
-  BoundSeries waited_;
+  const tidegate::Timer latency_;
+  const tidegate::BoundRate accepted_;
+  const tidegate::BoundGauge depth_;
+  const tidegate::BoundTimer waited_;
   std::mutex mutex_;
   std::condition_variable wake_;
   std::deque<Request> queue_;
@@ -112,16 +98,14 @@ class Server {
 }  // namespace
 
 int main(int argc, char** argv) {
-  METRICS::MetricClient client;
-  example::Start(client, argc, argv);
-  Server server(client);
+  tidegate::Metrics metrics(example::OptionsOf("pool", argc, argv));
+  Server server(metrics);
   for (int i = 0; i < kRequests; ++i) {
     server.Accept(i);
   }
   server.Finish();
-  std::fputs(client.DebugString().c_str(), stdout);
-  client.FlushAndExit();
+  std::fputs(metrics.DebugString().c_str(), stdout);
   std::printf(
-      "look for: timer pool.latency.timer by path and status, 404 for every twentieth request;\n"
-      "          rate pool.requests.rate, gauge pool.requests.queue, timer pool.requests.waited\n");
+      "look for: timer pool.latency by path and status, 404 for every twentieth request;\n"
+      "          rate pool.requests, gauge pool.queue, timer pool.waited\n");
 }
