@@ -9,9 +9,11 @@
 #include "metrics/metric_ckms_quantiles.h"
 #include "metrics/metric_collector.h"
 #include "metrics/metric_collector_factory.h"
+#include "metrics/sampler_thread.h"
 #include "support/counted_allocations.h"
 #include "support/environment.h"
 #include "support/keyed_numbers.h"
+#include "tidegate/service_metrics.h"
 
 // Of this thread: the client's others do as they like.
 static __thread long allocations = 0;
@@ -138,6 +140,30 @@ bool Manages(long left, Attempt attempt) {
   }
   allocations_left = -1;
   return managed;
+}
+
+TEST(AllocationTest, NoneInARoundOfSamplers) {
+  tidegate::Options options;
+  options.service = "s";
+  options.socket_path = "/tmp/nobody.listens";
+  options.log_level = LogLevel::kSilent;
+  tidegate::Metrics metrics(options);
+  metrics.AddProcessMetrics();
+  metrics.AddAllocatorMetrics();
+  std::atomic<long> round = 0;
+  std::atomic<long> last_round = -1;
+  // Asked first, so that a round is between two calls.
+  const tidegate::Sampler sampler =
+      metrics.Sample("allocations", [&, before = allocations]() mutable {
+        round = allocations - before;
+        before = allocations;
+        return 1;
+      });
+  for (int i = 0; i < 4; ++i) {
+    AskSamplersNow();
+    last_round = round.exchange(-1);
+  }
+  EXPECT_EQ(last_round, 0);
 }
 
 TEST(AllocationTest, WhereOneFailsATableOfCellsIsAsItWas) {
