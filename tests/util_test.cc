@@ -13,7 +13,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using testing::MatchesRegex;
-using tidegate::test::CountOf;
 using tidegate::test::LogOf;
 
 TEST(LogTest, LevelGatesLinesAndTheirArguments) {
@@ -34,53 +33,6 @@ TEST(LogTest, LevelGatesLinesAndTheirArguments) {
     EXPECT_THAT(LogOf(log_all, level), MatchesRegex(lines)) << int{level};
     EXPECT_EQ(computed, level < 4 ? 4 - level : 0);
   }
-}
-
-// Sets a sink for its life that notes what it takes.
-class NotingSink {
- public:
-  NotingSink() {
-    tidegate::SetLogSink(
-        [](void* self, tidegate::LogLevel level, std::string_view text) {
-          static_cast<NotingSink*>(self)->lines += std::to_string(int(level)) + std::string(text);
-        },
-        this);
-  }
-  ~NotingSink() { tidegate::SetLogSink(nullptr); }
-  NotingSink(const NotingSink&) = delete;
-  NotingSink& operator=(const NotingSink&) = delete;
-
-  std::string lines;
-};
-
-TEST(LogSinkTest, TakesLevelAndTextInsteadOfStandardOutput) {
-  using tidegate::SetLogSink;
-  const std::string tail = " line\n";
-  const auto log = [&tail] {
-    METRICS_LOG_WARN("a%s", tail.c_str());
-    DebugMsg({"x", "y"}, "%d", 3);
-  };
-  const auto log_own = [] { METRICS_LOG_ERROR("own\n"); };
-  {
-    const NotingSink sink;
-    EXPECT_EQ(LogOf(log, 0), "");
-    EXPECT_EQ(sink.lines, "2a line03 with tag value: x|y|");
-  }
-  const std::string plain = LogOf(log, 0);
-  EXPECT_THAT(plain, MatchesRegex(R"(\[MetricSDK\]\[Warn \]\[util_test.cc:[0-9]+\]a line)"
-                                  "\n"
-                                  R"(\[MetricSDK\]\[Debug\]3 with tag value: x\|y\|)"
-                                  "\n"));
-  // These leave the line, or what they write themselves, to standard output.
-  SetLogSink([](tidegate::LogLevel, std::string_view) { throw 1; });
-  EXPECT_EQ(LogOf(log, 0), plain);
-  SetLogSink([&](tidegate::LogLevel, std::string_view) { log_own(); });
-  EXPECT_EQ(CountOf("]own\n", LogOf(log, 0)), 2u);
-  int called = 0;
-  SetLogSink([&](tidegate::LogLevel, std::string_view) { SetLogSink(nullptr), ++called; });
-  EXPECT_EQ(LogOf(log, 1), "");
-  EXPECT_EQ(LogOf(log, 0), plain);
-  EXPECT_EQ(called, 1);
 }
 
 TEST(ClockTest, FlushIntervalsOutsideTheListBecomeThirtyWithAWarning) {

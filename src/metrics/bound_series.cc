@@ -15,7 +15,7 @@
 #include "util/event_counter_add.h"
 #include "util/fork_guard.h"
 #include "util/line_allocator.h"
-#include "util/metric_lock.h"
+#include "util/logging_lock.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
 #include "util/wait.h"
@@ -114,7 +114,7 @@ struct BoundSeries::Pins {
   CellPtr cell;
   std::vector<std::string> values;
   std::string name;
-  Mutex mutex;
+  LoggingMutex mutex;
   std::shared_ptr<BoundSeries> anew METRICS_GUARDED_BY(mutex);
 };
 

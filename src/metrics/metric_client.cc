@@ -14,6 +14,7 @@
 #include "metrics/metric_self_monitor.h"
 #include "metrics/metric_sender_manager.h"
 #include "util/fork_guard.h"
+#include "util/log_scope.h"
 #include "util/metric_log.h"
 #include "util/wait.h"
 
@@ -87,6 +88,7 @@ bool MetricClient::MakeParts(const CoreInitCfg& cfg) {
 ReturnCode MetricClient::Begin(tidegate::MConfigerImplBase* configer,
                                tidegate::VendorInterface* vendor,
                                tidegate::ServiceDiscoveryBase* discovery, const CoreInitCfg& cfg) {
+  const LogScope lines;  // a sink that calls this client finds it whole
   sender_reports_ = self_monitor_.get();
   const ReturnCode code = configer_->Init(configer, vendor, discovery, cfg);
   if (code != ReturnCode::kOk) {
@@ -173,6 +175,7 @@ void MetricClient::ReleaseFactories() {
 }
 
 ReturnCode MetricClient::Exit() {
+  const ThreadsEndLogScope lines;
   const NoCancellation uncancelled;  // destructors join threads and close sockets
   if (IsForkedChildOf(init_pid_)) {
     AtFork();
@@ -186,6 +189,7 @@ ReturnCode MetricClient::Exit() {
 }
 
 void MetricClient::FlushAndExit() {
+  const ThreadsEndLogScope lines;
   const NoCancellation uncancelled;  // as in `Exit`
   if (IsForkedChildOf(init_pid_)) {
     AtFork();
@@ -200,6 +204,7 @@ void MetricClient::FlushAndExit() {
 }
 
 void MetricClient::AtFork() {
+  const ThreadsEndLogScope lines;
   std::optional<ForkTeardown> teardown;
   if (IsForkedChildOf(init_pid_)) {
     teardown.emplace();

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "metrics/metric_collector.h"
+#include "util/logging_lock.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
-#include "util/metric_lock.h"
 
 namespace METRICS {
 
@@ -121,7 +121,7 @@ class MetricCollectorFactory : public CollectorFactoryParts {
   void PromoteWaiting(const ImplParts& member) METRICS_REQUIRES(rwlock_);
   void DropAll() METRICS_REQUIRES(rwlock_);
 
-  mutable RwLock rwlock_;
+  mutable LoggingRwLock rwlock_;
   /// The members of the collectors that have had more than one, the one that they were made for
   /// included as long as it has not left.
   std::unordered_map<const MetricCollectorBase*, Members> members_ METRICS_GUARDED_BY(rwlock_);

@@ -10,7 +10,7 @@
 #include "metrics/removed.h"
 #include "util/fork_guard.h"
 #include "util/metric_clock_util.h"
-#include "util/metric_lock.h"
+#include "util/logging_lock.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
 #include "util/metric_tag_util.h"
@@ -33,7 +33,7 @@ struct MetricFactory::Table {
     return found == registries_.end() ? nullptr : found->second.get();
   }
 
-  RwLock rwlock_;
+  LoggingRwLock rwlock_;
   std::unordered_map<std::string, std::shared_ptr<MetricRegistry>> registries_
       METRICS_GUARDED_BY(rwlock_);
 };

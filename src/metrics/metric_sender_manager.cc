@@ -8,6 +8,7 @@
 #include "metrics/metric_tcp_sender.h"
 #include "metrics/metric_unix_domain_sender.h"
 #include "util/fork_guard.h"
+#include "util/log_scope.h"
 #include "util/metric_log.h"
 #include "util/state_text.h"
 
@@ -81,6 +82,7 @@ ReturnCode MetricSenderManager::GetSender(MetricSender*& sender, std::string ten
 }
 
 ReturnCode MetricSenderManager::RemoveSender(std::string tenant) {
+  const ThreadsEndLogScope lines;
   const WriteGuard guard(mutex_);
   const auto found = senders_.find(tenant);
   if (found == senders_.end()) {

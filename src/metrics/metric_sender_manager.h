@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "metrics/metric_sender.h"
+#include "util/logging_lock.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
 #include "util/metric_export.h"
-#include "util/metric_lock.h"
 
 namespace METRICS {
 
@@ -68,7 +68,7 @@ class METRICS_API MetricSenderManager {
   /// Deletes the senders in the table's order.
   void DeleteAll() METRICS_REQUIRES(mutex_);
 
-  Mutex mutex_;
+  LoggingMutex mutex_;
   Table senders_ METRICS_GUARDED_BY(mutex_);
   /// True while the table itself is being changed: a short part of the time under the mutex.
   std::atomic<bool> table_changing_{false};

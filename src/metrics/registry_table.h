@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "tidegate/metric_tag.h"
-#include "util/metric_lock.h"
+#include "util/logging_lock.h"
 
 namespace METRICS {
 
@@ -14,7 +14,7 @@ class Metric;
 
 /// The part of a registry that changes, and the lock that guards it.
 struct RegistryTable {
-  RwLock rwlock_;
+  LoggingRwLock rwlock_;
   std::vector<tidegate::MetricTag> tags_ METRICS_GUARDED_BY(rwlock_);  ///< merged, sorted by key
   /// By name without prefix.
   std::unordered_map<std::string, std::shared_ptr<Metric>> metrics_ METRICS_GUARDED_BY(rwlock_);

@@ -69,9 +69,9 @@ SamplerThread::SamplerThread(int64_t interval)
       lead_ms_(std::min(period_ms_ / kShareOfLead, kLongestLeadMillis)),
       process_(::getpid()) {}
 
-SamplerThread::~SamplerThread() {
-  // What is left has no handles, and nobody else knows this object.
-  const WriteGuard guard(mutex_);
+SamplerThread::~SamplerThread() METRICS_NO_THREAD_SAFETY {
+  // What is left has no handles, and nobody else knows this object. What it calls dies here, and
+  // takes locks.
   while (jobs_.Front() != nullptr) {
     Unlink(*jobs_.Front());
   }

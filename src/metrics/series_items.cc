@@ -11,6 +11,7 @@
 #include "metrics/metric_parts.h"
 #include "metrics/registry_parts.h"
 #include "util/event_counter_add.h"
+#include "util/log_scope.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
 #include "util/wall_clock.h"
@@ -196,6 +197,7 @@ ReturnCode MetricSuffixArray::FindCell(const std::string& name, MetricsType type
 
 ReturnCode MetricSuffixArray::EnsureSuffix(const std::string& name, const MetricsType& type,
                                            const CellTable::Entry*& entry) {
+  const LogScope lines;
   const WriteGuard guard(adding_);
   // Another thread may have made it since the caller looked.
   entry = suffixes_.Find(name, 0);

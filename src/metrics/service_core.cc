@@ -10,6 +10,7 @@
 #include "tidegate/static_configer.h"
 #include "tidegate/static_vendor.h"
 #include "util/fork_guard.h"
+#include "util/log_scope.h"
 #include "util/metric_log.h"
 
 namespace METRICS {
@@ -193,7 +194,8 @@ OwnedSeriesSlot::~OwnedSeriesSlot() {
 }
 
 void ServiceCore::Start() {
-  NoMetric(), NotInService();  // one-time initialisations, which no fork may interrupt
+  NoMetric(), NotInService();      // one-time initialisations, which no fork may interrupt
+  const ThreadsEndLogScope lines;  // of a client that cannot start
   const WriteGuard guard(mutex_);
   g_metricsLogLevel.store(static_cast<uint8_t>(options_.log_level), std::memory_order_relaxed);
   StartClient();
@@ -445,6 +447,7 @@ void ServiceCore::AtFork() METRICS_NO_THREAD_SAFETY {
 }
 
 bool ServiceCore::Init() {
+  const ThreadsEndLogScope lines;
   const WriteGuard guard(mutex_);
   if (state_.load() == State::kForked) {
     StartClient();

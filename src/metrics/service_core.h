@@ -13,9 +13,9 @@
 #include "metrics/metric_slot.h"
 #include "tidegate/handles.h"
 #include "tidegate/options.h"
+#include "util/logging_lock.h"
 #include "util/metric_common.h"
 #include "util/metric_error_code.h"
-#include "util/metric_lock.h"
 
 namespace METRICS {
 
@@ -120,7 +120,7 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   }
 
   const tidegate::Options options_;
-  mutable Mutex mutex_;
+  mutable LoggingMutex mutex_;
   std::atomic<State> state_{State::kFailed};
   pid_t process_ = 0;  ///< that it serves; written by the first thread of one
   std::string error_ METRICS_GUARDED_BY(mutex_);

@@ -23,12 +23,16 @@ class METRICS_THREAD_ATTR(capability("mutex")) ByteLock {
       // A look does not take the line from the holder.
       WaitUntil([this] { return !held_.load(std::memory_order_relaxed) && TakeIfFree(); });
     }
+    CountHeldLocks(1);
   }
   /// False when another thread holds it.
   bool TryLock() METRICS_THREAD_ATTR(try_acquire_capability(true)) METRICS_NO_THREAD_SAFETY {
-    return TakeIfFree();
+    const bool taken = TakeIfFree();
+    CountHeldLocks(taken ? 1 : 0);
+    return taken;
   }
   void Unlock() METRICS_THREAD_ATTR(release_capability()) METRICS_NO_THREAD_SAFETY {
+    CountHeldLocks(-1);
     held_.store(false, std::memory_order_release);
   }
 

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cassert>
 #include <cstdio>
-#include <cstdlib>
 #include <new>
 #include <string_view>
 #include <utility>
@@ -37,7 +36,7 @@ WaitingLine* MakeLine(tidegate::LogLevel level, size_t prefix_bytes, const char*
     return nullptr;
   }
   const auto bytes = static_cast<size_t>(count);
-  void* const memory = std::malloc(sizeof(WaitingLine) + bytes + 1);
+  void* const memory = ::operator new(sizeof(WaitingLine) + bytes + 1, std::nothrow);
   if (memory == nullptr) {
     return nullptr;
   }
@@ -64,7 +63,7 @@ void LeaveLate(WaitingLine* line) {
   if (late_bytes.fetch_add(line->bytes) > kMaxWaitingBytes) {
     late_bytes.fetch_sub(line->bytes);
     Print(*line);
-    std::free(line);
+    ::operator delete(line);
     return;
   }
   line->next = late_lines.load();
@@ -83,7 +82,7 @@ void DeliverOne(WaitingLine* line) {
   } else {
     GiveToSink(*line);
   }
-  std::free(line);
+  ::operator delete(line);
 }
 
 }  // namespace
@@ -105,7 +104,7 @@ void LogScope::Deliver(WaitingLine* first) noexcept {
 }
 
 ThreadsEndLogScope::ThreadsEndLogScope() {
-  assert(!is_library_thread);
+  assert(!is_library_thread || !InLogSink());
   end_.emplace(ends_of_threads);
   WaitUntil([] { return library_threads_in_sink.Get() == 0; });
 }

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "util/logging_lock.h"
 #include "util/metric_common.h"
-#include "util/metric_lock.h"
 
 namespace METRICS {
 
@@ -129,7 +129,7 @@ class KDTree {
   std::atomic<TreeNode*> root_{nullptr};
   std::atomic<TreeNode*> all_nodes_{nullptr};
   std::atomic<size_t> size_{0};
-  RwLock rwlock_;
+  LoggingRwLock rwlock_;
 };
 
 }  // namespace METRICS

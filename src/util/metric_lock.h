@@ -7,6 +7,7 @@
 #include <shared_mutex>
 
 #include "util/futex_rw_lock.h"
+#include "util/held_locks.h"
 #include "util/visible_readers.h"
 
 // Clang's thread-safety attributes, so that a guarded member says which lock guards it.
@@ -33,10 +34,22 @@ class METRICS_THREAD_ATTR(capability("rwlock")) RwLock {
   RwLock(const RwLock&) = delete;
   RwLock& operator=(const RwLock&) = delete;
 
-  void Lock() METRICS_THREAD_ATTR(acquire_capability()) { mutex_.lock(); }
-  void Unlock() METRICS_THREAD_ATTR(release_capability()) { mutex_.unlock(); }
-  void LockShared() METRICS_THREAD_ATTR(acquire_shared_capability()) { mutex_.lock_shared(); }
-  void UnlockShared() METRICS_THREAD_ATTR(release_shared_capability()) { mutex_.unlock_shared(); }
+  void Lock() METRICS_THREAD_ATTR(acquire_capability()) {
+    mutex_.lock();
+    CountHeldLocks(1);
+  }
+  void Unlock() METRICS_THREAD_ATTR(release_capability()) {
+    CountHeldLocks(-1);
+    mutex_.unlock();
+  }
+  void LockShared() METRICS_THREAD_ATTR(acquire_shared_capability()) {
+    mutex_.lock_shared();
+    CountHeldLocks(1);
+  }
+  void UnlockShared() METRICS_THREAD_ATTR(release_shared_capability()) {
+    CountHeldLocks(-1);
+    mutex_.unlock_shared();
+  }
 
   /// For a forked child, where the threads that held the lock do not exist: makes it anew. True
   /// when one of them held it for writing, so that what it guards may be half changed.
@@ -75,10 +88,20 @@ class METRICS_THREAD_ATTR(capability("rwlock")) BiasedRwLock {
     if (reads_to_bias_.load(std::memory_order_relaxed) != reads_asked_) {
       reads_to_bias_.store(reads_asked_, std::memory_order_relaxed);
     }
+    CountHeldLocks(1);
   }
-  void Unlock() METRICS_THREAD_ATTR(release_capability()) { mutex_.unlock(); }
-  void LockShared() METRICS_THREAD_ATTR(acquire_shared_capability()) { mutex_.lock_shared(); }
-  void UnlockShared() METRICS_THREAD_ATTR(release_shared_capability()) { mutex_.unlock_shared(); }
+  void Unlock() METRICS_THREAD_ATTR(release_capability()) {
+    CountHeldLocks(-1);
+    mutex_.unlock();
+  }
+  void LockShared() METRICS_THREAD_ATTR(acquire_shared_capability()) {
+    mutex_.lock_shared();
+    CountHeldLocks(1);
+  }
+  void UnlockShared() METRICS_THREAD_ATTR(release_shared_capability()) {
+    CountHeldLocks(-1);
+    mutex_.unlock_shared();
+  }
 
   /// As `RwLock::ReinitAfterFork`. Its visible readers are gone by themselves.
   bool ReinitAfterFork() METRICS_NO_THREAD_SAFETY {
@@ -108,6 +131,7 @@ class METRICS_THREAD_ATTR(capability("rwlock")) BiasedRwLock {
       slot->store(nullptr, std::memory_order_release);
       return nullptr;
     }
+    CountHeldLocks(slot != nullptr ? 1 : 0);
     return slot;
   }
 
@@ -138,8 +162,14 @@ class METRICS_THREAD_ATTR(capability("mutex")) Mutex {
   Mutex(const Mutex&) = delete;
   Mutex& operator=(const Mutex&) = delete;
 
-  void Lock() METRICS_THREAD_ATTR(acquire_capability()) { mutex_.lock(); }
-  void Unlock() METRICS_THREAD_ATTR(release_capability()) { mutex_.unlock(); }
+  void Lock() METRICS_THREAD_ATTR(acquire_capability()) {
+    mutex_.lock();
+    CountHeldLocks(1);
+  }
+  void Unlock() METRICS_THREAD_ATTR(release_capability()) {
+    CountHeldLocks(-1);
+    mutex_.unlock();
+  }
 
   /// As `RwLock::ReinitAfterFork`, for a thread that held the mutex.
   bool ReinitAfterFork() METRICS_NO_THREAD_SAFETY {
@@ -152,9 +182,13 @@ class METRICS_THREAD_ATTR(capability("mutex")) Mutex {
   std::mutex mutex_;
 };
 
+/// What a guard of a lock of type `L` is around its hold of it: nothing, mostly.
+template <class L>
+class AroundLock {};
+
 /// Holds `lock` for writing (a `RwLock`) or at all (a `Mutex`) for the life of the guard.
 template <class L>
-class METRICS_THREAD_ATTR(scoped_lockable) WriteGuard {
+class METRICS_THREAD_ATTR(scoped_lockable) WriteGuard : private AroundLock<L> {
  public:
   explicit WriteGuard(L& lock) METRICS_THREAD_ATTR(acquire_capability(lock)) : lock_(lock) {
     lock_.Lock();
@@ -169,7 +203,7 @@ class METRICS_THREAD_ATTR(scoped_lockable) WriteGuard {
 
 /// Holds `lock` for reading for the life of the guard.
 template <class L>
-class METRICS_THREAD_ATTR(scoped_lockable) ReadGuard {
+class METRICS_THREAD_ATTR(scoped_lockable) ReadGuard : private AroundLock<L> {
  public:
   explicit ReadGuard(L& lock) METRICS_THREAD_ATTR(acquire_shared_capability(lock)) : lock_(lock) {
     lock_.LockShared();
@@ -196,6 +230,7 @@ class METRICS_THREAD_ATTR(scoped_lockable) FastReadGuard {
   }
   ~FastReadGuard() METRICS_THREAD_ATTR(release_capability()) METRICS_NO_THREAD_SAFETY {
     if (slot_ != nullptr) {
+      CountHeldLocks(-1);
       slot_->store(nullptr, std::memory_order_release);
     } else {
       lock_.UnlockShared();

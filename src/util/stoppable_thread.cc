@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include "util/fork_guard.h"
+#include "util/log_scope.h"
 #include "util/thread_slot.h"
 
 namespace METRICS {
@@ -10,6 +11,7 @@ namespace METRICS {
 void StoppableThread::EnterThread(const char* name) {
   ::pthread_setname_np(::pthread_self(), name);
   DoWithoutThreadSlot();
+  MarkLibraryThread();
 }
 
 bool StoppableThread::StopThread() {

@@ -13,6 +13,7 @@
 #include "metrics/registry_parts.h"
 #include "metrics/series_items.h"
 #include "metrics/tag_value_refs.h"
+#include "util/log_scope.h"
 #include "util/metric_log.h"
 #include "util/metric_string_util.h"
 #include "util/short_text.h"
@@ -184,6 +185,7 @@ MetricImpl::ItemPtr MetricImpl::CopyAndGet(const TagValueRefs& values) {
       return overflow;
     }
   }
+  const LogScope lines;  // a sink that emits uses the pool
   std::vector<std::string> own;
   std::vector<std::string>* const shared = TagValuePool();
   std::vector<std::string>& pool = shared != nullptr ? *shared : own;
