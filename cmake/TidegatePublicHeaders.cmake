@@ -3,7 +3,9 @@
 
 set(TIDEGATE_PUBLIC_HEADERS
     include/tidegate/endpoint.h
+    include/tidegate/error_counter.h
     include/tidegate/handles.h
+    include/tidegate/in_flight.h
     include/tidegate/log.h
     include/tidegate/mconfiger_impl_base.h
     include/tidegate/metric_tag.h
@@ -22,8 +24,10 @@ set(TIDEGATE_PUBLIC_HEADERS
     src/metrics/cell_ptr.h
     src/metrics/client_parts.h
     src/metrics/core_init_cfg.h
+    src/metrics/error_log.h
     src/metrics/global_resources_limit.h
     src/metrics/histo_util.h
+    src/metrics/in_flight_count.h
     src/metrics/metric.h
     src/metrics/metric_client.h
     src/metrics/metric_collector_item.h

@@ -44,7 +44,7 @@ FLOORS = [
     "metric_client",
     # The facade.
     """service_options service_core service_metrics sampler_thread service_samplers process_metrics
-    allocator_metrics""",
+    allocator_metrics in_flight_count in_flight_table error_log""",
 ]
 
 # From a unit to a unit, each with its folder. The umbrella header and the facade stand above the
@@ -52,7 +52,10 @@ FLOORS = [
 FORBIDDEN = [
     (r"util/", r"metrics/"),
     (r"codec/", r"(metrics|util)/"),
-    (r"tidegate/(?!metrics$|handles$|service_metrics$)", r"(metrics|util|codec)/"),
+    (
+        r"tidegate/(?!(metrics|handles|service_metrics|in_flight|error_counter)$)",
+        r"(metrics|util|codec)/",
+    ),
 ]
 
 

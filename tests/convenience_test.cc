@@ -1,6 +1,10 @@
 // The parts around the core that make it pleasant: settings and machine of a first program, bounds,
 // timers of scopes, verbs for all numbers, and a look into a client.
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <map>
@@ -180,10 +184,88 @@ TEST(ConvenienceTest, TypedHandlesAreTimedAndTheirWorkMayOutliveAll) {
   std::map<std::string, double> counts;
   for (const Point& point : agent.Points()) {
     if (point.name == "shop.latency.counter") {
-      counts[point.tags.empty() ? "-" : point.tags[0].value] += point.values.at(0);
+      counts[point.tags.at(0).value] += point.values.at(0);
     }
   }
   EXPECT_THAT(counts, ElementsAre(std::pair("-", 1), std::pair("200", 2), std::pair("get", 3)));
+}
+
+TEST(ConvenienceTest, OpenScopesAreReportedAndMayOutliveAll) {
+  const TempDir folder;
+  AgentSocket agent(folder.File("s"));
+  const ScopedLogLevel as_before(4);
+  std::vector<tidegate::InFlight::Scope> open;
+  {
+    tidegate::Metrics metrics(Reaching(agent));
+    const auto in_flight = metrics.InFlight("open", {{"pool", "web"}, {"dc", "d"}});
+    const auto same = metrics.InFlight("open", {{"dc", "d"}, {"pool", "web"}});
+    const auto quiet = metrics.InFlight("open", {{"pool", "io"}, {"dc", "d"}});
+    EXPECT_TRUE(in_flight && quiet);
+    metrics.Counter("taken");
+    const auto failed = metrics.InFlight("taken");
+    EXPECT_THAT(failed.Error(), HasSubstr("another kind"));
+    const auto none = failed.Enter();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+      threads.emplace_back([&in_flight] {
+        tidegate::InFlight::Scope last;
+        for (int k = 0; k < 10000; ++k) last = in_flight.Enter();
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    for (int i = 0; i < 3; ++i) open.push_back(same.Enter());
+    open[0].End();
+    open[0] = std::move(open[1]);
+    EXPECT_EQ(in_flight.Now(), 2);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      metrics.AtFork();
+      open.clear();
+      const bool nothing = in_flight.Now() == 0;
+      const auto scope = same.Enter();
+      ::_exit(nothing && in_flight.Now() == 1 ? 0 : 1);
+    }
+    int status = 0;
+    EXPECT_TRUE(::waitpid(child, &status, 0) == child && status == 0) << status;
+    EXPECT_EQ(in_flight.Now(), 2);
+  }
+  open.clear();
+  agent.Stop();
+  std::map<std::string, double> last;
+  for (const Point& point : agent.Points()) {
+    if (point.name == "shop.open") last[point.tags.at(1).value] = point.values.at(0);
+  }
+  EXPECT_THAT(last, ElementsAre(std::pair("io", 0), std::pair("web", 2)));
+}
+
+TEST(ConvenienceTest, ErrorsAreCountedAndTheirLinesAreFew) {
+  const TempDir folder;
+  AgentSocket agent(folder.File("s"));
+  const ScopedLogLevel as_before(4);
+  const std::string lines = LogOf(
+      [&agent] {
+        tidegate::Options options = Reaching(agent);
+        options.log_level = tidegate::LogLevel::kError;
+        tidegate::Metrics metrics(options);
+        const tidegate::ErrorCounter errors = metrics.Errors("errors", {"kind"});
+        EXPECT_EQ(errors.Count("line 1\nline 2", {{"kind", 5}}), ReturnCode::kOk);
+        EXPECT_EQ(errors.Count("never seen"), ReturnCode::kOk);
+        EXPECT_EQ(tidegate::ErrorCounter().Count("nobody's"), ReturnCode::kNotSupported);
+        ErrorLog log("often", std::chrono::milliseconds(500));
+        for (const char* const text : {"a", "b", "c"}) log.Tell(text);
+        std::this_thread::sleep_for(std::chrono::milliseconds(510));  // the period
+        for (const char* const text : {"d", "e"}) log.Tell(text);
+      },
+      3);
+  EXPECT_THAT(lines, testing::MatchesRegex(".*\\]errors: line 1 line 2\n.*\\]often: a\n.*\\]often: "
+                                           "d .2 more since the last line.\n"));
+  agent.Stop();
+  std::map<std::string, double> totals;
+  for (const Point& point : agent.Points()) {
+    double& total = totals[point.tags.at(0).value];
+    total = std::max(total, point.values.at(0));
+  }
+  EXPECT_THAT(totals, ElementsAre(std::pair("-", 1), std::pair("5", 1)));
 }
 
 TEST(ConvenienceTest, SettingsThatDoNotFitAreToldWhenARegistryIsMade) {

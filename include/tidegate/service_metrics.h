@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -8,7 +9,9 @@
 
 #include "metrics/histo_util.h"
 #include "metrics/metric_client.h"
+#include "tidegate/error_counter.h"
 #include "tidegate/handles.h"
+#include "tidegate/in_flight.h"
 #include "tidegate/metric_tag.h"
 #include "tidegate/options.h"
 #include "tidegate/sampler.h"
@@ -17,6 +20,7 @@
 
 namespace METRICS {
 
+class InFlightTable;
 class ServiceCore;
 struct MetricDefinition;
 
@@ -85,6 +89,11 @@ class METRICS_API Metrics {
   Sampler Sample(std::string name, std::function<double()> read);
   /// The same with tags. The samplers of one name have the same tag names.
   Sampler Sample(std::string name, std::vector<MetricTag> tags, std::function<double()> read);
+  /// A gauge of open scopes, until the end. The same name and tags twice: the same count.
+  tidegate::InFlight InFlight(std::string name, std::vector<MetricTag> tags = {});
+  /// A counter of errors, with an Error line per `period` at most.
+  ErrorCounter Errors(std::string name, TagNames tags = {},
+                      std::chrono::seconds period = std::chrono::minutes(1));
   /// Samples what the kernel knows of this process, until the end: metrics whose names begin with
   /// "process.", see docs/guide.md. The second time nothing. What cannot be read is left out, with
   /// a Warn line.
@@ -125,6 +134,10 @@ class METRICS_API Metrics {
   template <class Numbers>
   __attribute__((visibility("hidden"))) void AddNumbers(const char* name);
 
+  __attribute__((visibility("hidden"))) BoundGauge GaugeOf(const std::string& name,
+                                                           const std::vector<MetricTag>& tags);
+
+  const std::shared_ptr<METRICS::InFlightTable> in_flight_;
   const std::shared_ptr<METRICS::SamplerThread> samplers_;
   const std::shared_ptr<METRICS::ServiceCore> core_;
 };

@@ -1,5 +1,8 @@
 #include "tidegate/service_metrics.h"
 
+#include <algorithm>
+
+#include "metrics/in_flight_table.h"
 #include "metrics/sampler_thread.h"
 #include "metrics/service_core.h"
 
@@ -17,7 +20,8 @@ Options OptionsOf(std::string service) {
 Metrics::Metrics(std::string service) : Metrics(OptionsOf(std::move(service))) {}
 
 Metrics::Metrics(Options options)
-    : samplers_(std::make_shared<METRICS::SamplerThread>(options.interval.count())),
+    : in_flight_(std::make_shared<METRICS::InFlightTable>()),
+      samplers_(std::make_shared<METRICS::SamplerThread>(options.interval.count())),
       core_(std::make_shared<METRICS::ServiceCore>(std::move(options))) {
   core_->Client().flush_watch_ = samplers_.get();
   core_->Start();
@@ -86,7 +90,14 @@ tidegate::Row Metrics::Row(std::string name, TagNames tags, std::vector<Field> f
                              std::move(options), {}, std::move(fields));
 }
 
+ErrorCounter Metrics::Errors(std::string name, TagNames tags, std::chrono::seconds period) {
+  constexpr std::chrono::seconds kLongest = std::chrono::hours(24 * 365);
+  auto log = std::make_shared<METRICS::ErrorLog>(name, std::min(period, kLongest));
+  return {Counter(std::move(name), std::move(tags)), std::move(log)};
+}
+
 void Metrics::AtFork() {
+  in_flight_->AtFork();
   samplers_->AtFork();
   core_->AtFork();
 }

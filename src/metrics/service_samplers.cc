@@ -1,10 +1,12 @@
 // What `tidegate::Metrics` samples.
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <utility>
 
 #include "metrics/allocator_metrics.h"
+#include "metrics/in_flight_table.h"
 #include "metrics/process_metrics.h"
 #include "metrics/sampler_thread.h"
 #include "metrics/service_core.h"
@@ -22,11 +24,7 @@ Sampler Metrics::Sample(std::string name, std::vector<MetricTag> tags,
   if (read == nullptr) {
     return METRICS::SamplerThread::Refuse("there is no callback");
   }
-  TagNames names;
-  for (const MetricTag& tag : tags) {
-    names.push_back(tag.key);
-  }
-  const BoundGauge gauge = Gauge(name, std::move(names)).With(tags);
+  const BoundGauge gauge = GaugeOf(name, tags);
   if (!gauge) {
     return METRICS::SamplerThread::Refuse(gauge.Error());
   }
@@ -36,6 +34,28 @@ Sampler Metrics::Sample(std::string name, std::vector<MetricTag> tags,
       gauge.Set(number);
     }
   });
+}
+
+BoundGauge Metrics::GaugeOf(const std::string& name, const std::vector<MetricTag>& tags) {
+  TagNames names;
+  for (const MetricTag& tag : tags) {
+    names.push_back(tag.key);
+  }
+  return Gauge(name, std::move(names)).With(tags);
+}
+
+tidegate::InFlight Metrics::InFlight(std::string name, std::vector<MetricTag> tags) {
+  const BoundGauge gauge = GaugeOf(name, tags);
+  if (!gauge) {
+    return tidegate::InFlight(gauge);
+  }
+  std::sort(tags.begin(), tags.end());
+  for (const MetricTag& tag : tags) {
+    name += ',' + tag.key + '=' + tag.value;  // neither sign is in a name or a value
+  }
+  const tidegate::InFlight handle(in_flight_->Find(name), gauge);
+  samplers_->Keep("in flight " + name, [handle, gauge] { gauge.Set(handle.Now()); });
+  return handle;
 }
 
 template <class Numbers>
