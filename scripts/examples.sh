@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Runs every example against the agent and checks that the points which it promises arrive: also the six tasks of
-# docs/comparison.md, its peer's side of them, and the service `shop` with real requests.
+# docs/comparison.md, its peer's side of them, and the service `shop` with its own tests and with real requests.
 # EXAMPLES: the folder of the programs, if they were built elsewhere; AGENT: the agent.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
@@ -69,6 +69,7 @@ expected() {
       echo 'counter shop\.requests\{route=none,status=404,project_id=shop,slot=0\} 1'
       echo 'counter shop\.requests\{route=orders,status=202,project_id=shop,slot=0\} 2'
       echo 'timer shop\.latency\{route=orders,project_id=shop,slot=0\} .* counter=2 .*'
+      echo 'gauge shop\.process\.memory\.resident_bytes\{.*\} [0-9]+'
       echo 'counter shop\.orders\{state=packed,project_id=shop,slot=0\} 1'
       echo 'counter shop\.orders\{state=sold_out,project_id=shop,slot=0\} 1'
       ;;
@@ -134,7 +135,8 @@ run_example() {
 }
 
 run_shop() {
-  local url try state=
+  local url try
+  quietly "$EXAMPLES/shop/shop_test"
   start_agent "$tmp/shop"
   "$EXAMPLES/shop/shop" "$tmp/shop" >"$tmp/out" </dev/null &
   shop_pid=$!
@@ -154,7 +156,7 @@ run_shop() {
 
 if [[ -z ${EXAMPLES:-} ]]; then
   need_packages "${BUILD_PACKAGES[@]}" "${BENCH_PACKAGES[@]}" curl
-  build "$PRESET" tidegate-agent "${NAMES[@]}" "${TASKS[@]/#/task_}" shop tidegate_peer_tasks
+  build "$PRESET" tidegate-agent "${NAMES[@]}" "${TASKS[@]/#/task_}" shop shop_test tidegate_peer_tasks
   step "the six tasks with prometheus-cpp"
   for task in "${TASKS[@]}"; do
     timeout 60 "$ROOT/build/$PRESET/bench/peer_$task" >"$tmp/out" </dev/null

@@ -29,6 +29,7 @@ int main(int argc, char** argv) {
     }
   }
   tidegate::Metrics metrics(metrics_options);
+  metrics.AddProcessMetrics();
   try {
     shop::Shop shop(metrics, options);
     shop.store().Deliver(1, "lamp", 10);

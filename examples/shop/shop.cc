@@ -28,6 +28,8 @@ Shop::Shop(tidegate::Metrics& metrics, const ShopOptions& options)
       store_errors_(metrics.Counter("store_errors")),
       store_(options.database),
       packers_(options.packers, options.max_waiting),
+      queue_length_(metrics.Sample("queue.length",
+                                   [this] { return static_cast<double>(packers_.Length()); })),
       server_(std::make_unique<httplib::Server>()) {
   AddRoutes();
   port_ = options.port;

@@ -58,6 +58,7 @@ class Shop {
   const tidegate::Counter store_errors_;
   Store store_;
   WorkerPool packers_;
+  const tidegate::Sampler queue_length_;
   std::unique_ptr<httplib::Server> server_;
   int port_ = 0;
   std::thread thread_;

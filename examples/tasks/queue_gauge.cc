@@ -5,11 +5,8 @@
 
 void RunTask(tidegate::Metrics& metrics) {
   JobQueue queue;
-  const auto length = metrics.Gauge("queue.length");
-  for (int job = 0; job < 5; ++job) {
-    queue.Push(job);
-    length.Set(queue.Length());
-  }
+  const auto length = metrics.Sample("queue.length", [&queue] { return queue.Length(); });
+  for (int job = 0; job < 5; ++job) queue.Push(job);
   queue.Pop();
-  length.Set(queue.Length());
+  metrics.Stop();  // asks once more; the queue of a service lives for many intervals
 }

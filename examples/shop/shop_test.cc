@@ -1,0 +1,82 @@
+// What the shop reports, without an agent and without waiting for an interval.
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <string>
+
+#include "shop.h"
+#include "tidegate/testing.h"
+
+namespace shop {
+namespace {
+
+ShopOptions Waiting(size_t packers, size_t max_waiting) {
+  ShopOptions options;
+  options.packers = packers;
+  options.max_waiting = max_waiting;
+  return options;
+}
+
+// A shop with ten lamps, and what it reports.
+class ShopTest : public testing::Test {
+ protected:
+  explicit ShopTest(const ShopOptions& options = {}) : shop_(metrics_, options) {
+    shop_.store().Deliver(1, "lamp", 10);
+  }
+
+  // The status of the answer; 0: none.
+  int Get(const std::string& path) { return StatusOf(client_.Get(path)); }
+  int Order(int quantity) {
+    return StatusOf(client_.Post(
+        "/orders", httplib::Params{{"product", "1"}, {"quantity", std::to_string(quantity)}}));
+  }
+
+  tidegate::testing::Receiver receiver_;
+  tidegate::Metrics metrics_{receiver_.Options("shop")};
+  Shop shop_;
+
+ private:
+  static int StatusOf(const httplib::Result& result) { return result ? result->status : 0; }
+
+  httplib::Client client_{"127.0.0.1", shop_.port()};
+};
+
+TEST_F(ShopTest, CountsAndTimesRequestsByRoute) {
+  EXPECT_EQ(Get("/products/1"), 200);
+  EXPECT_EQ(Get("/products/1"), 200);
+  EXPECT_EQ(Get("/products/2"), 404);
+  EXPECT_EQ(Get("/a/b/c"), 404);
+  EXPECT_EQ(Order(0), 400);
+  receiver_.FlushNow();
+  EXPECT_EQ(receiver_.Value("shop.requests", {{"route", "product"}, {"status", 200}}), 2);
+  EXPECT_EQ(receiver_.Value("shop.requests", {{"route", "product"}, {"status", 404}}), 1);
+  EXPECT_EQ(receiver_.Value("shop.requests", {{"route", "none"}, {"status", 404}}), 1);
+  EXPECT_EQ(receiver_.Value("shop.requests", {{"route", "orders"}, {"status", 400}}), 1);
+  EXPECT_EQ(receiver_.Value("shop.latency", {{"route", "product"}}, "counter"), 3);
+}
+
+TEST_F(ShopTest, CountsWhatBecomesOfOrders) {
+  EXPECT_EQ(Order(7), 202);
+  EXPECT_EQ(Order(7), 202);
+  EXPECT_TRUE(receiver_.WaitFor("shop.orders", {{"state", "packed"}}, 1));
+  EXPECT_TRUE(receiver_.WaitFor("shop.orders", {{"state", "sold_out"}}, 1));
+}
+
+// Nobody packs, and two orders may wait.
+class FullShopTest : public ShopTest {
+ protected:
+  FullShopTest() : ShopTest(Waiting(0, 2)) {}
+};
+
+TEST_F(FullShopTest, ReportsItsQueueAndRefusesOrders) {
+  EXPECT_EQ(Order(1), 202);
+  EXPECT_EQ(Order(1), 202);
+  EXPECT_EQ(Order(1), 503);
+  receiver_.FlushNow();
+  EXPECT_EQ(receiver_.Value("shop.queue.length"), 2);
+  EXPECT_EQ(receiver_.Value("shop.orders", {{"state", "refused"}}), 1);
+}
+
+}  // namespace
+}  // namespace shop
