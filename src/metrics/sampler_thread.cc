@@ -18,6 +18,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr int64_t kMillisPerSecond = 1000;
+constexpr int64_t kLongestInterval = 1000000000;  // anything that fits into milliseconds
 constexpr int64_t kLongestLeadMillis = 1000;
 constexpr int64_t kShareOfLead = 10;
 constexpr milliseconds kLongestEnd{2000};
@@ -65,7 +66,7 @@ static_assert(std::is_trivially_destructible_v<RunningThreads>);
 }  // namespace
 
 SamplerThread::SamplerThread(int64_t interval)
-    : period_ms_(std::max<int64_t>(interval, 1) * kMillisPerSecond),
+    : period_ms_(std::clamp<int64_t>(interval, 1, kLongestInterval) * kMillisPerSecond),
       lead_ms_(std::min(period_ms_ / kShareOfLead, kLongestLeadMillis)),
       process_(::getpid()) {}
 

@@ -61,8 +61,8 @@ class SamplerThread final : public StoppableThread,
                             public Linked<SamplerThread>,
                             public std::enable_shared_from_this<SamplerThread> {
  public:
-  /// `interval` is in seconds, and less than one counts as one. To be made by `std::make_shared`.
-  /// Starts nothing.
+  /// `interval` is in seconds; what is no interval counts as the next one that is. To be made by
+  /// `std::make_shared`. Starts nothing.
   explicit SamplerThread(int64_t interval);
   ~SamplerThread();
 
