@@ -5,18 +5,20 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <numeric>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "metrics/allocator_metrics.h"
-#include "metrics/sampler_thread.h"
-#include "support/agent_socket.h"
 #include "support/environment.h"
+#include "tidegate/testing.h"
 #include "util/proc_stat.h"
 
 namespace METRICS {
@@ -46,89 +48,73 @@ TEST(ProcStatTest, IsReadWhateverTheNameOfTheProgram) {
   }
 }
 
-using tidegate::test::AgentSocket;
 using tidegate::test::LogOf;
 using tidegate::test::TempDir;
+using tidegate::testing::Receiver;
 
 struct ProcessMetricsTest : testing::Test {
-  // By name, the numbers of the newest point.
-  std::map<std::string, std::vector<double>> End() {
-    metrics->Stop();
-    agent.Stop();
-    std::map<std::string, std::vector<double>> last;
-    std::map<std::string, int64_t> time;
-    for (const tidegate::test::Point& point : agent.Points()) {
-      if (point.timestamp > time[point.name]) {
-        time[point.name] = point.timestamp;
-        last[point.name] = point.values;
-      }
-    }
-    return last;
-  }
-  tidegate::Options Options() const {
-    tidegate::Options options;
-    options.service = "s";
-    options.interval = std::chrono::seconds(60);
-    options.socket_path = agent.path();
-    options.log_level = tidegate::LogLevel::kSilent;
-    return options;
+  // Of a metric of this service, the newest number; -1 for none.
+  double Value(const std::string& name, const tidegate::testing::Tags& tags = {},
+               const char* field = "") const {
+    return receiver.Value("s." + name, tags, field).value_or(-1);
   }
 
-  const TempDir folder;
-  AgentSocket agent{folder.path() + "/s"};
-  std::optional<tidegate::Metrics> metrics{Options()};
+  Receiver receiver;
+  std::optional<tidegate::Metrics> metrics{receiver.Options("s")};
 };
 
-TEST_F(ProcessMetricsTest, TheProcessAndItsAllocatorComeWithTheLastFlush) {
+TEST_F(ProcessMetricsTest, TheProcessAndItsAllocatorComeWithEachFlush) {
   for (int i = 0; i < 2; ++i) {
     metrics->AddProcessMetrics();
     metrics->AddAllocatorMetrics();
   }
-  std::map<std::string, std::vector<double>> last = End();
-  for (const auto& [name, values] : last) {
-    EXPECT_TRUE(std::isfinite(values[0])) << name;
+  for (int flushes = 1; flushes <= 3; ++flushes) receiver.FlushNow();
+  metrics->Stop();  // a fourth one
+  std::map<std::string, int> points;
+  for (const tidegate::testing::Point& point : receiver.Points()) {
+    for (double value : point.values) EXPECT_TRUE(std::isfinite(value)) << point;
+    ++points[point.name];
   }
-  EXPECT_EQ(last.size(), AllocatorMetrics::CanSay() ? 20u : 13u);
-  EXPECT_EQ(last["s.process.starts"], (std::vector<double>{1, 1.0 / 60, 1}));
-  EXPECT_NEAR(last["s.process.start_time_seconds"][0], static_cast<double>(::time(nullptr)), 60);
-  EXPECT_GT(last["s.process.memory.virtual_bytes"][0], last["s.process.memory.resident_bytes"][0]);
-  EXPECT_GT(last["s.process.memory.resident_bytes"][0], 1 << 20);
-  EXPECT_GE(last["s.process.threads"][0],
-            4);  // this, the agent's, the flushing and the sampling one
-  EXPECT_GT(last["s.process.descriptors.open"][0], 3);
-  EXPECT_LE(last["s.process.descriptors.open"][0], last["s.process.descriptors.limit"][0]);
-  EXPECT_GT(last["s.process.page_faults.minor"][0], 100);
-  EXPECT_GT(last["s.process.context_switches.voluntary"][0], 0);
+  EXPECT_EQ(points.size(), AllocatorMetrics::CanSay() ? 20u : 13u);
+  for (const auto& [name, count] : points) EXPECT_GE(count, 4) << name;
+  std::vector<double> starts = receiver.Values("s.process.starts", {}, "delta");
+  EXPECT_EQ(std::accumulate(starts.begin(), starts.end(), 0.0), 1);
+  EXPECT_NEAR(Value("process.start_time_seconds"), static_cast<double>(::time(nullptr)), 60);
+  EXPECT_GT(Value("process.memory.virtual_bytes"), Value("process.memory.resident_bytes"));
+  EXPECT_GT(Value("process.memory.resident_bytes"), 1 << 20);
+  EXPECT_GE(Value("process.threads"), 4);  // of the test, the receiver, the flush and the samplers
+  EXPECT_GT(Value("process.descriptors.open"), 3);
+  EXPECT_LE(Value("process.descriptors.open"), Value("process.descriptors.limit"));
+  EXPECT_GT(Value("process.page_faults.minor"), 100);
+  EXPECT_GT(Value("process.context_switches.voluntary"), 0);
 }
 
 TEST_F(ProcessMetricsTest, CountsIncreasesAndLeavesOutWhatCannotBeRead) {
-  const std::string process = folder.path() + "/42";
-  std::filesystem::create_directory(process);
-  const auto write = [&](const std::string& minor_faults, const char* rest) {
-    std::ofstream(process + "/stat") << "42 (x) S 1 2 3 0 -1 1 " + minor_faults + rest;
+  const TempDir folder;
+  const auto write = [&](const std::string& minor_faults, const std::string& rest) {
+    std::ofstream(folder.path() + "/stat") << "42 (x) S 1 2 3 0 -1 1 " + minor_faults + rest;
   };
-  ProcessMetrics numbers(*metrics, process);
+  ProcessMetrics numbers(*metrics, folder.path());
   const std::string text = LogOf([&] {
     for (int i = 0; i < 2; ++i) numbers.Report();  // there is nothing yet
   });
-  EXPECT_THAT(text, testing::HasSubstr("/42/stat: No such file"));
-  EXPECT_THAT(text, testing::HasSubstr("/42/fd: No such file"));
+  EXPECT_THAT(text, testing::HasSubstr("/stat: No such file"));
+  EXPECT_THAT(text, testing::HasSubstr("/fd: No such file"));
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2) << text;
 
-  const long ticks = ::sysconf(_SC_CLK_TCK);
-  const std::string user = " 0 0 0 " + std::to_string(ticks / 2);
-  std::filesystem::create_directory(process + "/fd");
-  for (int i = 0; i < 300; ++i) std::ofstream(process + "/fd/" + std::to_string(i));
+  const std::string half_a_second = std::to_string(::sysconf(_SC_CLK_TCK) / 2);
+  std::filesystem::create_directory(folder.path() + "/fd");
+  for (int i = 0; i < 300; ++i) std::ofstream(folder.path() + "/fd/" + std::to_string(i));
   for (const char* minor_faults : {"5", "4294967296", "4294967290", "4294967301", "none"}) {
-    write(minor_faults, (user + " 7 0 0 20 0 3 0 100 4096 2\n").c_str());
+    write(minor_faults, " 0 0 0 " + half_a_second + " 7 0 0 20 0 3 0 100 4096 2\n");
     numbers.Report();
   }
-  std::map<std::string, std::vector<double>> last = End();
-  EXPECT_EQ(last["s.process.page_faults.minor"][0], 4294967301);
-  EXPECT_EQ(last["s.process.cpu.user_seconds"][0], 0.5);
-  EXPECT_EQ(last["s.process.memory.resident_bytes"][0], 2.0 * static_cast<double>(::getpagesize()));
-  EXPECT_EQ(last["s.process.threads"][0], 3);
-  EXPECT_EQ(last["s.process.descriptors.open"][0], 299);  // it leaves out that of its own
+  receiver.FlushNow();
+  EXPECT_EQ(Value("process.page_faults.minor"), 4294967301);
+  EXPECT_EQ(Value("process.cpu.user_seconds"), 0.5);
+  EXPECT_EQ(Value("process.memory.resident_bytes"), 2.0 * ::getpagesize());
+  EXPECT_EQ(Value("process.threads"), 3);
+  EXPECT_EQ(Value("process.descriptors.open"), 299);  // it leaves out that of its own
 }
 
 TEST_F(ProcessMetricsTest, AForkedChildHasItsOwn) {
@@ -137,7 +123,8 @@ TEST_F(ProcessMetricsTest, AForkedChildHasItsOwn) {
 #endif
   const tidegate::Sampler sampler = metrics->Sample("pid", [] { return ::getpid(); });
   metrics->AddProcessMetrics();
-  AskSamplersNow();
+  receiver.FlushNow();
+  receiver.Clear();
   const pid_t child = ::fork();
   if (child == 0) {
     ::alarm(20);
@@ -148,30 +135,30 @@ TEST_F(ProcessMetricsTest, AForkedChildHasItsOwn) {
   }
   int status = -1;
   EXPECT_TRUE(::waitpid(child, &status, 0) == child && status == 0) << status;
-  agent.Stop();  // what the parent has does not get there
-  std::map<std::string, double> sum;
-  for (const tidegate::test::Point& point : agent.Points()) sum[point.name] += point.values[0];
-  EXPECT_EQ(sum["s.pid"], child);
-  EXPECT_EQ(sum["s.process.starts"], 1);
+  EXPECT_EQ(Value("pid"), child);
+  EXPECT_EQ(Value("process.starts", {}, "delta"), 1);
 }
 
 TEST_F(ProcessMetricsTest, SamplersOfTheFacade) {
+  int calls = 0;
   std::vector<tidegate::Sampler> samplers;
-  samplers.push_back(metrics->Sample("length", {{"queue", "a"}}, [] { return 3u; }));
+  samplers.push_back(metrics->Sample("length", {{"queue", "a"}}, [&] { return ++calls; }));
   samplers.push_back(metrics->Sample("length", {{"queue", "b"}}, [] { return 2.5; }));
   samplers.push_back(metrics->Sample("none", [] { return std::nan(""); }));
   for (const tidegate::Sampler& sampler : samplers) EXPECT_TRUE(sampler) << sampler.Error();
-  EXPECT_EQ(LogOf([&] { samplers.push_back(metrics->Sample("a b", [] { return 1; })); }, 4), "");
+  samplers.push_back(metrics->Sample("length", [] { return 1; }));  // other tag names
   samplers.push_back(metrics->Sample("no", {}));
   for (size_t i : {3u, 4u}) EXPECT_TRUE(!samplers[i] && !samplers[i].Error().empty()) << i;
-  metrics->Stop();
-  agent.Stop();
-  double sum = 0;
-  for (const tidegate::test::Point& point : agent.Points()) {
-    EXPECT_EQ(point.name, "s.length");
-    sum += point.values[0] * (point.tags[0].value == "a" ? 100 : 1);
+  for (int flushes = 1; flushes <= 3; ++flushes) {
+    receiver.FlushNow();
+    EXPECT_EQ(Value("length", {{"queue", "a"}}), flushes);
   }
-  EXPECT_EQ(sum, 302.5);
+  EXPECT_EQ(Value("length", {{"queue", "b"}}), 2.5);
+  EXPECT_EQ(Value("none"), -1);
+  receiver.Advance(std::chrono::seconds(100));  // ten intervals
+  EXPECT_EQ(Value("length", {{"queue", "a"}}), 13);
+  metrics->Stop();
+  EXPECT_EQ(Value("length", {{"queue", "a"}}), 14);
   EXPECT_FALSE(metrics->Sample("late", [] { return 1; }));
   metrics.reset();  // before its samplers
 }
