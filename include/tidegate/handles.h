@@ -121,9 +121,10 @@ class BoundHandle {
 
 // Handles are plain values: cheap to copy, good in any thread, in lambdas and in static objects.
 // They stay harmless beyond the end of the `Metrics` that made them, and work again after a block
-// and, by `Metrics::Init`, in the child of a fork. Emissions answer 0, 70 on a handle that has no
-// metric or series, the code of the failure on one whose metric could not be made, 23 once the
-// `Metrics` has ended, and what `Metric::Emit` and `BoundSeries::Emit` answer. A number is an
+// and, by `Metrics::Init`, in the child of a fork. Emissions answer 0, 70 on a handle that was
+// given no metric, the code of the failure on one whose metric could not be made, 23 once the
+// `Metrics` has ended, and what `Metric::Emit` answers. On a bound handle they answer 70 in all
+// these cases, and else what `BoundSeries::Emit` answers. A number is an
 // integer or a floating-point number, and integers stay integers; what is none does not compile.
 
 /// A handle on one series of an `Adder`.

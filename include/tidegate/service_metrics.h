@@ -114,7 +114,8 @@ class METRICS_API Metrics {
   /// destructor. A flush that is running counts as the last one. In the child of a fork: `AtFork`.
   void Stop();
 
-  /// Drops all series, and refuses emissions with 22, until `UnBlock`. 23 if it is not in service.
+  /// Drops all series, and refuses emissions until `UnBlock`: with 70, on bound handles with 22. 23
+  /// if it is not in service.
   ReturnCode Block();
   /// Takes emissions again, of bound handles too.
   ReturnCode UnBlock();
