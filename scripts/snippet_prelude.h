@@ -14,6 +14,7 @@
 
 struct Request {
   std::string method;
+  std::string host;
   std::string country;
   int64_t bytes;
 };

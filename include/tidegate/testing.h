@@ -30,6 +30,7 @@ class Tags {
       list_.emplace_back(std::string(tag.Key()), std::string(tag.Value()));
     }
   }
+  /// From a list.
   Tags(std::vector<MetricTag> tags) : list_(std::move(tags)) {}
 
   /// As they were given.

@@ -109,8 +109,8 @@ class METRICS_API MetricRegistry : public RegistryParts {
 
   /// Why a metric was not made.
   struct Refusal {
-    ReturnCode code = ReturnCode::kOk;
-    bool of_fields = false;
+    ReturnCode code = ReturnCode::kOk;  ///< why
+    bool of_fields = false;             ///< whether a field is refused
     std::string subject;  ///< what of the definition is refused: a name, a tag; may be empty
   };
   /// For the facade: as `CreateMetric`, but what is refused is told by `refusal` alone, without an
