@@ -25,7 +25,8 @@ Shop::Shop(tidegate::Metrics& metrics, const ShopOptions& options)
       latency_(metrics.Timer("latency", {"route"})),
       orders_(metrics.Counter("orders", {"state"})),
       packing_(metrics.Timer("packing")),
-      store_errors_(metrics.Counter("store_errors")),
+      in_flight_(metrics.InFlight("in_flight")),
+      store_errors_(metrics.Errors("store_errors", {"at"})),
       store_(options.database),
       packers_(options.packers, options.max_waiting),
       queue_length_(metrics.Sample("queue.length",
@@ -65,12 +66,13 @@ void Shop::AddRoutes() {
 // All that every request reports is here, and no handler knows of it.
 Shop::Handler Shop::Watched(const char* route, Handler handler) {
   return [this, route, handler = std::move(handler)](auto& request, auto& response) {
+    const auto scope = in_flight_.Enter();
     auto timer = latency_.Start();
     timer.WithTags({{"route", route}});
     try {
       handler(request, response);
     } catch (const StoreError& error) {
-      store_errors_.Add(1);
+      store_errors_.Count(error.what(), {{"at", route}});
       Answer(response, 500, error.what());
     }
     requests_.Add(1, {{"route", route}, {"status", response.status}});
@@ -108,8 +110,8 @@ void Shop::Pack(int64_t order) {
   try {
     const bool packed = store_.PackOrder(order);
     orders_.Add(1, {{"state", packed ? "packed" : "sold_out"}});
-  } catch (const StoreError&) {
-    store_errors_.Add(1);
+  } catch (const StoreError& error) {
+    store_errors_.Count(error.what(), {{"at", "packing"}});
   }
 }
 

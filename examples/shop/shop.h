@@ -28,8 +28,9 @@ struct ShopOptions {
 ///   GET /products/N   name and stock
 ///   POST /orders      form fields `product` and `quantity`; answers the number of the order
 ///   GET /orders/N     its state
-/// It reports its requests by route and status, their time, the orders by what became of them, the
-/// time of packing and the length of its queue.
+/// It reports its requests by route and status, their time and how many are being served, the
+/// orders by what became of them, the time of packing, the length of its queue, and the errors of
+/// the database.
 /// Throws `StoreError` if there is no database, `std::runtime_error` if the port is taken.
 class Shop {
  public:
@@ -55,7 +56,8 @@ class Shop {
   const tidegate::Timer latency_;
   const tidegate::Counter orders_;
   const tidegate::Timer packing_;
-  const tidegate::Counter store_errors_;
+  const tidegate::InFlight in_flight_;
+  const tidegate::ErrorCounter store_errors_;
   Store store_;
   WorkerPool packers_;
   const tidegate::Sampler queue_length_;

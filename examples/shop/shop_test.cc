@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <sqlite3.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <string>
 
 #include "shop.h"
@@ -10,13 +13,6 @@
 
 namespace shop {
 namespace {
-
-ShopOptions Waiting(size_t packers, size_t max_waiting) {
-  ShopOptions options;
-  options.packers = packers;
-  options.max_waiting = max_waiting;
-  return options;
-}
 
 // A shop with ten lamps, and what it reports.
 class ShopTest : public testing::Test {
@@ -66,7 +62,7 @@ TEST_F(ShopTest, CountsWhatBecomesOfOrders) {
 // Nobody packs, and two orders may wait.
 class FullShopTest : public ShopTest {
  protected:
-  FullShopTest() : ShopTest(Waiting(0, 2)) {}
+  FullShopTest() : ShopTest({":memory:", 0, 0, 2}) {}
 };
 
 TEST_F(FullShopTest, ReportsItsQueueAndRefusesOrders) {
@@ -76,6 +72,28 @@ TEST_F(FullShopTest, ReportsItsQueueAndRefusesOrders) {
   receiver_.FlushNow();
   EXPECT_EQ(receiver_.Value("shop.queue.length"), 2);
   EXPECT_EQ(receiver_.Value("shop.orders", {{"state", "refused"}}), 1);
+}
+
+// Its database is a file that somebody else breaks.
+class BrokenShopTest : public ShopTest {
+ protected:
+  BrokenShopTest() : ShopTest({kFile}) {}
+  ~BrokenShopTest() override { std::remove(kFile.c_str()); }
+
+  static inline const std::string kFile =
+      testing::TempDir() + "shop_test." + std::to_string(::getpid()) + ".db";
+};
+
+TEST_F(BrokenShopTest, CountsErrorsOfItsDatabase) {
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(kFile.c_str(), &other), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(other, "DROP TABLE products", nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_close(other);
+  EXPECT_EQ(Get("/products/1"), 500);
+  receiver_.FlushNow();
+  EXPECT_EQ(receiver_.Value("shop.store_errors", {{"at", "product"}}), 1);
+  EXPECT_EQ(receiver_.Value("shop.requests", {{"status", 500}}), 1);
+  EXPECT_EQ(receiver_.Value("shop.in_flight"), 0);
 }
 
 }  // namespace
