@@ -16,6 +16,7 @@
 
 #include "metrics/sampler_thread.h"
 #include "support/environment.h"
+#include "tidegate/metrics.h"
 #include "util/wall_clock.h"
 
 namespace METRICS {
@@ -140,6 +141,22 @@ TEST_F(SamplerTest, OneThatHangsIsToldOnceAndTheThreadIsLeftToIt) {
   gate->opened.set_value();
   hung.reset();
   EXPECT_EQ(asked, before);  // it came after the one that hung, and then the end had come
+}
+
+TEST_F(SamplerTest, TheFlushThreadTellsOfOneThatHangs) {
+  tidegate::Options options;
+  options.service = "s";
+  options.interval = std::chrono::seconds(1);
+  options.socket_path = "/tmp/nobody.listens";
+  tidegate::Metrics metrics(options);
+  std::atomic<bool> told{false};
+  tidegate::SetLogSink([&](tidegate::LogLevel level, std::string_view text) {
+    told = told || (level == tidegate::LogLevel::kError && text.find("Sampler[hung]") == 0);
+  });
+  const Sampler sampler =
+      metrics.Sample("hung", [&] { return WaitFor([&] { return told.load(); }); });
+  EXPECT_TRUE(WaitFor([&] { return told.load(); }));
+  tidegate::SetLogSink(nullptr);
 }
 
 TEST_F(SamplerTest, AForkedChildGoesOnWithTheSameCallbacks) {

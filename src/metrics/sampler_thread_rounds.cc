@@ -28,9 +28,9 @@ void SamplerThread::BeforeFlush() {
     if (current_ == nullptr || current_->late_told) {
       return;
     }
-    // A flush in the middle of the lead, as of another tenant, is no boundary of this.
+    // A round that began just now, before a boundary of another tenant, is in time.
     lasted_ms = MillisBetween(round_began_, Clock::now());
-    if (lasted_ms < lead_ms_ - lead_ms_ / kTenth) {
+    if (lasted_ms < lead_ms_ / 2) {
       return;
     }
     current_->late_told = true;
