@@ -306,6 +306,7 @@ TEST_F(FacadeTest, HandlesTakeUpAgainAfterABlock) {
   EXPECT_EQ(made.Add(4), Code::kOk);
   metrics.Stop();
   EXPECT_EQ(before.Add(1), Code::kObjectExit);
+  EXPECT_EQ(bound.Add(1), Code::kNotSupported);
   std::map<std::string, double> totals = Totals();
   EXPECT_EQ(totals["shop.before"], 7);
   EXPECT_EQ(totals["shop.made"], 6);

@@ -110,8 +110,8 @@ class METRICS_API Metrics {
   /// After `AtFork`: brings it into service again, and with it all handles, bound ones too. Their
   /// numbers begin anew. Else changes nothing. Whether it is in service.
   bool Init();
-  /// Sends what is in memory and ends: emissions answer 23 from then on. To do so before the
-  /// destructor. A flush that is running counts as the last one. In the child of a fork: `AtFork`.
+  /// Sends what is in memory and ends, before the destructor does: emissions answer 23 from then
+  /// on, on bound handles 70. A flush that is running counts as the last one. In the child of a fork: `AtFork`.
   void Stop();
 
   /// Drops all series, and refuses emissions until `UnBlock`: with 70, on bound handles with 22. 23

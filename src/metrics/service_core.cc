@@ -17,14 +17,18 @@ namespace METRICS {
 namespace {
 
 /// Stands for all series that are not bound. Never destroyed: static objects may emit at the end.
-struct Unbound {
-  constexpr Unbound() : series() {}
-  ~Unbound() {}
+struct NoSeries {
+  constexpr NoSeries() : series() {}
+  ~NoSeries() {}
   union {
     BoundSeries series;
   };
 };
-Unbound g_unbound;
+NoSeries g_unbound;
+
+bool IsBound(const SeriesSlot& slot) {
+  return slot.series.load(std::memory_order_acquire) != &g_unbound.series;
+}
 
 /// What handles say that have no metric, and those of a `Metrics` that is not in service.
 const std::string& NoMetric() {
@@ -160,7 +164,7 @@ const std::string& ErrorOf(const SeriesSlot& slot) {
   if (&slot == &g_no_series) {
     return NoMetric();
   }
-  if (slot.series.load(std::memory_order_acquire) != &g_unbound.series) {
+  if (IsBound(slot)) {
     return MetricParts::NoopStr();
   }
   const Failure& failure = static_cast<const OwnedSeriesSlot&>(slot).failure;
@@ -269,6 +273,11 @@ std::string ServiceCore::Error() const {
       return NotInService();
   }
   return {};
+}
+
+std::string ServiceCore::DebugString() const {
+  const WriteGuard guard(mutex_);
+  return InService() ? client_.DebugString() : "not in service\n";
 }
 
 OwnedMetricSlot* ServiceCore::FindSlot(const std::string& name) const {
@@ -399,7 +408,7 @@ void ServiceCore::MakeMissing(bool with_reasons) {
     }
   }
   for (OwnedSeriesSlot* slot = series_.load(); slot != nullptr; slot = slot->next.load()) {
-    if (slot->series.load() == &g_unbound.series) {
+    if (!IsBound(*slot)) {
       const ReturnCode code = BindSeries(*slot);
       if (code != ReturnCode::kOk && with_reasons) {
         slot->failure.code.store(code);

@@ -82,6 +82,7 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   void Start();
   bool InService() const { return state_.load(std::memory_order_acquire) == State::kServing; }
   std::string Error() const;
+  std::string DebugString() const;
   void AtFork();
   bool Init();
   void Stop();

@@ -115,6 +115,6 @@ void Metrics::Stop() {
 ReturnCode Metrics::Block() { return core_->Block(); }
 ReturnCode Metrics::UnBlock() { return core_->UnBlock(); }
 METRICS::MetricClient& Metrics::Client() { return core_->Client(); }
-std::string Metrics::DebugString() const { return core_->Client().DebugString(); }
+std::string Metrics::DebugString() const { return core_->DebugString(); }
 
 }  // namespace tidegate
