@@ -40,7 +40,7 @@ FLOORS = [
     """sender_reports sender_accounts sender_socket flush_thread
     metric_sender metric_unix_domain_sender metric_tcp_sender metric_sender_manager""",
     # The rest of a client, and the client.
-    "metric_factory metric_self_monitor metric_expire_checker",
+    "metric_factory metric_self_monitor metric_expire_checker series_census",
     "metric_client",
     # The facade.
     """service_options service_core service_metrics sampler_thread service_samplers process_metrics

@@ -13,6 +13,8 @@
 #include "metrics/metric_registry.h"
 #include "support/environment.h"
 #include "tidegate/tag_view.h"
+#include "util/distinct_count.h"
+#include "util/word_hash.h"
 
 namespace METRICS {
 namespace {
@@ -239,23 +241,79 @@ TEST(SeriesLimitTest, IsToldOnceAndIsThatOfTheFirstOfTwoNamesakes) {
   EXPECT_EQ(first.emit_overflow_, 6u);
 }
 
-TEST(SeriesLimitTest, AForkedChildStartsAtZero) {
+TEST(SeriesLimitTest, AForkedChildStartsAtZeroWhateverTheParentWasDoing) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "its runtime starts no thread in the child of a process with several";
+#endif
   Bench bench;
   Metric& metric = bench.Make(Kind::kCoItemSuffix);
-  for (int key = 0; key < 4; ++key) metric.Emit({{"a", key}}, Incr(1));
-  const pid_t child = ::fork();
-  if (child == 0) {
-    bench.client->AtFork();
-    bench.client->Init(std::make_unique<TestConfiger>(kNeverDue),
-                       std::make_unique<tidegate::StaticVendor>("/tmp/nobody.listens"), nullptr,
-                       {false, false});
-    Metric& anew = bench.Make(Kind::kCoItemSuffix);
-    for (int key = 10; key < 13; ++key) anew.Emit({{"a", key}}, Incr(1));
-    ::_exit(bench.Total() == 3 && anew.emit_overflow_ == 0 ? 0 : 1);
+  Workers others;
+  others.Start(2, [&](int key) {
+    metric.Emit({{"a", key}}, Incr(1));
+    metric.WithTagValues({std::to_string(key), "x"})->Emit(Incr(1));
+    bench.client->DebugString();
+  });
+  for (int round = 0; round < 20; ++round) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      ::alarm(20);
+      bench.client->AtFork();
+      bench.client->Init(std::make_unique<TestConfiger>(kNeverDue),
+                         std::make_unique<tidegate::StaticVendor>("/tmp/nobody.listens"), nullptr,
+                         {false, false});
+      Metric& anew = bench.Make(Kind::kCoItemSuffix);
+      for (int key = 10; key < 13; ++key) anew.Emit({{"a", key}}, Incr(1));
+      const bool grew =
+          CountOf("since the start: metric p.m of tenant t1, 3", bench.client->DebugString()) == 1;
+      ::_exit(bench.Total() == 3 && anew.emit_overflow_ == 0 && grew ? 0 : 1);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    ASSERT_EQ(status, 0);
   }
-  int status = -1;
-  ::waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+}
+
+TEST(DistinctCountTest, IsExactToItsBoundAndCloseBeyond) {
+  for (const int distinct : {0, 1, 1023, 1024, 5000, 300000}) {
+    DistinctCount count;
+    for (int i = 0; i < 2 * distinct; ++i) count.Add(HashText(std::to_string(i % distinct)));
+    EXPECT_EQ(count.IsExact(), distinct < 1024);
+    EXPECT_NEAR(static_cast<double>(count.Count()), distinct, distinct < 1024 ? 0 : distinct / 5);
+  }
+}
+
+TEST(DebugStringTest, NamesWhatGrewFastestAndTheTagsOfManySeries) {
+  Bench bench;
+  Metric& metric = bench.Make(Kind::kCoItemSuffix, 200);
+  const auto lines = [&] { return bench.client->DebugString(); };
+  EXPECT_THAT(lines(), testing::HasSubstr("fastest growing since the start: none\n"));
+  for (int i = 0; i < 5; ++i) bench.client.Metric("small", {"t"})->Emit({{"t", i}}, Incr(1));
+  for (int i = 0; i < 99; ++i) metric.Emit({{"a", i % 3}, {"b", i}}, Incr(1));
+  const std::string few = lines();
+  EXPECT_THAT(few, testing::HasSubstr("last look: metric p.m of tenant t1, 99 series; its tag b, "
+                                      "99 values\n"));
+  EXPECT_EQ(few.find("values of tags"), few.npos);
+  for (int i = 0; i < 500; ++i) bench.client.Metric("small", {"t"})->Emit({{"t", i}}, Incr(1));
+  for (int i = 99; i < 202; ++i) metric.Emit({{"a", 7}, {"b", i}}, Incr(1));
+  EXPECT_THAT(lines(), testing::AllOf(
+                           testing::HasSubstr("series 201, cells 201"),
+                           testing::HasSubstr(", limit 200, in overflow 2\n    values of tags: b "
+                                              "201, a 5\n"),
+                           testing::HasSubstr("look: metric p.small of tenant t1, 495 series; its "
+                                              "tag t, 495 values\n")));
+  EXPECT_THAT(lines(), testing::HasSubstr("since the last look: none\n"));
+
+  Bench pairs(0, 10000);
+  Metric& compatible = pairs.Make(Kind::kCoItemCompatible, 0);
+  for (int i = 0; i < 1500; ++i) {
+    compatible.CEmit(1, {"x", "1", "y", std::to_string(i)});
+    compatible.CEmit(1, {"key" + std::to_string(i), "1"});
+  }
+  EXPECT_THAT(
+      pairs.client->DebugString(),
+      testing::AllOf(testing::ContainsRegex("values of tags: y about 1[0-9]{3}, x 1, key0 1"),
+                     testing::HasSubstr(", and fewer of the others\n"),
+                     testing::HasSubstr("p.m of tenant t1, 3000 series; its tag y, about 1")));
 }
 
 }  // namespace

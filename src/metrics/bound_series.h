@@ -66,7 +66,8 @@ class METRICS_API BoundSeries {
   /// for tags that `Metric::WithTags` would refuse; 22 and 23 for a blocked or removed metric; 70
   /// for a compatible metric, at the quota of series and wherever else `WithTags` gives the item of
   /// failures; 53 for an illegal suffix, 20 for a field that was not declared; 36, with a Warn
-  /// line, for a histogram without bounds, which would drop every sample.
+  /// line, for a histogram without bounds, which would drop every sample. Beyond the metric's own
+  /// limit (`MetricInstanceCfg::max_series`) it binds to the overflow series, and stays there.
   ReturnCode Bind(Metric* metric, const Tags& tags, const std::string& name, MetricsType type);
   /// The same, with the name and type of `like`, whose number does not count:
   /// `Bind(metric, tags, WithSuffix("bytes", IncrCounter(0)))`.

@@ -33,7 +33,8 @@ class MetricRegistry;
 /// first emission. Ownership: the registry's; the caller's pointer is good until the metric or
 /// its registry is removed or the client ends, and the caller must have stopped emitting by then.
 /// Failure: never reported by the `With...` family, which answers with the harmless dummy item
-/// and counts in `emit_fail_`; `Emit` on that item answers 70.
+/// and counts in `emit_fail_`; `Emit` on that item answers 70. Limit: beyond a `max_series` of its
+/// definition new tag values get the item of the overflow series, which `emit_overflow_` counts.
 class METRICS_API Metric : public MetricParts {
  public:
   /// `name` is the full name: prefix, dot, name. REQUIRES: a shared pointer owns `registry`.

@@ -13,6 +13,7 @@
 #include "metrics/metric_factory.h"
 #include "metrics/metric_self_monitor.h"
 #include "metrics/metric_sender_manager.h"
+#include "metrics/series_census.h"
 #include "util/fork_guard.h"
 #include "util/log_scope.h"
 #include "util/metric_log.h"
@@ -82,7 +83,7 @@ bool MetricClient::MakeParts(const CoreInitCfg& cfg) {
   return MakeMember(collector_factory_, this, cfg.max_total_series) &&
          MakeMember(configer_, this) && MakeMember(expire_checker_, this) &&
          MakeMember(metric_factory_, this) && MakeMember(self_monitor_, this) &&
-         MakeMember(sender_manager_, this);
+         MakeMember(sender_manager_, this) && MakeMember(growth_);
 }
 
 ReturnCode MetricClient::Begin(tidegate::MConfigerImplBase* configer,
@@ -172,6 +173,7 @@ void MetricClient::ReleaseFactories() {
   // Each member is null before its object goes.
   std::exchange(metric_factory_, nullptr).reset();
   std::exchange(collector_factory_, nullptr).reset();
+  std::exchange(growth_, nullptr).reset();
 }
 
 ReturnCode MetricClient::Exit() {

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "metrics/metric_collector.h"
+#include "util/logging_lock.h"
 #include "util/metric_kdtree.h"
-#include "util/metric_lock.h"
 
 namespace METRICS {
 
@@ -51,7 +51,7 @@ class KDTreeCollector final : public MetricCollectorBase, private KDTreeItems {
 
   size_t dimension_ = 0;
   std::vector<KDTree> trees_;
-  Mutex making_;  ///< held while a series is made within the limit
+  LoggingMutex making_;  ///< held while a series is made within the limit
   std::atomic<size_t> counted_{0};
   std::atomic<size_t> uncounted_{0};
 };

@@ -4,6 +4,7 @@
 #include "util/metric_log.h"
 
 namespace METRICS {
+
 KDTree::KDTree(MetricCoItemType co_type, size_t dimension, KDTreeItems& items,
                std::atomic<unsigned long>& total)
     : co_type_(co_type), dimension_(dimension), items_(&items), total_(&total) {}
