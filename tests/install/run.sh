@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # run.sh <build folder>: installs what is built there into a scratch prefix and uses it as its users do.
-#   consumers   by CMake, the examples too, by pkg-config; of a static library in an absolute libdir by
+#   consumers   and their tests, by CMake, the examples too, by pkg-config; of a static library in an absolute libdir by
 #               both; by add_subdirectory, installed in their turn, of both libraries
 #               Each of these projects has headers that are named as those of the library, and are none.
 #   headers     each compiles alone, with gcc and clang, from C++17 to C++23, also without exceptions and type
@@ -28,25 +28,30 @@ make_foreign_headers() {
     mkdir -p "$FOREIGN/${header%/*}"
     echo '#error "a header of the project instead of one of the library"' >"$FOREIGN/$header"
   done < <(find "$ROOT/include" "$ROOT/src" -name '*.h' -printf '%P\n')
-  rm "$FOREIGN/tidegate/metrics.h"
+  rm "$FOREIGN"/tidegate/{metrics,testing_gtest}.h
 }
 
-# run_cmake_consumer <name> <cmake arguments...>: builds a consumer in the scratch folder and runs it.
+# run_cmake_consumer <name> <cmake arguments...>: builds a consumer in the scratch folder, and runs it and its test.
 run_cmake_consumer() {
   local folder=$SCRATCH/$1
   shift
   quietly cmake -G Ninja -B "$folder" -DFOREIGN_HEADERS="$FOREIGN" "$@"
   quietly cmake --build "$folder" -j "$JOBS"
   quietly "$folder/consumer"
+  quietly "$folder/consumer_test"
 }
 
 # run_pkg_config_consumer <prefix> <libdir>
 run_pkg_config_consumer() {
-  local flags program=$SCRATCH/pkg_config_consumer
-  flags=$(PKG_CONFIG_PATH=$2/pkgconfig pkg-config --cflags --libs tidegate-metrics)
-  # shellcheck disable=SC2086 # the flags are several words
-  quietly g++ -std=c++17 -I"$FOREIGN" "$ROOT/tests/install/consumer.cc" $flags -o "$program"
-  quietly env LD_LIBRARY_PATH="$2" "$program"
+  local -A packages=([consumer]=tidegate-metrics [consumer_test]="tidegate-metrics-testing gmock_main")
+  local flags name program=$SCRATCH/pkg_config_consumer
+  for name in "${!packages[@]}"; do
+    # shellcheck disable=SC2086 # these and the flags are several words
+    flags=$(PKG_CONFIG_PATH=$2/pkgconfig pkg-config --cflags --libs ${packages[$name]})
+    # shellcheck disable=SC2086
+    quietly g++ -std=c++17 -I"$FOREIGN" "$ROOT/tests/install/$name.cc" $flags -o "$program"
+    quietly env LD_LIBRARY_PATH="$2" "$program"
+  done
 }
 
 check_consumers() {
