@@ -10,7 +10,7 @@
 #include <new>
 #include <stdexcept>
 #include <system_error>
-#include <vector>
+#include <utility>
 
 #include "metrics/sampler_thread.h"
 #include "util/wall_clock.h"
@@ -80,7 +80,7 @@ class Clock {
     const Stillness still(*this, lock);
     MakeRound(lock);
     int64_t target_ms = Millis() + 1;
-    for (const Sleeper* sleeper : sleepers_) {
+    for (const Sleeper* sleeper = sleepers_; sleeper != nullptr; sleeper = sleeper->next) {
       if (sleeper->period_ms > 0) target_ms = std::max(target_ms, NextBoundary(*sleeper));
     }
     MoveTo(Floor(target_ms + kMinuteMillis - 1, kMinuteMillis) * kMicrosPerMilli, lock);
@@ -94,7 +94,7 @@ class Clock {
     const int64_t target = micros_ + time.count() * kMicrosPerSecond;
     while (true) {
       int64_t next = target + 1;
-      for (const Sleeper* sleeper : sleepers_) {
+      for (const Sleeper* sleeper = sleepers_; sleeper != nullptr; sleeper = sleeper->next) {
         if (sleeper->period_ms > 0) {
           next = std::min(next, NextBoundary(*sleeper) * kMicrosPerMilli);
         }
@@ -115,6 +115,7 @@ class Clock {
     int64_t period_ms;    // 0: no flush thread
     int64_t from_ms;      // when a flush thread came to rest
     uint64_t last_round;  // that another one made
+    Sleeper* next = nullptr;
   };
   // Keeps pauses from ending by themselves.
   class Stillness {
@@ -148,7 +149,7 @@ class Clock {
   bool Rest(Sleeper& sleeper, std::unique_lock<std::mutex>& lock, ClockHooks::State& state,
             Done done) {
     const uint64_t generation = generation_;
-    sleepers_.push_back(&sleeper);
+    sleeper.next = std::exchange(sleepers_, &sleeper);
     rested_.notify_all();
     bool is_done = false;
     while (users_ > 0 && generation == generation_ && state.load() == MetricState::READY) {
@@ -156,7 +157,9 @@ class Clock {
       if (is_done) break;
       moved_.wait_for(lock, kLook);
     }
-    sleepers_.erase(std::find(sleepers_.begin(), sleepers_.end(), &sleeper));
+    Sleeper** link = &sleepers_;
+    while (*link != &sleeper) link = &(*link)->next;
+    *link = sleeper.next;
     return is_done;
   }
 
@@ -181,9 +184,12 @@ class Clock {
     }
   }
   bool AllRest() const {
-    return sleepers_.size() >= static_cast<size_t>(METRICS::g_libraryThreads.load()) &&
-           std::none_of(sleepers_.begin(), sleepers_.end(),
-                        [this](const Sleeper* sleeper) { return IsDue(*sleeper); });
+    int resting = 0;
+    for (const Sleeper* sleeper = sleepers_; sleeper != nullptr; sleeper = sleeper->next) {
+      if (IsDue(*sleeper)) return false;
+      ++resting;
+    }
+    return resting >= METRICS::g_libraryThreads.load();
   }
 
   std::mutex moving_;  // for the whole of a movement; comes before `mutex_`
@@ -194,7 +200,7 @@ class Clock {
   uint64_t generation_ = 0;  // of the clock: how often the system's came back
   uint64_t round_ = 1;       // that the threads with pauses are asked for
   bool still_ = false;
-  std::vector<Sleeper*> sleepers_;
+  Sleeper* sleepers_ = nullptr;  // a list, for which no memory is needed
 };
 
 // Never destroyed: threads of the library may outlive static objects.
