@@ -50,7 +50,7 @@ def blocks_of(page):
                 block = None
             else:
                 block.lines.append(line)
-        elif text == "```cpp":
+        elif text in ("```cpp", "```c++", "```cc", "```cxx"):
             block = Block(page, number + 1, chapter, mark)
         elif line.startswith("## "):
             chapter = line[3:]

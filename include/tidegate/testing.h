@@ -47,7 +47,7 @@ struct Point {
   std::vector<MetricTag> tags;  ///< sorted by key, those of registry and machine included
   /// "gauge", "rate", "counter", "meter", "timer", "histogram", "row" or "delta_counter". The
   /// numbers of a timer arrive as gauges that are named after it, as "shop.latency.avg", unless
-  /// percentiles are estimated.
+  /// `METRICS::Metric::SetMultiFieldSummary` makes one point of them.
   std::string kind;
   /// The name of each value; a single number has the empty one. The buckets of a histogram are
   /// named by the bounds that they begin at, as "0.5", beside "sum" and "count".
