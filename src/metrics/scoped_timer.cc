@@ -19,7 +19,7 @@ ReturnCode ReportTo(BoundSeries& series, ScopedTimer::Clock::duration elapsed) {
 
 ScopedTimer& ScopedTimer::operator=(ScopedTimer other) noexcept {
   std::swap(held_, other.held_);
-  target_.swap(other.target_);
+  std::swap(target_, other.target_);
   owner_.swap(other.owner_);
   tags_.swap(other.tags_);
   name_.swap(other.name_);
@@ -31,7 +31,7 @@ ScopedTimer& ScopedTimer::operator=(ScopedTimer other) noexcept {
 ScopedTimer::~ScopedTimer() {
   Stop();
   if (held_) {
-    std::get<ItemPtr>(target_)->LetGo();
+    std::get<MetricCollectorItem*>(target_)->LetGo();
   }
 }
 
@@ -56,6 +56,9 @@ ReturnCode ScopedTimer::StopOn(const Tags& tags) noexcept {
 
 template <class Tags>
 ReturnCode ScopedTimer::Report(Clock::duration elapsed, const Tags& tags) const {
+  if (const auto* const series = std::get_if<BoundSeries*>(&target_)) {
+    return ReportTo(**series, elapsed);
+  }
   if (const auto* const slot = std::get_if<const SeriesSlot*>(&target_)) {
     return (*slot)->series.load(std::memory_order_acquire)->Emit(elapsed);
   }
@@ -65,10 +68,7 @@ ReturnCode ScopedTimer::Report(Clock::duration elapsed, const Tags& tags) const 
     return metric != nullptr ? metric->Emit(tags, WithSuffix({}, Observe(elapsed)))
                              : RefusalOf(*slot);
   }
-  if (const auto* const series = std::get_if<BoundSeries*>(&target_)) {
-    return ReportTo(**series, elapsed);
-  }
-  if (const auto* const item = std::get_if<ItemPtr>(&target_)) {
+  if (const auto* const item = std::get_if<MetricCollectorItem*>(&target_)) {
     return *item != nullptr ? (*item)->Emit(WithSuffix(name_, Observe(elapsed)))
                             : ReturnCode::kNullptr;
   }

@@ -55,7 +55,10 @@ class [[nodiscard]] ScopedTimer {
       : target_(metric), name_(std::move(name)) {}
   /// The same on a series.
   [[nodiscard]] explicit ScopedTimer(ItemPtr item, std::string name = "timer") noexcept
-      : held_(item != nullptr && item->Hold()), target_(std::move(item)), name_(std::move(name)) {}
+      : held_(item != nullptr && item->Hold()),
+        target_(item.get()),
+        owner_(std::move(item)),
+        name_(std::move(name)) {}
   /// On a handle that is bound to anything but a timer nothing is observed, with a Warn line.
   [[nodiscard]] explicit ScopedTimer(BoundSeries& series) noexcept : target_(&series) {}
   explicit ScopedTimer(BoundSeries&& series) = delete;  // the handle must outlive the timer
@@ -76,7 +79,7 @@ class [[nodiscard]] ScopedTimer {
   /// Goes on with the measurement; `other` observes nothing.
   ScopedTimer(ScopedTimer&& other) noexcept
       : held_(std::exchange(other.held_, false)),
-        target_(std::move(other.target_)),
+        target_(other.target_),
         owner_(std::move(other.owner_)),
         tags_(std::move(other.tags_)),
         name_(std::move(other.name_)),
@@ -122,8 +125,9 @@ class [[nodiscard]] ScopedTimer {
                                                           const Tags& tags) const;
 
   bool held_ = false;  ///< the item
-  std::variant<Metric*, ItemPtr, BoundSeries*, const MetricSlot*, const SeriesSlot*> target_;
-  std::shared_ptr<const void> owner_;  ///< of a slot, if it is shared
+  std::variant<Metric*, MetricCollectorItem*, BoundSeries*, const MetricSlot*, const SeriesSlot*>
+      target_;
+  std::shared_ptr<const void> owner_;  ///< of an item, and of a slot that is shared
   std::vector<tidegate::MetricTag> tags_;
   std::string name_;  ///< empty with a slot
   Clock::time_point begin_ = Clock::now();
