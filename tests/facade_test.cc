@@ -23,7 +23,6 @@ namespace {
 using namespace tidegate::test;
 using std::chrono::microseconds;
 using testing::AllOf;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using Code = ReturnCode;
 
@@ -361,13 +360,24 @@ double CounterOf(const std::map<std::string, double>& totals) {
   return sum;
 }
 
+// What an emission has in its hands once it has read its slot.
+struct Caught : Rate, BoundCounter {
+  explicit Caught(const Forms& forms) : Rate(forms.rate), BoundCounter(forms.bound) {}
+  METRICS::Metric& Metric() const { return *Rate::Get(); }
+  METRICS::BoundSeries& Series() const { return BoundCounter::Series(); }
+};
+
 TEST_F(FacadeTest, EmissionsThatRaceWithTheEndAreHarmlessAndExact) {
   constexpr int kThreads = 4;
   static std::optional<Forms> beyond;  // as a static object of a service has it
+  METRICS::Metric* caught = nullptr;
+  METRICS::BoundSeries* caught_series = nullptr;
   std::atomic<int> added{0};
   {
     Metrics metrics(ForShop());
     beyond.emplace(metrics);
+    caught = &Caught(*beyond).Metric();
+    caught_series = &Caught(*beyond).Series();
     Workers workers;
     workers.Start(kThreads, [&](int) {
       for (int i = 0; i < 100; ++i) added += beyond->Emit(i);
@@ -381,6 +391,8 @@ TEST_F(FacadeTest, EmissionsThatRaceWithTheEndAreHarmlessAndExact) {
     workers.Stop();
   }
   EXPECT_EQ(beyond->Emit(1), 0);
+  EXPECT_EQ(caught->Emit({{"w", "1"}}, METRICS::Incr(1)), Code::kNotSupported);
+  EXPECT_EQ(caught_series->Emit(1), Code::kObjectExit);
   EXPECT_FALSE(beyond->counter);
   EXPECT_FALSE(beyond->bound);
   EXPECT_THAT(beyond->counter.Error() + beyond->bound.Error(), HasSubstr("ended"));
@@ -444,7 +456,6 @@ TEST_F(FacadeTest, AForkedChildGoesOnWithTheHandlesOfItsParent) {
     for (int i = 0; i < 20; ++i) added += forms->Emit(i);
     metrics->Counter("n" + std::to_string(added % 1000));
   });
-  std::atomic<int> expected{0};
   ForkChildren(kChildren, [&](int number) {
     if (number % 4 == 3) {  // one that does not go on with it
       if (number % 8 == 3) forms.reset();

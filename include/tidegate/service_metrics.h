@@ -111,7 +111,8 @@ class METRICS_API Metrics {
   /// numbers begin anew. Else changes nothing. Whether it is in service.
   bool Init();
   /// Sends what is in memory and ends, before the destructor does: emissions answer 23 from then
-  /// on, on bound handles 70. A flush that is running counts as the last one. In the child of a fork: `AtFork`.
+  /// on, on bound handles 70. A flush that is running counts as the last one. In the child of a
+  /// fork: `AtFork`.
   void Stop();
 
   /// Drops all series, and refuses emissions until `UnBlock`: with 70, on bound handles with 22. 23
