@@ -2,8 +2,8 @@
 
 #include <pthread.h>
 
-#include "support/agent_socket.h"
 #include "support/environment.h"
+#include "tidegate/testing.h"
 
 namespace tidegate::test {
 namespace {
@@ -60,15 +60,14 @@ TEST(ClientTest, EveryEndIsCleanAndOnlyFlushAndExitKeepsValues) {
   std::thread([] {}).join();  // a sanitizer's own thread comes with the first one and stays
   const ScopedLogLevel silent(4);
   for (const auto end : {Exit, FlushAndExit, AtFork, DoNothing}) {
-    const TempDir dir;
-    AgentSocket agent(dir.File("s"));
+    const testing::Receiver receiver;
     auto client = std::make_unique<MetricClient>();
     ExpectOutOfService(*client);
     Life lives[2];
     const size_t rounds = end == DoNothing ? 1 : 2;  // a client serves again after an end
     for (size_t i = 0; i < rounds; ++i) {
       ASSERT_EQ(client->Init(std::make_unique<WatchfulConfiger>(&lives[i]),
-                             std::make_unique<StaticVendor>(agent.path()), nullptr,
+                             std::make_unique<StaticVendor>(receiver.SocketPath()), nullptr,
                              {true, end != FlushAndExit}),
                 ReturnCode::kOk);
       for (const char* tenant : {"t1", "t2"}) {
@@ -79,28 +78,27 @@ TEST(ClientTest, EveryEndIsCleanAndOnlyFlushAndExitKeepsValues) {
       if (end != DoNothing) ExpectOutOfService(*client);
     }
     const std::string log = LogOf([&client] { client.reset(); }, 0);
-    EXPECT_THAT(log, testing::MatchesRegex("(.*\n)?\\[MetricSDK\\]\\[DEBUG\\]\\[metric_client.cc:"
-                                           "[0-9]+\\]MetricClient Destructor.\n"));
+    EXPECT_THAT(log, ::testing::MatchesRegex("(.*\n)?\\[MetricSDK\\]\\[DEBUG\\]\\[metric_client.cc:"
+                                             "[0-9]+\\]MetricClient Destructor.\n"));
     for (size_t i = 0; i < rounds; ++i) {
       EXPECT_TRUE(lives[i].starts == 1 && lives[i].stops == 1 && lives[i].deletions == 1);
       EXPECT_TRUE(lives[i].alone);
     }
-    agent.Stop();
     size_t received = 0;
-    for (const Point& point : agent.Points()) received += point.tenant[0] == 't' ? 1 : 0;
+    for (const auto& point : receiver.Points()) received += point.tenant[0] == 't' ? 1 : 0;
     EXPECT_EQ(received, end == FlushAndExit ? 4u : 0u);
   }
 }
 
 TEST(ClientTest, ACancelledThreadMakesItsRegistryAndEndsItsClientFirst) {
-  const TempDir dir;
   const ScopedLogLevel silent(4);
   for (const auto end : {Exit, FlushAndExit}) {
-    AgentSocket agent(dir.File("s"));
+    const testing::Receiver receiver;
     MetricClient client;
-    ASSERT_EQ(client.Init(std::make_unique<TestConfiger>(kNeverDue),
-                          std::make_unique<StaticVendor>(agent.path()), nullptr, {false, true}),
-              ReturnCode::kOk);
+    ASSERT_EQ(
+        client.Init(std::make_unique<TestConfiger>(kNeverDue),
+                    std::make_unique<StaticVendor>(receiver.SocketPath()), nullptr, {false, true}),
+        ReturnCode::kOk);
     const auto expect_done = [](auto call) {
       bool done = false;
       std::thread([&] {
@@ -114,8 +112,7 @@ TEST(ClientTest, ACancelledThreadMakesItsRegistryAndEndsItsClientFirst) {
       client.CreateMetric({"p", {}, "t"}, {"m", {}, {}, {}}).metric->WithTags({})->Emit(Store(1));
     });
     expect_done([&] { end(client); });
-    agent.Stop();
-    EXPECT_EQ(agent.Points().size(), end == FlushAndExit ? 1u : 0u);
+    EXPECT_EQ(receiver.Points().size(), end == FlushAndExit ? 1u : 0u);
   }
 }
 

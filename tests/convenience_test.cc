@@ -12,9 +12,9 @@
 #include <optional>
 #include <thread>
 
-#include "support/agent_socket.h"
 #include "support/environment.h"
 #include "tidegate/metrics.h"
+#include "tidegate/testing.h"
 
 namespace METRICS {
 namespace {
@@ -23,6 +23,7 @@ using namespace tidegate::test;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using tidegate::testing::Receiver;
 
 std::vector<double> DrainTimer(Metric& metric, const std::vector<tidegate::MetricTag>& tags) {
   return metric.WithTags(tags)->Fields().at("timer")->Send(1).values;
@@ -139,22 +140,19 @@ TEST(ConvenienceTest, AScopeThatReportsNothingSaysWhy) {
   EXPECT_EQ(metric.emit_fail_, 1u) << "refused once";
 }
 
-// The options of a service whose numbers arrive at `agent`.
-tidegate::Options Reaching(const AgentSocket& agent) {
-  tidegate::Options options;
-  options.service = "shop";
-  options.socket_path = agent.path();
+// The options of a service whose numbers arrive at `receiver`.
+tidegate::Options Reaching(const Receiver& receiver) {
+  tidegate::Options options = receiver.Options("shop");
   options.log_level = tidegate::LogLevel::kSilent;
   return options;
 }
 
 TEST(ConvenienceTest, TypedHandlesAreTimedAndTheirWorkMayOutliveAll) {
-  const TempDir folder;
-  AgentSocket agent(folder.File("s"));
+  const Receiver receiver;
   const ScopedLogLevel as_before(4);
   std::optional<ScopedTimer> late, late_bound;
   {
-    tidegate::Metrics metrics(Reaching(agent));
+    tidegate::Metrics metrics(Reaching(receiver));
     std::optional<tidegate::Timer> latency(metrics.Timer("latency", {"status"}));
     const tidegate::BoundTimer get = latency->With({{"status", "get"}});
     {
@@ -180,9 +178,8 @@ TEST(ConvenienceTest, TypedHandlesAreTimedAndTheirWorkMayOutliveAll) {
   EXPECT_NE(late_bound->Stop(), ReturnCode::kOk);
   EXPECT_EQ(ScopedTimer(tidegate::Timer()).Stop(), ReturnCode::kNotSupported);
   EXPECT_EQ(tidegate::BoundTimer().Start().Stop(), ReturnCode::kNotSupported);
-  agent.Stop();
   std::map<std::string, double> counts;
-  for (const Point& point : agent.Points()) {
+  for (const auto& point : receiver.Points()) {
     if (point.name == "shop.latency.counter") {
       counts[point.tags.at(0).value] += point.values.at(0);
     }
@@ -191,12 +188,11 @@ TEST(ConvenienceTest, TypedHandlesAreTimedAndTheirWorkMayOutliveAll) {
 }
 
 TEST(ConvenienceTest, OpenScopesAreReportedAndMayOutliveAll) {
-  const TempDir folder;
-  AgentSocket agent(folder.File("s"));
+  const Receiver receiver;
   const ScopedLogLevel as_before(4);
   std::vector<tidegate::InFlight::Scope> open;
   {
-    tidegate::Metrics metrics(Reaching(agent));
+    tidegate::Metrics metrics(Reaching(receiver));
     const auto in_flight = metrics.InFlight("open", {{"pool", "web"}, {"dc", "d"}});
     const auto same = metrics.InFlight("open", {{"dc", "d"}, {"pool", "web"}});
     const auto quiet = metrics.InFlight("open", {{"pool", "io"}, {"dc", "d"}});
@@ -230,21 +226,19 @@ TEST(ConvenienceTest, OpenScopesAreReportedAndMayOutliveAll) {
     EXPECT_EQ(in_flight.Now(), 2);
   }
   open.clear();
-  agent.Stop();
   std::map<std::string, double> last;
-  for (const Point& point : agent.Points()) {
+  for (const auto& point : receiver.Points()) {
     if (point.name == "shop.open") last[point.tags.at(1).value] = point.values.at(0);
   }
   EXPECT_THAT(last, ElementsAre(std::pair("io", 0), std::pair("web", 2)));
 }
 
 TEST(ConvenienceTest, ErrorsAreCountedAndTheirLinesAreFew) {
-  const TempDir folder;
-  AgentSocket agent(folder.File("s"));
+  const Receiver receiver;
   const ScopedLogLevel as_before(4);
   const std::string lines = LogOf(
-      [&agent] {
-        tidegate::Options options = Reaching(agent);
+      [&receiver] {
+        tidegate::Options options = Reaching(receiver);
         options.log_level = tidegate::LogLevel::kError;
         tidegate::Metrics metrics(options);
         const tidegate::ErrorCounter errors = metrics.Errors("errors", {"kind"});
@@ -259,9 +253,8 @@ TEST(ConvenienceTest, ErrorsAreCountedAndTheirLinesAreFew) {
       3);
   EXPECT_THAT(lines, testing::MatchesRegex(".*\\]errors: line 1 line 2\n.*\\]often: a\n.*\\]often: "
                                            "d .2 more since the last line.\n"));
-  agent.Stop();
   std::map<std::string, double> totals;
-  for (const Point& point : agent.Points()) {
+  for (const auto& point : receiver.Points()) {
     double& total = totals[point.tags.at(0).value];
     total = std::max(total, point.values.at(0));
   }
@@ -294,8 +287,7 @@ TEST(ConvenienceTest, SettingsThatDoNotFitAreToldWhenARegistryIsMade) {
 }
 
 TEST(ConvenienceTest, AFirstProgramNeedsNoClassOfItsOwn) {
-  const TempDir folder;
-  AgentSocket agent(folder.File("s"));
+  const Receiver receiver;
   const ScopedLogLevel silent(4);
   const std::pair<std::unique_ptr<tidegate::StaticConfiger>, int> plain[] = {
       {std::make_unique<tidegate::StaticConfiger>(), 30},
@@ -312,20 +304,20 @@ TEST(ConvenienceTest, AFirstProgramNeedsNoClassOfItsOwn) {
   EXPECT_FALSE(settings->GetTenantInterval("none").first);
   MetricClient client;
   EXPECT_EQ(client.DebugString(), "client: not in service\n");
-  client.Init(std::move(settings),
-              std::make_unique<tidegate::StaticVendor>(tidegate::StaticVendor::Options{
-                  agent.path(), {{"host", "h1"}}, {{"zone", "z"}, {"dc", "d"}}, "shop.web"}));
+  client.Init(
+      std::move(settings),
+      std::make_unique<tidegate::StaticVendor>(tidegate::StaticVendor::Options{
+          receiver.SocketPath(), {{"host", "h1"}}, {{"zone", "z"}, {"dc", "d"}}, "shop.web"}));
   Metric* const metric =
       client.CreateMetric({"p", {{"dc", "own"}}, "other"}, {"m", {"k"}, {}, {}}).metric;
   metric->WithTags({{"k", "v"}})->Emit({Incr(1), Store(2)});
   metric->WithTags({{"no", "v"}})->Emit({Incr(1)});
   EXPECT_THAT(client.DebugString(),
-              AllOf(HasSubstr(agent.path()), HasSubstr("dc=own,host=h1,zone=z"),
+              AllOf(HasSubstr(receiver.SocketPath()), HasSubstr("dc=own,host=h1,zone=z"),
                     HasSubstr("p.m: suffixes, in service, series 1, cells 2"),
                     HasSubstr("emitted 2, failed 1"), HasSubstr("sender other: in service")));
   client.FlushAndExit();
-  ASSERT_TRUE(agent.WaitForPackets(1));
-  const auto tags = agent.Points().at(0).tags;
+  const auto tags = receiver.Points().at(0).tags;
   EXPECT_THAT(tags, testing::SizeIs(4));
   EXPECT_EQ(client.DebugString(), "client: not in service\n");
 }

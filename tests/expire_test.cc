@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "metrics/series_items.h"
-#include "support/agent_socket.h"
 #include "support/environment.h"
+#include "tidegate/testing.h"
 
 namespace tidegate::test {
 namespace {
@@ -18,12 +18,11 @@ TEST(ExpireTest, HidesIdleSeriesAndErasesThemFromAQuarterOn) {
   using Case = std::array<size_t, 4>;  // all, idle, erased, held: the last ones, which do not count
   for (const auto& test :
        {Case{1, 1, 1}, {3, 1, 1}, {4, 1, 1}, {8, 1, 0}, {8, 1, 1, 1}, {8, 2, 2}, {8, 8, 7, 1}}) {
-    SCOPED_TRACE(testing::PrintToString(test));
+    SCOPED_TRACE(::testing::PrintToString(test));
     const size_t series = test[0], idle = test[1], erased = test[2], left = series - erased;
-    const TempDir dir;
-    AgentSocket agent(dir.File("s"));
+    testing::Receiver receiver;
     // Without a checker of its own, so that no pass comes in between.
-    TestClient client({{}, kNeverDue, {agent.path()}, {false, false, false, 1, 1, 1, 8}});
+    TestClient client({{}, kNeverDue, {receiver.SocketPath()}, {false, false, false, 1, 1, 1, 8}});
     METRICS::Metric* const metric = client.Metric("m", {"a"});
     std::vector<std::shared_ptr<METRICS::MetricCollectorItem>> items;
     for (size_t i = 0; i < series; ++i) {
@@ -51,10 +50,9 @@ TEST(ExpireTest, HidesIdleSeriesAndErasesThemFromAQuarterOn) {
     EXPECT_EQ(items[0]->Emit({Store(2)}),
               erased == 0 ? METRICS::ReturnCode::kOk : METRICS::ReturnCode::kObjectExit);
     client.Flush(1001);
-    agent.Stop();
     std::vector<double> reported, expected(series - idle, 1);
     if (erased == 0) expected.push_back(2);
-    for (const Point& point : agent.Points()) reported.push_back(point.values.at(0));
+    for (const auto& point : receiver.Points()) reported.push_back(point.values.at(0));
     EXPECT_EQ(reported, expected);
 
     EXPECT_EQ(metric->WithTagValues({"0"}) == items[0], erased == 0) << "it starts anew";

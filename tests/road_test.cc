@@ -8,6 +8,7 @@
 #include "metrics/metric_factory.h"
 #include "support/agent_socket.h"
 #include "support/environment.h"
+#include "testing/test_clock.h"
 #include "util/wall_clock.h"
 
 namespace tidegate::test {
@@ -67,11 +68,13 @@ TEST(RoadTest, AGaugeMakesTheDocumentedPacket) {
       SCOPED_TRACE(std::string(name) + (pre_encode_tags ? ", tags encoded before" : ""));
       const TempDir dir;
       AgentSocket agent(dir.File("s"));
+      const TestClock clock;
       TestClient client(ReportTo(agent.path(), 1, pre_encode_tags));
       client.Registry(prefix, "t1", {{"dc", "b"}});
       METRICS::Metric* const metric = client.Metric(name, {"host"}, prefix);
       const int64_t before = WallMillis();
       metric->WithTags({{"host", "a"}})->Emit({WithSuffix(suffix, Store(1.5))});
+      TestClock::Flush();
       ASSERT_TRUE(agent.WaitForPackets(1));
 
       const ReceivedPacket received = agent.Received()[0];

@@ -8,6 +8,7 @@
 #include "metrics/metric_factory.h"
 #include "support/agent_socket.h"
 #include "support/environment.h"
+#include "testing/test_clock.h"
 
 namespace tidegate::test {
 namespace {
@@ -60,22 +61,27 @@ Figures Counted(const Packets& packets) {
 TEST(SelfMonitorTest, ItsFiguresAreWhatWasReceivedAndWhatWasLost) {
   const TempDir dir;
   AgentSocket own(dir.File("own")), app(dir.File("app"));
+  const TestClock clock;
   TestClient client(Everything(own.path()));
   // The sender of the library's own metrics has connected by now.
   client->configer_->vendor_ = std::make_unique<StaticVendor>(StaticVendor::Options{app.path()});
   METRICS::Metric* const metric = client.Metric("m", {"a"});
   const auto emit = [&](const char* a) { metric->WithTags({{"a", a}})->Emit({Store(1)}); };
   emit("1");
+  TestClock::Flush();
   ASSERT_TRUE(app.WaitForPackets(1));
   const Figures one = Counted(app.Received());
-  SleepToMidSecond();
   for (const char* a : {"1", "2", "3"}) emit(a);
   metric->WithTags({{"unknown", "1"}});
+  TestClock::Flush();
   ASSERT_TRUE(app.WaitForPackets(2));
+  TestClock::Flush();
   EXPECT_TRUE(own.WaitUntil(
       [&](const auto& packets) { return Reported(packets, "send") == Counted(app.Received()); }));
   app.Stop();
   emit("1");  // the same packet as the first one
+  TestClock::Flush();
+  TestClock::Flush();
   // A sample that comes after the drain of a flush is in the next one, and `FlushAndExit` makes
   // none where it finds one running.
   const std::string package = "sender.latency timer name=package tenant=t1 counter";

@@ -14,6 +14,7 @@
 #include "support/counted_allocations.h"
 #include "support/environment.h"
 #include "support/failing_new.h"
+#include "testing/test_clock.h"
 
 static std::atomic<int> threads_left{-1};  // until they fail; negative: they never do
 
@@ -49,6 +50,7 @@ using METRICS::Store;
 TEST(ShortageTest, WithoutAThreadACallLeavesNothingAndTheNextOneTriesAgain) {
   const TempDir dir;
   AgentSocket agent(dir.File("s"));
+  const TestClock clock;  // under which threads end at once
   const ScopedLogLevel silent(4);
   const long threads = ThreadCount();
   MetricClient client;
@@ -196,6 +198,7 @@ TEST(ShortageTest, TheLibrarysThreadsOutliveALackOfMemory) {
   options.core = {true, true};
   options.core.monitor_interval = 100;
   options.core.expire_seconds = 1000;  // a pass every 100 ms
+  const TestClock clock;
   TestClient client(std::move(options));
   METRICS::Metric* const metric = client.Metric("m", {"w"});
   const long threads = ThreadCount();
@@ -203,10 +206,10 @@ TEST(ShortageTest, TheLibrarysThreadsOutliveALackOfMemory) {
   const std::string log = LogOf(
       [&] {
         own_threads_starve = true;
-        for (int i = 0; i < 250; ++i) {  // over two boundaries at least
+        for (int i = 0; i < 250; ++i) {
           metric->WithTags({{"w", std::to_string(i)}})->Emit({METRICS::Add(1)});
           ++emitted;
-          std::this_thread::sleep_for(std::chrono::milliseconds(10));
+          if (i % 50 == 49) TestClock::Flush();
         }
         own_threads_starve = false;
       },
@@ -216,6 +219,7 @@ TEST(ShortageTest, TheLibrarysThreadsOutliveALackOfMemory) {
     EXPECT_GE(CountOf(std::string("]") + what + " given up\n", log), 2u) << what;
   }
   EXPECT_EQ(ThreadCount(), threads);
+  TestClock::Flush();
   EXPECT_TRUE(agent.WaitUntil([&](const AgentSocket::Packets& packets) {
     received = 0;
     for (const Point& point : PointsOf(packets)) {
