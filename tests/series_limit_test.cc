@@ -111,7 +111,7 @@ TEST_P(CollectorLimitTest, EachWayLeadsToOneOverflowSeriesBeyondTheLimit) {
     for (int key = 0; key < 6; ++key) {
       emit(metric, std::to_string(key));
       const unsigned long beyond = key < 3 ? 0 : static_cast<unsigned long>(key - 2);
-      EXPECT_EQ(bench.Total(), key < 3 ? key + 1U : 4U);
+      EXPECT_EQ(bench.Total(), key < 3 ? static_cast<unsigned long>(key) + 1 : 4U);
       EXPECT_EQ(metric.emit_overflow_, beyond);
     }
     emit(metric, "1");
