@@ -7,10 +7,10 @@
 
 namespace METRICS {
 
-/// Gate of the library's log lines on standard output: 0 prints everything, 1 (the default) hides
+/// Gate of the library's log lines: 0 prints everything, 1 (the default) hides
 /// debug, 2 hides info too, 3 leaves only errors, 4 and above is silent.
 ///
-/// The application may store to it at any time from any thread; the library only reads it.
+/// The application may store to it at any time from any thread, by `tidegate::SetLogLevel` too.
 extern METRICS_API std::atomic<uint8_t> g_metricsLogLevel;
 
 }  // namespace METRICS
