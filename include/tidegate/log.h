@@ -31,8 +31,9 @@ using LogSink = void (*)(void* context, LogLevel level, std::string_view text);
 /// A sink is called on the thread that wrote the line, the library's own threads included, so by
 /// several at a time, and in the order in which the thread wrote its lines. No lock of the library
 /// is held then: a sink may call the library. What was written under a lock comes when the lock is
-/// free, and the lines of the end of a client, and of its `Init`, when these are done. A sink must
-/// not end a client, or remove the metric that the caller uses; and the lines that it causes go to
+/// free. The lines of the end of a client, and of its `Init`, come when these are done; and with
+/// the lines of an end, on its thread, those that threads of the library wrote meanwhile. A sink
+/// must not end a client, or remove the metric that the caller uses. The lines that it causes go to
 /// standard output, so that it does not call itself.
 ///
 /// A sink that blocks holds up its caller, an emission or a flush among them. It should not throw:
