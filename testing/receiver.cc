@@ -99,8 +99,7 @@ Receiver::Receiver() : inbox_((IgnoreSigpipe(), std::make_unique<Inbox>())) {}
 
 Receiver::~Receiver() {
   if (inbox_->InThisProcess()) return;
-  // All that it has is the parent's.
-  static_cast<void>(const_cast<std::unique_ptr<Inbox>&>(inbox_).release());
+  static_cast<void>(inbox_.release());  // all that it has is the parent's
 }
 
 Receiver::Inbox& Receiver::Mine(const char* call) const {

@@ -28,9 +28,23 @@ constexpr int64_t kMicrosPerMilli = 1000;
 constexpr int64_t kMicrosPerSecond = 1000000;
 constexpr int64_t kMinuteMillis = 60000;
 constexpr seconds kLongestRest{30};
+constexpr seconds kLongestAsk{4};  // a hung callback takes five
 constexpr std::chrono::hours kLongestAdvance{10 * 366 * 24};
 // How soon a thread that waits sees a stop, which nobody tells it.
 constexpr milliseconds kLook{1};
+
+[[noreturn]] void GiveUp(const char* why) {
+  throw std::system_error(std::make_error_code(std::errc::timed_out), why);
+}
+
+// Throws where a callback hangs, which would otherwise hold up each boundary anew.
+void AskSamplers() {
+  const auto began = steady_clock::now();
+  METRICS::AskSamplersNow();
+  if (steady_clock::now() - began >= kLongestAsk) {
+    GiveUp("a callback of a tidegate::Sampler does not return");
+  }
+}
 
 // The last multiple of `period` up to `time`.
 int64_t Floor(int64_t time, int64_t period) { return time - time % period; }
@@ -75,7 +89,7 @@ class Clock {
 
   void Flush() {
     const std::lock_guard moving(moving_);
-    METRICS::AskSamplersNow();
+    AskSamplers();
     std::unique_lock lock(mutex_);
     const Stillness still(*this, lock);
     MakeRound(lock);
@@ -101,7 +115,7 @@ class Clock {
       }
       if (next > target) break;
       lock.unlock();
-      METRICS::AskSamplersNow();
+      AskSamplers();
       lock.lock();
       MoveTo(next, lock);
     }
@@ -176,9 +190,9 @@ class Clock {
     const auto end = steady_clock::now() + kLongestRest;
     while (!AllRest()) {
       if (steady_clock::now() >= end) {
-        throw std::system_error(std::make_error_code(std::errc::timed_out),
-                                "a thread of tidegate_metrics does not come to rest: it waits in a "
-                                "call of the service, or for an agent that does not read");
+        GiveUp(
+            "a thread of tidegate_metrics does not come to rest: it waits in a call of the "
+            "service, or for an agent that does not read");
       }
       rested_.wait_for(lock, kLook);
     }

@@ -149,7 +149,7 @@ class Receiver {
 
   Inbox& Mine(const char* call) const;
 
-  const std::unique_ptr<Inbox> inbox_;
+  std::unique_ptr<Inbox> inbox_;  // constant, but for its end
 };
 
 /// The list of all points, for the message of a test that fails.
