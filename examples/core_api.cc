@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <memory>
 #include <string>
 
 #include "tidegate/metrics.h"
@@ -26,7 +27,8 @@ int main(int argc, char** argv) {
   tidegate::StaticVendor::Options machine;
   if (argc > 1) machine.socket_path = argv[1];
   METRICS::MetricClient client;
-  client.Init(new tidegate::StaticConfiger({10}), new tidegate::StaticVendor(machine), nullptr, {});
+  client.Init(std::make_unique<tidegate::StaticConfiger>(10),
+              std::make_unique<tidegate::StaticVendor>(machine));
 
   METRICS::MetricRegistryCfg registry;
   registry.tenant = "shop";
@@ -37,11 +39,12 @@ int main(int argc, char** argv) {
   definition.name = "requests";
   definition.tag_names = {"method", "status"};
   definition.histo = &size_bounds;
-  const auto [requests, code] = client.CreateMetric(registry, definition);
-  if (requests == nullptr) {
-    std::fprintf(stderr, "no metric: %s\n", METRICS::MetricGetErrorCodeStr(code));
+  const auto made = client.CreateMetric(registry, definition);
+  if (made.metric == nullptr) {
+    std::fprintf(stderr, "no metric: %s\n", METRICS::MetricGetErrorCodeStr(made.code));
     return 1;
   }
+  METRICS::Metric* const requests = made.metric;
 
   for (int i = 0; i < 100; ++i) {
     requests->WithTags({{"method", "get"}, {"status", "200"}})
