@@ -14,7 +14,7 @@ namespace METRICS {
 namespace {
 
 // What waits is bounded: a sender over TCP can write lines without end while it is being stopped.
-constexpr size_t kMaxWaitingBytes = 1024 * 1024;
+constexpr size_t kMaxWaitingBytes = 1UL << 20;
 
 __thread bool is_library_thread = false;
 
