@@ -4,15 +4,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <set>
-
 #include "metrics/bound_series.h"
 #include "metrics/metric_collector.h"
 #include "metrics/metric_collector_factory.h"
-#include "metrics/metric_expire_checker.h"
 #include "metrics/metric_registry.h"
 #include "support/environment.h"
-#include "tidegate/tag_view.h"
 #include "util/distinct_count.h"
 #include "util/word_hash.h"
 
@@ -24,6 +20,12 @@ using Kind = MetricCoItemType;
 using Strings = std::vector<std::string>;
 
 constexpr uint64_t kLimit = 3;
+
+double Sum(const std::map<Strings, double>& sums) {
+  double sum = 0;
+  for (const auto& [values, number] : sums) sum += number;
+  return sum;
+}
 
 // A client with one collector kind, and metrics `m` of a form with the tags a and b.
 struct Bench {
@@ -57,72 +59,45 @@ struct Bench {
   Metric* metric = nullptr;
 };
 
-using Emitter = void (*)(Metric&, const std::string& a);
-
-const std::vector<std::pair<const char*, Emitter>> kDeclared{
-    {"WithTags",
-     [](Metric& m, const std::string& a) {
-       m.WithTags({{"a", a}, {"b", "x"}})->Emit({Incr(1)});
-     }},
-    {"a list",
-     [](Metric& m, const std::string& a) {
-       m.WithTags(std::vector<tidegate::MetricTag>{{"b", "x"}, {"a", a}})->Emit(Incr(1));
-     }},
-    {"WithTagValues",
-     [](Metric& m, const std::string& a) {
-       m.WithTagValues({a, "x"})->Emit(Incr(1));
-     }},
-    {"fewer values", [](Metric& m, const std::string& a) { m.WithTagValues({a})->Emit(Incr(1)); }},
-    {"WithTagMap",
-     [](Metric& m, const std::string& a) {
-       m.WithTagMap({{"a", a}})->Emit(Incr(1));
-     }},
-    {"Emit",
-     [](Metric& m, const std::string& a) {
-       m.Emit({{"a", a}, {"b", "x"}}, Incr(1));
-     }},
-    {"Bind",
-     [](Metric& m, const std::string& a) {
-       BoundSeries series;
-       ASSERT_EQ(series.Bind(&m, {{"a", a}}, Incr(0)), ReturnCode::kOk);
-       series.Emit(1);
-     }},
-};
+// The ways to a series of tag values; the last one is that of compatible metrics.
+constexpr int kWays = 8;
+void EmitBy(int way, Metric& metric, const std::string& a) {
+  const std::vector<tidegate::MetricTag> tags{{"b", "x"}, {"a", a}};
+  BoundSeries bound;
+  if (way == 0) metric.WithTags(tags)->Emit(Incr(1));
+  if (way == 1) metric.WithTags({{"a", a}, {"b", "x"}})->Emit({Incr(1)});
+  if (way == 2) metric.WithTagValues({a, "x"})->Emit(Incr(1));
+  if (way == 3) metric.WithTagValues({a})->Emit(Incr(1));
+  if (way == 4) metric.WithTagMap({{"a", a}})->Emit(Incr(1));
+  if (way == 5) metric.Emit({{"a", a}, {"b", "x"}}, Incr(1));
+  if (way == 6 && bound.Bind(&metric, tags, Incr(0)) == ReturnCode::kOk) bound.Emit(1);
+  if (way == 7) metric.CEmit(1, {"b", "x", "a", a});
+}
 
 class CollectorLimitTest : public testing::TestWithParam<uint32_t> {};
 INSTANTIATE_TEST_SUITE_P(Kinds, CollectorLimitTest, testing::Values(0U, 1U));
 
 TEST_P(CollectorLimitTest, EachWayLeadsToOneOverflowSeriesBeyondTheLimit) {
-  std::vector<std::tuple<Kind, const char*, Emitter, Strings>> ways;
-  for (const auto& [name, emit] : kDeclared) {
-    ways.emplace_back(Kind::kCoItemSuffix, name, emit, Strings{"other", "other"});
-    ways.emplace_back(Kind::kCoItemField, name, emit, Strings{"other", "other"});
-  }
-  ways.emplace_back(
-      Kind::kCoItemCompatible, "CEmit",
-      [](Metric& m, const std::string& a) {
-        m.CEmit(1, {"b", "x", "a", a});
-      },
-      Strings{"b", "other", "a", "other"});
-  for (const auto& [kind, name, emit, other] : ways) {
-    SCOPED_TRACE(name + std::string(" of form ") + std::to_string(static_cast<int>(kind)));
+  const Strings all{"other", "other"}, of_pairs{"b", "other", "a", "other"};
+  for (int i = 0; i < 2 * kWays; ++i) {
+    const int way = i / 2;
+    const bool pairs = way == 7;
+    SCOPED_TRACE(way);
     Bench bench(GetParam());
-    Metric& metric = bench.Make(kind);
-    for (int key = 0; key < 6; ++key) {
-      emit(metric, std::to_string(key));
-      const unsigned long beyond = key < 3 ? 0 : static_cast<unsigned long>(key - 2);
-      EXPECT_EQ(bench.Total(), key < 3 ? static_cast<unsigned long>(key) + 1 : 4U);
-      EXPECT_EQ(metric.emit_overflow_, beyond);
+    Metric& metric = bench.Make(pairs        ? Kind::kCoItemCompatible
+                                : i % 2 == 0 ? Kind::kCoItemSuffix
+                                             : Kind::kCoItemField);
+    for (unsigned key = 0; key < 6; ++key) {
+      EmitBy(way, metric, std::to_string(key));
+      EXPECT_EQ(bench.Total(), std::min(key + 1, 4U));
+      EXPECT_EQ(metric.emit_overflow_, key < 3 ? 0 : key - 2);
     }
-    emit(metric, "1");
-    emit(metric, "5");
+    EmitBy(way, metric, "1");
+    EmitBy(way, metric, "5");
     const auto sums = bench.Drain();
     EXPECT_EQ(sums.size(), 4u);
-    EXPECT_EQ(sums.at(other), 4);
-    double sum = 0;
-    for (const auto& [values, number] : sums) sum += number;
-    EXPECT_EQ(sum, 8);
-    EXPECT_EQ(metric.emit_overflow_, 4u);
+    EXPECT_EQ(sums.at(pairs ? of_pairs : all), 4);
+    EXPECT_EQ(Sum(sums), 8);
     EXPECT_EQ(metric.emit_fail_, 0u);
   }
 }
@@ -148,9 +123,7 @@ TEST_P(CollectorLimitTest, HoldsExactlyWhileThreadsRace) {
     EXPECT_EQ(sums.size(), keys <= 20 ? static_cast<size_t>(keys) : 21u);
     EXPECT_EQ(sums.count({"other", "other"}), keys <= 20 ? 0u : 1u);
     EXPECT_EQ(metric.emit_overflow_ == 0, keys <= 20);
-    double sum = 0;
-    for (const auto& [values, number] : sums) sum += number;
-    EXPECT_EQ(sum, static_cast<double>(kThreads * kRounds * keys));
+    EXPECT_EQ(Sum(sums), static_cast<double>(kThreads * kRounds * keys));
   }
 }
 
@@ -172,12 +145,11 @@ TEST_P(CollectorLimitTest, MakesRoomWithTheSeriesAndKeepsToTheQuota) {
   EXPECT_EQ(bench.metric->impl_->GetSeriesCount(), 1u);
   metric.impl_->ClearCollector();
   fill(4);
-  Metric* again = nullptr;
   MetricInstanceCfg cfg;
   cfg.name = "m";
   cfg.max_series = 100;
-  again = bench.client->CreateMetric({"p", {}, "t1"}, cfg).metric;
-  EXPECT_TRUE(again == &metric && metric.max_series_ == kLimit);
+  EXPECT_EQ(bench.client->CreateMetric({"p", {}, "t1"}, cfg).metric, &metric);
+  EXPECT_EQ(metric.max_series_, kLimit);
   metric.impl_->ClearCollector();
   bench.client.Metric("q")->WithTags({});
   bench.client->collector_factory_->total_series_ += 1;  // three are left
@@ -283,37 +255,34 @@ TEST(DistinctCountTest, IsExactToItsBoundAndCloseBeyond) {
 }
 
 TEST(DebugStringTest, NamesWhatGrewFastestAndTheTagsOfManySeries) {
-  Bench bench;
+  Bench bench(0, 10000), pairs(0, 10000);
   Metric& metric = bench.Make(Kind::kCoItemSuffix, 200);
-  const auto lines = [&] { return bench.client->DebugString(); };
-  EXPECT_THAT(lines(), testing::HasSubstr("fastest growing since the start: none\n"));
-  for (int i = 0; i < 5; ++i) bench.client.Metric("small", {"t"})->Emit({{"t", i}}, Incr(1));
+  Metric& small = *bench.client.Metric("small", {"t"});
+  const auto grew = [&](const std::string& lines, const std::string& what) {
+    EXPECT_THAT(lines, testing::HasSubstr("fastest growing since the " + what));
+    return lines;
+  };
+  grew(bench.client->DebugString(), "start: none\n");
+  for (int i = 0; i < 5; ++i) small.Emit({{"t", i}}, Incr(1));
   for (int i = 0; i < 99; ++i) metric.Emit({{"a", i % 3}, {"b", i}}, Incr(1));
-  const std::string few = lines();
-  EXPECT_THAT(few, testing::HasSubstr("last look: metric p.m of tenant t1, 99 series; its tag b, "
-                                      "99 values\n"));
+  const std::string few = grew(bench.client->DebugString(),
+                               "last look: metric p.m of tenant t1, 99 series; its tag b, 99 val");
   EXPECT_EQ(few.find("values of tags"), few.npos);
-  for (int i = 0; i < 500; ++i) bench.client.Metric("small", {"t"})->Emit({{"t", i}}, Incr(1));
+  for (int i = 0; i < 500; ++i) small.Emit({{"t", i}}, Incr(1));
   for (int i = 99; i < 202; ++i) metric.Emit({{"a", 7}, {"b", i}}, Incr(1));
-  EXPECT_THAT(lines(), testing::AllOf(
-                           testing::HasSubstr("series 201, cells 201"),
-                           testing::HasSubstr(", limit 200, in overflow 2\n    values of tags: b "
-                                              "201, a 5\n"),
-                           testing::HasSubstr("look: metric p.small of tenant t1, 495 series; its "
-                                              "tag t, 495 values\n")));
-  EXPECT_THAT(lines(), testing::HasSubstr("since the last look: none\n"));
+  EXPECT_THAT(grew(bench.client->DebugString(), "last look: metric p.small of tenant t1, 495 ser"),
+              testing::HasSubstr(", limit 200, in overflow 2\n    values of tags: b 201, a 5\n"));
+  grew(bench.client->DebugString(), "last look: none\n");
 
-  Bench pairs(0, 10000);
   Metric& compatible = pairs.Make(Kind::kCoItemCompatible, 0);
-  for (int i = 0; i < 1500; ++i) {
-    compatible.CEmit(1, {"x", "1", "y", std::to_string(i)});
-    compatible.CEmit(1, {"key" + std::to_string(i), "1"});
+  for (int i = 0; i < 3000; ++i) {
+    compatible.CEmit(1,
+                     {i % 2 == 0 ? "x" : "key" + std::to_string(i), "1", "y", std::to_string(i)});
   }
-  EXPECT_THAT(
-      pairs.client->DebugString(),
-      testing::AllOf(testing::ContainsRegex("values of tags: y about 1[0-9]{3}, x 1, key0 1"),
-                     testing::HasSubstr(", and fewer of the others\n"),
-                     testing::HasSubstr("p.m of tenant t1, 3000 series; its tag y, about 1")));
+  EXPECT_THAT(grew(pairs.client->DebugString(),
+                   "start: metric p.m of tenant t1, 3000 series; its "
+                   "tag y, about "),
+              testing::ContainsRegex("tags: y about [23][0-9]{3}, x 1, key1 1, .*of the others"));
 }
 
 }  // namespace
