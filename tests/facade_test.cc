@@ -311,6 +311,22 @@ TEST_F(FacadeTest, HandlesTakeUpAgainAfterABlock) {
   EXPECT_EQ(totals["shop.made"], 6);
 }
 
+TEST_F(FacadeTest, SigpipeIsIgnoredUnlessTheServiceDecides) {
+  const auto before = std::signal(SIGPIPE, SIG_DFL);
+  Options options = ForShop();
+  options.ignore_sigpipe = false;
+  options.log_level = LogLevel::kWarn;
+  const auto make = [&options] { Metrics metrics(options); };
+  EXPECT_THAT(LogOf(make), HasSubstr("SIGPIPE ends service[shop]"));
+  EXPECT_EQ(std::signal(SIGPIPE, SIG_DFL), SIG_DFL);
+  options.ignore_sigpipe = true;
+  EXPECT_EQ(CountOf("SIGPIPE", LogOf(make)), 0u);
+  const auto own = +[](int) {};
+  EXPECT_EQ(std::signal(SIGPIPE, own), SIG_IGN);
+  make();
+  EXPECT_EQ(std::signal(SIGPIPE, before), own);
+}
+
 // All forms of emission, on the metrics of one facade.
 struct Forms {
   explicit Forms(Metrics& metrics)
@@ -397,7 +413,10 @@ TEST_F(FacadeTest, EmissionsThatRaceWithTheEndAreHarmlessAndExact) {
   EXPECT_FALSE(beyond->bound);
   EXPECT_THAT(beyond->counter.Error() + beyond->bound.Error(), HasSubstr("ended"));
   const Counter last = beyond->counter;
+  const Forms& destroyed = *beyond;  // before a static object that emits on it in its destructor
   beyond.reset();
+  EXPECT_EQ(destroyed.counter.Add(1), Code::kNotSupported);
+  EXPECT_EQ(destroyed.bound.Add(1), Code::kNotSupported);
   EXPECT_EQ(last.Add(1, {{"w", "x"}}), Code::kObjectExit);
   EXPECT_GT(added, 0);
   // Each thread may have been in the middle of one emission.

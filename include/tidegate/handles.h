@@ -75,7 +75,12 @@ class Handle {
 
  protected:
   explicit Handle(std::shared_ptr<METRICS::MetricSlot> slot) : slot_(std::move(slot)) {}
-  ~Handle() = default;
+  // A static object may emit on one that was destroyed before it: it has no metric then. The
+  // compiler must not leave that out as a store that nobody reads.
+  ~Handle() {
+    slot_.reset();
+    asm volatile("" : : "r"(this) : "memory");
+  }
 
   METRICS::Metric* Get() const {
     return slot_ != nullptr ? slot_->metric.load(std::memory_order_acquire) : nullptr;
@@ -109,7 +114,10 @@ class BoundHandle {
  protected:
   explicit BoundHandle(std::shared_ptr<METRICS::SeriesSlot> slot)
       : slot_(slot.get()), owner_(std::move(slot)) {}
-  ~BoundHandle() = default;
+  ~BoundHandle() {  // as that of `Handle`
+    slot_ = &METRICS::g_no_series;
+    asm volatile("" : : "r"(this) : "memory");
+  }
 
   METRICS::BoundSeries& Series() const { return *slot_->series.load(std::memory_order_acquire); }
 

@@ -43,9 +43,8 @@ std::string ReasonAgainst(const tidegate::Options& options) {
   if (!IsValidKey(options.tenant)) {
     return IllegalName("the tenant", options.tenant);
   }
-  const long interval = static_cast<long>(options.interval.count());
-  if (std::find(kValidFlushInterval.begin(), kValidFlushInterval.end(), interval) ==
-      kValidFlushInterval.end()) {
+  const auto interval = options.interval.count();
+  if (interval < 1 || interval > 60 || !IsValidFlushInterval(static_cast<int>(interval))) {
     return "the interval is " + std::to_string(interval) + " s, not 1, 5, 10, 15, 30 or 60";
   }
   const std::string& path = options.socket_path;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <iterator>
 
 #include "util/metric_log.h"
 #include "util/wait.h"
@@ -10,13 +11,23 @@
 
 namespace METRICS {
 
+namespace {
+
+constexpr int kIntervals[] = {1, 5, 10, 15, 30, 60};
+
+}  // namespace
+
 // Never destroyed: a thread may still make a registry while the process exits.
-const std::vector<int>& kValidFlushInterval = *new std::vector<int>{1, 5, 10, 15, 30, 60};
+const std::vector<int>& kValidFlushInterval =
+    *new std::vector<int>(std::begin(kIntervals), std::end(kIntervals));
+
+bool IsValidFlushInterval(int interval) {
+  return std::find(std::begin(kIntervals), std::end(kIntervals), interval) != std::end(kIntervals);
+}
 
 int CheckFlushInterval(const int& interval) {
   constexpr int kDefaultInterval = 30;
-  if (std::find(kValidFlushInterval.begin(), kValidFlushInterval.end(), interval) !=
-      kValidFlushInterval.end()) {
+  if (IsValidFlushInterval(interval)) {
     return interval;
   }
   METRICS_LOG_WARN("Input flush interval invalid, should be {1,5,10,15,30,60}, use 30 instead.\n");

@@ -12,6 +12,9 @@ namespace METRICS {
 /// The legal flush intervals in seconds.
 extern const std::vector<int>& kValidFlushInterval;
 
+/// Whether `interval` is one of these; also before their list is there, for static objects.
+bool IsValidFlushInterval(int interval);
+
 /// `interval` if it is in `kValidFlushInterval`; otherwise 30, with a Warn line.
 int CheckFlushInterval(const int& interval);
 
