@@ -109,11 +109,12 @@ check_static() {
   readelf -d "$SCRATCH/plugin.so" | grep NODELETE >/dev/null || die "a plugin that holds the library can be unloaded"
 }
 
-# compile_header <header>: with both compilers, and several standards and settings.
+# compile_header <header>: with both compilers. Those that users include by name, with several standards and settings.
 compile_header() {
-  local compiler language
+  local compiler language languages=("c++17 -fno-exceptions -fno-rtti")
+  [[ $1 != */tidegate/* ]] || languages+=(c++17 c++20 "c++2b -fno-exceptions -fno-rtti")
   for compiler in g++ clang++; do
-    for language in c++17 c++20 "c++17 -fno-exceptions -fno-rtti" "c++2b -fno-exceptions -fno-rtti"; do
+    for language in "${languages[@]}"; do
       # shellcheck disable=SC2086 # several words
       echo "#include \"$1\"" |
         "$compiler" -std=$language -fsyntax-only -Wall -Wextra -Wpedantic -Wshadow -Wconversion \
