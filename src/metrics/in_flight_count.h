@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <string>
 
 #include "util/metric_export.h"
 
@@ -16,7 +15,9 @@ namespace METRICS {
 class InFlightCount {
  public:
   /// With one owner, the caller.
-  explicit InFlightCount(std::string key_of_series) : key(std::move(key_of_series)) {}
+  InFlightCount() = default;
+  InFlightCount(const InFlightCount&) = delete;
+  InFlightCount& operator=(const InFlightCount&) = delete;
 
   /// A handle more. The caller is an owner or a scope.
   void Share() { members_.fetch_add(kOwner, std::memory_order_relaxed); }
@@ -40,9 +41,6 @@ class InFlightCount {
   /// For the child of a fork: nothing is open there. What the parent's scopes refer to stays for
   /// ever.
   void Forget();
-
-  const std::string key;           ///< name and tags of the series
-  InFlightCount* older = nullptr;  ///< in the table
 
  private:
   static constexpr uint64_t kOwner = uint64_t{1} << 32;

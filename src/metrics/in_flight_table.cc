@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <functional>
+#include <memory>
 #include <utility>
 
 #include "util/fork_guard.h"
@@ -17,24 +19,37 @@ void InFlightCount::Forget() {
 
 InFlightTable::InFlightTable() : process_(::getpid()) {}
 
-InFlightTable::~InFlightTable() {
-  for (InFlightCount* count = newest_.load(); count != nullptr;) {
-    std::exchange(count, count->older)->Drop();
+template <class Action>
+void InFlightTable::ForEach(Action action) const {
+  for (const std::atomic<Entry*>& newest : newest_) {
+    for (Entry* entry = newest.load(); entry != nullptr;) {
+      action(*std::exchange(entry, entry->older));
+    }
   }
 }
 
-InFlightCount& InFlightTable::Find(const std::string& key) {
+InFlightTable::~InFlightTable() {
+  ForEach([](Entry& entry) {
+    entry.count->Drop();
+    delete &entry;
+  });
+}
+
+InFlightCount& InFlightTable::Find(const std::string& key, const tidegate::BoundGauge& gauge) {
   const WriteGuard guard(mutex_);
-  InFlightCount* const newest = newest_.load();
-  for (InFlightCount* count = newest; count != nullptr; count = count->older) {
-    if (count->key == key) {
-      return *count;
+  std::atomic<Entry*>& newest = newest_[std::hash<std::string>()(key) % kChains];
+  for (const Entry* entry = newest.load(); entry != nullptr; entry = entry->older) {
+    if (entry->key == key) {
+      return *entry->count;
     }
   }
-  auto* const made = new InFlightCount(key);
-  made->older = newest;
-  newest_.store(made);
-  return *made;
+  auto count = std::make_unique<InFlightCount>();
+  newest.store(new Entry{key, gauge, count.get(), newest.load()});
+  return *count.release();
+}
+
+void InFlightTable::Report() const {
+  ForEach([](const Entry& entry) { entry.gauge.Set(entry.count->Now()); });
 }
 
 void InFlightTable::AtFork() {
@@ -42,9 +57,7 @@ void InFlightTable::AtFork() {
     return;
   }
   RepairGuarded(mutex_);
-  for (InFlightCount* count = newest_.load(); count != nullptr; count = count->older) {
-    count->Forget();
-  }
+  ForEach([](const Entry& entry) { entry.count->Forget(); });
 }
 
 }  // namespace METRICS

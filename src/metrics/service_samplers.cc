@@ -51,10 +51,10 @@ tidegate::InFlight Metrics::InFlight(std::string name, std::vector<MetricTag> ta
   }
   std::sort(tags.begin(), tags.end());
   for (const MetricTag& tag : tags) {
-    name += ',' + tag.key + '=' + tag.value;  // neither sign is in a name or a value
+    name += ',' + tag.key + '=' + tag.value;  // no comma is in these, and no '=' in a key
   }
-  const tidegate::InFlight handle(in_flight_->Find(name), gauge);
-  samplers_->Keep("in flight " + name, [handle, gauge] { gauge.Set(handle.Now()); });
+  const tidegate::InFlight handle(in_flight_->Find(name, gauge), gauge);
+  samplers_->Keep("in flight", [counts = in_flight_] { counts->Report(); });
   return handle;
 }
 
