@@ -176,6 +176,7 @@ TEST_F(SamplerTest, AForkedChildGoesOnWithTheSameCallbacks) {
     samplers.pop_back();      // runs in the parent's thread only
     const bool refused = !thread->Add("early", count);
     thread->AtFork();
+    thread->Stop();  // ends nothing: `Resume` comes
     samplers.push_back(thread->Add("paused", count));
     AskSamplersNow();
     const bool paused = asked == 0;

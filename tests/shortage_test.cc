@@ -7,14 +7,17 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <vector>
 
 #include "metrics/metric_configer.h"
 #include "metrics/metric_factory.h"
+#include "metrics/sampler_thread.h"
 #include "support/agent_socket.h"
 #include "support/counted_allocations.h"
 #include "support/environment.h"
 #include "support/failing_new.h"
 #include "testing/test_clock.h"
+#include "tidegate/log.h"
 
 static std::atomic<int> threads_left{-1};  // until they fail; negative: they never do
 
@@ -46,6 +49,24 @@ using METRICS::MetricClient;
 using METRICS::MetricSenderType;
 using METRICS::ReturnCode;
 using METRICS::Store;
+
+TEST(ShortageTest, WithoutAThreadNoSamplerIsTaken) {
+  const auto thread = std::make_shared<METRICS::SamplerThread>(1);
+  std::vector<Sampler> samplers;
+  const auto add = [&] { samplers.push_back(thread->Add("s", [] {})); };
+  SetLogSink([&](LogLevel /*level*/, std::string_view /*line*/) { add(); });  // in the first call
+  threads_left = 0;
+  add();
+  SetLogSink(nullptr);
+  ASSERT_EQ(samplers.size(), 2u);
+  for (const Sampler& sampler : samplers) {
+    EXPECT_EQ(sampler.Error(), "there is no thread to be had");
+  }
+  threads_left = -1;
+  add();
+  EXPECT_TRUE(samplers.back());
+  thread->Stop();
+}
 
 TEST(ShortageTest, WithoutAThreadACallLeavesNothingAndTheNextOneTriesAgain) {
   const TempDir dir;

@@ -27,8 +27,8 @@ namespace tidegate {
 /// - still runs at the boundary holds up all after it: an Error line names it, once. The end of its
 ///   `Metrics` waits for it for two seconds at most, and then leaves it alone.
 /// Threads: one at a time for each handle. After a fork the child's `Init` starts a thread of its
-/// own for the same callbacks; without it a child asks none. Once its `Metrics` has ended, a
-/// callback is not called again.
+/// own for the same callbacks, also for those whose handles belong to threads that the child has
+/// not; without it a child asks none. Once its `Metrics` has ended, a callback is not called again.
 class [[nodiscard]] Sampler {
  public:
   /// Asks nobody.

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "util/fork_guard.h"
+#include "util/log_scope.h"
 #include "util/metric_log.h"
 #include "util/wait.h"
 #include "util/within_memory.h"
@@ -121,10 +122,15 @@ bool SamplerThread::IsKept(const std::string& name) const {
 }
 
 bool SamplerThread::Start() {
+  const NoCancellation uncancelled;
+  const LogScope lines;  // a sink may add a sampler
   {
     const WriteGuard guard(mutex_);
-    // Of two that start it at the same time, the later one leaves it to the other.
-    if (service_ != Service::kOn || starting_ || state_.load() != MetricState::INIT) {
+    // Of two that start it at the same time, the later one tries it if the other could not.
+    while (starting_) {
+      changed_.Wait(mutex_);
+    }
+    if (service_ != Service::kOn || state_.load() != MetricState::INIT) {
       return true;
     }
     starting_ = true;
@@ -185,6 +191,9 @@ void SamplerThread::Stop() {
     const WriteGuard guard(mutex_);
     while (starting_) {
       changed_.Wait(mutex_);
+    }
+    if (service_ == Service::kPaused) {
+      return;  // as after `AtFork`: `Resume` may come
     }
     service_ = Service::kEnded;
     if (state_.load() != MetricState::READY) {
