@@ -92,7 +92,8 @@ tidegate::Row Metrics::Row(std::string name, TagNames tags, std::vector<Field> f
 
 ErrorCounter Metrics::Errors(std::string name, TagNames tags, std::chrono::seconds period) {
   constexpr std::chrono::seconds kLongest = std::chrono::hours(24 * 365);
-  auto log = std::make_shared<METRICS::ErrorLog>(name, std::min(period, kLongest));
+  period = std::clamp(period, std::chrono::seconds(0), kLongest);
+  auto log = std::make_shared<METRICS::ErrorLog>(name, period);
   return {Counter(std::move(name), std::move(tags)), std::move(log)};
 }
 
