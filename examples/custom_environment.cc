@@ -25,7 +25,7 @@ class Settings : public tidegate::MConfigerImplBase {
   void Start() override { std::printf("settings: started\n"); }
   void Stop() override { std::printf("settings: stopped\n"); }
 
-  // Asked when the first registry of a tenant is made, also on the tenant's flush thread. It must
+  // Asked when the first registry of a tenant is made, on the tenant's flush thread. It must
   // not call the client nor wait for long.
   std::pair<bool, int> GetTenantInterval(const std::string& tenant) override {
     return {true, tenant == "examples" ? 1 : 10};

@@ -101,8 +101,8 @@ class [[nodiscard]] ScopedTimer {
   Clock::duration Elapsed() const noexcept { return Clock::now() - begin_; }
 
   /// Observes now. From then on, as after `Cancel`, the timer does nothing and answers 70. What
-  /// `Emit` answers: 0, or 70 where the tags were refused; 81 without a metric or an item, 52 for a
-  /// `BoundSeries` that is no timer, 70 for a compatible metric; 23 once the `Metrics` has ended.
+  /// `Emit` answers: 0, or 70 where the tags were refused; 81 for a null metric or item, 52 for a
+  /// `BoundSeries` that is no timer, 70 for a compatible metric; of handles what `Observe` answers.
   METRICS_API ReturnCode Stop() noexcept;
   /// The same on the series of `tags`, of which nothing is copied.
   METRICS_API ReturnCode Stop(std::initializer_list<tidegate::TagView> tags) noexcept;
