@@ -149,8 +149,8 @@ bool MetricCollectorBase::AtSeriesQuota() const {
 
 void MetricCollectorBase::CountOverflow() {
   metric_->emit_overflow_.Add(1);
-  const uint32_t now = CoarseMillis() | 1U;
   uint32_t told = overflow_told_.load(std::memory_order_relaxed);
+  const uint32_t now = CoarseMillis() | 1U;  // read after it: never before it
   if ((told == 0 || now - told >= kHourMillis) &&
       overflow_told_.compare_exchange_strong(told, now, std::memory_order_relaxed)) {
     METRICS_LOG_WARN("Metric tenant[%s] %s has its limit of %zu series: new ones go to \"%.*s\"\n",

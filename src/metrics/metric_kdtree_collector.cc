@@ -1,7 +1,5 @@
 #include "metrics/metric_kdtree_collector.h"
 
-#include <cassert>
-
 #include "codec/fnv_hash.h"
 #include "metrics/impl_parts.h"
 #include "metrics/metric_parts.h"
@@ -106,10 +104,14 @@ std::shared_ptr<MetricCollectorItem> KDTreeCollector::MakeTreeItem(
   if (item == nullptr) {
     METRICS_LOG_ERROR("Internal Error for Unknown MetricCoItemType: %d\n",
                       static_cast<int>(co_type_));
-  } else if (max_series_ != 0) {
-    SizeOf(SeriesKeys::Counts(*item)).fetch_add(1);  // it will be linked: no thread races for it
   }
   return item;
+}
+
+void KDTreeCollector::AddTreeItem(MetricCollectorItem& item) {
+  if (max_series_ != 0) {
+    SizeOf(SeriesKeys::Counts(item)).fetch_add(1);
+  }
 }
 
 void KDTreeCollector::DropTreeItem(MetricCollectorItem& item) {

@@ -37,6 +37,7 @@ class KDTreeCollector final : public MetricCollectorBase, private KDTreeItems {
  private:
   std::shared_ptr<MetricCollectorItem> MakeTreeItem(
       const std::vector<std::string>& tag_values) override;
+  void AddTreeItem(MetricCollectorItem& item) override;
   void DropTreeItem(MetricCollectorItem& item) override;
   template <class Values>
   KDTree& TreeOf(const Values& tag_values);
@@ -49,11 +50,11 @@ class KDTreeCollector final : public MetricCollectorBase, private KDTreeItems {
                                                       bool& one_too_many);
   std::shared_ptr<MetricCollectorItem> Overflow(const std::vector<std::string>& tag_values);
 
-  size_t dimension_ = 0;
-  std::vector<KDTree> trees_;
   LoggingMutex making_;  ///< held while a series is made within the limit
   std::atomic<size_t> counted_{0};
   std::atomic<size_t> uncounted_{0};
+  size_t dimension_ = 0;
+  std::vector<KDTree> trees_;  ///< they change what stands above as they die
 };
 
 }  // namespace METRICS

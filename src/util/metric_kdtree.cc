@@ -62,6 +62,7 @@ KDTree::ItemPtr KDTree::GetOrCreate(const std::vector<std::string>& tag_values) 
   }
   made->self = made;
   LinkIntoChain(made.get());
+  items_->AddTreeItem(*made->item);
   size_.fetch_add(1);
   total_->fetch_add(1);
   if (LogLevel() == 0) {
@@ -73,10 +74,8 @@ KDTree::ItemPtr KDTree::GetOrCreate(const std::vector<std::string>& tag_values) 
 
 std::shared_ptr<KDTree::TreeNode> KDTree::NewNode(
     const std::vector<std::string>& tag_values) const {
-  auto node =
-      std::make_shared<TreeNode>(tag_values);  // first: nothing fails after the item is made
-  node->item = items_->MakeTreeItem(tag_values);
-  return node->item == nullptr ? nullptr : std::move(node);
+  ItemPtr item = items_->MakeTreeItem(tag_values);
+  return item == nullptr ? nullptr : std::make_shared<TreeNode>(tag_values, std::move(item));
 }
 
 void KDTree::LinkIntoChain(TreeNode* node) {

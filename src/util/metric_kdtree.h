@@ -18,10 +18,11 @@ class MetricCollectorItem;
 /// What makes the items of a tree, and ends them.
 class KDTreeItems {
  public:
-  /// The item of a new series, which is linked unless another thread was first; null where there
-  /// is to be none.
+  /// The item of a new series; null where there is to be none.
   virtual std::shared_ptr<MetricCollectorItem> MakeTreeItem(
       const std::vector<std::string>& tag_values) = 0;
+  /// `item` has come into the tree.
+  virtual void AddTreeItem(MetricCollectorItem& item) = 0;
   /// `item` is in the tree no more.
   virtual void DropTreeItem(MetricCollectorItem& item) = 0;
 
@@ -74,10 +75,11 @@ class KDTree {
 
  private:
   struct TreeNode {
-    explicit TreeNode(const std::vector<std::string>& key) : tag_values(key) {}
+    TreeNode(const std::vector<std::string>& key, ItemPtr series)
+        : tag_values(key), item(std::move(series)) {}
 
     const std::vector<std::string> tag_values;
-    ItemPtr item;                           ///< set before the node is linked
+    const ItemPtr item;
     std::atomic<TreeNode*> left{nullptr};   ///< smaller in this level's dimension
     std::atomic<TreeNode*> right{nullptr};  ///< equal or greater
     TreeNode* next_node = nullptr;          ///< chain of all nodes, newest first
