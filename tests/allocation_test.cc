@@ -247,15 +247,18 @@ TEST(AllocationTest, AnEmissionThatThrowsShowsNoSeriesAndIsNotCounted) {
 // Each way in makes a series and its cells, and emits 1: at the first attempt that gets through,
 // and once more. What a failed attempt leaves is whole, and nothing is counted twice.
 TEST(AllocationTest, WhereOneFailsASeriesIsWholeAndHasWhatItTookAndNoMore) {
-  for (const uint32_t mode : {0u, 1u, 2u}) {  // tags encoded at the flush, at creation, in trees
-    TestClient client(ReportTo("/tmp/nobody.listens", kNeverDue, mode == 1));
-    client->collector_factory_->collector_kind_ = mode / 2;
+  // Tags encoded at the flush, at creation, in trees; and then with series that overflow.
+  for (uint32_t mode = 0; mode < 6; ++mode) {
+    TestClient client(ReportTo("/tmp/nobody.listens", kNeverDue, mode % 3 == 1));
+    client->collector_factory_->collector_kind_ = mode % 3 / 2;
+    const uint64_t limit = mode / 3;  // reached by one series
     HistoUtilBase bounds({0, 10});
     MetricRegistry& registry = *client.Registry("p");
     const auto make = [&](int kind, const char* name, const std::vector<MetricFieldCfg>& fields) {
       METRICS::Metric* metric = nullptr;
-      registry.CreateMetric(metric, {static_cast<MetricCoItemType>(kind),
-                                     {name, {"a"}, {}, fields, kind == 1 ? &bounds : nullptr}});
+      registry.CreateMetric(metric,
+                            {static_cast<MetricCoItemType>(kind),
+                             {name, {"a"}, {}, fields, kind == 1 ? &bounds : nullptr, limit}});
       return metric;
     };
     METRICS::Metric& metric = *make(1, "m", {});
@@ -299,10 +302,18 @@ TEST(AllocationTest, WhereOneFailsASeriesIsWholeAndHasWhatItTookAndNoMore) {
         {"compatible", compatible, [&](Of of) { compatible.CEmit(1, pair_of(of)); }, ""},
         {"handle", metric, [&](Of of) { bind_and_emit(of, count); }, "counter"},
         {"handle on a timer", metric, [&](Of of) { bind_and_emit(of, sample); }, ""}};
+    const auto item_of = [&](METRICS::Metric& of, const std::string& value) {
+      return &of == &compatible ? compatible.impl_->WithCompatibleTags({"a", value})
+                                : of.WithTags(tags(value));
+    };
     for (const auto& way : ways) {
       SCOPED_TRACE(std::string(way.name) + " in mode " + std::to_string(mode));
       // Long, so that it is allocated.
       const std::string of = std::string(40, 'v') + std::to_string(&way - ways);
+      if (limit != 0) {
+        way.metric.impl_->ClearCollector();
+        item_of(way.metric, "0");
+      }
       bool done = false;
       long left = 0;
       for (; !done && left < 1000; ++left) {
@@ -316,8 +327,8 @@ TEST(AllocationTest, WhereOneFailsASeriesIsWholeAndHasWhatItTookAndNoMore) {
       EXPECT_TRUE(done && left > 3) << left;
       way.emit(of);
       bound = BoundSeries();
-      const auto item = &way.metric == &compatible ? compatible.impl_->WithCompatibleTags({"a", of})
-                                                   : way.metric.WithTags(tags(of));
+      const auto item = item_of(way.metric, of);
+      EXPECT_EQ(limit == 0, item->values().ToVector().back() == of);
       EXPECT_FALSE(item->IsHeld());
       const CellPtr cell = way.cell.empty() ? item->Data() : item->Fields().at(way.cell);
       const std::vector<double> values = cell->Send(1).values;
