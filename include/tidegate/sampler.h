@@ -18,9 +18,9 @@ namespace tidegate {
 ///
 /// The callbacks of one `Metrics` are asked one after the other on a thread of it, shortly before
 /// each boundary: a tenth of the interval before it, and a second at most. They are asked once more
-/// before the last flush. A callback may emit, and make and end samplers, itself included. It must
-/// not wait for another sampler's callback, and what it uses must outlive the handle.
-/// A callback that
+/// before the last flush. A callback may emit, and make and end samplers, itself included; its
+/// first call may come before its `Sample` has returned. It must not wait for another sampler's
+/// callback, and what it uses must outlive the handle. A callback that
 /// - throws gives no number in that interval, is counted, and told by an Error line at most once a
 ///   minute;
 /// - takes longer than a tenth of the interval is told once, by a Warn line;
