@@ -8,6 +8,7 @@
 #include "support/counted_allocations.h"
 #include "support/environment.h"
 #include "support/failing_new.h"
+#include "tidegate/service_metrics.h"
 #include "util/log_sink.h"
 #include "util/metric_lock.h"
 #include "util/metric_log.h"
@@ -103,12 +104,16 @@ TEST(LogSinkTest, EachLineGoesToOneSinkWhichIsLeftBeforeTheNextIsSet) {
   set_next();
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&running] {
+    threads.emplace_back([&running, i] {
+      if (i % 2 == 0) MarkLibraryThread();
       for (int line = 0; line < kEach; ++line) METRICS_LOG_ERROR("%d\n", line);
       --running;
     });
   }
-  while (running != 0) set_next();
+  while (running != 0) {
+    set_next();
+    const ThreadsEndLogScope end;
+  }
   for (std::thread& thread : threads) thread.join();
   SetLogSink(nullptr);
   EXPECT_TRUE(lines == kThreads * kEach && to_the_dead == 0 && sinks > 1) << lines;
@@ -218,8 +223,13 @@ TEST(LogSinkTest, TheEndOfAClientWaitsForASinkOnItsThreads) {
   tidegate::test::TestClient client(options);
   client.Metric("m")->Emit({}, Store(1));
   std::atomic<bool> in_sink{false}, ending{false}, through{false};
+  tidegate::Options for_sink;
+  for_sink.service = "sink";
+  for_sink.log_level = Level::kWarn;
+  std::unique_ptr<tidegate::Metrics> made_in_sink;
   SetLogSink([&](Level, Text text) {
     if (text.find("try to reconnect") == Text::npos || in_sink.exchange(true)) return;
+    made_in_sink = std::make_unique<tidegate::Metrics>(for_sink);
     WaitFor([&] { return ending.load(); });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));  // until the end is under way
     client->DebugString();  // waits for a lock that the end holds while it joins threads
@@ -228,7 +238,7 @@ TEST(LogSinkTest, TheEndOfAClientWaitsForASinkOnItsThreads) {
   EXPECT_TRUE(WaitFor([&] { return in_sink.load(); }));
   ending = true;
   client->FlushAndExit();
-  EXPECT_TRUE(through);
+  EXPECT_TRUE(through && *made_in_sink);
   SetLogSink(nullptr);
 }
 

@@ -198,8 +198,7 @@ OwnedSeriesSlot::~OwnedSeriesSlot() {
 }
 
 void ServiceCore::Start() {
-  NoMetric(), NotInService();      // one-time initialisations, which no fork may interrupt
-  const ThreadsEndLogScope lines;  // of a client that cannot start
+  NoMetric(), NotInService();  // one-time initialisations, which no fork may interrupt
   const WriteGuard guard(mutex_);
   g_metricsLogLevel.store(static_cast<uint8_t>(options_.log_level), std::memory_order_relaxed);
   StartClient();

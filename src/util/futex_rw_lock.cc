@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 
 namespace METRICS {
@@ -15,7 +16,9 @@ void FutexRwLock::Sleep(uint32_t others) {
        !state_.compare_exchange_strong(state, state | kAsleep, std::memory_order_relaxed))) {
     return;
   }
+  const int saved = errno;  // an emission is often one of the first things after a failed call
   ::syscall(SYS_futex, &state_, FUTEX_WAIT_PRIVATE, state | kAsleep, nullptr, nullptr, 0);
+  errno = saved;
 }
 
 void FutexRwLock::WakeAll() {

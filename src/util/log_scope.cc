@@ -47,15 +47,17 @@ WaitingLine* MakeLine(tidegate::LogLevel level, size_t prefix_bytes, const char*
 
 void Print(WaitingLine& line) { std::fwrite(line.Text(), 1, line.bytes, stdout); }
 
-void GiveToSink(WaitingLine& line) {
-  std::string_view text(line.Text(), line.bytes);
-  text.remove_prefix(line.prefix_bytes);
+/// Frees it, too.
+void GiveToSink(WaitingLine* line) {
+  std::string_view text(line->Text(), line->bytes);
+  text.remove_prefix(line->prefix_bytes);
   if (!text.empty() && text.back() == '\n') {
     text.remove_suffix(1);
   }
-  if (!CallLogSink(line.level, text)) {
-    Print(line);
+  if (!CallLogSink(line->level, text)) {
+    Print(*line);
   }
+  ::operator delete(line);
 }
 
 /// Leaves a line to the thread that ends this one.
@@ -71,18 +73,30 @@ void LeaveLate(WaitingLine* line) {
   }
 }
 
-void DeliverOne(WaitingLine* line) {
-  if (is_library_thread) {
-    const ProcessCount::Stay stay(library_threads_in_sink);
-    if (ends_of_threads.Get() != 0) {  // read after the count, as the other way round at an end
-      LeaveLate(line);
-      return;
-    }
-    GiveToSink(*line);
-  } else {
-    GiveToSink(*line);
+/// What was left, the oldest line first.
+WaitingLine* TakeLate() {
+  WaitingLine* newest = late_lines.exchange(nullptr);
+  WaitingLine* oldest = nullptr;
+  while (newest != nullptr) {
+    late_bytes.fetch_sub(newest->bytes);
+    WaitingLine* const next = std::exchange(newest->next, oldest);
+    oldest = std::exchange(newest, next);
   }
-  ::operator delete(line);
+  return oldest;
+}
+
+void DeliverOnLibraryThread(WaitingLine* line) {
+  const ProcessCount::Stay stay(library_threads_in_sink);
+  if (ends_of_threads.Get() == 0) {  // read after the count, as the other way round at an end
+    GiveToSink(line);
+    return;
+  }
+  LeaveLate(line);
+  if (ends_of_threads.Get() == 0) {  // nobody may come for it any more
+    for (line = TakeLate(); line != nullptr;) {
+      GiveToSink(std::exchange(line, line->next));
+    }
+  }
 }
 
 }  // namespace
@@ -99,27 +113,26 @@ void WaitingLines::Append(WaitingLine* line) {
 void LogScope::Deliver(WaitingLine* first) noexcept {
   const NoCancellation no_cancellation;
   while (first != nullptr) {
-    DeliverOne(std::exchange(first, first->next));
+    WaitingLine* const line = std::exchange(first, first->next);
+    if (is_library_thread) {
+      DeliverOnLibraryThread(line);
+    } else {
+      GiveToSink(line);
+    }
   }
 }
 
 ThreadsEndLogScope::ThreadsEndLogScope() {
-  assert(!is_library_thread || !InLogSink());
   end_.emplace(ends_of_threads);
-  WaitUntil([] { return library_threads_in_sink.Get() == 0; });
+  if (!InLogSink()) {  // else other calls of the sink may wait for this one
+    WaitUntil([] { return library_threads_in_sink.Get() == 0; });
+  }
 }
 
 ThreadsEndLogScope::~ThreadsEndLogScope() {
   end_.reset();
-  WaitingLine* newest = late_lines.exchange(nullptr);
-  WaitingLine* oldest = nullptr;
-  while (newest != nullptr) {
-    WaitingLine* const next = std::exchange(newest->next, oldest);
-    oldest = std::exchange(newest, next);
-  }
-  while (oldest != nullptr) {
-    late_bytes.fetch_sub(oldest->bytes);
-    Lines().Append(std::exchange(oldest, oldest->next));
+  for (WaitingLine* line = TakeLate(); line != nullptr;) {
+    Lines().Append(std::exchange(line, line->next));
   }
 }
 

@@ -68,8 +68,8 @@ class LogScope {
 };
 
 /// A scope in which threads of the library end. As a sink on one of them may wait for what this
-/// thread holds, none is called there meanwhile; what they write is delivered by this scope.
-/// REQUIRES: this thread is none of them.
+/// thread holds, none is called there meanwhile; what they write is delivered by this scope. In a
+/// sink it does not wait for the sinks that are running. REQUIRES: this thread is none of them.
 class ThreadsEndLogScope : private LogScope {
  public:
   ThreadsEndLogScope();

@@ -57,7 +57,7 @@ class KDTree {
   /// The item of a known series, or null. `Values` is any list that gives its texts by index.
   template <class Values>
   ItemPtr Find(const Values& tag_values) {
-    const ReadGuard guard(rwlock_);
+    const ReadGuard<RwLock> guard(rwlock_);  // an emission's, and writes no lines
     size_t depth = 0;
     std::atomic<TreeNode*>* slot = &root_;
     const TreeNode* const found = Descend(slot, depth, tag_values);
