@@ -244,6 +244,23 @@ TEST(AllocationTest, AnEmissionThatThrowsShowsNoSeriesAndIsNotCounted) {
   EXPECT_EQ(metric.emit_success_, accepted);
 }
 
+TEST(AllocationTest, WhereOneFailsTheFacadeGoesOnAndEnds) {
+  auto metrics = std::make_unique<Metrics>("shop");
+  Counter counter;
+  BoundCounter bound;
+  const std::function<void()> ways[] = {[&] { counter = metrics->Counter("n", {"a"}); },
+                                        [&] {
+                                          bound = counter.With({{"a", "b"}});
+                                        },
+                                        [&] { metrics->Block(), metrics->UnBlock(); }};
+  for (const auto& way : ways) {
+    for (long left = 0; !Manages(left, way); ++left) ASSERT_LT(left, 200);
+  }
+  EXPECT_EQ(bound.Add(1), ReturnCode::kOk);
+  metrics->Stop();
+  EXPECT_TRUE(Manages(0, [&] { metrics.reset(); }));
+}
+
 // Each way in makes a series and its cells, and emits 1: at the first attempt that gets through,
 // and once more. What a failed attempt leaves is whole, and nothing is counted twice.
 TEST(AllocationTest, WhereOneFailsASeriesIsWholeAndHasWhatItTookAndNoMore) {

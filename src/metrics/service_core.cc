@@ -483,12 +483,16 @@ void ServiceCore::Stop() {
 }
 
 void ServiceCore::LetSlotsGo() {
-  std::vector<std::shared_ptr<OwnedMetricSlot>> slots;  // die after the guard
-  const WriteGuard guard(mutex_);
-  for (OwnedMetricSlot* slot = metrics_.exchange(nullptr); slot != nullptr;
-       slot = slot->next.load()) {
-    slots.push_back(std::move(slot->owned));
-  }
+  std::shared_ptr<OwnedMetricSlot> slot;  // dies outside of the guard
+  do {
+    slot.reset();
+    const WriteGuard guard(mutex_);
+    OwnedMetricSlot* const first = metrics_.load();
+    if (first != nullptr) {
+      metrics_.store(first->next.load());
+      slot = std::move(first->owned);
+    }
+  } while (slot != nullptr);
 }
 
 ReturnCode ServiceCore::Block() {
