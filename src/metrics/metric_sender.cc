@@ -50,17 +50,20 @@ void MetricSender::Send(std::string tenant) {
     METRICS_LOG_WARN("Sender[%s] start fialed, internal error with nullptr.\n", tenant.c_str());
     return;
   }
-  FetchTenantInterval(tenant);
-  // A registry that is made from here on asks for itself.
-  interval_known_.store(true);
-  RunWithinMemory(tenant.c_str(), "a check of intervals",
-                  [&] { client_->sender_reports_->WarnOfIntervals(tenant, interval_.load()); });
+  if (FetchTenantInterval(tenant)) {
+    // A registry that is made from here on asks for itself.
+    interval_known_.store(true);
+    RunWithinMemory(tenant.c_str(), "a check of intervals",
+                    [&] { client_->sender_reports_->WarnOfIntervals(tenant, interval_.load()); });
+  }
   FlushAtBoundaries(tenant, last_flush_ts_, [this] { return DoPackAndSend(); });
 }
 
-void MetricSender::FetchTenantInterval(const std::string& tenant) {
-  for (int attempt = 0; attempt < kIntervalTries && state_.load() != MetricState::SHUTDOWN;
-       ++attempt) {
+bool MetricSender::FetchTenantInterval(const std::string& tenant) {
+  for (int attempt = 0; attempt < kIntervalTries; ++attempt) {
+    if (state_.load() == MetricState::SHUTDOWN) {
+      return false;
+    }
     std::pair<bool, int> answer{false, 0};
     RunWithinMemory(tenant.c_str(), "a question for the interval",
                     [&] { answer = client_->configer_->impl_->GetTenantInterval(tenant); });
@@ -68,9 +71,10 @@ void MetricSender::FetchTenantInterval(const std::string& tenant) {
       interval_.exchange(answer.second);
       METRICS_LOG_INFO("tenant config interval: tenant= %s, interval= %d\n", tenant.c_str(),
                        answer.second);
-      return;
+      return true;
     }
   }
+  return true;
 }
 
 bool MetricSender::DoPackAndSend() {

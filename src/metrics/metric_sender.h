@@ -74,7 +74,8 @@ class MetricSender : public FlushThread,
   void ForgetParent();
 
  private:
-  void FetchTenantInterval(const std::string& tenant);
+  /// False if the sender was stopped before.
+  bool FetchTenantInterval(const std::string& tenant);
   void Flush();
   void FlushRest();
   /// Stops the thread, or abandons it where it does not exist, with what it was changing.
