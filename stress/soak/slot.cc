@@ -26,7 +26,7 @@ Slot::Slot(Stage stage, std::string tenant, std::string prefix)
     : stage_(std::move(stage)), tenant_(std::move(tenant)), prefix_(std::move(prefix)) {}
 
 void Slot::Emit(Random& random) {
-  const METRICS::ReadGuard guard(gate_);
+  const std::shared_lock guard(gate_);
   if (open_) {
     channel_->Emit(random);
   }
@@ -97,14 +97,14 @@ void Slot::Open(Random& random, Shape shape) {
 
 void Slot::Enter(Random& random) {
   channel_->Bind();  // to hidden series, too
-  const METRICS::WriteGuard guard(gate_);
+  const std::lock_guard guard(gate_);
   open_ = true;
   step_ = Step::kOpen;
   until_ = Clock::now() + milliseconds(Between(random, 50, 2500));
 }
 
 void Slot::Leave() {
-  const METRICS::WriteGuard guard(gate_);
+  const std::lock_guard guard(gate_);
   open_ = false;
   channel_->LetGo();
   const int64_t emissions = channel_->emissions();

@@ -4,13 +4,13 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <shared_mutex>
 #include <string>
 
 #include "metrics/metric_client.h"
 #include "soak/channel.h"
 #include "soak/ledger.h"
 #include "support/report.h"
-#include "util/metric_lock.h"
 
 namespace tidegate::stress {
 
@@ -72,8 +72,10 @@ class Slot {
   const std::string tenant_;
   const std::string prefix_;
 
-  METRICS::RwLock gate_;  // emitters share it; to open or leave takes it alone
-  bool open_ METRICS_GUARDED_BY(gate_) = false;
+  // Emitters share it; to open or leave takes it alone. Not a lock of the library, which looks that
+  // none is held where it hands out lines of the log.
+  std::shared_mutex gate_;
+  bool open_ = false;  // guarded by the gate
 
   // Changed while nobody emits.
   METRICS::Metric* metric_ = nullptr;
