@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <ctime>
 #include <deque>
 #include <memory>
 #include <optional>
@@ -114,6 +115,15 @@ class FacadeTest : public testing::Test {
   const TempDir folder_;
   AgentSocket agent_{folder_.File("s")};
 };
+
+TEST_F(FacadeTest, AShortLifeEndsAtTheNextBoundaryOfItsInterval) {
+  constexpr int kLives = 30;
+  for (int i = 0; i < kLives; ++i) Metrics(ForShop()).Gauge("load").Set(1);
+  agent_.Stop();
+  const std::vector<Point> points = agent_.Points();
+  EXPECT_EQ(points.size(), kLives);
+  for (const Point& point : points) EXPECT_LE(point.timestamp, std::time(nullptr) + 10);
+}
 
 TEST_F(FacadeTest, EachKindArrivesUnderTheNameOfItsMetric) {
   Options options = ForShop();

@@ -6,12 +6,14 @@
 #include <csignal>
 #include <utility>
 
+#include "metrics/metric_sender_manager.h"
 #include "metrics/service_options.h"
 #include "tidegate/static_configer.h"
 #include "tidegate/static_vendor.h"
 #include "util/fork_guard.h"
 #include "util/log_scope.h"
 #include "util/metric_log.h"
+#include "util/wait.h"
 
 namespace METRICS {
 namespace {
@@ -466,6 +468,15 @@ bool ServiceCore::Init() {
   return InService();
 }
 
+void ServiceCore::AwaitInterval() const {
+  constexpr uint32_t kMostTurns = 4000;  // less than a second
+  for (uint32_t turn = 0; turn < kMostTurns && client_.sender_manager_ != nullptr &&
+                          client_.sender_manager_->KnownInterval(options_.tenant) == 0;
+       ++turn) {
+    PauseInWait(turn);
+  }
+}
+
 void ServiceCore::Stop() {
   if (InOtherProcess()) {
     AtFork();
@@ -479,6 +490,7 @@ void ServiceCore::Stop() {
     state_.store(State::kEnded, std::memory_order_release);
     CloseSlots();
   }
+  AwaitInterval();
   client_.FlushAndExit();
 }
 

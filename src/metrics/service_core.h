@@ -116,6 +116,9 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   /// Makes and binds what is listed and is not.
   void MakeMissing(bool with_reasons) METRICS_REQUIRES(mutex_);
   void CloseSlots();
+  /// A sender that is stopped before it has asked for its interval takes 30 seconds, and the last
+  /// points would carry a time that is to come.
+  void AwaitInterval() const;
   const std::string& Prefix() const {
     return options_.prefix.empty() ? options_.service : options_.prefix;
   }
