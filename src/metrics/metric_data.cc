@@ -9,13 +9,30 @@ namespace METRICS {
 
 const double MetricBasicData::d_nan_ = std::numeric_limits<double>::quiet_NaN();
 
-// Never destroyed: a flush may still run while the process exits.
-const SendRes& SingleFieldMetricBasicData::no_flush_res_ = *new SendRes{false, {}, 0.0, 1};
-const SendRes& MetricMeter::no_flush_res_ = *new SendRes{false, {}, 0.0, kMetricMeterArraySize};
-const SendRes& MetricDeltaCounter::no_flush_res_ =
-    *new SendRes{false, {}, 0.0, kMetricDeltaCounterArrSize};
-const SendRes& MetricSummaryData::no_flush_res_ =
-    *new SendRes{false, {}, 0.0, kMetricSummaryArraySize};
+namespace {
+
+/// Made before the static objects of a service, which may already flush, and never destroyed: a
+/// flush may still run while the process exits.
+struct NoFlush {
+  explicit NoFlush(uint32_t size) : result{false, {}, 0.0, size} {}
+  NoFlush(const NoFlush&) = delete;
+  NoFlush& operator=(const NoFlush&) = delete;
+  ~NoFlush() {}
+  union {
+    SendRes result;
+  };
+};
+__attribute__((init_priority(101))) const NoFlush g_no_number(1);
+__attribute__((init_priority(101))) const NoFlush g_no_meter(kMetricMeterArraySize);
+__attribute__((init_priority(101))) const NoFlush g_no_delta_counter(kMetricDeltaCounterArrSize);
+__attribute__((init_priority(101))) const NoFlush g_no_summary(kMetricSummaryArraySize);
+
+}  // namespace
+
+const SendRes& SingleFieldMetricBasicData::no_flush_res_ = g_no_number.result;
+const SendRes& MetricMeter::no_flush_res_ = g_no_meter.result;
+const SendRes& MetricDeltaCounter::no_flush_res_ = g_no_delta_counter.result;
+const SendRes& MetricSummaryData::no_flush_res_ = g_no_summary.result;
 
 // An emission waits for one line of memory: a cell is made at the start of one, with the counts of
 // its owners before it.
