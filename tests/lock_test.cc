@@ -116,10 +116,10 @@ long NapsOfThisThread() {
 }
 
 TEST(WaitTest, NapsSoThatAThreadOfAnyPriorityGivesUpTheProcessor) {
-  const long before = NapsOfThisThread();
-  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
-  WaitUntil([end] { return std::chrono::steady_clock::now() >= end; });
-  EXPECT_GT(NapsOfThisThread(), before + 20);
+  const long wanted = NapsOfThisThread() + 20;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  WaitUntil([&] { return NapsOfThisThread() > wanted || std::chrono::steady_clock::now() >= end; });
+  EXPECT_GT(NapsOfThisThread(), wanted);
 }
 
 TEST(WaitTest, AWriterThatIsCancelledWhileItWaitsForAReaderLeavesTheLockWhole) {
