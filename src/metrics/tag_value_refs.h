@@ -17,11 +17,11 @@ namespace METRICS {
 /// The hash of a list of tag values, which may be any that gives its texts by index.
 template <class Values>
 uint64_t HashTagValues(const Values& values) {
-  uint64_t hash = 0;
+  uint64_t product = 0;
   for (size_t i = 0; i < values.size(); ++i) {
-    hash = HashNext(hash, values[i]);
+    product = ListProduct(product, values[i]);
   }
-  return hash;
+  return MixedHash(product);
 }
 
 /// A vector of tag values that is not made: the strings stand where the caller has them.

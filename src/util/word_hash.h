@@ -27,11 +27,11 @@ inline uint64_t FoldedProduct(uint64_t a, uint64_t b) {
   return static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64);
 }
 
-/// 64-bit hash of a text, by two words for a multiplication; the last two words overlap the ones
+/// A number for a text, by two words for a multiplication; the last two words overlap the ones
 /// before (Wang Yi et al., "Modern Non-Cryptographic Hash Function and Pseudorandom Number
-/// Generator", the fold of "wyhash"). Differs from process to process. Each bit is as good as any
-/// other.
-inline uint64_t HashText(std::string_view text) {
+/// Generator", the fold of "wyhash"). Differs from process to process. Short texts that are much
+/// alike differ in some of its bits only: for `MixedHash`.
+inline uint64_t TextProduct(std::string_view text) {
   const HashSeed& seed = g_hash_seed;
   const char* from = text.data();
   size_t left = text.size();
@@ -59,10 +59,16 @@ inline uint64_t HashText(std::string_view text) {
   return FoldedProduct(first ^ seed.last, second ^ state);
 }
 
-/// The hash of a list so far, with one more text. Those of the texts do not wait for each other,
-/// and the lists {"ab", "c"} and {"a", "bc"} differ.
-inline uint64_t HashNext(uint64_t list, std::string_view text) {
-  return list * kHashFactor + HashText(text);
+/// The product of a list so far, with one more text. Those of the texts do not wait for each other,
+/// and the lists {"ab", "c"} and {"a", "bc"} differ. For `MixedHash`.
+inline uint64_t ListProduct(uint64_t list, std::string_view text) {
+  return list * kHashFactor + TextProduct(text);
 }
+
+/// The hash of a text or a list, of its product: each bit is as good as any other.
+inline uint64_t MixedHash(uint64_t product) { return FoldedProduct(product, kHashFactor); }
+
+/// 64-bit hash of a text.
+inline uint64_t HashText(std::string_view text) { return MixedHash(TextProduct(text)); }
 
 }  // namespace METRICS
