@@ -17,6 +17,7 @@
 #include "agent/forwarder.h"
 #include "agent/line_protocol.h"
 #include "agent/partial_write.h"
+#include "agent/settings_sections.h"
 #include "agent/unique_fd.h"
 #include "support/loopback_server.h"
 #include "util/metric_lock.h"
@@ -124,6 +125,46 @@ TEST(ForwardUrlTest, TakesUrlsApart) {
     EXPECT_FALSE(ParseForwardUrl(bad, &url, &error)) << bad;
     EXPECT_THAT(error, HasSubstr("is no name or address of a host"));
   }
+}
+
+TEST(SettingsSectionsTest, AreTakenOutWithTheirLinesAndRefusedWithThem) {
+  std::string text =
+      "ttl = 5\n [rule.a-1] # one\nx = a # b#c\n\n  tag=[ 'k=\\' , # first\n\"q\\\"]#\" ,]\nx=2\n"
+      "[rule.b]\nurl = http://h/#p";
+  const std::vector<SettingsSection> sections = TakeSections("f", {"rule"}, {"ttl"}, &text);
+  ASSERT_EQ(sections.size(), 2U);
+  const SettingsSection& first = sections[0];
+  EXPECT_EQ(first.name + std::to_string(first.line), "a-12");
+  EXPECT_THAT(first.Texts("x"), ElementsAre("a", "2"));
+  EXPECT_THAT(first.Texts("tag"), ElementsAre("k=\\", "q\"]#"));
+  EXPECT_EQ(first.LineOf("tag"), 5U);
+  EXPECT_EQ(sections[1].Text("url"), "http://h/#p");
+  EXPECT_THAT(text, testing::ContainsRegex("^ttl = 5\n +\n +\n\n +\n +\n +\n +\n +$"));
+
+  const std::pair<const char*, const char*> kCases[] = {
+      {"[rule]\n", "f:1: \"[rule.]\" has no good name"},
+      {"\n[roule.a]\n", "f:2: there is no setting \"[roule.a]\", the nearest is \"[rule.NAME]\""},
+      {"[rule.a b]\n", "f:1: \"[rule.a b]\" has no good name"},
+      {"[rule.a]\n[rule.b]\n[rule.a]\n", "f:3: \"[rule.a]\" is in line 1 already"},
+      {"[rule.a]\n\nsecret\nx = 1", "f:3: this is no setting"},
+      {"[rule.a]\nx =\ny = 1", "f:2: a value is missing"},
+      {"[rule.a]\nx = 'a' b", "f:2: there is something after the value"},
+      {"[rule.a]\nx = \"a\\n\"", "f:2: in double quotes a backslash"},
+      {"[rule.a]\nx = \"a\n\"", "f:2: a text lacks the quote"},
+      {"[rule.a]\nx = [a,\nb", "f:3: a list lacks its ]"},
+      {"[rule.a]\nx = ['a' b]", "f:2: the values of a list are parted by commas"},
+  };
+  for (auto [bad, error] : kCases) {
+    std::string given = bad;
+    try {
+      TakeSections("f", {"rule"}, {"ttl"}, &given);
+      ADD_FAILURE() << bad;
+    } catch (const SettingsError& failure) {
+      EXPECT_THAT(failure.what(), testing::StartsWith(error));
+    }
+  }
+  EXPECT_THROW(static_cast<void>(first.Text("x")), SettingsError);
+  EXPECT_THROW(first.CheckKeys({"x"}), SettingsError);
 }
 
 // A server on loopback that keeps what is posted and answers as told.

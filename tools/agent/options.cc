@@ -5,16 +5,16 @@
 #include <cstdint>
 #include <iterator>
 #include <memory>
-#include <numeric>
 #include <sstream>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "agent/forward_flags.h"
 #include "agent/http_server.h"
+#include "agent/nearest_name.h"
 #include "agent/packet_listener.h"
+#include "agent/settings_sections.h"
 
 namespace tidegate::agent {
 namespace {
@@ -51,34 +51,14 @@ std::string CheckAddress(const std::string& text) {
          "\" is no address, give HOST:PORT as 127.0.0.1:9464, or :9464 for all addresses";
 }
 
-// How many letters have to be put in, taken out or exchanged.
-size_t Distance(std::string_view one, std::string_view other) {
-  std::vector<size_t> row(other.size() + 1);
-  std::iota(row.begin(), row.end(), size_t{0});
-  for (size_t i = 0; i < one.size(); ++i) {
-    size_t diagonal = std::exchange(row[0], i + 1);
-    for (size_t j = 0; j < other.size(); ++j) {
-      const size_t exchanged = diagonal + (one[i] == other[j] ? 0 : 1);
-      diagonal = row[j + 1];
-      row[j + 1] = std::min({exchanged, row[j] + 1, diagonal + 1});
-    }
-  }
-  return row.back();
-}
-
-std::string NearestName(const CLI::App& app, const std::string& key) {
-  std::string nearest;
-  size_t least = SIZE_MAX;
+// Those that the file may have.
+std::vector<std::string> SettingNames(const CLI::App& app) {
+  std::vector<std::string> names;
   for (const CLI::Option* option : app.get_options()) {
     if (!option->get_configurable()) continue;  // as --help
-    for (const std::string& name : option->get_lnames()) {
-      const size_t distance = Distance(key, name);
-      if (distance >= least) continue;
-      least = distance;
-      nearest = name;
-    }
+    for (const std::string& name : option->get_lnames()) names.push_back(name);
   }
-  return nearest;
+  return names;
 }
 
 // The number of the line that sets `key`; 0 if there is none.
@@ -91,32 +71,33 @@ size_t LineOf(const std::string& text, const std::string& key) {
   return 0;
 }
 
-// As the parser's own, but says where an unknown setting stands.
+// As the parser's own, but says where an unknown setting stands, and takes sections.
 class SettingsFile : public CLI::ConfigTOML {
  public:
-  explicit SettingsFile(const CLI::App* app) : app_(app) {}
+  // Fills in `sections` when the file is read.
+  SettingsFile(const CLI::App* app, std::vector<SettingsSection>* sections)
+      : app_(app), sections_(sections) {}
 
   std::vector<CLI::ConfigItem> from_config(std::istream& input) const override {
-    const std::string text(std::istreambuf_iterator<char>(input), {});
+    const auto file = app_->get_config_ptr()->as<std::string>();
+    std::string text(std::istreambuf_iterator<char>(input), {});
+    const std::vector<std::string> names = SettingNames(*app_);
+    *sections_ = TakeSections(file, {"destination", "rule"}, names, &text);
     std::istringstream again(text);
     std::vector<CLI::ConfigItem> settings = CLI::ConfigTOML::from_config(again);
     for (const CLI::ConfigItem& item : settings) {
-      // The parser has an item of its own for the line of a section.
-      const bool section = item.name == "++" && !item.parents.empty();
-      const std::string key =
-          section ? '[' + CLI::detail::join(item.parents, ".") + ']' : item.fullname();
+      const std::string key = item.fullname();
       if (app_->get_option_no_throw("--" + key) != nullptr) continue;
       const size_t line = LineOf(text, key);
-      throw CLI::ConfigError(app_->get_config_ptr()->as<std::string>() +
-                             (line > 0 ? ':' + std::to_string(line) : "") +
-                             ": there is no setting \"" + key + "\", the nearest is \"" +
-                             NearestName(*app_, key) + '"');
+      throw CLI::ConfigError(file + (line > 0 ? ':' + std::to_string(line) : "") + ": " +
+                             NoSuchSetting(key, names));
     }
     return settings;
   }
 
  private:
   const CLI::App* const app_;
+  std::vector<SettingsSection>* const sections_;
 };
 
 // Memory sizes: plain bytes, or with a unit as 64MiB.
@@ -139,7 +120,7 @@ void Declare(CLI::App* app, Raw* raw) {
   app->set_config("--config", "", "File with settings, by the same names: ttl = 60")
       ->type_name("FILE");
   app->allow_config_extras(CLI::config_extras_mode::error);
-  app->config_formatter(std::make_shared<SettingsFile>(app));
+  app->config_formatter(std::make_shared<SettingsFile>(app, &raw->options.sections));
   app->add_option("--socket", options.socket, "Path of the socket to listen on")
       ->check(PacketListener::CheckPath)
       ->type_name("PATH")
@@ -213,6 +194,11 @@ std::map<std::string, std::string> TextsOf(const CLI::App& app) {
   return texts;
 }
 
+OptionsError BadSettings(std::string text) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  return {kBadFlag, text + "; see --help"};
+}
+
 }  // namespace
 
 std::optional<Options> ParseOptions(int argc, const char* const* argv, OptionsError* error) {
@@ -241,13 +227,12 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, OptionsEr
       app.exit(failure);  // prints what was asked for
       return std::nullopt;
     }
-    error->exit_code = kBadFlag;
     const bool in_file = dynamic_cast<const CLI::ConfigError*>(&failure) != nullptr;
-    error->text = (in_file ? "--config: " : "") + std::string(failure.what());
-    std::replace(error->text.begin(), error->text.end(), '\n', ' ');
-    error->text += "; see --help";
-    return std::nullopt;
+    *error = BadSettings((in_file ? "--config: " : "") + std::string(failure.what()));
+  } catch (const SettingsError& failure) {
+    *error = BadSettings("--config: " + std::string(failure.what()));
   }
+  return std::nullopt;
 }
 
 }  // namespace tidegate::agent

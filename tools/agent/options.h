@@ -7,11 +7,13 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "agent/forwarder.h"
 #include "agent/merge_rules.h"
 #include "agent/packet_log.h"
 #include "agent/point_mapping.h"
+#include "agent/settings_sections.h"
 
 namespace tidegate::agent {
 
@@ -19,6 +21,7 @@ namespace tidegate::agent {
 struct Options {
   // All of them by name, as they were given or are by default.
   std::map<std::string, std::string> texts;
+  std::vector<SettingsSection> sections;  // of the file, in its order
   std::string socket = "/opt/tmp/sock/metric_seqpacket.sock";
   mode_t socket_mode = 0666;
   bool take_over = false;
