@@ -15,6 +15,7 @@
 
 #include "agent/forward_url.h"
 #include "agent/forwarder.h"
+#include "agent/influx_format.h"
 #include "agent/line_protocol.h"
 #include "agent/partial_write.h"
 #include "agent/settings_sections.h"
@@ -229,11 +230,14 @@ class ForwarderTest : public testing::Test {
     options.host = "h";
     return options;
   }
-  void Make(const ForwardOptions& options) {
-    forwarder_ = std::make_unique<Forwarder>(options, &health_, [this](const std::string& line) {
-      const METRICS::WriteGuard guard(mutex_);
-      log_.push_back(line);
-    });
+  void Make(
+      const ForwardOptions& options,
+      std::unique_ptr<PointFormat> format = std::make_unique<InfluxFormat>(ProcessLabel::kNone)) {
+    forwarder_ = std::make_unique<Forwarder>(options, std::move(format), &health_,
+                                             [this](const std::string& line) {
+                                               const METRICS::WriteGuard guard(mutex_);
+                                               log_.push_back(line);
+                                             });
   }
   void Handle(double value, const std::string& name = "m") {
     HandleBlock(MakeBlock(1, name, {}, {{0, {}, {}, {value}}}));

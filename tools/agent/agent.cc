@@ -14,6 +14,7 @@
 #include <thread>
 #include <utility>
 
+#include "agent/influx_format.h"
 #include "agent/slot_file.h"
 #include "agent/survives.h"
 
@@ -55,8 +56,9 @@ std::vector<PacketSink*> Agent::Sinks() {
         [this](int error) { PrintingChanged(error); }, &health_));
   }
   if (options_.forward) {
-    sinks.push_back(&forwarder_.emplace(*options_.forward, &health_,
-                                        [this](const std::string& line) { log_.Report(line); }));
+    sinks.push_back(&forwarder_.emplace(
+        *options_.forward, std::make_unique<InfluxFormat>(options_.process_label), &health_,
+        [this](const std::string& line) { log_.Report(line); }));
   }
   if (!options_.merge) return sinks;
   return {&merge_.emplace(
@@ -149,6 +151,7 @@ void Agent::LookAfterThings() {
     log_.ReportOutOfMemory();
   }
   if (merge_) merge_->Tick();
+  if (forwarder_) forwarder_->Tick();
   table_.Sweep();
   if (slots_) LookAfterSlots();
   trimmer_.Look(health_.BytesInUse());

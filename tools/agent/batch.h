@@ -6,13 +6,12 @@
 
 namespace tidegate::agent {
 
-// Lines that are sent, retried or dropped together.
+// Points that are sent, retried or dropped together.
 struct Batch {
   std::string body;
   uint64_t points = 0;
-  bool packed = false;   // compressed: ready to be sent
-  bool older = false;    // than a batch that was spooled while this one was being sent, and failed
-  bool spooled = false;  // a copy of what is in the spool
+  bool packed = false;  // compressed: ready to be sent
+  bool older = false;   // than a batch that was spooled while this one was being sent, and failed
 };
 
 // In a queue, or one on its way: to move a batch from list to list needs no memory.

@@ -84,13 +84,16 @@ uint64_t BatchQueue::ReturnPacked(Batches batch) {
   return DropAboveLimits();
 }
 
-uint64_t BatchQueue::ReturnUnsent(Batches batch, Clock::time_point retry_at) {
+uint64_t BatchQueue::ReturnUnsent(Batches parts, Clock::time_point retry_at) {
   const WriteGuard lock(mutex_);
   send_at_ = flushing_ ? std::min(retry_at, Clock::now() + kLongestFlushPause) : retry_at;
-  if (batch.empty()) return 0;
-  batch.front().older = spooling_ || HasSpooled();
-  Count(batch.front());
-  packed_.splice(packed_.begin(), batch);
+  if (parts.empty()) return 0;
+  const bool older = spooling_ || HasSpooled();
+  for (Batch& part : parts) {
+    part.older = older;
+    Count(part);
+  }
+  packed_.splice(packed_.begin(), parts);
   changed_.NotifyAll();
   return DropAboveLimits();
 }
@@ -211,7 +214,7 @@ BatchQueue::Next BatchQueue::WhatIsNext() const {
   return packed_.empty() ? Next::kNothing : Next::kPacked;
 }
 
-// One at most is older than what is spooled, and is the first.
+// The parts of one at most are older than what is spooled, and are the first.
 Batches::iterator BatchQueue::FirstToSpool() {
   return std::find_if(packed_.begin(), packed_.end(), [](const Batch& b) { return !b.older; });
 }

@@ -30,7 +30,7 @@ struct QueueSize {
 // of the queue the oldest batch goes, and its points are counted. A spool, if there is one, takes
 // the oldest batches of a queue that is more than half full. Those are older than the rest of the
 // queue, and are sent first. Only one batch can be older still: one whose sending failed while the
-// first was being spooled. It stays here.
+// first was being spooled. It stays here, with all its parts.
 //
 // Threads: one sends, with Take, ReturnPacked and ReturnUnsent; one spools, with TakeToSpool and
 // ReturnFromSpool; any the others. None but the two Take functions wait; the lock is held for
@@ -62,10 +62,10 @@ class BatchQueue {
   // Puts back a batch that has been packed. Returns how many points had to go for it.
   uint64_t ReturnPacked(Batches batch);
 
-  // Puts back a batch that could not be sent; it is too early to send until `retry_at`, after Flush
-  // for half a second at most. An empty list is for a batch that stays in the spool. Returns how
-  // many points had to go for it.
-  uint64_t ReturnUnsent(Batches batch, Clock::time_point retry_at);
+  // Puts back a batch that could not be sent, maybe in parts; it is too early to send until
+  // `retry_at`, after Flush for half a second at most. An empty list is for a batch that stays in
+  // the spool. Returns how many points had to go for it.
+  uint64_t ReturnUnsent(Batches parts, Clock::time_point retry_at);
 
   // The oldest batch, packed or not, for the spool: once the queue is more than half full, but not
   // before `from`. Returns an empty list at `until`, or after StopSpooling.

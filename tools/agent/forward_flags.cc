@@ -76,7 +76,7 @@ void ForwardFlags::DeclareOn(CLI::App* app) {
   AddSeconds(app, "--forward-timeout", 0.1, &timeout, "Seconds for a request and its reply");
 }
 
-ForwardOptions ForwardFlags::ToOptions(ProcessLabel process_label) const {
+ForwardOptions ForwardFlags::ToOptions() const {
   ForwardOptions options;
   std::string error;
   ParseForwardUrl(url, &options.url, &error);
@@ -88,7 +88,6 @@ ForwardOptions ForwardFlags::ToOptions(ProcessLabel process_label) const {
   options.spool.folder = spool;
   options.spool.bytes = spool_bytes;
   options.host = HostName();
-  options.process_label = process_label;
   return options;
 }
 

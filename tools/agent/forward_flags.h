@@ -27,7 +27,7 @@ struct ForwardFlags {
   void DeclareOn(CLI::App* app);
 
   // REQUIRES: `url` is one that the flag takes.
-  ForwardOptions ToOptions(ProcessLabel process_label) const;
+  ForwardOptions ToOptions() const;
 };
 
 }  // namespace tidegate::agent

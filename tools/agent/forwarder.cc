@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "agent/gzip.h"
-#include "agent/partial_write.h"
 #include "agent/survives.h"
 
 namespace tidegate::agent {
@@ -16,26 +14,15 @@ using METRICS::WriteGuard;
 
 using std::chrono::milliseconds;
 
-// Lines are handed to the queue when they are so many bytes, as a packet can be long.
-constexpr size_t kChunkSize = size_t{64} << 10;
-
 // Every record repeats the names of its block: more takes a packet that is made to be expensive.
 constexpr size_t kMaxPacketBytes = size_t{256} << 20;
 
+// Enough to find a few points at fault in a batch. A server that refuses all of them is not asked
+// for each.
+constexpr int kMostSplits = 200;
+
 // While draining there is no time for long pauses.
 constexpr milliseconds kLongestDrainPause{500};
-
-bool IsTaken(int status) { return status / 100 == 2; }
-
-// The same request can succeed later.
-bool IsWorthRetrying(int status) { return status == 0 || status == 429 || status / 100 == 5; }
-
-// How many of `points`, in lines that the server did not take as a whole, it has dropped. A point
-// can be more than one line, which the server counts.
-uint64_t Refused(const HttpReply& reply, uint64_t points) {
-  const auto dropped = reply.status == 400 ? LinesDropped(reply.body) : std::nullopt;
-  return std::min(dropped.value_or(points), points);
-}
 
 std::string Shown(const HttpReply& reply) {
   if (reply.status == 0) return reply.text;
@@ -47,26 +34,35 @@ std::string Shown(const HttpReply& reply) {
   return shown;
 }
 
+ForwardOptions WithMagic(ForwardOptions options, std::string_view magic) {
+  options.spool.magic = magic;
+  return options;
+}
+
 int64_t NowNanos() {
   return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
 }  // namespace
 
-Forwarder::Forwarder(ForwardOptions options, Health* health, Report report)
-    : options_(std::move(options)),
+Forwarder::Forwarder(const ForwardOptions& options, std::unique_ptr<const PointFormat> format,
+                     Health* health, Report report)
+    : format_(std::move(format)),
+      options_(WithMagic(options, format_->SpoolMagic())),
       health_(health),
       report_(std::move(report)),
       spool_(options_.spool, health, report_),
       queue_(
-          options_.limits, options_.spool.folder.empty() ? std::function<bool()>()
-                                                         : [this] { return !spool_.empty(); }),
-      poster_(std::make_unique<HttpPoster>(options_.url)),
-      writer_(options_.process_label),
+          options_.limits, options_.spool.folder.empty()
+                               ? std::function<bool()>()
+                               : [this] { return !spool_.empty() || has_spooled_parts_; }),
+      poster_(std::make_unique<HttpPoster>(options_.url, format_->Headers())),
+      writer_(format_->MakeWriter()),
+      output_(&queue_, health),
       target_{options_.url, options_.timeout},
       random_(std::random_device()()) {
   if (!options_.spool.folder.empty()) {
-    feeder_.emplace(&queue_, &spool_, health_, [this] { PublishSize(); });
+    feeder_.emplace(&queue_, &spool_, format_.get(), health_, [this] { PublishSize(); });
   }
 }
 
@@ -80,6 +76,7 @@ void Forwarder::Start() {
 void Forwarder::Stop(milliseconds drain) {
   if (!thread_.joinable() || draining_) return;
   drain_end_ = Clock::now() + drain;
+  HandOut(true);
   draining_ = true;
   queue_.Flush();
   if (ended_.wait_until(drain_end_) != std::future_status::ready) {
@@ -104,7 +101,7 @@ void Forwarder::TakeTarget() {
     const WriteGuard lock(target_mutex_);
     if (!next_target_) return;
     ReportRefused();
-    poster_ = std::make_unique<HttpPoster>(next_target_->url);
+    poster_ = std::make_unique<HttpPoster>(next_target_->url, format_->Headers());
     target_ = *std::move(next_target_);
     next_target_.reset();
     failures_ = 0;
@@ -124,55 +121,50 @@ void Forwarder::DropWhatIsLeft() {
   });
 }
 
+void Forwarder::Flush() {
+  flushing_ = true;
+  queue_.Flush();
+}
+
+bool Forwarder::IsIdle() const {
+  return health_->forward_held_points == 0 && sending_ == 0 && queue_.IsIdle();
+}
+
 void Forwarder::Handle(const Packet& packet, const ClientId& client) {
   left_ = packet.series_count;
   try {
-    AppendLines(packet, client);
+    Write(packet, client);
   } catch (const std::exception&) {
-    health_->forward_dropped_memory += left_;
-    lines_ = std::string();
+    output_.Drop(ForwardDrop::kMemory, left_);
+    output_.Abandon();
     throw;
   }
 }
 
-void Forwarder::AppendLines(const Packet& packet, const ClientId& client) {
-  uint64_t points = 0;
-  size_t bytes = 0;
+void Forwarder::Write(const Packet& packet, const ClientId& client) {
+  size_t work = 0;
   for (const Block& block : packet.blocks) {
-    writer_.StartBlock(packet, client, block);
+    writer_->StartBlock(packet, client, block);
     for (const Series& record : block.series) {
-      const size_t before = lines_.size();
-      if (bytes < kMaxPacketBytes && writer_.AppendRecord(record, &lines_)) {
-        ++points;
-      } else {
-        ++health_->forward_dropped_empty;
-        --left_;
-      }
-      // A line that is too long takes as much to make as one that is sent.
-      bytes += std::max(lines_.size() - before, writer_.tried_bytes());
-      if (IsChunkFull(points)) Append(std::exchange(points, 0));
+      const bool tried = work < kMaxPacketBytes;
+      if (!tried || !writer_->Write(record, &output_)) output_.Drop(ForwardDrop::kEmpty, 1);
+      --left_;
+      if (tried) work += writer_->work();
     }
   }
-  Append(points);
-}
-
-void Forwarder::Append(uint64_t points) {
-  if (lines_.empty()) return;
-  CountFull(queue_.Append(lines_, points));
-  left_ -= points;
-  // One huge histogram must not be paid for until the end.
-  if (lines_.capacity() > 4 * kChunkSize) {
-    lines_ = std::string();
-  } else {
-    lines_.clear();
-  }
+  output_.Push();
+  PublishHeld();
   PublishSize();
 }
 
-// A chunk is never split, so it must not be more than a batch.
-bool Forwarder::IsChunkFull(uint64_t points) const {
-  const BatchLimits& limits = queue_.limits();
-  return points >= limits.batch_points || lines_.size() >= std::min(kChunkSize, limits.batch_bytes);
+void Forwarder::HandOut(bool all) {
+  if (Survives(health_, [&] { writer_->HandOut(all, &output_); })) {
+    output_.Push();
+  } else {
+    output_.Abandon();
+  }
+  PublishHeld();
+  PublishSize();
 }
 
 void Forwarder::Run() {
@@ -189,14 +181,14 @@ void Forwarder::Run() {
       continue;
     }
     if (batch.empty() && draining) break;
-    if (!batch.empty() &&
-        !Survives(health_, [&] { batch.front().packed ? Deliver(&batch) : Pack(&batch); })) {
-      sending_ = 0;
-      // Points that were kept, or counted, are no longer in there.
-      if (!batch.empty()) health_->forward_dropped_memory += batch.front().points;
+    if (!batch.empty() && batch.front().packed) {
+      DeliverQueued(&batch);
+    } else if (!batch.empty() && !Survives(health_, [&] { Pack(&batch); })) {
+      CountLost(batch);
     }
     PublishSize();
   }
+  Survives(health_, [this] { KeepSpooledParts(); });
   Survives(health_, [this] { ReportRefused(); });
   end_.set_value();
 }
@@ -212,54 +204,119 @@ void Forwarder::SendHealthIfDue() {
   if (now < next_health_) return;
   next_health_ = now + options_.health_interval;
   std::string lines;
-  AppendHealthLines(*health_, options_.host, NowNanos(), &lines);
+  format_->AppendHealth(*health_, options_.host, NowNanos(), &lines);
   // No points: those are what clients have sent.
   CountFull(queue_.Append(lines, 0));
 }
 
 void Forwarder::DeliverSpooled() {
-  Batches batch;
-  if (!Survives(health_, [&] { batch = spool_.Take(); })) {
-    queue_.ReturnUnsent({}, Clock::now() + options_.first_pause);
+  if (spooled_.parts.empty()) {
+    spooled_.splits = 0;
+    if (!Survives(health_, [&] { spooled_.parts = spool_.Take(); })) {
+      queue_.ReturnUnsent({}, Clock::now() + options_.first_pause);
+    }
   }
-  if (batch.empty()) return;
-  batch.front().spooled = true;
-  Survives(health_, [&] { Deliver(&batch); });
-  sending_ = 0;
-  Survives(health_, [&] { spool_.Settle(batch.empty()); });
+  if (spooled_.parts.empty()) return;
+  Survives(health_, [&] {
+    if (Deliver(&spooled_)) return;
+    queue_.ReturnUnsent({}, retry_at_);
+    ReportOutage();
+  });
+  const bool gone = spooled_.parts.empty();
+  // The spool keeps a batch that is whole, also if this agent ends. It knows nothing of parts.
+  if (spooled_.splits == 0) spooled_.parts.clear();
+  has_spooled_parts_ = !spooled_.parts.empty();
+  if (!has_spooled_parts_) Survives(health_, [&] { spool_.Settle(gone); });
+}
+
+// The rest of a batch of the spool of which parts are done with goes the way of the queue.
+void Forwarder::KeepSpooledParts() {
+  if (spooled_.parts.empty()) return;
+  CountFull(queue_.ReturnUnsent(std::move(spooled_.parts), Clock::now()));
+  spool_.Settle(true);
 }
 
 void Forwarder::Pack(Batches* batch) {
-  batch->front().body = Gzip(batch->front().body);
+  batch->front().body = format_->Pack(batch->front().body);
   batch->front().packed = true;
   CountFull(queue_.ReturnPacked(std::move(*batch)));
 }
 
-void Forwarder::Deliver(Batches* batch) {
-  TakeTarget();  // since the batch was waited for
-  // The spool keeps its batches, also if this agent ends.
-  if (!batch->front().spooled) sending_ = batch->front().points;
-  const HttpReply reply = Post(batch->front());
+void Forwarder::DeliverQueued(Batches* batch) {
+  sending_ = batch->front().points;
+  Delivery delivery;
+  delivery.parts.swap(*batch);
+  const bool survived = Survives(health_, [&] {
+    if (Deliver(&delivery)) return;
+    CountFull(queue_.ReturnUnsent(std::move(delivery.parts), retry_at_));
+    ReportOutage();
+  });
+  if (!survived) CountLost(delivery.parts);
   sending_ = 0;
-  if (WaitsForSetup(reply.status) || IsWorthRetrying(reply.status)) return Retry(batch, reply);
-  const Batches done = std::move(*batch);
+}
+
+bool Forwarder::Deliver(Delivery* delivery) {
+  Batches& parts = delivery->parts;
+  while (!parts.empty()) {
+    TakeTarget();  // since the batch was waited for
+    const HttpReply reply = Post(parts.front());
+    const Verdict verdict = format_->Read(reply, parts.front().points);
+    if (IsWorthRetrying(verdict.kind)) {
+      for (const Batch& part : parts) health_->forward_retried_points += part.points;
+      retry_at_ = Clock::now() + NextPause(reply.wait);
+      failure_ = Shown(reply);
+      return false;
+    }
+    failures_ = 0;
+    if (verdict.kind == Verdict::Kind::kRefused && Split(delivery)) continue;
+    Settle(&parts, verdict, reply);
+  }
+  return true;
+}
+
+bool Forwarder::Split(Delivery* delivery) {
+  if (delivery->splits == kMostSplits) return false;
+  const Batch& whole = delivery->parts.front();
+  Batches halves;
+  const bool survived = Survives(health_, [&] {
+    auto bodies = format_->Split(whole.body, whole.points);
+    if (!bodies) return;
+    for (PointFormat::Body* body : {&bodies->first, &bodies->second}) {
+      Batch& half = halves.emplace_back();
+      half.body = std::move(body->bytes);
+      half.points = body->points;
+      half.packed = true;
+    }
+  });
+  if (!survived || halves.empty()) return false;
+  ++delivery->splits;
+  delivery->parts.pop_front();
+  delivery->parts.splice(delivery->parts.begin(), halves);
+  return true;
+}
+
+// Counts the first part as the verdict says, and takes it out.
+void Forwarder::Settle(Batches* parts, const Verdict& verdict, const HttpReply& reply) {
+  Batches done;
+  done.splice(done.begin(), *parts, parts->begin());
   const uint64_t points = done.front().points;
-  const uint64_t refused = IsTaken(reply.status) ? 0 : Refused(reply, points);
-  failures_ = 0;
-  if (!IsTaken(reply.status)) Reject(refused, reply);
-  if (!IsTaken(reply.status) && refused == points) return;
-  health_->forwarded_points += points - refused;
+  const bool taken = verdict.kind == Verdict::Kind::kTaken;
+  const uint64_t dropped = taken ? std::min(verdict.dropped, points) : points;
+  if (!taken || verdict.dropped > 0) {
+    Reject(dropped, verdict.words.empty() ? Shown(reply) : verdict.words);
+    if (dropped == points) return;
+  }
+  health_->forwarded_points += points - dropped;
   ++health_->forward_batches;
   if (std::exchange(outage_reported_, false)) {
     report_("forwards to " + target_.url.shown + " again");
   }
 }
 
-// A database can be there before it has been set up.
-bool Forwarder::WaitsForSetup(int status) {
-  if (status != 401 && status != 404) {
+bool Forwarder::IsWorthRetrying(Verdict::Kind kind) {
+  if (kind != Verdict::Kind::kSetUp) {
     denied_since_.reset();
-    return false;
+    return kind == Verdict::Kind::kAgain;
   }
   const Clock::time_point now = Clock::now();
   if (!denied_since_) denied_since_ = now;
@@ -275,24 +332,20 @@ HttpReply Forwarder::Post(const Batch& batch) {
   return reply;
 }
 
-void Forwarder::Retry(Batches* batch, const HttpReply& reply) {
-  const milliseconds pause = NextPause(reply.wait);
-  health_->forward_retried_points += batch->front().points;
-  CountFull(queue_.ReturnUnsent(batch->front().spooled ? Batches() : std::move(*batch),
-                                Clock::now() + pause));
+void Forwarder::ReportOutage() {
   if (!IsDue(&next_outage_line_)) return;
   outage_reported_ = true;
-  report_("cannot forward to " + target_.url.shown + ", " + Shown(reply) + "; " +
+  report_("cannot forward to " + target_.url.shown + ", " + failure_ + "; " +
           std::to_string(queue_.Size().points + health_->forward_spool_points) + " points wait, " +
           std::to_string(health_->forward_dropped_full) + " dropped as the queue was full");
 }
 
-void Forwarder::Reject(uint64_t points, const HttpReply& reply) {
+void Forwarder::Reject(uint64_t points, const std::string& words) {
   health_->forward_dropped_rejected += points;
   refused_points_ += points;
   if (!IsDue(&next_refusal_line_)) return;
   report_("dropped " + std::to_string(std::exchange(refused_points_, 0)) + " points that " +
-          target_.url.shown + " refused, " + Shown(reply));
+          target_.url.shown + " refused, " + words);
 }
 
 bool Forwarder::IsDue(Clock::time_point* next_line) const {
@@ -321,6 +374,17 @@ milliseconds Forwarder::Timeout() const {
 }
 
 void Forwarder::CountFull(uint64_t points) { health_->forward_dropped_full += points; }
+
+// Points that were kept, or counted, are no longer in there.
+void Forwarder::CountLost(const Batches& batches) {
+  for (const Batch& lost : batches) health_->forward_dropped_memory += lost.points;
+}
+
+void Forwarder::PublishHeld() {
+  const PointWriter::Held held = writer_->held();
+  health_->forward_held_points = held.points;
+  health_->forward_held_bytes = held.bytes;
+}
 
 void Forwarder::PublishSize() {
   const QueueSize size = queue_.Size();

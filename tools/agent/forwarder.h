@@ -14,8 +14,9 @@
 #include "agent/forward_url.h"
 #include "agent/health.h"
 #include "agent/http_poster.h"
-#include "agent/line_protocol.h"
 #include "agent/packet_sink.h"
+#include "agent/point_format.h"
+#include "agent/point_output.h"
 #include "agent/report.h"
 #include "agent/spool.h"
 #include "agent/spool_feeder.h"
@@ -34,24 +35,25 @@ struct ForwardOptions {
   std::chrono::milliseconds log_interval{60000};  // between lines about the same trouble
   SpoolOptions spool;
   std::string host;  // tag of the agent's own numbers
-  ProcessLabel process_label = ProcessLabel::kNone;
 };
 
-// Sends points to a database, as lines of the InfluxDB line protocol over HTTP.
+// Sends points to a database over HTTP, in the form that a PointFormat makes.
 //
 // Some batches cannot be delivered now: no connection, no reply, 429, 5xx, and 401 and 404 for
 // setup_time. They wait in a bounded queue, and in the spool if there is one. They are tried again,
 // oldest first, with pauses that grow and are cut at random. A batch that the server refuses
-// otherwise, redirects included, is dropped; if InfluxDB says how many lines it has dropped, as
-// many points are. Both are counted in Health and reported, at most once per log_interval each. If
-// a reply gets lost, its batch arrives twice.
+// otherwise, redirects included, is split if the format can do that, and its parts are sent one
+// after the other; a part that is refused as well and cannot be split is dropped. So are the points
+// of which the server says that it has dropped them. Both are counted in Health and reported, at
+// most once per log_interval each. If a reply gets lost, its batch arrives twice.
 //
-// Threads: Handle on the decoder's; a thread of its own packs and sends, one more feeds the spool;
-// the rest from the owner's. Each of them reports. Handle writes lines and never waits. Borrows
+// Threads: Handle and Tick on the decoder's; a thread of its own packs and sends, one more feeds
+// the spool; the rest from the owner's. Each of them reports. Handle and Tick never wait. Borrows
 // `health`, which it also forwards.
 class Forwarder : public PacketSink {
  public:
-  Forwarder(ForwardOptions options, Health* health, Report report);
+  Forwarder(const ForwardOptions& options, std::unique_ptr<const PointFormat> format,
+            Health* health, Report report);
   ~Forwarder() override;  // stops without sending the points that wait
 
   // Starts the thread, once.
@@ -59,26 +61,35 @@ class Forwarder : public PacketSink {
 
   // Sends the points that wait, for at most `drain`; returns sooner when all are sent. The rest
   // goes to the spool, however long that takes, or is dropped, counted and reported. Does nothing
-  // without Start or when called again. REQUIRES: no Handle from now on.
+  // without Start or when called again. REQUIRES: no Handle or Tick from now on.
   void Stop(std::chrono::milliseconds drain);
 
   // From now on sends to `url`, also the points that wait, and at once. From any thread.
   void Redirect(const ForwardUrl& url, std::chrono::milliseconds timeout);
 
-  // From now on no point waits for others to be sent with.
-  void Flush() { queue_.Flush(); }
+  // From now on no point waits for others to be sent with, nor is held beyond the next Tick. From
+  // any thread.
+  void Flush();
 
-  // Whether no point waits, nor is under way.
-  bool IsIdle() const { return sending_ == 0 && queue_.IsIdle(); }
+  // Whether no point is held, waits, or is under way. From any thread.
+  bool IsIdle() const;
 
   void Handle(const Packet& packet, const ClientId& client) override;
+
+  // Hands on held points that are due. To be called about once a second.
+  void Tick() { HandOut(flushing_); }
 
  private:
   using Clock = BatchQueue::Clock;
 
-  void AppendLines(const Packet& packet, const ClientId& client);
-  void Append(uint64_t points);
-  bool IsChunkFull(uint64_t points) const;
+  // A batch on its way.
+  struct Delivery {
+    Batches parts;  // in order; all of it at first
+    int splits = 0;
+  };
+
+  void Write(const Packet& packet, const ClientId& client);
+  void HandOut(bool all);
   void Run();
   // Follows the last Redirect.
   void TakeTarget();
@@ -87,17 +98,26 @@ class Forwarder : public PacketSink {
   void SendHealthIfDue();
   void DeliverSpooled();
   void Pack(Batches* batch);
-  void Deliver(Batches* batch);
+  void DeliverQueued(Batches* batch);
+  // Sends the parts and takes out those that are done with. False if the first of the rest is to be
+  // tried again at retry_at_.
+  bool Deliver(Delivery* delivery);
+  bool Split(Delivery* delivery);
   HttpReply Post(const Batch& batch);
-  void Retry(Batches* batch, const HttpReply& reply);
-  bool WaitsForSetup(int status);
-  void Reject(uint64_t points, const HttpReply& reply);
+  void Settle(Batches* parts, const Verdict& verdict, const HttpReply& reply);
+  void KeepSpooledParts();
+  void ReportOutage();
+  bool IsWorthRetrying(Verdict::Kind kind);
+  void Reject(uint64_t points, const std::string& words);
   bool IsDue(Clock::time_point* next_line) const;
   std::chrono::milliseconds NextPause(std::chrono::milliseconds wanted);
   std::chrono::milliseconds Timeout() const;
   void CountFull(uint64_t points);
+  void CountLost(const Batches& batches);
+  void PublishHeld();
   void PublishSize();
 
+  const std::unique_ptr<const PointFormat> format_;
   const ForwardOptions options_;
   Health* const health_;
   const Report report_;
@@ -121,12 +141,18 @@ class Forwarder : public PacketSink {
   std::atomic<bool> draining_{false};
   Clock::time_point drain_end_;  // written before draining_, read after it
 
-  // Of Handle.
-  LineWriter writer_;
-  std::string lines_;
-  uint64_t left_ = 0;  // points of the packet that are neither in the queue nor counted
+  std::atomic<bool> flushing_{false};
+
+  // Of Handle and Tick.
+  const std::unique_ptr<PointWriter> writer_;
+  PointOutput output_;
+  uint64_t left_ = 0;  // points of the packet that the writer has not got yet
 
   // Of the thread.
+  Delivery spooled_;  // of the spool's oldest batch, once that was split
+  std::atomic<bool> has_spooled_parts_{false};
+  Clock::time_point retry_at_;
+  std::string failure_;  // the reason for it
   Target target_;
   Clock::time_point next_health_;
   int failures_ = 0;  // since the last delivery

@@ -24,7 +24,29 @@ Health::Number::Number(Health* health, Type type, std::string_view name, std::st
 uint64_t Health::ForwardDropped() const {
   return forward_dropped_full + forward_dropped_rejected + forward_dropped_empty +
          forward_dropped_shutdown + forward_dropped_memory + forward_dropped_spool_full +
-         forward_dropped_spool_damaged;
+         forward_dropped_spool_damaged + forward_dropped_late;
+}
+
+Health::Number& Health::ForwardDropped(ForwardDrop reason) {
+  switch (reason) {
+    case ForwardDrop::kFull:
+      return forward_dropped_full;
+    case ForwardDrop::kRejected:
+      return forward_dropped_rejected;
+    case ForwardDrop::kEmpty:
+      return forward_dropped_empty;
+    case ForwardDrop::kShutdown:
+      return forward_dropped_shutdown;
+    case ForwardDrop::kMemory:
+      return forward_dropped_memory;
+    case ForwardDrop::kSpoolFull:
+      return forward_dropped_spool_full;
+    case ForwardDrop::kSpoolDamaged:
+      return forward_dropped_spool_damaged;
+    case ForwardDrop::kLate:
+      break;
+  }
+  return forward_dropped_late;
 }
 
 void Health::ForEach(const std::function<void(const Sample&)>& handle) const {

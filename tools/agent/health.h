@@ -30,6 +30,20 @@ constexpr size_t kRefusals = 4;
 enum class MergeRefusal { kLimit, kColumns, kWork };
 constexpr size_t kMergeRefusals = 3;
 
+// Why a point does not reach a database. The queue was full; the server refused it; the form of the
+// database cannot carry it; it was left when the agent ended; there was no memory for it; the spool
+// was full, or damaged; it came after later ones of its series had been sent.
+enum class ForwardDrop {
+  kFull,
+  kRejected,
+  kEmpty,
+  kShutdown,
+  kMemory,
+  kSpoolFull,
+  kSpoolDamaged,
+  kLate,
+};
+
 // The agent's numbers on itself: the one list that the page of metrics, the forwarded data and the
 // last line of the log are made from. Each is declared once, with its name and its text, in the
 // order of the page.
@@ -98,9 +112,10 @@ class Health {
   uint64_t Errors() const { return refused.Sum(); }
   uint64_t DroppedPackets() const { return dropped_full + dropped_shutdown + dropped_memory; }
   uint64_t ForwardDropped() const;
+  Number& ForwardDropped(ForwardDrop reason);
   // Of the table and of the queues.
   uint64_t BytesInUse() const {
-    return queued_bytes + series_bytes + merge_bytes + forward_queue_bytes;
+    return queued_bytes + series_bytes + merge_bytes + forward_held_bytes + forward_queue_bytes;
   }
 
   // Hands out every number as a sample; those of one name follow each other.
@@ -189,6 +204,9 @@ class Health {
                            "Pages of metrics that could not be made."};
 
   // By the forwarder.
+  Number forward_held_points{this, kGauge, "tidegate_agent_forward_held_points",
+                             "Points that are held until their order is sure."};
+  Number forward_held_bytes{this, kGauge, "tidegate_agent_forward_held_bytes", "Bytes of those."};
   Number forward_queue_points{this, kGauge, "tidegate_agent_forward_queue_points",
                               "Points that wait to be forwarded."};
   Number forward_queue_bytes{this, kGauge, "tidegate_agent_forward_queue_bytes", "Bytes of those."};
@@ -196,12 +214,13 @@ class Health {
                           "Points that the database took."};
   Number forward_dropped_full{this, kCounter, kDropped, kDroppedHelp, "full"};
   Number forward_dropped_rejected{this, kCounter, kDropped, kDroppedHelp, "rejected"};
-  // Points that make no line: no number in it, or too long.
+  // Points that the form cannot carry, such as one without a number.
   Number forward_dropped_empty{this, kCounter, kDropped, kDroppedHelp, "empty"};
   Number forward_dropped_shutdown{this, kCounter, kDropped, kDroppedHelp, "shutdown"};
   Number forward_dropped_memory{this, kCounter, kDropped, kDroppedHelp, "memory"};
   Number forward_dropped_spool_full{this, kCounter, kDropped, kDroppedHelp, "spool_full"};
   Number forward_dropped_spool_damaged{this, kCounter, kDropped, kDroppedHelp, "spool_damaged"};
+  Number forward_dropped_late{this, kCounter, kDropped, kDroppedHelp, "late"};
   Number forward_retried_points{this, kCounter, "tidegate_agent_forward_retried_points_total",
                                 "Points whose sending failed and is tried again."};
   Number forward_batches{this, kCounter, "tidegate_agent_forward_batches_total",

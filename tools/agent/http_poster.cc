@@ -78,7 +78,7 @@ std::string_view Reason(std::string_view status_line) {
 
 class HttpPoster::Client {
  public:
-  explicit Client(const ForwardUrl& url);
+  Client(const ForwardUrl& url, const std::vector<std::string>& headers);
 
   // The result of the request; CURLE_ABORTED_BY_CALLBACK after Cancel.
   CURLcode Perform(const std::string& body, std::chrono::milliseconds timeout);
@@ -90,6 +90,7 @@ class HttpPoster::Client {
   void Set(CURLoption option, Value value) {
     if (curl_easy_setopt(easy_.get(), option, value) != CURLE_OK) throw std::bad_alloc();
   }
+  void AddHeader(const char* header);
   void SetUrl(const ForwardUrl& url);
   CURLcode Await();
   bool Count(size_t size);
@@ -110,17 +111,13 @@ class HttpPoster::Client {
   bool cut_ = false;         // in the body
 };
 
-HttpPoster::Client::Client(const ForwardUrl& url) {
+HttpPoster::Client::Client(const ForwardUrl& url, const std::vector<std::string>& headers) {
   static const CURLcode once = curl_global_init(CURL_GLOBAL_DEFAULT);
   multi_.reset(once == CURLE_OK ? curl_multi_init() : nullptr);
   easy_.reset(multi_ ? curl_easy_init() : nullptr);
-  for (const char* header :
-       {"Content-Type: text/plain; charset=utf-8", "Content-Encoding: gzip", "Expect:"}) {
-    curl_slist* const longer = curl_slist_append(headers_.get(), header);
-    if (!easy_ || longer == nullptr) throw std::bad_alloc();
-    static_cast<void>(headers_.release());
-    headers_.reset(longer);
-  }
+  if (!easy_) throw std::bad_alloc();
+  AddHeader("Expect:");
+  for (const std::string& header : headers) AddHeader(header.c_str());
   body_.reserve(kMaxReply);
   status_line_.reserve(kMaxText);
 
@@ -134,6 +131,13 @@ HttpPoster::Client::Client(const ForwardUrl& url) {
   Set(CURLOPT_NOSIGNAL, 1L);
   // The look-up of a name cannot be stopped: its thread is left to end by itself.
   Set(CURLOPT_QUICK_EXIT, 1L);
+}
+
+void HttpPoster::Client::AddHeader(const char* header) {
+  curl_slist* const longer = curl_slist_append(headers_.get(), header);
+  if (longer == nullptr) throw std::bad_alloc();
+  static_cast<void>(headers_.release());
+  headers_.reset(longer);
 }
 
 void HttpPoster::Client::SetUrl(const ForwardUrl& url) {
@@ -239,12 +243,13 @@ size_t HttpPoster::Client::TakeBody(char* data, size_t /*one*/, size_t size,
   return size;
 }
 
-HttpPoster::HttpPoster(const ForwardUrl& url) : client_(std::make_unique<Client>(url)) {}
+HttpPoster::HttpPoster(const ForwardUrl& url, const std::vector<std::string>& headers)
+    : client_(std::make_unique<Client>(url, headers)) {}
 
 HttpPoster::~HttpPoster() = default;
 
-HttpReply HttpPoster::Post(const std::string& gzip_body, std::chrono::milliseconds timeout) {
-  return client_->TakeReply(client_->Perform(gzip_body, timeout));
+HttpReply HttpPoster::Post(const std::string& body, std::chrono::milliseconds timeout) {
+  return client_->TakeReply(client_->Perform(body, timeout));
 }
 
 void HttpPoster::Cancel() { client_->Cancel(); }

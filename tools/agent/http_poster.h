@@ -3,6 +3,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "agent/forward_url.h"
 
@@ -18,7 +19,7 @@ struct HttpReply {
   std::chrono::seconds wait{0};  // what the server asks for by Retry-After; 0 if it does not
 };
 
-// Posts gzip bodies of lines to one URL, on one connection that is kept open between requests.
+// Posts bodies to one URL, on one connection that is kept open between requests.
 //
 // Threads: one calls Post; Cancel may come from any. Certificates of https are verified against
 // those that the machine trusts, or against the file that SSL_CERT_FILE in the environment names.
@@ -30,14 +31,15 @@ class HttpPoster {
   // The bytes of a reply. One whose body is longer is cut and still taken, as its status is known.
   static constexpr size_t kMaxReply = size_t{64} << 10;
 
-  explicit HttpPoster(const ForwardUrl& url);
+  // `headers` are lines of HTTP's head, as "Content-Type: text/plain".
+  HttpPoster(const ForwardUrl& url, const std::vector<std::string>& headers);
   ~HttpPoster();  // waits for nobody, not even for the look-up of a name
   HttpPoster(const HttpPoster&) = delete;
   HttpPoster& operator=(const HttpPoster&) = delete;
 
   // Returns within `timeout`, which is for everything: the name, connection, TLS, request and
   // reply.
-  HttpReply Post(const std::string& gzip_body, std::chrono::milliseconds timeout);
+  HttpReply Post(const std::string& body, std::chrono::milliseconds timeout);
 
   // Ends a Post that is under way, and each later one, at once.
   void Cancel();

@@ -178,7 +178,7 @@ Options Finish(const Raw& raw) {
   if (raw.merge_gauge == "last") options.merge_gauge = GaugeMerge::kLast;
   if (raw.merge_gauge == "max") options.merge_gauge = GaugeMerge::kMax;
   options.process_label = options.merge ? ProcessLabel::kNone : LabelOf(raw);
-  if (!raw.forward.url.empty()) options.forward = raw.forward.ToOptions(options.process_label);
+  if (!raw.forward.url.empty()) options.forward = raw.forward.ToOptions();
   const bool elsewhere = !options.http.empty() || options.forward;
   const bool silent = raw.quiet || (raw.print.empty() && elsewhere);
   if (!silent) options.print = raw.print == "json" ? PrintFormat::kJson : PrintFormat::kText;

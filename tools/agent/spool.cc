@@ -92,7 +92,7 @@ void Spool::LoadSegment(uint64_t number, size_t* left_alone) {
   const auto size = static_cast<uint64_t>(info.st_size);
   const size_t begin = std::min<uint64_t>(size, sizeof(magic));
   if (!ReadAll(file, 0, magic, begin) ||
-      std::string_view(magic, begin) != kSegmentMagic.substr(0, begin)) {
+      std::string_view(magic, begin) != options_.magic.substr(0, begin)) {
     ++*left_alone;
     return;
   }
@@ -169,7 +169,7 @@ bool Spool::Write(const Batch& batch) {
 bool Spool::StartSegment() {
   UniqueFd file = folder_.MakeSegment(next_number_++);
   if (!file.valid()) return Failed("cannot make a file", ErrorText(errno));
-  if (!WriteAll(file, 0, kSegmentMagic)) {
+  if (!WriteAll(file, 0, options_.magic)) {
     const int error = errno;
     folder_.Remove(next_number_ - 1);
     return Failed("cannot be written to", ErrorText(error));

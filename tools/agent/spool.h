@@ -23,6 +23,7 @@ struct SpoolOptions {
   uint64_t bytes = uint64_t{1} << 30;             // of all files
   std::chrono::milliseconds retry{1000};          // after a failure of the disk
   std::chrono::milliseconds log_interval{60000};  // between lines about a full spool
+  std::string_view magic = kSegmentMagic;         // of its segments; others are left alone
 };
 
 // Packed batches on a disk, oldest first, in segments of a sixteenth of the bound or 8 MiB. Above

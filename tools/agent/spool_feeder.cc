@@ -4,7 +4,6 @@
 
 #include <utility>
 
-#include "agent/gzip.h"
 #include "agent/survives.h"
 
 namespace tidegate::agent {
@@ -40,7 +39,7 @@ bool SpoolFeeder::Keep(Batches* batch) {
   Survives(health_, [&] {
     Batch& content = batch->front();
     if (!content.packed) {
-      content.body = Gzip(content.body);
+      content.body = format_->Pack(content.body);
       content.packed = true;
     }
     kept = spool_->Append(content);

@@ -7,6 +7,7 @@
 
 #include "agent/batch_queue.h"
 #include "agent/health.h"
+#include "agent/point_format.h"
 #include "agent/spool.h"
 
 namespace tidegate::agent {
@@ -18,9 +19,11 @@ namespace tidegate::agent {
 // Threads: all from the owner's. Borrows all that it is given.
 class SpoolFeeder {
  public:
-  // `moved` is called, on any of these threads, after the queue has changed.
-  SpoolFeeder(BatchQueue* queue, Spool* spool, Health* health, std::function<void()> moved)
-      : queue_(queue), spool_(spool), health_(health), moved_(std::move(moved)) {}
+  // `format` packs what is not packed yet. `moved` is called, on any of these threads, after the
+  // queue has changed.
+  SpoolFeeder(BatchQueue* queue, Spool* spool, const PointFormat* format, Health* health,
+              std::function<void()> moved)
+      : queue_(queue), spool_(spool), format_(format), health_(health), moved_(std::move(moved)) {}
   ~SpoolFeeder() { Stop(); }
 
   // Starts the thread, once.
@@ -36,6 +39,7 @@ class SpoolFeeder {
 
   BatchQueue* const queue_;
   Spool* const spool_;
+  const PointFormat* const format_;
   Health* const health_;
   const std::function<void()> moved_;
   std::thread thread_;

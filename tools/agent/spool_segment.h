@@ -11,7 +11,8 @@
 
 namespace tidegate::agent {
 
-// The layout of a segment, a file of the spool: kSegmentMagic, then records. A record is a head and
+// The layout of a segment, a file of the spool: eight bytes that tell the form of the bodies,
+// kSegmentMagic for lines; then records. A record is a head and
 // the body of a packed batch. Numbers are little-endian:
 //
 //   4  kRecordMarker, which no line of text has: where the next record is looked for after damage
