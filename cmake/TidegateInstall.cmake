@@ -107,6 +107,11 @@ if(TIDEGATE_BUILD_AGENT)
     PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ # it may hold a password
     COMPONENT tools)
   install(
+    DIRECTORY share/
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/tidegate-agent
+    COMPONENT tools
+    PATTERN alerts_test.yml EXCLUDE)
+  install(
     FILES tools/agent/completion/tidegate-agent.bash
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions
     RENAME tidegate-agent

@@ -1,5 +1,6 @@
-// demo_service [SOCKET_PATH] [--seconds N]: emits for N seconds (10) as a small web shop would, and
-// prints its totals at the end. Run tidegate-agent on the same path to see the points arrive.
+// demo_service [SOCKET_PATH] [--seconds N] [--self-monitor]: emits for N seconds (10) as a small web
+// shop would, and prints its totals at the end. Run tidegate-agent on the same path to see the points
+// arrive. With --self-monitor the library reports on itself, each second.
 
 #include <array>
 #include <atomic>
@@ -68,6 +69,7 @@ class Machine : public METRICS::DummyVendor {
 struct Options {
   std::string socket_path = "/opt/tmp/sock/metric_seqpacket.sock";
   int seconds = 10;
+  bool self_monitor = false;
 };
 
 bool Parse(int argc, char** argv, Options* options) {
@@ -75,6 +77,8 @@ bool Parse(int argc, char** argv, Options* options) {
     const std::string argument = argv[i];
     if (argument == "--seconds" && i + 1 < argc) {
       options->seconds = std::atoi(argv[++i]);
+    } else if (argument == "--self-monitor") {
+      options->self_monitor = true;
     } else if (argument.empty() || argument[0] == '-') {
       return false;
     } else {
@@ -263,14 +267,19 @@ Metrics MakeMetrics(METRICS::MetricClient& client) {
 int main(int argc, char** argv) {
   Options options;
   if (!Parse(argc, argv, &options)) {
-    std::fprintf(stderr, "usage: demo_service [SOCKET_PATH] [--seconds N]\n");
+    std::fprintf(stderr, "usage: demo_service [SOCKET_PATH] [--seconds N] [--self-monitor]\n");
     return 2;
   }
   std::signal(SIGPIPE, SIG_IGN);   // an agent that goes away must not end the service
   METRICS::g_metricsLogLevel = 3;  // of the library's lines on standard output, errors only
 
   METRICS::MetricClient client;
-  client.Init(std::make_unique<Settings>(), std::make_unique<Machine>(options.socket_path));
+  METRICS::CoreInitCfg core;
+  core.force_self_monitor = options.self_monitor;
+  core.monitor_interval = 1000;
+  core.monitor_flush_interval = kFlushSeconds;
+  client.Init(std::make_unique<Settings>(), std::make_unique<Machine>(options.socket_path), nullptr,
+              core);
   Shop shop(MakeMetrics(client));
   shop.Run(std::chrono::seconds(options.seconds));
   client.FlushAndExit();

@@ -5,3 +5,4 @@ set -euo pipefail
 folder=$(dirname "${BASH_SOURCE[0]}")/e2e
 "$folder/outage.sh"
 "$folder/processes.sh"
+"$folder/dashboards.sh"

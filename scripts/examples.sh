@@ -6,7 +6,8 @@ set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 PRESET=${PRESET:-release}
-NAMES=(compatible core_api custom_environment demo_service histogram multi_field prefork quick_start worker_pool)
+NAMES=(compatible core_api custom_environment demo_service histogram multi_field prefork process_metrics quick_start
+  worker_pool)
 TASKS=(counted_handler timed_scope queue_gauge size_histogram worker_pool prefork)
 
 # The lines that the agent has to print, as extended patterns after the time, the tenant and a blank.
@@ -39,6 +40,10 @@ expected() {
       done
       echo 'rate prefork\.served\{project_id=prefork,slot=.\} 100'
       echo 'rate prefork\.served\{project_id=prefork,slot=.\} 1'
+      ;;
+    process_metrics)
+      echo 'gauge monitored\.process\.threads\{project_id=monitored,slot=0\} [1-9][0-9]*'
+      echo 'delta_counter monitored\.process\.starts\.delta_counter\{project_id=monitored,slot=0\} counter=1 .*'
       ;;
     quick_start)
       echo 'counter shop\.requests\{method=get,status=200,project_id=shop,slot=0\} 100'

@@ -159,6 +159,8 @@ check_packages() {
     "tidegate-agent_*.deb ./usr/bin/tidegate-agent$"
     "tidegate-agent_*.deb ./usr/lib/systemd/system/tidegate-agent\.service$"
     "tidegate-agent_*.deb ./usr/share/doc/tidegate-agent/docs/agent\.md$"
+    "tidegate-agent_*.deb ./usr/share/tidegate-agent/alerts\.yml$"
+    "tidegate-agent_*.deb ./usr/share/tidegate-agent/dashboard-influx\.json$"
     "tidegate-agent_*.deb ^-rw-r----- ./etc/tidegate-agent\.conf$")
   local line package
   for line in "${content[@]}"; do
