@@ -1,6 +1,5 @@
 #include "agent/exposition.h"
 
-#include <cmath>
 #include <cstdlib>
 #include <iterator>
 #include <type_traits>
@@ -12,9 +11,6 @@
 namespace tidegate::agent {
 namespace {
 
-// Receivers refuse a whole page for one timestamp beyond 64 bits of milliseconds.
-constexpr int64_t kMaxSeconds = INT64_MAX / 1000 - 1;
-
 constexpr std::string_view kReplacement = "\xef\xbf\xbd";  // U+FFFD
 
 // The longest that stand in a line, with what is around them.
@@ -24,8 +20,6 @@ constexpr size_t kMaxLeSize = sizeof(R"(,le="-1.7976931348623157e+308")") - 1;
 constexpr size_t kMaxQuantileSize = sizeof(R"(,quantile="0.999")") - 1;
 constexpr size_t kBraces = 2;
 static_assert(kMaxQuantileSize > kCountEnd.size());
-
-constexpr NumberWords kNumberWords = {"NaN", "+Inf", "-Inf"};
 
 // As CharacterSize, but NUL counts as none: receivers take it for the end of the page.
 size_t ShownSize(std::string_view text) { return text[0] == '\0' ? 0 : CharacterSize(text); }
@@ -140,65 +134,42 @@ void SampleWriter::AddLabel(std::string_view key, std::string_view value) {
   labels_ += '"';
 }
 
-void SampleWriter::Single(std::string_view name, const Cell& cell) {
-  Line(name, {}, {}, cell.value, cell.timestamp);
-}
-
-void SampleWriter::Summary(const std::string& name, const Cell* cells) {
-  for (size_t i = kTimerFirstQuantile; i < std::size(kTimerColumns); ++i) {
-    Line(name, {}, kTimerColumns[i].quantile, cells[i].value, cells[i].timestamp);
-  }
-  Line(name, kSumEnd, {}, cells[kTimerSum].value, cells[kTimerSum].timestamp);
-  Line(name, kCountEnd, {}, cells[kTimerCount].value, cells[kTimerCount].timestamp);
-}
-
-void SampleWriter::Histogram(const std::string& name, const std::vector<double>& bounds,
-                             const Cell* cells) {
-  double below = 0;
-  std::string le;
-  for (size_t i = 0; i < bounds.size(); ++i) {
-    below += cells[i].value;
-    const bool last = i + 1 == bounds.size();
-    // Bounds that are equal in their six decimals would give the same line twice.
-    if (!last && i + 2 < bounds.size() && bounds[i + 1] == bounds[i + 2]) continue;
-    le = "le=\"";
-    AppendNumber(last ? INFINITY : bounds[i + 1], kNumberWords, &le);
-    le += '"';
-    Line(name, kBucketEnd, le, below, cells[i].timestamp);
-  }
-  const Cell& sum = cells[bounds.size()];
-  const Cell& count = cells[bounds.size() + 1];
-  Line(name, kSumEnd, {}, sum.value, sum.timestamp);
-  // A packet can claim any count, and receivers want that of all buckets.
-  Line(name, kCountEnd, {}, below, count.timestamp);
+void SampleWriter::Samples(const FamilyPart& family, const std::vector<double>& bounds,
+                           const Cell* cells) {
+  ForEachSample(family, bounds, cells,
+                [&](const FamilySample& sample) { Line(family.name, sample); });
 }
 
 void SampleWriter::Integer(std::string_view name, uint64_t value) {
-  BeginLine(name, {}, {});
+  BeginLine(name, {});
   page_->append(std::to_string(value)).append("\n");
 }
 
-void SampleWriter::BeginLine(std::string_view name, std::string_view suffix,
-                             std::string_view extra) {
+void SampleWriter::BeginLine(std::string_view name, const FamilySample& sample) {
   *page_ += name;
-  *page_ += suffix;
-  if (!labels_.empty() || !extra.empty()) {
+  *page_ += sample.end;
+  const bool own_label = !sample.label.empty();
+  if (!labels_.empty() || own_label) {
     *page_ += '{';
     *page_ += labels_;
-    if (!labels_.empty() && !extra.empty()) *page_ += ',';
-    *page_ += extra;
+    if (!labels_.empty() && own_label) *page_ += ',';
+    if (own_label) {
+      *page_ += sample.label;
+      *page_ += "=\"";
+      *page_ += sample.label_value;
+      *page_ += '"';
+    }
     *page_ += '}';
   }
   *page_ += ' ';
 }
 
-void SampleWriter::Line(std::string_view name, std::string_view suffix, std::string_view extra,
-                        double value, int64_t timestamp) {
-  BeginLine(name, suffix, extra);
-  AppendNumber(value, kNumberWords, page_);
-  if (timestamps_ && std::abs(timestamp) <= kMaxSeconds) {
+void SampleWriter::Line(std::string_view name, const FamilySample& sample) {
+  BeginLine(name, sample);
+  AppendNumber(sample.value, kSampleWords, page_);
+  if (timestamps_ && std::abs(sample.timestamp) <= kMaxSampleSeconds) {
     *page_ += ' ';
-    *page_ += std::to_string(timestamp);
+    *page_ += std::to_string(sample.timestamp);
     *page_ += "000";
   }
   *page_ += '\n';

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/families.h"
+#include "agent/family_samples.h"
 #include "agent/health.h"
 
 // The text format of Prometheus, version 0.0.4: what the lines of a family and of its series look
@@ -18,12 +18,6 @@ namespace tidegate::agent {
 // Appends the value of a label as it is shown, before escapes. Every byte that is not UTF-8, a NUL,
 // and a backslash before an x are written as utf8.h says.
 void AppendText(std::string_view text, std::string* out);
-
-// The newest value of a column, or for accumulated ones its sum.
-struct Cell {
-  double value = 0;
-  int64_t timestamp = INT64_MIN;  // seconds since the epoch; INT64_MIN: there was none yet
-};
 
 // Appends the lines of HELP, with the text of SourceOf, and TYPE.
 void AppendFamilyHead(const FamilyPart& family, std::string_view source, std::string* page);
@@ -53,20 +47,15 @@ class SampleWriter {
   void BeginLabels() { labels_.clear(); }
   void AddLabel(std::string_view key, std::string_view value);
 
-  // One line of `cell`.
-  void Single(std::string_view name, const Cell& cell);
+  // The lines of a series, as ForEachSample has them.
+  void Samples(const FamilyPart& family, const std::vector<double>& bounds, const Cell* cells);
   // One line of a number that a double might not hold, without a time.
   void Integer(std::string_view name, uint64_t value);
-  // The cells are those of the metric's columns.
-  void Summary(const std::string& name, const Cell* cells);
-  // The cells are those of the buckets and then of sum and count.
-  void Histogram(const std::string& name, const std::vector<double>& bounds, const Cell* cells);
 
  private:
   // Up to the number.
-  void BeginLine(std::string_view name, std::string_view suffix, std::string_view extra);
-  void Line(std::string_view name, std::string_view suffix, std::string_view extra, double value,
-            int64_t timestamp);
+  void BeginLine(std::string_view name, const FamilySample& sample);
+  void Line(std::string_view name, const FamilySample& sample);
 
   const bool timestamps_;
   std::string* const page_;

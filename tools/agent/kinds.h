@@ -90,7 +90,7 @@ struct ColumnRow {
   MergeRule merge;
   PageRule page = PageRule::kNewest;
   std::string_view meaning = {};   // of a timer's
-  std::string_view quantile = {};  // the label of its line in a summary
+  std::string_view quantile = {};  // the label of its sample in a summary
 };
 
 // A family of the page that shows a kind, or a part of it.
@@ -123,11 +123,11 @@ inline constexpr ColumnRow kTimerColumns[] = {
     {"avg", MergeRule::kAverage, PageRule::kNewest, "average"},
     {"sum", MergeRule::kSum, PageRule::kAddUp, "sum"},
     {"counter", MergeRule::kSum, PageRule::kCountUp, "number of samples"},
-    {"pct50", MergeRule::kQuantile, PageRule::kNewest, "percentile 50", R"(quantile="0.5")"},
-    {"pct90", MergeRule::kQuantile, PageRule::kNewest, "percentile 90", R"(quantile="0.9")"},
-    {"pct95", MergeRule::kQuantile, PageRule::kNewest, "percentile 95", R"(quantile="0.95")"},
-    {"pct99", MergeRule::kQuantile, PageRule::kNewest, "percentile 99", R"(quantile="0.99")"},
-    {"pct999", MergeRule::kQuantile, PageRule::kNewest, "percentile 99.9", R"(quantile="0.999")"},
+    {"pct50", MergeRule::kQuantile, PageRule::kNewest, "percentile 50", "0.5"},
+    {"pct90", MergeRule::kQuantile, PageRule::kNewest, "percentile 90", "0.9"},
+    {"pct95", MergeRule::kQuantile, PageRule::kNewest, "percentile 95", "0.95"},
+    {"pct99", MergeRule::kQuantile, PageRule::kNewest, "percentile 99", "0.99"},
+    {"pct999", MergeRule::kQuantile, PageRule::kNewest, "percentile 99.9", "0.999"},
 };
 inline constexpr ColumnRow kDeltaColumns[] = {
     {"counter", MergeRule::kDeltaTotal},

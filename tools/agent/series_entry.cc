@@ -33,21 +33,21 @@ void AddInterval(const KindRow& kind, const std::vector<double>& values, int64_t
 
 void SeriesEntry::Update(const KindRow& kind, const Series& record, int64_t timestamp,
                          std::chrono::steady_clock::time_point now) {
-  Cell* const to = cells();
-  const std::vector<double>& values = record.values;
-  if (kind.adds_up) {
-    AddInterval(kind, values, timestamp, to);
-  } else if (timestamp < newest) {
-    return;
-  } else {
-    for (size_t i = 0; i < values.size(); ++i) {
-      KeepNewest(values[i], timestamp, &to[record.indexes.empty() ? i : record.indexes[i]]);
-    }
-  }
+  if (timestamp < newest && !kind.adds_up) return;
+  Keep(kind, record, timestamp);
   // Points before a newest time that was wrong are no news, even if they add up: the series has to
   // end for newer quantiles to be shown.
   if (timestamp >= newest) news = now;
   newest = std::max(newest, timestamp);
+}
+
+void SeriesEntry::Keep(const KindRow& kind, const Series& record, int64_t timestamp) {
+  Cell* const to = cells();
+  const std::vector<double>& values = record.values;
+  if (kind.adds_up) return AddInterval(kind, values, timestamp, to);
+  for (size_t i = 0; i < values.size(); ++i) {
+    KeepNewest(values[i], timestamp, &to[record.indexes.empty() ? i : record.indexes[i]]);
+  }
 }
 
 }  // namespace tidegate::agent

@@ -26,6 +26,11 @@ struct SeriesEntry {
   int64_t newest = INT64_MIN;   // timestamp
   std::chrono::steady_clock::time_point news;
   SeriesReporters reporters;
+  // Of RecordOrder: the seconds between two points of the series, 0 if unknown; some wait.
+  uint32_t step : 31;
+  uint32_t held : 1;
+
+  SeriesEntry() : step(0), held(0) {}
 
   Cell* cells() { return row ? row.get() : &cell; }
   const Cell* cells() const { return row ? row.get() : &cell; }
@@ -33,8 +38,10 @@ struct SeriesEntry {
   // With a record of a block of that kind.
   void Update(const KindRow& kind, const Series& record, int64_t timestamp,
               std::chrono::steady_clock::time_point now);
+  // Changes the cells alone: each keeps its newest value, or adds up whatever comes.
+  void Keep(const KindRow& kind, const Series& record, int64_t timestamp);
   bool IsOutdated(std::chrono::steady_clock::time_point now, std::chrono::seconds ttl) const {
-    return now - news > ttl;
+    return !held && now - news > ttl;
   }
 };
 

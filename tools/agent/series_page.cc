@@ -64,19 +64,7 @@ void SeriesPage::AppendSeries(const FamilySource& source, const KeyedSeries& key
     writer_.AddLabel(key, value);
     return true;
   });
-  switch (part.type) {
-    case FamilyType::kSummary:
-      writer_.Summary(part.name, entry.cells());
-      break;
-    case FamilyType::kHistogram:
-      writer_.Histogram(part.name, layout.bounds, entry.cells());
-      break;
-    case FamilyType::kGauge:
-    case FamilyType::kCounter:
-    case FamilyType::kUntyped:
-      writer_.Single(part.name, cell);
-      break;
-  }
+  writer_.Samples(part, layout.bounds, entry.cells());
 }
 
 }  // namespace tidegate::agent

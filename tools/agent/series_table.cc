@@ -34,10 +34,12 @@ class SeriesTable::PageTurns {
   SeriesTable* const table_;
 };
 
-SeriesTable::SeriesTable(const Options& options, Health* health, Report report, Clock clock)
+SeriesTable::SeriesTable(const Options& options, Health* health, Report report, Clock clock,
+                         SeriesRecorder* recorder)
     : options_(options),
       clock_(std::move(clock)),
       health_(health),
+      recorder_(recorder),
       ttl_(options.ttl),
       max_ahead_(options.max_ahead),
       budget_(options.max_series),
@@ -73,57 +75,81 @@ void SeriesTable::Handle(const Packet& packet, const ClientId& client) {
   UpdateHealth();
 }
 
+void SeriesTable::StartBlock(const Packet& packet, const ClientId& client, const Block& block) {
+  const WriteGuard lock(mutex_);
+  if (&block == packet.blocks.data()) {
+    now_ = clock_();
+    budget_.BeginPacket();
+  }
+  work_ = WorkFor(packet, client, block);
+}
+
+std::optional<Refusal> SeriesTable::Take(const Series& record) {
+  const WriteGuard lock(mutex_);
+  return Take(record, &work_);
+}
+
 void SeriesTable::HandleBlock(const Packet& packet, const ClientId& client, const Block& block) {
   if (block.series.empty()) return;
-  if (options_.page && block.timestamp > now_.seconds + max_ahead_.count()) {
-    refusals_.CountPoints(Refusal::kAhead, block.series.size());
-    return;
+  Work work = WorkFor(packet, client, block);
+  for (const Series& record : block.series) Take(record, &work);
+}
+
+SeriesTable::Work SeriesTable::WorkFor(const Packet& packet, const ClientId& client,
+                                       const Block& block) {
+  const bool ahead = options_.page && block.timestamp > now_.seconds + max_ahead_.count();
+  return {&packet, &client, &block, ahead ? LayoutTable::Target() : layouts_.Find(block), ahead};
+}
+
+std::optional<Refusal> SeriesTable::Take(const Series& record, Work* work) {
+  if (work->ahead || budget_.IsTooMuchWork()) {
+    const Refusal reason = work->ahead ? Refusal::kAhead : Refusal::kWork;
+    refusals_.CountPoints(reason, 1);
+    return reason;
   }
-  LayoutTable::Target target = layouts_.Find(block);
-  const Reporter reporter(client);
-  for (const Series& record : block.series) {
-    if (budget_.IsTooMuchWork()) {
-      refusals_.CountPoints(Refusal::kWork, 1);
-      continue;
-    }
-    identity_.Assign(packet, client, options_.process_label, target.kind, record);
-    budget_.AddWork(identity_.key_bytes());
-    KeyedSeries* keyed =
-        target.metric == nullptr ? nullptr : series_.Find(&identity_, *target.metric);
-    if (keyed == nullptr || keyed->second.layout != target.layout) {
-      keyed = AddOrMove(&target, keyed);
-      if (keyed == nullptr) continue;
-    }
-    if (!target.layout->shown_whole) refusals_.CountPoints(Refusal::kCollision, 1);
-    SeriesEntry& entry = keyed->second;
-    entry.Update(RowOf(target.kind), record, block.timestamp, now_.steady);
-    if (entry.reporters.See(reporter)) {
-      shared_.Add(block, identity_.tags(), reporter, entry.reporters.other());
-    }
+  LayoutTable::Target& target = work->target;
+  identity_.Assign(*work->packet, *work->client, options_.process_label, target.kind, record);
+  budget_.AddWork(identity_.key_bytes());
+  KeyedSeries* keyed =
+      target.metric == nullptr ? nullptr : series_.Find(&identity_, *target.metric);
+  if (keyed == nullptr || keyed->second.layout != target.layout) {
+    if (const auto refusal = AddOrMove(&target, &keyed)) return refusal;
+  }
+  if (!target.layout->shown_whole) refusals_.CountPoints(Refusal::kCollision, 1);
+  Record(keyed, target.kind, record, work->block->timestamp);
+  SeriesEntry& entry = keyed->second;
+  const Reporter reporter(*work->client);
+  if (entry.reporters.See(reporter)) {
+    shared_.Add(*work->block, identity_.tags(), reporter, entry.reporters.other());
+  }
+  return std::nullopt;
+}
+
+void SeriesTable::Record(KeyedSeries* keyed, Kind kind, const Series& record, int64_t timestamp) {
+  if (recorder_ != nullptr) {
+    recorder_->Take(keyed, RowOf(kind), record, timestamp, now_.steady);
+  } else {
+    keyed->second.Update(RowOf(kind), record, timestamp, now_.steady);
   }
 }
 
-KeyedSeries* SeriesTable::AddOrMove(LayoutTable::Target* target, KeyedSeries* known) {
-  if (!HasRoom(*target, known != nullptr)) {
-    Refuse(Refusal::kLimit);
-    return nullptr;
-  }
+std::optional<Refusal> SeriesTable::AddOrMove(LayoutTable::Target* target, KeyedSeries** series) {
+  const bool known = *series != nullptr;
+  if (!HasRoom(*target, known)) return Refuse(Refusal::kLimit);
   if (target->layout == nullptr) layouts_.Add(target, identity_.LabelBytes());
   SeriesLayout* const layout = target->layout;
   budget_.AddWork(layout->CellBytes());
-  if (known != nullptr) {
-    series_.Move(known, layout);
+  if (known) {
+    if (recorder_ != nullptr) recorder_->Restart(*series);
+    series_.Move(*series, layout);
     if (!layout->shown_whole) CountSeriesOnce(Refusal::kCollision);
-    return known;
+    return std::nullopt;
   }
-  KeyedSeries* const added = series_.Add(&identity_, layout);
-  if (added == nullptr) {
-    Refuse(Refusal::kCollision);
-    return nullptr;
-  }
+  *series = series_.Add(&identity_, layout);
+  if (*series == nullptr) return Refuse(Refusal::kCollision);
   ++made_;
   if (!layout->shown_whole) refusals_.CountSeries(Refusal::kCollision);
-  return added;
+  return std::nullopt;
 }
 
 bool SeriesTable::HasRoom(const LayoutTable::Target& target, bool known) {
@@ -133,9 +159,10 @@ bool SeriesTable::HasRoom(const LayoutTable::Target& target, bool known) {
          layouts_.MaxPageBytes(target, identity_.LabelBytes()) <= SeriesBudget::kMaxSeriesPageBytes;
 }
 
-void SeriesTable::Refuse(Refusal reason) {
+Refusal SeriesTable::Refuse(Refusal reason) {
   refusals_.CountPoints(reason, 1);
   CountSeriesOnce(reason);
+  return reason;
 }
 
 void SeriesTable::CountSeriesOnce(Refusal reason) {

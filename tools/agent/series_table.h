@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "agent/health.h"
@@ -15,6 +16,7 @@
 #include "agent/report.h"
 #include "agent/series_budget.h"
 #include "agent/series_identity.h"
+#include "agent/series_recorder.h"
 #include "agent/series_refusals.h"
 #include "agent/series_store.h"
 #include "agent/shared_series_log.h"
@@ -31,7 +33,7 @@ namespace tidegate::agent {
 //
 // A point that is older than the newest of its series changes nothing; histograms and timer rows
 // add up whatever comes. A series without news for `ttl` is gone, and starts again if it comes
-// back.
+// back. All of that can be left to a SeriesRecorder instead, which the table borrows.
 //
 // Threads: Handle and Sweep on the decoder's, AppendPage from any, one at a time. A page is written
 // in short turns between which the decoder goes on; a sweep waits for its end. Memory is bounded:
@@ -58,12 +60,19 @@ class SeriesTable : public PacketSink {
   static constexpr size_t kBytesPerSeries = SeriesBudget::kBytesPerSeries;
   static constexpr size_t kMaxPacketWork = SeriesBudget::kMaxPacketWork;
 
-  SeriesTable(const Options& options, Health* health, Report report, Clock clock = Now);
+  SeriesTable(const Options& options, Health* health, Report report, Clock clock = Now,
+              SeriesRecorder* recorder = nullptr);
   ~SeriesTable() override;
 
   static Time Now();
 
   void Handle(const Packet& packet, const ClientId& client) override;
+
+  // The same step by step, for those who have no whole packet. A packet begins with its first
+  // block. All three are borrowed until the last record of the block. Take returns why the record
+  // was refused, if it was.
+  void StartBlock(const Packet& packet, const ClientId& client, const Block& block);
+  std::optional<Refusal> Take(const Series& record);
 
   // Changes these two of the options.
   void SetTimes(std::chrono::seconds ttl, std::chrono::seconds max_ahead);
@@ -83,14 +92,29 @@ class SeriesTable : public PacketSink {
  private:
   class PageTurns;
 
+  // The block in work.
+  struct Work {
+    const Packet* packet;
+    const ClientId* client;
+    const Block* block;
+    LayoutTable::Target target;
+    bool ahead;
+  };
+
   void HandleBlock(const Packet& packet, const ClientId& client, const Block& block)
       METRICS_REQUIRES(mutex_);
-  // The series of the record in work, in the target's layout; `known` is the series as it was
-  // found, or null. Null if the record is refused.
-  KeyedSeries* AddOrMove(LayoutTable::Target* target, KeyedSeries* known) METRICS_REQUIRES(mutex_);
+  Work WorkFor(const Packet& packet, const ClientId& client, const Block& block)
+      METRICS_REQUIRES(mutex_);
+  std::optional<Refusal> Take(const Series& record, Work* work) METRICS_REQUIRES(mutex_);
+  // The series of the record in work, in the target's layout; `series` is the series as it was
+  // found, or null.
+  std::optional<Refusal> AddOrMove(LayoutTable::Target* target, KeyedSeries** series)
+      METRICS_REQUIRES(mutex_);
+  void Record(KeyedSeries* keyed, Kind kind, const Series& record, int64_t timestamp)
+      METRICS_REQUIRES(mutex_);
   bool HasRoom(const LayoutTable::Target& target, bool known) METRICS_REQUIRES(mutex_);
-  // Counts the record in work, and its series if that is new.
-  void Refuse(Refusal reason) METRICS_REQUIRES(mutex_);
+  // Counts the record in work, and its series if that is new. Returns the reason.
+  Refusal Refuse(Refusal reason) METRICS_REQUIRES(mutex_);
   void CountSeriesOnce(Refusal reason) METRICS_REQUIRES(mutex_);
 
   void SweepIfDue() METRICS_REQUIRES(mutex_);
@@ -100,6 +124,7 @@ class SeriesTable : public PacketSink {
   const Options options_;
   const Clock clock_;
   Health* const health_;
+  SeriesRecorder* const recorder_;  // may be null
   std::atomic<uint64_t> made_{0};
   std::atomic<int> waiting_{0};  // the decoder, for a turn of a page to end
 
@@ -114,6 +139,7 @@ class SeriesTable : public PacketSink {
   SeriesRefusals refusals_ METRICS_GUARDED_BY(mutex_);
   SharedSeriesLog shared_ METRICS_GUARDED_BY(mutex_);
   SeriesIdentity identity_ METRICS_GUARDED_BY(mutex_);    // of the record in work
+  Work work_ METRICS_GUARDED_BY(mutex_) = {};             // of StartBlock
   bool page_in_work_ METRICS_GUARDED_BY(mutex_) = false;  // nothing may be erased
   Time now_ METRICS_GUARDED_BY(mutex_);
   std::chrono::steady_clock::time_point swept_ METRICS_GUARDED_BY(mutex_);
