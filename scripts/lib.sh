@@ -6,7 +6,8 @@ JOBS=${JOBS:-2}
 
 # For the preset `package` and cpack; README names them.
 DEBIAN_PACKAGES=(g++ cmake ninja-build pkgconf zlib1g-dev libcli11-dev nlohmann-json3-dev
-  libcurl4-openssl-dev libmicrohttpd-dev libjs-dygraphs help2man dpkg-dev file)
+  libcurl4-openssl-dev libmicrohttpd-dev libprotozero-dev libsnappy-dev libjs-dygraphs help2man dpkg-dev
+  file)
 BUILD_PACKAGES=("${DEBIAN_PACKAGES[@]}" ccache libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev
   libsqlite3-dev)
 E2E_PACKAGES=(curl jq)
