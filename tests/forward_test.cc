@@ -233,7 +233,7 @@ class ForwarderTest : public testing::Test {
   void Make(
       const ForwardOptions& options,
       std::unique_ptr<PointFormat> format = std::make_unique<InfluxFormat>(ProcessLabel::kNone)) {
-    forwarder_ = std::make_unique<Forwarder>(options, std::move(format), &health_,
+    forwarder_ = std::make_unique<Forwarder>(options, std::move(format), &numbers_, &health_,
                                              [this](const std::string& line) {
                                                const METRICS::WriteGuard guard(mutex_);
                                                log_.push_back(line);
@@ -271,6 +271,7 @@ class ForwarderTest : public testing::Test {
 
   Database database_;  // outlives the forwarder, whose open connection it would wait for
   Health health_;
+  DestinationNumbers numbers_{&health_, "d"};
   METRICS::Mutex mutex_;
   std::vector<std::string> log_ METRICS_GUARDED_BY(mutex_);
   std::unique_ptr<Forwarder> forwarder_;
@@ -289,7 +290,7 @@ TEST_F(ForwarderTest, RetriesUntilTheDatabaseTakesIt) {
   Make(Options(url.insert(7, "me:secret@")));
   forwarder_->Start();
   Handle(1);
-  ASSERT_TRUE(Await([&] { return health_.forwarded_points == 1; }));
+  ASSERT_TRUE(Await([&] { return numbers_.forwarded_points == 1; }));
   EXPECT_GE(steady_clock::now().time_since_epoch() - steady_clock::duration(asked_to_wait.load()),
             milliseconds(990));
   forwarder_->Stop(seconds(10));
@@ -298,9 +299,9 @@ TEST_F(ForwarderTest, RetriesUntilTheDatabaseTakesIt) {
   EXPECT_EQ(request.target, "/insert/0/influx/write?db=x");
   EXPECT_EQ(request.get_header_value("Content-Encoding"), "gzip");
   EXPECT_EQ(request.get_header_value("Authorization"), "Basic bWU6c2VjcmV0");
-  EXPECT_EQ(health_.forward_retried_points, 3U);
-  EXPECT_EQ(health_.forward_batches, 1U);
-  EXPECT_EQ(health_.forward_queue_bytes + health_.forward_queue_points, 0U);
+  EXPECT_EQ(numbers_.retried_points, 3U);
+  EXPECT_EQ(numbers_.batches, 1U);
+  EXPECT_EQ(numbers_.queue_bytes + numbers_.queue_points, 0U);
   const std::string shown = Url() + "/insert/0/influx/write";
   EXPECT_THAT(log(),
               ElementsAre("cannot forward to " + shown + ", HTTP 500: Internal Server Error; " +
@@ -317,10 +318,10 @@ TEST_F(ForwarderTest, DropsWhatIsRefusedAndQuotesTheServerOnce) {
   Make(Options(Url()));
   forwarder_->Start();
   for (int value = 1; value <= 3; ++value) Handle(value);
-  ASSERT_TRUE(Await([&] { return health_.forwarded_points == 1; }));
+  ASSERT_TRUE(Await([&] { return numbers_.forwarded_points == 1; }));
   EXPECT_THAT(database_.bodies(), ElementsAre(LineOf(1), LineOf(2), LineOf(3)));
-  EXPECT_EQ(health_.forward_dropped_rejected, 2U);
-  EXPECT_EQ(health_.forward_retried_points, 0U);
+  EXPECT_EQ(numbers_.Dropped(ForwardDrop::kRejected), 2U);
+  EXPECT_EQ(numbers_.retried_points, 0U);
   forwarder_->Stop(seconds(20));
   const std::string refused = " points that " + Url() + "/write refused";
   EXPECT_THAT(log(), ElementsAre("dropped 1" + refused +
@@ -364,9 +365,10 @@ TEST_F(ForwarderTest, CountsWhatIsDroppedOfABatch) {
   forwarder_->Start();
   for (int value = 1; value <= 6; ++value) Handle(value);
   forwarder_->Stop(seconds(20));
-  EXPECT_EQ(health_.forwarded_points, 1U);
-  EXPECT_EQ(health_.forward_dropped_rejected, 5U);  // lines of the second batch are not all points
-  EXPECT_EQ(health_.forward_batches, 1U);
+  EXPECT_EQ(numbers_.forwarded_points, 1U);
+  EXPECT_EQ(numbers_.Dropped(ForwardDrop::kRejected),
+            5U);  // lines of the second batch are not all points
+  EXPECT_EQ(numbers_.batches, 1U);
 }
 
 TEST_F(ForwarderTest, WaitsForTheSetupOfTheDatabaseForATime) {
@@ -377,15 +379,15 @@ TEST_F(ForwarderTest, WaitsForTheSetupOfTheDatabaseForATime) {
   forwarder_->Start();
   const auto start = steady_clock::now();
   Handle(1);
-  EXPECT_TRUE(Await([&] { return health_.forwarded_points == 1; }));
-  EXPECT_EQ(health_.forward_dropped_rejected, 0U);
+  EXPECT_TRUE(Await([&] { return numbers_.forwarded_points == 1; }));
+  EXPECT_EQ(numbers_.Dropped(ForwardDrop::kRejected), 0U);
   Handle(2);
-  EXPECT_TRUE(Await([&] { return health_.forward_dropped_rejected == 1; }));
+  EXPECT_TRUE(Await([&] { return numbers_.Dropped(ForwardDrop::kRejected) == 1; }));
   EXPECT_GE(steady_clock::now() - start, milliseconds(300));
-  const uint64_t retried = health_.forward_retried_points;
+  const uint64_t retried = numbers_.retried_points;
   Handle(3);
-  EXPECT_TRUE(Await([&] { return health_.forward_dropped_rejected == 2; }));
-  EXPECT_EQ(health_.forward_retried_points, retried);
+  EXPECT_TRUE(Await([&] { return numbers_.Dropped(ForwardDrop::kRejected) == 2; }));
+  EXPECT_EQ(numbers_.retried_points, retried);
   EXPECT_THAT(log(), ElementsAre(HasSubstr("cannot forward to"), HasSubstr("again"),
                                  HasSubstr("dropped 1 points that")));
 }
@@ -398,16 +400,16 @@ TEST_F(ForwarderTest, KeepsTheNewestWhileNobodyListens) {
   forwarder_->Start();
   for (int value = 1; value <= 20; ++value) Handle(value);
   // The first one has failed by then.
-  ASSERT_TRUE(Await([&] { return !log().empty() && health_.forward_queue_points <= 5; }));
+  ASSERT_TRUE(Await([&] { return !log().empty() && numbers_.queue_points <= 5; }));
   Handle(kNan);
   for (int value = 21; value <= 25; ++value) Handle(value);
-  ASSERT_TRUE(Await([&] { return health_.forward_dropped_full == 20; }));
+  ASSERT_TRUE(Await([&] { return numbers_.Dropped(ForwardDrop::kFull) == 20; }));
 
   database_.Serve({Status(204)}, port);
-  ASSERT_TRUE(Await([&] { return health_.forwarded_points == 5; }));
+  ASSERT_TRUE(Await([&] { return numbers_.forwarded_points == 5; }));
   EXPECT_THAT(database_.bodies(),
               ElementsAre(LineOf(21), LineOf(22), LineOf(23), LineOf(24), LineOf(25)));
-  EXPECT_EQ(health_.forward_dropped_empty, 1U);
+  EXPECT_EQ(numbers_.Dropped(ForwardDrop::kEmpty), 1U);
 }
 
 TEST_F(ForwarderTest, SpoolsAnOutageThatIsLongerThanItsQueueAndItself) {
@@ -423,7 +425,7 @@ TEST_F(ForwarderTest, SpoolsAnOutageThatIsLongerThanItsQueueAndItself) {
   const auto run_for = [&](int values) {
     for (const int end = value + values; value < end;) {
       Handle(++value);
-      ASSERT_TRUE(Await([&] { return health_.forward_queue_points <= 5; }));
+      ASSERT_TRUE(Await([&] { return numbers_.queue_points <= 5; }));
     }
   };
   // With a long pause, as a batch that is just being sent would come last.
@@ -432,10 +434,10 @@ TEST_F(ForwarderTest, SpoolsAnOutageThatIsLongerThanItsQueueAndItself) {
   Make(patient);
   forwarder_->Start();
   run_for(1);
-  ASSERT_TRUE(Await([&] { return health_.forward_retried_points > 0; }));
+  ASSERT_TRUE(Await([&] { return numbers_.retried_points > 0; }));
   run_for(49);
   forwarder_->Stop(milliseconds(0));
-  EXPECT_EQ(health_.forward_spool_points, 50U);
+  EXPECT_EQ(numbers_.spool_points, 50U);
 
   // A database that does not answer keeps nothing from the spool.
   std::atomic<bool> answers{false};
@@ -450,13 +452,13 @@ TEST_F(ForwarderTest, SpoolsAnOutageThatIsLongerThanItsQueueAndItself) {
   ASSERT_TRUE(Await([&] { return !database_.requests().empty(); }));
   run_for(50);
   forwarder_->Stop(milliseconds(0));
-  EXPECT_EQ(health_.forward_spool_points, 100U);
+  EXPECT_EQ(numbers_.spool_points, 100U);
   answers = true;
 
   Make(options);
   forwarder_->Start();
   run_for(50);
-  EXPECT_TRUE(Await([&] { return health_.forwarded_points == 150; }));
+  EXPECT_TRUE(Await([&] { return numbers_.forwarded_points == 150; }));
   std::vector<std::string> lines = {LineOf(1)};
   for (int i = 1; i <= value; ++i) lines.push_back(LineOf(i));
   EXPECT_EQ(database_.bodies(), lines);
@@ -471,9 +473,9 @@ TEST_F(ForwarderTest, BoundsTheQueueByBytesToo) {
   options.limits.queue_bytes = 100000;
   Make(options);  // and nothing is taken out
   for (int value = 0; value < 10000; ++value) Handle(value);
-  EXPECT_GT(health_.forward_queue_bytes, 50000U);
-  EXPECT_LE(health_.forward_queue_bytes, 120000U);
-  EXPECT_EQ(health_.forward_queue_points + health_.forward_dropped_full, 10000U);
+  EXPECT_GT(numbers_.queue_bytes, 50000U);
+  EXPECT_LE(numbers_.queue_bytes, 120000U);
+  EXPECT_EQ(numbers_.queue_points + numbers_.Dropped(ForwardDrop::kFull), 10000U);
 }
 
 TEST_F(ForwarderTest, CutsLongPacketsIntoBatches) {
@@ -483,15 +485,15 @@ TEST_F(ForwarderTest, CutsLongPacketsIntoBatches) {
   options.limits.batch_points = 1000;
   Make(options);  // and nothing is taken out yet
   HandleBlock(MakeBlock(1, "m", {}, std::vector<Series>(505, {0, {}, {}, {1}})));
-  EXPECT_EQ(health_.forward_dropped_full, 400U);  // what is open comes on top
+  EXPECT_EQ(numbers_.Dropped(ForwardDrop::kFull), 400U);  // what is open comes on top
   forwarder_->Start();
   forwarder_->Stop(seconds(20));
   // What was open becomes a batch of its own; it takes the place of the oldest one, unless that is
   // on its way already.
-  const uint64_t forwarded = health_.forwarded_points;
+  const uint64_t forwarded = numbers_.forwarded_points;
   EXPECT_TRUE(forwarded == 95 || forwarded == 105) << forwarded;
-  EXPECT_EQ(forwarded + health_.forward_dropped_full, 505U);
-  EXPECT_EQ(health_.forward_batches, (forwarded + 9) / 10);
+  EXPECT_EQ(forwarded + numbers_.Dropped(ForwardDrop::kFull), 505U);
+  EXPECT_EQ(numbers_.batches, (forwarded + 9) / 10);
 }
 
 TEST_F(ForwarderTest, LimitsTheLinesOfOnePacket) {
@@ -500,13 +502,13 @@ TEST_F(ForwarderTest, LimitsTheLinesOfOnePacket) {
   packet.blocks.push_back(MakeBlock(1, std::string((256 << 10) - 100, 'm'), {},
                                     std::vector<Series>(2000, {0, {}, {}, {1}})));
   forwarder_->Handle(packet, ClientId());
-  EXPECT_NEAR(static_cast<double>(health_.forward_dropped_empty), 2000 - 1025, 10);
+  EXPECT_NEAR(static_cast<double>(numbers_.Dropped(ForwardDrop::kEmpty)), 2000 - 1025, 10);
   // Lines that are too long take as much work, so that the next block is beyond the limit too.
-  const uint64_t so_far = health_.forward_dropped_empty;
+  const uint64_t so_far = numbers_.Dropped(ForwardDrop::kEmpty);
   for (Series& record : packet.blocks[0].series) record.tags = {{"k", std::string(100, 'v')}};
   packet.blocks.push_back(MakeBlock(1, "next", {}, {{0, {}, {}, {1}}}));
   forwarder_->Handle(packet, ClientId());
-  EXPECT_EQ(health_.forward_dropped_empty, so_far + 2001);
+  EXPECT_EQ(numbers_.Dropped(ForwardDrop::kEmpty), so_far + 2001);
 }
 
 TEST_F(ForwarderTest, SendsWhatWaitsBeforeItStops) {
@@ -520,7 +522,7 @@ TEST_F(ForwarderTest, SendsWhatWaitsBeforeItStops) {
   Handle(2);
   forwarder_->Stop(seconds(20));
   EXPECT_THAT(database_.bodies(), ElementsAre(LineOf(1) + LineOf(2), LineOf(1) + LineOf(2)));
-  EXPECT_EQ(health_.forwarded_points, 2U);
+  EXPECT_EQ(numbers_.forwarded_points, 2U);
 }
 
 // A socket that listens at a free port of loopback.
@@ -555,7 +557,7 @@ TEST_F(ForwarderTest, StopsInTimeThoughNobodyAnswers) {
     EXPECT_LT(steady_clock::now() - start, seconds(2));
     EXPECT_EQ(log().back(), "dropped 2 points that could not be forwarded");
   }
-  EXPECT_EQ(health_.forward_dropped_shutdown, 4U);
+  EXPECT_EQ(numbers_.Dropped(ForwardDrop::kShutdown), 4U);
 }
 
 // What a hostile server answers: `again` follows over and over, after each pause; if it is empty,
@@ -614,14 +616,14 @@ TEST_F(ForwarderTest, BoundsEveryReplyInBytesAndTime) {
   const UniqueFd client(accept(listener.get(), nullptr, nullptr));
   for (uint64_t points = 1; points <= 2; ++points) {
     Answer(client.get(), {"HTTP/1.1 204 No Content\r\n\r\n", "", 0, ""});
-    EXPECT_TRUE(Await([&] { return health_.forwarded_points == points; }));
+    EXPECT_TRUE(Await([&] { return numbers_.forwarded_points == points; }));
     Handle(2);
   }
   forwarder_->Stop(milliseconds(0));
   struct rusage after = {};
   getrusage(RUSAGE_SELF, &after);
   EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 24 << 10);  // a sanitizer keeps what was freed
-  EXPECT_EQ(health_.forward_retried_points, replies.size());
+  EXPECT_EQ(numbers_.retried_points, replies.size());
   for (size_t i = 0; i < replies.size(); ++i) EXPECT_THAT(log()[i], HasSubstr(replies[i].told));
 }
 

@@ -38,7 +38,7 @@ class SpoolTest : public testing::Test {
     SpoolOptions options;
     options.folder = folder_ / "spool";
     options.bytes = bytes;
-    return std::make_unique<Spool>(options, &health_,
+    return std::make_unique<Spool>(options, &numbers_, &health_,
                                    [this](const std::string& line) { log_.push_back(line); });
   }
   bool Append(const std::string& body, uint64_t points = 1) {
@@ -77,6 +77,7 @@ class SpoolTest : public testing::Test {
   char template_[18] = "/tmp/spool_XXXXXX";
   const fs::path folder_ = mkdtemp(template_);
   Health health_;
+  DestinationNumbers numbers_{&health_, "d"};
   std::vector<std::string> log_;
   std::unique_ptr<Spool> spool_;
 };
@@ -93,11 +94,11 @@ TEST_F(SpoolTest, KeepsItsOrderAndWhatIsLeftOverARestart) {
   EXPECT_THAT(log_, IsEmpty());
   Restart();
   EXPECT_TRUE(Append("four"));
-  EXPECT_EQ(health_.forward_spool_points, 12U);
+  EXPECT_EQ(numbers_.spool_points, 12U);
   EXPECT_THAT(log_, ElementsAre(HasSubstr("/spool has 11 points that wait, the first for ")));
   EXPECT_THAT(Rest(), ElementsAre("two", "three", filling, "four"));
   EXPECT_THAT(Segments(), IsEmpty());
-  EXPECT_EQ(health_.forward_spool_points + health_.forward_spool_bytes, 0U);
+  EXPECT_EQ(numbers_.spool_points + numbers_.spool_bytes, 0U);
   struct stat info = {};
   ASSERT_EQ(stat((folder_ / "spool").c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0700U);
@@ -115,10 +116,10 @@ TEST_F(SpoolTest, DamageCostsOneRecord) {
                           uint64_t damaged) {
     spool_.reset();
     Write(segment, bytes);
-    const uint64_t before = health_.forward_spool_damaged;
+    const uint64_t before = numbers_.spool_damaged;
     Restart();
     EXPECT_EQ(Rest(), kept);
-    EXPECT_EQ(health_.forward_spool_damaged - before, damaged);
+    EXPECT_EQ(numbers_.spool_damaged - before, damaged);
     EXPECT_THAT(Segments(), IsEmpty());
   };
   for (size_t size = begin; size < end; ++size) {
@@ -136,7 +137,7 @@ TEST_F(SpoolTest, DamageCostsOneRecord) {
       expect(bytes, {"one", "three"}, 1);
     }
   }
-  EXPECT_GT(health_.forward_dropped_spool_damaged, 0U);
+  EXPECT_GT(numbers_.Dropped(ForwardDrop::kSpoolDamaged), 0U);
   for (size_t size = 0; size <= kSegmentMagic.size(); ++size) expect(whole.substr(0, size), {}, 0);
 }
 
@@ -146,21 +147,21 @@ TEST_F(SpoolTest, DropsItsOldestSegmentAboveTheBound) {
   for (const int64_t more : {-1, 0, 1}) {
     fs::remove_all(folder_ / "spool");
     Restart(3 * size + static_cast<uint64_t>(more));
-    const uint64_t before = health_.forward_dropped_spool_full;
+    const uint64_t before = numbers_.Dropped(ForwardDrop::kSpoolFull);
     for (int i = 0; i < 3; ++i) EXPECT_TRUE(Append(body, 7));
-    EXPECT_EQ(health_.forward_dropped_spool_full - before, more < 0 ? 7U : 0U);
+    EXPECT_EQ(numbers_.Dropped(ForwardDrop::kSpoolFull) - before, more < 0 ? 7U : 0U);
     EXPECT_EQ(Segments().size(), more < 0 ? 2U : 3U);
     EXPECT_TRUE(Append(std::string(4000, 'x'), 9));  // one that never has room
-    EXPECT_EQ(health_.forward_dropped_spool_full - before, more < 0 ? 16U : 9U);
+    EXPECT_EQ(numbers_.Dropped(ForwardDrop::kSpoolFull) - before, more < 0 ? 16U : 9U);
   }
   // One that is being sent is dropped only if that fails.
   for (const bool gone : {true, false}) {
-    const uint64_t before = health_.forward_dropped_spool_full;
+    const uint64_t before = numbers_.Dropped(ForwardDrop::kSpoolFull);
     ASSERT_FALSE(spool_->Take().empty());
     EXPECT_TRUE(Append(body, 7));
-    EXPECT_EQ(health_.forward_dropped_spool_full, before);
+    EXPECT_EQ(numbers_.Dropped(ForwardDrop::kSpoolFull), before);
     spool_->Settle(gone);
-    EXPECT_EQ(health_.forward_dropped_spool_full - before, gone ? 0U : 7U);
+    EXPECT_EQ(numbers_.Dropped(ForwardDrop::kSpoolFull) - before, gone ? 0U : 7U);
   }
   EXPECT_THAT(log_, ElementsAre(HasSubstr("/spool is full, dropped its oldest 9 points")));
   EXPECT_EQ(Rest().size(), 3U);
@@ -194,11 +195,11 @@ TEST_F(SpoolTest, SaysOnceWhyAFolderCannotBeUsed) {
     spool_.reset();
     fs::remove_all(path);
     test.spoil();
-    const uint64_t before = health_.forward_spool_failures;
+    const uint64_t before = numbers_.spool_failures;
     Restart();
     EXPECT_FALSE(spool_->Open());
     EXPECT_FALSE(Append("one"));
-    EXPECT_EQ(health_.forward_spool_failures - before, 2U);
+    EXPECT_EQ(numbers_.spool_failures - before, 2U);
     test.repair();
     EXPECT_TRUE(Append("one") || spool_->Open());
     EXPECT_TRUE(Append("one"));
@@ -217,7 +218,7 @@ TEST_F(SpoolTest, LeavesOtherFilesAlone) {
   fs::create_directory(path / SpoolFolder::NameOf(8));
   fs::create_symlink(Segments().at(0), path / SpoolFolder::NameOf(9));
   Restart();
-  EXPECT_EQ(health_.forward_spool_damaged, 5U);
+  EXPECT_EQ(numbers_.spool_damaged, 5U);
   EXPECT_THAT(log_, ElementsAre(HasSubstr("leaves out 5 files that are not its own"),
                                 HasSubstr("has 1 points that wait")));
   EXPECT_TRUE(Append("two"));
@@ -248,8 +249,8 @@ TEST_F(SpoolTest, AFullDiskLosesNothing) {
     Restart();
     EXPECT_EQ(Rest(), kept);
   }
-  EXPECT_EQ(health_.forward_spool_damaged, 0U);
-  EXPECT_GT(health_.forward_spool_failures, 10U);
+  EXPECT_EQ(numbers_.spool_damaged, 0U);
+  EXPECT_GT(numbers_.spool_failures, 10U);
 }
 
 }  // namespace

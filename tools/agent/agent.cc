@@ -56,9 +56,10 @@ std::vector<PacketSink*> Agent::Sinks() {
         [this](int error) { PrintingChanged(error); }, &health_));
   }
   if (options_.forward) {
-    sinks.push_back(&forwarder_.emplace(
-        *options_.forward, std::make_unique<InfluxFormat>(options_.process_label), &health_,
-        [this](const std::string& line) { log_.Report(line); }));
+    sinks.push_back(&forwarder_.emplace(*options_.forward,
+                                        std::make_unique<InfluxFormat>(options_.process_label),
+                                        &numbers_.emplace(&health_, "forward"), &health_,
+                                        [this](const std::string& line) { log_.Report(line); }));
   }
   if (!options_.merge) return sinks;
   return {&merge_.emplace(

@@ -116,6 +116,7 @@ class Agent {
   std::atomic<bool> reload_asked_{false};
   static_assert(std::atomic<bool>::is_always_lock_free);
   std::optional<HttpServer> http_;
+  std::optional<DestinationNumbers> numbers_;
   std::optional<Forwarder> forwarder_;
   std::optional<MergeStage> merge_;  // after the sinks
   Decoder decoder_;                  // after all sinks

@@ -183,6 +183,7 @@ void AppendHealth(const Health& health, std::string* page) {
       AppendHead(sample.name, sample.help, sample.counter ? "counter" : "gauge", page);
     }
     SampleWriter writer(false, page);
+    if (!sample.owner.empty()) writer.AddLabel(sample.owner, sample.owner_value);
     if (!sample.label.empty()) writer.AddLabel(sample.label, sample.label_value);
     writer.Integer(sample.name, sample.value);
   });

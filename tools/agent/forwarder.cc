@@ -46,23 +46,24 @@ int64_t NowNanos() {
 }  // namespace
 
 Forwarder::Forwarder(const ForwardOptions& options, std::unique_ptr<const PointFormat> format,
-                     Health* health, Report report)
+                     DestinationNumbers* numbers, Health* health, Report report)
     : format_(std::move(format)),
       options_(WithMagic(options, format_->SpoolMagic())),
+      numbers_(numbers),
       health_(health),
       report_(std::move(report)),
-      spool_(options_.spool, health, report_),
+      spool_(options_.spool, numbers, health, report_),
       queue_(
           options_.limits, options_.spool.folder.empty()
                                ? std::function<bool()>()
                                : [this] { return !spool_.empty() || has_spooled_parts_; }),
       poster_(std::make_unique<HttpPoster>(options_.url, format_->Headers())),
       writer_(format_->MakeWriter()),
-      output_(&queue_, health),
+      output_(&queue_, numbers, health),
       target_{options_.url, options_.timeout},
       random_(std::random_device()()) {
   if (!options_.spool.folder.empty()) {
-    feeder_.emplace(&queue_, &spool_, format_.get(), health_, [this] { PublishSize(); });
+    feeder_.emplace(&queue_, &spool_, format_.get(), numbers_, health_, [this] { PublishSize(); });
   }
 }
 
@@ -114,7 +115,7 @@ void Forwarder::TakeTarget() {
 void Forwarder::DropWhatIsLeft() {
   const uint64_t left = queue_.Clear() + sending_;
   PublishSize();
-  health_->forward_dropped_shutdown += left;
+  numbers_->Dropped(ForwardDrop::kShutdown) += left;
   if (left == 0) return;
   Survives(health_, [&] {
     report_("dropped " + std::to_string(left) + " points that could not be forwarded");
@@ -127,7 +128,7 @@ void Forwarder::Flush() {
 }
 
 bool Forwarder::IsIdle() const {
-  return health_->forward_held_points == 0 && sending_ == 0 && queue_.IsIdle();
+  return numbers_->held_points == 0 && sending_ == 0 && queue_.IsIdle();
 }
 
 void Forwarder::Handle(const Packet& packet, const ClientId& client) {
@@ -262,7 +263,7 @@ bool Forwarder::Deliver(Delivery* delivery) {
     const HttpReply reply = Post(parts.front());
     const Verdict verdict = format_->Read(reply, parts.front().points);
     if (IsWorthRetrying(verdict.kind)) {
-      for (const Batch& part : parts) health_->forward_retried_points += part.points;
+      for (const Batch& part : parts) numbers_->retried_points += part.points;
       retry_at_ = Clock::now() + NextPause(reply.wait);
       failure_ = Shown(reply);
       return false;
@@ -306,8 +307,8 @@ void Forwarder::Settle(Batches* parts, const Verdict& verdict, const HttpReply& 
     Reject(dropped, verdict.words.empty() ? Shown(reply) : verdict.words);
     if (dropped == points) return;
   }
-  health_->forwarded_points += points - dropped;
-  ++health_->forward_batches;
+  numbers_->forwarded_points += points - dropped;
+  ++numbers_->batches;
   if (std::exchange(outage_reported_, false)) {
     report_("forwards to " + target_.url.shown + " again");
   }
@@ -336,12 +337,12 @@ void Forwarder::ReportOutage() {
   if (!IsDue(&next_outage_line_)) return;
   outage_reported_ = true;
   report_("cannot forward to " + target_.url.shown + ", " + failure_ + "; " +
-          std::to_string(queue_.Size().points + health_->forward_spool_points) + " points wait, " +
-          std::to_string(health_->forward_dropped_full) + " dropped as the queue was full");
+          std::to_string(queue_.Size().points + numbers_->spool_points) + " points wait, " +
+          std::to_string(numbers_->Dropped(ForwardDrop::kFull)) + " dropped as the queue was full");
 }
 
 void Forwarder::Reject(uint64_t points, const std::string& words) {
-  health_->forward_dropped_rejected += points;
+  numbers_->Dropped(ForwardDrop::kRejected) += points;
   refused_points_ += points;
   if (!IsDue(&next_refusal_line_)) return;
   report_("dropped " + std::to_string(std::exchange(refused_points_, 0)) + " points that " +
@@ -373,23 +374,23 @@ milliseconds Forwarder::Timeout() const {
   return std::clamp(left, milliseconds(1), target_.timeout);
 }
 
-void Forwarder::CountFull(uint64_t points) { health_->forward_dropped_full += points; }
+void Forwarder::CountFull(uint64_t points) { numbers_->Dropped(ForwardDrop::kFull) += points; }
 
 // Points that were kept, or counted, are no longer in there.
 void Forwarder::CountLost(const Batches& batches) {
-  for (const Batch& lost : batches) health_->forward_dropped_memory += lost.points;
+  for (const Batch& lost : batches) numbers_->Dropped(ForwardDrop::kMemory) += lost.points;
 }
 
 void Forwarder::PublishHeld() {
   const PointWriter::Held held = writer_->held();
-  health_->forward_held_points = held.points;
-  health_->forward_held_bytes = held.bytes;
+  numbers_->held_points = held.points;
+  numbers_->held_bytes = held.bytes;
 }
 
 void Forwarder::PublishSize() {
   const QueueSize size = queue_.Size();
-  health_->forward_queue_points = size.points;
-  health_->forward_queue_bytes = size.bytes;
+  numbers_->queue_points = size.points;
+  numbers_->queue_bytes = size.bytes;
 }
 
 }  // namespace tidegate::agent

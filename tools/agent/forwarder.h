@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "agent/batch_queue.h"
+#include "agent/destination_numbers.h"
 #include "agent/forward_url.h"
 #include "agent/health.h"
 #include "agent/http_poster.h"
@@ -44,16 +45,16 @@ struct ForwardOptions {
 // oldest first, with pauses that grow and are cut at random. A batch that the server refuses
 // otherwise, redirects included, is split if the format can do that, and its parts are sent one
 // after the other; a part that is refused as well and cannot be split is dropped. So are the points
-// of which the server says that it has dropped them. Both are counted in Health and reported, at
+// of which the server says that it has dropped them. Both are counted and reported, at
 // most once per log_interval each. If a reply gets lost, its batch arrives twice.
 //
 // Threads: Handle and Tick on the decoder's; a thread of its own packs and sends, one more feeds
 // the spool; the rest from the owner's. Each of them reports. Handle and Tick never wait. Borrows
-// `health`, which it also forwards.
+// `numbers` and `health`; it forwards all of the latter.
 class Forwarder : public PacketSink {
  public:
   Forwarder(const ForwardOptions& options, std::unique_ptr<const PointFormat> format,
-            Health* health, Report report);
+            DestinationNumbers* numbers, Health* health, Report report);
   ~Forwarder() override;  // stops without sending the points that wait
 
   // Starts the thread, once.
@@ -119,6 +120,7 @@ class Forwarder : public PacketSink {
 
   const std::unique_ptr<const PointFormat> format_;
   const ForwardOptions options_;
+  DestinationNumbers* const numbers_;
   Health* const health_;
   const Report report_;
   Spool spool_;

@@ -1,5 +1,7 @@
 #include "agent/health.h"
 
+#include <algorithm>
+
 namespace tidegate::agent {
 namespace {
 
@@ -14,41 +16,6 @@ DecodeFailure FailureOf(const ReadError& error) {
   return error.offset == kVersionOffset ? DecodeFailure::kVersion : DecodeFailure::kMalformed;
 }
 
-Health::Number::Number(Health* health, Type type, std::string_view name, std::string_view help,
-                       std::string_view reason)
-    : std::atomic<uint64_t>(0), type_(type), name_(name), help_(help), reason_(reason) {
-  (health->last_ == nullptr ? health->first_ : health->last_->next_) = this;
-  health->last_ = this;
-}
-
-uint64_t Health::ForwardDropped() const {
-  return forward_dropped_full + forward_dropped_rejected + forward_dropped_empty +
-         forward_dropped_shutdown + forward_dropped_memory + forward_dropped_spool_full +
-         forward_dropped_spool_damaged + forward_dropped_late;
-}
-
-Health::Number& Health::ForwardDropped(ForwardDrop reason) {
-  switch (reason) {
-    case ForwardDrop::kFull:
-      return forward_dropped_full;
-    case ForwardDrop::kRejected:
-      return forward_dropped_rejected;
-    case ForwardDrop::kEmpty:
-      return forward_dropped_empty;
-    case ForwardDrop::kShutdown:
-      return forward_dropped_shutdown;
-    case ForwardDrop::kMemory:
-      return forward_dropped_memory;
-    case ForwardDrop::kSpoolFull:
-      return forward_dropped_spool_full;
-    case ForwardDrop::kSpoolDamaged:
-      return forward_dropped_spool_damaged;
-    case ForwardDrop::kLate:
-      break;
-  }
-  return forward_dropped_late;
-}
-
 void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
   const auto uptime =
       std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_);
@@ -60,11 +27,47 @@ void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
           {},
           {},
           static_cast<uint64_t>(uptime.count())});
-  for (const Number* number = first_; number != nullptr; number = number->next_) {
-    const std::string_view label = number->reason_.empty() ? "" : "reason";
-    handle({number->name_, number->help_, number->type_ == Type::kCounter, label, number->reason_,
-            number->load(std::memory_order_relaxed)});
+  for (const Number* number = first(); number != nullptr; number = number->next()) {
+    HandOut(*number, {}, handle);
   }
+  for (size_t i = 0; i < lists_.size(); ++i) {
+    const auto same = [&](const OwnedList& list) { return list.owner == lists_[i].owner; };
+    if (std::none_of(lists_.begin(), lists_.begin() + static_cast<std::ptrdiff_t>(i), same)) {
+      ForEachOwned(i, handle);
+    }
+  }
+}
+
+// Of all lists with the owner of that list: each number of all of them, then the next one.
+void Health::ForEachOwned(size_t first, const std::function<void(const Sample&)>& handle) const {
+  size_t size = 0;
+  const auto at = [](const OwnedList& list, size_t index) {
+    const Number* number = list.numbers->first();
+    while (number != nullptr && index-- > 0) number = number->next();
+    return number;
+  };
+  while (at(lists_[first], size) != nullptr) ++size;
+  for (size_t begin = 0, end = 0; begin < size; begin = end) {
+    const std::string_view name = at(lists_[first], begin)->name();
+    while (end < size && at(lists_[first], end)->name() == name) ++end;
+    for (const OwnedList& list : lists_) {
+      if (list.owner != lists_[first].owner) continue;
+      for (size_t i = begin; i < end; ++i) HandOut(*at(list, i), list, handle);
+    }
+  }
+}
+
+void Health::HandOut(const Number& number, const OwnedList& of,
+                     const std::function<void(const Sample&)>& handle) const {
+  handle({number.name(), number.help(), number.type() == Type::kCounter,
+          number.reason().empty() ? "" : "reason", number.reason(),
+          number.load(std::memory_order_relaxed), of.owner, of.value});
+}
+
+uint64_t Health::SumOfLists(std::string_view name) const {
+  uint64_t sum = 0;
+  for (const OwnedList& list : lists_) sum += list.numbers->Sum(name);
+  return sum;
 }
 
 }  // namespace tidegate::agent

@@ -1,14 +1,13 @@
 #pragma once
 
-#include <array>
-#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string_view>
-#include <utility>
+#include <vector>
 
+#include "agent/health_numbers.h"
 #include "agent/packet_reader.h"
 
 namespace tidegate::agent {
@@ -30,31 +29,22 @@ constexpr size_t kRefusals = 4;
 enum class MergeRefusal { kLimit, kColumns, kWork };
 constexpr size_t kMergeRefusals = 3;
 
-// Why a point does not reach a database. The queue was full; the server refused it; the form of the
-// database cannot carry it; it was left when the agent ended; there was no memory for it; the spool
-// was full, or damaged; it came after later ones of its series had been sent.
-enum class ForwardDrop {
-  kFull,
-  kRejected,
-  kEmpty,
-  kShutdown,
-  kMemory,
-  kSpoolFull,
-  kSpoolDamaged,
-  kLate,
-};
-
 // The agent's numbers on itself: the one list that the page of metrics, the forwarded data and the
 // last line of the log are made from. Each is declared once, with its name and its text, in the
-// order of the page.
+// order of the page. Numbers that exist once for each of several things, as destinations, follow in
+// lists of their own.
 //
 // Threads: every number is changed by the one who knows it and read by anyone, each on its own; two
-// of them need not fit each other at every moment. Nothing is allocated. Counters never fall.
-class Health {
+// of them need not fit each other at every moment. Nothing is allocated but by Add, which comes
+// before all other threads. Counters never fall.
+class Health : public NumberList {
  public:
-  enum class Type { kGauge, kCounter };
+  using Number = HealthNumber;
+  using Type = HealthNumber::Type;
+  template <size_t size>
+  using Reasons = ReasonNumbers<size>;
 
-  // One number under its name; it carries one label at most.
+  // One number under its name, with two labels at most.
   struct Sample {
     std::string_view name;  // fit for every receiver, counters end in "_total"
     std::string_view help;
@@ -62,47 +52,8 @@ class Health {
     std::string_view label;        // empty: none
     std::string_view label_value;  // printable ASCII
     uint64_t value;
-  };
-
-  class Number : public std::atomic<uint64_t> {
-   public:
-    // Takes its place at the end of the list of `health`. With a reason, that is its label, and the
-    // numbers of one name follow each other.
-    Number(Health* health, Type type, std::string_view name, std::string_view help,
-           std::string_view reason = {});
-    using std::atomic<uint64_t>::operator=;
-
-   private:
-    friend class Health;
-    const Type type_;
-    const std::string_view name_;
-    const std::string_view help_;
-    const std::string_view reason_;
-    const Number* next_ = nullptr;
-  };
-
-  // A counter for each reason, by the number of the reason.
-  template <size_t size>
-  class Reasons {
-   public:
-    Reasons(Health* health, std::string_view name, std::string_view help,
-            const std::string_view (&reasons)[size])
-        : Reasons(health, name, help, reasons, std::make_index_sequence<size>()) {}
-    Number& operator[](size_t reason) { return numbers_[reason]; }
-    const Number& operator[](size_t reason) const { return numbers_[reason]; }
-    uint64_t Sum() const {
-      uint64_t sum = 0;
-      for (const Number& number : numbers_) sum += number;
-      return sum;
-    }
-
-   private:
-    template <size_t... i>
-    Reasons(Health* health, std::string_view name, std::string_view help,
-            const std::string_view (&reasons)[size], std::index_sequence<i...> /*all*/)
-        : numbers_{{{health, Type::kCounter, name, help, reasons[i]}...}} {}
-
-    std::array<Number, size> numbers_;
+    std::string_view owner = {};  // a second label, such as "destination"; empty: none
+    std::string_view owner_value = {};
   };
 
   Health() = default;
@@ -111,11 +62,17 @@ class Health {
 
   uint64_t Errors() const { return refused.Sum(); }
   uint64_t DroppedPackets() const { return dropped_full + dropped_shutdown + dropped_memory; }
-  uint64_t ForwardDropped() const;
-  Number& ForwardDropped(ForwardDrop reason);
+  uint64_t ForwardDropped() const { return SumOfLists(kUnforwarded); }
   // Of the table and of the queues.
   uint64_t BytesInUse() const {
-    return queued_bytes + series_bytes + merge_bytes + forward_held_bytes + forward_queue_bytes;
+    return queued_bytes + series_bytes + merge_bytes + SumOfLists(kHeldBytes) +
+           SumOfLists(kWaitingBytes);
+  }
+
+  // Adds the numbers of one thing, with the label `owner` and that value. Those of all lists with
+  // one label have the same numbers in the same order. Borrows all three.
+  void Add(std::string_view owner, std::string_view value, const NumberList* numbers) {
+    lists_.push_back({owner, value, numbers});
   }
 
   // Hands out every number as a sample; those of one name follow each other.
@@ -123,8 +80,18 @@ class Health {
 
  private:
   const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-  const Number* first_ = nullptr;
-  Number* last_ = nullptr;
+
+  struct OwnedList {
+    std::string_view owner;
+    std::string_view value;
+    const NumberList* numbers;
+  };
+  void HandOut(const Number& number, const OwnedList& of,
+               const std::function<void(const Sample&)>& handle) const;
+  void ForEachOwned(size_t first, const std::function<void(const Sample&)>& handle) const;
+  uint64_t SumOfLists(std::string_view name) const;
+
+  std::vector<OwnedList> lists_;
 
   static constexpr Type kGauge = Type::kGauge;
   static constexpr Type kCounter = Type::kCounter;
@@ -132,10 +99,13 @@ class Health {
   static constexpr std::string_view kLostHelp = "Messages that were not decoded.";
   static constexpr std::string_view kCut = "tidegate_agent_http_cut_clients_total";
   static constexpr std::string_view kCutHelp = "HTTP clients cut off before they had their answer.";
-  static constexpr std::string_view kDropped = "tidegate_agent_forward_dropped_points_total";
-  static constexpr std::string_view kDroppedHelp = "Points that never reached the database.";
 
  public:
+  // Of destinations.
+  static constexpr std::string_view kHeldBytes = "tidegate_agent_forward_held_bytes";
+  static constexpr std::string_view kWaitingBytes = "tidegate_agent_forward_queue_bytes";
+  static constexpr std::string_view kUnforwarded = "tidegate_agent_forward_dropped_points_total";
+
   // By the reading thread.
   Number clients{this, kGauge, "tidegate_agent_clients", "Connected clients."};
   Number bytes{this, kCounter, "tidegate_agent_received_bytes_total", "Bytes of all messages."};
@@ -202,37 +172,6 @@ class Health {
   Number http_cut_crowded{this, kCounter, kCut, kCutHelp, "crowded"};
   Number http_failed_pages{this, kCounter, "tidegate_agent_http_failed_pages_total",
                            "Pages of metrics that could not be made."};
-
-  // By the forwarder.
-  Number forward_held_points{this, kGauge, "tidegate_agent_forward_held_points",
-                             "Points that are held until their order is sure."};
-  Number forward_held_bytes{this, kGauge, "tidegate_agent_forward_held_bytes", "Bytes of those."};
-  Number forward_queue_points{this, kGauge, "tidegate_agent_forward_queue_points",
-                              "Points that wait to be forwarded."};
-  Number forward_queue_bytes{this, kGauge, "tidegate_agent_forward_queue_bytes", "Bytes of those."};
-  Number forwarded_points{this, kCounter, "tidegate_agent_forwarded_points_total",
-                          "Points that the database took."};
-  Number forward_dropped_full{this, kCounter, kDropped, kDroppedHelp, "full"};
-  Number forward_dropped_rejected{this, kCounter, kDropped, kDroppedHelp, "rejected"};
-  // Points that the form cannot carry, such as one without a number.
-  Number forward_dropped_empty{this, kCounter, kDropped, kDroppedHelp, "empty"};
-  Number forward_dropped_shutdown{this, kCounter, kDropped, kDroppedHelp, "shutdown"};
-  Number forward_dropped_memory{this, kCounter, kDropped, kDroppedHelp, "memory"};
-  Number forward_dropped_spool_full{this, kCounter, kDropped, kDroppedHelp, "spool_full"};
-  Number forward_dropped_spool_damaged{this, kCounter, kDropped, kDroppedHelp, "spool_damaged"};
-  Number forward_dropped_late{this, kCounter, kDropped, kDroppedHelp, "late"};
-  Number forward_retried_points{this, kCounter, "tidegate_agent_forward_retried_points_total",
-                                "Points whose sending failed and is tried again."};
-  Number forward_batches{this, kCounter, "tidegate_agent_forward_batches_total",
-                         "Requests that the database took."};
-  Number forward_spool_points{this, kGauge, "tidegate_agent_forward_spool_points",
-                              "Points that wait in the spool."};
-  Number forward_spool_bytes{this, kGauge, "tidegate_agent_forward_spool_bytes",
-                             "Bytes of its files."};
-  Number forward_spool_failures{this, kCounter, "tidegate_agent_forward_spool_failures_total",
-                                "Times that the spool could not be opened, written or flushed."};
-  Number forward_spool_damaged{this, kCounter, "tidegate_agent_forward_spool_damaged_total",
-                               "Files and parts of files in the spool that could not be read."};
 };
 
 }  // namespace tidegate::agent

@@ -144,6 +144,7 @@ void AppendHealthLines(const Health& health, std::string_view host, int64_t now_
   health.ForEach([&](const Health::Sample& sample) {
     AppendEscaped(LinePart::kMeasurement, sample.name, out);
     AppendTag("host", host, out);
+    if (!sample.owner.empty()) AppendTag(sample.owner, sample.owner_value, out);
     if (!sample.label.empty()) AppendTag(sample.label, sample.label_value, out);
     out->append(" value=");
     out->append(std::to_string(sample.value))

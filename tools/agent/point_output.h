@@ -4,6 +4,7 @@
 #include <string>
 
 #include "agent/batch_queue.h"
+#include "agent/destination_numbers.h"
 #include "agent/health.h"
 
 namespace tidegate::agent {
@@ -15,7 +16,8 @@ namespace tidegate::agent {
 // Not thread-safe: the decoder's thread. Borrows all that it is given.
 class PointOutput {
  public:
-  PointOutput(BatchQueue* queue, Health* health) : queue_(queue), health_(health) {}
+  PointOutput(BatchQueue* queue, DestinationNumbers* numbers, Health* health)
+      : queue_(queue), numbers_(numbers), health_(health) {}
 
   // The bytes of the points that have not gone to the queue, to append to. What is appended may go
   // to the receiver in any body that has what was appended before it.
@@ -26,7 +28,7 @@ class PointOutput {
   void End(uint64_t points) noexcept;
 
   // Counts points that are not written.
-  void Drop(ForwardDrop reason, uint64_t points) { health_->ForwardDropped(reason) += points; }
+  void Drop(ForwardDrop reason, uint64_t points) { numbers_->Dropped(reason) += points; }
 
   // Hands all whole points to the queue.
   void Push() noexcept;
@@ -36,6 +38,7 @@ class PointOutput {
 
  private:
   BatchQueue* const queue_;
+  DestinationNumbers* const numbers_;
   Health* const health_;
   std::string bytes_;
   uint64_t points_ = 0;  // in bytes_

@@ -48,9 +48,10 @@ bool WriteAll(const UniqueFd& file, uint64_t offset, std::string_view bytes) {
 
 }  // namespace
 
-Spool::Spool(SpoolOptions options, Health* health, Report report)
+Spool::Spool(SpoolOptions options, DestinationNumbers* numbers, Health* health, Report report)
     : options_(std::move(options)),
       segment_bytes_(std::min(kLargestSegment, options_.bytes / kSegments)),
+      numbers_(numbers),
       health_(health),
       report_(std::move(report)) {}
 
@@ -275,7 +276,7 @@ void Spool::Close() {
 }
 
 void Spool::CountFull(uint64_t points) {
-  health_->forward_dropped_spool_full += points;
+  numbers_->Dropped(ForwardDrop::kSpoolFull) += points;
   dropped_ += points;
   const auto now = std::chrono::steady_clock::now();
   if (dropped_ == 0 || now < next_full_line_) return;
@@ -284,15 +285,15 @@ void Spool::CountFull(uint64_t points) {
 }
 
 void Spool::Damaged(uint64_t pieces, uint64_t points, const std::string& what) {
-  health_->forward_spool_damaged += pieces;
-  health_->forward_dropped_spool_damaged += points;
+  numbers_->spool_damaged += pieces;
+  numbers_->Dropped(ForwardDrop::kSpoolDamaged) += points;
   if (what == last_damage_) return;
   last_damage_ = what;
   Tell({"leaves out ", what});
 }
 
 bool Spool::Failed(const char* what, const std::string& why) {
-  ++health_->forward_spool_failures;
+  ++numbers_->spool_failures;
   if (why == trouble_) return false;
   trouble_ = why;
   Tell({what, ": ", why, "; points wait in memory"});
@@ -315,8 +316,8 @@ void Spool::Tell(std::initializer_list<std::string_view> texts) {
 }
 
 void Spool::Publish() {
-  health_->forward_spool_bytes = bytes_;
-  health_->forward_spool_points = points_;
+  numbers_->spool_bytes = bytes_;
+  numbers_->spool_points = points_;
 }
 
 }  // namespace tidegate::agent

@@ -10,7 +10,7 @@
 #include <string_view>
 
 #include "agent/batch.h"
-#include "agent/health.h"
+#include "agent/destination_numbers.h"
 #include "agent/report.h"
 #include "agent/spool_folder.h"
 #include "agent/spool_segment.h"
@@ -31,14 +31,14 @@ struct SpoolOptions {
 // batches are gone; until then each of those is marked, so that the next agent does not send it
 // again. Segments are flushed to the disk when they are full and by Close.
 //
-// A part that cannot be read does not affect the rest. It is counted in Health, with its points
+// A part that cannot be read does not affect the rest. It is counted, with its points
 // where they are known. Each trouble of the disk is reported once until it is over.
 //
 // Threads: any; each waits for the disk, and for another one that does, but not in `empty`.
-// Borrows `health`.
+// Borrows `numbers` and `health`.
 class Spool {
  public:
-  Spool(SpoolOptions options, Health* health, Report report);
+  Spool(SpoolOptions options, DestinationNumbers* numbers, Health* health, Report report);
 
   const SpoolOptions& options() const { return options_; }
 
@@ -90,6 +90,7 @@ class Spool {
 
   const SpoolOptions options_;
   const uint64_t segment_bytes_;
+  DestinationNumbers* const numbers_;
   Health* const health_;
   const Report report_;
   std::atomic<size_t> waiting_{0};  // records

@@ -45,7 +45,7 @@ bool SpoolFeeder::Keep(Batches* batch) {
     kept = spool_->Append(content);
   });
   if (kept) batch->clear();
-  health_->forward_dropped_full += queue_->ReturnFromSpool(std::move(*batch));
+  numbers_->Dropped(ForwardDrop::kFull) += queue_->ReturnFromSpool(std::move(*batch));
   moved_();
   return kept;
 }

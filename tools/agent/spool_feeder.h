@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "agent/batch_queue.h"
-#include "agent/health.h"
+#include "agent/destination_numbers.h"
 #include "agent/point_format.h"
 #include "agent/spool.h"
 
@@ -21,9 +21,14 @@ class SpoolFeeder {
  public:
   // `format` packs what is not packed yet. `moved` is called, on any of these threads, after the
   // queue has changed.
-  SpoolFeeder(BatchQueue* queue, Spool* spool, const PointFormat* format, Health* health,
-              std::function<void()> moved)
-      : queue_(queue), spool_(spool), format_(format), health_(health), moved_(std::move(moved)) {}
+  SpoolFeeder(BatchQueue* queue, Spool* spool, const PointFormat* format,
+              DestinationNumbers* numbers, Health* health, std::function<void()> moved)
+      : queue_(queue),
+        spool_(spool),
+        format_(format),
+        numbers_(numbers),
+        health_(health),
+        moved_(std::move(moved)) {}
   ~SpoolFeeder() { Stop(); }
 
   // Starts the thread, once.
@@ -40,6 +45,7 @@ class SpoolFeeder {
   BatchQueue* const queue_;
   Spool* const spool_;
   const PointFormat* const format_;
+  DestinationNumbers* const numbers_;
   Health* const health_;
   const std::function<void()> moved_;
   std::thread thread_;
