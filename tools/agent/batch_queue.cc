@@ -7,12 +7,16 @@ namespace tidegate::agent {
 namespace {
 
 using METRICS::WriteGuard;
+using WallClock = std::chrono::system_clock;
 
 // A full queue drops whole batches, so a batch must be a small part of it.
 constexpr uint64_t kBatchesInQueue = 10;
 
 // The spool gets the batches above this part of the queue.
 constexpr uint64_t kMarkDivisor = 2;
+
+// Points that wait for the time of a spread take no more than this part.
+constexpr uint64_t kSpreadDivisor = 4;
 
 // After Flush; a pause may have been set just before.
 constexpr std::chrono::milliseconds kLongestFlushPause{500};
@@ -30,10 +34,12 @@ BatchLimits Sane(BatchLimits limits) {
 BatchQueue::BatchQueue(const BatchLimits& limits, std::function<bool()> has_spooled)
     : limits_(Sane(limits)),
       has_spooled_(std::move(has_spooled)),
+      times_(limits.send, limits.interval),
       spooling_(has_spooled_ != nullptr) {}
 
 uint64_t BatchQueue::Append(std::string_view lines, uint64_t points) {
   const WriteGuard lock(mutex_);
+  times_.Came(WallClock::now(), points);
   if (OpenPoints() + points > limits_.batch_points) CloseOpen();
   if (open_.empty()) {
     Batches batch(1);
@@ -57,14 +63,17 @@ Batches BatchQueue::Take(Clock::time_point until) {
   packing_ = false;
   while (true) {
     const Clock::time_point now = Clock::now();
-    if (!open_.empty() && (flushing_ || now >= open_since_ + limits_.interval)) CloseOpen();
+    if (IsOpenDue(now)) CloseOpen();
     const Next next = WhatIsNext();
-    if (next == Next::kSpooled && now >= send_at_) return {};
-    if (next == Next::kPacked && now >= send_at_) return Pop(&packed_, packed_.begin());
+    if (next == Next::kSpooled) times_.CatchUp();
+    if (IsSendable(next) && now >= times_.send_at()) {
+      return next == Next::kPacked ? Pop(&packed_, packed_.begin()) : Batches();
+    }
     if (!raw_.empty()) {
       packing_ = true;
       return Pop(&raw_, raw_.begin());
     }
+    if (next == Next::kNothing && times_.is_open()) times_.Emptied(now, WallClock::now());
     if (now >= until || (flushing_ && next == Next::kNothing)) return {};
     changed_.WaitUntil(mutex_, NextEvent(until, next));
   }
@@ -72,7 +81,7 @@ Batches BatchQueue::Take(Clock::time_point until) {
 
 bool BatchQueue::IsSpooledDue() const {
   const WriteGuard lock(mutex_);
-  return WhatIsNext() == Next::kSpooled && Clock::now() >= send_at_;
+  return WhatIsNext() == Next::kSpooled && Clock::now() >= times_.send_at();
 }
 
 uint64_t BatchQueue::ReturnPacked(Batches batch) {
@@ -86,7 +95,7 @@ uint64_t BatchQueue::ReturnPacked(Batches batch) {
 
 uint64_t BatchQueue::ReturnUnsent(Batches parts, Clock::time_point retry_at) {
   const WriteGuard lock(mutex_);
-  send_at_ = flushing_ ? std::min(retry_at, Clock::now() + kLongestFlushPause) : retry_at;
+  times_.Failed(flushing_ ? std::min(retry_at, Clock::now() + kLongestFlushPause) : retry_at);
   if (parts.empty()) return 0;
   const bool older = spooling_ || HasSpooled();
   for (Batch& part : parts) {
@@ -104,7 +113,7 @@ Batches BatchQueue::TakeToSpool(Clock::time_point from, Clock::time_point until)
     const Clock::time_point now = Clock::now();
     if (now >= until) break;
     // A batch that is being packed may be the oldest.
-    if (now >= from && !packing_ && IsAboveMark()) {
+    if (now >= from && !packing_ && IsAbove(kMarkDivisor)) {
       const auto packed = FirstToSpool();
       const bool is_packed = packed != packed_.end();
       if (is_packed || !raw_.empty()) {
@@ -131,6 +140,11 @@ uint64_t BatchQueue::ReturnFromSpool(Batches batch) {
   return DropAboveLimits();
 }
 
+void BatchQueue::Sent(uint64_t points) {
+  const WriteGuard lock(mutex_);
+  if (!flushing_) times_.Sent(Clock::now(), WallClock::now(), points);
+}
+
 void BatchQueue::StopSpooling() {
   const WriteGuard lock(mutex_);
   spooling_ended_ = true;
@@ -154,7 +168,7 @@ void BatchQueue::Flush() {
 
 void BatchQueue::SendNow() {
   const WriteGuard lock(mutex_);
-  send_at_ = Clock::now();
+  times_.SendNow(Clock::now());
   changed_.NotifyAll();
 }
 
@@ -219,16 +233,28 @@ Batches::iterator BatchQueue::FirstToSpool() {
   return std::find_if(packed_.begin(), packed_.end(), [](const Batch& b) { return !b.older; });
 }
 
-bool BatchQueue::IsAboveMark() const {
-  return size_.points > limits_.queue_points / kMarkDivisor ||
-         size_.bytes > limits_.queue_bytes / kMarkDivisor;
+bool BatchQueue::IsAbove(uint64_t parts) const {
+  return size_.points > limits_.queue_points / parts || size_.bytes > limits_.queue_bytes / parts;
+}
+
+// At the time of a spread once. What comes while other batches are sent is gathered as without one.
+bool BatchQueue::IsOpenDue(Clock::time_point now) {
+  const bool opens = times_.Opens(now);
+  if (open_.empty()) return false;
+  return flushing_ || opens || (times_.is_open() && now >= open_since_ + limits_.interval);
+}
+
+// If it is not too early.
+bool BatchQueue::IsSendable(Next next) const {
+  if (next == Next::kSpooled) return true;
+  return next == Next::kPacked && (flushing_ || times_.is_open() || IsAbove(kSpreadDivisor));
 }
 
 BatchQueue::Clock::time_point BatchQueue::NextEvent(Clock::time_point until, Next next) const {
   Clock::time_point event = until;
-  if (next == Next::kPacked || next == Next::kSpooled) event = std::min(event, send_at_);
-  if (!open_.empty()) event = std::min(event, open_since_ + limits_.interval);
-  return event;
+  if (IsSendable(next)) event = std::min(event, times_.send_at());
+  if (!times_.is_open()) return std::min(event, times_.opens_at());
+  return open_.empty() ? event : std::min(event, open_since_ + limits_.interval);
 }
 
 }  // namespace tidegate::agent

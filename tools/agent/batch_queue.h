@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "agent/batch.h"
+#include "agent/send_times.h"
 #include "util/condition.h"
 #include "util/metric_lock.h"
 
@@ -18,6 +19,7 @@ struct BatchLimits {
   std::chrono::milliseconds interval{1000};  // or is this old
   uint64_t queue_points = 1000000;           // what waits, in points
   size_t queue_bytes = size_t{64} << 20;     // and in bytes, compressed where that is done
+  SendRules send;                            // with a spread, a batch is closed when it is sent
 };
 
 // The content of the queue, without the batch that a thread has taken out.
@@ -52,7 +54,8 @@ class BatchQueue {
   uint64_t Append(std::string_view lines, uint64_t points);
 
   // The next batch, alone in its list: the oldest unpacked one while it is too early to send, else
-  // the oldest packed one. Waits for a batch until `until`, after Flush only for the time to send.
+  // the oldest packed one. It is too early before the time of a spread, unless the queue is more
+  // than a quarter full. Waits for a batch until `until`, after Flush only for the time to send.
   // Returns an empty list if there is none, or if it is time to send one of the spool.
   Batches Take(Clock::time_point until);
 
@@ -75,13 +78,17 @@ class BatchQueue {
   // its content. Returns how many points had to go for it.
   uint64_t ReturnFromSpool(Batches batch);
 
+  // The destination has dealt with `points` of a batch that was taken out here or of the spool: it
+  // can be too early now for the next.
+  void Sent(uint64_t points);
+
   void StopSpooling();
 
   // The oldest batch of all that is left, open or not; an empty list if there is none.
   Batches TakeRest();
 
-  // From now on the open batch does not wait to become full or old. It is no more too early to
-  // send.
+  // From now on the open batch does not wait to become full or old, nor anything for its time to be
+  // sent. It is no more too early to send.
   void Flush();
 
   // It is no more too early to send now.
@@ -109,7 +116,10 @@ class BatchQueue {
   Next WhatIsNext() const METRICS_REQUIRES(mutex_);
   Batches::iterator FirstToSpool() METRICS_REQUIRES(mutex_);
   bool HasSpooled() const { return has_spooled_ && has_spooled_(); }
-  bool IsAboveMark() const METRICS_REQUIRES(mutex_);
+  // Whether the queue is fuller than one part of `parts`.
+  bool IsAbove(uint64_t parts) const METRICS_REQUIRES(mutex_);
+  bool IsOpenDue(Clock::time_point now) METRICS_REQUIRES(mutex_);
+  bool IsSendable(Next next) const METRICS_REQUIRES(mutex_);
   Clock::time_point NextEvent(Clock::time_point until, Next next) const METRICS_REQUIRES(mutex_);
 
   const BatchLimits limits_;
@@ -122,7 +132,7 @@ class BatchQueue {
   Batches open_ METRICS_GUARDED_BY(mutex_);                  // one at most, not counted in size_
   Clock::time_point open_since_ METRICS_GUARDED_BY(mutex_);  // the first line in open_ came then
   QueueSize size_ METRICS_GUARDED_BY(mutex_);                // of packed_ and raw_
-  Clock::time_point send_at_ METRICS_GUARDED_BY(mutex_);     // it is too early to send before this
+  SendTimes times_ METRICS_GUARDED_BY(mutex_);
   bool flushing_ METRICS_GUARDED_BY(mutex_) = false;
   bool packing_ METRICS_GUARDED_BY(mutex_) = false;  // the one that sends has a batch to pack it
   bool spooling_ METRICS_GUARDED_BY(mutex_);         // the one that spools has a batch

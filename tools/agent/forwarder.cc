@@ -270,6 +270,7 @@ bool Forwarder::Deliver(Delivery* delivery) {
     }
     failures_ = 0;
     if (verdict.kind == Verdict::Kind::kRefused && Split(delivery)) continue;
+    queue_.Sent(parts.front().points);
     Settle(&parts, verdict, reply);
   }
   return true;
