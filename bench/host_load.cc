@@ -1,6 +1,6 @@
-// host_load SOCKET [SERIES INTERVAL SECONDS]: one service of a host, for measuring what stands after
-// it. SERIES (1000) counters with three tags add to themselves twice in each INTERVAL (10) for
-// SECONDS (60). At the end it prints `host_load: emitted TOTAL`, the sum of all that was added.
+// host_load SOCKET [SERIES INTERVAL SECONDS]: one service of a host, for measuring what stands
+// after it. SERIES (1000) counters with three tags add to themselves twice in each INTERVAL (10)
+// for SECONDS (60). At the end it prints `host_load: emitted TOTAL`, the sum of all that was added.
 
 #include <chrono>
 #include <cinttypes>
@@ -27,7 +27,8 @@ int main(int argc, char** argv) {
   options.socket_path = argv[1];
   options.interval = interval;
   tidegate::Metrics metrics(options);
-  const tidegate::Counter bytes = metrics.Counter("web.requests.bytes", {"method", "path", "status"});
+  const tidegate::Counter bytes =
+      metrics.Counter("web.requests.bytes", {"method", "path", "status"});
   std::vector<tidegate::BoundCounter> counters;
   for (int i = 0; i < series; ++i) {
     counters.push_back(bytes.With({{"method", i % 2 == 0 ? "get" : "post"},

@@ -38,7 +38,8 @@ TEST_F(AgentHostTest, RefusesBadSettingsInOneLine) {
       {{"--process-label", "slot", "--label-pid"}, "--label-pid"},
       {{"--http", "9464"}, "\"9464\" is no address, give HOST:PORT as 127.0.0.1:9464"},
       {{"--forward", "http://me:secret@db:x/"}, "--forward: \"http://...@db:x/\" is no URL"},
-      {{"--forward-interval", "nan"}, "--forward-interval: \"nan\" is no number of seconds"},
+      {{"--forward-interval", "nan"}, "--forward-interval: \"nan\" is no number"},
+      {{"--forward-catch-up", "1"}, "--forward-catch-up: \"1\" is too low"},
       {{"--merge", "--label-pid"}, "--merge: makes one series of all processes"},
       {{"--print", "xml"}, "xml not in {text,json}"},
       {{"--config", folder_ / "none"}, "none"},
@@ -211,6 +212,9 @@ TEST_F(AgentHostTest, LosesNothingOfItsSpoolThoughItIsKilled) {
                                           "200",
                                           "--forward-batch-points",
                                           "1",
+                                          "--no-spread",
+                                          "--forward-catch-up",
+                                          "0",
                                           "--drain",
                                           "0"};
   const auto number = [&](const std::string& name) {

@@ -77,7 +77,7 @@ start demo "$ROOT/build/release/examples/demo_service" "$tmp/agent.sock" --secon
 start_database
 sleep 2
 start agent "$ROOT/build/release/tools/agent/tidegate-agent" --socket "$tmp/agent.sock" \
-  --http "127.0.0.1:$agent_port" --forward "$vm/write"
+  --http "127.0.0.1:$agent_port" --forward "$vm/write" --no-spread
 await "the start of the agent" 10 test -S "$tmp/agent.sock"
 start process "$ROOT/build/release/examples/process_metrics" "$tmp/agent.sock" "$SERVICE_SECONDS"
 start_prometheus

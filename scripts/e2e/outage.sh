@@ -23,7 +23,8 @@ EOF
 
 start_agent() {
   start agent "$ROOT/build/release/tools/agent/tidegate-agent" --socket "$tmp/agent.sock" \
-    --print json --http "127.0.0.1:$agent_port" --forward "$vm/write" --forward-interval 0.5
+    --print json --http "127.0.0.1:$agent_port" --forward "$vm/write" --forward-interval 0.5 \
+    --no-spread --forward-catch-up 0
   await "the start of the agent" 10 test -S "$tmp/agent.sock"
 }
 

@@ -18,7 +18,7 @@ start_agents() {
     [[ $mode != merge ]] || flags=(--merge)
     pick_port && agents[$mode]=http://127.0.0.1:$port
     start "agent-$mode" "$ROOT/build/release/tools/agent/tidegate-agent" "${flags[@]}" \
-      --socket "$tmp/$mode.sock" --http "127.0.0.1:$port" --forward-interval 0.5 \
+      --socket "$tmp/$mode.sock" --http "127.0.0.1:$port" --forward-interval 0.5 --no-spread \
       --forward "$vm/write?extra_label=mode=$mode"
     await "the start of the agent" 10 test -S "$tmp/$mode.sock"
   done

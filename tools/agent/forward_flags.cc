@@ -10,6 +10,7 @@ namespace {
 
 // Beyond that a number is a mistake.
 constexpr double kLongestTime = 3600;
+constexpr double kMostCatchUp = 1000000;
 constexpr uint64_t kMostPoints = 1000000000;
 constexpr uint64_t kMostBytes = uint64_t{1} << 40;
 constexpr uint64_t kFewestBytes = 65536;
@@ -37,7 +38,14 @@ std::string CheckUrl(const std::string& text) {
 std::string CheckNoNan(const std::string& text) {
   double number = 0;
   const bool is_nan = CLI::detail::lexical_cast(text, number) && std::isnan(number);
-  return is_nan ? "\"" + text + "\" is no number of seconds" : "";
+  return is_nan ? "\"" + text + "\" is no number" : "";
+}
+
+// At the rate at which points come in, or more slowly, none would ever catch up.
+std::string CheckCatchUp(const std::string& text) {
+  double times = 0;
+  if (!CLI::detail::lexical_cast(text, times)) return "";
+  return times > 0 && times < 1.1 ? "\"" + text + "\" is too low, give 1.1 or more, or 0" : "";
 }
 
 void AddSeconds(CLI::App* app, const char* name, double least, double* seconds, const char* help) {
@@ -74,6 +82,16 @@ void ForwardFlags::DeclareOn(CLI::App* app) {
       ->check(CLI::Range(kFewestBytes, kMostBytes))
       ->capture_default_str();
   AddSeconds(app, "--forward-timeout", 0.1, &timeout, "Seconds for a request and its reply");
+  CLI::Option* const spread_flag = app->add_flag(
+      "--spread", spread,
+      "Send once in each interval of the services, at a time of this host's own: the default");
+  app->add_flag("--no-spread", no_spread, "Send points as they come")->excludes(spread_flag);
+  app->add_option("--forward-catch-up", catch_up,
+                  "After an outage, send so many times as fast as points come in; 0: no bound")
+      ->check(CLI::Range(0.0, kMostCatchUp))
+      ->check(CheckNoNan)
+      ->check(CheckCatchUp)
+      ->capture_default_str();
 }
 
 ForwardOptions ForwardFlags::ToOptions() const {
@@ -88,6 +106,8 @@ ForwardOptions ForwardFlags::ToOptions() const {
   options.spool.folder = spool;
   options.spool.bytes = spool_bytes;
   options.host = HostName();
+  options.limits.send.catch_up = catch_up;
+  if (spread && !no_spread) options.limits.send.spread = SpreadHash(options.host, "forward");
   return options;
 }
 

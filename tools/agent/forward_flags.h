@@ -20,7 +20,10 @@ struct ForwardFlags {
   uint64_t queue_points = BatchLimits().queue_points;
   size_t queue_bytes = BatchLimits().queue_bytes;
   double timeout = 10;
-  std::string spool;  // empty: there is none
+  bool spread = true;
+  bool no_spread = false;
+  double catch_up = 2;  // times the rate of points that come in; 0: no bound
+  std::string spool;    // empty: there is none
   uint64_t spool_bytes = SpoolOptions().bytes;
 
   // Makes `app` fill this object, and refuse what cannot be meant.

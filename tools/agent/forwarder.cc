@@ -357,16 +357,21 @@ bool Forwarder::IsDue(Clock::time_point* next_line) const {
   return true;
 }
 
-// Doubles up to the longest pause and takes off up to half of it, so that many agents do not come
-// back in step. A server that names a time is not asked before it.
+// Doubles up to the longest pause, half of which is random, so that many agents do not come back in
+// step. A server that names a time is not asked before it, and not by all at that time.
 milliseconds Forwarder::NextPause(milliseconds wanted) {
   constexpr int kMostDoublings = 20;
   const int doublings = std::min(failures_++, kMostDoublings);
-  const milliseconds full =
+  milliseconds full =
       std::min<milliseconds>(options_.first_pause * (1LL << doublings), options_.longest_pause);
-  const milliseconds cut(
-      std::uniform_int_distribution<milliseconds::rep>(0, full.count() / 2)(random_));
-  return draining_ ? std::min(full - cut, kLongestDrainPause) : std::max(full - cut, wanted);
+  milliseconds least = full / 2;
+  if (!draining_) {
+    full = std::max(full, wanted);
+    least = std::max(least, wanted);
+  }
+  const milliseconds pause = least + milliseconds(std::uniform_int_distribution<milliseconds::rep>(
+                                         0, full.count() / 2)(random_));
+  return draining_ ? std::min(pause, kLongestDrainPause) : pause;
 }
 
 milliseconds Forwarder::Timeout() const {

@@ -63,7 +63,7 @@ bool RecentArrivals::IsEvenAt(int64_t interval) const {
 
 double RecentArrivals::PointsPerSecond(int64_t second) {
   MoveTo(std::max<int64_t>(second, 0));
-  const int64_t seen = std::clamp(newest_ - since_, kLeastSeconds, kSeconds);
+  const int64_t seen = std::clamp(newest_ - since_ + 1, kLeastSeconds, kSeconds);
   return static_cast<double>(sum_) / static_cast<double>(seen);
 }
 

@@ -54,8 +54,8 @@ void SendTimes::Failed(Clock::time_point retry_at) {
 
 void SendTimes::Sent(Clock::time_point now, WallTime wall, uint64_t points) {
   if (!catching_up_ || rules_.catch_up <= 0) return;
-  const double rate = std::max(rules_.catch_up * arrivals_.PointsPerSecond(SecondsOf(wall)),
-                               kLeastPointsPerSecond);
+  const double rate =
+      std::max(rules_.catch_up * arrivals_.PointsPerSecond(SecondsOf(wall)), kLeastPointsPerSecond);
   const double pause = std::min(static_cast<double>(points) / rate, kLongestPause);
   send_at_ = now + milliseconds(static_cast<int64_t>(pause * 1000));
 }
