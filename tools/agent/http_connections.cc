@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <climits>
+#include <exception>
+#include <memory>
 #include <utility>
 
 namespace tidegate::agent {
@@ -10,17 +12,47 @@ namespace {
 constexpr size_t kConnectionMemory = 32 << 10;  // of the library, for the head and what it became
 constexpr size_t kSpareClients = 32;            // that are cut and not gone yet
 
-constexpr const char* kMetricsType = "text/plain; version=0.0.4; charset=utf-8";
 constexpr const char* kTextType = "text/plain";
-constexpr std::string_view kWelcomePage =
-    "<!DOCTYPE html><title>tidegate-agent</title><h1>tidegate-agent</h1>\n"
-    "<p>Version " TIDEGATE_VERSION
-    ". Receives metrics of the services on this host over a local socket.</p>\n"
-    "<ul><li><a href=\"/metrics\">/metrics</a>: the newest value of every series, for Prometheus\n"
-    "<li><a href=\"/healthz\">/healthz</a>: says ok</ul>\n";
+constexpr std::string_view kApiPaths[] = {"/api/status", "/api/metrics", "/api/series",
+                                          "/api/points"};
 
 const char* Header(MHD_Connection* connection, const char* name) {
   return MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
+}
+
+// Whether the client has it already.
+bool Has(MHD_Connection* connection, std::string_view etag) {
+  const char* const header = Header(connection, MHD_HTTP_HEADER_IF_NONE_MATCH);
+  if (header == nullptr || etag.empty()) return false;
+  const std::string_view tags(header);
+  return tags == "*" || tags.find(etag) != std::string_view::npos;
+}
+
+MHD_Result AddArgument(void* request, MHD_ValueKind /*kind*/, const char* key, size_t key_size,
+                       const char* value, size_t value_size) {
+  auto* const arguments = &static_cast<HttpRequest*>(request)->arguments;
+  try {
+    arguments->emplace_back(std::string(key, key_size),
+                            value == nullptr ? std::string() : std::string(value, value_size));
+    return MHD_YES;
+  } catch (const std::exception&) {
+    return MHD_NO;
+  }
+}
+
+// Null without memory.
+HttpAnswers::Request RequestOf(MHD_Connection* connection, std::string_view path) noexcept {
+  try {
+    auto request = std::make_shared<HttpRequest>();
+    request->path = path;
+    const int all = MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, nullptr, nullptr);
+    const int read = MHD_get_connection_values_n(connection, MHD_GET_ARGUMENT_KIND, AddArgument,
+                                                 request.get());
+    if (request->arguments.size() != static_cast<size_t>(all) || read != all) return nullptr;
+    return request;
+  } catch (const std::exception&) {
+    return nullptr;
+  }
 }
 
 bool HasBody(MHD_Connection* connection) {
@@ -31,13 +63,13 @@ bool HasBody(MHD_Connection* connection) {
 
 }  // namespace
 
-HttpConnections::HttpConnections(const HttpLimits& limits, std::function<void()> make_page,
+HttpConnections::HttpConnections(const HttpLimits& limits, Make make_page, Make make_answer,
                                  Health* health)
     : limits_(limits),
-      make_page_(std::move(make_page)),
       health_(health),
       clients_(limits.connections + kSpareClients),
-      pages_(std::max<size_t>(limits.pages, 2)) {}
+      answers_{HttpAnswers(std::max<size_t>(limits.pages, 2), std::move(make_page), health),
+               HttpAnswers(std::max<size_t>(limits.answers, 2), std::move(make_answer), health)} {}
 
 HttpConnections::~HttpConnections() {
   if (daemon_ == nullptr) return;
@@ -47,24 +79,16 @@ HttpConnections::~HttpConnections() {
   MHD_stop_daemon(daemon_);
 }
 
-HttpConnections::Response HttpConnections::MakeResponse(std::string_view text, const char* type) {
-  Response response(MHD_create_response_from_buffer(text.size(), const_cast<char*>(text.data()),
-                                                    MHD_RESPMEM_PERSISTENT));
-  if (response == nullptr ||
-      MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONTENT_TYPE, type) != MHD_YES) {
-    return nullptr;
-  }
-  return response;
-}
-
 bool HttpConnections::Open() {
-  welcome_ = MakeResponse(kWelcomePage, "text/html; charset=utf-8");
-  healthy_ = MakeResponse("ok\n", kTextType);
-  not_found_ = MakeResponse("no such page\n", kTextType);
-  not_allowed_ = MakeResponse("only GET and HEAD\n", kTextType);
-  no_body_ = MakeResponse("no request with a body\n", kTextType);
-  unavailable_ = MakeResponse("no memory for the page\n", kTextType);
-  if (!welcome_ || !healthy_ || !not_found_ || !not_allowed_ || !no_body_ || !unavailable_) {
+  const auto make = [](std::string_view text) {
+    return MakeResponse(text.data(), text.size(), kTextType, nullptr);
+  };
+  healthy_ = make("ok\n");
+  not_found_ = make("no such page\n");
+  not_allowed_ = make("only GET and HEAD\n");
+  no_body_ = make("no request with a body\n");
+  unavailable_ = make("no memory for the answer\n");
+  if (!healthy_ || !not_found_ || !not_allowed_ || !no_body_ || !unavailable_ || !OpenFiles()) {
     return false;
   }
   MHD_add_response_header(not_allowed_.get(), MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
@@ -78,6 +102,23 @@ bool HttpConnections::Open() {
   return daemon_ != nullptr;
 }
 
+bool HttpConnections::OpenFiles() {
+  for (const PageFile& file : PageFiles()) {
+    const std::string type(file.type);
+    const std::string etag(file.etag);
+    files_.push_back(
+        {&file,
+         MakeResponse(file.content.data(), file.content.size(), type.c_str(), etag.c_str()),
+         MakeResponse("", 0, nullptr, etag.c_str())});
+    for (const HttpResponse* response : {&files_.back().response, &files_.back().unchanged}) {
+      if (*response == nullptr) return false;
+      MHD_add_response_header(response->get(), "Content-Security-Policy", kPagePolicy);
+      MHD_add_response_header(response->get(), "Referrer-Policy", "no-referrer");
+    }
+  }
+  return true;
+}
+
 bool HttpConnections::HasRoom() const { return open_ < clients_.size(); }
 
 void HttpConnections::Add(UniqueFd client, const sockaddr* address, socklen_t size) {
@@ -89,7 +130,8 @@ void HttpConnections::Add(UniqueFd client, const sockaddr* address, socklen_t si
 void HttpConnections::Run() {
   CutSlow();
   MHD_run(daemon_);
-  BeginPage();
+  BeginAnswer(kPages);
+  BeginAnswer(kApi);
 }
 
 int HttpConnections::fd() const {
@@ -103,24 +145,18 @@ int HttpConnections::Timeout() const {
   for (const Client& client : clients_) {
     if (client.state != State::kFree) end = std::min(end, EndOf(client));
   }
-  if (LacksRoomForPage()) end = std::min(end, OldestPage()->made + limits_.page);
+  for (const Made kind : {kPages, kApi}) {
+    if (LacksRoom(kind)) end = std::min(end, answers_[kind].Oldest()->made + limits_.page);
+  }
   if (end == Clock::time_point::max()) return -1;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
   return static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
 }
 
-void HttpConnections::SetPage(std::optional<std::string> page) {
-  const auto made = std::find_if(pages_.begin(), pages_.end(), [](const Page& other) {
-    return other.state == Page::State::kMaking;
-  });
-  made->text = std::move(page);
-  if (made->text) made->response = MakeResponse(*made->text, kMetricsType);
-  made->state = made->response ? Page::State::kReady : Page::State::kFailed;
-  made->made = Clock::now();
-  if (!made->response) ++health_->http_failed_pages;
-  if (made->readers == 0) *made = Page();
+void HttpConnections::SetMade(Made kind, std::optional<HttpAnswer> answer) {
+  const HttpAnswers::Slot* const made = answers_[kind].SetMade(std::move(answer));
   for (const Client& client : clients_) {
-    if (client.state == State::kWaiting && client.page == &*made) {
+    if (client.state == State::kWaiting && client.slot == made) {
       MHD_resume_connection(client.connection);
     }
   }
@@ -142,7 +178,7 @@ void HttpConnections::HandleConnection(void* self, MHD_Connection* connection, v
   auto* const connections = static_cast<HttpConnections*>(self);
   if (code == MHD_CONNECTION_NOTIFY_CLOSED) {
     auto* const client = static_cast<Client*>(*context);
-    connections->ReleasePage(client);
+    connections->Release(client);
     if (client->state == State::kCut) --connections->cut_;
     *client = Client();
     --connections->open_;
@@ -162,7 +198,7 @@ void HttpConnections::HandleConnection(void* self, MHD_Connection* connection, v
 void HttpConnections::HandleCompleted(void* self, MHD_Connection* connection, void** /*context*/,
                                       MHD_RequestTerminationCode /*code*/) {
   Client* const client = ClientOf(connection);
-  static_cast<HttpConnections*>(self)->ReleasePage(client);
+  static_cast<HttpConnections*>(self)->Release(client);
   client->complete = false;
   client->since = Clock::now();
   if (client->state != State::kCut) client->state = State::kHead;
@@ -199,31 +235,62 @@ MHD_Result HttpConnections::BeginRequest(Client* client, std::string_view method
 }
 
 MHD_Result HttpConnections::Answer(Client* client, std::string_view path) {
-  if (path == "/metrics") return AnswerWithPage(client);
-  unsigned status = MHD_HTTP_OK;
-  MHD_Response* response = not_found_.get();
-  if (path == "/healthz") {
-    response = healthy_.get();
-  } else if (path == "/") {
-    response = welcome_.get();
-  } else {
-    status = MHD_HTTP_NOT_FOUND;
+  if (client->request != nullptr || client->slot != nullptr) return AnswerWithMade(client);
+  if (path == "/metrics") return AskFor(client, kPages, path);
+  for (const std::string_view api : kApiPaths) {
+    if (path == api) return AskFor(client, kApi, path);
   }
-  return MHD_queue_response(client->connection, status, response);
+  for (const File& file : files_) {
+    if (path == file.file->path) return AnswerWithFile(*client, file);
+  }
+  const bool healthy = path == "/healthz";
+  return MHD_queue_response(client->connection, healthy ? MHD_HTTP_OK : MHD_HTTP_NOT_FOUND,
+                            (healthy ? healthy_ : not_found_).get());
 }
 
-MHD_Result HttpConnections::AnswerWithPage(Client* client) {
-  if (client->page == nullptr || client->page->state == Page::State::kMaking) {
+MHD_Result HttpConnections::AnswerWithFile(const Client& client, const File& file) {
+  const bool unchanged = Has(client.connection, file.file->etag);
+  return MHD_queue_response(client.connection, unchanged ? MHD_HTTP_NOT_MODIFIED : MHD_HTTP_OK,
+                            (unchanged ? file.unchanged : file.response).get());
+}
+
+MHD_Result HttpConnections::AskFor(Client* client, Made kind, std::string_view path) {
+  // The page of metrics is the same for all, whatever they add to its path.
+  if (kind == kPages) {
+    client->request = metrics_;
+  } else {
+    client->request = RequestOf(client->connection, path);
+  }
+  if (client->request == nullptr) {
+    ++health_->http_failed_pages;
+    return MHD_queue_response(client->connection, MHD_HTTP_SERVICE_UNAVAILABLE,
+                              unavailable_.get());
+  }
+  client->kind = kind;
+  return AnswerWithMade(client);
+}
+
+MHD_Result HttpConnections::AnswerWithMade(Client* client) {
+  const HttpAnswers::Slot* const slot = client->slot;
+  if (slot == nullptr || slot->state == HttpAnswers::State::kMaking) {
     client->state = State::kWaiting;
     MHD_suspend_connection(client->connection);
     return MHD_YES;
   }
   client->state = State::kAnswer;
-  if (client->page->state == Page::State::kReady) {
-    return MHD_queue_response(client->connection, MHD_HTTP_OK, client->page->response.get());
+  if (slot->state == HttpAnswers::State::kFailed) {
+    Release(client);
+    return MHD_queue_response(client->connection, MHD_HTTP_SERVICE_UNAVAILABLE,
+                              unavailable_.get());
   }
-  ReleasePage(client);
-  return MHD_queue_response(client->connection, MHD_HTTP_SERVICE_UNAVAILABLE, unavailable_.get());
+  const HttpAnswer& answer = slot->answer;
+  if (answer.status != MHD_HTTP_OK || !Has(client->connection, answer.etag)) {
+    return MHD_queue_response(client->connection, answer.status, slot->response.get());
+  }
+  const HttpResponse unchanged = MakeResponse("", 0, nullptr, answer.etag.c_str());
+  Release(client);
+  if (unchanged == nullptr) return MHD_NO;
+  return MHD_queue_response(client->connection, MHD_HTTP_NOT_MODIFIED, unchanged.get());
 }
 
 HttpConnections::Clock::time_point HttpConnections::EndOf(const Client& client) const {
@@ -231,25 +298,18 @@ HttpConnections::Clock::time_point HttpConnections::EndOf(const Client& client) 
   return client.since + (client.state == State::kHead ? limits_.head : limits_.answer);
 }
 
-bool HttpConnections::WantsPage() const {
-  return std::any_of(clients_.begin(), clients_.end(), [](const Client& client) {
-    return client.state == State::kWaiting && client.page == nullptr;
-  });
-}
-
-bool HttpConnections::LacksRoomForPage() const {
-  return WantsPage() && std::none_of(pages_.begin(), pages_.end(), [](const Page& page) {
-           return page.state == Page::State::kFree;
-         });
-}
-
-const HttpConnections::Page* HttpConnections::OldestPage() const {
-  const Page* oldest = nullptr;
-  for (const Page& page : pages_) {
-    if (page.state == Page::State::kFree || page.state == Page::State::kMaking) continue;
-    if (oldest == nullptr || page.made < oldest->made) oldest = &page;
+const HttpConnections::Client* HttpConnections::FirstWaiting(Made kind) const {
+  const Client* first = nullptr;
+  for (const Client& client : clients_) {
+    if (client.state != State::kWaiting || client.slot != nullptr || client.kind != kind) continue;
+    if (first == nullptr || client.since < first->since) first = &client;
   }
-  return oldest;
+  return first;
+}
+
+bool HttpConnections::LacksRoom(Made kind) const {
+  return answers_[kind].IsFull() && FirstWaiting(kind) != nullptr &&
+         answers_[kind].Oldest() != nullptr;
 }
 
 void HttpConnections::Cut(Client* client) {
@@ -274,11 +334,15 @@ void HttpConnections::CutSlow() {
     Cut(&client);
     if (!idle) ++health_->http_cut_slow;
   }
-  if (!LacksRoomForPage()) return;
-  const Page* const oldest = OldestPage();
+  for (const Made kind : {kPages, kApi}) CutReadersOfOldest(kind, now);
+}
+
+void HttpConnections::CutReadersOfOldest(Made kind, Clock::time_point now) {
+  if (!LacksRoom(kind)) return;
+  const HttpAnswers::Slot* const oldest = answers_[kind].Oldest();
   if (now < oldest->made + limits_.page) return;
   for (Client& client : clients_) {
-    if (client.page != oldest || client.state == State::kCut) continue;
+    if (client.slot != oldest || client.state == State::kCut) continue;
     Cut(&client);
     ++health_->http_cut_slow;
   }
@@ -298,27 +362,27 @@ void HttpConnections::CutForRoom() {
   ++health_->http_cut_crowded;
 }
 
-void HttpConnections::BeginPage() {
-  if (!WantsPage()) return;
-  Page* page = nullptr;
-  for (Page& other : pages_) {
-    if (other.state == Page::State::kMaking) return;  // that one first
-    if (other.state == Page::State::kFree) page = &other;
-  }
-  if (page == nullptr) return;
-  page->state = Page::State::kMaking;
+void HttpConnections::BeginAnswer(Made kind) {
+  const Client* const first = FirstWaiting(kind);
+  if (first == nullptr) return;
+  HttpAnswers::Slot* const slot = answers_[kind].Begin(first->request);
+  if (slot == nullptr) return;
   for (Client& client : clients_) {
-    if (client.state != State::kWaiting || client.page != nullptr) continue;
-    client.page = page;
-    ++page->readers;
+    if (client.state != State::kWaiting || client.slot != nullptr || client.kind != kind ||
+        !(*client.request == *slot->request)) {
+      continue;
+    }
+    client.slot = slot;
+    ++slot->readers;
   }
-  make_page_();
+  answers_[kind].Make(*slot);
 }
 
-void HttpConnections::ReleasePage(Client* client) {
-  Page* const page = std::exchange(client->page, nullptr);
-  if (page == nullptr || --page->readers > 0) return;
-  if (page->state != Page::State::kMaking) *page = Page();
+void HttpConnections::Release(Client* client) {
+  client->request = nullptr;
+  if (HttpAnswers::Slot* const slot = std::exchange(client->slot, nullptr)) {
+    answers_[client->kind].Release(slot);
+  }
 }
 
 }  // namespace tidegate::agent

@@ -37,13 +37,19 @@ HttpLimits WithinDescriptors(HttpLimits limits) {
 
 }  // namespace
 
-HttpServer::HttpServer(PageWriter page, Report report, std::function<void()> on_failure,
+HttpServer::HttpServer(PageWriter page, Api api, Report report, std::function<void()> on_failure,
                        Health* health, const HttpLimits& limits)
     : report_(std::move(report)),
       on_failure_(std::move(on_failure)),
-      maker_(std::move(page), report_, [this] { Wake(); }),
+      pages_(
+          "page",
+          [page = std::move(page)](const HttpRequest&, HttpAnswer* answer) { page(&answer->text); },
+          report_, [this] { Wake(); }),
+      answers_("api", std::move(api), report_, [this] { Wake(); }),
       connections_(
-          WithinDescriptors(limits), [this] { maker_.Make(); }, health) {}
+          WithinDescriptors(limits),
+          [this](HttpAnswers::Request request) { pages_.Make(std::move(request)); },
+          [this](HttpAnswers::Request request) { answers_.Make(std::move(request)); }, health) {}
 
 HttpServer::~HttpServer() {
   while (!Stop(std::chrono::hours(1))) {
@@ -90,7 +96,8 @@ bool HttpServer::Start(const std::string& address, std::string* error, UniqueFd 
   }
   url_ = "http://" + shown + ':' + std::to_string(port);
   try {
-    maker_.Start();
+    pages_.Start();
+    answers_.Start();
     thread_ = std::thread([this] {
       pthread_setname_np(pthread_self(), "http");
       Run();
@@ -131,7 +138,8 @@ void HttpServer::Run() noexcept {
     connections_.CutAll();
     connections_.Run();
   }
-  maker_.Stop();
+  pages_.Stop();
+  answers_.Stop();
   ended_ = true;
   if (!stopping_) on_failure_();
 }
@@ -139,8 +147,9 @@ void HttpServer::Run() noexcept {
 void HttpServer::Serve() {
   while (!stopping_ || !connections_.empty()) {
     Wait();
-    std::optional<std::string> page;
-    if (maker_.Take(&page)) connections_.SetPage(std::move(page));
+    std::optional<HttpAnswer> answer;
+    if (pages_.Take(&answer)) connections_.SetMade(HttpConnections::kPages, std::move(answer));
+    if (answers_.Take(&answer)) connections_.SetMade(HttpConnections::kApi, std::move(answer));
     if (stopping_) {
       listener_.Reset();
       connections_.Drain();

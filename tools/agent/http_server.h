@@ -6,23 +6,26 @@
 #include <string>
 #include <thread>
 
+#include "agent/answer_maker.h"
 #include "agent/health.h"
 #include "agent/http_connections.h"
-#include "agent/page_maker.h"
 #include "agent/report.h"
 #include "agent/unique_fd.h"
 
 namespace tidegate::agent {
 
-// The agent's pages: /metrics, /healthz and, at /, a short description. Clients are bounded by
-// HttpConnections. Only GET and HEAD are served, ranges are ignored.
+// The agent's pages: /metrics, /healthz, the API (docs/page_api.md), and at / the page that shows
+// what the API tells. Clients are bounded by HttpConnections. Only GET and HEAD are served, ranges
+// are ignored.
 //
-// Threads: Start and Stop from one. It has two of its own: one serves all clients, the other one
-// calls `page`, so the other pages do not wait for it.
+// Threads: Start and Stop from one. It has three of its own: one serves all clients, and one each
+// calls `page` and `api`, so nothing else waits for these.
 class HttpServer {
  public:
   // Appends the content of /metrics. If it throws, clients get status 503.
   using PageWriter = std::function<void(std::string*)>;
+  // Answers a request under /api/. If it throws, likewise.
+  using Api = AnswerMaker::Write;
 
   // Takes "host:port" apart, with brackets around a host that has colons itself; without a host it
   // means all addresses. False if it is something else.
@@ -30,7 +33,7 @@ class HttpServer {
 
   // `report` gets lines for the log, some ten in a second at most; `on_failure` is called on
   // another thread if the server ends without Stop. Counts in `health`, which it borrows.
-  HttpServer(PageWriter page, Report report, std::function<void()> on_failure, Health* health,
+  HttpServer(PageWriter page, Api api, Report report, std::function<void()> on_failure, Health* health,
              const HttpLimits& limits = {});
   ~HttpServer();  // stops, and waits for the slowest client
   HttpServer(const HttpServer&) = delete;
@@ -61,7 +64,8 @@ class HttpServer {
 
   const Report report_;
   const std::function<void()> on_failure_;
-  PageMaker maker_;
+  AnswerMaker pages_;
+  AnswerMaker answers_;
   HttpConnections connections_;
   UniqueFd listener_;
   UniqueFd wake_;  // an eventfd
