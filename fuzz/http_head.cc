@@ -1,10 +1,12 @@
 // The HTTP side of the agent, between the socket and the page. Any bytes come, in one piece or in
-// two; every answer is one that this server gives, whole and with its own body.
+// two; every answer is one that this server gives, whole and with its own body. The arguments of
+// requests to the API are read as well.
 
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <iterator>
 #include <string>
@@ -12,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "agent/api_query.h"
 #include "agent/http_connections.h"
 #include "fuzz/target.h"
 
@@ -20,7 +23,7 @@ namespace {
 
 constexpr std::string_view kPage = "# TYPE a gauge\na 1\n";
 constexpr std::string_view kHealthy = "ok\n";
-constexpr std::string_view kWelcome = "<!DOCTYPE html>";  // begins so
+constexpr std::string_view kQuery = "query ";  // begins so
 
 // Inputs whose size is a multiple of it come in two parts as well. It takes a fuzzer more than half
 // of its time; the seeds are replayed both ways all the same.
@@ -38,11 +41,15 @@ struct Answer {
   }
 };
 
+using agent::HttpConnections;
+using Request = agent::HttpAnswers::Request;
+
 class Server {
  public:
   Server()
       : connections_(
-            Limits(), [this] { asked_ = true; }, &health_) {
+            Limits(), [this](Request request) { asked_[HttpConnections::kPages] = request; },
+            [this](Request request) { asked_[HttpConnections::kApi] = request; }, &health_) {
     Require(connections_.Open(), "there is a server");
   }
 
@@ -81,10 +88,35 @@ class Server {
     bool asked = false;
     do {
       connections_.Run();
-      asked = std::exchange(asked_, false);
-      if (asked) connections_.SetPage(std::string(kPage));
+      asked = false;
+      for (const auto kind : {HttpConnections::kPages, HttpConnections::kApi}) {
+        const Request request = std::exchange(asked_[kind], nullptr);
+        if (request == nullptr) continue;
+        asked = true;
+        connections_.SetMade(kind, AnswerTo(*request));
+      }
       Require(++rounds < 10000, "the server comes to rest");
     } while (asked || connections_.Timeout() == 0);
+  }
+  static agent::HttpAnswer AnswerTo(const agent::HttpRequest& request) {
+    agent::HttpAnswer answer;
+    answer.text = kPage;
+    if (request.path == "/metrics") return answer;
+    agent::ApiQuery query;
+    std::string error;
+    if (!agent::ParseApiQuery(request, &query, &error)) {
+      Require(error.find('\n') == std::string::npos && error.size() < 400, "one line");
+      answer.status = 400;
+      answer.text = error;
+      return answer;
+    }
+    Require(query.limit <= agent::ApiQuery::kMaxLimit, "a limit is one");
+    Require(query.ids.size() <= agent::ApiQuery::kMaxIds, "few ids");
+    Require(query.words.size() <= agent::ApiQuery::kMaxWords, "few words");
+    answer.text = kQuery;
+    for (const agent::SeriesId& id : query.ids) answer.text += agent::TextOf(id);
+    answer.etag = "\"x\"";
+    return answer;
   }
   static void Receive(const agent::UniqueFd& client, std::string* got) {
     char part[1 << 14];
@@ -96,8 +128,8 @@ class Server {
   }
 
   agent::Health health_;
-  bool asked_ = false;
-  agent::HttpConnections connections_;
+  std::array<Request, HttpConnections::kMade> asked_;
+  HttpConnections connections_;
 };
 
 // Takes one answer off the front. An answer to HEAD has no body; no body begins as an answer does.
@@ -122,16 +154,20 @@ Answer TakeAnswer(std::string_view* rest) {
 }
 
 std::vector<Answer> AnswersIn(std::string_view text) {
-  constexpr int kStatuses[] = {200, 400, 404, 405, 413, 414, 417, 431, 500, 505};
+  constexpr int kStatuses[] = {200, 304, 400, 404, 405, 413, 414, 417, 431, 500, 505};
   std::vector<Answer> answers;
   while (!text.empty()) {
     const Answer& answer = answers.emplace_back(TakeAnswer(&text));
     Require(std::count(std::begin(kStatuses), std::end(kStatuses), answer.status) == 1,
             "a status that this server gives");
     if (answer.status != 200 || answer.body.empty()) continue;
-    Require(answer.body == kPage || answer.body == kHealthy ||
-                answer.body.compare(0, kWelcome.size(), kWelcome) == 0,
-            "a body is that of its page");
+    const agent::ConstList<agent::PageFile> files = agent::PageFiles();
+    Require(
+        answer.body == kPage || answer.body == kHealthy ||
+            answer.body.compare(0, kQuery.size(), kQuery) == 0 ||
+            std::any_of(files.begin(), files.end(),
+                        [&](const agent::PageFile& file) { return answer.body == file.content; }),
+        "a body is that of its page");
   }
   return answers;
 }

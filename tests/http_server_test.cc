@@ -94,6 +94,12 @@ class HttpServerTest : public testing::Test {
           if (no_memory_) throw std::bad_alloc();
           *page += page_;
         },
+        [](const HttpRequest& request, HttpAnswer* answer) {
+          for (const auto& [name, value] : request.arguments) {
+            answer->text += name + "=" + value + ";";
+          }
+          answer->etag = "\"" + std::to_string(answer->text.size()) + "\"";
+        },
         [this](const std::string& line) {
           const METRICS::WriteGuard guard(mutex_);
           log_ += line + "\n";
@@ -177,6 +183,15 @@ TEST_F(HttpServerTest, AnswersHostileRequestsAndClosesThem) {
       {Request("/", "Expect: 100-continue\r\n") + Request("/"), {"HTTP/1.1 417 "}},
       {Request("/x", close), {"HTTP/1.1 404 "}},
       {Request("/healthz?a=b&c", close), {"HTTP/1.1 200 ", "ok\n"}},
+      {Request("/api/none", close), {"HTTP/1.1 404 "}},
+      {Request("/api/metrics?" + std::string(40000, 'a'), close), {"HTTP/1.1 414 "}},
+      {Request("/api/metrics?a=%41+%26%00b%ff&c&a=d=e%zz", close),
+       {"HTTP/1.1 200 ", "ETag: \"21\"",
+        "\r\n\r\na=A &" + std::string(1, '\0') + "b\xff;c=;a=d=e%zz;"}},
+      {Request("/api/metrics?a=b", "If-None-Match: W/\"x\", W/\"4\"\r\n" + close),
+       {"HTTP/1.1 304 ", "ETag: \"4\"", "\r\n\r\n"}},
+      {Request("/", "If-None-Match: *\r\n" + close),
+       {"HTTP/1.1 304 ", "Content-Security-Policy: default-src 'none'"}},
   };
   for (const auto& [request, parts] : kCases) {
     SCOPED_TRACE(request.substr(0, 60));
@@ -269,7 +284,7 @@ TEST_F(HttpServerTest, MissingMemoryIsAnAnswerALineAndACount) {
   EXPECT_EQ(health_.http_failed_pages, 1u);
   {
     const METRICS::WriteGuard guard(mutex_);
-    EXPECT_EQ(log_, "cannot make the page of metrics: std::bad_alloc\n");
+    EXPECT_EQ(log_, "cannot make /metrics: std::bad_alloc\n");
   }
   no_memory_ = false;
   EXPECT_THAT(Get("/metrics"), HasSubstr(page_));
@@ -278,7 +293,7 @@ TEST_F(HttpServerTest, MissingMemoryIsAnAnswerALineAndACount) {
 TEST_F(HttpServerTest, BindsToNamesAndToOnePortAlone) {
   Start({}, "localhost:0");
   EXPECT_THAT(server_->url(), StartsWith("http://localhost:"));
-  HttpServer second([](std::string*) {}, [](const std::string&) {}, [] {}, &health_);
+  HttpServer second([](std::string*) {}, nullptr, [](const std::string&) {}, [] {}, &health_);
   std::string error;
   EXPECT_FALSE(second.Start("localhost:" + std::to_string(port_), &error));
   EXPECT_EQ(error,

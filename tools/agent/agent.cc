@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "agent/influx_format.h"
+#include "agent/shown_settings.h"
 #include "agent/slot_file.h"
 #include "agent/survives.h"
 
@@ -42,9 +43,12 @@ Agent::Agent(const Options& options, Reader read)
       server_([this](SeqpacketServer::Message message) { queue_.Push(std::move(message)); },
               [this](const std::string& warning) { log_.ReportSome(warning); }, &health_.clients,
               &connected_),
+      services_([this](const ProcessId& process) { return IsLive(process); }),
       table_({options.max_series, options.ttl, options.process_label, !options.http.empty(),
               options.max_ahead},
-             &health_, [this](const std::string& collision) { log_.Report(collision); }),
+             &health_, [this](const std::string& collision) { ReportCollision(collision); }),
+      status_(&health_, &table_, &services_),
+      api_(&table_, &status_),
       decoder_(
           &queue_, Sinks(), [this] { LookAfterThings(); }, &health_, &log_, Slots()) {}
 
@@ -61,12 +65,16 @@ std::vector<PacketSink*> Agent::Sinks() {
                                         &numbers_.emplace(&health_, "forward"), &health_,
                                         [this](const std::string& line) { log_.Report(line); }));
   }
-  if (!options_.merge) return sinks;
-  return {&merge_.emplace(
+  if (!options_.merge) {
+    sinks.push_back(&services_);
+    return sinks;
+  }
+  merge_.emplace(
       MergeStage::Options{options_.merge_gauge, options_.merge_delay, options_.max_series,
                           options_.ttl},
       std::move(sinks), &health_, [this](const std::string& line) { log_.Report(line); },
-      [this](const ProcessId& process) { return IsLive(process); })};
+      [this](const ProcessId& process) { return IsLive(process); });
+  return {&*merge_, &services_};
 }
 
 ProcessSlots* Agent::Slots() {
@@ -154,6 +162,8 @@ void Agent::LookAfterThings() {
   if (merge_) merge_->Tick();
   if (forwarder_) forwarder_->Tick();
   table_.Sweep();
+  services_.Sweep();
+  status_.Look();
   if (slots_) LookAfterSlots();
   trimmer_.Look(health_.BytesInUse());
   const std::string drops = queue_.ReportDrops(Clock::now());
@@ -187,6 +197,7 @@ void Agent::ChangeTo(const Options& next) {
     ReportTarget(next.forward->url);
   }
   texts_.swap(texts);
+  status_.SetSettings(ShownSettings(texts_));
   log_.Report("reloaded, changed:" + (changed.empty() ? " nothing" : changed), LogLevel::kInfo);
   if (!unchanged.empty()) log_.Report("a restart is needed to change:" + unchanged);
 }
@@ -202,6 +213,7 @@ int Agent::End(int status) {
 
 bool Agent::Start() {
   std::string error;
+  status_.SetSettings(ShownSettings(texts_));
   if (!Listen(&error) || !StartHttp(&error) || !server_.Listen(&listener_, &error)) {
     log_.Report(error, LogLevel::kError);
     return false;
@@ -237,9 +249,11 @@ bool Agent::Listen(std::string* error) {
 bool Agent::StartHttp(std::string* error) {
   UniqueFd present = std::move(taker_.http());  // closed if it is not wanted
   if (options_.http.empty()) return true;
-  http_.emplace([this](std::string* page) { AppendPage(page); },
-                [this](const std::string& line) { log_.ReportSome(line); }, [this] { HttpEnded(); },
-                &health_);
+  http_.emplace(
+      [this](std::string* page) { AppendPage(page); },
+      [this](const HttpRequest& request, HttpAnswer* answer) { api_.Answer(request, answer); },
+      [this](const std::string& line) { log_.ReportSome(line); }, [this] { HttpEnded(); },
+      &health_);
   if (!http_->Start(options_.http, error, std::move(present))) return false;
   log_.Report("serving " + http_->url() + "/metrics", LogLevel::kInfo);
   return true;
@@ -276,6 +290,11 @@ void Agent::HttpEnded() noexcept {
                     {"serving ", options_.http, " has ended by itself, so the agent ends as well"});
   http_failed_ = true;
   Stop();
+}
+
+void Agent::ReportCollision(const std::string& collision) {
+  log_.Report(collision);
+  status_.AddCollision(collision);
 }
 
 void Agent::AppendPage(std::string* page) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "agent/connected_processes.h"
+#include "agent/connected_services.h"
 #include "agent/decoder.h"
 #include "agent/forwarder.h"
 #include "agent/hand_over.h"
@@ -22,10 +23,12 @@
 #include "agent/packet_listener.h"
 #include "agent/packet_log.h"
 #include "agent/packet_queue.h"
+#include "agent/page_api.h"
 #include "agent/process_slots.h"
 #include "agent/seqpacket_server.h"
 #include "agent/series_table.h"
 #include "agent/service_manager.h"
+#include "agent/status_report.h"
 
 namespace tidegate::agent {
 
@@ -82,6 +85,7 @@ class Agent {
   void PrintingChanged(int error) noexcept;
   void HttpEnded() noexcept;
   void AppendPage(std::string* page);
+  void ReportCollision(const std::string& collision);
   // On the decoder's thread.
   void ReadSettings();
   void ChangeTo(const Options& next);
@@ -106,7 +110,10 @@ class Agent {
   std::optional<ProcessSlots> slots_;  // if points are to have them
   uint64_t saved_slots_ = 0;           // its changes that are in the file
   bool slots_unsaved_reported_ = false;
+  ConnectedServices services_;
   SeriesTable table_;
+  StatusReport status_;
+  const PageApi api_;
   Clock::time_point next_printing_line_;  // with the next, of the writer's thread
   bool printing_trouble_told_ = false;
   std::optional<PacketLog> printer_;

@@ -21,8 +21,8 @@ class AnswerMaker {
   using Request = std::shared_ptr<const HttpRequest>;
   using Write = std::function<void(const HttpRequest&, HttpAnswer*)>;
 
-  // `thread` is its name. If `write` throws, there is no answer, and `report` gets a line. `on_made`
-  // says that there is something to take; it must not throw.
+  // `thread` is its name. If `write` throws, there is no answer, and `report` gets a line.
+  // `on_made` says that there is something to take; it must not throw.
   AnswerMaker(const char* thread, Write write, Report report, std::function<void()> on_made);
   ~AnswerMaker() { Stop(); }
   AnswerMaker(const AnswerMaker&) = delete;

@@ -6,8 +6,8 @@
 namespace tidegate::agent {
 
 HttpResponse MakeResponse(const void* text, size_t size, const char* type, const char* etag) {
-  HttpResponse response(MHD_create_response_from_buffer(size, const_cast<void*>(text),
-                                                        MHD_RESPMEM_PERSISTENT));
+  HttpResponse response(
+      MHD_create_response_from_buffer(size, const_cast<void*>(text), MHD_RESPMEM_PERSISTENT));
   const auto add = [&](const char* name, const char* value) {
     return MHD_add_response_header(response.get(), name, value) == MHD_YES;
   };
@@ -32,15 +32,13 @@ HttpAnswers::Slot* HttpAnswers::Begin(const Request& request) {
 }
 
 const HttpAnswers::Slot* HttpAnswers::SetMade(std::optional<HttpAnswer> answer) {
-  const auto made = std::find_if(slots_.begin(), slots_.end(), [](const Slot& other) {
-    return other.state == State::kMaking;
-  });
-  if (answer) {
-    made->answer = *std::move(answer);
-    const std::string& text = made->answer.text;
-    const std::string& etag = made->answer.etag;
-    made->response = MakeResponse(text.data(), text.size(), made->answer.type,
-                                  etag.empty() ? nullptr : etag.c_str());
+  const auto made = std::find_if(slots_.begin(), slots_.end(),
+                                 [](const Slot& other) { return other.state == State::kMaking; });
+  made->answer = std::move(answer);
+  if (made->answer) {
+    const auto& [status, type, text, etag] = *made->answer;
+    made->response =
+        MakeResponse(text.data(), text.size(), type, etag.empty() ? nullptr : etag.c_str());
   }
   made->state = made->response ? State::kReady : State::kFailed;
   made->made = Clock::now();

@@ -35,7 +35,7 @@ class HttpAnswers {
   struct Slot {
     State state = State::kFree;
     Request request;
-    HttpAnswer answer;
+    std::optional<HttpAnswer> answer;  // none when free: an empty text may keep its memory
     HttpResponse response;
     size_t readers = 0;  // clients that wait for it or read it
     Clock::time_point made;
@@ -50,7 +50,8 @@ class HttpAnswers {
   Slot* Begin(const Request& request);
   void Make(const Slot& slot) { make_(slot.request); }
 
-  // The one that was begun; no answer if it could not be made. The slot is good until the next call.
+  // The one that was begun; no answer if it could not be made. The slot is good until the next
+  // call.
   const Slot* SetMade(std::optional<HttpAnswer> answer);
 
   // For one reader.

@@ -46,8 +46,8 @@ HttpAnswers::Request RequestOf(MHD_Connection* connection, std::string_view path
     auto request = std::make_shared<HttpRequest>();
     request->path = path;
     const int all = MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, nullptr, nullptr);
-    const int read = MHD_get_connection_values_n(connection, MHD_GET_ARGUMENT_KIND, AddArgument,
-                                                 request.get());
+    const int read =
+        MHD_get_connection_values_n(connection, MHD_GET_ARGUMENT_KIND, AddArgument, request.get());
     if (request->arguments.size() != static_cast<size_t>(all) || read != all) return nullptr;
     return request;
   } catch (const std::exception&) {
@@ -107,8 +107,7 @@ bool HttpConnections::OpenFiles() {
     const std::string type(file.type);
     const std::string etag(file.etag);
     files_.push_back(
-        {&file,
-         MakeResponse(file.content.data(), file.content.size(), type.c_str(), etag.c_str()),
+        {&file, MakeResponse(file.content.data(), file.content.size(), type.c_str(), etag.c_str()),
          MakeResponse("", 0, nullptr, etag.c_str())});
     for (const HttpResponse* response : {&files_.back().response, &files_.back().unchanged}) {
       if (*response == nullptr) return false;
@@ -263,8 +262,7 @@ MHD_Result HttpConnections::AskFor(Client* client, Made kind, std::string_view p
   }
   if (client->request == nullptr) {
     ++health_->http_failed_pages;
-    return MHD_queue_response(client->connection, MHD_HTTP_SERVICE_UNAVAILABLE,
-                              unavailable_.get());
+    return MHD_queue_response(client->connection, MHD_HTTP_SERVICE_UNAVAILABLE, unavailable_.get());
   }
   client->kind = kind;
   return AnswerWithMade(client);
@@ -280,10 +278,9 @@ MHD_Result HttpConnections::AnswerWithMade(Client* client) {
   client->state = State::kAnswer;
   if (slot->state == HttpAnswers::State::kFailed) {
     Release(client);
-    return MHD_queue_response(client->connection, MHD_HTTP_SERVICE_UNAVAILABLE,
-                              unavailable_.get());
+    return MHD_queue_response(client->connection, MHD_HTTP_SERVICE_UNAVAILABLE, unavailable_.get());
   }
-  const HttpAnswer& answer = slot->answer;
+  const HttpAnswer& answer = *slot->answer;
   if (answer.status != MHD_HTTP_OK || !Has(client->connection, answer.etag)) {
     return MHD_queue_response(client->connection, answer.status, slot->response.get());
   }

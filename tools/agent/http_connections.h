@@ -22,8 +22,8 @@
 namespace tidegate::agent {
 
 // The limits of all clients of the HTTP side together. The agent holds at most `pages` + 1 pages,
-// as one that grows can be there twice, and likewise `answers` + 1 answers of the API. Each connection takes 32 KiB of the agent's memory and 160
-// KiB of the kernel's.
+// as one that grows can be there twice, and likewise `answers` + 1 answers of the API. Each
+// connection takes 32 KiB of the agent's memory and 160 KiB of the kernel's.
 struct HttpLimits {
   size_t connections = 128;
   // That exist at a time, with the one that is being made; two at least.
@@ -42,8 +42,8 @@ struct HttpLimits {
 //
 // Everything that a client can make it hold is bounded. A head has 32 KiB at most; no body is read.
 // A client beyond the limit replaces the oldest one that has no complete request, or the oldest one
-// if all have. The page of metrics and the answers of the API are made elsewhere, see HttpAnswers. A
-// slow client delays no other: sockets do not block.
+// if all have. The page of metrics and the answers of the API are made elsewhere, see HttpAnswers.
+// A slow client delays no other: sockets do not block.
 //
 // Threads: all calls from one. The functions that begin an answer are called by Run and must not
 // call back.
@@ -135,8 +135,7 @@ class HttpConnections {
   std::vector<Client>
       clients_;  // never grows: more than the limit, as one that is cut takes a while
   std::array<HttpAnswers, kMade> answers_;  // by Made
-  const HttpAnswers::Request metrics_ =
-      std::make_shared<HttpRequest>(HttpRequest{"/metrics", {}});
+  const HttpAnswers::Request metrics_ = std::make_shared<HttpRequest>(HttpRequest{"/metrics", {}});
   std::vector<File> files_;
   size_t open_ = 0;  // clients that are not free
   size_t cut_ = 0;   // of these

@@ -33,8 +33,8 @@ class HttpServer {
 
   // `report` gets lines for the log, some ten in a second at most; `on_failure` is called on
   // another thread if the server ends without Stop. Counts in `health`, which it borrows.
-  HttpServer(PageWriter page, Api api, Report report, std::function<void()> on_failure, Health* health,
-             const HttpLimits& limits = {});
+  HttpServer(PageWriter page, Api api, Report report, std::function<void()> on_failure,
+             Health* health, const HttpLimits& limits = {});
   ~HttpServer();  // stops, and waits for the slowest client
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;

@@ -47,6 +47,7 @@ size_t LayoutTable::MaxPageBytes(const Target& target, size_t label_bytes) {
 void LayoutTable::Add(Target* target, size_t label_bytes) {
   budget_->AddWork(MaxPageBytes(*target, label_bytes));
   const Block& block = *target->block;
+  if (all_.size() == all_.capacity()) all_.reserve(2 * all_.size() + 1);
   auto layout = std::make_unique<SeriesLayout>(target->kind, block, page_);
   if (target->metric == nullptr) {
     auto metric = std::make_unique<SeriesMetric>(
@@ -61,6 +62,8 @@ void LayoutTable::Add(Target* target, size_t label_bytes) {
   layout->metric = target->metric;
   target->layout =
       target->metric->layouts.emplace(HashOfColumns(block), std::move(layout))->second.get();
+  target->layout->index = all_.size();
+  all_.push_back(target->layout);
   budget_->Take(target->layout->bytes, target->layout->head_bytes);
   names_->Show(target->layout);
 }
@@ -94,11 +97,17 @@ void LayoutTable::SweepLayouts(SeriesMetric* metric) {
       continue;
     }
     names_->Hide(layout);
+    all_[layout->index] = all_.back();
+    all_[layout->index]->index = layout->index;
+    all_.pop_back();
     budget_->GiveBack(layout->bytes, layout->head_bytes);
     next = layouts.erase(next);
   }
 }
 
-void LayoutTable::Shrink() { ShrinkBuckets(&metrics_); }
+void LayoutTable::Shrink() {
+  ShrinkBuckets(&metrics_);
+  if (all_.capacity() / 8 > all_.size() + 1024) all_.shrink_to_fit();
+}
 
 }  // namespace tidegate::agent

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "agent/packet_reader.h"
 #include "agent/page_names.h"
@@ -49,6 +50,9 @@ class LayoutTable {
   // As ShrinkBuckets does.
   void Shrink();
 
+  // Of all metrics. The index of one stays as long as no other one is let go.
+  const std::vector<SeriesLayout*>& all() const { return all_; }
+
  private:
   void SweepLayouts(SeriesMetric* metric);
 
@@ -56,6 +60,7 @@ class LayoutTable {
   PageNames* const names_;
   SeriesBudget* const budget_;
   std::unordered_map<std::string, std::unique_ptr<SeriesMetric>> metrics_;
+  std::vector<SeriesLayout*> all_;
   uint64_t next_id_ = 0;
   std::string key_;                 // that was looked for last
   std::optional<size_t> key_hash_;  // if it was needed

@@ -47,8 +47,8 @@ SeriesLayout::SeriesLayout(Kind kind, const Block& block, bool page) {
 }
 
 void SeriesLayout::Measure(Kind kind, const std::string& name) {
-  bytes = sizeof(SeriesLayout) + 4 * kHeapOverhead + bounds.capacity() * sizeof(double) +
-          parts.capacity() * sizeof(FamilyPart);
+  bytes = sizeof(SeriesLayout) + 2 * sizeof(this) + 4 * kHeapOverhead +
+          bounds.capacity() * sizeof(double) + parts.capacity() * sizeof(FamilyPart);
   for (const std::string& column : columns) bytes += sizeof(std::string) + HeapBytes(column);
   for (const FamilyPart& part : parts) {
     // The name stands in the table of families as well; claims count themselves.

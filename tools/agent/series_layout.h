@@ -64,6 +64,7 @@ struct SeriesLayout {
   std::vector<FamilyPart> parts;
   std::vector<uint32_t> sources;  // of those, the position in the family, or kHidden
   bool shown_whole = false;
+  size_t index = 0;  // among all layouts
   std::vector<KeyedSeries*> series;
   size_t bytes = 0;                // that it takes itself
   size_t head_bytes = 0;           // on the page

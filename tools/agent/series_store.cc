@@ -16,6 +16,15 @@ size_t BytesOf(const KeyedSeries& series) {
 
 }  // namespace
 
+// Ids begin at the nanoseconds since the epoch: no agent makes as many series as it lives
+// nanoseconds, so those of the next one are others.
+SeriesStore::SeriesStore(PageNames* names, SeriesBudget* budget)
+    : names_(names),
+      budget_(budget),
+      next_id_(static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                         std::chrono::system_clock::now().time_since_epoch())
+                                         .count())) {}
+
 KeyedSeries* SeriesStore::Find(SeriesIdentity* identity, const SeriesMetric& metric) {
   const auto found = series_.find(identity->KeyIn(metric.id));
   return found == series_.end() ? nullptr : &*found;
@@ -42,6 +51,7 @@ KeyedSeries* SeriesStore::Add(SeriesIdentity* identity, SeriesLayout* layout) {
     return nullptr;
   }
   series->second.label_bytes = label_bytes;
+  series->second.id = next_id_++;
   budget_->Take(BytesOf(*series), 0);
   Attach(series, layout, std::move(row));
   return series;

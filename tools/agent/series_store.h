@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <unordered_map>
 
@@ -21,7 +22,7 @@ class SeriesStore {
   using TimePoint = std::chrono::steady_clock::time_point;
 
   // `names` is null if there is no page.
-  SeriesStore(PageNames* names, SeriesBudget* budget) : names_(names), budget_(budget) {}
+  SeriesStore(PageNames* names, SeriesBudget* budget);
 
   // Null if there is none.
   KeyedSeries* Find(SeriesIdentity* identity, const SeriesMetric& metric);
@@ -45,6 +46,7 @@ class SeriesStore {
   PageNames* const names_;
   SeriesBudget* const budget_;
   std::unordered_map<std::string, SeriesEntry> series_;  // by SeriesKey
+  uint64_t next_id_;
 };
 
 }  // namespace tidegate::agent

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "agent/series_page.h"
+#include "agent/series_reading.h"
 
 namespace tidegate::agent {
 namespace {
@@ -16,23 +17,6 @@ using std::chrono::steady_clock;
 constexpr std::chrono::seconds kMaxSweepPause(10);
 
 }  // namespace
-
-// A page in the making. While there is one nothing is erased, so that a position stays good.
-class SeriesTable::PageTurns {
- public:
-  explicit PageTurns(SeriesTable* table) : table_(table) { Set(true); }
-  ~PageTurns() { Set(false); }
-  PageTurns(const PageTurns&) = delete;
-  PageTurns& operator=(const PageTurns&) = delete;
-
- private:
-  void Set(bool in_work) {
-    const WriteGuard lock(table_->mutex_);
-    table_->page_in_work_ = in_work;
-  }
-
-  SeriesTable* const table_;
-};
 
 SeriesTable::SeriesTable(const Options& options, Health* health, Report report, Clock clock,
                          SeriesRecorder* recorder)
@@ -213,6 +197,17 @@ void SeriesTable::AppendPage(bool timestamps, std::string* page) {
   AppendTurns(timestamps, page);
   const WriteGuard lock(mutex_);
   SweepIfDue();  // pages that follow each other closely could put it off for ever
+}
+
+void SeriesTable::Read(const std::function<void(Reading*)>& read) {
+  const WriteGuard whole(page_mutex_);
+  {
+    const PageTurns turns(this);
+    Reading reading(this);
+    read(&reading);
+  }
+  const WriteGuard lock(mutex_);
+  SweepIfDue();
 }
 
 void SeriesTable::AppendTurns(bool timestamps, std::string* page) {

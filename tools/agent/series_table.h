@@ -35,7 +35,7 @@ namespace tidegate::agent {
 // add up whatever comes. A series without news for `ttl` is gone, and starts again if it comes
 // back. All of that can be left to a SeriesRecorder instead, which the table borrows.
 //
-// Threads: Handle and Sweep on the decoder's, AppendPage from any, one at a time. A page is written
+// Threads: Handle and Sweep on the decoder's, AppendPage and Read from any. A page is written
 // in short turns between which the decoder goes on; a sweep waits for its end. Memory is bounded:
 // by SeriesBudget, and so is the work for a packet. A point that finds no room is refused and
 // counted. An exception of any call (there is no memory) leaves the table as it was or with a part
@@ -82,6 +82,10 @@ class SeriesTable : public PacketSink {
 
   // Appends the lines of all series, family by family.
   void AppendPage(bool timestamps, std::string* page);
+
+  // A reader of what is in it, see series_reading.h. A page, and each further reader, waits.
+  class Reading;
+  void Read(const std::function<void(Reading*)>& read);
 
   // The bytes of the page at most now, without the agent's own numbers.
   size_t PageBytes();
