@@ -394,6 +394,7 @@ void Forwarder::PublishHeld() {
 }
 
 void Forwarder::PublishSize() {
+  const WriteGuard lock(publishing_);  // else an older size might be stored last
   const QueueSize size = queue_.Size();
   numbers_->queue_points = size.points;
   numbers_->queue_bytes = size.bytes;

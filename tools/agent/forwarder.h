@@ -125,6 +125,7 @@ class Forwarder : public PacketSink {
   const Report report_;
   Spool spool_;
   BatchQueue queue_;
+  METRICS::Mutex publishing_;          // one thread at a time tells the size of queue_
   std::optional<SpoolFeeder> feeder_;  // if there is a spool
 
   // Where to.
