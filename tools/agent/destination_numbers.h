@@ -11,7 +11,8 @@ namespace tidegate::agent {
 
 // Why a point does not reach a database. The queue was full; the server refused it; the form of the
 // database cannot carry it; it was left when the agent ended; there was no memory for it; the spool
-// was full, or damaged; it came after later ones of its series had been sent.
+// was full, or damaged; it came after later ones of its series had been sent; there was no room for
+// its series, or no free name, or its time is too far ahead.
 enum class ForwardDrop {
   kFull,
   kRejected,
@@ -21,10 +22,12 @@ enum class ForwardDrop {
   kSpoolFull,
   kSpoolDamaged,
   kLate,
+  kSeries,
 };
-inline constexpr size_t kForwardDrops = 8;
+inline constexpr size_t kForwardDrops = 9;
 inline constexpr std::string_view kForwardDropReasons[kForwardDrops] = {
-    "full", "rejected", "empty", "shutdown", "memory", "spool_full", "spool_damaged", "late"};
+    "full",       "rejected",      "empty", "shutdown", "memory",
+    "spool_full", "spool_damaged", "late",  "series"};
 
 // The numbers of one destination, as the page of metrics shows them with the label `destination`.
 //
@@ -51,7 +54,8 @@ class DestinationNumbers : public NumberList {
  public:
   HealthNumber held_points{this, kGauge, "tidegate_agent_forward_held_points",
                            "Points that are held until their order is sure."};
-  HealthNumber held_bytes{this, kGauge, Health::kHeldBytes, "Bytes of those."};
+  HealthNumber held_bytes{this, kGauge, Health::kHeldBytes,
+                          "Bytes of those, and of what is known of their series."};
   HealthNumber queue_points{this, kGauge, "tidegate_agent_forward_queue_points",
                             "Points that wait to be forwarded."};
   HealthNumber queue_bytes{this, kGauge, Health::kWaitingBytes, "Bytes of those."};

@@ -269,7 +269,7 @@ bool Forwarder::Deliver(Delivery* delivery) {
       return false;
     }
     failures_ = 0;
-    if (verdict.kind == Verdict::Kind::kRefused && Split(delivery)) continue;
+    if (verdict.kind == Verdict::Kind::kRefused && verdict.divisible && Split(delivery)) continue;
     queue_.Sent(parts.front().points);
     Settle(&parts, verdict, reply);
   }
@@ -305,7 +305,10 @@ void Forwarder::Settle(Batches* parts, const Verdict& verdict, const HttpReply& 
   const bool taken = verdict.kind == Verdict::Kind::kTaken;
   const uint64_t dropped = taken ? std::min(verdict.dropped, points) : points;
   if (!taken || verdict.dropped > 0) {
-    Reject(dropped, verdict.words.empty() ? Shown(reply) : verdict.words);
+    std::string words = verdict.words.empty() ? Shown(reply) : verdict.words;
+    const std::string series = format_->Describe(done.front().body);
+    if (!series.empty()) words += " (for " + series + ")";
+    Reject(dropped, words);
     if (dropped == points) return;
   }
   numbers_->forwarded_points += points - dropped;

@@ -62,7 +62,8 @@ struct Verdict {
   };
   Kind kind = Kind::kTaken;
   uint64_t dropped = 0;
-  std::string words;  // of the receiver about what it dropped; empty: those of the reply
+  std::string words;      // of the receiver about what it dropped; empty: those of the reply
+  bool divisible = true;  // a part of a refused body may be taken
 };
 
 // The form in which a kind of destination takes points, from decoded packets to replies.
@@ -106,6 +107,9 @@ class PointFormat {
                                                      uint64_t /*points*/) const {
     return std::nullopt;
   }
+
+  // The series in a packed body, for the log, if it has one alone. Empty if not.
+  virtual std::string Describe(std::string_view /*packed*/) const { return {}; }
 };
 
 }  // namespace tidegate::agent

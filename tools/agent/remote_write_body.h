@@ -17,15 +17,14 @@ std::string PackRemoteWrite(std::string_view write_request);
 // A packed body that is a part of another one.
 struct RemoteWritePart {
   std::string body;
-  uint64_t samples = 0;  // TimeSeries, which have one each
+  uint64_t points = 0;  // TimeSeries, which have a sample each, without the agent's own numbers
 };
 
 // The body in two parts, in its order, each with half of the TimeSeries. Nothing if it has fewer
 // than two, or is no such body.
-std::optional<std::pair<RemoteWritePart, RemoteWritePart>> SplitRemoteWrite(
-    const std::string& body);
+std::optional<std::pair<RemoteWritePart, RemoteWritePart>> SplitRemoteWrite(std::string_view body);
 
-// The name and the labels of the first TimeSeries in a body, for the log; empty if there is none.
-std::string FirstSeriesOf(const std::string& body);
+// The name and the labels of the TimeSeries in a body, if it has one alone. Empty if not.
+std::string OnlySeriesOf(std::string_view body);
 
 }  // namespace tidegate::agent

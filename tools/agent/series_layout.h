@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -69,6 +70,8 @@ struct SeriesLayout {
   size_t bytes = 0;                // that it takes itself
   size_t head_bytes = 0;           // on the page
   LinesSize series_size = {0, 0};  // of each series there
+  // For receivers that are told what a family is from time to time: when they are due.
+  std::chrono::steady_clock::time_point describe_at;
 
  private:
   void Measure(Kind kind, const std::string& name);
