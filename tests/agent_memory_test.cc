@@ -49,8 +49,8 @@ class AgentMemoryTest : public testing::Test {
     options_.print = PrintFormat::kJson;
     options_.http = "127.0.0.1:0";
     options_.drain = std::chrono::seconds(0);
-    ForwardOptions& forward = options_.forward.emplace();
-    EXPECT_TRUE(ParseForwardUrl("http://127.0.0.1:1", &forward.url, &error)) << error;
+    ForwardOptions& forward = options_.destinations.emplace_back();
+    EXPECT_TRUE(ParseForwardUrl("http://127.0.0.1:1", &forward.target.url, &error)) << error;
     forward.limits.interval = milliseconds(1);
     forward.health_interval = milliseconds(5);
   }

@@ -312,7 +312,7 @@ class ForwarderTest : public testing::Test {
   ForwardOptions Options(const std::string& url) {
     ForwardOptions options;
     std::string error;
-    EXPECT_TRUE(ParseForwardUrl(url, &options.url, &error)) << error;
+    EXPECT_TRUE(ParseForwardUrl(url, &options.target.url, &error)) << error;
     options.limits.batch_points = 1;
     options.limits.interval = seconds(3600);
     options.first_pause = milliseconds(1);
@@ -417,7 +417,7 @@ TEST_F(ForwarderTest, DropsWhatIsRefusedAndQuotesTheServerOnce) {
   const std::string refused = " points that " + Url() + "/write refused";
   EXPECT_THAT(log(), ElementsAre("dropped 1" + refused +
                                      ", HTTP 307: no longer  here (redirects are not "
-                                     "followed: name /elsewhere in --forward)",
+                                     "followed: give /elsewhere as the URL)",
                                  "dropped 1 more" + refused));
 }
 
@@ -511,7 +511,7 @@ TEST_F(ForwarderTest, SpoolsAnOutageThatIsLongerThanItsQueueAndItself) {
   options.limits.queue_points = 10;
   options.spool.folder = folder;
   options.spool.retry = milliseconds(1);
-  options.timeout = seconds(3600);
+  options.target.timeout = seconds(3600);
   int value = 0;
   const auto run_for = [&](int values) {
     for (const int end = value + values; value < end;) {
@@ -635,7 +635,7 @@ TEST_F(ForwarderTest, StopsInTimeThoughNobodyAnswers) {
   const UniqueFd listener = ListenOnLoopback(&port);
   for (const std::string scheme : {"http", "https"}) {
     ForwardOptions options = Options(scheme + "://127.0.0.1:" + std::to_string(port));
-    options.timeout = seconds(3600);
+    options.target.timeout = seconds(3600);
     Make(options);
     forwarder_->Start();
     Handle(1);
@@ -691,7 +691,7 @@ TEST_F(ForwarderTest, BoundsEveryReplyInBytesAndTime) {
   int port = 0;
   const UniqueFd listener = ListenOnLoopback(&port);
   ForwardOptions options = Options("http://127.0.0.1:" + std::to_string(port));
-  options.timeout = seconds(1);  // far more than a slow machine takes to answer
+  options.target.timeout = seconds(1);  // far more than a slow machine takes to answer
   options.log_interval = milliseconds(0);
   Make(options);
   struct rusage before = {};

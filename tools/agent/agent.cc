@@ -14,7 +14,6 @@
 #include <thread>
 #include <utility>
 
-#include "agent/influx_format.h"
 #include "agent/shown_settings.h"
 #include "agent/slot_file.h"
 #include "agent/survives.h"
@@ -31,6 +30,18 @@ constexpr std::chrono::seconds kLastWords(1);
 
 std::string SlotPath(const Options& options) { return options.socket + ".slots"; }
 
+SeriesTable::Options TableOptions(const Options& options) {
+  return {options.max_series, options.ttl, options.process_label, !options.http.empty(),
+          options.max_ahead};
+}
+
+std::string Listed(const std::set<std::string>& names) {
+  if (names.empty()) return " nothing";
+  std::string list;
+  for (const std::string& name : names) list += ' ' + name;
+  return list;
+}
+
 }  // namespace
 
 Agent::Agent(const Options& options, Reader read)
@@ -44,9 +55,9 @@ Agent::Agent(const Options& options, Reader read)
               [this](const std::string& warning) { log_.ReportSome(warning); }, &health_.clients,
               &connected_),
       services_([this](const ProcessId& process) { return IsLive(process); }),
-      table_({options.max_series, options.ttl, options.process_label, !options.http.empty(),
-              options.max_ahead},
-             &health_, [this](const std::string& collision) { ReportCollision(collision); }),
+      table_(TableOptions(options), &health_,
+             [this](const std::string& collision) { ReportCollision(collision); }),
+      destinations_(options.destinations, TableOptions(options), &health_, &log_),
       status_(&health_, &table_, &services_),
       api_(&table_, &status_),
       decoder_(
@@ -59,12 +70,7 @@ std::vector<PacketSink*> Agent::Sinks() {
         *options_.print, options_.process_label, STDOUT_FILENO,
         [this](int error) { PrintingChanged(error); }, &health_));
   }
-  if (options_.forward) {
-    sinks.push_back(&forwarder_.emplace(*options_.forward,
-                                        std::make_unique<InfluxFormat>(options_.process_label),
-                                        &numbers_.emplace(&health_, "forward"), &health_,
-                                        [this](const std::string& line) { log_.Report(line); }));
-  }
+  destinations_.AddSinks(&sinks);
   if (!options_.merge) {
     sinks.push_back(&services_);
     return sinks;
@@ -137,10 +143,10 @@ bool Agent::Serve() {
 }
 
 bool Agent::Linger(Clock::time_point end) {
-  if (forwarder_) forwarder_->Flush();
+  destinations_.Flush();
   bool in_time = true;
   const auto done = [&] {
-    if (health_.queued_packets == 0 && (!forwarder_ || forwarder_->IsIdle())) return true;
+    if (health_.queued_packets == 0 && destinations_.IsIdle()) return true;
     in_time = Clock::now() < end;
     return !in_time;
   };
@@ -160,7 +166,7 @@ void Agent::LookAfterThings() {
     log_.ReportOutOfMemory();
   }
   if (merge_) merge_->Tick();
-  if (forwarder_) forwarder_->Tick();
+  destinations_.Tick();
   table_.Sweep();
   services_.Sweep();
   status_.Look();
@@ -178,28 +184,30 @@ void Agent::ReadSettings() {
 }
 
 void Agent::ChangeTo(const Options& next) {
-  std::set<std::string_view> changeable = {"drain", "max-ahead", "ttl"};
-  if (forwarder_ && next.forward) changeable.insert({"forward", "forward-timeout"});
+  // Those of destinations are told by the names of these.
+  static const std::set<std::string_view> kOfTargets = {"ca-file",    "bearer-file", "client-cert",
+                                                        "client-key", "header",      "forward",
+                                                        "otlp",       "remote-write"};
+  static const std::set<std::string_view> kChangeable = {"drain", "forward-timeout", "max-ahead",
+                                                         "ttl"};
   std::map<std::string, std::string> texts = texts_;
-  std::string changed;
-  std::string unchanged;
+  std::set<std::string> changed;
+  std::set<std::string> unchanged;
   for (const auto& [name, text] : next.texts) {
-    if (texts[name] == text) continue;
-    const bool can_change = changeable.count(name) > 0;
-    (can_change ? changed : unchanged) += " " + name;
+    const bool can_change = kChangeable.count(name) > 0 || kOfTargets.count(name) > 0;
+    if (kOfTargets.count(name) == 0 && texts[name] != text) {
+      (can_change ? changed : unchanged).insert(name);
+    }
     if (can_change) texts[name] = text;
   }
   drain_ = next.drain;
   table_.SetTimes(next.ttl, next.max_ahead);
   if (merge_) merge_->SetTtl(next.ttl);
-  if (changed.find("forward") != std::string::npos) {
-    forwarder_->Redirect(next.forward->url, next.forward->timeout);
-    ReportTarget(next.forward->url);
-  }
+  destinations_.Change(next.destinations, &changed, &unchanged);
   texts_.swap(texts);
   status_.SetSettings(ShownSettings(texts_));
-  log_.Report("reloaded, changed:" + (changed.empty() ? " nothing" : changed), LogLevel::kInfo);
-  if (!unchanged.empty()) log_.Report("a restart is needed to change:" + unchanged);
+  log_.Report("reloaded, changed:" + Listed(changed), LogLevel::kInfo);
+  if (!unchanged.empty()) log_.Report("a restart is needed to change:" + Listed(unchanged));
 }
 
 int Agent::End(int status) {
@@ -219,10 +227,7 @@ bool Agent::Start() {
     return false;
   }
   if (slots_) slots_->Restore(ReadSlots(SlotPath(options_)));
-  if (forwarder_) {
-    forwarder_->Start();
-    ReportTarget(options_.forward->url);
-  }
+  destinations_.Start();
   if (!listener_.Confirm(&error)) {
     log_.Report(error, LogLevel::kError);
     return false;
@@ -259,18 +264,10 @@ bool Agent::StartHttp(std::string* error) {
   return true;
 }
 
-void Agent::ReportTarget(const ForwardUrl& url) noexcept {
-  log_.ReportJoined(LogLevel::kInfo, {"forwarding to ", url.shown});
-  if (!IsForeignTarget(url.target)) return;
-  log_.ReportJoined(
-      LogLevel::kWarning,
-      {url.shown, " is not known to take InfluxDB lines, as /write or /api/v2/write"});
-}
-
 void Agent::PrintingChanged(int error) noexcept {
   const bool ended = StreamWriter::IsFinal(error);
   // If printing is all that there is to do, the agent ends. Otherwise the rest goes on without it.
-  if (ended && options_.http.empty() && !options_.forward) return Stop();
+  if (ended && options_.http.empty() && destinations_.empty()) return Stop();
   Survives(&health_, [&] {
     const Clock::time_point now = Clock::now();
     if (error == 0) {
@@ -307,7 +304,7 @@ bool Agent::FinishOutputs(Clock::time_point end) {
     const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
     return std::max(time, std::chrono::milliseconds(0));
   };
-  if (forwarder_) forwarder_->Stop(left());
+  destinations_.Stop(left());
   if (!printer_) return true;
   // It has printed meanwhile.
   printer_->Finish(left());

@@ -12,7 +12,7 @@
 #include "agent/connected_processes.h"
 #include "agent/connected_services.h"
 #include "agent/decoder.h"
-#include "agent/forwarder.h"
+#include "agent/destinations.h"
 #include "agent/hand_over.h"
 #include "agent/health.h"
 #include "agent/heap_trimmer.h"
@@ -37,7 +37,7 @@ namespace tidegate::agent {
 //   thread of Run: reads the sockets, puts messages into the queue
 //   decoder:       takes them out, decodes, hands packets to every sink, or merges them before
 //   writers:       of standard output and standard error
-//   forwarder:     packs points and sends them to a database
+//   forwarders:    pack points and send them, each to its destination
 //   HTTP:          pages from the table of series
 //
 // No thread waits for a later one. None ends because memory runs out: it counts its loss. Run once;
@@ -80,7 +80,6 @@ class Agent {
   // Once a second, on the decoder's thread.
   void LookAfterThings();
   void LookAfterSlots();
-  void ReportTarget(const ForwardUrl& url) noexcept;
   // On the writer's thread.
   void PrintingChanged(int error) noexcept;
   void HttpEnded() noexcept;
@@ -112,6 +111,7 @@ class Agent {
   bool slots_unsaved_reported_ = false;
   ConnectedServices services_;
   SeriesTable table_;
+  Destinations destinations_;
   StatusReport status_;
   const PageApi api_;
   Clock::time_point next_printing_line_;  // with the next, of the writer's thread
@@ -123,8 +123,6 @@ class Agent {
   std::atomic<bool> reload_asked_{false};
   static_assert(std::atomic<bool>::is_always_lock_free);
   std::optional<HttpServer> http_;
-  std::optional<DestinationNumbers> numbers_;
-  std::optional<Forwarder> forwarder_;
   std::optional<MergeStage> merge_;  // after the sinks
   Decoder decoder_;                  // after all sinks
 };

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
-#include <iterator>
+#include <optional>
 #include <string_view>
 
 namespace tidegate::agent {
@@ -105,7 +105,8 @@ bool CheckPrecision(std::string_view target, std::string* error) {
 
 }  // namespace
 
-bool ParseForwardUrl(const std::string& text, ForwardUrl* url, std::string* error) {
+bool ParseForwardUrl(const std::string& text, ForwardUrl* url, std::string* error,
+                     DestinationKind kind) {
   if (std::any_of(text.begin(), text.end(), [](char c) { return c <= ' ' || c == '\x7f'; })) {
     *error = "it has characters that have to be written as %XX";
     return false;
@@ -137,12 +138,13 @@ bool ParseForwardUrl(const std::string& text, ForwardUrl* url, std::string* erro
   if (!ParseAuthority(authority, url, error)) return false;
 
   const size_t path_end = std::min(rest.find('?'), rest.size());
-  url->target = path_end <= 1 ? "/write" : rest.substr(0, path_end);
+  url->target = path_end <= 1 ? FactsOf(kind).path : rest.substr(0, path_end);
   url->target += rest.substr(path_end);
   // A query may hold a token or a password.
   url->shown = std::string(scheme) + "://" + std::string(authority) +
                url->target.substr(0, url->target.find('?'));
-  return CheckHost(*url, error) && CheckPrecision(url->target, error);
+  return CheckHost(*url, error) &&
+         (kind != DestinationKind::kInflux || CheckPrecision(url->target, error));
 }
 
 std::string ForwardUrl::Request() const {
@@ -151,17 +153,33 @@ std::string ForwardUrl::Request() const {
          std::to_string(port) + target;
 }
 
-bool IsForeignTarget(std::string_view target) {
-  // Of OpenTelemetry, of Prometheus' remote write, pushes and imports, and of OpenTSDB.
-  constexpr std::string_view kEnds[] = {
-      "/v1/metrics",     "/v1/traces",     "/v1/logs",      "/api/v1/write", "/api/v1/push",
-      "/api/v1/receive", "/api/v1/import", "/api/v1/query", "/api/put",      "/metrics",
+bool IsForeignTarget(std::string_view target, DestinationKind kind) {
+  using Kind = DestinationKind;
+  struct End {
+    std::string_view path;
+    std::optional<Kind> kind;  // that takes it; none: those of OpenTelemetry, Prometheus, OpenTSDB
+  };
+  constexpr End kEnds[] = {
+      {"/v1/metrics", Kind::kOtlp},
+      {"/v1/traces", {}},
+      {"/v1/logs", {}},
+      {"/api/v1/write", Kind::kRemoteWrite},
+      {"/api/v1/push", Kind::kRemoteWrite},
+      {"/api/v1/receive", Kind::kRemoteWrite},
+      {"/api/v2/write", Kind::kInflux},
+      {"/influx/write", Kind::kInflux},
+      {"/api/v1/import", {}},
+      {"/api/v1/query", {}},
+      {"/api/put", {}},
+      {"/metrics", {}},
   };
   std::string_view path = target.substr(0, target.find('?'));
   while (!path.empty() && path.back() == '/') path.remove_suffix(1);
-  return std::any_of(std::begin(kEnds), std::end(kEnds), [path](std::string_view end) {
-    return path.size() >= end.size() && path.substr(path.size() - end.size()) == end;
-  });
+  for (const End& end : kEnds) {
+    if (path.size() < end.path.size()) continue;
+    if (path.substr(path.size() - end.path.size()) == end.path) return end.kind != kind;
+  }
+  return false;
 }
 
 std::string WithoutSecrets(const std::string& text) {

@@ -3,6 +3,8 @@
 #include <string>
 #include <string_view>
 
+#include "agent/destination_kind.h"
+
 namespace tidegate::agent {
 
 // Where points are forwarded to: the parts of http[s]://[user:password@]host[:port][/path][?query].
@@ -19,12 +21,14 @@ struct ForwardUrl {
   std::string Request() const;
 };
 
-// Takes `text` apart. The path is /write if there is none, the port that of the scheme. Returns
-// false, with one line in `error` that quotes the offending part, for what cannot be forwarded to.
-bool ParseForwardUrl(const std::string& text, ForwardUrl* url, std::string* error);
+// Takes `text` apart. The path is that of the kind if there is none, the port that of the scheme.
+// Returns false, with one line in `error` that quotes the offending part, for what cannot be
+// forwarded to.
+bool ParseForwardUrl(const std::string& text, ForwardUrl* url, std::string* error,
+                     DestinationKind kind = DestinationKind::kInflux);
 
-// Whether the path of a target is known as one that takes other things than InfluxDB lines.
-bool IsForeignTarget(std::string_view target);
+// Whether the path of a target is known as one that takes other things than this kind.
+bool IsForeignTarget(std::string_view target, DestinationKind kind);
 
 // `text` for a line that says why it is refused: without what can be a user, a password, written
 // right or wrong, or a query.

@@ -29,7 +29,7 @@ std::string Shown(const HttpReply& reply) {
   std::string shown = "HTTP " + std::to_string(reply.status);
   if (!reply.text.empty()) shown += ": " + reply.text;
   if (!reply.location.empty()) {
-    shown += " (redirects are not followed: name " + reply.location + " in --forward)";
+    shown += " (redirects are not followed: give " + reply.location + " as the URL)";
   }
   return shown;
 }
@@ -37,6 +37,12 @@ std::string Shown(const HttpReply& reply) {
 ForwardOptions WithMagic(ForwardOptions options, std::string_view magic) {
   options.spool.magic = magic;
   return options;
+}
+
+int64_t NowMillis() {
+  return std::chrono::duration_cast<milliseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
 }
 
 int64_t NowNanos() {
@@ -57,11 +63,13 @@ Forwarder::Forwarder(const ForwardOptions& options, std::unique_ptr<const PointF
           options_.limits, options_.spool.folder.empty()
                                ? std::function<bool()>()
                                : [this] { return !spool_.empty() || has_spooled_parts_; }),
-      poster_(std::make_unique<HttpPoster>(options_.url, format_->Headers())),
+      poster_(MakePoster(options_.target)),
       writer_(format_->MakeWriter()),
       output_(&queue_, numbers, health),
-      target_{options_.url, options_.timeout},
+      target_(options_.target),
       random_(std::random_device()()) {
+  state_.url = target_.url.shown;
+  state_.since_ms = NowMillis();
   if (!options_.spool.folder.empty()) {
     feeder_.emplace(&queue_, &spool_, format_.get(), numbers_, health_, [this] { PublishSize(); });
   }
@@ -74,12 +82,17 @@ void Forwarder::Start() {
   if (feeder_) feeder_->Start();
 }
 
-void Forwarder::Stop(milliseconds drain) {
+void Forwarder::BeginStop(milliseconds drain) {
   if (!thread_.joinable() || draining_) return;
   drain_end_ = Clock::now() + drain;
   HandOut(true);
   draining_ = true;
   queue_.Flush();
+}
+
+void Forwarder::Stop(milliseconds drain) {
+  if (!thread_.joinable()) return;
+  BeginStop(drain);
   if (ended_.wait_until(drain_end_) != std::future_status::ready) {
     const WriteGuard lock(target_mutex_);
     poster_->Cancel();
@@ -89,10 +102,14 @@ void Forwarder::Stop(milliseconds drain) {
   DropWhatIsLeft();
 }
 
-void Forwarder::Redirect(const ForwardUrl& url, milliseconds timeout) {
+std::unique_ptr<HttpPoster> Forwarder::MakePoster(const ForwardTarget& target) const {
+  return std::make_unique<HttpPoster>(target.url, target.credentials, format_->Headers());
+}
+
+void Forwarder::Redirect(const ForwardTarget& target) {
   {
     const WriteGuard lock(target_mutex_);
-    next_target_ = {url, timeout};
+    next_target_ = target;
   }
   queue_.SendNow();  // wakes the thread
 }
@@ -102,9 +119,11 @@ void Forwarder::TakeTarget() {
     const WriteGuard lock(target_mutex_);
     if (!next_target_) return;
     ReportRefused();
-    poster_ = std::make_unique<HttpPoster>(next_target_->url, format_->Headers());
+    poster_ = MakePoster(*next_target_);
     target_ = *std::move(next_target_);
     next_target_.reset();
+    const WriteGuard state_lock(state_mutex_);
+    state_.url = target_.url.shown;
     failures_ = 0;
     denied_since_.reset();
     next_outage_line_ = next_refusal_line_ = {};
@@ -266,9 +285,12 @@ bool Forwarder::Deliver(Delivery* delivery) {
       for (const Batch& part : parts) numbers_->retried_points += part.points;
       retry_at_ = Clock::now() + NextPause(reply.wait);
       failure_ = Shown(reply);
+      NoteOutcome(false);
+      NoteRefusal(failure_, reply.status);
       return false;
     }
     failures_ = 0;
+    NoteOutcome(true);
     if (verdict.kind == Verdict::Kind::kRefused && verdict.divisible && Split(delivery)) continue;
     queue_.Sent(parts.front().points);
     Settle(&parts, verdict, reply);
@@ -308,6 +330,7 @@ void Forwarder::Settle(Batches* parts, const Verdict& verdict, const HttpReply& 
     std::string words = verdict.words.empty() ? Shown(reply) : verdict.words;
     const std::string series = format_->Describe(done.front().body);
     if (!series.empty()) words += " (for " + series + ")";
+    NoteRefusal(words, reply.status);
     Reject(dropped, words);
     if (dropped == points) return;
   }
@@ -316,6 +339,41 @@ void Forwarder::Settle(Batches* parts, const Verdict& verdict, const HttpReply& 
   if (std::exchange(outage_reported_, false)) {
     report_("forwards to " + target_.url.shown + " again");
   }
+}
+
+void Forwarder::NoteOutcome(bool up) {
+  const WriteGuard lock(state_mutex_);
+  if (std::exchange(state_.up, up) != up) state_.since_ms = NowMillis();
+}
+
+void Forwarder::NoteRefusal(const std::string& text, int status) {
+  Survives(health_, [&] {
+    DestinationStatus::Refusal refusal = {text, status, NowMillis()};
+    const WriteGuard lock(state_mutex_);
+    state_.last_refusal = std::move(refusal);
+  });
+}
+
+DestinationStatus Forwarder::Status() const {
+  DestinationStatus status;
+  status.name = options_.name;
+  status.type = FactsOf(options_.kind).name;
+  {
+    const WriteGuard lock(state_mutex_);
+    status.url = state_.url;
+    status.up = state_.up;
+    status.since_ms = state_.since_ms;
+    status.last_refusal = state_.last_refusal;
+  }
+  status.queue_points = numbers_->queue_points + numbers_->held_points;
+  status.queue_bytes = numbers_->queue_bytes + numbers_->held_bytes;
+  status.queue_limit_points = queue_.limits().queue_points;
+  status.spool_points = numbers_->spool_points;
+  status.spool_bytes = numbers_->spool_bytes;
+  status.forwarded_points = numbers_->forwarded_points;
+  status.retried_points = numbers_->retried_points;
+  for (size_t i = 0; i < kForwardDrops; ++i) status.dropped[i] = numbers_->dropped[i];
+  return status;
 }
 
 bool Forwarder::IsWorthRetrying(Verdict::Kind kind) {

@@ -12,7 +12,8 @@
 
 #include "agent/batch_queue.h"
 #include "agent/destination_numbers.h"
-#include "agent/forward_url.h"
+#include "agent/destination_status.h"
+#include "agent/forward_options.h"
 #include "agent/health.h"
 #include "agent/http_poster.h"
 #include "agent/packet_sink.h"
@@ -24,19 +25,6 @@
 #include "util/metric_lock.h"
 
 namespace tidegate::agent {
-
-struct ForwardOptions {
-  ForwardUrl url;
-  BatchLimits limits;
-  std::chrono::milliseconds timeout{10000};    // of a request, from the name's look-up to the reply
-  std::chrono::milliseconds first_pause{500};  // after a failure; doubled by each further one
-  std::chrono::milliseconds longest_pause{30000};
-  std::chrono::milliseconds setup_time{600000};  // of nothing but 401 and 404, before it drops
-  std::chrono::milliseconds health_interval{10000};
-  std::chrono::milliseconds log_interval{60000};  // between lines about the same trouble
-  SpoolOptions spool;
-  std::string host;  // tag of the agent's own numbers
-};
 
 // Sends points to a database over HTTP, in the form that a PointFormat makes.
 //
@@ -60,13 +48,18 @@ class Forwarder : public PacketSink {
   // Starts the thread, once.
   void Start();
 
-  // Sends the points that wait, for at most `drain`; returns sooner when all are sent. The rest
-  // goes to the spool, however long that takes, or is dropped, counted and reported. Does nothing
-  // without Start or when called again. REQUIRES: no Handle or Tick from now on.
+  // Sends the points that wait, for at most `drain` from the first call of one of these; Stop
+  // returns sooner when all are sent. The rest goes to the spool, however long that takes, or is
+  // dropped, counted and reported. BeginStop waits for nothing. Both do nothing without Start.
+  // REQUIRES: no Handle or Tick from now on.
+  void BeginStop(std::chrono::milliseconds drain);
   void Stop(std::chrono::milliseconds drain);
 
-  // From now on sends to `url`, also the points that wait, and at once. From any thread.
-  void Redirect(const ForwardUrl& url, std::chrono::milliseconds timeout);
+  // From now on sends to `target`, also the points that wait, and at once. From any thread.
+  void Redirect(const ForwardTarget& target);
+
+  // From any thread.
+  DestinationStatus Status() const;
 
   // From now on no point waits for others to be sent with, nor is held beyond the next Tick. From
   // any thread.
@@ -83,12 +76,21 @@ class Forwarder : public PacketSink {
  private:
   using Clock = BatchQueue::Clock;
 
+  // The part of the status that no number has.
+  struct State {
+    std::string url;
+    bool up = true;
+    int64_t since_ms = 0;
+    std::optional<DestinationStatus::Refusal> last_refusal;
+  };
+
   // A batch on its way.
   struct Delivery {
     Batches parts;  // in order; all of it at first
     int splits = 0;
   };
 
+  std::unique_ptr<HttpPoster> MakePoster(const ForwardTarget& target) const;
   void Write(const Packet& packet, const ClientId& client);
   void HandOut(bool all);
   void Run();
@@ -107,6 +109,8 @@ class Forwarder : public PacketSink {
   HttpReply Post(const Batch& batch);
   void Settle(Batches* parts, const Verdict& verdict, const HttpReply& reply);
   void KeepSpooledParts();
+  void NoteOutcome(bool up);
+  void NoteRefusal(const std::string& text, int status);
   void ReportOutage();
   bool IsWorthRetrying(Verdict::Kind kind);
   void Reject(uint64_t points, const std::string& words);
@@ -128,15 +132,14 @@ class Forwarder : public PacketSink {
   METRICS::Mutex publishing_;          // one thread at a time tells the size of queue_
   std::optional<SpoolFeeder> feeder_;  // if there is a spool
 
-  // Where to.
-  struct Target {
-    ForwardUrl url;
-    std::chrono::milliseconds timeout;
-  };
   METRICS::Mutex target_mutex_;
-  std::optional<Target> next_target_ METRICS_GUARDED_BY(target_mutex_);
+  std::optional<ForwardTarget> next_target_ METRICS_GUARDED_BY(target_mutex_);
   // Changed by the thread with target_mutex_ held; the thread alone uses it without.
   std::unique_ptr<HttpPoster> poster_;
+
+  mutable METRICS::Mutex state_mutex_;
+  State state_ METRICS_GUARDED_BY(state_mutex_);
+
   std::thread thread_;
   std::promise<void> end_;
   const std::future<void> ended_{end_.get_future()};
@@ -156,7 +159,7 @@ class Forwarder : public PacketSink {
   std::atomic<bool> has_spooled_parts_{false};
   Clock::time_point retry_at_;
   std::string failure_;  // the reason for it
-  Target target_;
+  ForwardTarget target_;
   Clock::time_point next_health_;
   int failures_ = 0;  // since the last delivery
   bool outage_reported_ = false;

@@ -61,6 +61,10 @@ std::string Words(CURLcode code, bool connected) {
       return "the connection broke before the end of the reply";
     case CURLE_PEER_FAILED_VERIFICATION:
       return "the server's certificate is not trusted, or is for another name";
+    case CURLE_SSL_CACERT_BADFILE:
+      return "the file of trusted certificates (ca-file) cannot be used";
+    case CURLE_SSL_CERTPROBLEM:
+      return "the agent's certificate or key (client-cert, client-key) cannot be used";
     default:
       return std::string("no reply: ") + curl_easy_strerror(code);
   }
@@ -78,7 +82,8 @@ std::string_view Reason(std::string_view status_line) {
 
 class HttpPoster::Client {
  public:
-  Client(const ForwardUrl& url, const std::vector<std::string>& headers);
+  Client(const ForwardUrl& url, const Credentials& credentials,
+         const std::vector<std::string>& headers);
 
   // The result of the request; CURLE_ABORTED_BY_CALLBACK after Cancel.
   CURLcode Perform(const std::string& body, std::chrono::milliseconds timeout);
@@ -92,6 +97,7 @@ class HttpPoster::Client {
   }
   void AddHeader(const char* header);
   void SetUrl(const ForwardUrl& url);
+  void SetCredentials(const ForwardUrl& url, const Credentials& credentials);
   CURLcode Await();
   bool Count(size_t size);
 
@@ -111,17 +117,20 @@ class HttpPoster::Client {
   bool cut_ = false;         // in the body
 };
 
-HttpPoster::Client::Client(const ForwardUrl& url, const std::vector<std::string>& headers) {
+HttpPoster::Client::Client(const ForwardUrl& url, const Credentials& credentials,
+                           const std::vector<std::string>& headers) {
   static const CURLcode once = curl_global_init(CURL_GLOBAL_DEFAULT);
   multi_.reset(once == CURLE_OK ? curl_multi_init() : nullptr);
   easy_.reset(multi_ ? curl_easy_init() : nullptr);
   if (!easy_) throw std::bad_alloc();
   AddHeader("Expect:");
   for (const std::string& header : headers) AddHeader(header.c_str());
+  for (const std::string& header : credentials.headers) AddHeader(header.c_str());
   body_.reserve(kMaxReply);
   status_line_.reserve(kMaxText);
 
   SetUrl(url);
+  SetCredentials(url, credentials);
   Set(CURLOPT_HTTPHEADER, headers_.get());
   Set(CURLOPT_POST, 1L);
   Set(CURLOPT_HEADERFUNCTION, &Client::TakeHeader);
@@ -147,11 +156,26 @@ void HttpPoster::Client::SetUrl(const ForwardUrl& url) {
   Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   Set(CURLOPT_PROXY, "");
   Set(CURLOPT_USERAGENT, "tidegate-agent/" TIDEGATE_VERSION);
-  if (!url.user.empty()) {
-    Set(CURLOPT_USERNAME, url.user.c_str());
-    Set(CURLOPT_PASSWORD, url.password.c_str());
+}
+
+void HttpPoster::Client::SetCredentials(const ForwardUrl& url, const Credentials& credentials) {
+  const bool in_url = !url.user.empty();
+  if (in_url || !credentials.user.empty()) {
+    Set(CURLOPT_USERNAME, (in_url ? url.user : credentials.user).c_str());
+    Set(CURLOPT_PASSWORD, (in_url ? url.password : credentials.password).c_str());
   }
-  if (const char* const trusted = std::getenv("SSL_CERT_FILE")) Set(CURLOPT_CAINFO, trusted);
+  if (!credentials.ca_file.empty()) {
+    Set(CURLOPT_CAINFO, credentials.ca_file.c_str());
+    Set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+  } else if (const char* const trusted = std::getenv("SSL_CERT_FILE")) {
+    Set(CURLOPT_CAINFO, trusted);
+  }
+  if (!credentials.client_cert.empty()) {
+    Set(CURLOPT_SSLCERT, credentials.client_cert.c_str());
+    Set(CURLOPT_SSLKEY,
+        (credentials.client_key.empty() ? credentials.client_cert : credentials.client_key)
+            .c_str());
+  }
 }
 
 CURLcode HttpPoster::Client::Perform(const std::string& body, std::chrono::milliseconds timeout) {
@@ -243,8 +267,9 @@ size_t HttpPoster::Client::TakeBody(char* data, size_t /*one*/, size_t size,
   return size;
 }
 
-HttpPoster::HttpPoster(const ForwardUrl& url, const std::vector<std::string>& headers)
-    : client_(std::make_unique<Client>(url, headers)) {}
+HttpPoster::HttpPoster(const ForwardUrl& url, const Credentials& credentials,
+                       const std::vector<std::string>& headers)
+    : client_(std::make_unique<Client>(url, credentials, headers)) {}
 
 HttpPoster::~HttpPoster() = default;
 

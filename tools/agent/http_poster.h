@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/credentials.h"
 #include "agent/forward_url.h"
 
 namespace tidegate::agent {
@@ -22,7 +23,8 @@ struct HttpReply {
 // Posts bodies to one URL, on one connection that is kept open between requests.
 //
 // Threads: one calls Post; Cancel may come from any. Certificates of https are verified against
-// those that the machine trusts, or against the file that SSL_CERT_FILE in the environment names.
+// those of the credentials' file, or the one that SSL_CERT_FILE in the environment names, or those
+// that the machine trusts.
 // Redirects are not followed, proxies of the environment not used. Of a reply head and body are
 // bounded together, interim replies included. Throws std::bad_alloc where there is no memory for a
 // client.
@@ -31,8 +33,10 @@ class HttpPoster {
   // The bytes of a reply. One whose body is longer is cut and still taken, as its status is known.
   static constexpr size_t kMaxReply = size_t{64} << 10;
 
-  // `headers` are lines of HTTP's head, as "Content-Type: text/plain".
-  HttpPoster(const ForwardUrl& url, const std::vector<std::string>& headers);
+  // `headers` are lines of HTTP's head, as "Content-Type: text/plain", beside those of the
+  // credentials.
+  HttpPoster(const ForwardUrl& url, const Credentials& credentials,
+             const std::vector<std::string>& headers);
   ~HttpPoster();  // waits for nobody, not even for the look-up of a name
   HttpPoster(const HttpPoster&) = delete;
   HttpPoster& operator=(const HttpPoster&) = delete;

@@ -20,6 +20,7 @@ namespace tidegate::agent {
 namespace {
 
 constexpr int kBadFlag = 2;
+constexpr char kDestinationSection[] = "destination";
 
 // The values that the parser fills in, before they become the agent's options.
 struct Raw {
@@ -82,7 +83,7 @@ class SettingsFile : public CLI::ConfigTOML {
     const auto file = app_->get_config_ptr()->as<std::string>();
     std::string text(std::istreambuf_iterator<char>(input), {});
     const std::vector<std::string> names = SettingNames(*app_);
-    *sections_ = TakeSections(file, {"destination", "rule"}, names, &text);
+    *sections_ = TakeSections(file, {kDestinationSection, "rule"}, names, &text);
     std::istringstream again(text);
     std::vector<CLI::ConfigItem> settings = CLI::ConfigTOML::from_config(again);
     for (const CLI::ConfigItem& item : settings) {
@@ -168,6 +169,18 @@ ProcessLabel LabelOf(const Raw& raw) {
   return raw.process_label == "slot" ? ProcessLabel::kSlot : ProcessLabel::kNone;
 }
 
+// Those of flags, then those of sections.
+std::vector<ForwardOptions> DestinationsOf(const Raw& raw) {
+  std::vector<ForwardOptions> destinations = raw.forward.ToOptions();
+  std::vector<SettingsSection> sections;
+  for (const SettingsSection& section : raw.options.sections) {
+    if (section.kind == kDestinationSection) sections.push_back(section);
+  }
+  for (const SettingsSection& section : sections) destinations.push_back(DestinationOf(section));
+  CheckTogether(destinations, sections);
+  return destinations;
+}
+
 Options Finish(const Raw& raw) {
   Options options = raw.options;
   options.socket_mode = static_cast<mode_t>(std::stoul(raw.mode, nullptr, 8));
@@ -178,8 +191,8 @@ Options Finish(const Raw& raw) {
   if (raw.merge_gauge == "last") options.merge_gauge = GaugeMerge::kLast;
   if (raw.merge_gauge == "max") options.merge_gauge = GaugeMerge::kMax;
   options.process_label = options.merge ? ProcessLabel::kNone : LabelOf(raw);
-  if (!raw.forward.url.empty()) options.forward = raw.forward.ToOptions();
-  const bool elsewhere = !options.http.empty() || options.forward;
+  options.destinations = DestinationsOf(raw);
+  const bool elsewhere = !options.http.empty() || !options.destinations.empty();
   const bool silent = raw.quiet || (raw.print.empty() && elsewhere);
   if (!silent) options.print = raw.print == "json" ? PrintFormat::kJson : PrintFormat::kText;
   return options;

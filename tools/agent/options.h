@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "agent/forwarder.h"
+#include "agent/forward_options.h"
 #include "agent/merge_rules.h"
 #include "agent/packet_log.h"
 #include "agent/point_mapping.h"
@@ -29,7 +29,7 @@ struct Options {
   ProcessLabel process_label = ProcessLabel::kSlot;
   std::string http;  // "host:port"; empty: none
   bool timestamps = false;
-  std::optional<ForwardOptions> forward;
+  std::vector<ForwardOptions> destinations;
   bool merge = false;
   GaugeMerge merge_gauge = GaugeMerge::kSum;
   std::chrono::seconds merge_delay{5};

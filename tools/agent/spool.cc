@@ -59,6 +59,7 @@ bool Spool::Open() {
   const WriteGuard lock(mutex_);
   if (folder_.is_open()) return true;
   std::string error;
+  if (!options_.parent.empty()) mkdir(options_.parent.c_str(), 0700);  // Open tells why not
   if (!folder_.Open(options_.folder, &error)) return Failed("cannot be used", error);
   Works();
   Load();

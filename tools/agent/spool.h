@@ -20,6 +20,7 @@ namespace tidegate::agent {
 
 struct SpoolOptions {
   std::string folder;                             // empty: there is no spool
+  std::string parent;                             // to be made first; empty: need not be
   uint64_t bytes = uint64_t{1} << 30;             // of all files
   std::chrono::milliseconds retry{1000};          // after a failure of the disk
   std::chrono::milliseconds log_interval{60000};  // between lines about a full spool
