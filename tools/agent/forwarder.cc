@@ -172,6 +172,7 @@ void Forwarder::Write(const Packet& packet, const ClientId& client) {
       if (tried) work += writer_->work();
     }
   }
+  writer_->EndPacket(&output_);
   output_.Push();
   PublishHeld();
   PublishSize();

@@ -28,15 +28,6 @@ struct FreeList {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
 
-std::string Printable(std::string_view text) {
-  std::string line(text.substr(0, kMaxText));
-  std::replace_if(
-      line.begin(), line.end(),
-      [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; }, ' ');
-  line.erase(line.find_last_not_of(' ') + 1);
-  return line;
-}
-
 std::string Words(CURLcode code, bool connected) {
   switch (code) {
     case CURLE_COULDNT_RESOLVE_HOST:
@@ -79,6 +70,15 @@ std::string_view Reason(std::string_view status_line) {
 }
 
 }  // namespace
+
+std::string PrintableLine(std::string_view text) {
+  std::string line(text.substr(0, kMaxText));
+  std::replace_if(
+      line.begin(), line.end(),
+      [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; }, ' ');
+  line.erase(line.find_last_not_of(' ') + 1);
+  return line;
+}
 
 class HttpPoster::Client {
  public:
@@ -230,10 +230,10 @@ HttpReply HttpPoster::Client::TakeReply(CURLcode code) {
   curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &status);
   reply.status = static_cast<int>(status);
   reply.body = body_;
-  reply.text = Printable(body_.empty() ? Reason(status_line_) : body_);
+  reply.text = PrintableLine(body_.empty() ? Reason(status_line_) : body_);
   curl_header* location = nullptr;
   if (curl_easy_header(easy_.get(), "Location", 0, CURLH_HEADER, -1, &location) == CURLHE_OK) {
-    reply.location = Printable(location->value);
+    reply.location = PrintableLine(location->value);
   }
   curl_off_t wait = 0;
   curl_easy_getinfo(easy_.get(), CURLINFO_RETRY_AFTER, &wait);

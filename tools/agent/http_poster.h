@@ -3,6 +3,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "agent/credentials.h"
@@ -19,6 +20,9 @@ struct HttpReply {
   std::string location;  // of a redirect, printable
   std::chrono::seconds wait{0};  // what the server asks for by Retry-After; 0 if it does not
 };
+
+// What a server says, as one printable line, cut where it is long.
+std::string PrintableLine(std::string_view text);
 
 // Posts bodies to one URL, on one connection that is kept open between requests.
 //

@@ -44,6 +44,9 @@ class PointWriter {
   // The work of the last Write, in bytes that it wrote, or tried to write.
   virtual size_t work() const = 0;
 
+  // That was the last record of a packet. If it throws, points are written, held or dropped.
+  virtual void EndPacket(PointOutput* /*out*/) {}
+
   // Writes held points that are due, or all. Called about once a second, also while no packet
   // comes, and with `all` when the agent is about to end, maybe several times, between which and
   // after which Write may be called. If it throws, points are written, held or dropped.

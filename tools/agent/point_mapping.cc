@@ -93,10 +93,15 @@ std::string_view HeaderValue(const Packet& packet, std::string_view key) {
   return {};
 }
 
+bool IsOwnerKey(std::string_view key) {
+  return key == kTenantKey ||
+         std::find(std::begin(kHeaderKeys), std::end(kHeaderKeys), key) != std::end(kHeaderKeys);
+}
+
 void PointTags::Assign(const Packet& packet, const ClientId& client, ProcessLabel label, Kind kind,
                        const Series& record) {
   tags_.clear();
-  tags_.push_back({"tenant", packet.tenant});
+  tags_.push_back({kTenantKey, packet.tenant});
   for (const std::string_view key : kHeaderKeys) {
     const std::string_view value = HeaderValue(packet, key);
     if (!value.empty()) tags_.push_back({key, value});

@@ -44,8 +44,12 @@ std::string_view KeyOf(ProcessLabel label);
 std::string ValueOf(ProcessLabel label, const ClientId& client);
 
 // The owner of a packet beside the tenant, as its header names it; empty if it does not.
+inline constexpr std::string_view kTenantKey = "tenant";
 inline constexpr std::string_view kHeaderKeys[] = {"account_id", "project_id"};
 std::string_view HeaderValue(const Packet& packet, std::string_view key);
+
+// Whether a tag with this key names the owner, if it is one of the first tags of a point.
+bool IsOwnerKey(std::string_view key);
 
 // The tags that a record's points carry: `tenant`, `account_id` and `project_id`, as two owners of
 // data can have one name, then `slot` or `pid` by `label`, then its own, in the order of their

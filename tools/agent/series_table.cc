@@ -81,7 +81,8 @@ void SeriesTable::HandleBlock(const Packet& packet, const ClientId& client, cons
 
 SeriesTable::Work SeriesTable::WorkFor(const Packet& packet, const ClientId& client,
                                        const Block& block) {
-  const bool ahead = options_.page && block.timestamp > now_.seconds + max_ahead_.count();
+  const bool ahead = (options_.page || recorder_ != nullptr) &&
+                     block.timestamp > now_.seconds + max_ahead_.count();
   return {&packet, &client, &block, ahead ? LayoutTable::Target() : layouts_.Find(block), ahead};
 }
 

@@ -1,0 +1,124 @@
+#include "agent/otlp_format.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "agent/gzip.h"
+#include "agent/ordered_writer.h"
+#include "agent/otlp_reply.h"
+#include "agent/point_mapping.h"
+
+namespace tidegate::agent {
+namespace {
+
+constexpr size_t kPieceBytes = size_t{64} << 10;
+
+// The points of a packet share their resources.
+class OtlpPointWriter : public OrderedWriter {
+ public:
+  explicit OtlpPointWriter(const OtlpFormat::Options& options)
+      : OrderedWriter(options.series, [](const std::string& /*line*/) {}),
+        writer_(options.attributes, options.host) {}
+
+  Held held() const override {
+    Held held = OrderedWriter::held();
+    held.points += points_;
+    held.bytes += writer_.bytes();
+    return held;
+  }
+
+ protected:
+  size_t WritePoint(const KeyedSeries& series, const Series& record, int64_t timestamp,
+                    PointOutput* out) override {
+    try {
+      if (writer_.Append(series, record, timestamp)) {
+        ++points_;
+      } else {
+        out->Drop(ForwardDrop::kEmpty, 1);
+      }
+      if (writer_.bytes() >= kPieceBytes) EndPoints(out);
+    } catch (...) {
+      Lose(out);
+      throw;
+    }
+    return writer_.tried_bytes();
+  }
+
+  void EndPoints(PointOutput* out) override {
+    if (points_ == 0) return;
+    try {
+      writer_.Take(out->bytes());
+    } catch (...) {
+      Lose(out);
+      throw;
+    }
+    out->End(std::exchange(points_, 0));
+  }
+
+ private:
+  void Lose(PointOutput* out) {
+    writer_.Clear();
+    out->Drop(ForwardDrop::kMemory, std::exchange(points_, 0));
+  }
+
+  OtlpWriter writer_;
+  uint64_t points_ = 0;  // in writer_
+};
+
+int64_t NowNanos() {
+  return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+}  // namespace
+
+std::optional<OtlpAttributes::value_type> ParseOtlpAttribute(const std::string& text,
+                                                             std::string* error) {
+  const size_t equals = text.find('=');
+  if (equals == std::string::npos || equals == 0) {
+    *error = "\"" + text + "\" is no attribute, which is KEY=VALUE";
+    return std::nullopt;
+  }
+  std::string key = text.substr(0, equals);
+  if (IsOwnerKey(key)) {
+    *error = "\"" + key + "\" is what the points themselves say";
+    return std::nullopt;
+  }
+  return {{std::move(key), text.substr(equals + 1)}};
+}
+
+OtlpFormat::OtlpFormat(Options options) : options_(std::move(options)), start_ns_(NowNanos()) {}
+
+std::unique_ptr<PointWriter> OtlpFormat::MakeWriter() const {
+  return std::make_unique<OtlpPointWriter>(options_);
+}
+
+void OtlpFormat::AppendHealth(const Health& health, std::string_view host, int64_t now_ns,
+                              std::string* out) const {
+  OtlpWriter(options_.attributes, host).AppendHealth(health, start_ns_, now_ns, out);
+}
+
+std::string OtlpFormat::Pack(std::string_view body) const { return Gzip(body); }
+
+std::vector<std::string> OtlpFormat::Headers() const {
+  return {"Content-Type: application/x-protobuf", "Content-Encoding: gzip"};
+}
+
+std::string_view OtlpFormat::SpoolMagic() const { return "TGSPOTL1"; }
+
+Verdict OtlpFormat::Read(const HttpReply& reply, uint64_t points) const {
+  Verdict verdict = PointFormat::Read(reply, points);
+  if (verdict.kind != Verdict::Kind::kTaken) {
+    const std::string message = ReadOtlpError(reply.body);
+    if (message.empty()) return verdict;
+    verdict.words = "HTTP " + std::to_string(reply.status) + ": " + PrintableLine(message);
+    return verdict;
+  }
+  const OtlpReply content = ReadOtlpSuccess(reply.body);
+  verdict.dropped = std::min(content.rejected, points);
+  if (verdict.dropped > 0) {
+    verdict.words = content.message.empty() ? "it did not say why" : PrintableLine(content.message);
+  }
+  return verdict;
+}
+
+}  // namespace tidegate::agent
