@@ -1,6 +1,6 @@
-// demo_service [SOCKET_PATH] [--seconds N] [--self-monitor]: emits for N seconds (10) as a small web
-// shop would, and prints its totals at the end. Run tidegate-agent on the same path to see the points
-// arrive. With --self-monitor the library reports on itself, each second.
+// demo_service [SOCKET_PATH] [--seconds N] [--self-monitor]: emits for N seconds (10) as a small
+// web shop would, and prints its totals at the end. Run tidegate-agent on the same path to see the
+// points arrive. With --self-monitor the library reports on itself, each second.
 
 #include <array>
 #include <atomic>

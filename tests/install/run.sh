@@ -207,6 +207,8 @@ check_options() {
   offers "$options" tidegate-agent --quiet --
   offers "$options" tidegate-agent --label-pid --
   offers "--socket-mode" tidegate-agent --socket-m
+  offers "top" tidegate-agent t
+  offers "--once" tidegate-agent top --o
   offers $'text\njson' tidegate-agent --print ""
   offers "json" tidegate-agent --print = j
   offers "" tidegate-agent --ttl ""

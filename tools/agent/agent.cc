@@ -59,6 +59,7 @@ Agent::Agent(const Options& options, Reader read)
              [this](const std::string& collision) { ReportCollision(collision); }),
       destinations_(options.destinations, TableOptions(options), &health_, &log_),
       status_(&health_, &table_, &services_),
+      teller_([this](std::string* text) { status_.Append(text); }, &health_),
       api_(&table_, &status_),
       decoder_(
           &queue_, Sinks(), [this] { LookAfterThings(); }, &health_, &log_, Slots()) {}
@@ -107,6 +108,8 @@ bool Agent::IsLive(const ProcessId& process) const {
 
 int Agent::Run() {
   if (!Start()) return End(1);
+  teller_.Start();
+  server_.AnswerStatus([this](UniqueFd asker) { teller_.Take(std::move(asker)); });
   std::thread decoder([this] {
     pthread_setname_np(pthread_self(), "decoder");
     decoder_.Run();
@@ -118,6 +121,7 @@ int Agent::Run() {
   const bool in_time = served && Linger(end);
   if (http_) http_->Stop(std::chrono::seconds(0));
   server_.Close();
+  teller_.Stop();
   const Clock::time_point last = std::max(end, Clock::now() + kLastWords);
   queue_.Close(last);
   decoder.join();

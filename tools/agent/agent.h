@@ -28,6 +28,7 @@
 #include "agent/seqpacket_server.h"
 #include "agent/series_table.h"
 #include "agent/service_manager.h"
+#include "agent/status_exchange.h"
 #include "agent/status_report.h"
 
 namespace tidegate::agent {
@@ -39,6 +40,7 @@ namespace tidegate::agent {
 //   writers:       of standard output and standard error
 //   forwarders:    pack points and send them, each to its destination
 //   HTTP:          pages from the table of series
+//   status:        the state of the agent, for who asks by the socket
 //
 // No thread waits for a later one. None ends because memory runs out: it counts its loss. Run once;
 // Stop and Reload from any thread and from a signal handler.
@@ -113,6 +115,7 @@ class Agent {
   SeriesTable table_;
   Destinations destinations_;
   StatusReport status_;
+  StatusTeller teller_;
   const PageApi api_;
   Clock::time_point next_printing_line_;  // with the next, of the writer's thread
   bool printing_trouble_told_ = false;

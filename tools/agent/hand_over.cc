@@ -9,7 +9,10 @@
 #include <chrono>
 #include <cstddef>
 #include <cstring>
+#include <optional>
 #include <utility>
+
+#include "agent/peer.h"
 
 namespace tidegate::agent {
 namespace {
@@ -25,10 +28,8 @@ constexpr size_t kMostSockets = 2;
 
 // The process at the other end, if it is one of this user; else 0.
 pid_t OwnPeer(int fd) {
-  ucred peer = {};
-  socklen_t size = sizeof(peer);
-  const bool known = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0;
-  return known && peer.uid == geteuid() ? peer.pid : 0;
+  const std::optional<ucred> peer = PeerOf(fd);
+  return peer && peer->uid == geteuid() ? peer->pid : 0;
 }
 
 bool Send(int fd, std::string_view text) {

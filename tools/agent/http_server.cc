@@ -70,31 +70,35 @@ bool HttpServer::SplitAddress(const std::string& address, std::string* host, int
   return result.ec == std::errc() && result.ptr == end && *port >= 0 && *port <= 65535;
 }
 
-bool HttpServer::Start(const std::string& address, std::string* error, UniqueFd present) {
+UniqueFd HttpServer::ListenAt(const std::string& address, UniqueFd present, std::string* url,
+                              std::string* error) {
   std::string host;
   int port = 0;
   if (!SplitAddress(address, &host, &port)) {
     *error = "\"" + address + "\" is no address for HTTP";
-    return false;
+    return UniqueFd();
   }
   std::string reason;
   std::string shown = address.substr(0, address.rfind(':'));
   if (host.empty()) shown = "[::]";
-  listener_ = ListenOn(host.empty() ? "::" : host, &present, &port, &reason);
-  if (!listener_.valid() && host.empty()) {  // there may be no IPv6
+  UniqueFd listener = ListenOn(host.empty() ? "::" : host, &present, &port, &reason);
+  if (!listener.valid() && host.empty()) {  // there may be no IPv6
     shown = "0.0.0.0";
-    listener_ = ListenOn(shown, &present, &port, &reason);
+    listener = ListenOn(shown, &present, &port, &reason);
   }
-  if (!listener_.valid()) {
-    *error = "cannot serve HTTP on " + address + ": " + reason;
-    return false;
-  }
+  if (!listener.valid()) *error = "cannot serve HTTP on " + address + ": " + reason;
+  *url = "http://" + shown + ':' + std::to_string(port);
+  return listener;
+}
+
+bool HttpServer::Start(const std::string& address, std::string* error, UniqueFd present) {
+  listener_ = ListenAt(address, std::move(present), &url_, error);
+  if (!listener_.valid()) return false;
   wake_ = UniqueFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   if (!wake_.valid() || !connections_.Open()) {
     *error = "cannot serve HTTP on " + address + ": no memory or no descriptors";
     return false;
   }
-  url_ = "http://" + shown + ':' + std::to_string(port);
   try {
     pages_.Start();
     answers_.Start();

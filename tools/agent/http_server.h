@@ -31,6 +31,11 @@ class HttpServer {
   // means all addresses. False if it is something else.
   static bool SplitAddress(const std::string& address, std::string* host, int* port);
 
+  // Listens at such an address, or takes `present` if that does. Sets `url` to the one of its pages.
+  // None, with `error`, if that fails.
+  static UniqueFd ListenAt(const std::string& address, UniqueFd present, std::string* url,
+                           std::string* error);
+
   // `report` gets lines for the log, some ten in a second at most; `on_failure` is called on
   // another thread if the server ends without Stop. Counts in `health`, which it borrows.
   HttpServer(PageWriter page, Api api, Report report, std::function<void()> on_failure,

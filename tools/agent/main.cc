@@ -10,10 +10,13 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "agent/agent.h"
 #include "agent/log.h"
 #include "agent/options.h"
+#include "agent/settings_check.h"
+#include "agent/top.h"
 
 namespace {
 
@@ -87,12 +90,16 @@ int main(int argc, char** argv) {
   mallopt(M_MMAP_THRESHOLD, 4 << 20);
   mallopt(M_TRIM_THRESHOLD, 64 << 20);
   try {
+    if (argc > 1 && std::string_view(argv[1]) == "top") {
+      return tidegate::agent::RunTop(argc - 1, argv + 1);
+    }
     OptionsError error;
     const std::optional<Options> options = tidegate::agent::ParseOptions(argc, argv, &error);
     if (!options) {
       if (error.exit_code != 0) PrintError(error.text.c_str());
       return error.exit_code;
     }
+    if (options->check) return tidegate::agent::CheckSettings(*options);
     Agent agent(*options, [=](OptionsError* failure) {
       return tidegate::agent::ParseOptions(argc, argv, failure);
     });

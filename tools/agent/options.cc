@@ -120,6 +120,10 @@ void Declare(CLI::App* app, Raw* raw) {
   app->set_version_flag("--version", "tidegate-agent " TIDEGATE_VERSION);
   app->set_config("--config", "", "File with settings, by the same names: ttl = 60")
       ->type_name("FILE");
+  app->add_flag("--check", options.check,
+                "Try the settings, also with an empty request to each destination, and say what an "
+                "agent would find")
+      ->configurable(false);
   app->allow_config_extras(CLI::config_extras_mode::error);
   app->config_formatter(std::make_shared<SettingsFile>(app, &raw->options.sections));
   app->add_option("--socket", options.socket, "Path of the socket to listen on")
@@ -219,6 +223,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, OptionsEr
       "Receives metrics packets on a local socket; prints the points in them, serves them to "
       "Prometheus and forwards them to a database.",
       "tidegate-agent");
+  app.footer("tidegate-agent top shows an agent that runs; see tidegate-agent top --help.");
   Raw raw;
   raw.ttl = raw.options.ttl.count();
   raw.max_ahead = raw.options.max_ahead.count();

@@ -22,6 +22,7 @@ struct Options {
   // All of them by name, as they were given or are by default.
   std::map<std::string, std::string> texts;
   std::vector<SettingsSection> sections;  // of the file, in its order
+  bool check = false;                     // only say what an agent with these settings would find
   std::string socket = "/opt/tmp/sock/metric_seqpacket.sock";
   mode_t socket_mode = 0666;
   bool take_over = false;

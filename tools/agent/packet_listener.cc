@@ -15,6 +15,8 @@
 #include <thread>
 #include <utility>
 
+#include "agent/socket_file.h"
+
 namespace tidegate::agent {
 namespace {
 
@@ -28,57 +30,14 @@ constexpr int kPauses = 250;
 
 std::string ErrnoText() { return std::generic_category().message(errno); }
 
-int NewSocket() { return socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); }
-
-bool MakeAddress(const std::string& path, sockaddr_un* address, std::string* error) {
-  *error = PacketListener::CheckPath(path);
-  if (!error->empty()) return false;
-  *address = {};
-  address->sun_family = AF_UNIX;
-  std::memcpy(address->sun_path, path.c_str(), path.size() + 1);
-  return true;
-}
-
-const sockaddr* AsSockaddr(const sockaddr_un* address) {
-  return reinterpret_cast<const sockaddr*>(address);
-}
-
-// A file that another user has put there shall be found.
-std::string Named(const std::string& path, const struct stat& info) {
-  return info.st_uid == geteuid() ? path : path + " of user " + std::to_string(info.st_uid);
-}
-
 // Removes the socket file of a process that is gone; an empty place is fine as well. Connects to
 // one that is there, which keeps `rival` as a connection.
-bool MakeRoom(const sockaddr_un& address, UniqueFd* rival, std::string* error) {
-  const std::string path = address.sun_path;
-  struct stat info;
-  if (lstat(path.c_str(), &info) != 0) {
-    if (errno == ENOENT) return true;
-    *error = "cannot look at " + path + ": " + ErrnoText();
-    return false;
-  }
-  if (!S_ISSOCK(info.st_mode)) {
-    *error = Named(path, info) + " exists and is not a socket";
-    return false;
-  }
-  UniqueFd probe(NewSocket());
-  const bool connected = connect(probe.get(), AsSockaddr(&address), sizeof(address)) == 0;
-  // EAGAIN is a full listen queue, EPROTOTYPE a bound socket of another kind.
-  if (connected || errno == EAGAIN || errno == EPROTOTYPE) {
-    if (connected) *rival = std::move(probe);
-    *error = "another process is listening on " + Named(path, info);
-    return false;
-  }
-  if (errno != ECONNREFUSED && errno != ENOENT) {
-    *error = "cannot tell whether " + Named(path, info) + " is in use: " + ErrnoText();
-    return false;
-  }
-  if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-    *error = "cannot remove the stale socket " + Named(path, info) + ": " + ErrnoText();
-    return false;
-  }
-  return true;
+bool MakeRoom(const std::string& path, UniqueFd* rival, std::string* error) {
+  const SocketFileState state = LookAtSocketFile(path, rival, error);
+  if (state != SocketFileState::kStale) return state == SocketFileState::kNone;
+  if (unlink(path.c_str()) == 0 || errno == ENOENT) return true;
+  *error = "cannot remove the stale socket " + *error + ": " + ErrnoText();
+  return false;
 }
 
 bool HasOption(int fd, int name, int value) {
@@ -116,10 +75,10 @@ bool PacketListener::Make(const std::string& path, mode_t mode, HandOverTaker* t
 bool PacketListener::Open(const std::string& path, mode_t mode, HandOverTaker* taker,
                           std::string* error) {
   sockaddr_un address;
-  if (!MakeAddress(path, &address, error)) return false;
+  if (!MakeSocketAddress(path, &address, error)) return false;
   for (int i = 0; i < kPauses; ++i) {
     UniqueFd rival;
-    if (MakeRoom(address, &rival, error)) return Bind(address, mode, error);
+    if (MakeRoom(path, &rival, error)) return Bind(address, mode, error);
     if (taker == nullptr || !rival.valid()) return false;
     const HandOverTaker::Answer answer = taker->Ask(std::move(rival));
     if (answer == HandOverTaker::Answer::kOffer) {
@@ -136,9 +95,10 @@ bool PacketListener::Open(const std::string& path, mode_t mode, HandOverTaker* t
 }
 
 bool PacketListener::Bind(const sockaddr_un& address, mode_t mode, std::string* error) {
-  socket_ = UniqueFd(NewSocket());
+  socket_ = NewSeqpacketSocket();
   path_ = address.sun_path;
-  if (!socket_.valid() || bind(socket_.get(), AsSockaddr(&address), sizeof(address)) != 0) {
+  if (!socket_.valid() ||
+      bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
     *error = "cannot make the socket " + path_ + ": " + ErrnoText();
     return false;
   }

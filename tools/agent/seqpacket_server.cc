@@ -12,9 +12,13 @@
 #include <cstdint>
 #include <iterator>
 #include <new>
+#include <optional>
 #include <system_error>
 #include <utility>
 #include <vector>
+
+#include "agent/peer.h"
+#include "agent/status_exchange.h"
 
 namespace tidegate::agent {
 namespace {
@@ -37,10 +41,9 @@ rlim_t MostClients() {
 }
 
 ClientId IdOf(int fd, uint64_t connection) {
-  ucred peer = {};
-  socklen_t size = sizeof(peer);
-  const bool known = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.pid > 0;
-  return {known ? peer.pid : 0, connection, known ? StartOf(peer.pid) : 0};
+  const std::optional<ucred> peer = PeerOf(fd);
+  const bool known = peer && peer->pid > 0;
+  return {known ? peer->pid : 0, connection, known ? StartOf(peer->pid) : 0};
 }
 
 }  // namespace
@@ -98,12 +101,23 @@ bool SeqpacketServer::RunOnce(int timeout_millis) {
       epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);  // it would be ready all the time
     } else if (fd == listener_->fd()) {
       AcceptPending();
-    } else if (ReadSome(clients_[fd]) == ReadResult::kGone) {
-      clients_.erase(fd);
-      *client_count_ = clients_.size();
+    } else {
+      Read(fd);
     }
   }
   return true;
+}
+
+void SeqpacketServer::Read(int fd) {
+  const auto client = clients_.find(fd);
+  const ReadResult result = ReadSome(client->second);
+  if (result == ReadResult::kMore || result == ReadResult::kIdle) return;
+  if (result == ReadResult::kAsksForStatus) {
+    epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+    answer_status_(std::move(client->second.socket));
+  }
+  clients_.erase(client);
+  *client_count_ = clients_.size();
 }
 
 void SeqpacketServer::Stop() {
@@ -201,7 +215,9 @@ SeqpacketServer::ReadResult SeqpacketServer::ReadSome(const Client& client) {
     header.msg_controllen = sizeof(control);
     const ssize_t received = recvmsg(fd, &header, 0);
     if (received < 0 || (received == 0 && header.msg_controllen == 0)) return ReadResult::kGone;
-    if (giver_.Answer(fd, client.id.connection, {message.data.get(), message.size})) continue;
+    const std::string_view text(message.data.get(), message.size);
+    if (giver_.Answer(fd, client.id.connection, text)) continue;
+    if (AsksForStatus(fd, text)) return ReadResult::kAsksForStatus;
     on_message_(std::move(message));
   }
   return ReadResult::kMore;

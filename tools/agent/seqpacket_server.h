@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include "agent/connected_processes.h"
 #include "agent/hand_over.h"
@@ -51,6 +52,10 @@ class SeqpacketServer {
   // socket that listens for HTTP, if there is one.
   void OfferSockets(UniqueFd http);
 
+  // Gets the connection of each client that asks for the status of the agent, and throws nothing.
+  // Before Run; without it, the connection is ended.
+  void AnswerStatus(std::function<void(UniqueFd)> answer) { answer_status_ = std::move(answer); }
+
   // Serves until Stop, or until it has handed over. Returns false, with `error`, if it could not go
   // on. REQUIRES: Listen succeeded.
   bool Run(std::string* error);
@@ -70,7 +75,7 @@ class SeqpacketServer {
   void Stop();
 
  private:
-  enum class ReadResult { kMore, kIdle, kGone };
+  enum class ReadResult { kMore, kIdle, kGone, kAsksForStatus };
 
   struct Client {
     UniqueFd socket;
@@ -86,6 +91,8 @@ class SeqpacketServer {
   bool Serve(UniqueFd client);
   void PauseAccepting(bool pause);
   void Warn(const char* trouble) noexcept;
+  // Once it is ready.
+  void Read(int fd);
   ReadResult ReadSome(const Client& client);
   // Reads what the clients had sent, and lets them go.
   void Drain();
@@ -98,6 +105,7 @@ class SeqpacketServer {
   ConnectedProcesses* const processes_;
   PacketListener* listener_ = nullptr;
   HandOverGiver giver_;
+  std::function<void(UniqueFd)> answer_status_ = [](UniqueFd /*connection*/) {};
   std::unordered_map<int, Client> clients_;
   uint64_t connections_ = 0;  // so far
   std::atomic<uint64_t>* const client_count_;

@@ -4,11 +4,13 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <system_error>
 #include <utility>
@@ -59,23 +61,48 @@ bool SpoolFolder::Open(const std::string& path, std::string* error) {
     *error = "cannot make it: " + ErrorText(errno);
     return false;
   }
-  UniqueFd folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  *error = folder.valid() ? Refusal(folder) : ErrorText(errno);
-  if (!error->empty()) return false;
-  UniqueFd lock(openat(folder.get(), kLockName,
-                       O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
-  if (!lock.valid() || !IsOwnFile(lock)) {
-    *error = "no lock file can be made in it" + (lock.valid() ? "" : ": " + ErrorText(errno));
-    return false;
-  }
-  // A system that knows no such locks refuses with other errors; there the risk stays.
-  if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-    *error = "another agent uses it";
-    return false;
-  }
+  UniqueFd folder;
+  UniqueFd lock;
+  if (!Lock(path, O_CREAT, &folder, &lock, error)) return false;
   folder_ = std::move(folder);
   lock_ = std::move(lock);
   return true;
+}
+
+bool SpoolFolder::Lock(const std::string& path, int flags, UniqueFd* folder, UniqueFd* lock,
+                       std::string* error) {
+  *folder = UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  *error = folder->valid() ? Refusal(*folder) : ErrorText(errno);
+  if (!error->empty()) return false;
+  *lock = UniqueFd(
+      openat(folder->get(), kLockName, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | flags, 0600));
+  if ((flags & O_CREAT) == 0 && !lock->valid() && errno == ENOENT) return true;
+  if (!lock->valid() || !IsOwnFile(*lock)) {
+    *error = "no lock file can be made in it" + (lock->valid() ? "" : ": " + ErrorText(errno));
+    return false;
+  }
+  // A system that knows no such locks refuses with other errors; there the risk stays.
+  if (flock(lock->get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+    *error = "another agent uses it";
+    return false;
+  }
+  return true;
+}
+
+bool SpoolFolder::CanOpen(const std::string& path, std::string* error) {
+  struct stat info = {};
+  if (stat(path.c_str(), &info) != 0 && errno == ENOENT) {
+    const std::filesystem::path above = std::filesystem::absolute(path).parent_path();
+    if (access(above.c_str(), W_OK | X_OK) == 0) return true;
+    *error = "cannot make it: " + ErrorText(errno);
+    return false;
+  }
+  UniqueFd folder;
+  UniqueFd lock;
+  if (!Lock(path, 0, &folder, &lock, error)) return false;
+  if (access(path.c_str(), W_OK | X_OK) == 0) return true;
+  *error = "cannot write to it: " + ErrorText(errno);
+  return false;
 }
 
 bool SpoolFolder::List(Content* content, std::string* error) const {

@@ -22,6 +22,8 @@ class SpoolFolder {
   // Makes the folder if need be (one level, mode 0700) and locks it. False with `error` if that
   // cannot be, or another process has it.
   bool Open(const std::string& path, std::string* error);
+  // Whether Open would succeed, as far as that can be told without a change of anything.
+  static bool CanOpen(const std::string& path, std::string* error);
   bool is_open() const { return lock_.valid(); }
 
   bool List(Content* content, std::string* error) const;
@@ -38,6 +40,10 @@ class SpoolFolder {
   static std::string NameOf(uint64_t number);
 
  private:
+  // With `flags` of O_CREAT it makes the lock file, without it one that is missing is fine.
+  static bool Lock(const std::string& path, int flags, UniqueFd* folder, UniqueFd* lock,
+                   std::string* error);
+
   UniqueFd folder_;
   UniqueFd lock_;  // valid while the folder is this object's
 };

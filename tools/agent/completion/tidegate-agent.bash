@@ -9,13 +9,14 @@ _tidegate_agent() {
     before=${COMP_WORDS[COMP_CWORD - 2]}
   fi
 
-  local line options="" kind=""
+  local command=() line options="" kind=""
+  if [[ ${COMP_WORDS[1]} == top ]] && ((COMP_CWORD > 1)); then command=(top); fi
   while IFS= read -r line; do
     # Names, and after one blank the kind of the value in capitals, if there is one.
     [[ $line =~ ^\ +(-[^ ]+)(\ ([A-Z][A-Z][^ ]*))? ]] || continue
     options+=" ${BASH_REMATCH[1]//,/ }"
     if [[ ,${BASH_REMATCH[1]}, == *",$before,"* ]]; then kind=${BASH_REMATCH[3]}; fi
-  done < <("$1" --help 2>/dev/null)
+  done < <("$1" "${command[@]}" --help 2>/dev/null)
 
   local words=""
   case $kind in
@@ -31,7 +32,10 @@ _tidegate_agent() {
       mapfile -t COMPREPLY < <(compgen -A "$action" -- "$current")
       return
       ;;
-    "") words=$options ;;
+    "")
+      words=$options
+      if ((COMP_CWORD == 1)) && [[ $current == [^-]* ]]; then words+=" top"; fi
+      ;;
   esac
   mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
 }

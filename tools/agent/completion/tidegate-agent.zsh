@@ -1,4 +1,4 @@
 #compdef tidegate-agent
 # Completion of tidegate-agent for zsh, which reads the options from --help itself.
 
-_arguments '*: :_files' --
+_arguments '1: :(top)' '*: :_files' --
