@@ -30,7 +30,25 @@ using AgentHostTest = AgentTest;
 TEST_F(AgentHostTest, RefusesBadSettingsInOneLine) {
   std::ofstream(folder_ / "config") << "# not far off\nsocket-mod\xff = 0600\n";
   std::ofstream(folder_ / "sections") << "[help]\nttl = 5\n";
+  const auto section = [this](const std::string& name, const std::string& settings) {
+    std::ofstream(folder_ / name) << "[destination.a]\nurl = http://h\n" << settings;
+    return std::vector<std::string>{"--config", folder_ / name};
+  };
   const std::pair<std::vector<std::string>, const char*> kCases[] = {
+      {{"--forward", "http://h", "--header", "A: secret\nB: c"}, "the value of A has a line end"},
+      {{"--forward", "http://h", "--forward", "http://i", "--header", "A: b"},
+       "--header: and the other credentials are for one destination, and flags make 2; give them "
+       "in the sections"},
+      {section("s1", "type = carbon\n"), "s1:3: type: give one of influx"},
+      {section("s2", "type = influx\ntimeuot = 3\n"),
+       "s2:4: there is no setting \"timeuot\", the nearest is \"timeout\""},
+      {section("s3", "type = influx\n\nbatch-points = 0\n"), "s3:5: batch-points: Value 0 not in"},
+      {section("s4", "type = influx\nbearer-file = /none/x\n"),
+       "s4:4: bearer-file: cannot use the file /none/x: No such file or directory"},
+      {section("s5",
+               "type = influx\nspool=/s\n[destination.b]\ntype=influx\nurl=http://h\n"
+               "spool=/s"),
+       "s5:8: spool: \"a\" has that folder"},
       {{"--nope"}, "--nope"},
       {{"--ttl", "0"}, "--ttl"},
       {{"--socket-mode", "rw"}, "\"rw\" is no file mode, give octal digits as 0660"},

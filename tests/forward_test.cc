@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cmath>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <limits>
 #include <string>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "agent/batch_queue.h"
+#include "agent/destinations.h"
 #include "agent/forward_url.h"
 #include "agent/forwarder.h"
 #include "agent/influx_format.h"
@@ -257,6 +259,60 @@ TEST(BatchQueueTest, HoldsPointsForTheTimeOfTheSpreadWhileThereIsRoom) {
   queue.Flush();
   EXPECT_TRUE(take());
   EXPECT_EQ(queue.Size().points, 9U);
+}
+
+TEST(CredentialsTest, AreReadAndRefusedWithoutBeingTold) {
+  char folder[] = "/tmp/forward_XXXXXX";
+  ASSERT_NE(mkdtemp(folder), nullptr);
+  const std::string path = std::string(folder) + "/secret";
+  const auto write = [&](const std::string& text) { std::ofstream(path) << text; };
+  CredentialSettings settings;
+  settings.headers = {"X-Scope: s3cret", "Api-Key:s3cret"};
+  settings.bearer_file = path;
+  write("s3cret\r\n");
+  const Credentials read = ReadCredentials(settings);
+  EXPECT_THAT(read.headers,
+              ElementsAre("X-Scope: s3cret", "Api-Key:s3cret", "Authorization: Bearer s3cret"));
+
+  const struct {
+    std::function<void()> spoil;
+    const char* setting;
+    std::string error;
+  } kCases[] = {
+      {[&] { settings.headers = {"X-Scope: a\r\nX-Other: s3cret"}; }, "header",
+       "the value of X-Scope has a line end or another control character"},
+      {[&] { settings.headers = {"s3cret"}; }, "header", "it is no header"},
+      {[&] { settings.headers = {"Bad name: s3cret"}; }, "header", "it is no header"},
+      {[&] { settings.headers = {"X-Scope: "}; }, "header", "X-Scope has no value"},
+      {[&] { settings.headers = {"content-length: 3"}; }, "header", "content-length is for the"},
+      {[&] { settings.headers = {"authorization: s3cret"}; }, "bearer-file", "there is an Auth"},
+      {[&] { write("s3cret\ns3cret"); }, "bearer-file", "cannot use the file " + path + ": it has"},
+      {[&] { write("\n"); }, "bearer-file", "cannot use the file " + path + ": it is empty"},
+      {[&] { write(std::string(20000, 's')); }, "bearer-file",
+       "cannot use the file " + path + ": it is longer than 16 KiB"},
+      {[&] { settings.bearer_file = folder; }, "bearer-file",
+       std::string("cannot use the file ") + folder + ": it is no plain file"},
+      {[&] { settings.password_file = path; }, "password-file", "there is no user"},
+      {[&] { settings.client_key = path; }, "client-key", "there is no client-cert"},
+      {[&] { settings.ca_file = path + "x"; }, "ca-file",
+       "cannot use the file " + path + "x: No such file or directory"},
+  };
+  for (const auto& test : kCases) {
+    settings = {};
+    settings.bearer_file = path;
+    write("s3cret");
+    if (std::string(test.setting) != "bearer-file") settings.bearer_file.clear();
+    test.spoil();
+    try {
+      ReadCredentials(settings);
+      ADD_FAILURE() << test.error;
+    } catch (const CredentialError& failure) {
+      EXPECT_EQ(failure.setting, test.setting);
+      EXPECT_THAT(failure.what(), testing::StartsWith(test.error));
+      EXPECT_THAT(failure.what(), testing::Not(HasSubstr("s3cret")));
+    }
+  }
+  std::filesystem::remove_all(folder);
 }
 
 // A server on loopback that keeps what is posted and answers as told.
@@ -558,6 +614,84 @@ TEST_F(ForwarderTest, SpoolsAnOutageThatIsLongerThanItsQueueAndItself) {
   std::filesystem::remove_all(folder);
 }
 
+// Lines that can be split, as they are posted.
+class SplitLines : public InfluxFormat {
+ public:
+  SplitLines() : InfluxFormat(ProcessLabel::kNone) {}
+  std::string Pack(std::string_view body) const override { return std::string(body); }
+  std::vector<std::string> Headers() const override { return {}; }
+  std::optional<std::pair<Body, Body>> Split(std::string_view packed,
+                                             uint64_t points) const override {
+    if (points < 2) return std::nullopt;
+    size_t end = 0;
+    for (uint64_t i = 0; i < points / 2; ++i) end = packed.find('\n', end) + 1;
+    return std::pair(Body{std::string(packed.substr(0, end)), points / 2},
+                     Body{std::string(packed.substr(end)), points - points / 2});
+  }
+};
+
+TEST_F(ForwarderTest, SplitsWhatIsRefusedAlsoWhenTheDatabaseGoesAwayMeanwhile) {
+  const auto lines = [](int first, int last) {
+    std::string text;
+    for (int i = first; i <= last; ++i) text += LineOf(i);
+    return text;
+  };
+  for (const bool spooled : {false, true}) {
+    SCOPED_TRACE(spooled);
+    char folder[] = "/tmp/forward_XXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    const uint64_t forwarded = numbers_.forwarded_points;
+    const uint64_t rejected = numbers_.Dropped(ForwardDrop::kRejected);
+    Database database;
+    std::atomic<bool> away{false};
+    METRICS::Mutex mutex;
+    std::vector<std::string> taken;  // guarded by it
+    const auto answer = [&](const httplib::Request& request, httplib::Response& reply) {
+      const bool bad = request.body.find("value=6 ") != std::string::npos;
+      reply.status = away ? 503 : bad ? 400 : 204;
+      const METRICS::WriteGuard guard(mutex);
+      if (reply.status == 204) taken.push_back(request.body);
+      if (request.body == lines(1, 4)) away = true;
+    };
+    const int port = FreePort();
+    ForwardOptions options = Options("http://127.0.0.1:" + std::to_string(port));
+    options.limits.batch_points = 8;
+    options.limits.queue_points = 80;
+    if (spooled) {
+      options.spool.folder = folder;
+      Make(options, std::make_unique<SplitLines>());
+      forwarder_->Start();
+      for (int value = 1; value <= 8; ++value) Handle(value);
+      forwarder_->Stop(milliseconds(0));
+      EXPECT_EQ(numbers_.spool_points, 8U);
+    }
+    database.Serve({answer}, port);
+    Make(options, std::make_unique<SplitLines>());
+    forwarder_->Start();
+    for (int value = 1; !spooled && value <= 8; ++value) Handle(value);
+    EXPECT_TRUE(Await([&] { return away && forwarder_->Status().last_refusal; }));
+    EXPECT_TRUE(Await([&] { return !forwarder_->Status().up; }));
+    EXPECT_EQ(forwarder_->Status().last_refusal->status, 503);
+    EXPECT_EQ(numbers_.forwarded_points - forwarded, 4U);
+    if (spooled) {  // the next agent gets the rest alone
+      forwarder_->Stop(milliseconds(0));
+      EXPECT_EQ(numbers_.spool_points, 4U);
+      Make(options, std::make_unique<SplitLines>());
+      forwarder_->Start();
+    }
+    away = false;
+    EXPECT_TRUE(Await([&] { return numbers_.forwarded_points - forwarded == 7; }));
+    forwarder_->Stop(seconds(20));
+    EXPECT_EQ(numbers_.Dropped(ForwardDrop::kRejected) - rejected, 1U);
+    const METRICS::WriteGuard guard(mutex);
+    EXPECT_THAT(taken, ElementsAre(lines(1, 4), lines(5, 5), lines(7, 8)));
+    EXPECT_EQ(health_.ForwardDropped(), rejected + 1);
+    EXPECT_TRUE(forwarder_->Status().up);
+    forwarder_.reset();
+    std::filesystem::remove_all(folder);
+  }
+}
+
 TEST_F(ForwarderTest, BoundsTheQueueByBytesToo) {
   ForwardOptions options = Options("http://127.0.0.1:1");
   options.limits.batch_points = 100;
@@ -649,6 +783,38 @@ TEST_F(ForwarderTest, StopsInTimeThoughNobodyAnswers) {
     EXPECT_EQ(log().back(), "dropped 2 points that could not be forwarded");
   }
   EXPECT_EQ(numbers_.Dropped(ForwardDrop::kShutdown), 4U);
+}
+
+TEST_F(ForwarderTest, ADestinationThatHangsHoldsNobodyUp) {
+  int port = 0;
+  const UniqueFd silent = ListenOnLoopback(&port);
+  database_.Serve({Status(204)});
+  ForwardOptions works = Options(Url());
+  works.name = "works";
+  ForwardOptions hangs = Options("http://127.0.0.1:" + std::to_string(port));
+  hangs.name = "hangs";
+  hangs.target.timeout = seconds(3600);
+  Log log(-1);
+  Destinations all({hangs, works}, {}, &health_, &log);
+  std::vector<PacketSink*> sinks;
+  all.AddSinks(&sinks);
+  all.Start();
+  constexpr uint64_t kPoints = 200;
+  Packet packet;
+  packet.blocks.push_back(MakeBlock(1, "m", {}, {{0, {}, {}, {1}}}));
+  for (uint64_t i = 0; i < kPoints; ++i) {
+    for (PacketSink* sink : sinks) sink->Handle(packet, ClientId());
+  }
+  EXPECT_TRUE(Await([&] { return all.Statuses()[1].forwarded_points == kPoints; }));
+  EXPECT_FALSE(all.IsIdle());
+  const auto start = steady_clock::now();
+  all.Stop(milliseconds(100));
+  EXPECT_LT(steady_clock::now() - start, seconds(10));
+  const std::vector<DestinationStatus> ends = all.Statuses();
+  EXPECT_EQ(ends[0].forwarded_points, 0U);
+  EXPECT_EQ(ends[0].dropped[static_cast<size_t>(ForwardDrop::kShutdown)], kPoints);
+  EXPECT_EQ(ends[1].forwarded_points, kPoints);
+  EXPECT_EQ(health_.ForwardDropped(), kPoints);
 }
 
 // What a hostile server answers: `again` follows over and over, after each pause; if it is empty,
