@@ -1,6 +1,6 @@
-// How many points a second can the agent decode, and drop into its table of newest values, on one
-// core? Points are those of suffixed rates with three tags: a block of its own for each. And how
-// long does a page of metrics take?
+// How many points a second can the agent decode, and drop into its table of newest values or write
+// for remote write, on one core? Points are those of suffixed rates with three tags: a block of its
+// own for each. And how long does a page of metrics take?
 
 #include <benchmark/benchmark.h>
 
@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "agent/packet_reader.h"
+#include "agent/remote_write_body.h"
+#include "agent/remote_write_writer.h"
 #include "agent/series_table.h"
 #include "testing/packet_writer.h"
 
@@ -86,6 +88,52 @@ void DecodeIntoTable(benchmark::State& state) {
       static_cast<double>(health.series_bytes) / static_cast<double>(health.series);
 }
 BENCHMARK(DecodeIntoTable)->Arg(14000)->Arg(140000)->Arg(980000)->Unit(benchmark::kMillisecond);
+
+// Rates need no time to be in order.
+void DecodeIntoRemoteWrite(benchmark::State& state) {
+  using namespace tidegate::agent;
+  const std::vector<std::string> packets = PacketsOf(state.range(0));
+  Health health;
+  DestinationNumbers numbers(&health, "remote-write");
+  BatchLimits limits;
+  limits.queue_points = limits.queue_bytes = SIZE_MAX;
+  BatchQueue queue(limits);
+  PointOutput output(&queue, &numbers, &health);
+  SeriesTable::Options options;
+  RemoteWriteWriter writer(options);
+  PacketReader reader;
+  ReadError error;
+  int64_t time = 1700000000;
+  const auto round = [&] {
+    ++time;
+    for (const std::string& bytes : packets) {
+      Packet packet = *reader.Read(bytes.data(), bytes.size(), &error);
+      for (Block& block : packet.blocks) {
+        block.timestamp = time;
+        writer.StartBlock(packet, {}, block);
+        writer.Write(block.series[0], &output);
+      }
+    }
+    output.Push();
+  };
+  round();
+  size_t sent = 0, packed = 0;
+  for (auto _ : state) {
+    round();
+    queue.Flush();
+    state.PauseTiming();
+    for (Batches batch; !(batch = queue.Take({})).empty();) {
+      sent += batch.front().points;
+      packed += PackRemoteWrite(batch.front().body).size();
+    }
+    state.ResumeTiming();
+  }
+  CountPoints(state, state.range(0), packets);
+  state.counters["bytes_per_sample"] = static_cast<double>(packed) / static_cast<double>(sent);
+  state.counters["bytes_per_series"] =
+      static_cast<double>(writer.held().bytes) / static_cast<double>(state.range(0));
+}
+BENCHMARK(DecodeIntoRemoteWrite)->Arg(14000)->Arg(140000)->Unit(benchmark::kMillisecond);
 
 void Page(benchmark::State& state) {
   Health health;

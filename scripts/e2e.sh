@@ -5,4 +5,5 @@ set -euo pipefail
 folder=$(dirname "${BASH_SOURCE[0]}")/e2e
 "$folder/outage.sh"
 "$folder/processes.sh"
+"$folder/remote_write.sh"
 "$folder/dashboards.sh"
