@@ -87,7 +87,8 @@ def main():
                 else:
                     same += 1
     findings += [f"lost: {labels} {time} {value}" for (labels, time), value in lost.items()]
-    print("\n".join(findings[:20]), file=sys.stderr)
+    for finding in findings[:20]:
+        print(finding, file=sys.stderr)
     print(same)
     sys.exit(bool(findings) or same == 0)
 

@@ -30,8 +30,17 @@ constexpr std::chrono::seconds kLastWords(1);
 
 std::string SlotPath(const Options& options) { return options.socket + ".slots"; }
 
+// Remote write shows series as the page does, and the table of the page says which names collide.
+bool ShowsSeries(const Options& options) {
+  return !options.http.empty() ||
+         std::any_of(options.destinations.begin(), options.destinations.end(),
+                     [](const ForwardOptions& destination) {
+                       return destination.kind == DestinationKind::kRemoteWrite;
+                     });
+}
+
 SeriesTable::Options TableOptions(const Options& options) {
-  return {options.max_series, options.ttl, options.process_label, !options.http.empty(),
+  return {options.max_series, options.ttl, options.process_label, ShowsSeries(options),
           options.max_ahead};
 }
 

@@ -64,6 +64,7 @@ void SeriesTable::StartBlock(const Packet& packet, const ClientId& client, const
   if (&block == packet.blocks.data()) {
     now_ = clock_();
     budget_.BeginPacket();
+    UpdateHealth();  // of the packets before
   }
   work_ = WorkFor(packet, client, block);
 }
