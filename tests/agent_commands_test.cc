@@ -200,6 +200,7 @@ TEST_F(AgentCommandsTest, CheckSaysWhatAnAgentWouldFind) {
   const std::string spool = folder_ / "spool";
   mkdir((folder_ / "open").c_str(), 0777);
   chmod((folder_ / "open").c_str(), 0777);
+  const std::string forward = " --forward " + server.url();
   const struct {
     std::string flags;
     int status;
@@ -207,6 +208,16 @@ TEST_F(AgentCommandsTest, CheckSaysWhatAnAgentWouldFind) {
   } kCases[] = {
       {"--http 127.0.0.1:0", 0, "ok       http 127.0.0.1:0: "},
       {"--http 127.0.0.1:" + std::to_string(server.port()), 1, "failed   http 127"},
+      {forward + "/204", 0, "ok       forward " + server.url() + "/204: took an empty request"},
+      {forward + "/401", 1, "/401: HTTP 401"},
+      {forward + "/302", 1, "/302: HTTP 302"},
+      {forward + "/503", 1, "/503: HTTP 503"},
+      {forward + "/400", 0, "warning  forward " + server.url() + "/400: HTTP 400: no points in it"},
+      {"--forward http://127.0.0.1:1/write", 1, "cannot connect"},
+      {forward + "/204 --remote-write " + server.url() + "/404", 1, "/404: HTTP 404"},
+      {forward + "/204 --spool " + spool, 0, "ok       spool " + spool},
+      {forward + "/204 --spool " + spool + "/below", 1, "failed   spool " + spool},
+      {forward + "/204 --spool " + (folder_ / "open").string(), 1, "other users may write to it"},
       {"--quiet", 0, "warning  points: would go nowhere"},
       {"--ttl 0", 2, "--ttl"},
   };

@@ -24,16 +24,6 @@ constexpr int kMostSplits = 200;
 // While draining there is no time for long pauses.
 constexpr milliseconds kLongestDrainPause{500};
 
-std::string Shown(const HttpReply& reply) {
-  if (reply.status == 0) return reply.text;
-  std::string shown = "HTTP " + std::to_string(reply.status);
-  if (!reply.text.empty()) shown += ": " + reply.text;
-  if (!reply.location.empty()) {
-    shown += " (redirects are not followed: give " + reply.location + " as the URL)";
-  }
-  return shown;
-}
-
 ForwardOptions WithMagic(ForwardOptions options, std::string_view magic) {
   options.spool.magic = magic;
   return options;
@@ -285,7 +275,7 @@ bool Forwarder::Deliver(Delivery* delivery) {
     if (IsWorthRetrying(verdict.kind)) {
       for (const Batch& part : parts) numbers_->retried_points += part.points;
       retry_at_ = Clock::now() + NextPause(reply.wait);
-      failure_ = Shown(reply);
+      failure_ = TextOf(reply);
       NoteOutcome(false);
       NoteRefusal(failure_, reply.status);
       return false;
@@ -328,7 +318,7 @@ void Forwarder::Settle(Batches* parts, const Verdict& verdict, const HttpReply& 
   const bool taken = verdict.kind == Verdict::Kind::kTaken;
   const uint64_t dropped = taken ? std::min(verdict.dropped, points) : points;
   if (!taken || verdict.dropped > 0) {
-    std::string words = verdict.words.empty() ? Shown(reply) : verdict.words;
+    std::string words = verdict.words.empty() ? TextOf(reply) : verdict.words;
     const std::string series = format_->Describe(done.front().body);
     if (!series.empty()) words += " (for " + series + ")";
     NoteRefusal(words, reply.status);

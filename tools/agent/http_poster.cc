@@ -267,6 +267,16 @@ size_t HttpPoster::Client::TakeBody(char* data, size_t /*one*/, size_t size,
   return size;
 }
 
+std::string TextOf(const HttpReply& reply) {
+  if (reply.status == 0) return reply.text;
+  std::string text = "HTTP " + std::to_string(reply.status);
+  if (!reply.text.empty()) text += ": " + reply.text;
+  if (!reply.location.empty()) {
+    text += " (redirects are not followed: give " + reply.location + " as the URL)";
+  }
+  return text;
+}
+
 HttpPoster::HttpPoster(const ForwardUrl& url, const Credentials& credentials,
                        const std::vector<std::string>& headers)
     : client_(std::make_unique<Client>(url, credentials, headers)) {}

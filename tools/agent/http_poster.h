@@ -24,6 +24,9 @@ struct HttpReply {
 // What a server says, as one printable line, cut where it is long.
 std::string PrintableLine(std::string_view text);
 
+// Its status and text for people, or why there is no reply.
+std::string TextOf(const HttpReply& reply);
+
 // Posts bodies to one URL, on one connection that is kept open between requests.
 //
 // Threads: one calls Post; Cancel may come from any. Certificates of https are verified against

@@ -31,8 +31,8 @@ class HttpServer {
   // means all addresses. False if it is something else.
   static bool SplitAddress(const std::string& address, std::string* host, int* port);
 
-  // Listens at such an address, or takes `present` if that does. Sets `url` to the one of its pages.
-  // None, with `error`, if that fails.
+  // Listens at such an address, or takes `present` if that does. Sets `url` to the one of its
+  // pages. None, with `error`, if that fails.
   static UniqueFd ListenAt(const std::string& address, UniqueFd present, std::string* url,
                            std::string* error);
 

@@ -1,6 +1,5 @@
 #include "agent/settings_check.h"
 
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,6 +10,8 @@
 #include <string>
 #include <system_error>
 
+#include "agent/formats.h"
+#include "agent/http_poster.h"
 #include "agent/http_server.h"
 #include "agent/peer.h"
 #include "agent/socket_file.h"
@@ -19,6 +20,8 @@
 
 namespace tidegate::agent {
 namespace {
+
+constexpr int kBadRequest = 400;
 
 class Check {
  public:
@@ -29,6 +32,10 @@ class Check {
         "make sense; files are looked at as user " + std::to_string(geteuid()));
     LookAtSocket();
     if (!options_.http.empty()) LookAtHttp();
+    for (const ForwardOptions& destination : options_.destinations) {
+      LookAtDestination(destination);
+      if (!destination.spool.folder.empty()) LookAtSpool(destination.spool);
+    }
     LookAtOutputs();
     return failed_ ? 1 : 0;
   }
@@ -40,6 +47,7 @@ class Check {
     constexpr const char* kWords[] = {"ok", "warning", "failed"};
     failed_ = failed_ || finding == Finding::kFailed;
     std::printf("%-8s %s: %s\n", kWords[static_cast<int>(finding)], what.c_str(), text.c_str());
+    std::fflush(stdout);  // what comes next can take its time
   }
 
   void LookAtSocket() {
@@ -88,6 +96,45 @@ class Check {
     }
     // The agent that runs has to end for its socket, too.
     Say(taken_ ? Finding::kWarning : Finding::kFailed, what, error);
+  }
+
+  void LookAtDestination(const ForwardOptions& options) {
+    const std::string what = options.name + ' ' + options.target.url.shown;
+    SeriesTable::Options table;
+    table.process_label = options_.process_label;
+    const std::unique_ptr<const PointFormat> format = MakeFormat(options, table);
+    HttpPoster poster(options.target.url, options.target.credentials, format->Headers());
+    const HttpReply reply = poster.Post(format->Pack(""), options.target.timeout);
+    const Verdict verdict = format->Read(reply, 0);
+    std::string text = TextOf(reply);
+    if (!verdict.words.empty()) text += ": " + verdict.words;
+    switch (verdict.kind) {
+      case Verdict::Kind::kTaken:
+        return Say(Finding::kOk, what, "took an empty request, " + text);
+      case Verdict::Kind::kAgain:
+        return Say(Finding::kFailed, what, text + "; points would wait, and be sent again");
+      case Verdict::Kind::kSetUp:
+        return Say(Finding::kFailed, what,
+                   text + "; points would be sent again for 10 minutes, and then be dropped");
+      case Verdict::Kind::kRefused:
+        break;
+    }
+    if (reply.status == kBadRequest) {
+      return Say(Finding::kWarning, what, text + "; maybe only because the request was empty");
+    }
+    Say(Finding::kFailed, what, text + "; points would be dropped");
+  }
+
+  void LookAtSpool(const SpoolOptions& spool) {
+    std::string error;
+    std::error_code ignored;
+    // The folder of several spools is made as well.
+    const bool below = spool.parent.empty() || std::filesystem::exists(spool.parent, ignored);
+    const SpoolFolder::Use use = SpoolFolder::TryToUse(below ? spool.folder : spool.parent, &error);
+    const std::string what = "spool " + spool.folder;
+    if (use == SpoolFolder::Use::kPossible) return Say(Finding::kOk, what, "can be used");
+    Say(use == SpoolFolder::Use::kInUse ? Finding::kWarning : Finding::kFailed, what,
+        error + "; points would wait in memory alone");
   }
 
   void LookAtOutputs() {

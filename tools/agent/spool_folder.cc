@@ -19,6 +19,7 @@ namespace tidegate::agent {
 namespace {
 
 constexpr char kLockName[] = "lock";
+constexpr char kInUse[] = "another agent uses it";
 constexpr std::string_view kSuffix = ".spool";
 constexpr size_t kDigits = 16;
 constexpr uint64_t kLastNumber = uint64_t{1} << 62;  // so that there is always a next one
@@ -83,26 +84,24 @@ bool SpoolFolder::Lock(const std::string& path, int flags, UniqueFd* folder, Uni
   }
   // A system that knows no such locks refuses with other errors; there the risk stays.
   if (flock(lock->get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-    *error = "another agent uses it";
+    *error = kInUse;
     return false;
   }
   return true;
 }
 
-bool SpoolFolder::CanOpen(const std::string& path, std::string* error) {
-  struct stat info = {};
-  if (stat(path.c_str(), &info) != 0 && errno == ENOENT) {
-    const std::filesystem::path above = std::filesystem::absolute(path).parent_path();
-    if (access(above.c_str(), W_OK | X_OK) == 0) return true;
-    *error = "cannot make it: " + ErrorText(errno);
-    return false;
-  }
+SpoolFolder::Use SpoolFolder::TryToUse(const std::string& path, std::string* error) {
   UniqueFd folder;
   UniqueFd lock;
-  if (!Lock(path, 0, &folder, &lock, error)) return false;
-  if (access(path.c_str(), W_OK | X_OK) == 0) return true;
-  *error = "cannot write to it: " + ErrorText(errno);
-  return false;
+  const bool missing = access(path.c_str(), F_OK) != 0 && errno == ENOENT;
+  if (!missing && !Lock(path, 0, &folder, &lock, error)) {
+    return *error == kInUse ? Use::kInUse : Use::kNot;
+  }
+  const std::string written =
+      missing ? std::filesystem::absolute(path).parent_path().string() : path;
+  if (access(written.c_str(), W_OK | X_OK) == 0) return Use::kPossible;
+  *error = "cannot write to " + written + ": " + ErrorText(errno);
+  return Use::kNot;
 }
 
 bool SpoolFolder::List(Content* content, std::string* error) const {

@@ -22,8 +22,10 @@ class SpoolFolder {
   // Makes the folder if need be (one level, mode 0700) and locks it. False with `error` if that
   // cannot be, or another process has it.
   bool Open(const std::string& path, std::string* error);
-  // Whether Open would succeed, as far as that can be told without a change of anything.
-  static bool CanOpen(const std::string& path, std::string* error);
+  // What Open would find, as far as that can be told without a change of anything; `error` says
+  // why it would fail.
+  enum class Use { kPossible, kInUse, kNot };
+  static Use TryToUse(const std::string& path, std::string* error);
   bool is_open() const { return lock_.valid(); }
 
   bool List(Content* content, std::string* error) const;
