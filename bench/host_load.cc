@@ -15,16 +15,17 @@
 #include "tidegate/service_metrics.h"
 
 int main(int argc, char** argv) {
-  if (argc != 2 && argc != 5) {
-    std::fprintf(stderr, "usage: host_load SOCKET [SERIES INTERVAL SECONDS]\n");
+  if (argc != 3 && argc != 6) {
+    std::fprintf(stderr, "usage: host_load SOCKET HOST [SERIES INTERVAL SECONDS]\n");
     return 2;
   }
-  const int series = argc > 2 ? std::atoi(argv[2]) : 1000;
-  const std::chrono::seconds interval(argc > 2 ? std::atoi(argv[3]) : 10);
-  const std::chrono::seconds seconds(argc > 2 ? std::atoi(argv[4]) : 60);
+  const int series = argc > 3 ? std::atoi(argv[3]) : 1000;
+  const std::chrono::seconds interval(argc > 3 ? std::atoi(argv[4]) : 10);
+  const std::chrono::seconds seconds(argc > 3 ? std::atoi(argv[5]) : 60);
 
   tidegate::Options options{"load"};
   options.socket_path = argv[1];
+  options.tags = {{"host", argv[2]}};
   options.interval = interval;
   tidegate::Metrics metrics(options);
   const tidegate::Counter bytes =

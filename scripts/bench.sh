@@ -3,7 +3,7 @@
 #   bench.sh [--short] [FOLDER]       all benchmarks; results into FOLDER (build/bench-results): the JSON
 #                                     of each process run, results.md, results.svg
 #   bench.sh instructions [--update]  instruction counts of an emission against bench/instructions.txt
-# bench/compare.py BEFORE AFTER holds two such folders against each other.
+# bench/compare.py BEFORE AFTER holds two such folders against each other; bench/fleet.py simulates many hosts.
 # RUNS (3) process runs of each benchmark, EMIT_RUNS (7) of emissions with one thread, CONTENDED_RUNS (9) of
 # those with several, IDLE_SECONDS (120) of rest. --short is one brief run of each, which only shows that they work.
 set -euo pipefail
@@ -120,4 +120,6 @@ measure
 if [[ -n $short ]]; then
   try_agent_load
   quietly python3 "$ROOT/bench/compare.py" "$folder" "$folder"
+  step "simulating a fleet"
+  quietly python3 "$ROOT/bench/fleet.py" --short
 fi

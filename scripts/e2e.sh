@@ -7,3 +7,4 @@ folder=$(dirname "${BASH_SOURCE[0]}")/e2e
 "$folder/processes.sh"
 "$folder/remote_write.sh"
 "$folder/dashboards.sh"
+"$folder/fleet.sh" --short
