@@ -31,6 +31,7 @@ int main(int argc, char** argv) {
   const tidegate::Counter bytes =
       metrics.Counter("web.requests.bytes", {"method", "path", "status"});
   std::vector<tidegate::BoundCounter> counters;
+  counters.reserve(static_cast<size_t>(series));
   for (int i = 0; i < series; ++i) {
     counters.push_back(bytes.With({{"method", i % 2 == 0 ? "get" : "post"},
                                    {"path", "/user/" + std::to_string(i)},

@@ -46,8 +46,8 @@ void RecentArrivals::Add(int64_t second, uint64_t points) {
 std::chrono::seconds RecentArrivals::Interval(int64_t second) {
   MoveTo(std::max<int64_t>(second, 0));
   if (sum_ == 0 || newest_ - since_ < kSeconds) return kUsualInterval;
-  const auto found = std::find_if(kIntervals.begin(), kIntervals.end(),
-                                  [this](int64_t interval) { return IsEvenAt(interval); });
+  const auto* const found = std::find_if(kIntervals.begin(), kIntervals.end(),
+                                         [this](int64_t interval) { return IsEvenAt(interval); });
   return std::chrono::seconds(*found);
 }
 
