@@ -6,5 +6,6 @@ folder=$(dirname "${BASH_SOURCE[0]}")/e2e
 "$folder/outage.sh"
 "$folder/processes.sh"
 "$folder/remote_write.sh"
+"$folder/credentials.sh"
 "$folder/dashboards.sh"
 "$folder/fleet.sh" --short
