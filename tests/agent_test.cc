@@ -18,7 +18,9 @@ namespace tidegate::agent {
 namespace {
 
 using std::chrono::milliseconds;
+using testing::AnyOf;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 namespace fs = std::filesystem;
 
@@ -61,6 +63,34 @@ TEST_F(AgentTest, HandsOnAtItsEndWhatItHoldsToMerge) {
   EXPECT_EQ(Terminate(), 0);
   EXPECT_EQ(Content("out"),
             "1700000000 t1 gauge svc.lat{dc=b,host=a,account_id=acc,project_id=proj} 3\n");
+}
+
+TEST_F(AgentTest, AppliesTheRulesOfItsSettings) {
+  const std::string config = folder_ / "config";
+  const auto set = [&](const std::string& rules) {
+    std::ofstream(config) << "process-label = none\n[rule.no-host]\naction = drop-tag\n"
+                             "drop = host\n[rule.quiet]\naction = drop\n" +
+                                 rules;
+  };
+  set("name = '*.debug'\n");
+  Start({"--config", config});
+  const UniqueFd client = Connect();
+  Send(client, GaugeNamed("svc.a.debug"));
+  Send(client, GaugeNamed("svc.a"));
+  Await("out", "gauge svc.a{dc=b,account_id=acc,project_id=proj} 1.5\n");
+  set("nam = 'svc.*'\n");
+  kill(pid_, SIGHUP);
+  Await("err", "not reloaded, all settings stay as they are: --config: " + config +
+                   ":7: there is no setting \"nam\", the nearest is \"name\"");
+  set("name = 'svc.*'\n[rule.new]\naction = keep\n");
+  kill(pid_, SIGHUP);
+  Await("err", "reloaded, changed: rules\n");
+  Send(client, GaugeNamed("svc.b"));
+  Send(client, GaugeNamed("other"));
+  EXPECT_EQ(Terminate(), 0);
+  EXPECT_THAT(Content("out"),
+              testing::EndsWith(" other{dc=b,account_id=acc,project_id=proj} 1.5\n"));
+  EXPECT_THAT(Content("out"), Not(AnyOf(HasSubstr("debug"), HasSubstr("svc.b"))));
 }
 
 TEST_F(AgentTest, ServesTheNewestValuesOverHttp) {

@@ -70,8 +70,9 @@ Agent::Agent(const Options& options, Reader read)
       status_(&health_, &table_, &services_),
       teller_([this](std::string* text) { status_.Append(text); }, &health_),
       api_(&table_, &status_),
-      decoder_(
-          &queue_, Sinks(), [this] { LookAfterThings(); }, &health_, &log_, Slots()) {}
+      decoder_{// in this order
+               &queue_, Sinks(),     [this] { LookAfterThings(); }, &health_, &log_, Slots(),
+               Rules(), {&services_}} {}
 
 std::vector<PacketSink*> Agent::Sinks() {
   std::vector<PacketSink*> sinks = {&table_};
@@ -81,16 +82,23 @@ std::vector<PacketSink*> Agent::Sinks() {
         [this](int error) { PrintingChanged(error); }, &health_));
   }
   destinations_.AddSinks(&sinks);
-  if (!options_.merge) {
-    sinks.push_back(&services_);
-    return sinks;
-  }
+  // Without --merge it has what rules merge.
   merge_.emplace(
       MergeStage::Options{options_.merge_gauge, options_.merge_delay, options_.max_series,
-                          options_.ttl},
-      std::move(sinks), &health_, [this](const std::string& line) { log_.Report(line); },
+                          options_.ttl, options_.process_label},
+      sinks, &health_, [this](const std::string& line) { log_.Report(line); },
       [this](const ProcessId& process) { return IsLive(process); });
-  return {&*merge_, &services_};
+  if (!options_.merge) return sinks;
+  return {&*merge_};
+}
+
+RuleStage* Agent::Rules() {
+  rules_.emplace(
+      options_.merge, &*merge_, &health_.rules,
+      [this](const std::string& line) { log_.Report(line); },
+      [this](const std::string& collision) { ReportCollision(collision); });
+  rules_->Change(options_.rules, Clock::now());
+  return &*rules_;
 }
 
 ProcessSlots* Agent::Slots() {
@@ -135,7 +143,7 @@ int Agent::Run() {
   queue_.Close(last);
   decoder.join();
   if (slots_) Survives(&health_, [this] { LookAfterSlots(); });
-  if (merge_) Survives(&health_, [&] { merge_->Flush(); });
+  Survives(&health_, [&] { merge_->Flush(); });
   if (const pid_t successor = server_.handed_to(); successor != 0) {
     log_.Report("process " + std::to_string(successor) + " has taken the socket over",
                 LogLevel::kInfo);
@@ -178,7 +186,8 @@ void Agent::LookAfterThings() {
     out_of_memory_ = health_.out_of_memory;
     log_.ReportOutOfMemory();
   }
-  if (merge_) merge_->Tick();
+  merge_->Tick();
+  rules_->Tick(Clock::now());
   destinations_.Tick();
   table_.Sweep();
   services_.Sweep();
@@ -215,7 +224,8 @@ void Agent::ChangeTo(const Options& next) {
   }
   drain_ = next.drain;
   table_.SetTimes(next.ttl, next.max_ahead);
-  if (merge_) merge_->SetTtl(next.ttl);
+  merge_->SetTtl(next.ttl);
+  if (rules_->Change(next.rules, Clock::now())) changed.insert("rules");
   destinations_.Change(next.destinations, &changed, &unchanged);
   texts_.swap(texts);
   status_.SetSettings(ShownSettings(texts_));

@@ -25,6 +25,7 @@
 #include "agent/packet_queue.h"
 #include "agent/page_api.h"
 #include "agent/process_slots.h"
+#include "agent/rule_stage.h"
 #include "agent/seqpacket_server.h"
 #include "agent/series_table.h"
 #include "agent/service_manager.h"
@@ -71,6 +72,8 @@ class Agent {
   std::vector<PacketSink*> Sinks();
   // Makes them; null if points have none.
   ProcessSlots* Slots();
+  // Makes the stage that applies them; after Sinks.
+  RuleStage* Rules();
   // The function that sinks know as IsLive.
   bool IsLive(const ProcessId& process) const;
   bool Start();
@@ -127,6 +130,7 @@ class Agent {
   static_assert(std::atomic<bool>::is_always_lock_free);
   std::optional<HttpServer> http_;
   std::optional<MergeStage> merge_;  // after the sinks
+  std::optional<RuleStage> rules_;   // after that
   Decoder decoder_;                  // after all sinks
 };
 

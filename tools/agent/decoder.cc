@@ -9,13 +9,16 @@ namespace tidegate::agent {
 using std::chrono::steady_clock;
 
 Decoder::Decoder(PacketQueue* queue, std::vector<PacketSink*> sinks,
-                 std::function<void()> on_second, Health* health, Log* log, ProcessSlots* slots)
+                 std::function<void()> on_second, Health* health, Log* log, ProcessSlots* slots,
+                 RuleStage* rules, std::vector<PacketSink*> watchers)
     : queue_(queue),
       sinks_(std::move(sinks)),
       on_second_(std::move(on_second)),
       health_(health),
       log_(log),
-      slots_(slots) {}
+      slots_(slots),
+      rules_(rules),
+      watchers_(std::move(watchers)) {}
 
 void Decoder::Run() {
   constexpr std::chrono::milliseconds kSecond(1000);
@@ -37,7 +40,7 @@ void Decoder::Run() {
 }
 
 void Decoder::Decode(const SeqpacketServer::Message& message) {
-  const Packet* packet = nullptr;
+  Packet* packet = nullptr;
   if (!Survives(health_, [&] { packet = Read(message); })) {
     ++health_->dropped_memory;
     reader_ = PacketReader();  // gives back what it keeps
@@ -46,9 +49,28 @@ void Decoder::Decode(const SeqpacketServer::Message& message) {
   ++health_->packets;
   health_->points += packet->series_count;
   const ClientId client = Slotted(*packet, message.client);
-  for (PacketSink* sink : sinks_) {
-    Survives(health_, [&] { sink->Handle(*packet, client); });
+  HandOn(watchers_, *packet, client);
+  if (rules_ != nullptr && rules_->IsOn()) return HandOnByRules(packet, client);
+  HandOn(sinks_, *packet, client);
+}
+
+void Decoder::HandOn(const std::vector<PacketSink*>& sinks, const Packet& packet,
+                     const ClientId& client) {
+  for (PacketSink* sink : sinks) {
+    Survives(health_, [&] { sink->Handle(packet, client); });
   }
+}
+
+// A packet to which the rules could not be applied must not be handed on without them.
+void Decoder::HandOnByRules(Packet* packet, const ClientId& client) {
+  bool rest = false;
+  if (!Survives(health_, [&] { rest = rules_->Apply(packet); })) {
+    ++health_->dropped_memory;
+    reader_ = PacketReader();  // gives back what it keeps
+    return;
+  }
+  if (rest) HandOn(sinks_, *packet, client);
+  Survives(health_, [&] { rules_->HandOn(packet, client); });
 }
 
 ClientId Decoder::Slotted(const Packet& packet, ClientId client) {
@@ -56,7 +78,7 @@ ClientId Decoder::Slotted(const Packet& packet, ClientId client) {
   return client;
 }
 
-const Packet* Decoder::Read(const SeqpacketServer::Message& message) {
+Packet* Decoder::Read(const SeqpacketServer::Message& message) {
   const size_t size = message.size;
   if (message.sent_size > size) {
     Refuse(DecodeFailure::kTooLong, "message of " + std::to_string(message.sent_size) +
@@ -64,7 +86,7 @@ const Packet* Decoder::Read(const SeqpacketServer::Message& message) {
     return nullptr;
   }
   ReadError error;
-  const Packet* const packet = reader_.Read(message.data.get(), size, &error);
+  Packet* const packet = reader_.Read(message.data.get(), size, &error);
   if (packet == nullptr) {
     Refuse(FailureOf(error), "malformed packet of " + std::to_string(size) + " bytes at offset " +
                                  std::to_string(error.offset) + ": " + error.reason);

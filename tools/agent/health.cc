@@ -36,6 +36,15 @@ void Health::ForEach(const std::function<void(const Sample&)>& handle) const {
       ForEachOwned(i, handle);
     }
   }
+  const RuleCounts::Counts rules_now = rules.All();
+  for (const auto& count : rules_now) {
+    handle({"tidegate_agent_rule_matched_points_total", "Points that a rule has matched.", true,
+            "rule", count->name, count->matched.load(std::memory_order_relaxed)});
+  }
+  for (const auto& count : rules_now) {
+    handle({"tidegate_agent_rule_dropped_points_total", "Points that a rule has dropped.", true,
+            "rule", count->name, count->dropped.load(std::memory_order_relaxed)});
+  }
 }
 
 // Of all lists with the owner of that list: each number of all of them, then the next one.

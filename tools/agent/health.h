@@ -9,6 +9,7 @@
 
 #include "agent/health_numbers.h"
 #include "agent/packet_reader.h"
+#include "agent/rule_counts.h"
 
 namespace tidegate::agent {
 
@@ -144,6 +145,9 @@ class Health : public NumberList {
                             "tidegate_agent_refused_series_total",
                             "Series that are not shown, each once.",
                             {"limit", "collision"}};
+
+  // Points by rule: tidegate_agent_rule_matched_points_total and ..._rule_dropped_points_total.
+  RuleCounts rules;
 
   Number merge_series{this, kGauge, "tidegate_agent_merge_series", "Series that are merged."};
   Number merge_bytes{this, kGauge, "tidegate_agent_merge_bytes", "Bytes that they take."};

@@ -42,7 +42,10 @@ MergedLayout* MergedMetric::LayoutOf(const Block& block, GaugeMerge gauge, size_
                       block.fields.begin(), block.fields.end(),
                       [](const Field& a, const Field& b) { return a.name == b.name; });
   });
-  if (same != end) return same->second.get();
+  if (same != end) {
+    same->second->gauge = gauge;  // rules may have changed
+    return same->second.get();
+  }
   const bool rate = name.form == MergedName::Form::kMeterRate;
   auto layout =
       std::make_unique<MergedLayout>(block, kind, RulesOf(rate ? Kind::kRate : kind, block), gauge);
@@ -65,7 +68,7 @@ void MergedMetric::SweepLayouts(size_t* bytes) {
   }
 }
 
-MergeIdentity::MergeIdentity(const Packet& packet, uint64_t number) : number_(number) {
+MergeIdentity::MergeIdentity(const Packet& packet, const ClientId& client) : client_(client) {
   header_.version = packet.version;
   header_.format_word = packet.format_word;
   header_.tenant = packet.tenant;
@@ -108,7 +111,7 @@ MergedMetric* MergeIdentity::MetricOf(MergedName::Form form, const Block& block,
   const auto found = metrics_.find(key_);
   if (found != metrics_.end()) return found->second.get();
   auto metric = std::make_unique<MergedMetric>(
-      MergedMetric{next_id_, {form, block.wire_type, std::string(name)}, kind, {}, {}});
+      MergedMetric{next_id_, {form, block.wire_type, std::string(name), 0}, kind, {}, {}});
   MergedMetric* const made = metrics_.emplace(key_, std::move(metric)).first->second.get();
   ++next_id_;
   *bytes += BytesOf(*made);
@@ -221,8 +224,8 @@ void MergeIdentity::SweepMetric(MergedMetric* metric, SteadyTime oldest, size_t*
       --*series;
       continue;
     }
-    entry.series.ForgetProcesses(
-        [this](const ProcessId& process) { return processes_.count(process) != 0; });
+    entry.series.ForgetSources(
+        [this](const ProcessId& process) { return processes_.count(process) != 0; }, oldest);
     *bytes += BytesOfSeries(*next);
     ++next;
   }

@@ -18,8 +18,6 @@
 
 namespace tidegate::agent {
 
-using SteadyTime = std::chrono::steady_clock::time_point;
-
 struct MergedEntry {
   explicit MergedEntry(MergedLayout* layout) : series(layout) {}
 
@@ -65,11 +63,12 @@ class MergeIdentity {
   static constexpr size_t kMaxTimes = 64;
   static constexpr size_t kMaxTimesMeanwhile = 256;
 
-  MergeIdentity(const Packet& packet, uint64_t number);
+  // `client` is what sinks see as the sender.
+  MergeIdentity(const Packet& packet, const ClientId& client);
 
   // Of packets without points.
   const Packet& header() const { return header_; }
-  uint64_t number() const { return number_; }  // never used twice
+  const ClientId& client() const { return client_; }
 
   // If it is `full`, a process that is not known yet is not waited for.
   void HasReported(const ProcessId& process, int64_t timestamp, bool full, size_t* bytes);
@@ -96,6 +95,8 @@ class MergeIdentity {
   MergeTime* NextDue(int64_t* timestamp);
   void EndTime(int64_t timestamp) { times_.erase(timestamp); }
 
+  // Whether all processes have gone, a while ago.
+  bool IsDeserted() const { return processes_.empty(); }
   // Forgets processes that went a while ago, series without news since `oldest`, and layouts and
   // metrics that nobody uses.
   void Sweep(SteadyTime now, SteadyTime oldest, const IsLive& is_live, size_t* bytes,
@@ -114,7 +115,7 @@ class MergeIdentity {
   void SweepMetric(MergedMetric* metric, SteadyTime oldest, size_t* bytes, size_t* series);
 
   Packet header_;
-  const uint64_t number_;
+  const ClientId client_;
   std::unordered_map<ProcessId, Process> processes_;
   std::unordered_map<std::string, std::unique_ptr<MergedMetric>> metrics_;  // by form, kind, name
   std::map<int64_t, MergeTime> times_;

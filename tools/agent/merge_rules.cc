@@ -60,6 +60,13 @@ std::vector<MergeRule> RowRules(const std::vector<Field>& columns) {
 
 }  // namespace
 
+std::optional<GaugeMerge> GaugeMergeOf(std::string_view word) {
+  if (word == "last") return GaugeMerge::kLast;
+  if (word == "sum") return GaugeMerge::kSum;
+  if (word == "max") return GaugeMerge::kMax;
+  return std::nullopt;
+}
+
 std::vector<MergeRule> RulesOf(Kind kind, const Block& block) {
   const KindRow& row = RowOf(kind);
   if (row.form == ColumnForm::kAny) return RowRules(block.fields);

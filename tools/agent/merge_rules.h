@@ -2,16 +2,22 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <string_view>
 #include <vector>
 
 #include "agent/packet_reader.h"
 #include "agent/point_mapping.h"
 
-// How the numbers are merged that several processes report for one series at one time.
+// How the numbers are merged that several processes, or several series that rules make one, report
+// for one series at one time.
 
 namespace tidegate::agent {
 
 enum class GaugeMerge { kLast, kSum, kMax };
+
+// By its word in the settings, as "sum"; nothing for any other.
+std::optional<GaugeMerge> GaugeMergeOf(std::string_view word);
 
 constexpr bool IsTotal(MergeRule rule) {
   return rule == MergeRule::kTotal || rule == MergeRule::kDeltaTotal;

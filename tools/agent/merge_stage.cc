@@ -57,41 +57,60 @@ MergeStage::MergeStage(const Options& options, std::vector<PacketSink*> sinks, H
       start_(now_.seconds),
       swept_(now_.steady) {}
 
-void MergeStage::Handle(const Packet& packet, const ClientId& client) {
+void MergeStage::HandleChanged(const Packet& packet, const ClientId& client,
+                               const std::vector<BlockChange>& changes) {
   now_ = clock_();
   work_ = 0;
-  MergeIdentity* const identity = IdentityOf(packet);
+  MergeIdentity* const identity = IdentityOf(packet, client);
   if (identity == nullptr) {
     Refuse(MergeRefusal::kLimit, packet.series_count);
     return;
   }
   const bool before = std::all_of(packet.blocks.begin(), packet.blocks.end(), CanBeEarlierPoint);
-  HoldAll(packet, {identity, nullptr, nullptr, 0, client.process(), before});
+  HoldAll(packet, changes, {identity, nullptr, nullptr, 0, {client.process(), 0}, before, nullptr});
   if (due_) HandOn(kMaxHandedOn);
   UpdateHealth();
 }
 
-MergeIdentity* MergeStage::IdentityOf(const Packet& packet) {
+MergeIdentity* MergeStage::IdentityOf(const Packet& packet, const ClientId& client) {
+  const bool apart = options_.apart != ProcessLabel::kNone;
   key_.clear();
   PutTags({{packet.tenant, {}}}, &key_);
   PutTags(packet.tenant_tags, &key_);
+  if (apart) key_ += ValueOf(options_.apart, client);
   const auto found = identities_.find(key_);
   if (found != identities_.end()) return found->second.get();
-  if (identities_.size() >= kMaxIdentities || IsFull()) return nullptr;
-  auto identity = std::make_unique<MergeIdentity>(packet, made_ + 1);
+  if (identities_.size() >= (apart ? kMaxApart : kMaxIdentities) || IsFull()) return nullptr;
+  auto identity = std::make_unique<MergeIdentity>(packet, SenderOf(client));
   MergeIdentity* const made = identities_.emplace(key_, std::move(identity)).first->second.get();
   ++made_;
   bytes_ += made->bytes();
   return made;
 }
 
-void MergeStage::HoldAll(const Packet& packet, Target target) {
+// Its numbers are never used twice.
+ClientId MergeStage::SenderOf(const ClientId& client) const {
+  ClientId sender;
+  sender.connection = made_ + 1;
+  sender.start = made_ + 1;
+  if (options_.apart == ProcessLabel::kPid) sender.pid = client.pid;
+  if (options_.apart == ProcessLabel::kSlot) sender.slot = client.slot;
+  return sender;
+}
+
+GaugeMerge MergeStage::GaugeOf(const Target& target) const {
+  return target.change == nullptr ? options_.gauge : target.change->gauge.value_or(options_.gauge);
+}
+
+void MergeStage::HoldAll(const Packet& packet, const std::vector<BlockChange>& changes,
+                         Target target) {
   const std::vector<Block>& blocks = packet.blocks;
   int64_t newest = INT64_MIN;
   for (size_t i = 0; i < blocks.size();) {
     const Block& block = blocks[i];
     newest = std::max(newest, block.timestamp);
     target.timestamp = block.timestamp;
+    if (!changes.empty()) target.change = &changes[i];
     if (const size_t timer = TimerBlocks(packet, i); timer != 0) {
       HoldTimer(packet, i, target);
       i += timer;
@@ -101,15 +120,19 @@ void MergeStage::HoldAll(const Packet& packet, Target target) {
     HoldBlock(block, rate ? MergedName::Form::kMeterRate : MergedName::Form::kPlain, target);
     ++i;
   }
-  target.identity->HasReported(target.process, newest, IsFull(), &bytes_);
+  target.identity->HasReported(target.source.process, newest, IsFull(), &bytes_);
 }
 
 void MergeStage::HoldBlock(const Block& block, MergedName::Form form, Target target) {
   if (block.series.empty()) return;
   if (IsFull()) return Refuse(MergeRefusal::kLimit, block.series.size());
   target.metric = target.identity->MetricOf(form, block, block.name, &bytes_);
-  target.layout = target.metric->LayoutOf(block, options_.gauge, &bytes_);
-  for (const Series& record : block.series) Hold(target, record, 1);
+  target.layout = target.metric->LayoutOf(block, GaugeOf(target), &bytes_);
+  const bool sources = target.change != nullptr && !target.change->sources.empty();
+  for (size_t i = 0; i < block.series.size(); ++i) {
+    if (sources) target.source.series = target.change->sources[i];
+    Hold(target, block.series[i], 1);
+  }
   target.identity->Unsettle(target.timestamp, now_.steady, Ahead(target.timestamp));
 }
 
@@ -120,7 +143,11 @@ void MergeStage::HoldTimer(const Packet& packet, size_t first, Target target) {
   const size_t base = block.name.size() - kTimerColumns[0].name.size() - 1;
   target.metric = target.identity->MetricOf(MergedName::Form::kTimerBlocks, block,
                                             std::string_view(block.name).substr(0, base), &bytes_);
-  target.layout = target.metric->LayoutOf(block, options_.gauge, &bytes_);
+  target.layout = target.metric->LayoutOf(block, GaugeOf(target), &bytes_);
+  target.metric->name.left_out = target.change == nullptr ? 0 : target.change->left_out;
+  if (target.change != nullptr && !target.change->sources.empty()) {
+    target.source.series = target.change->sources.front();
+  }
   Series record;
   record.tags = block.series.front().tags;
   for (size_t i = 0; i < std::size(kTimerColumns); ++i) {
@@ -164,7 +191,7 @@ void MergeStage::Add(const Target& target, const Series& record, KeyedMergedSeri
   }
   try {
     const MergedSeries::Added added =
-        series.Add(target.process, target.timestamp, record, target.before, begin);
+        series.Add(target.source, target.timestamp, record, target.before, begin, now_.steady);
     if (added == MergedSeries::Added::kLate) health_->merge_late_points += points;
   } catch (const std::bad_alloc&) {
     if (is_new && !series.Holds(target.timestamp)) {
@@ -215,7 +242,7 @@ void MergeStage::HandOn(size_t most) {
 void MergeStage::HandOn(MergeIdentity* identity, size_t* most) {
   int64_t timestamp = 0;
   while (MergeTime* const time = *most > 0 ? identity->NextDue(&timestamp) : nullptr) {
-    packets_.Begin(identity->header(), identity->number(), timestamp);
+    packets_.Begin(identity->header(), identity->client(), timestamp);
     while (!time->parts.empty() && *most > 0) {
       MergeTime::Part& part = time->parts.begin()->second;
       for (; !part.series.empty() && *most > 0; --*most) {
@@ -237,7 +264,7 @@ void MergeStage::HandOn(const MergedMetric& metric, KeyedMergedSeries* keyed, in
   const size_t left_out = packets_.Append(metric.name, keyed->first, &series);
   if (left_out == 0) return;
   health_->merge_left_out_percentiles += left_out;
-  ReportOnce(&left_out_reported_, "percentiles of several processes do not add up and are left out",
+  ReportOnce(&left_out_reported_, "percentiles of several series do not add up and are left out",
              metric.name.name);
 }
 
@@ -249,7 +276,9 @@ void MergeStage::SweepIfDue() {
       now_.steady - (full ? options_.ttl : std::chrono::seconds(kForgetSeries));
   for (auto next = identities_.begin(); next != identities_.end();) {
     MergeIdentity* const identity = next->second.get();
-    identity->Sweep(now_.steady, oldest, is_live_, &bytes_, &series_);
+    // What was kept for one process is of no use to another one.
+    const bool over = options_.apart != ProcessLabel::kNone && identity->IsDeserted();
+    identity->Sweep(now_.steady, over ? now_.steady : oldest, is_live_, &bytes_, &series_);
     if (!identity->IsEmpty()) {
       ++next;
       continue;
@@ -271,7 +300,7 @@ void MergeStage::UpdateHealth() {
 
 void MergeStage::ReportOnce(bool* reported, const std::string& text, const std::string& name) {
   if (std::exchange(*reported, true)) return;
-  std::string line = "--merge: " + text + ", first those of ";
+  std::string line = "merging: " + text + ", first those of ";
   AppendQuoted(name, &line);
   report_(line);
 }

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -17,9 +18,17 @@
 
 namespace tidegate::agent {
 
-// Merges the series that the processes of one identity report under the same name and tags. An
-// identity is a tenant, account and project. The sinks get the merged points as if each identity
-// were one process that the kernel does not name.
+// How rules have changed a block that is to be merged.
+struct BlockChange {
+  std::optional<GaugeMerge> gauge;  // by which its gauges are merged, if not as all are
+  std::vector<uint64_t> sources;    // SourceId::series of each record; empty: 0
+  uint32_t left_out = 0;            // of the first of ten blocks of a timer: see MergedName
+};
+
+// Merges the series that the processes of one identity report under the same name and tags, also
+// several of one process. An identity is a tenant, account and project, and with a process label
+// one process by that label. The sinks get the merged points as if each identity were one process;
+// without a label it is one that the kernel does not name.
 //
 // Points of one time are held until all live processes of the identity have reported that time or a
 // later one, and a second more for the rest of their packets. They are held for `delay` at most,
@@ -36,10 +45,12 @@ class MergeStage : public PacketSink {
     GaugeMerge gauge = GaugeMerge::kSum;
     std::chrono::seconds delay{5};
     size_t max_series = 1000000;
-    std::chrono::seconds ttl{300};  // of series without news where room is needed
+    std::chrono::seconds ttl{300};             // of series without news where room is needed
+    ProcessLabel apart = ProcessLabel::kNone;  // the label that keeps processes apart
   };
 
   static constexpr size_t kMaxIdentities = 1000;
+  static constexpr size_t kMaxApart = 10000;  // if processes are kept apart
 
   // Bytes of keys and cells that one packet makes the stage go through.
   static constexpr size_t kMaxPacketWork = size_t{64} << 20;
@@ -51,7 +62,12 @@ class MergeStage : public PacketSink {
   MergeStage(const Options& options, std::vector<PacketSink*> sinks, Health* health, Report report,
              IsLive is_live, SeriesTable::Clock clock = SeriesTable::Now);
 
-  void Handle(const Packet& packet, const ClientId& client) override;
+  void Handle(const Packet& packet, const ClientId& client) override {
+    HandleChanged(packet, client, {});
+  }
+  // Likewise. `changes` has those of each block, or nothing if there are none.
+  void HandleChanged(const Packet& packet, const ClientId& client,
+                     const std::vector<BlockChange>& changes);
 
   // To be called once a second: hands on the points that are due.
   void Tick();
@@ -69,12 +85,15 @@ class MergeStage : public PacketSink {
     MergedMetric* metric;
     MergedLayout* layout;
     int64_t timestamp;
-    ProcessId process;
-    bool before;  // only earlier points, as far as the packet shows
+    SourceId source;
+    bool before;                // only earlier points, as far as the packet shows
+    const BlockChange* change;  // or null
   };
 
-  MergeIdentity* IdentityOf(const Packet& packet);
-  void HoldAll(const Packet& packet, Target target);
+  MergeIdentity* IdentityOf(const Packet& packet, const ClientId& client);
+  ClientId SenderOf(const ClientId& client) const;
+  void HoldAll(const Packet& packet, const std::vector<BlockChange>& changes, Target target);
+  GaugeMerge GaugeOf(const Target& target) const;
   void HoldBlock(const Block& block, MergedName::Form form, Target target);
   void HoldTimer(const Packet& packet, size_t first, Target target);
   // Counts it instead, if it finds no room.

@@ -41,10 +41,10 @@ std::vector<Tag> TagsOf(std::string_view key) {
 MergedPackets::MergedPackets(std::vector<PacketSink*> sinks, Health* health)
     : sinks_(std::move(sinks)), health_(health) {}
 
-void MergedPackets::Begin(const Packet& header, uint64_t connection, int64_t timestamp) {
+void MergedPackets::Begin(const Packet& header, const ClientId& client, int64_t timestamp) {
   End();
   packet_ = header;
-  client_.connection = connection;
+  client_ = client;
   name_ = nullptr;
   head_bytes_ = 0;
   timestamp_ = timestamp;
@@ -81,12 +81,13 @@ void MergedPackets::StartBlock(const MergedName& name, const MergedLayout& layou
   head_bytes_ += name.name.size() + layout.fields.size() * sizeof(Field);
 }
 
-// Percentiles that were left out have no block.
+// Percentiles that were left out have no block, nor has what rules drop.
 void MergedPackets::AppendTimer(const MergedName& name, Series record) {
   const std::vector<double> values = std::exchange(record.values, {});
   size_t blocks = 0;
   for (size_t i = 0; i < std::size(kTimerColumns); ++i) {
     if (i >= kTimerFirstQuantile && std::isnan(values[i])) continue;
+    if ((name.left_out >> i & 1) != 0) continue;
     Block block;
     block.wire_type = name.wire_type;
     block.timestamp = timestamp_;

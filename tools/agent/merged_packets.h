@@ -19,7 +19,8 @@ struct MergedName {
 
   Form form;
   uint8_t wire_type;
-  std::string name;  // of kTimerBlocks the part that the ten names share, without the dot
+  std::string name;       // of kTimerBlocks the part that the ten names share, without the dot
+  uint32_t left_out = 0;  // of kTimerBlocks: a bit for each of the ten that rules drop
 };
 
 // Tags as the key of a series: equal for equal tags in the same order.
@@ -36,8 +37,8 @@ class MergedPackets {
   MergedPackets(std::vector<PacketSink*> sinks, Health* health);
 
   // The points that follow are of the tenant of `header`, and of this time. To the sinks they come
-  // over a connection of this number.
-  void Begin(const Packet& header, uint64_t connection, int64_t timestamp);
+  // from `client`.
+  void Begin(const Packet& header, const ClientId& client, int64_t timestamp);
   // Takes the point of `timestamp` out of the series. Returns how many percentiles were left out.
   size_t Append(const MergedName& name, std::string_view tags, MergedSeries* series);
   // Hands on the rest.

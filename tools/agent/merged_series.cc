@@ -10,6 +10,9 @@
 namespace tidegate::agent {
 namespace {
 
+// With its node, its buckets and the block of its totals.
+constexpr size_t kSourceBytes = 128;
+
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
 
 size_t ColumnOf(const Series& record, size_t position) {
@@ -45,7 +48,7 @@ bool MergedSeries::Accepts(MergedLayout* layout, int64_t timestamp) {
     std::vector<double> totals(layout->totals);
     layout_ = layout;
     totals_.swap(totals);
-    processes_.clear();
+    sources_.clear();
     late_.reset();
     refused_.reset();
     return true;
@@ -54,11 +57,12 @@ bool MergedSeries::Accepts(MergedLayout* layout, int64_t timestamp) {
   return false;
 }
 
-MergedSeries::Added MergedSeries::Add(const ProcessId& process, int64_t timestamp,
-                                      const Series& record, bool before, int64_t begin) {
+MergedSeries::Added MergedSeries::Add(const SourceId& source, int64_t timestamp,
+                                      const Series& record, bool before, int64_t begin,
+                                      SteadyTime now) {
   const bool late = timestamp <= std::max(handed_, begin) && !Holds(timestamp);
-  Process* const counted = layout_->totals > 0 ? ProcessOf(process) : nullptr;
-  Point* const point = late ? Late(timestamp) : FindOrMake(timestamp, process);
+  Source* const counted = layout_->totals > 0 ? SourceOf(source, now) : nullptr;
+  Point* const point = late ? Late(timestamp) : FindOrMake(timestamp, source);
   bool something = false;
   bool older = false;
   for (size_t i = 0; i < record.values.size(); ++i) {
@@ -92,8 +96,8 @@ bool MergedSeries::AddValue(size_t column, double value, bool late, Point* point
   return true;
 }
 
-bool MergedSeries::AddTotal(Process* process, int64_t timestamp, size_t column,
-                            const Series& record, size_t position) {
+bool MergedSeries::AddTotal(Source* source, int64_t timestamp, size_t column, const Series& record,
+                            size_t position) {
   const double total = record.values[position];
   if (!std::isfinite(total)) return false;
   double first = 0;
@@ -104,7 +108,7 @@ bool MergedSeries::AddTotal(Process* process, int64_t timestamp, size_t column,
     if (std::isfinite(delta)) first = delta;
   }
   const auto increases =
-      process->totals[layout_->total_positions[column]].Add(timestamp, total, first);
+      source->totals[layout_->total_positions[column]].Add(timestamp, total, first);
   const bool own = AddIncrease(increases.own, column);
   return AddIncrease(increases.later, column) || own;
 }
@@ -192,12 +196,12 @@ MergedSeries::Point* MergedSeries::Find(int64_t timestamp) {
   return found == held_.end() ? nullptr : &*found;
 }
 
-MergedSeries::Point* MergedSeries::FindOrMake(int64_t timestamp, const ProcessId& process) {
+MergedSeries::Point* MergedSeries::FindOrMake(int64_t timestamp, const SourceId& source) {
   if (Point* const point = Find(timestamp)) {
-    point->several = point->several || !(point->process == process);
+    point->several = point->several || !(point->source == source);
     return point;
   }
-  Point point = {timestamp, process, false, std::vector<Cell>(layout_->rules.size())};
+  Point point = {timestamp, source, false, std::vector<Cell>(layout_->rules.size())};
   held_.push_back(std::move(point));
   return &held_.back();
 }
@@ -213,12 +217,13 @@ MergedSeries::Point* MergedSeries::Late(int64_t timestamp) {
   return late_.get();
 }
 
-MergedSeries::Process* MergedSeries::ProcessOf(const ProcessId& id) {
-  const auto next = std::lower_bound(
-      processes_.begin(), processes_.end(), id,
-      [](const Process& process, const ProcessId& other) { return process.id < other; });
-  if (next != processes_.end() && next->id == id) return &*next;
-  return &*processes_.insert(next, {id, std::vector<ProcessTotal>(layout_->totals)});
+MergedSeries::Source* MergedSeries::SourceOf(const SourceId& id, SteadyTime now) {
+  auto found = sources_.find(id);
+  if (found == sources_.end()) {
+    found = sources_.emplace(id, Source{now, std::vector<ProcessTotal>(layout_->totals)}).first;
+  }
+  found->second.news = now;
+  return &found->second;
 }
 
 size_t MergedSeries::bytes() const {
@@ -226,8 +231,7 @@ size_t MergedSeries::bytes() const {
   return sizeof(MergedSeries) + totals_.size() * sizeof(double) +
          (held_.capacity() + 1) * sizeof(Point) +
          points * (layout_->rules.size() * sizeof(Cell) + kHeapOverhead) +
-         processes_.capacity() * sizeof(Process) +
-         processes_.size() * (layout_->totals * sizeof(ProcessTotal) + kHeapOverhead) +
+         sources_.size() * (kSourceBytes + layout_->totals * sizeof(ProcessTotal)) +
          4 * kHeapOverhead;
 }
 

@@ -1,10 +1,12 @@
 #pragma once
 
-#include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <memory>
 #include <optional>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -16,6 +18,8 @@
 
 namespace tidegate::agent {
 
+using SteadyTime = std::chrono::steady_clock::time_point;
+
 // The common part of all series of one name with the same columns.
 struct MergedLayout {
   MergedLayout(const Block& block, Kind kind, std::vector<MergeRule> rules, GaugeMerge gauge);
@@ -24,15 +28,15 @@ struct MergedLayout {
   void MarkTotals(const Series& record);
 
   const Kind kind;
-  const GaugeMerge gauge;
+  GaugeMerge gauge;
   const std::vector<Field> fields;
   std::vector<MergeRule> rules;           // of each column
   std::vector<uint32_t> total_positions;  // of each column that may be a total, among those
   uint32_t totals = 0;                    // how many of those
 };
 
-// One series of all processes: the points that they have reported for times that are not handed on
-// yet, and their counts so far.
+// One series that several are merged into, of all processes or of one: the points that they have
+// reported for times that are not handed on yet, and their counts so far.
 //
 // Not thread-safe. Its memory grows by MergedSeries::bytes(), which the owner watches.
 class MergedSeries {
@@ -54,8 +58,8 @@ class MergedSeries {
 
   // `before`: the packet can be one of earlier points. Points are late if their time was taken, or
   // is not after `begin`.
-  Added Add(const ProcessId& process, int64_t timestamp, const Series& record, bool before,
-            int64_t begin);
+  Added Add(const SourceId& source, int64_t timestamp, const Series& record, bool before,
+            int64_t begin, SteadyTime now);
 
   bool Holds(int64_t timestamp) const;
   // Whether a point of this time would be the first that is held for it.
@@ -74,9 +78,10 @@ class MergedSeries {
   // Returns how many percentiles were left out. REQUIRES: Holds(timestamp).
   size_t Take(int64_t timestamp, Series* record);
 
-  // Forgets the counts of those processes of which `is_known` says false.
+  // Forgets the counts of those processes of which `is_known` says false, and of series without
+  // news since `oldest`.
   template <typename IsKnown>
-  void ForgetProcesses(const IsKnown& is_known);
+  void ForgetSources(const IsKnown& is_known, SteadyTime oldest);
 
   size_t bytes() const;
 
@@ -88,21 +93,21 @@ class MergedSeries {
   };
   struct Point {
     int64_t timestamp = 0;
-    ProcessId process;     // that reported first
+    SourceId source;       // that reported first
     bool several = false;  // or more than one
     std::vector<Cell> cells;
   };
-  struct Process {
-    ProcessId id;
+  struct Source {
+    SteadyTime news;
     std::vector<ProcessTotal> totals;
   };
 
   Point* Find(int64_t timestamp);
-  Point* FindOrMake(int64_t timestamp, const ProcessId& process);
+  Point* FindOrMake(int64_t timestamp, const SourceId& source);
   Point* Late(int64_t timestamp);
-  Process* ProcessOf(const ProcessId& id);
+  Source* SourceOf(const SourceId& id, SteadyTime now);
   bool AddValue(size_t column, double value, bool late, Point* point) const;
-  bool AddTotal(Process* process, int64_t timestamp, size_t column, const Series& record,
+  bool AddTotal(Source* source, int64_t timestamp, size_t column, const Series& record,
                 size_t position);
   // Whether it is for a time that was handed on.
   bool AddIncrease(const ProcessTotal::Increase& increase, size_t column);
@@ -110,23 +115,20 @@ class MergedSeries {
   void FinishAverages(Point* point) const;
 
   MergedLayout* layout_;
-  std::vector<Point> held_;         // by time
-  std::unique_ptr<Point> late_;     // what adds up, for the next time after its own
-  std::vector<Process> processes_;  // by id
+  std::vector<Point> held_;      // by time
+  std::unique_ptr<Point> late_;  // what adds up, for the next time after its own
+  std::unordered_map<SourceId, Source> sources_;
   std::vector<double> totals_;      // of all processes, up to handed_
   int64_t handed_ = INT64_MIN;      // the newest time that was taken
   std::optional<int64_t> refused_;  // the newest time of other columns, since points of these
 };
 
 template <typename IsKnown>
-void MergedSeries::ForgetProcesses(const IsKnown& is_known) {
-  size_t kept = 0;
-  for (Process& process : processes_) {
-    if (!is_known(process.id)) continue;
-    if (&process != &processes_[kept]) processes_[kept] = std::move(process);
-    ++kept;
+void MergedSeries::ForgetSources(const IsKnown& is_known, SteadyTime oldest) {
+  for (auto next = sources_.begin(); next != sources_.end();) {
+    const bool keep = next->second.news >= oldest && is_known(next->first.process);
+    next = keep ? std::next(next) : sources_.erase(next);
   }
-  processes_.resize(kept);
 }
 
 }  // namespace tidegate::agent

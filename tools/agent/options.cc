@@ -155,11 +155,9 @@ void Declare(CLI::App* app, Raw* raw) {
       ->check(CLI::Range(size_t{1}, size_t{1} << 32))
       ->capture_default_str();
   AddBytes(app, "--queue-bytes", &options.queue_bytes, "Packets that may wait to be decoded");
-  CLI::Option* const merge =
-      app->add_flag("--merge", options.merge, "Make one series of those of all processes");
-  app->add_option("--merge-gauge", raw->merge_gauge, "What becomes of their gauges")
+  app->add_flag("--merge", options.merge, "Make one series of those of all processes");
+  app->add_option("--merge-gauge", raw->merge_gauge, "What becomes of gauges that are merged")
       ->check(CLI::IsMember({"last", "sum", "max"}))
-      ->needs(merge)
       ->capture_default_str();
   AddSeconds(
       app, "--merge-delay", 1, &raw->merge_delay,
@@ -192,8 +190,7 @@ Options Finish(const Raw& raw) {
   options.max_ahead = std::chrono::seconds(raw.max_ahead);
   options.drain = std::chrono::seconds(raw.drain);
   options.merge_delay = std::chrono::seconds(raw.merge_delay);
-  if (raw.merge_gauge == "last") options.merge_gauge = GaugeMerge::kLast;
-  if (raw.merge_gauge == "max") options.merge_gauge = GaugeMerge::kMax;
+  options.merge_gauge = GaugeMergeOf(raw.merge_gauge).value_or(GaugeMerge::kSum);
   options.process_label = options.merge ? ProcessLabel::kNone : LabelOf(raw);
   options.destinations = DestinationsOf(raw);
   const bool elsewhere = !options.http.empty() || !options.destinations.empty();
@@ -237,6 +234,13 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, OptionsEr
       throw CLI::ValidationError("--merge",
                                  "makes one series of all processes, so no label of a "
                                  "process (--process-label) goes with it");
+    }
+    raw.options.rules = ReadRules(raw.options.sections);
+    const bool merges =
+        raw.options.merge || std::any_of(raw.options.rules.begin(), raw.options.rules.end(),
+                                         [](const Rule& rule) { return rule.merge; });
+    if (!merges && app.count("--merge-gauge") > 0) {
+      throw CLI::ValidationError("--merge-gauge", "requires --merge, or a rule that merges");
     }
     raw.options.texts = TextsOf(app);
     return Finish(raw);

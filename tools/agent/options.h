@@ -13,6 +13,7 @@
 #include "agent/merge_rules.h"
 #include "agent/packet_log.h"
 #include "agent/point_mapping.h"
+#include "agent/rule.h"
 #include "agent/settings_sections.h"
 
 namespace tidegate::agent {
@@ -22,6 +23,7 @@ struct Options {
   // All of them by name, as they were given or are by default.
   std::map<std::string, std::string> texts;
   std::vector<SettingsSection> sections;  // of the file, in its order
+  std::vector<Rule> rules;                // those of them that are rules
   bool check = false;                     // only say what an agent with these settings would find
   std::string socket = "/opt/tmp/sock/metric_seqpacket.sock";
   mode_t socket_mode = 0666;

@@ -199,7 +199,7 @@ bool ReadPacket(const void* data, size_t size, Packet* packet, ReadError* error)
   return true;
 }
 
-const Packet* PacketReader::Read(const void* data, size_t size, ReadError* error) {
+Packet* PacketReader::Read(const void* data, size_t size, ReadError* error) {
   read_bytes_ += size;
   if (read_bytes_ > kRenewBytes) {
     packet_ = Packet();

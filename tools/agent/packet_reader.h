@@ -76,8 +76,9 @@ bool ReadPacket(const void* data, size_t size, Packet* packet, ReadError* error)
 // most.
 class PacketReader {
  public:
-  // Null, with `error`, if the packet is refused. The result is good until the next call.
-  const Packet* Read(const void* data, size_t size, ReadError* error);
+  // Null, with `error`, if the packet is refused. The result is good until the next call, and may
+  // be changed.
+  Packet* Read(const void* data, size_t size, ReadError* error);
 
  private:
   Packet packet_;

@@ -27,6 +27,16 @@ struct ProcessId {
   }
 };
 
+// A series of a process, or several that are one since rules have dropped tags or changed names.
+struct SourceId {
+  ProcessId process;
+  uint64_t series = 0;  // tells those apart
+
+  bool operator==(const SourceId& other) const {
+    return process == other.process && series == other.series;
+  }
+};
+
 inline constexpr uint32_t kNoSlot = UINT32_MAX;
 
 // Who sent a packet: the process that connected, also if a child goes on with the connection.
@@ -69,5 +79,12 @@ struct std::hash<tidegate::agent::ProcessId> {
   size_t operator()(const tidegate::agent::ProcessId& process) const {
     // The odd number spreads the few bits that differ.
     return (static_cast<size_t>(process.pid) + process.number * 31) * 0x9e3779b97f4a7c15U;
+  }
+};
+
+template <>
+struct std::hash<tidegate::agent::SourceId> {
+  size_t operator()(const tidegate::agent::SourceId& source) const {
+    return std::hash<tidegate::agent::ProcessId>{}(source.process) ^ source.series;
   }
 };

@@ -74,8 +74,7 @@ void StatusReport::Append(std::string* out) {
   for (const MetricList::Row& row : TopMetrics(table_, kTopMetrics)) AppendMetric(row, &json);
   json.Close(']');
   AppendKept(&json);
-  json.Key("rules").Open('[');
-  json.Close(']');
+  AppendRules(&json);
   AppendNumbers(&json);
   json.Key("history_s").Unsigned(0);
   AppendLimits(&json);
@@ -92,6 +91,20 @@ void StatusReport::AppendAgent(JsonWriter* json) const {
   json->Key("uptime_s").Integer(uptime.count());
   json->Key("now_ms").Integer(NowMilliseconds());
   json->Close('}');
+}
+
+void StatusReport::AppendRules(JsonWriter* json) const {
+  json->Key("rules").Open('[');
+  for (const RuleStatus& rule : health_->rules.Statuses()) {
+    json->Open('{');
+    json->Key("name").Text(rule.name);
+    json->Key("action").Text(rule.action);
+    json->Key("matched").Unsigned(rule.matched);
+    json->Key("dropped").Unsigned(rule.dropped);
+    json->Key("idle_s").Integer(rule.idle.count());
+    json->Close('}');
+  }
+  json->Close(']');
 }
 
 void StatusReport::AppendServices(JsonWriter* json) const {

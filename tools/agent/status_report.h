@@ -45,6 +45,7 @@ class StatusReport {
   };
 
   void AppendAgent(JsonWriter* json) const;
+  void AppendRules(JsonWriter* json) const;
   void AppendServices(JsonWriter* json) const;
   void AppendDrops(JsonWriter* json) const;
   void AppendNumbers(JsonWriter* json) const;
