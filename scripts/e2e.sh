@@ -9,3 +9,4 @@ folder=$(dirname "${BASH_SOURCE[0]}")/e2e
 "$folder/credentials.sh"
 "$folder/dashboards.sh"
 "$folder/fleet.sh" --short
+"$folder/otlp.sh"

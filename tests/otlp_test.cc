@@ -177,7 +177,7 @@ class OtlpTest : public testing::Test {
     return metrics;
   }
 
-  const OtlpFormat format_{{{{"service.name", "shop"}, {"zone", "\xe9"}}, "host-1", {}}};
+  const OtlpFormat format_{{{"service.name", "shop"}, {"zone", "\xe9"}}, "host-1", {}};
   Health health_;
   DestinationNumbers numbers_{&health_, "otlp"};
   BatchQueue queue_{BatchLimits()};

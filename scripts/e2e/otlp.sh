@@ -60,7 +60,7 @@ pick_port && agent_port=$port agent=http://127.0.0.1:$port
 step "starting a receiver of OTLP, the agent and the service"
 start_receiver
 start agent "$ROOT/build/release/tools/agent/tidegate-agent" --socket "$tmp/agent.sock" \
-  --http "127.0.0.1:$agent_port" --otlp "http://127.0.0.1:$receiver_port" --forward-interval 0.5 \
+  --http "127.0.0.1:$agent_port" --otlp "http://127.0.0.1:$receiver_port" --forward-interval 0.5 --no-spread \
   --resource deployment.environment.name=e2e
 await "the start of the agent" 10 test -S "$tmp/agent.sock"
 start service "$ROOT/build/release/examples/demo_service" "$tmp/agent.sock" \
@@ -70,7 +70,7 @@ sleep 2 # so that more follow
 
 step "killing the receiver"
 stop receiver KILL
-sleep 2 # so that points wait
+sleep 3 # so that points wait
 start_receiver shop.jobs.queue.store
 
 step "waiting for the end of the service"
@@ -97,7 +97,7 @@ received "histogram, samples" "$(emitted '.sizes | add')" \
   'kept("shop.web.sizes.histogram")[-1].count | tonumber'
 received "histogram, buckets that differ" 0 \
   "kept(\"shop.web.sizes.histogram\")[-1] | if .explicitBounds == [500, 1000, 2000, 4000] then
-    [.bucketCounts, $(emitted -c .sizes)] | transpose |
+    [.bucketCounts, $(emitted .sizes)] | transpose |
     map(select((.[0] | tonumber) != .[1])) | length else null end"
 received "summary, samples" "$(emitted .requests)" \
   'kept("shop.web.upstream.timer")[-1].count | tonumber'

@@ -28,7 +28,9 @@ http.createServer((request, reply) => {
   const parts = [];
   request.on('data', (part) => parts.push(part)).on('end', () => {
     const body = zlib.gunzipSync(Buffer.concat(parts));
-    const points = [...pointsOf(ExportMetricsServiceRequest.decode(body))];
+    const message = ExportMetricsServiceRequest.toObject(ExportMetricsServiceRequest.decode(body),
+      { longs: String, arrays: true, oneofs: true });
+    const points = [...pointsOf(message)];
     const kept = points.filter((point) => point.name !== rejected);
     fs.appendFileSync(file, kept.map((point) => JSON.stringify(point) + '\n').join(''));
     const answer = kept.length === points.length ? {} : { partialSuccess: {

@@ -31,7 +31,7 @@ constexpr DestinationFacts FactsOf(DestinationKind kind) {
 }
 
 // Those that a setting can make.
-inline constexpr DestinationKind kDestinationKinds[] = {DestinationKind::kInflux,
-                                                        DestinationKind::kRemoteWrite};
+inline constexpr DestinationKind kDestinationKinds[] = {
+    DestinationKind::kInflux, DestinationKind::kRemoteWrite, DestinationKind::kOtlp};
 
 }  // namespace tidegate::agent

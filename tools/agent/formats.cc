@@ -1,6 +1,7 @@
 #include "agent/formats.h"
 
 #include "agent/influx_format.h"
+#include "agent/otlp_format.h"
 #include "agent/remote_write_format.h"
 
 namespace tidegate::agent {
@@ -10,8 +11,9 @@ std::unique_ptr<const PointFormat> MakeFormat(const ForwardOptions& options,
   switch (options.kind) {
     case DestinationKind::kRemoteWrite:
       return std::make_unique<RemoteWriteFormat>(table);
-    case DestinationKind::kInflux:
     case DestinationKind::kOtlp:
+      return std::make_unique<OtlpFormat>(options.resource, options.host, table);
+    case DestinationKind::kInflux:
       break;
   }
   return std::make_unique<InfluxFormat>(table.process_label);

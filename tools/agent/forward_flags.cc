@@ -6,6 +6,8 @@
 #include <cmath>
 #include <utility>
 
+#include "agent/point_mapping.h"
+
 namespace tidegate::agent {
 namespace {
 
@@ -49,6 +51,19 @@ std::string CheckCatchUp(const std::string& text) {
   double times = 0;
   if (!CLI::detail::lexical_cast(text, times)) return "";
   return times > 0 && times < 1.1 ? "\"" + text + "\" is too low, give 1.1 or more, or 0" : "";
+}
+
+// REQUIRES: one that CheckResource takes.
+std::pair<std::string, std::string> SplitAttribute(const std::string& text) {
+  const size_t equals = text.find('=');
+  return {text.substr(0, equals), text.substr(equals + 1)};
+}
+
+std::string CheckResource(const std::string& text) {
+  const size_t equals = text.find('=');
+  if (equals == std::string::npos || equals == 0) return "\"" + text + "\" is not KEY=VALUE";
+  const std::string key = text.substr(0, equals);
+  return IsOwnerKey(key) ? "\"" + key + "\" is what the points themselves say" : "";
 }
 
 void AddSeconds(CLI::App* app, const std::string& name, double least, double* seconds,
@@ -134,6 +149,10 @@ void DestinationSettings::DeclareOn(CLI::App* app, const std::string& prefix) {
       ->type_name("DIR");
   AddBytes(app, "--spool-bytes", &spool_bytes, "Bytes of its files");
   AddSeconds(app, prefix + "timeout", 0.1, &timeout, "Seconds for a request and its reply");
+  app->add_option("--resource", resource, "Attribute of all that is sent by OTLP: key=value")
+      ->allow_extra_args(false)
+      ->check(CheckResource)
+      ->type_name("KEY=VALUE");
   CLI::Option* const spread_flag = app->add_flag(
       "--spread", spread,
       "Send once in each interval of the services, at a time of this host's own: the default");
@@ -167,6 +186,9 @@ ForwardOptions DestinationSettings::ToOptions(const std::string& name, Destinati
   options.spool.folder = spool;
   options.spool.bytes = spool_bytes;
   options.host = HostName();
+  for (const std::string& attribute : resource) {
+    if (kind == DestinationKind::kOtlp) options.resource.push_back(SplitAttribute(attribute));
+  }
   options.limits.send.catch_up = catch_up;
   if (spread && !no_spread) options.limits.send.spread = SpreadHash(options.host, name);
   return options;
@@ -195,6 +217,10 @@ std::vector<ForwardOptions> ForwardFlags::ToOptions() const {
     }
   } catch (const CredentialError& failure) {
     throw CLI::ValidationError("--" + failure.setting, failure.what());
+  }
+  const auto otlp = urls.find(DestinationKind::kOtlp);
+  if (!settings.resource.empty() && (otlp == urls.end() || otlp->second.empty())) {
+    throw CLI::ValidationError("--resource", "is for --otlp");
   }
   if (all.empty() && !settings.spool.empty()) {
     throw CLI::ValidationError("--spool", "is for a destination, and no flag makes one");
@@ -227,6 +253,9 @@ ForwardOptions DestinationOf(const SettingsSection& section) {
     ParseSetting(section, setting.key, &app);
   }
   const DestinationKind kind = KindOf(section, read.type);
+  if (kind != DestinationKind::kOtlp && !read.common.resource.empty()) {
+    section.Refuse(section.LineOf("resource"), "resource: is for the type otlp");
+  }
   const std::string error = CheckUrl(read.url, kind);
   if (!error.empty()) section.Refuse(section.LineOf("url"), "url: " + error);
   try {

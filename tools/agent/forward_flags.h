@@ -28,6 +28,7 @@ struct DestinationSettings {
   double catch_up = 2;  // times the rate of points that come in; 0: no bound
   std::string spool;    // empty: there is none
   uint64_t spool_bytes = SpoolOptions().bytes;
+  std::vector<std::string> resource;  // of OTLP
 
   // Makes `app` fill this object, and refuse what cannot be meant. `prefix` comes before names
   // that would be too short for flags.

@@ -16,7 +16,7 @@ bool IsSameBesideTarget(const ForwardOptions& one, const ForwardOptions& other) 
   const auto all = [](const ForwardOptions& o) {
     return std::tie(o.name, o.kind, o.limits.batch_points, o.limits.batch_bytes, o.limits.interval,
                     o.limits.queue_points, o.limits.queue_bytes, o.limits.send.spread,
-                    o.limits.send.catch_up, o.spool.folder, o.spool.bytes);
+                    o.limits.send.catch_up, o.spool.folder, o.spool.bytes, o.resource);
   };
   return all(one) == all(other);
 }

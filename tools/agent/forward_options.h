@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "agent/batch_queue.h"
 #include "agent/credentials.h"
@@ -32,7 +34,8 @@ struct ForwardOptions {
   std::chrono::milliseconds health_interval{10000};
   std::chrono::milliseconds log_interval{60000};  // between lines about the same trouble
   SpoolOptions spool;
-  std::string host;  // tag of the agent's own numbers
+  std::string host;                                           // tag of the agent's own numbers
+  std::vector<std::pair<std::string, std::string>> resource;  // of OTLP: its attributes, by key
 };
 
 // Whether all is the same but what a ForwardTarget has.

@@ -8,14 +8,15 @@
 #include "agent/series_start.h"
 
 namespace tidegate::agent {
-OrderedWriter::OrderedWriter(const SeriesTable::Options& options, Report report,
-                             SeriesTable::Clock clock)
+OrderedWriter::OrderedWriter(const SeriesTable::Options& options, SeriesTable::Clock clock)
     : clock_(std::move(clock)),
       born_(clock_().seconds),
       order_(kHold, kMaxHeldBytes,
              [this](KeyedSeries* series, const KindRow& kind, const Series& record,
                     int64_t timestamp) { HandOn(series, kind, record, timestamp); }),
-      table_(options, &health_, std::move(report), clock_, this) {}
+      // The table of the page reports the same.
+      table_(
+          options, &health_, [](const std::string& /*line*/) {}, clock_, this) {}
 
 void OrderedWriter::StartBlock(const Packet& packet, const ClientId& client, const Block& block) {
   table_.StartBlock(packet, client, block);
@@ -89,9 +90,8 @@ void OrderedWriter::HandOn(KeyedSeries* series, const KindRow& kind, const Serie
 bool OrderedWriter::IsLate(const SeriesEntry& entry, const KindRow& kind, const Series& record,
                            int64_t timestamp) {
   if (kind.form != ColumnForm::kAny || record.indexes.empty()) return timestamp <= entry.newest;
-  return std::all_of(record.indexes.begin(), record.indexes.end(), [&](uint32_t column) {
-    return timestamp <= entry.cells()[column].timestamp;
-  });
+  return std::all_of(record.indexes.begin(), record.indexes.end(),
+                     [&](uint32_t column) { return timestamp <= entry.cells()[column].timestamp; });
 }
 
 // An agent before this one may have sent sums up to the time when this one began.

@@ -27,8 +27,8 @@ class OrderedWriter : public PointWriter, private SeriesRecorder {
   static constexpr size_t kMaxHandedOut = 200000;
 
   // With a page in the options, series have families, and their names can collide as on the page.
-  OrderedWriter(const SeriesTable::Options& options, Report report,
-                SeriesTable::Clock clock = SeriesTable::Now);
+  explicit OrderedWriter(const SeriesTable::Options& options,
+                         SeriesTable::Clock clock = SeriesTable::Now);
 
   void StartBlock(const Packet& packet, const ClientId& client, const Block& block) override;
   bool Write(const Series& record, PointOutput* out) override;

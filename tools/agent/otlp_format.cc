@@ -1,12 +1,12 @@
 #include "agent/otlp_format.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include "agent/gzip.h"
 #include "agent/ordered_writer.h"
 #include "agent/otlp_reply.h"
-#include "agent/point_mapping.h"
 
 namespace tidegate::agent {
 namespace {
@@ -16,9 +16,9 @@ constexpr size_t kPieceBytes = size_t{64} << 10;
 // The points of a packet share their resources.
 class OtlpPointWriter : public OrderedWriter {
  public:
-  explicit OtlpPointWriter(const OtlpFormat::Options& options)
-      : OrderedWriter(options.series, [](const std::string& /*line*/) {}),
-        writer_(options.attributes, options.host) {}
+  OtlpPointWriter(const OtlpAttributes& attributes, const std::string& host,
+                  const SeriesTable::Options& table)
+      : OrderedWriter(table), writer_(attributes, host) {}
 
   Held held() const override {
     Held held = OrderedWriter::held();
@@ -65,36 +65,32 @@ class OtlpPointWriter : public OrderedWriter {
   uint64_t points_ = 0;  // in writer_
 };
 
+// Names are sent as they are, so none can collide.
+SeriesTable::Options WithoutPage(SeriesTable::Options options) {
+  options.page = false;
+  return options;
+}
+
 int64_t NowNanos() {
   return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
 }  // namespace
 
-std::optional<OtlpAttributes::value_type> ParseOtlpAttribute(const std::string& text,
-                                                             std::string* error) {
-  const size_t equals = text.find('=');
-  if (equals == std::string::npos || equals == 0) {
-    *error = "\"" + text + "\" is no attribute, which is KEY=VALUE";
-    return std::nullopt;
-  }
-  std::string key = text.substr(0, equals);
-  if (IsOwnerKey(key)) {
-    *error = "\"" + key + "\" is what the points themselves say";
-    return std::nullopt;
-  }
-  return {{std::move(key), text.substr(equals + 1)}};
-}
-
-OtlpFormat::OtlpFormat(Options options) : options_(std::move(options)), start_ns_(NowNanos()) {}
+OtlpFormat::OtlpFormat(OtlpAttributes attributes, std::string host,
+                       const SeriesTable::Options& table)
+    : attributes_(std::move(attributes)),
+      host_(std::move(host)),
+      table_(WithoutPage(table)),
+      start_ns_(NowNanos()) {}
 
 std::unique_ptr<PointWriter> OtlpFormat::MakeWriter() const {
-  return std::make_unique<OtlpPointWriter>(options_);
+  return std::make_unique<OtlpPointWriter>(attributes_, host_, table_);
 }
 
 void OtlpFormat::AppendHealth(const Health& health, std::string_view host, int64_t now_ns,
                               std::string* out) const {
-  OtlpWriter(options_.attributes, host).AppendHealth(health, start_ns_, now_ns, out);
+  OtlpWriter(attributes_, host).AppendHealth(health, start_ns_, now_ns, out);
 }
 
 std::string OtlpFormat::Pack(std::string_view body) const { return Gzip(body); }

@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,23 +12,13 @@
 
 namespace tidegate::agent {
 
-// Reads an attribute as it is given in the settings, "key=value". Nothing, with `error`, if it is
-// none, or is one that the owner of a series has.
-std::optional<OtlpAttributes::value_type> ParseOtlpAttribute(const std::string& text,
-                                                             std::string* error);
-
 // OTLP over HTTP: requests of protobuf, packed with gzip. Totals, histograms and summaries are
 // cumulative. Of a request that a receiver took in part it says how many points it rejected, where
 // each column of a row counts as one; that is taken for the number of points, all at most.
 class OtlpFormat : public PointFormat {
  public:
-  struct Options {
-    OtlpAttributes attributes;  // see OtlpWriter
-    std::string host;
-    SeriesTable::Options series;  // without a page
-  };
-
-  explicit OtlpFormat(Options options);
+  // The attributes and the host are as OtlpWriter takes them, `table` is for the series.
+  OtlpFormat(OtlpAttributes attributes, std::string host, const SeriesTable::Options& table);
 
   std::unique_ptr<PointWriter> MakeWriter() const override;
   void AppendHealth(const Health& health, std::string_view host, int64_t now_ns,
@@ -40,7 +29,9 @@ class OtlpFormat : public PointFormat {
   Verdict Read(const HttpReply& reply, uint64_t points) const override;
 
  private:
-  const Options options_;
+  const OtlpAttributes attributes_;
+  const std::string host_;
+  const SeriesTable::Options table_;
   const int64_t start_ns_;  // since the epoch
 };
 
