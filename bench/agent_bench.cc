@@ -105,6 +105,7 @@ void DecodeIntoRemoteWrite(benchmark::State& state) {
   RemoteWriteWriter writer(options);
   PacketReader reader;
   ReadError error;
+  const ClientId client;
   int64_t time = 1700000000;
   const auto round = [&] {
     ++time;
@@ -112,7 +113,7 @@ void DecodeIntoRemoteWrite(benchmark::State& state) {
       Packet packet = *reader.Read(bytes.data(), bytes.size(), &error);
       for (Block& block : packet.blocks) {
         block.timestamp = time;
-        writer.StartBlock(packet, {}, block);
+        writer.StartBlock(packet, client, block);
         writer.Write(block.series[0], &output);
       }
     }

@@ -111,7 +111,7 @@ class RemoteWriteTest : public testing::Test {
     return packet;
   }
   void Handle(const Packet& packet) {
-    writer_->StartBlock(packet, {7}, packet.blocks[0]);
+    writer_->StartBlock(packet, client_, packet.blocks[0]);
     EXPECT_TRUE(writer_->Write(packet.blocks[0].series[0], &output_));
   }
   void Count(const std::string& name, int64_t time, double value) {
@@ -142,6 +142,7 @@ class RemoteWriteTest : public testing::Test {
   }
   uint64_t Dropped(ForwardDrop reason) const { return numbers_.Dropped(reason); }
 
+  const ClientId client_{7};
   std::chrono::steady_clock::time_point now_{seconds(1000)};
   Health health_;
   DestinationNumbers numbers_{&health_, "remote-write"};

@@ -10,9 +10,9 @@ namespace {
 
 constexpr uint32_t kMaxStep = (uint32_t{1} << 31) - 1;
 
-// REQUIRES: `late` is not before `early`.
-uint64_t Distance(int64_t early, int64_t late) {
-  return static_cast<uint64_t>(late) - static_cast<uint64_t>(early);
+// REQUIRES: `to` is not before `from`.
+uint64_t Distance(int64_t from, int64_t to) {
+  return static_cast<uint64_t>(to) - static_cast<uint64_t>(from);
 }
 
 void LearnStep(uint64_t distance, SeriesEntry* entry) {
@@ -20,8 +20,8 @@ void LearnStep(uint64_t distance, SeriesEntry* entry) {
   if (entry->step == 0 || distance < entry->step) entry->step = distance & kMaxStep;
 }
 
-bool IsStep(const SeriesEntry& entry, int64_t early, int64_t late) {
-  return late > early && Distance(early, late) <= entry.step;
+bool IsStep(const SeriesEntry& entry, int64_t from, int64_t to) {
+  return to > from && Distance(from, to) <= entry.step;
 }
 
 // Whether each column of the record had a value one step before, or has a later one.
