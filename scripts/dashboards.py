@@ -53,6 +53,10 @@ ROWS = [
         panel("Series", "short", "Of /metrics, and those that --merge knows.",
               (f"tidegate_agent_series{AGENT}", f"{HOST} shown"),
               (f"tidegate_agent_merge_series{AGENT}", f"{HOST} merged")),
+        panel("Packets and points that wait", "short", "Packets to be decoded, and points to be merged.",
+              (f"tidegate_agent_queue_packets{AGENT}", f"{HOST} packets"),
+              (f"tidegate_agent_merge_held_points{AGENT}", f"{HOST} points")),
+        panel("Points merged", "short", "A second.", (agent_rate("merged_points_total"), HOST)),
         panel("Memory in use", "bytes", "Of the table, of merging and of the queues.",
               (f"tidegate_agent_series_bytes{AGENT}", f"{HOST} series"),
               (f"tidegate_agent_merge_bytes{AGENT}", f"{HOST} merging"),
@@ -65,10 +69,12 @@ ROWS = [
               (agent_rate("forwarded_points_total", ", destination"), HOST + " {{destination}}")),
         panel("Points that wait", "short", "In memory and on disk. Both grow while the destination is away.",
               (f"tidegate_agent_forward_queue_points{AGENT}", HOST + " {{destination}} memory"),
-              (f"tidegate_agent_forward_spool_points{AGENT}", HOST + " {{destination}} disk")),
+              (f"tidegate_agent_forward_spool_points{AGENT}", HOST + " {{destination}} disk"),
+              (f"tidegate_agent_forward_held_points{AGENT}", HOST + " {{destination}} until their order is sure")),
         panel("Bytes that wait", "bytes", "Of the same points.",
               (f"tidegate_agent_forward_queue_bytes{AGENT}", HOST + " {{destination}} memory"),
-              (f"tidegate_agent_forward_spool_bytes{AGENT}", HOST + " {{destination}} disk")),
+              (f"tidegate_agent_forward_spool_bytes{AGENT}", HOST + " {{destination}} disk"),
+              (f"tidegate_agent_forward_held_bytes{AGENT}", HOST + " {{destination}} until their order is sure")),
         panel("Points of failed requests", "short", "Points a second whose sending failed, and is tried again.",
               (agent_rate("forward_retried_points_total", ", destination"), HOST + " {{destination}}")),
         panel("Requests", "short", "That the destination took, a second.",
@@ -87,7 +93,8 @@ ROWS = [
         panel("Points not shown on /metrics", "short", "A second, by reason; and the series that this hit.",
               (agent_rate("refused_points_total", ", reason"), HOST + " points {{reason}}"),
               (agent_rate("refused_series_total", ", reason"), HOST + " series {{reason}}")),
-        panel("Points not merged in time", "short", "A second: late ones, and those that were refused.",
+        panel("Points not merged", "short", "A second: late ones, those that were refused, and percentiles left out.",
+              (agent_rate("merge_left_out_percentiles_total"), f"{HOST} percentiles"),
               (agent_rate("merge_late_points_total"), f"{HOST} late"),
               (agent_rate("merge_refused_points_total", ", reason"), HOST + " {{reason}}")),
         panel("Memory that ran out", "short", "Times a second; each lost something.",
@@ -262,7 +269,8 @@ def grafana_text(made):
 
 def files():
     """Each made file with its content."""
-    made = {name: grafana_text(dashboard(form)) for form, name in zip(FORMS, ("dashboard.json", "dashboard-influx.json"))}
+    names = ("dashboard.json", "dashboard-influx.json")
+    made = {name: grafana_text(dashboard(form)) for form, name in zip(FORMS, names)}
     head = "# Made of alerts.yml by scripts/dashboards.py: the same alerts on forwarded InfluxDB lines.\n"
     alerts = re.sub(r"\A(#.*\n)+", "", (SHARE / "alerts.yml").read_text())
     made["alerts-influx.yml"] = head + as_lines(alerts)
