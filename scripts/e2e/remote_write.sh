@@ -17,7 +17,8 @@ start_prometheus() {
 
 start_agent() {
   start agent "$ROOT/build/release/tools/agent/tidegate-agent" --socket "$tmp/agent.sock" \
-    --print json --http "127.0.0.1:$agent_port" --no-spread --forward-interval 0.5 \
+    --print json --http "127.0.0.1:$agent_port" --no-spread --forward-catch-up 0 \
+    --forward-interval 0.5 \
     --remote-write "$prometheus" --remote-write "$vm"
   await "the start of the agent" 10 test -S "$tmp/agent.sock"
 }
