@@ -111,8 +111,9 @@ bool ParseApiQuery(const HttpRequest& request, ApiQuery* query, std::string* err
   const ConstList<Argument> known = ArgumentsOf(request.path);
   std::set<std::string_view> seen;
   for (const auto& [name, value] : request.arguments) {
-    const auto* const argument = std::find_if(
-        known.begin(), known.end(), [&](const Argument& other) { return other.name == name; });
+    const auto* const argument =
+        std::find_if(known.begin(), known.end(),
+                     [&name = name](const Argument& other) { return other.name == name; });
     if (argument == known.end()) {
       *error = request.path + " takes no argument " + Quoted(name);
       return false;

@@ -264,6 +264,7 @@ std::vector<TopPage::Line> TopPage::Lines(std::optional<size_t> rows) const {
     tables.pop_back();
   }
   std::vector<size_t> wanted;
+  wanted.reserve(tables.size());
   for (const Table& table : tables) wanted.push_back(table.rows.size());
   const size_t around = 1 + kLinesAround * tables.size();
   const std::vector<size_t> shares =

@@ -22,6 +22,10 @@ class TopPage {
     enum class Look { kPlain, kBold, kRed } look = Look::kPlain;
   };
 
+  TopPage() = default;
+  TopPage(const TopPage&) = delete;
+  TopPage& operator=(const TopPage&) = delete;
+
   // False, and nothing is changed, if `text` is no JSON.
   bool Take(const std::string& text);
   bool empty() const { return status_.is_null(); }
