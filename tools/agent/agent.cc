@@ -44,6 +44,14 @@ SeriesTable::Options TableOptions(const Options& options) {
           options.max_ahead};
 }
 
+// Of the table that the pages show.
+SeriesTable::Options ShownTableOptions(const Options& options) {
+  SeriesTable::Options shown = TableOptions(options);
+  shown.history = options.history;
+  shown.history_bytes = options.history_bytes;
+  return shown;
+}
+
 std::string Listed(const std::set<std::string>& names) {
   if (names.empty()) return " nothing";
   std::string list;
@@ -64,10 +72,11 @@ Agent::Agent(const Options& options, Reader read)
               [this](const std::string& warning) { log_.ReportSome(warning); }, &health_.clients,
               &connected_),
       services_([this](const ProcessId& process) { return IsLive(process); }),
-      table_(TableOptions(options), &health_,
+      table_(ShownTableOptions(options), &health_,
              [this](const std::string& collision) { ReportCollision(collision); }),
       destinations_(options.destinations, TableOptions(options), &health_, &log_),
-      status_(&health_, &table_, &services_),
+      status_(&health_, &table_, &services_, [this] { return destinations_.Statuses(); },
+              options.history),
       teller_([this](std::string* text) { status_.Append(text); }, &health_),
       api_(&table_, &status_),
       decoder_{// in this order

@@ -19,13 +19,25 @@ std::string Cut(std::string_view text) {
   return std::string(text.substr(0, ConnectedServices::kMaxTextBytes));
 }
 
-// The first two parts of a name, as a service and a part of it mostly are; without its last part.
-std::string PrefixOf(std::string_view name) {
-  const size_t first = name.find('.');
-  if (first == std::string_view::npos) return Cut(name);
-  const size_t second = name.find('.', first + 1);
-  return Cut(name.substr(0, second == std::string_view::npos ? first : second));
+constexpr size_t kMaxNames = 1000;  // that are looked at for what they have in common
+
+// Shortens `prefix` to the parts that the name begins with as well, unless there are none.
+void KeepCommon(std::string_view name, std::string* prefix) {
+  size_t end = 0;  // of the last part in common
+  for (size_t i = 0; i <= prefix->size() && i <= name.size(); ++i) {
+    const bool prefix_ends = i == prefix->size() || (*prefix)[i] == '.';
+    const bool name_ends = i == name.size() || name[i] == '.';
+    if (prefix_ends && name_ends) end = i;
+    if (prefix_ends != name_ends ||
+        (i < name.size() && i < prefix->size() && name[i] != (*prefix)[i])) {
+      break;
+    }
+  }
+  if (end > 0) prefix->resize(end);
 }
+
+// Without its last part.
+std::string_view BaseOf(std::string_view name) { return name.substr(0, name.rfind('.')); }
 
 }  // namespace
 
@@ -39,10 +51,12 @@ void ConnectedServices::Handle(const Packet& packet, const ClientId& client) {
                                std::chrono::system_clock::now().time_since_epoch())
                                .count();
   entry->last_packet = Clock::now();
-  if (service.name.empty() && !packet.blocks.empty()) {
-    service.name = PrefixOf(packet.blocks.front().name);
-  }
   for (const Block& block : packet.blocks) {
+    if (entry->names < kMaxNames) {
+      ++entry->names;
+      if (service.name.empty()) service.name = Cut(BaseOf(block.name));
+      KeepCommon(block.name, &service.name);
+    }
     if (block.timestamp > entry->newest) {
       const auto step =
           static_cast<uint64_t>(block.timestamp) - static_cast<uint64_t>(entry->newest);

@@ -20,14 +20,14 @@ class ConnectedServices : public PacketSink {
  public:
   using Clock = std::chrono::steady_clock;
 
-  static constexpr size_t kMost = 2000;
-  static constexpr size_t kMaxTextBytes = 200;  // of each text
+  static constexpr size_t kMost = 1000;
+  static constexpr size_t kMaxTextBytes = 100;  // of each text
 
   struct Service {
     std::string tenant;
     std::string account_id;
     std::string project_id;
-    std::string name;  // how the names of its metrics begin
+    std::string name;  // how the names of its metrics begin, whole parts alone
     pid_t pid = 0;
     uint32_t slot = kNoSlot;
     int64_t last_packet_ms = 0;  // since the epoch
@@ -50,6 +50,7 @@ class ConnectedServices : public PacketSink {
     Service service;
     int64_t newest = INT64_MIN;  // timestamp of its points
     uint64_t points = 0;         // since it became that
+    size_t names = 0;            // that service.name was made from
     Clock::time_point last_packet;
   };
   using Entries = std::vector<Entry>;

@@ -67,6 +67,10 @@ constexpr Row kRows[] = {
     {"forward_dropped_points_total", "spool_full", "The spool was full.", kSpool},
     {"forward_dropped_points_total", "spool_damaged", "Files of the spool could not be read.",
      kSpool},
+    {"forward_dropped_points_total", "late",
+     "Points came after later ones of their series had been sent.", kForwarding},
+    {"forward_dropped_points_total", "series",
+     "There was no room for the series, or another one has its name.", kForwarding},
     {"forward_dropped_points_total", "", "", kForwarding},
     {"forward_spool_failures_total", "", "", kSpool},
     {"forward_spool_damaged_total", "", "", kSpool},
@@ -82,7 +86,7 @@ const Row* FindRow(std::string_view name, std::string_view reason) {
 }
 
 std::string KeyOf(const Health::Sample& sample) {
-  return std::string(sample.name).append(" ").append(sample.label_value);
+  return std::string(sample.name).append(" ").append(sample.owner_value).append(" ").append(sample.label_value);
 }
 
 }  // namespace

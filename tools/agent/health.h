@@ -66,7 +66,7 @@ class Health : public NumberList {
   uint64_t ForwardDropped() const { return SumOfLists(kUnforwarded); }
   // Of the table and of the queues.
   uint64_t BytesInUse() const {
-    return queued_bytes + series_bytes + merge_bytes + SumOfLists(kHeldBytes) +
+    return queued_bytes + series_bytes + history_bytes + merge_bytes + SumOfLists(kHeldBytes) +
            SumOfLists(kWaitingBytes);
   }
 
@@ -148,6 +148,12 @@ class Health : public NumberList {
 
   // Points by rule: tidegate_agent_rule_matched_points_total and ..._rule_dropped_points_total.
   RuleCounts rules;
+
+  Number history_points{this, kGauge, "tidegate_agent_history_points",
+                        "Points that are kept for the page."};
+  Number history_bytes{this, kGauge, "tidegate_agent_history_bytes", "Bytes that they take."};
+  Number history_dropped_points{this, kCounter, "tidegate_agent_history_dropped_points_total",
+                                "Points that were not kept for the time of --history."};
 
   Number merge_series{this, kGauge, "tidegate_agent_merge_series", "Series that are merged."};
   Number merge_bytes{this, kGauge, "tidegate_agent_merge_bytes", "Bytes that they take."};

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -30,6 +31,19 @@ class JsonWriter {
   void Unsigned(uint64_t value);
   void Bool(bool value);
   void Null();
+  // Writes what `write` does, or nothing, and is false then, if the whole would be longer than
+  // `most`.
+  template <typename Write>
+  bool Item(size_t most, const Write& write) {
+    const size_t size = out_->size();
+    const bool separate = separate_;
+    write();
+    if (out_->size() <= most) return true;
+    out_->resize(size);
+    separate_ = separate;
+    return false;
+  }
+
   void Texts(const std::map<std::string, std::string>& texts);  // as an object
 
  private:

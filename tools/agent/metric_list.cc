@@ -68,6 +68,19 @@ MetricList::Row RowOf(Reading* reading, const Counted& counted) {
   return row;
 }
 
+// Some of them, if their names are very long.
+std::vector<MetricList::Row> RowsOf(Reading* reading, const std::vector<Counted>& metrics) {
+  constexpr size_t kMostBytes = 4 << 20;
+  std::vector<MetricList::Row> rows;
+  size_t bytes = 0;
+  for (const Counted& counted : metrics) {
+    rows.push_back(RowOf(reading, counted));
+    bytes += rows.back().name.size() + rows.back().tenant.size();
+    if (bytes > kMostBytes) break;
+  }
+  return rows;
+}
+
 }  // namespace
 
 MetricList FindMetrics(SeriesTable* table, const ApiQuery& query) {
@@ -84,7 +97,9 @@ MetricList FindMetrics(SeriesTable* table, const ApiQuery& query) {
                         return std::tie(a.metric->name, a.metric->kind) <
                                std::tie(b.metric->name, b.metric->kind);
                       });
-    for (size_t i = begin; i < end; ++i) list.rows.push_back(RowOf(reading, found[i]));
+    found.erase(found.begin() + static_cast<std::ptrdiff_t>(end), found.end());
+    found.erase(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(begin));
+    list.rows = RowsOf(reading, found);
   });
   return list;
 }
@@ -100,7 +115,8 @@ std::vector<MetricList::Row> TopMetrics(SeriesTable* table, size_t most) {
                         return std::tie(b.series, a.metric->name) <
                                std::tie(a.series, b.metric->name);
                       });
-    for (size_t i = 0; i < most; ++i) rows.push_back(RowOf(reading, found[i]));
+    found.resize(most);
+    rows = RowsOf(reading, found);
   });
   return rows;
 }

@@ -31,6 +31,7 @@ struct Raw {
   bool label_pid = false;
   bool quiet = false;
   ForwardFlags forward;
+  int64_t history = 0;
   int64_t ttl = 0;
   int64_t max_ahead = 0;
   int64_t drain = 0;
@@ -147,6 +148,9 @@ void Declare(CLI::App* app, Raw* raw) {
   app->add_option("--http", options.http,
                   "Serve /metrics on HOST:PORT, as 127.0.0.1:9464, or on all addresses, as :9464")
       ->check(CheckAddress);
+  AddSeconds(app, "--history", 0, &raw->history,
+             "Seconds that points are kept for the plots of the page at /; 0: none");
+  AddBytes(app, "--history-bytes", &options.history_bytes, "Bytes that they may take");
   app->add_flag("--timestamps", options.timestamps, "Write timestamps on /metrics");
   AddSeconds(app, "--ttl", 1, &raw->ttl, "Seconds after which a series without news is gone");
   AddSeconds(app, "--max-ahead", 1, &raw->max_ahead,
@@ -186,6 +190,7 @@ std::vector<ForwardOptions> DestinationsOf(const Raw& raw) {
 Options Finish(const Raw& raw) {
   Options options = raw.options;
   options.socket_mode = static_cast<mode_t>(std::stoul(raw.mode, nullptr, 8));
+  options.history = std::chrono::seconds(options.http.empty() ? 0 : raw.history);
   options.ttl = std::chrono::seconds(raw.ttl);
   options.max_ahead = std::chrono::seconds(raw.max_ahead);
   options.drain = std::chrono::seconds(raw.drain);

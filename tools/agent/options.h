@@ -36,6 +36,8 @@ struct Options {
   bool merge = false;
   GaugeMerge merge_gauge = GaugeMerge::kSum;
   std::chrono::seconds merge_delay{5};
+  std::chrono::seconds history{0};
+  size_t history_bytes = 64 << 20;
   std::chrono::seconds ttl{300};
   std::chrono::seconds max_ahead{3600};
   size_t max_series = 1000000;

@@ -6,6 +6,7 @@
 #include "agent/api_query.h"
 #include "agent/json_writer.h"
 #include "agent/metric_list.h"
+#include "agent/series_list.h"
 
 namespace tidegate::agent {
 namespace {
@@ -23,7 +24,9 @@ void AppendMetrics(SeriesTable* table, const ApiQuery& query, std::string* out) 
   json.Open('{');
   json.Key("total").Unsigned(list.total);
   json.Key("metrics").Open('[');
-  for (const MetricList::Row& row : list.rows) AppendMetric(row, &json);
+  for (const MetricList::Row& row : list.rows) {
+    if (!json.Item(kMaxAnswerBytes, [&] { AppendMetric(row, &json); })) break;
+  }
   json.Close(']');
   json.Close('}');
 }
@@ -50,10 +53,10 @@ void PageApi::Answer(const HttpRequest& request, HttpAnswer* answer) const {
     status_->Append(&answer->text);
   } else if (request.path == "/api/metrics") {
     AppendMetrics(table_, query, &answer->text);
+  } else if (request.path == "/api/series") {
+    AppendSeries(table_, query, &answer->text);
   } else {
-    answer->status = 404;
-    AppendError("not yet", &answer->text);
-    return;
+    AppendPoints(table_, query, &answer->text);
   }
   answer->text += '\n';
   answer->etag = EtagOf(answer->text);

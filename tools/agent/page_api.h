@@ -10,7 +10,7 @@ namespace tidegate::agent {
 
 // The JSON that the page asks for, as docs/page_api.md describes it.
 //
-// Threads: any. An answer has 8 MiB at most. Borrows both.
+// Threads: any. An answer has kMaxAnswerBytes at most. Borrows both.
 class PageApi {
  public:
   PageApi(SeriesTable* table, StatusReport* status) : table_(table), status_(status) {}

@@ -25,6 +25,7 @@ struct SeriesEntry {
   std::unique_ptr<Cell[]> row;  // of all columns, if there are more
   int64_t newest = INT64_MIN;   // timestamp
   int64_t start = INT64_MIN;    // since when its totals and sums count, see series_start.h
+  uint64_t last_point = 0;      // of PointHistory
   uint64_t id = 0;              // never given twice, also not by the agents before this one
   std::chrono::steady_clock::time_point news;
   SeriesReporters reporters;

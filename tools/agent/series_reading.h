@@ -60,7 +60,19 @@ class SeriesTable::Reading {
             std::vector<const KeyedSeries*>* series);
   void Read(const KeyedSeries& series, Values* values);
 
+  // The points of a series in the history, the oldest first: times in seconds, and for each of them
+  // the values of all columns, NaN where there is none.
+  struct Points {
+    std::vector<int64_t> times;
+    std::vector<double> values;
+  };
+  // Those from `since` on, `most` at most, of the newest. Of the layout that the series has now.
+  void ReadPoints(const KeyedSeries& series, int64_t since, size_t most, Points* points);
+
  private:
+  // From a position back, some of them. The position is where to go on, 0 at the end.
+  void AppendPoints(const KeyedSeries& series, const SeriesLayout& layout, int64_t since,
+                    size_t most, PointHistory::Position* position, Points* points);
   // Lets the decoder go first.
   void MakeWay() const;
 

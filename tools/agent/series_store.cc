@@ -61,6 +61,7 @@ void SeriesStore::Move(KeyedSeries* series, SeriesLayout* layout) {
   std::unique_ptr<Cell[]> row = layout->Prepare();
   Detach(series);
   Attach(series, layout, std::move(row));
+  series->second.last_point = 0;
 }
 
 void SeriesStore::Attach(KeyedSeries* series, SeriesLayout* layout, std::unique_ptr<Cell[]> row) {

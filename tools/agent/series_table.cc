@@ -34,7 +34,11 @@ SeriesTable::SeriesTable(const Options& options, Health* health, Report report, 
       shared_(options.process_label, health, std::move(report)),
       now_(clock_()),
       swept_(now_.steady),
-      aged_(now_.steady) {}
+      aged_(now_.steady) {
+  if (options.history.count() > 0) {
+    history_.emplace(options.history, options.history_bytes, now_.seconds, health);
+  }
+}
 
 SeriesTable::~SeriesTable() = default;
 
@@ -115,7 +119,12 @@ void SeriesTable::Record(KeyedSeries* keyed, Kind kind, const Series& record, in
   if (recorder_ != nullptr) {
     recorder_->Take(keyed, RowOf(kind), record, timestamp, now_.steady);
   } else {
-    keyed->second.Update(RowOf(kind), record, timestamp, now_.steady);
+    SeriesEntry& entry = keyed->second;
+    entry.Update(RowOf(kind), record, timestamp, now_.steady);
+    if (history_ && entry.newest == timestamp) {
+      entry.last_point = history_->Add(entry.last_point, timestamp, entry.cells(),
+                                       entry.layout->columns.size(), now_.steady);
+    }
   }
 }
 
@@ -179,6 +188,7 @@ void SeriesTable::SweepIfDue() {
   series_.Sweep(now_.steady, ttl_);
   layouts_.Sweep();
   UpdateHealth();
+  if (history_) history_->Sweep(now_.steady);
   series_.Shrink();
   layouts_.Shrink();
   names_.Shrink();

@@ -12,6 +12,7 @@
 #include "agent/layout_table.h"
 #include "agent/packet_sink.h"
 #include "agent/page_names.h"
+#include "agent/point_history.h"
 #include "agent/point_mapping.h"
 #include "agent/report.h"
 #include "agent/series_budget.h"
@@ -49,6 +50,8 @@ class SeriesTable : public PacketSink {
     bool page = true;  // false: series are only counted, and no name can collide
     // Points further in the future are refused: while one is the newest, older ones change nothing.
     std::chrono::seconds max_ahead{3600};
+    std::chrono::seconds history{0};  // that points are kept for readers; 0: only the newest values
+    size_t history_bytes = 64 << 20;
   };
   struct Time {
     std::chrono::steady_clock::time_point steady;
@@ -114,6 +117,7 @@ class SeriesTable : public PacketSink {
   // found, or null.
   std::optional<Refusal> AddOrMove(LayoutTable::Target* target, KeyedSeries** series)
       METRICS_REQUIRES(mutex_);
+  // Lets the recorder, or the table, take the record.
   void Record(KeyedSeries* keyed, Kind kind, const Series& record, int64_t timestamp)
       METRICS_REQUIRES(mutex_);
   bool HasRoom(const LayoutTable::Target& target, bool known) METRICS_REQUIRES(mutex_);
@@ -142,6 +146,7 @@ class SeriesTable : public PacketSink {
   SeriesStore series_ METRICS_GUARDED_BY(mutex_);
   SeriesRefusals refusals_ METRICS_GUARDED_BY(mutex_);
   SharedSeriesLog shared_ METRICS_GUARDED_BY(mutex_);
+  std::optional<PointHistory> history_ METRICS_GUARDED_BY(mutex_);
   SeriesIdentity identity_ METRICS_GUARDED_BY(mutex_);    // of the record in work
   Work work_ METRICS_GUARDED_BY(mutex_) = {};             // of StartBlock
   bool page_in_work_ METRICS_GUARDED_BY(mutex_) = false;  // nothing may be erased

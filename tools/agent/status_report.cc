@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <optional>
+#include <utility>
 
 #include "agent/api_query.h"
 #include "agent/metric_list.h"
@@ -22,7 +24,17 @@ std::string HostName() {
 
 void AppendLabels(const Health::Sample& sample, JsonWriter* json) {
   json->Key("labels").Open('{');
+  if (!sample.owner.empty()) json->Key(sample.owner).Text(sample.owner_value);
   if (!sample.label.empty()) json->Key(sample.label).Text(sample.label_value);
+  json->Close('}');
+}
+
+void AppendRefusal(const std::optional<DestinationStatus::Refusal>& refusal, JsonWriter* json) {
+  if (!refusal) return json->Null();
+  json->Open('{');
+  json->Key("text").Text(refusal->text);
+  json->Key("status").Integer(refusal->status);
+  json->Key("at_ms").Integer(refusal->at_ms);
   json->Close('}');
 }
 
@@ -45,8 +57,14 @@ int64_t NowMilliseconds() {
 }
 
 StatusReport::StatusReport(const Health* health, SeriesTable* table,
-                           const ConnectedServices* services)
-    : health_(health), table_(table), services_(services), drops_(health) {}
+                           const ConnectedServices* services, Destinations destinations,
+                           std::chrono::seconds history)
+    : health_(health),
+      table_(table),
+      services_(services),
+      destinations_(std::move(destinations)),
+      history_(history),
+      drops_(health) {}
 
 void StatusReport::SetSettings(const Texts& settings) {
   Texts next = settings;
@@ -67,8 +85,7 @@ void StatusReport::Append(std::string* out) {
   json.Open('{');
   AppendAgent(&json);
   AppendServices(&json);
-  json.Key("destinations").Open('[');
-  json.Close(']');
+  AppendDestinations(&json);
   AppendDrops(&json);
   json.Key("top_metrics").Open('[');
   for (const MetricList::Row& row : TopMetrics(table_, kTopMetrics)) AppendMetric(row, &json);
@@ -76,7 +93,7 @@ void StatusReport::Append(std::string* out) {
   AppendKept(&json);
   AppendRules(&json);
   AppendNumbers(&json);
-  json.Key("history_s").Unsigned(0);
+  json.Key("history_s").Integer(history_.count());
   AppendLimits(&json);
   json.Close('}');
 }
@@ -130,12 +147,41 @@ void StatusReport::AppendServices(JsonWriter* json) const {
   json->Close(']');
 }
 
+void StatusReport::AppendDestinations(JsonWriter* json) const {
+  json->Key("destinations").Open('[');
+  for (const DestinationStatus& status : destinations_()) {
+    json->Open('{');
+    json->Key("name").Text(status.name);
+    json->Key("type").Text(status.type);
+    json->Key("url").Text(status.url);
+    json->Key("up").Bool(status.up);
+    json->Key("since_ms").Integer(status.since_ms);
+    json->Key("queue_points").Unsigned(status.queue_points);
+    json->Key("queue_bytes").Unsigned(status.queue_bytes);
+    json->Key("queue_limit_points").Unsigned(status.queue_limit_points);
+    json->Key("spool_points").Unsigned(status.spool_points);
+    json->Key("spool_bytes").Unsigned(status.spool_bytes);
+    json->Key("forwarded_points").Unsigned(status.forwarded_points);
+    json->Key("retried_points").Unsigned(status.retried_points);
+    json->Key("dropped").Open('{');
+    for (size_t reason = 0; reason < kForwardDrops; ++reason) {
+      json->Key(kForwardDropReasons[reason]).Unsigned(status.dropped[reason]);
+    }
+    json->Close('}');
+    json->Key("last_refusal");
+    AppendRefusal(status.last_refusal, json);
+    json->Close('}');
+  }
+  json->Close(']');
+}
+
 void StatusReport::AppendDrops(JsonWriter* json) const {
   json->Key("drops").Open('[');
   for (const DropWatch::Drop& drop : drops_.All()) {
     json->Open('{');
     json->Key("number").Text(drop.sample.name);
     json->Key("reason").Text(drop.sample.label_value);
+    if (!drop.sample.owner.empty()) json->Key(drop.sample.owner).Text(drop.sample.owner_value);
     json->Key("count").Unsigned(drop.sample.value);
     json->Key("last_ms").Integer(drop.last_ms);
     json->Key("help").Text(drop.help);

@@ -1,11 +1,15 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "agent/connected_services.h"
+#include "agent/destination_status.h"
 #include "agent/drop_watch.h"
 #include "agent/health.h"
 #include "agent/json_writer.h"
@@ -25,7 +29,10 @@ class StatusReport {
   static constexpr size_t kMaxCollisions = 100;
   static constexpr size_t kMaxTextBytes = 1000;
 
-  StatusReport(const Health* health, SeriesTable* table, const ConnectedServices* services);
+  using Destinations = std::function<std::vector<DestinationStatus>()>;  // from any thread
+
+  StatusReport(const Health* health, SeriesTable* table, const ConnectedServices* services,
+               Destinations destinations, std::chrono::seconds history);
 
   // The settings in force. None of them may be a secret.
   void SetSettings(const Texts& settings);
@@ -47,6 +54,7 @@ class StatusReport {
   void AppendAgent(JsonWriter* json) const;
   void AppendRules(JsonWriter* json) const;
   void AppendServices(JsonWriter* json) const;
+  void AppendDestinations(JsonWriter* json) const;
   void AppendDrops(JsonWriter* json) const;
   void AppendNumbers(JsonWriter* json) const;
   void AppendKept(JsonWriter* json) const;
@@ -54,6 +62,8 @@ class StatusReport {
   const Health* const health_;
   SeriesTable* const table_;
   const ConnectedServices* const services_;
+  const Destinations destinations_;
+  const std::chrono::seconds history_;
   const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
   DropWatch drops_;
   mutable METRICS::Mutex mutex_;
