@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "agent/api_query.h"
 #include "agent/shown_settings.h"
 
 namespace tidegate::agent {
@@ -148,7 +149,7 @@ TEST_F(PageApiTest, FindsAndOrdersWhateverTheNamesHold) {
   EXPECT_EQ(Get("/api/series", {{"metric", "shop"}})["total"], 0);
   EXPECT_EQ(Get("/api/status")["top_metrics"][0]["name"], "shop.B.rate");
   // Without a history there is the newest point.
-  EXPECT_EQ(Points(IdOf("shop.a"), kTime * 1000).dump(), "[[1700000000000,1.0,2.0]]");
+  EXPECT_EQ(Points(IdOf("shop.a"), kTime * 1000).dump(), "[[1700000000000,1,2]]");
   EXPECT_EQ(Points(IdOf("shop.a"), kTime * 1000 + 1).dump(), "[]");
 }
 
@@ -163,17 +164,17 @@ TEST_F(PageApiTest, KeepsPointsForTheirTimeAndTheNewestOfAll) {
     Handle(PacketOf(7, "r", {}, {1.0 * i, 2.0 * i}, kTime - 200 + 50 * i, {"x", "y"}));
   }
   const std::string id = IdOf("c");
-  EXPECT_EQ(Points(id, (kTime - 1) * 1000).dump(), "[[1699999999000,3.0],[1700000000000,4.0]]");
+  EXPECT_EQ(Points(id, (kTime - 1) * 1000).dump(), "[[1699999999000,3],[1700000000000,4]]");
   Handle(PacketOf(3, "c", {}, {7}));
   Handle(PacketOf(3, "c", {}, {0}, kTime - 9));  // too late
-  EXPECT_EQ(Points(id, (kTime - 2) * 1000 + 1).dump(), "[[1699999999000,3.0],[1700000000000,7.0]]");
+  EXPECT_EQ(Points(id, (kTime - 2) * 1000 + 1).dump(), "[[1699999999000,3],[1700000000000,7]]");
   EXPECT_EQ(Points(IdOf("r"), 0).dump(),
-            "[[1699999900000,2.0,4.0],[1699999950000,3.0,6.0],[1700000000000,4.0,8.0]]");
+            "[[1699999900000,2,4],[1699999950000,3,6],[1700000000000,4,8]]");
   // With other columns a row starts again, and a column may be silent.
   Packet other = PacketOf(7, "r", {}, {5}, kTime + 1, {"x", "z"});
   other.blocks[0].series[0].indexes = {1};
   Handle(other);
-  EXPECT_EQ(Points(IdOf("r"), 0).dump(), "[[1700000001000,null,5.0]]");
+  EXPECT_EQ(Points(IdOf("r"), 0).dump(), "[[1700000001000,null,5]]");
 
   // 2 words for each point; a sixty-fourth goes at a time.
   constexpr size_t kRoom = PointHistory::kMinBytes / 16;
@@ -182,7 +183,7 @@ TEST_F(PageApiTest, KeepsPointsForTheirTimeAndTheNewestOfAll) {
   EXPECT_EQ(health_.history_points + health_.history_dropped_points, before + 2 * kRoom);
   EXPECT_GE(health_.history_points, kRoom - kRoom / 64 - 1);
   EXPECT_LE(health_.history_bytes, PointHistory::kMinBytes);
-  EXPECT_EQ(Points(id, 0).dump(), "[[1700000000000,7.0]]");  // what the table has
+  EXPECT_EQ(Points(id, 0).dump(), "[[1700000000000,7]]");  // what the table has
 
   const auto dropped = static_cast<uint64_t>(health_.history_dropped_points);
   now_ += seconds(101);
@@ -213,22 +214,21 @@ TEST_F(PageApiTest, TellsTheStateWithoutSecrets) {
   const HttpAnswer answer = Ask("/api/status", {});
   EXPECT_THAT(answer.text, Not(HasSubstr("abc")));
   const Json status = Json::parse(answer.text);
-  EXPECT_EQ(status["settings"].dump(),
-            R"({"forward":"http://db:1/w","header":"(set)","ttl":"60"
-})");
+  EXPECT_EQ(status["settings"],
+            Json({{"forward", "http://db:1/w"}, {"header", "(set)"}, {"ttl", "60"}}));
   ASSERT_EQ(status["services"].size(), 1u);
-Json service = status["services"][0];
-EXPECT_GT(service["last_packet_ms"], 0);
-service.erase("last_packet_ms");
-EXPECT_EQ(service.dump(),
-          R"({"account_id":"","interval_s":10,"name":"shop","pid":77,"points_per_s":0.3,)"
-          R"("project_id":"p\\xff","slot":3,"tenant":"t1"})");
-ASSERT_EQ(status["drops"].size(), 2u);
-EXPECT_EQ(status["drops"][0]["number"], "tidegate_agent_refused_points_total");
-EXPECT_EQ(status["drops"][0]["reason"], "collision");
-EXPECT_GT(status["drops"][0]["last_ms"], 0);
-EXPECT_EQ(status["drops"][0]["href"], "docs/agent.md#names-and-labels");
-EXPECT_THAT(std::string(status["collisions"][0]["text"]), HasSubstr("shop.web_requests.rate"));
+  Json service = status["services"][0];
+  EXPECT_GT(service["last_packet_ms"], 0);
+  service.erase("last_packet_ms");
+  EXPECT_EQ(service.dump(),
+            R"({"account_id":"","interval_s":10,"name":"shop","pid":77,"points_per_s":0.3,)"
+            R"("project_id":"p\\xff","slot":3,"tenant":"t1"})");
+  ASSERT_EQ(status["drops"].size(), 2u);
+  EXPECT_EQ(status["drops"][0]["number"], "tidegate_agent_refused_points_total");
+  EXPECT_EQ(status["drops"][0]["reason"], "collision");
+  EXPECT_GT(status["drops"][0]["last_ms"], 0);
+  EXPECT_EQ(status["drops"][0]["href"], "docs/agent.md#names-and-labels");
+  EXPECT_THAT(std::string(status["collisions"][0]["text"]), HasSubstr("shop.web_requests.rate"));
 }
 
 }  // namespace
