@@ -45,7 +45,8 @@ class PageApiTest : public testing::Test {
         [this] {
           return SeriesTable::Time{now_, kTime};
         });
-    status_ = std::make_unique<StatusReport>(&health_, table_.get(), &services_, options.history);
+    status_ = std::make_unique<StatusReport>(&health_, table_.get(), &services_,
+                                             [this] { return destinations_; }, options.history);
   }
   HttpAnswer Ask(const std::string& path, std::vector<std::pair<std::string, std::string>> query) {
     HttpAnswer answer;
@@ -70,6 +71,7 @@ class PageApiTest : public testing::Test {
   std::chrono::steady_clock::time_point now_ = std::chrono::steady_clock::now();
   Health health_;
   ConnectedServices services_{[](const ProcessId&) { return true; }};
+  std::vector<DestinationStatus> destinations_;
   std::unique_ptr<SeriesTable> table_;
   std::unique_ptr<StatusReport> status_;
 };
@@ -211,6 +213,9 @@ TEST_F(PageApiTest, TellsTheStateWithoutSecrets) {
   packet.blocks[0].name = "shop.web_requests.rate";
   Handle(packet);
   status_->Look();
+  destinations_.resize(2);
+  destinations_[0].dropped[static_cast<size_t>(ForwardDrop::kLate)] = 3;
+  destinations_[0].last_refusal = DestinationStatus::Refusal{"no\"\xff", 400, 5};
   const HttpAnswer answer = Ask("/api/status", {});
   EXPECT_THAT(answer.text, Not(HasSubstr("abc")));
   const Json status = Json::parse(answer.text);
@@ -223,6 +228,9 @@ TEST_F(PageApiTest, TellsTheStateWithoutSecrets) {
   EXPECT_EQ(service.dump(),
             R"({"account_id":"","interval_s":10,"name":"shop","pid":77,"points_per_s":0.3,)"
             R"("project_id":"p\\xff","slot":3,"tenant":"t1"})");
+  EXPECT_EQ(status["destinations"][0]["dropped"]["late"], 3);
+  EXPECT_EQ(status["destinations"][0]["last_refusal"]["text"], "no\"\\xff");
+  EXPECT_TRUE(status["destinations"][1]["last_refusal"].is_null());
   ASSERT_EQ(status["drops"].size(), 2u);
   EXPECT_EQ(status["drops"][0]["number"], "tidegate_agent_refused_points_total");
   EXPECT_EQ(status["drops"][0]["reason"], "collision");

@@ -75,8 +75,9 @@ Agent::Agent(const Options& options, Reader read)
       table_(ShownTableOptions(options), &health_,
              [this](const std::string& collision) { ReportCollision(collision); }),
       destinations_(options.destinations, TableOptions(options), &health_, &log_),
-      status_(&health_, &table_, &services_, [this] { return destinations_.Statuses(); },
-              options.history),
+      status_(
+          &health_, &table_, &services_, [this] { return destinations_.Statuses(); },
+          options.history),
       teller_([this](std::string* text) { status_.Append(text); }, &health_),
       api_(&table_, &status_),
       decoder_{// in this order

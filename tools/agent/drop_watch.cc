@@ -86,7 +86,11 @@ const Row* FindRow(std::string_view name, std::string_view reason) {
 }
 
 std::string KeyOf(const Health::Sample& sample) {
-  return std::string(sample.name).append(" ").append(sample.owner_value).append(" ").append(sample.label_value);
+  return std::string(sample.name)
+      .append(" ")
+      .append(sample.owner_value)
+      .append(" ")
+      .append(sample.label_value);
 }
 
 }  // namespace
