@@ -90,7 +90,9 @@ void AddFile(CLI::App* app, const std::string& name, std::string* path, const ch
 void ParseSetting(const SettingsSection& section, const std::string& key, CLI::App* app) {
   std::vector<std::string> arguments;
   for (const std::string& value : section.Texts(key)) {
-    arguments.insert(arguments.begin(), "--" + key + '=' + value);  // the parser takes the last
+    std::string argument = "--" + key;
+    argument.append("=").append(value);
+    arguments.insert(arguments.begin(), std::move(argument));  // the parser takes the last one
   }
   try {
     app->parse(std::move(arguments));

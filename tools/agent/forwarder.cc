@@ -29,12 +29,6 @@ ForwardOptions WithMagic(ForwardOptions options, std::string_view magic) {
   return options;
 }
 
-int64_t NowMillis() {
-  return std::chrono::duration_cast<milliseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
-
 int64_t NowNanos() {
   return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
 }
@@ -54,12 +48,11 @@ Forwarder::Forwarder(const ForwardOptions& options, std::unique_ptr<const PointF
                                ? std::function<bool()>()
                                : [this] { return !spool_.empty() || has_spooled_parts_; }),
       poster_(MakePoster(options_.target)),
+      state_(options_.target.url.shown),
       writer_(format_->MakeWriter()),
       output_(&queue_, numbers, health),
       target_(options_.target),
       random_(std::random_device()()) {
-  state_.url = target_.url.shown;
-  state_.since_ms = NowMillis();
   if (!options_.spool.folder.empty()) {
     feeder_.emplace(&queue_, &spool_, format_.get(), numbers_, health_, [this] { PublishSize(); });
   }
@@ -112,8 +105,7 @@ void Forwarder::TakeTarget() {
     poster_ = MakePoster(*next_target_);
     target_ = *std::move(next_target_);
     next_target_.reset();
-    const WriteGuard state_lock(state_mutex_);
-    state_.url = target_.url.shown;
+    state_.SetUrl(target_.url.shown);
     failures_ = 0;
     denied_since_.reset();
     next_outage_line_ = next_refusal_line_ = {};
@@ -275,13 +267,15 @@ bool Forwarder::Deliver(Delivery* delivery) {
     if (IsWorthRetrying(verdict.kind)) {
       for (const Batch& part : parts) numbers_->retried_points += part.points;
       retry_at_ = Clock::now() + NextPause(reply.wait);
-      failure_ = TextOf(reply);
-      NoteOutcome(false);
-      NoteRefusal(failure_, reply.status);
+      state_.NoteOutcome(false);
+      Survives(health_, [&] {
+        failure_ = TextOf(reply);
+        state_.NoteRefusal(failure_, reply.status);
+      });
       return false;
     }
     failures_ = 0;
-    NoteOutcome(true);
+    state_.NoteOutcome(true);
     if (verdict.kind == Verdict::Kind::kRefused && verdict.divisible && Split(delivery)) continue;
     queue_.Sent(parts.front().points);
     Settle(&parts, verdict, reply);
@@ -310,52 +304,37 @@ bool Forwarder::Split(Delivery* delivery) {
   return true;
 }
 
-// Counts the first part as the verdict says, and takes it out.
+// Counts the first part as the verdict says, and takes it out. All counts come before all texts,
+// which may lack memory.
 void Forwarder::Settle(Batches* parts, const Verdict& verdict, const HttpReply& reply) {
   Batches done;
   done.splice(done.begin(), *parts, parts->begin());
   const uint64_t points = done.front().points;
   const bool taken = verdict.kind == Verdict::Kind::kTaken;
+  const bool refused = !taken || verdict.dropped > 0;
   const uint64_t dropped = taken ? std::min(verdict.dropped, points) : points;
-  if (!taken || verdict.dropped > 0) {
+  const bool delivered = !refused || dropped < points;
+  numbers_->Dropped(ForwardDrop::kRejected) += dropped;
+  refused_points_ += dropped;
+  numbers_->forwarded_points += points - dropped;
+  if (delivered) ++numbers_->batches;
+  if (refused) {
     std::string words = verdict.words.empty() ? TextOf(reply) : verdict.words;
     const std::string series = format_->Describe(done.front().body);
     if (!series.empty()) words += " (for " + series + ")";
-    NoteRefusal(words, reply.status);
-    Reject(dropped, words);
-    if (dropped == points) return;
+    state_.NoteRefusal(words, reply.status);
+    ReportRefusal(words);
   }
-  numbers_->forwarded_points += points - dropped;
-  ++numbers_->batches;
-  if (std::exchange(outage_reported_, false)) {
+  if (delivered && std::exchange(outage_reported_, false)) {
     report_("forwards to " + target_.url.shown + " again");
   }
-}
-
-void Forwarder::NoteOutcome(bool up) {
-  const WriteGuard lock(state_mutex_);
-  if (std::exchange(state_.up, up) != up) state_.since_ms = NowMillis();
-}
-
-void Forwarder::NoteRefusal(const std::string& text, int status) {
-  Survives(health_, [&] {
-    DestinationStatus::Refusal refusal = {text, status, NowMillis()};
-    const WriteGuard lock(state_mutex_);
-    state_.last_refusal = std::move(refusal);
-  });
 }
 
 DestinationStatus Forwarder::Status() const {
   DestinationStatus status;
   status.name = options_.name;
   status.type = FactsOf(options_.kind).name;
-  {
-    const WriteGuard lock(state_mutex_);
-    status.url = state_.url;
-    status.up = state_.up;
-    status.since_ms = state_.since_ms;
-    status.last_refusal = state_.last_refusal;
-  }
+  state_.CopyTo(&status);
   status.queue_points = numbers_->queue_points + numbers_->held_points;
   status.queue_bytes = numbers_->queue_bytes + numbers_->held_bytes;
   status.queue_limit_points = queue_.limits().queue_points;
@@ -394,9 +373,7 @@ void Forwarder::ReportOutage() {
           std::to_string(numbers_->Dropped(ForwardDrop::kFull)) + " dropped as the queue was full");
 }
 
-void Forwarder::Reject(uint64_t points, const std::string& words) {
-  numbers_->Dropped(ForwardDrop::kRejected) += points;
-  refused_points_ += points;
+void Forwarder::ReportRefusal(const std::string& words) {
   if (!IsDue(&next_refusal_line_)) return;
   report_("dropped " + std::to_string(std::exchange(refused_points_, 0)) + " points that " +
           target_.url.shown + " refused, " + words);

@@ -12,6 +12,7 @@
 
 #include "agent/batch_queue.h"
 #include "agent/destination_numbers.h"
+#include "agent/destination_state.h"
 #include "agent/destination_status.h"
 #include "agent/forward_options.h"
 #include "agent/health.h"
@@ -76,14 +77,6 @@ class Forwarder : public PacketSink {
  private:
   using Clock = BatchQueue::Clock;
 
-  // The part of the status that no number has.
-  struct State {
-    std::string url;
-    bool up = true;
-    int64_t since_ms = 0;
-    std::optional<DestinationStatus::Refusal> last_refusal;
-  };
-
   // A batch on its way.
   struct Delivery {
     Batches parts;  // in order; all of it at first
@@ -109,11 +102,9 @@ class Forwarder : public PacketSink {
   HttpReply Post(const Batch& batch);
   void Settle(Batches* parts, const Verdict& verdict, const HttpReply& reply);
   void KeepSpooledParts();
-  void NoteOutcome(bool up);
-  void NoteRefusal(const std::string& text, int status);
   void ReportOutage();
   bool IsWorthRetrying(Verdict::Kind kind);
-  void Reject(uint64_t points, const std::string& words);
+  void ReportRefusal(const std::string& words);
   bool IsDue(Clock::time_point* next_line) const;
   std::chrono::milliseconds NextPause(std::chrono::milliseconds wanted);
   std::chrono::milliseconds Timeout() const;
@@ -137,8 +128,7 @@ class Forwarder : public PacketSink {
   // Changed by the thread with target_mutex_ held; the thread alone uses it without.
   std::unique_ptr<HttpPoster> poster_;
 
-  mutable METRICS::Mutex state_mutex_;
-  State state_ METRICS_GUARDED_BY(state_mutex_);
+  DestinationState state_;
 
   std::thread thread_;
   std::promise<void> end_;

@@ -30,8 +30,8 @@ struct SettingsSection {
   size_t line = 0;  // of its head
   std::vector<Setting> settings;
 
-  // Throws SettingsError that says `why` `line` of the file makes no sense.
-  [[noreturn]] void Refuse(size_t line, const std::string& why) const;
+  // Throws SettingsError that says why the line `at` of the file makes no sense.
+  [[noreturn]] void Refuse(size_t at, const std::string& why) const;
 
   // Throws SettingsError with the nearest of `keys` for a setting that is none of them.
   void CheckKeys(const std::vector<std::string>& keys) const;
