@@ -1,9 +1,19 @@
 #!/usr/bin/env bash
-# Shows the library at work: the agent prints the points of a small service for DEMO_SECONDS (10).
+# Shows the library at work: the agent prints the points of a small service for DEMO_SECONDS (10), and shows them on
+# a page. With --watch it prints nothing and goes on until Ctrl-C, for the page alone.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 DEMO_SECONDS=${DEMO_SECONDS:-10}
+agent_flags=(--http 127.0.0.1:0 --history 3600 --print text)
+watch=
+if [[ ${1:-} == --watch ]]; then
+  shift
+  watch=yes
+  DEMO_SECONDS=$((365 * 24 * 3600))
+  agent_flags=(--http 127.0.0.1:0 --history 3600)
+fi
+(($# == 0)) || die "usage: demo.sh [--watch]"
 
 tmp=$(mktemp -d /tmp/tidegate-demo.XXXXXX)
 agent_pid=
@@ -18,11 +28,11 @@ trap cleanup EXIT
 # Sets agent_pid once the agent listens.
 start_agent() {
   local try
-  "$ROOT/build/release/tools/agent/tidegate-agent" --socket "$tmp/agent.sock" --print text \
-    2>"$tmp/agent.err" </dev/null &
+  "$ROOT/build/release/tools/agent/tidegate-agent" --socket "$tmp/agent.sock" \
+    "${agent_flags[@]}" 2>"$tmp/agent.err" </dev/null &
   agent_pid=$!
   for ((try = 0; try < 50; ++try)); do
-    [[ ! -S $tmp/agent.sock ]] || return 0
+    ! grep -q 'listening on' "$tmp/agent.err" || return 0
     kill -0 "$agent_pid" 2>/dev/null || break
     sleep 0.1
   done
@@ -41,8 +51,12 @@ stop_agent() {
 need_packages "${BUILD_PACKAGES[@]}"
 build release tidegate-agent demo_service
 
-step "starting the agent on $tmp/agent.sock and the service for $DEMO_SECONDS s"
+step "starting the agent on $tmp/agent.sock and the service${watch:+, until Ctrl-C}"
 start_agent
+step "the page is at $(sed -n 's#^tidegate-agent: serving \(.*\)metrics$#\1#p' "$tmp/agent.err")"
+if [[ -n $watch ]]; then
+  trap 'exit 0' INT TERM
+fi
 service_status=0
 "$ROOT/build/release/examples/demo_service" "$tmp/agent.sock" --seconds "$DEMO_SECONDS" \
   </dev/null || service_status=$?

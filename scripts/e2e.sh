@@ -10,3 +10,4 @@ folder=$(dirname "${BASH_SOURCE[0]}")/e2e
 "$folder/dashboards.sh"
 "$folder/fleet.sh" --short
 "$folder/otlp.sh"
+"$folder/page.sh"

@@ -19,9 +19,10 @@ def texts(values):
     return struct.pack("<I", len(values)) + b"".join(map(text, values))
 
 
-def packet(name, seconds, value):
+def packet(name, seconds, value, tags=None):
+    pairs = [part for pair in (tags or {}).items() for part in pair]
     rest = struct.pack("<BIq", 3, 0, seconds) + text(name) + struct.pack("<I", 0)
-    rest += struct.pack("<I", 0) + texts([]) + struct.pack("<IIId", 0, 1, 8, value)
+    rest += struct.pack("<I", 0) + texts(pairs) + struct.pack("<IIId", 0, 1, 8, value)
     body = struct.pack("<II", 8 + len(rest), 1) + rest
     front = text("odd") + texts(["account_id", "", "project_id", ""]) + text("1.0.4")
     head = b"2scirtem" + struct.pack("<BIIBIqqIII", 4, 50 + len(front), len(body), 0, 0,
@@ -42,4 +43,5 @@ def main():
                 time.sleep(float(name))
 
 
-main()
+if __name__ == "__main__":
+    main()
