@@ -164,13 +164,14 @@ void AppendSeries(SeriesTable* table, const ApiQuery& query, std::string* out) {
     json.Key("series").Open('[');
     Reading::Values values;
     for (size_t i = begin; i < end; ++i) {
-      const auto& [metric, series] = found[i];
-      reading->Read(*series, &values);
+      const SeriesMetric& metric = *found[i].metric;
+      const KeyedSeries& series = *found[i].series;
+      reading->Read(series, &values);
       const auto age = std::chrono::duration_cast<std::chrono::milliseconds>(
           std::chrono::steady_clock::now() - values.news);
       if (!json.Item(kMaxAnswerBytes, [&] {
             json.Open('{');
-            AppendHead(*metric, *series, values, &json);
+            AppendHead(metric, series, values, &json);
             json.Key("values").Open('[');
             for (const Cell& cell : values.cells) json.Number(ValueOf(cell));
             json.Close(']');
@@ -197,14 +198,16 @@ void AppendPoints(SeriesTable* table, const ApiQuery& query, std::string* out) {
     json.Key("now_ms").Integer(NowMilliseconds());
     json.Key("series").Open('[');
     Reading::Values values;
-    for (const auto& [metric, series] : FindIds(reading, query.ids)) {
-      if (series == nullptr) continue;
-      reading->Read(*series, &values);
+    for (const Found& found : FindIds(reading, query.ids)) {
+      if (found.series == nullptr) continue;
+      const SeriesMetric& metric = *found.metric;
+      const KeyedSeries& series = *found.series;
+      reading->Read(series, &values);
       const size_t most = kMaxValues / query.ids.size() / (values.cells.size() + 1) + 1;
-      if (!json.Item(kMaxAnswerBytes, [&, &metric = metric, &series = series] {
+      if (!json.Item(kMaxAnswerBytes, [&] {
             json.Open('{');
-            AppendHead(*metric, *series, values, &json);
-            AppendHistory(reading, *series, values, since, most, &json);
+            AppendHead(metric, series, values, &json);
+            AppendHistory(reading, series, values, since, most, &json);
             json.Close('}');
           })) {
         break;
