@@ -12,6 +12,7 @@ import {itemOf, timersOf} from './selection.js';
 
 const RANGES = [[60, '1 min'], [300, '5 min'], [900, '15 min'], [3600, '1 h']];
 const AT_ONCE = 8;  // series that are plotted when a metric is opened
+const BANDS_AT_ONCE = 2;  // of timers: more of them hide each other
 const LISTED = 50;
 const COLORS = 8;
 
@@ -83,7 +84,7 @@ export class Explorer {
     byId('narrow').value = '';
     const listed = await this.list();
     if (listed === null) return;
-    const items = listed.slice(0, AT_ONCE);
+    const items = listed.slice(0, metric.kind === 'timer' ? BANDS_AT_ONCE : AT_ONCE);
     if (added) {
       this.selection.add(items);
     } else {

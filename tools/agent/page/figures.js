@@ -4,6 +4,7 @@ import {byId, el, setText} from './dom.js';
 import {count, number} from './format.js';
 
 const MOST_VALUES = 150;
+const FEWEST_VALUES = 20;  // that take the whole width
 const WIDTH = 110;
 const HEIGHT = 22;
 
@@ -40,9 +41,10 @@ function draw(canvas, values) {
   context.strokeStyle = getComputedStyle(canvas).color;
   context.lineWidth = 1.25;
   const most = Math.max(...values, 1e-9);
+  const step = WIDTH / (Math.max(values.length, FEWEST_VALUES) - 1);
   context.beginPath();
   values.forEach((value, i) => {
-    context.lineTo(WIDTH - (values.length - 1 - i) * WIDTH / (MOST_VALUES - 1), HEIGHT - 2 - (HEIGHT - 4) * value / most);
+    context.lineTo(WIDTH - (values.length - 1 - i) * step, HEIGHT - 2 - (HEIGHT - 4) * value / most);
   });
   context.stroke();
 }

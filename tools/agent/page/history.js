@@ -3,14 +3,17 @@
 export const REACH_MS = 3600e3;
 const MOST_POINTS = 4000;  // of one series
 const ASK_AGAIN_MS = 10000;  // points can come late
+const LONGEST_INTERVAL_MS = 60e3;  // of a service; the point of an interval comes after its end
 
 export class History {
   constructor() {
-    this.series = new Map();  // id -> {name, kind, labels, columns, points, since}
+    this.series = new Map();  // id -> {name, kind, labels, columns, points}
+    this.answered = 0;  // when the agent did so last, by its clock
   }
 
   // Takes an answer of /api/points.
   take(answer) {
+    this.answered = answer.now_ms;
     for (const {id, name, kind, labels, columns, points} of answer.series) {
       const before = this.series.get(id);
       const same = before && before.columns.join() === columns.join();
@@ -30,10 +33,12 @@ export class History {
     return this.series.get(id);
   }
 
-  // From when on /api/points is to be asked: a series that is new needs all that the agent has.
+  // From when on /api/points is to be asked: a series that is new needs all that the agent has. One
+  // that is silent or gone does not make it send again what the others had since.
   since(ids, now) {
-    const ends = ids.map((id) => this.series.get(id)?.points.at(-1)?.[0] ?? now - REACH_MS);
-    return Math.max(0, Math.min(now, ...ends) - ASK_AGAIN_MS);
+    if (!ids.every((id) => this.series.has(id))) return Math.max(0, now - REACH_MS);
+    const ends = ids.map((id) => this.series.get(id).points.at(-1)?.[0] ?? now);
+    return Math.max(Math.min(now, ...ends), this.answered - 2 * LONGEST_INTERVAL_MS) - ASK_AGAIN_MS;
   }
 }
 

@@ -17,6 +17,14 @@ function valueAt(points, time) {
   return at.at(-1)?.[1] ?? null;
 }
 
+// Those that all rows have.
+function sharedLabels(rows) {
+  if (rows.length < 2) return {};
+  const [first, ...others] = rows.map(({item}) => item.labels);
+  return Object.fromEntries(Object.entries(first).filter(([key, value]) =>
+    others.every((other) => other[key] === value)));
+}
+
 export class Legend {
   // `remove` and `toggle` get a row.
   constructor(parent, remove, toggle) {
@@ -27,15 +35,18 @@ export class Legend {
     this.body = el('tbody');
     this.table = el('table', {className: 'legend'}, el('caption', {className: 'unseen', text: 'Series plotted'}),
                     el('thead', {}, el('tr', {}, ...heads)), this.body);
-    parent.append(this.table);
+    this.shared = el('p', {className: 'muted labels'});
+    parent.append(this.table, this.shared);
   }
 
-  // Rows are {key, item, column, color, points, grows, at, time, isMap}.
+  // Labels that all of them have are said once, below. Rows are {key, item, column, color, points, grows, at, time, isMap}.
   show(rows, cursor, now) {
     this.table.hidden = rows.length === 0;
+    const shared = sharedLabels(rows);
+    setText(this.shared, Object.keys(shared).length > 0 ? `All have ${labels(shared)}` : '');
     reconcile(this.body, rows, ({key}) => key, () => this.makeRow(), (line, row) => {
       line.row = row;
-      this.update(line, row, cursor, now);
+      this.update(line, row, Object.keys(shared), cursor, now);
     });
   }
 
@@ -53,14 +64,14 @@ export class Legend {
     return line;
   }
 
-  update(line, row, cursor, now) {
+  update(line, row, shared, cursor, now) {
     const {item, column, color, points, grows, at, time, isMap} = row;
     const [name, value, least, greatest, age, actions] = line.cells;
     const [swatch, what, of] = name.children;
     const title = visible(item.name) + (column ? ` ${visible(column)}` : '');
     swatch.style.backgroundColor = color;
     setText(what, title + (grows ? ', per second' : ''));
-    setText(of, labels(item.labels));
+    setText(of, labels(item.labels, shared));
     const values = points.map((point) => point[1]).filter((one) => Number.isFinite(middle(one)));
     const [low, high] = [0, 2].map((end) => values.map((one) => (Array.isArray(one) ? one[end] : one)));
     setText(value, isMap ? number(values.at(-1)) : valueText(valueAt(points, cursor)));

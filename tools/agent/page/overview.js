@@ -4,9 +4,9 @@ import {announce, byId, el, reconcile, setText, Table} from './dom.js';
 import {bytes, clock, count, duration, labels, number, visible} from './format.js';
 
 function stateOf({up, since_ms: since}, now) {
-  const time = since ? ` for ${duration(now - since)}` : '';
-  return up ? {text: `up${time}`, className: 'good', title: since ? clock(since) : ''}
-            : {text: since ? `away since ${clock(since)}${time}` : 'away', className: 'bad'};
+  const time = since ? duration(now - since) : '';
+  return up ? {text: since ? `up for ${time}` : 'up', className: 'good', title: since ? clock(since) : ''}
+            : {text: since ? `away since ${clock(since)}, ${time}` : 'away', className: 'bad'};
 }
 
 const sum = (values) => Object.values(values ?? {}).reduce((all, value) => all + value, 0);

@@ -9,6 +9,7 @@ Dygraph.PLUGINS = Dygraph.PLUGINS.filter((plugin) =>
   [Dygraph.Plugins.Axes, Dygraph.Plugins.Grid].includes(plugin));
 
 const HEIGHT = 260;
+const FEW_BANDS = 2;  // more of them are paler
 export const GUTTER = 58;  // for the labels at the left
 
 const asBand = (value) => (value === null ? null : Array.isArray(value) ? value : [value, value, value]);
@@ -80,7 +81,7 @@ export class Plot {
       height: HEIGHT,
       width: this.node.clientWidth,
       connectSeparatedPoints: true,
-      fillAlpha: 0.2,
+      fillAlpha: lines.filter(({band}) => band).length > FEW_BANDS ? 0.07 : 0.2,
       strokeWidth: 1.5,
       highlightCircleSize: 3,
       yRangePad: 4,
