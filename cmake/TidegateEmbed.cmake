@@ -1,11 +1,12 @@
 # Writes the C++ file of agent/page_files.h:
 #   cmake -D OUTPUT=page_files.cc -D "FILES=/a/index.html;/b/main.js" -P TidegateEmbed.cmake
-# index.html is served at /, the others below /assets/ by their names.
+# index.html is served at /, documents below /docs/, the others below /assets/, by their names.
 
 set(type_html "text/html; charset=utf-8")
 set(type_css "text/css; charset=utf-8")
 set(type_js "text/javascript; charset=utf-8")
 set(type_svg "image/svg+xml")
+set(type_md "text/plain; charset=utf-8")
 
 set(arrays)
 set(rows)
@@ -17,6 +18,8 @@ foreach(file IN LISTS FILES)
   set(path /assets/${name})
   if(name STREQUAL "index.html")
     set(path /)
+  elseif(extension STREQUAL "md")
+    set(path /docs/${name})
   endif()
 
   file(READ ${file} content)

@@ -38,14 +38,17 @@ class Database:
 
         def do_POST(self):
             self.rfile.read(int(self.headers["Content-Length"]))
-            self.send_response(204)
+            self.send_response(400 if self.server.refuses else 204)
             self.end_headers()
+            if self.server.refuses:
+                self.wfile.write(HOSTILE[0].encode())
 
         def log_message(self, *_):
             pass
 
     def __init__(self, port):
         self.server = http.server.ThreadingHTTPServer(("127.0.0.1", port), self.Handler)
+        self.server.refuses = False
         threading.Thread(target=self.server.serve_forever, daemon=True).start()
 
     def close(self):
@@ -131,7 +134,14 @@ def use(browser):
     expect("the address of the page holds the plot", "plot=" in browser.js("location.search"))
 
 
-def try_hostile(browser):
+def try_hostile(browser, database):
+    database.server.refuses = True
+    browser.wait("a loss in red", "document.querySelector('#dropped tr.is-bad')?.innerText.includes('rejected')")
+    browser.wait("the words of a refusal", "document.getElementById('destinations').innerText.includes('onerror')")
+    database.server.refuses = False
+    link = browser.js("document.querySelector('#dropped a').href")
+    expect("a loss is shown, with a document that explains it",
+           browser.js(f"fetch({json.dumps(link)}).then((answer) => answer.text())").startswith("# Forwarding"))
     for name in HOSTILE:
         find(browser, name[:200].strip("\u202e\u200b"), picked=False)
     find(browser, "onerror")
@@ -176,7 +186,7 @@ def main():
             time.sleep(60)
         try_windows(browser, pathlib.Path(images[0]) if images else None)
         hostile.start()
-        try_hostile(browser)
+        try_hostile(browser, database)
         database.close()
         try_outage(browser, int(port))
         found = complaints(browser)

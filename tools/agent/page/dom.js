@@ -46,9 +46,9 @@ export function reconcile(parent, items, keyOf, make, update) {
   for (const child of old.values()) child.remove();
 }
 
-// Only addresses that stay here, or are plain web addresses.
+// Only documents that the agent has.
 function safeLink(href) {
-  return typeof href === 'string' && /^(#|\/(?!\/)|https?:\/\/)/.test(href) ? href : null;
+  return typeof href === 'string' && /^docs\/[a-z_]+\.md/.test(href) ? href : null;
 }
 
 function updateCell(cell, value) {
