@@ -16,11 +16,13 @@ fi
 (($# == 0)) || die "usage: demo.sh [--watch]"
 
 tmp=$(mktemp -d /tmp/tidegate-demo.XXXXXX)
-agent_pid=
+agent_pid= service_pid=
 cleanup() {
-  if [[ -n $agent_pid ]]; then
-    kill -KILL "$agent_pid" 2>/dev/null || true
-  fi
+  local pid
+  for pid in $service_pid $agent_pid; do
+    kill -KILL "$pid" 2>/dev/null || true
+  done
+  { wait; } 2>/dev/null # bash says who was killed
   rm -rf "$tmp"
 }
 trap cleanup EXIT
@@ -58,8 +60,10 @@ if [[ -n $watch ]]; then
   trap 'exit 0' INT TERM
 fi
 service_status=0
-"$ROOT/build/release/examples/demo_service" "$tmp/agent.sock" --seconds "$DEMO_SECONDS" \
-  </dev/null || service_status=$?
+"$ROOT/build/release/examples/demo_service" "$tmp/agent.sock" --seconds "$DEMO_SECONDS" </dev/null &
+service_pid=$!
+wait "$service_pid" || service_status=$? # signals are taken meanwhile
+service_pid=
 sleep 0.5 # the agent prints the last points
 stop_agent
 

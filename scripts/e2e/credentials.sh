@@ -41,11 +41,14 @@ tells_nothing() {
   ! tr '\0' ' ' <"/proc/${pids[agent]}/cmdline" | grep -q "$1" || die "the process tells a secret"
 }
 
+need_packages "${BUILD_PACKAGES[@]}" "${E2E_PACKAGES[@]}" openssl python3
+build release tidegate-agent demo_service
+
 step "a server that asks for a certificate, a token and a header"
 make_certificates
 pick_port && server_port=$port
 start server python3 "$(dirname "${BASH_SOURCE[0]}")/tls_receiver.py" "$tmp" "$server_port" "$TOKEN"
-await "the start of the server" 20 grep -q ready "$tmp/server.out"
+await "the start of the server" 60 grep -q ready "$tmp/server.out"
 
 cat >"$tmp/conf" <<END
 forward-interval = 0.2
@@ -70,7 +73,7 @@ echo wrong-secret-token >"$tmp/token"
 pick_port && agent=http://127.0.0.1:$port
 start agent "$ROOT/build/release/tools/agent/tidegate-agent" --config "$tmp/conf" \
   --socket "$tmp/sock" --http "127.0.0.1:$port" --drain 1
-await "the start of the agent" 20 test -S "$tmp/sock"
+await "the start of the agent" 60 test -S "$tmp/sock"
 "$ROOT/build/release/examples/demo_service" "$tmp/sock" --seconds 3 >"$tmp/service.out" 2>&1
 await "an answer to the wrong token" 20 grep -q "HTTP 401" "$tmp/agent.log"
 await "an answer to the stranger" 20 grep -q "cannot forward.*no reply\|connection broke" \
@@ -81,7 +84,7 @@ step "the token changes"
 echo "$TOKEN" >"$tmp/token"
 kill -HUP "${pids[agent]}"
 await "the change" 20 grep -q "reloaded, changed: central" "$tmp/agent.log"
-await "the forwarding of all points" 40 all_forwarded
+await "the forwarding of all points" 60 all_forwarded
 (($(lines_taken) > 0)) || die "the server has nothing"
 [[ $(of stranger forwarded_points_total) == 0 ]] || die "a stranger got in"
 [[ $(of stranger forward_queue_points) == $(own points_total) ]] || die "the stranger's points are gone"

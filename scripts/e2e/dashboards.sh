@@ -5,7 +5,7 @@
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/parts.sh"
 
-SERVICE_SECONDS=60 # longer than all this takes; the services are killed
+SERVICE_SECONDS=600 # longer than all this takes; the services are killed
 SHARE=$ROOT/share
 
 start_prometheus() {
@@ -21,7 +21,7 @@ scrape_configs:
 YML
   start prometheus "$tmp/root/usr/bin/prometheus" --config.file="$tmp/prometheus.yml" \
     --web.listen-address="127.0.0.1:$prometheus_port" --storage.tsdb.path="$tmp/prometheus"
-  await "the start of Prometheus" 20 get -o "$tmp/ignored" "$prometheus/-/ready"
+  await "the start of Prometheus" 60 get -o "$tmp/ignored" "$prometheus/-/ready"
 }
 
 # What the made files were made of, and what each alert does.
@@ -78,7 +78,7 @@ start_database
 sleep 2
 start agent "$ROOT/build/release/tools/agent/tidegate-agent" --socket "$tmp/agent.sock" \
   --http "127.0.0.1:$agent_port" --forward "$vm/write" --no-spread
-await "the start of the agent" 10 test -S "$tmp/agent.sock"
+await "the start of the agent" 60 test -S "$tmp/agent.sock"
 start process "$ROOT/build/release/examples/process_metrics" "$tmp/agent.sock" "$SERVICE_SECONDS"
 start_prometheus
 

@@ -19,7 +19,7 @@ SIGNAL=${SIGNAL:-TERM} # with KILL a node loses what it has taken and not yet wr
 start_node() {
   start "node-$1" "$tmp/root/usr/bin/victoria-metrics" -httpListenAddr="127.0.0.1:${node_ports[$1]}" \
     -storageDataPath="$tmp/node-$1" -search.latencyOffset=0s -dedup.minScrapeInterval=1ms
-  await "the start of node $1" 20 get -o "$tmp/ignored" "http://127.0.0.1:${node_ports[$1]}/health"
+  await "the start of node $1" 60 get -o "$tmp/ignored" "http://127.0.0.1:${node_ports[$1]}/health"
 }
 
 # This version has no sharding of its own: each node gets the series of its part of their hashes.
@@ -42,7 +42,7 @@ END
   done
   start vmagent "$tmp/root/usr/bin/vmagent" -httpListenAddr="127.0.0.1:$vmagent_port" \
     -remoteWrite.tmpDataPath="$tmp/vmagent" "${flags[@]}"
-  await "the start of vmagent" 20 get -o "$tmp/ignored" "$vmagent/health"
+  await "the start of vmagent" 60 get -o "$tmp/ignored" "$vmagent/health"
 }
 
 # start_host <number>: an agent that sees its own host name, and a service.
@@ -52,7 +52,7 @@ start_host() {
   start "agent-$1" "${apart[@]}" bash -c 'hostname "$0" 2>/dev/null || true; exec "$@"' "$name" \
     "$ROOT/build/release/tools/agent/tidegate-agent" --socket "$tmp/$1.sock" --drain 30 \
     --forward "$vmagent/write"
-  await "the start of an agent" 10 test -S "$tmp/$1.sock"
+  await "the start of an agent" 60 test -S "$tmp/$1.sock"
   start "service-$1" "$ROOT/build/release/bench/host_load" "$tmp/$1.sock" "$name" "$SERIES" \
     "$INTERVAL" "$SERVICE_SECONDS"
 }

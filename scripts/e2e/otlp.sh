@@ -20,7 +20,7 @@ fetch_decoder() {
 start_receiver() {
   NODE_PATH="$tmp/npm/node_modules" start receiver \
     node "$ROOT/scripts/e2e/otlp_receiver.js" "$receiver_port" "$tmp/points" "$@"
-  await "the start of the receiver" 20 bash -c "exec 3<>/dev/tcp/127.0.0.1/$receiver_port"
+  await "the start of the receiver" 60 bash -c "exec 3<>/dev/tcp/127.0.0.1/$receiver_port"
 }
 
 nothing_waits() {
@@ -62,10 +62,10 @@ start_receiver
 start agent "$ROOT/build/release/tools/agent/tidegate-agent" --socket "$tmp/agent.sock" \
   --http "127.0.0.1:$agent_port" --otlp "http://127.0.0.1:$receiver_port" --forward-interval 0.5 --no-spread \
   --resource deployment.environment.name=e2e
-await "the start of the agent" 10 test -S "$tmp/agent.sock"
+await "the start of the agent" 60 test -S "$tmp/agent.sock"
 start service "$ROOT/build/release/examples/demo_service" "$tmp/agent.sock" \
   --seconds "$SERVICE_SECONDS"
-await "the first point" 20 test -s "$tmp/points"
+await "the first point" 60 test -s "$tmp/points"
 sleep 2 # so that more follow
 
 step "killing the receiver"
@@ -77,7 +77,7 @@ step "waiting for the end of the service"
 wait "${pids[service]}" || die "the service ended with status $?"
 unset 'pids[service]'
 sed -n 's/^demo_service: emitted //p' "$tmp/service.out" >"$tmp/emitted.json"
-await "the sending of all points" 40 nothing_waits
+await "the sending of all points" 60 nothing_waits
 printf '  %-52s %s\n' "points sent, and tried in vain before" \
   "$(own forwarded_points_total), $(own forward_retried_points_total)"
 (($(own forward_retried_points_total) > 0)) || die "nothing was tried in vain"

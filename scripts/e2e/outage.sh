@@ -18,14 +18,14 @@ scrape_configs:
 EOF
   start prometheus "$tmp/root/usr/bin/prometheus" --config.file="$tmp/prometheus.yml" \
     --web.listen-address="127.0.0.1:$prometheus_port" --storage.tsdb.path="$tmp/prometheus"
-  await "the start of Prometheus" 20 get -o "$tmp/ignored" "$prometheus/-/ready"
+  await "the start of Prometheus" 60 get -o "$tmp/ignored" "$prometheus/-/ready"
 }
 
 start_agent() {
   start agent "$ROOT/build/release/tools/agent/tidegate-agent" --socket "$tmp/agent.sock" \
     --print json --http "127.0.0.1:$agent_port" --forward "$vm/write" --forward-interval 0.5 \
     --no-spread --forward-catch-up 0
-  await "the start of the agent" 10 test -S "$tmp/agent.sock"
+  await "the start of the agent" 60 test -S "$tmp/agent.sock"
 }
 
 # --- what they say ---
@@ -141,7 +141,7 @@ start_agent
 start_prometheus
 start service "$ROOT/build/release/examples/demo_service" "$tmp/agent.sock" \
   --seconds "$SERVICE_SECONDS"
-await "the first forwarded point" 20 some_forwarded
+await "the first forwarded point" 60 some_forwarded
 sleep 3 # so that the database has something to keep
 
 step "ending VictoriaMetrics for $OUTAGE_SECONDS s"
@@ -161,7 +161,7 @@ wait "${pids[service]}" || service_status=$?
 unset 'pids[service]'
 ((service_status == 0)) || die "the service ended with status $service_status"
 sed -n 's/^demo_service: emitted //p' "$tmp/service.out" >"$tmp/emitted.json"
-await "the forwarding of all points" 40 all_forwarded
+await "the forwarding of all points" 60 all_forwarded
 [[ $(own forward_dropped_points_total) == 0 ]] || die "the agent has dropped points"
 printf '  %-52s %s\n' "points forwarded, and tried in vain before" \
   "$(own forwarded_points_total), $(own forward_retried_points_total)"

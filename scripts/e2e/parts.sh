@@ -74,7 +74,7 @@ fetch_packages() {
 start_database() {
   start victoria "$tmp/root/usr/bin/victoria-metrics" -httpListenAddr="127.0.0.1:$vm_port" \
     -storageDataPath="$tmp/victoria" -search.latencyOffset=0s -dedup.minScrapeInterval=1ms
-  await "the start of VictoriaMetrics" 20 get -o "$tmp/ignored" "$vm/health"
+  await "the start of VictoriaMetrics" 60 get -o "$tmp/ignored" "$vm/health"
 }
 
 # --- what they say ---

@@ -20,7 +20,7 @@ start_agents() {
     start "agent-$mode" "$ROOT/build/release/tools/agent/tidegate-agent" "${flags[@]}" \
       --socket "$tmp/$mode.sock" --http "127.0.0.1:$port" --forward-interval 0.5 --no-spread \
       --forward "$vm/write?extra_label=mode=$mode"
-    await "the start of the agent" 10 test -S "$tmp/$mode.sock"
+    await "the start of the agent" 60 test -S "$tmp/$mode.sock"
   done
 }
 
@@ -90,7 +90,7 @@ done
 
 for mode in "${MODES[@]}"; do
   agent=${agents[$mode]}
-  await "the forwarding of all points" 40 nothing_waits
+  await "the forwarding of all points" 60 nothing_waits
   [[ $(own forward_dropped_points_total) == 0 ]] || die "the agent has dropped points"
   [[ $(own shared_series_total) == 0 ]] || die "the agent says that processes share a series"
   check "$mode"

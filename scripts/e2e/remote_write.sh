@@ -12,7 +12,7 @@ start_prometheus() {
   start prometheus "$tmp/root/usr/bin/prometheus" --config.file="$tmp/prometheus.yml" \
     --web.enable-remote-write-receiver --web.listen-address="127.0.0.1:$prometheus_port" \
     --storage.tsdb.path="$tmp/prometheus"
-  await "the start of Prometheus" 20 get -o "$tmp/ignored" "$prometheus/-/ready"
+  await "the start of Prometheus" 60 get -o "$tmp/ignored" "$prometheus/-/ready"
 }
 
 start_agent() {
@@ -20,7 +20,7 @@ start_agent() {
     --print json --http "127.0.0.1:$agent_port" --no-spread --forward-catch-up 0 \
     --forward-interval 0.5 \
     --remote-write "$prometheus" --remote-write "$vm"
-  await "the start of the agent" 10 test -S "$tmp/agent.sock"
+  await "the start of the agent" 60 test -S "$tmp/agent.sock"
 }
 
 # --- what they say ---
@@ -91,7 +91,7 @@ start service "$ROOT/build/release/examples/demo_service" "$tmp/agent.sock" \
 # In order 7, 8, 9 and 10; then two that are late; then one that is older than all that Prometheus takes.
 start odd "$ROOT/scripts/e2e/send_points.py" "$tmp/agent.sock" odd:-10:10 odd:-7:7 odd:-8:8 odd:-9:9 7 \
   odd:-8:1 odd:-7:1 old:-86400:5
-await "the first forwarded points" 20 some_forwarded
+await "the first forwarded points" 60 some_forwarded
 
 step "killing Prometheus and ending VictoriaMetrics for $OUTAGE_SECONDS s"
 stop prometheus KILL
