@@ -17,7 +17,7 @@ FLAGS = [
     "--disable-extensions", "--disable-sync", "--disable-features=Translate,OptimizationHints",
     "--hide-scrollbars", "--mute-audio", "--remote-debugging-pipe", "--force-color-profile=srgb",
 ]
-ANSWER_SECONDS = 30
+ANSWER_SECONDS = 120  # it may have to start first
 
 
 class Failure(Exception):
@@ -99,7 +99,7 @@ class Browser:
             raise Failure(f"{expression}: {answer['exceptionDetails']}")
         return answer["result"].get("value")
 
-    def wait(self, what, expression, seconds=30):
+    def wait(self, what, expression, seconds=120):
         """Until the expression is true; its value."""
         end = time.monotonic() + seconds
         while not (value := self.js(expression)):

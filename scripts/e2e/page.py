@@ -153,10 +153,10 @@ def try_hostile(browser, database):
 
 
 def try_outage(browser, port):
-    browser.wait("an alarm", "/away/.test(document.getElementById('alarms').innerText)", 60)
+    browser.wait("an alarm", "/away/.test(document.getElementById('alarms').innerText)")
     expect("an outage is shown", "away" in text(browser, "#destinations"))
     database = Database(port)
-    browser.wait("its end", "!/away/.test(document.getElementById('alarms').innerText)", 90)
+    browser.wait("its end", "!/away/.test(document.getElementById('alarms').innerText)")
     expect("and its end", True)
     database.close()
 

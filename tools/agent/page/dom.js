@@ -25,11 +25,15 @@ export function setText(node, text) {
 }
 
 // Makes the children of `parent` those of `items`, by their keys. Elements that stay keep the focus.
+// Of items with one key each gets its own child, in their order.
 export function reconcile(parent, items, keyOf, make, update) {
   const old = new Map([...parent.children].map((child) => [child.dataset.key, child]));
+  const seen = new Set();
   let at = parent.firstElementChild;
   for (const item of items) {
-    const key = String(keyOf(item));
+    let key = String(keyOf(item));
+    while (seen.has(key)) key += ' again';
+    seen.add(key);
     let child = old.get(key);
     old.delete(key);
     if (child === undefined) {

@@ -25,6 +25,9 @@ export class Explorer {
     this.log = false;
     this.cursor = null;
     this.zoomed = false;
+    this.form = '';  // of what is plotted
+    this.asked = 0;  // counts questions for series: an answer that is overtaken is left out
+    this.waits = false;  // for the answer to the last one
     this.now = Date.now();
     this.colors = new Map();  // key of a line -> index
     this.maps = new Map();  // key of an item -> HeatMap
@@ -81,6 +84,7 @@ export class Explorer {
   // Plots the first series of a metric, and lists all of them if there are more.
   async choose(metric, added) {
     this.metric = metric;
+    clearTimeout(this.timer);
     byId('narrow').value = '';
     const listed = await this.list();
     if (listed === null) return;
@@ -102,17 +106,28 @@ export class Explorer {
     return {total: answer.total, items: answer.series.map((one) => ({...itemOf(one), ...one}))};
   }
 
+  // Lists them again, as values change and series come and go.
+  async refresh() {
+    if (this.metric !== undefined && !this.waits) await this.list();
+  }
+
   async list() {
     const {metric} = this;
+    const asked = ++this.asked;
+    this.waits = true;
     let answer;
     try {
       answer = await this.ask(metric, byId('narrow').value.trim());
     } catch (failure) {
+      if (asked !== this.asked) return null;
+      this.waits = false;
       setText(byId('left-out'), `No answer: ${failure.message}`);
       return null;
     }
-    if (metric !== this.metric) return null;
+    if (asked !== this.asked) return null;
+    this.waits = false;
     const {total, items} = answer;
+    for (const item of items) item.news = this.now - item.age_ms;
     byId('others').hidden = byId('narrow').value === '' && total <= 1;
     setText(byId('others-title'), `Series of ${visible(metric.name)}`);
     setText(byId('left-out'), total > items.length ? `${count(total - items.length)} more: narrow them down by a label` : '');
@@ -129,7 +144,7 @@ export class Explorer {
       setText(of, labels(item.labels) || visible(item.name));
       const histogram = isHistogram(item);
       setText(value, histogram ? '' : (item.values ?? []).slice(0, 3).map(number).join(' · '));
-      setText(age, `${duration(item.age_ms)} ago`);
+      setText(age, `${duration(this.now - item.news)} ago`);
     });
   }
 
@@ -174,7 +189,8 @@ export class Explorer {
   }
 
   draw() {
-    const end = Math.max(this.now, ...this.selection.ids.map((id) => this.history.get(id)?.points.at(-1)?.[0] ?? 0));
+    const newest = this.selection.ids.map((id) => this.history.get(id)?.points.at(-1)?.[0] ?? 0);
+    const end = Math.max(this.now, ...newest);
     const shown = [end - this.range * 1000, end];
     for (const key of this.colors.keys()) {
       if (!this.selection.items.some((item) => key.startsWith(item.key))) this.colors.delete(key);
@@ -182,6 +198,14 @@ export class Explorer {
     const rows = this.lines();
     byId('empty').hidden = this.selection.items.length > 0;
     byId('clear').hidden = this.selection.items.length === 0;
+    // A plot that was zoomed stands until another one is wanted.
+    const form = JSON.stringify([rows.map(({key, grows}) => [key, grows]), this.log, this.range]);
+    if (this.zoomed && form !== this.form) {
+      this.zoomed = false;
+      this.plot.drop();
+    }
+    this.form = form;
+    byId('follow').hidden = !this.zoomed;
     if (!this.zoomed) this.plot.show(rows, shown, this.log);
     const maps = this.drawMaps(shown);
     this.rows = [...rows, ...maps];

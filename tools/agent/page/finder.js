@@ -41,6 +41,7 @@ export class Finder {
     this.list = byId('results');
     this.metrics = [];
     this.asked = 0;  // counts searches: an answer that is overtaken is left out
+    this.waits = false;  // for the answer to the last one
     this.input.addEventListener('input', () => {
       clearTimeout(this.timer);
       this.timer = setTimeout(() => this.search(), PAUSE_MS);
@@ -57,22 +58,27 @@ export class Finder {
     });
   }
 
-  // Searches again, as metrics come and go, but not while somebody looks at more than the first page.
+  // Searches again, as metrics come and go, but not while somebody looks at more than the first page, and never
+  // instead of a search that somebody waits for.
   async refresh() {
-    if (this.metrics.length <= PAGE) await this.search();
+    if (!this.waits && this.metrics.length <= PAGE) await this.search();
   }
 
   async search(offset = 0) {
     const asked = ++this.asked;
+    this.waits = true;
     const text = this.input.value.trim();
     let answer;
     try {
       answer = await get('metrics', {search: text, limit: PAGE, offset});
     } catch (failure) {
-      if (asked === this.asked) setText(byId('found'), `No answer: ${failure.message}`);
+      if (asked !== this.asked) return false;
+      this.waits = false;
+      setText(byId('found'), `No answer: ${failure.message}`);
       return false;
     }
     if (asked !== this.asked) return false;
+    this.waits = false;
     this.metrics = offset === 0 ? answer.metrics : [...this.metrics, ...answer.metrics];
     this.show(answer.total, text);
     return true;

@@ -42,7 +42,7 @@ export class HeatMap {
     const y = (bucket) => rowHeight * (buckets.length - 1 - bucket);
 
     const shown = columns.filter((column) => column.to > from && column.from < to);
-    const most = Math.max(1, ...shown.flatMap(({counts}) => counts));
+    const most = shown.reduce((high, {counts}) => Math.max(high, ...counts), 1);
     this.cells = [];
     context.fillStyle = style.getPropertyValue('--heat');
     for (const column of shown) {

@@ -8,11 +8,13 @@ const LONGEST_INTERVAL_MS = 60e3;  // of a service; the point of an interval com
 export class History {
   constructor() {
     this.series = new Map();  // id -> {name, kind, labels, columns, points}
+    this.asked = new Set();  // ids of the last question, also those that the agent does not know
     this.answered = 0;  // when the agent did so last, by its clock
   }
 
-  // Takes an answer of /api/points.
-  take(answer) {
+  // Takes an answer of /api/points to a question for these.
+  take(answer, ids) {
+    this.asked = new Set(ids);
     this.answered = answer.now_ms;
     for (const {id, name, kind, labels, columns, points} of answer.series) {
       const before = this.series.get(id);
@@ -24,8 +26,9 @@ export class History {
 
   // Forgets all but these.
   keep(ids) {
-    for (const id of this.series.keys()) {
-      if (!ids.includes(id)) this.series.delete(id);
+    for (const id of [...this.asked].filter((one) => !ids.includes(one))) {
+      this.asked.delete(id);
+      this.series.delete(id);
     }
   }
 
@@ -36,8 +39,8 @@ export class History {
   // From when on /api/points is to be asked: a series that is new needs all that the agent has. One
   // that is silent or gone does not make it send again what the others had since.
   since(ids, now) {
-    if (!ids.every((id) => this.series.has(id))) return Math.max(0, now - REACH_MS);
-    const ends = ids.map((id) => this.series.get(id).points.at(-1)?.[0] ?? now);
+    if (!ids.every((id) => this.asked.has(id))) return Math.max(0, now - REACH_MS);
+    const ends = ids.map((id) => this.series.get(id)?.points.at(-1)?.[0] ?? 0);
     return Math.max(Math.min(now, ...ends), this.answered - 2 * LONGEST_INTERVAL_MS) - ASK_AGAIN_MS;
   }
 }

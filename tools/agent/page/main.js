@@ -13,7 +13,7 @@ import {Selection} from './selection.js';
 const PAUSE_MS = 2000;
 const UNSEEN_PAUSE_MS = 30000;
 const LONGEST_PAUSE_MS = 15000;  // after failures
-const ROUNDS_OF_SEARCH = 4;  // from one look for new metrics to the next
+const ROUNDS_OF_SEARCH = 4;  // from one look for new metrics and series to the next
 
 const past = new History();
 const selection = new Selection(() => onSelection());
@@ -42,7 +42,7 @@ async function askPoints() {
   if (ids.length === 0) return;
   const parameters = ids.map((id) => ['id', id]);
   parameters.push(['since_ms', String(Math.floor(past.since(ids, agentNow())))]);
-  past.take(await get('points', parameters));
+  past.take(await get('points', parameters), ids);
   selection.complete(past);
 }
 
@@ -51,7 +51,7 @@ async function ask() {
   if (fresh) agentAhead = status.agent.now_ms - Date.now();
   overview.show(status, agentNow());
   figures.show(status);
-  if (rounds++ % ROUNDS_OF_SEARCH === 0) await finder.refresh();
+  if (rounds++ % ROUNDS_OF_SEARCH === 0) await Promise.all([finder.refresh(), explorer.refresh()]);
   await askPoints();
   explorer.tick(agentNow());
 }

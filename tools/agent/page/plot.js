@@ -117,9 +117,11 @@ export class Plot {
   }
 
   drop() {
-    this.graph?.destroy();
+    if (this.graph === null) return;
+    this.graph.destroy();
     this.graph = null;
     this.form = '';
     this.row = null;
+    this.onCursor(null);
   }
 }
