@@ -196,7 +196,8 @@ TEST_F(OtlpTest, WritesEachKindAsTheMappingSays) {
         MakeBlock(7, "m", {"a", "b", "c"},
                   {{0, {}, {0, 2}, {1, kNan}}, {0, {{"k", "v"}}, {}, {1, 2, 3}}}),
         MakeBlock(3, "nothing", {}, {{0, {}, {}, {kNan}}}),
-        MakeBlock(1, "past", {}, {{0, {}, {}, {1}}}, 0)});
+        MakeBlock(1, "past", {}, {{0, {}, {}, {1}}}, 0),
+        MakeBlock(5, "past", {}, {{0, {}, {}, {1}}}, INT64_MIN + 1)});
   EXPECT_THAT(
       Metrics(),
       ElementsAre("\\x gauge{{time1700000010 1.5 \\x=\\xe9}}", "m.rate gauge{{time1700000010 2}}",
@@ -210,7 +211,7 @@ TEST_F(OtlpTest, WritesEachKindAsTheMappingSays) {
                                   "host.name=host-1 service.name=shop zone=\\xe9} {scope{"
                                   "nametidegate-agent version" TIDEGATE_VERSION "}"));
   EXPECT_EQ(points_, 7u);
-  EXPECT_EQ(numbers_.Dropped(ForwardDrop::kEmpty), 2u);
+  EXPECT_EQ(numbers_.Dropped(ForwardDrop::kEmpty), 3u);
 }
 
 TEST_F(OtlpTest, AddsUpWhatTheWireHasForOneInterval) {

@@ -217,6 +217,10 @@ TEST_F(RemoteWriteTest, HoldsWhatAnEarlierPointMayPrecede) {
   Wait(seconds(0), true);
   EXPECT_THAT(Written(), ElementsAre("c_total{} 14000 7", "c_total{} 15000 8"));
 
+  for (int64_t time : {10, 20, 30, 25}) Count("between", time, 1);
+  Wait(RemoteWriteWriter::kHold);
+  EXPECT_THAT(Written(), testing::SizeIs(4));
+
   // A column of a row that is new has an earlier point, of a time that the others have had.
   const auto row = [this](int64_t time, std::vector<uint32_t> indexes, std::vector<double> values) {
     Handle(PacketOf(7, "r", kTime + time, {}, std::move(values), {"x", "y"}, std::move(indexes)));

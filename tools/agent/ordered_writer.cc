@@ -4,6 +4,7 @@
 #include <new>
 #include <utility>
 
+#include "agent/family_samples.h"
 #include "agent/process_slots.h"
 #include "agent/series_start.h"
 
@@ -60,7 +61,11 @@ PointWriter::Held OrderedWriter::held() const {
 void OrderedWriter::Take(KeyedSeries* series, const KindRow& kind, const Series& record,
                          int64_t timestamp, std::chrono::steady_clock::time_point now) {
   now_ = now;
-  order_.Take(series, kind, record, timestamp, now);
+  if (timestamp < -kMaxSampleSeconds) {
+    out_->Drop(ForwardDrop::kEmpty, 1);
+  } else {
+    order_.Take(series, kind, record, timestamp, now);
+  }
   is_taken_ = true;
 }
 

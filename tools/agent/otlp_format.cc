@@ -30,13 +30,14 @@ class OtlpPointWriter : public OrderedWriter {
  protected:
   size_t WritePoint(const KeyedSeries& series, const Series& record, int64_t timestamp,
                     PointOutput* out) override {
+    // Before the point: it is not among those that are lost if this fails.
+    if (writer_.bytes() >= kPieceBytes) EndPoints(out);
     try {
       if (writer_.Append(series, record, timestamp)) {
         ++points_;
       } else {
         out->Drop(ForwardDrop::kEmpty, 1);
       }
-      if (writer_.bytes() >= kPieceBytes) EndPoints(out);
     } catch (...) {
       Lose(out);
       throw;

@@ -84,8 +84,8 @@ void RecordOrder::Insert(HeldSeries* held, KeyedSeries* series, const Series& re
     LearnStep(Distance(before.timestamp, timestamp), &entry);
   }
   if (!last) LearnStep(Distance(timestamp, next->timestamp), &entry);
-  // One that comes before another is handed on together with that.
-  const bool waits = last && !sure;
+  // One that comes before another is handed on together with that, if that waits itself.
+  const bool waits = last ? !sure : next->sure;
   if (waits) {
     due_.push_back({now + hold_, series, timestamp});
     bytes_ += sizeof(Due);

@@ -1,6 +1,7 @@
 #include "agent/remote_write_writer.h"
 
 #include <algorithm>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -26,7 +27,13 @@ void RemoteWriteWriter::StartBlock(const Packet& packet, const ClientId& client,
 bool RemoteWriteWriter::Write(const Series& record, PointOutput* out) {
   out_ = out;
   work_ = 0;
-  if (table_.Take(record)) out->Drop(ForwardDrop::kSeries, 1);
+  is_taken_ = false;
+  try {
+    if (table_.Take(record)) out->Drop(ForwardDrop::kSeries, 1);
+  } catch (const std::bad_alloc&) {
+    // What failed after it tells of the series, in the log.
+    if (!is_taken_) throw;
+  }
   return true;
 }
 
@@ -48,8 +55,12 @@ PointWriter::Held RemoteWriteWriter::held() const {
 void RemoteWriteWriter::Take(KeyedSeries* series, const KindRow& kind, const Series& record,
                              int64_t timestamp, std::chrono::steady_clock::time_point now) {
   now_ = now;
-  if (timestamp < -kMaxSampleSeconds) return out_->Drop(ForwardDrop::kEmpty, 1);
-  order_.Take(series, kind, record, timestamp, now);
+  if (timestamp < -kMaxSampleSeconds) {
+    out_->Drop(ForwardDrop::kEmpty, 1);
+  } else {
+    order_.Take(series, kind, record, timestamp, now);
+  }
+  is_taken_ = true;
 }
 
 // A record for which there is no memory is lost, but none that comes with it.

@@ -74,6 +74,7 @@ class RemoteWriteWriter : public PointWriter, private SeriesRecorder {
   std::chrono::steady_clock::time_point now_;
   std::vector<Column> columns_;  // of the record
   size_t work_ = 0;
+  bool is_taken_ = false;  // the record of the call
 };
 
 }  // namespace tidegate::agent
