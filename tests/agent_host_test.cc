@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <thread>
@@ -292,6 +293,22 @@ TEST_F(AgentHostTest, LosesNothingOfItsSpoolThoughItIsKilled) {
     EXPECT_LT(std::stoull(name.substr(4)), sent);
     EXPECT_LE(times, 2);
   }
+}
+
+TEST_F(AgentHostTest, EndsWithTimeForADestinationThoughAnotherIsGone) {
+  GoneDatabase gone, works;
+  works.Take(1 << 20);
+  Start({"--merge", "--merge-delay", "1", "--forward", gone.url(), "--forward", works.url(),
+         "--no-spread", "--drain", "4"});
+  const UniqueFd client = Connect();
+  for (const auto& [name, ahead] : {std::pair("svc.sent", 1), {"svc.merged_last", 600}}) {
+    const int64_t time = std::time(nullptr) + ahead;
+    std::string gauge = GaugeNamed(name);
+    Send(client, gauge.replace(125, sizeof(time), reinterpret_cast<const char*>(&time), 8));
+  }
+  Await("err", "cannot forward to");
+  EXPECT_EQ(Terminate(), 0);
+  EXPECT_THAT(works.names(), testing::SizeIs(2));
 }
 
 TEST_F(AgentHostTest, KeepsFewClientsWaitingWhileItIsStopped) {

@@ -28,6 +28,10 @@ constexpr std::chrono::minutes kPrintingLineInterval(1);
 // For the last packets of the services, though the time of --drain may be over by then.
 constexpr std::chrono::seconds kLastWords(1);
 
+// Of the time of --drain, for the last points. Otherwise a destination that hangs would use up the
+// time of those that work.
+constexpr std::chrono::milliseconds kOutputsShare(1000);
+
 std::string SlotPath(const Options& options) { return options.socket + ".slots"; }
 
 // Remote write shows series as the page does, and the table of the page says which names collide.
@@ -144,8 +148,9 @@ int Agent::Run() {
   manager_.Tell("READY=1");
   const bool served = Serve();
   manager_.Tell("STOPPING=1");
-  const Clock::time_point end = Clock::now() + drain_.load();
-  const bool in_time = served && Linger(end);
+  const std::chrono::milliseconds drain = drain_.load();
+  const Clock::time_point end = Clock::now() + drain;
+  const bool in_time = served && Linger(end - std::min(drain / 4, kOutputsShare));
   if (http_) http_->Stop(std::chrono::seconds(0));
   server_.Close();
   teller_.Stop();
