@@ -309,10 +309,14 @@ TEST_F(RemoteWriteTest, WritesEachSampleOnceInOrderHoweverTheyCome) {
 TEST_F(RemoteWriteTest, SplitsABodyUntilOneSeriesIsLeft) {
   Make();
   for (const char* name : {"a", "b", "c", "d", "e"}) Handle(PacketOf(1, name, kTime, {}, {1}));
+  const DestinationNumbers second(&health_, "second");
   const RemoteWriteFormat format(kOptions);
   std::string request;
   format.AppendHealth(health_, "h", kTime * 1000000000, &request);
   const size_t own = SamplesOf(request).size();
+  std::set<std::string> series;
+  for (const Sample& sample : SamplesOf(request)) series.insert(sample.series);
+  EXPECT_EQ(series.size(), own);
   output_.Push();
   queue_.Flush();
   request += queue_.Take({}).front().body;
@@ -326,10 +330,9 @@ TEST_F(RemoteWriteTest, SplitsABodyUntilOneSeriesIsLeft) {
       parts.insert(parts.begin(), {halves->first, halves->second});
       continue;
     }
-    const std::string series = format.Describe(part.bytes);
     EXPECT_EQ(SamplesOf(Unpacked(part.bytes)).size(), 1U);
     points += part.points;
-    if (part.points == 1) found.push_back(series);
+    if (part.points == 1) found.push_back(format.Describe(part.bytes));
   }
   EXPECT_EQ(points, 5U);
   EXPECT_GT(own, 10U);

@@ -167,6 +167,7 @@ void HttpPoster::Client::SetCredentials(const ForwardUrl& url, const Credentials
   if (!credentials.ca_file.empty()) {
     Set(CURLOPT_CAINFO, credentials.ca_file.c_str());
     Set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+    Set(CURLOPT_CA_CACHE_TIMEOUT, 0L);  // the file may be another one by the next connection
   } else if (const char* const trusted = std::getenv("SSL_CERT_FILE")) {
     Set(CURLOPT_CAINFO, trusted);
   }

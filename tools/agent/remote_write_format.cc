@@ -31,7 +31,8 @@ void RemoteWriteFormat::AppendHealth(const Health& health, std::string_view host
   health.ForEach([&](const Health::Sample& sample) {
     series.BeginLabels();
     series.AddLabel("host", host);
-    if (!sample.label.empty()) series.AddLabel(sample.label, sample.label_value);
+    series.AddLabel(sample.owner, sample.owner_value);
+    series.AddLabel(sample.label, sample.label_value);
     series.Append(sample.name, {{}, {}, {}, static_cast<double>(sample.value), 0},
                   now_ns / kNanosPerMilli, out);
   });
