@@ -258,6 +258,8 @@ TEST_F(RulesTest, MergeWhatBecomesOne) {
       {no_user + "tag='user=1'", gauges, {"s.g{dc=b} 11", "s.g{dc=b,user=2} 7"}},
       {no_user, {"2 s.r{user=1,user=2} 5", "+{user=3} 2"}, {"s.r{} 7"}},
       {one_name, {"2 s.a{} 5", "2 s.b{} 2", "2 s{} 1"}, {"s{} 8"}},
+      {one_name + "gauge=max", {"1 s{} 3", "1 s.a{} 5", "1 s.b{} 7", "1 s{} 2"}, {"s{} 7"}},
+      {one_name + "[rule.t]\naction=rename\nname=s\nto=z", {"2 s.a{} 5", "2 s{} 1"}, {"z{} 6"}},
       {no_user + "[rule.s]\naction=rename\nname='*.*'\nto='$2'",
        {"2 s.r{user=1} 5", "2 s.r{user=2} 2", "2 t.u{} 1"},
        {"u{} 1", "r{} 7"}},
@@ -276,18 +278,25 @@ TEST_F(RulesTest, MergeWhatBecomesOne) {
 // The ten gauges of a timer are merged as one, also those that are dropped.
 TEST_F(RulesTest, MergeTimersBeforeTheirPartsAreDropped) {
   Lines timers;
-  for (const char* const user : {"1", "2"}) {
+  for (const char* const user : {"3,env=b", "1,env=a", "2,env=a"}) {
     for (const ColumnRow& column : kTimerColumns) {
-      timers.push_back("1 s.t." + std::string(column.name) + "{user=" + user + "} " + user);
+      timers.push_back("1 s.t." + std::string(column.name) + "{user=" + user + "} " + *user);
     }
   }
   Make(
       "[rule.d]\naction=drop\nname='s.?.?u*'\n[rule.p]\naction=drop\nname='*.pct*'\n"
-      "[rule.r]\naction=drop-tag\ndrop=user",
+      "tag='env=a'\n[rule.r]\naction=drop-tag\ndrop=user",
       false);
   Send(PacketOf(timers));
-  EXPECT_THAT(Flush(), ElementsAre("s.t.min{} 1", "s.t.max{} 2", "s.t.avg{} 1", "s.t.counter{} 3"));
-  EXPECT_EQ(Counts(), "d 2 2; p 10 10; r 8 0; ");
+  Lines wanted = {"s.t.min{env=a} 1", "s.t.max{env=a} 2", "s.t.avg{env=a} 1",
+                  "s.t.counter{env=a} 3"};
+  for (const ColumnRow& column : kTimerColumns) {
+    if (column.name == "sum") continue;
+    wanted.push_back("s.t." + std::string(column.name) + "{env=b} 3");
+  }
+  EXPECT_THAT(Flush(), UnorderedElementsAreArray(wanted));
+  EXPECT_EQ(Counts(), "d 3 3; p 10 10; r 17 0; ");
+  EXPECT_EQ(health_.merge_left_out_percentiles, 0u);  // rules have dropped those
 }
 
 // Each process counts for itself, also over its restart, unless there is one series for all.

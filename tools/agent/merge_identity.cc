@@ -111,7 +111,7 @@ MergedMetric* MergeIdentity::MetricOf(MergedName::Form form, const Block& block,
   const auto found = metrics_.find(key_);
   if (found != metrics_.end()) return found->second.get();
   auto metric = std::make_unique<MergedMetric>(
-      MergedMetric{next_id_, {form, block.wire_type, std::string(name), 0}, kind, {}, {}});
+      MergedMetric{next_id_, {form, block.wire_type, std::string(name)}, kind, {}, {}});
   MergedMetric* const made = metrics_.emplace(key_, std::move(metric)).first->second.get();
   ++next_id_;
   *bytes += BytesOf(*made);

@@ -23,6 +23,7 @@ struct MergedEntry {
 
   MergedSeries series;
   SteadyTime news;
+  uint32_t dropped = 0;  // of the ten blocks of a timer: a bit for each that rules drop
 };
 using KeyedMergedSeries = std::unordered_map<std::string, MergedEntry>::value_type;
 

@@ -144,7 +144,6 @@ void MergeStage::HoldTimer(const Packet& packet, size_t first, Target target) {
   target.metric = target.identity->MetricOf(MergedName::Form::kTimerBlocks, block,
                                             std::string_view(block.name).substr(0, base), &bytes_);
   target.layout = target.metric->LayoutOf(block, GaugeOf(target), &bytes_);
-  target.metric->name.left_out = target.change == nullptr ? 0 : target.change->left_out;
   if (target.change != nullptr && !target.change->sources.empty()) {
     target.source.series = target.change->sources.front();
   }
@@ -189,6 +188,9 @@ void MergeStage::Add(const Target& target, const Series& record, KeyedMergedSeri
                           Ahead(target.timestamp), options_.delay);
     ++held_;
   }
+  // What rules drop of one of several series that become one is there by the others.
+  const uint32_t dropped = target.change == nullptr ? 0 : target.change->dropped;
+  keyed->second.dropped = is_new ? dropped : keyed->second.dropped & dropped;
   try {
     const MergedSeries::Added added =
         series.Add(target.source, target.timestamp, record, target.before, begin, now_.steady);
@@ -261,7 +263,8 @@ void MergeStage::HandOn(const MergedMetric& metric, KeyedMergedSeries* keyed, in
   MergedSeries& series = keyed->second.series;
   if (!series.Holds(timestamp)) return;  // memory ran out in between
   const Growth growth(series, &bytes_);
-  const size_t left_out = packets_.Append(metric.name, keyed->first, &series);
+  const size_t left_out =
+      packets_.Append(metric.name, keyed->first, keyed->second.dropped, &series);
   if (left_out == 0) return;
   health_->merge_left_out_percentiles += left_out;
   ReportOnce(&left_out_reported_, "percentiles of several series do not add up and are left out",

@@ -22,7 +22,7 @@ namespace tidegate::agent {
 struct BlockChange {
   std::optional<GaugeMerge> gauge;  // by which its gauges are merged, if not as all are
   std::vector<uint64_t> sources;    // SourceId::series of each record; empty: 0
-  uint32_t left_out = 0;            // of the first of ten blocks of a timer: see MergedName
+  uint32_t dropped = 0;             // of the first of ten blocks of a timer: see MergedEntry
 };
 
 // Merges the series that the processes of one identity report under the same name and tags, also

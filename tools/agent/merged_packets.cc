@@ -1,5 +1,6 @@
 #include "agent/merged_packets.h"
 
+#include <bitset>
 #include <chrono>
 #include <cmath>
 #include <iterator>
@@ -50,16 +51,18 @@ void MergedPackets::Begin(const Packet& header, const ClientId& client, int64_t 
   timestamp_ = timestamp;
 }
 
-size_t MergedPackets::Append(const MergedName& name, std::string_view tags, MergedSeries* series) {
+size_t MergedPackets::Append(const MergedName& name, std::string_view tags, uint32_t dropped,
+                             MergedSeries* series) {
   const MergedLayout& layout = *series->layout();
   Series record;
   record.tags = TagsOf(tags);
   const bool timer = name.form == MergedName::Form::kTimerBlocks;
   if (!timer && (name_ != &name || layout_ != &layout)) StartBlock(name, layout);
-  const size_t left_out = series->Take(timestamp_, &record);
+  size_t left_out = series->Take(timestamp_, &record);
+  if (left_out > 0) left_out -= std::bitset<32>(dropped >> kTimerFirstQuantile).count();
   const size_t bytes = tags.size() + record.values.size() * sizeof(double);
   if (timer) {
-    AppendTimer(name, std::move(record));
+    AppendTimer(name, dropped, std::move(record));
   } else {
     packet_.blocks.back().series.push_back(std::move(record));
     Count(1, bytes);
@@ -82,12 +85,12 @@ void MergedPackets::StartBlock(const MergedName& name, const MergedLayout& layou
 }
 
 // Percentiles that were left out have no block, nor has what rules drop.
-void MergedPackets::AppendTimer(const MergedName& name, Series record) {
+void MergedPackets::AppendTimer(const MergedName& name, uint32_t dropped, Series record) {
   const std::vector<double> values = std::exchange(record.values, {});
   size_t blocks = 0;
   for (size_t i = 0; i < std::size(kTimerColumns); ++i) {
     if (i >= kTimerFirstQuantile && std::isnan(values[i])) continue;
-    if ((name.left_out >> i & 1) != 0) continue;
+    if ((dropped >> i & 1) != 0) continue;
     Block block;
     block.wire_type = name.wire_type;
     block.timestamp = timestamp_;

@@ -19,8 +19,7 @@ struct MergedName {
 
   Form form;
   uint8_t wire_type;
-  std::string name;       // of kTimerBlocks the part that the ten names share, without the dot
-  uint32_t left_out = 0;  // of kTimerBlocks: a bit for each of the ten that rules drop
+  std::string name;  // of kTimerBlocks the part that the ten names share, without the dot
 };
 
 // Tags as the key of a series: equal for equal tags in the same order.
@@ -39,14 +38,16 @@ class MergedPackets {
   // The points that follow are of the tenant of `header`, and of this time. To the sinks they come
   // from `client`.
   void Begin(const Packet& header, const ClientId& client, int64_t timestamp);
-  // Takes the point of `timestamp` out of the series. Returns how many percentiles were left out.
-  size_t Append(const MergedName& name, std::string_view tags, MergedSeries* series);
+  // Takes the point of `timestamp` out of the series, without those of the ten blocks of a timer
+  // whose bit is in `dropped`. Returns how many percentiles of the others were left out.
+  size_t Append(const MergedName& name, std::string_view tags, uint32_t dropped,
+                MergedSeries* series);
   // Hands on the rest.
   void End();
 
  private:
   void StartBlock(const MergedName& name, const MergedLayout& layout);
-  void AppendTimer(const MergedName& name, Series record);
+  void AppendTimer(const MergedName& name, uint32_t dropped, Series record);
   void Count(size_t records, size_t bytes);
   void HandOn();
 

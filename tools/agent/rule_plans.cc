@@ -18,7 +18,8 @@ struct RulePlans::Plan {
   std::string name;
   const Plan* sent = nullptr;  // that of the name that was sent, if rules have changed it
   std::vector<Step> steps;
-  bool is_made = false;  // a rule that merges what it renames can give this name
+  size_t made_by = SIZE_MAX;        // the first rule that can give this name and merges then
+  std::optional<GaugeMerge> gauge;  // of such a rule
 };
 
 struct RulePlans::Tenant {
@@ -51,6 +52,12 @@ bool HasTags(const Series& record, const std::vector<Rule::TagIs>& wanted) {
 void Merge(const Rule& rule, RulePlans::Fate* fate) {
   fate->merge = fate->merge || rule.merge;
   if (rule.gauge) fate->gauge = rule.gauge;
+}
+
+// As the points that a rule gives this name.
+void MergeAsMade(const RulePlans::Plan& plan, RulePlans::Fate* fate) {
+  fate->merge = true;
+  if (!fate->gauge) fate->gauge = plan.gauge;
 }
 
 // Returns whether there were such tags.
@@ -122,7 +129,7 @@ RulePlans::Plan* RulePlans::Of(const std::string& name) {
     const auto same = tenant_->made.find(name);
     if (same != tenant_->made.end()) ReportSameName(*plan, same->second);
   }
-  return plan->steps.empty() && !plan->is_made ? nullptr : plan;
+  return plan->steps.empty() && plan->made_by == SIZE_MAX ? nullptr : plan;
 }
 
 std::unique_ptr<RulePlans::Plan> RulePlans::MakePlan(const std::string& name, size_t start,
@@ -132,7 +139,10 @@ std::unique_ptr<RulePlans::Plan> RulePlans::MakePlan(const std::string& name, si
   plan->sent = sent;
   for (const auto& [i, matches_tenant] : tenant_->rules) {
     const Rule& rule = rules_[i];
-    if (matches_tenant && rule.made && rule.made->Matches(name)) plan->is_made = true;
+    if (matches_tenant && rule.made && rule.made->Matches(name)) {
+      plan->made_by = std::min(plan->made_by, i);
+      if (!plan->gauge) plan->gauge = rule.gauge;
+    }
     if (i < start) continue;
     const bool matches = matches_tenant && rule.MatchesName(name);
     if (matches || i == last_keep_) plan->steps.push_back({i, matches, nullptr});
@@ -149,11 +159,13 @@ RulePlans::Plan* RulePlans::Renamed(const Plan& plan, Step* step) {
   const Plan* const sent = plan.sent != nullptr ? plan.sent : &plan;
   step->renamed = MakePlan(name, step->rule + 1, sent);
   if (!rule.merge && same_names_) {
-    const std::string& first = tenant_->made.emplace(name, sent->name).first->second;
-    bytes_ += kPlanBytes + name.size() + sent->name.size();
+    // Those that got the old name are merged already.
+    const std::string& old = plan.made_by < step->rule ? plan.name : sent->name;
+    const std::string& first = tenant_->made.emplace(name, old).first->second;
+    bytes_ += kPlanBytes + name.size() + old.size();
     const auto own = tenant_->plans.find(name);
-    if (first != sent->name) ReportSameName(*step->renamed, first);
-    if (own != tenant_->plans.end()) ReportSameName(*own->second, sent->name);
+    if (first != old) ReportSameName(*step->renamed, first);
+    if (own != tenant_->plans.end()) ReportSameName(*own->second, old);
   }
   return step->renamed.get();
 }
@@ -205,6 +217,8 @@ RulePlans::Fate RulePlans::FateOf(Plan* plan, Series* record) {
         break;
       case RuleAction::kRename:
         if (!matches) break;
+        // Points that got the old name are one with it, and get the new one as well.
+        if (plan->made_by < step.rule) MergeAsMade(*plan, &fate);
         Merge(rule, &fate);
         plan = step.renamed != nullptr ? step.renamed.get() : Renamed(*plan, &step);
         i = 0;
@@ -223,7 +237,7 @@ RulePlans::Fate RulePlans::FateOf(Plan* plan, Series* record) {
     }
   }
   if (plan->sent != nullptr) fate.source = Mix(fate.source, plan->sent->name);
-  fate.merge = fate.merge || plan->is_made;
+  if (plan->made_by != SIZE_MAX) MergeAsMade(*plan, &fate);
   fate.name = &plan->name;
   return fate;
 }

@@ -130,7 +130,7 @@ void RuleStage::Judge(Packet* packet, size_t i) {
   BlockFate& fate = fates_[i];
   fate.change.gauge.reset();
   fate.change.sources.clear();
-  fate.change.left_out = 0;
+  fate.change.dropped = 0;
   fate.way = merges_all_ ? BlockFate::Way::kMerge : BlockFate::Way::kSinks;
   RulePlans::Plan* const plan = plans_->Of(block.name);
   if (plan == nullptr) return;
@@ -221,11 +221,11 @@ void RuleStage::MendTimer(Packet* packet, size_t first) {
   const std::vector<Tag> tags = blocks[first + like].series.front().tags;
   std::string base = blocks[first + like].name;
   base.resize(base.size() - kTimerColumns[like].name.size());
-  uint32_t left_out = 0;
+  uint32_t dropped = 0;
   for (size_t i = 0; i < kBlocks; ++i) {
     const Block& block = blocks[first + i];
     if (is_dropped(i)) {
-      left_out |= uint32_t{1} << i;
+      dropped |= uint32_t{1} << i;
     } else if (fates_[first + i].way != BlockFate::Way::kMerge ||
                block.name != std::string(base).append(kTimerColumns[i].name) ||
                !(block.series.front().tags == tags)) {
@@ -238,7 +238,7 @@ void RuleStage::MendTimer(Packet* packet, size_t first) {
     blocks[first + i].series.front().tags = tags;
     fates_[first + i] = fates_[first + like];
   }
-  fates_[first].change.left_out = left_out;
+  fates_[first].change.dropped = dropped;
 }
 
 void RuleStage::TakeApart(Packet* packet) {
