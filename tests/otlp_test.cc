@@ -1,9 +1,11 @@
 #include <gmock/gmock.h>
 
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <map>
 #include <memory>
+#include <numeric>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -12,7 +14,13 @@
 
 #include "agent/batch_queue.h"
 #include "agent/destination_numbers.h"
+#include "agent/formats.h"
+#include "agent/forwarder.h"
 #include "agent/otlp_format.h"
+#include "support/counted_allocations.h"
+#include "support/failing_new.h"
+
+static bool NextAllocationFails() { return IsOneTooMany(); }
 
 namespace tidegate::agent {
 namespace {
@@ -287,6 +295,50 @@ TEST_F(OtlpTest, ReadsWhatWasRejected) {
             "1 0 HTTP 400: bad");
   EXPECT_EQ(read(400, "<html>"), "1 0 ");
   EXPECT_EQ(read(503, ""), "2 0 ");
+}
+
+// Of each destination that holds points, each of which is one sample here.
+TEST(OrderedWriterTest, CountsEachPointOnceWhereverMemoryEnds) {
+  for (const DestinationKind kind : {DestinationKind::kOtlp, DestinationKind::kRemoteWrite}) {
+    bool failed = true;
+    for (long n = 0; failed; ++n) {
+      SCOPED_TRACE(n);
+      failed = false;
+      Health health;
+      DestinationNumbers numbers(&health, "x");
+      ForwardOptions options;
+      options.kind = kind;
+      Forwarder forwarder(options, MakeFormat(options, {}), &numbers, &health,
+                          [](const std::string&) {});
+      uint64_t points = 0;
+      for (int64_t time = 1; time < 8; ++time) {
+        const std::vector<Tag> tags = {{"k", std::string(40000, 'x')}};
+        Packet packet;
+        packet.blocks = {MakeBlock(3, "total", {}, {{0, {}, {}, {1}}}, time * 10 % 60),
+                         MakeBlock(1, "gauge", {}, {{0, tags, {}, {1}}, {0, {}, {}, {2}}}, time),
+                         MakeBlock(7, "row", {"x", "y"}, {{0, tags, {1}, {1}}}, time)};
+        packet.series_count = 4;
+        points += packet.series_count;
+        allocations_left = n;
+        try {
+          forwarder.Handle(packet, ClientId{static_cast<pid_t>(1 + time % 2)});
+        } catch (const std::bad_alloc&) {
+        }
+        failed |= std::exchange(allocations_left, -1) == 0;
+      }
+      forwarder.Flush();
+      for (const long left : {n, -1L}) {
+        allocations_left = left;
+        forwarder.Tick();
+        allocations_left = -1;
+      }
+      const DestinationStatus status = forwarder.Status();
+      EXPECT_TRUE(status.queue_points > 0 || failed);
+      EXPECT_EQ(std::accumulate(std::begin(status.dropped), std::end(status.dropped),
+                                status.queue_points),
+                points);
+    }
+  }
 }
 
 }  // namespace
