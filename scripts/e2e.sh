@@ -3,6 +3,9 @@
 set -euo pipefail
 
 folder=$(dirname "${BASH_SOURCE[0]}")/e2e
+source "$folder/parts.sh"
+fetch_packages
+export PARTS=$tmp/root
 "$folder/outage.sh"
 "$folder/processes.sh"
 "$folder/remote_write.sh"

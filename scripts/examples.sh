@@ -43,7 +43,7 @@ expected() {
       ;;
     process_metrics)
       echo 'gauge monitored\.process\.threads\{project_id=monitored,slot=0\} [1-9][0-9]*'
-      echo 'delta_counter monitored\.process\.starts\.delta_counter\{project_id=monitored,slot=0\} counter=1 .*'
+      echo 'delta_counter monitored\.process\.starts\{project_id=monitored,slot=0\} counter=1 .*'
       ;;
     quick_start)
       echo 'counter shop\.requests\{method=get,status=200,project_id=shop,slot=0\} 100'

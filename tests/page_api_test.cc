@@ -45,8 +45,8 @@ class PageApiTest : public testing::Test {
         [this] {
           return SeriesTable::Time{now_, kTime};
         });
-    status_ = std::make_unique<StatusReport>(&health_, table_.get(), &services_,
-                                             [this] { return destinations_; }, options.history);
+    status_ = std::make_unique<StatusReport>(
+        &health_, table_.get(), &services_, [this] { return destinations_; }, options.history);
   }
   HttpAnswer Ask(const std::string& path, std::vector<std::pair<std::string, std::string>> query) {
     HttpAnswer answer;

@@ -57,7 +57,12 @@ get() { curl -sSf --max-time 10 "$@"; }
 
 # --- the parts ---
 
+# fetch_packages: into root, unless PARTS is the root of a script that has them.
 fetch_packages() {
+  if [[ -n ${PARTS:-} ]]; then
+    ln -s "$PARTS" "$tmp/root"
+    return
+  fi
   step "fetching Debian's packages of VictoriaMetrics and Prometheus"
   local package
   mkdir "$tmp/packages" "$tmp/root"
