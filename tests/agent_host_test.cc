@@ -48,7 +48,7 @@ TEST_F(AgentHostTest, RefusesBadSettingsInOneLine) {
        "s4:4: bearer-file: cannot use the file /none/x: No such file or directory"},
       {section("s5",
                "type = influx\nspool=/s\n[destination.b]\ntype=influx\nurl=http://h\n"
-               "spool=/s"),
+               "spool=//s/"),
        "s5:8: spool: \"a\" has that folder"},
       {{"--nope"}, "--nope"},
       {{"--ttl", "0"}, "--ttl"},

@@ -458,7 +458,7 @@ TEST_F(ForwarderTest, RetriesUntilTheDatabaseTakesIt) {
 
 TEST_F(ForwarderTest, DropsWhatIsRefusedAndQuotesTheServerOnce) {
   const auto redirect = [](const httplib::Request& /*request*/, httplib::Response& reply) {
-    reply.set_redirect("/elsewhere", 307);
+    reply.set_redirect("/elsewhere?p=secret", 307);
     reply.set_content("no\nlonger\x01 here", "text/plain");
   };
   database_.Serve({redirect, Status(400, "unable to parse"), Status(204)});
@@ -473,7 +473,7 @@ TEST_F(ForwarderTest, DropsWhatIsRefusedAndQuotesTheServerOnce) {
   const std::string refused = " points that " + Url() + "/write refused";
   EXPECT_THAT(log(), ElementsAre("dropped 1" + refused +
                                      ", HTTP 307: no longer  here (redirects are not "
-                                     "followed: give /elsewhere as the URL)",
+                                     "followed: give /elsewhere?... as the URL)",
                                  "dropped 1 more" + refused));
 }
 

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cmath>
+#include <filesystem>
 #include <utility>
 
 #include "agent/point_mapping.h"
@@ -51,6 +52,11 @@ std::string CheckCatchUp(const std::string& text) {
   double times = 0;
   if (!CLI::detail::lexical_cast(text, times)) return "";
   return times > 0 && times < 1.1 ? "\"" + text + "\" is too low, give 1.1 or more, or 0" : "";
+}
+
+// The same with and without a slash at the end.
+std::filesystem::path Normal(const std::string& folder) {
+  return (std::filesystem::path(folder) / "").lexically_normal();
 }
 
 // REQUIRES: one that CheckResource takes.
@@ -282,7 +288,7 @@ void CheckTogether(const std::vector<ForwardOptions>& destinations,
       if (other.name == one.name) {
         section.Refuse(section.line, "a flag makes a destination \"" + one.name + "\" already");
       }
-      if (!one.spool.folder.empty() && other.spool.folder == one.spool.folder) {
+      if (!one.spool.folder.empty() && Normal(other.spool.folder) == Normal(one.spool.folder)) {
         section.Refuse(section.LineOf("spool"), "spool: \"" + other.name + "\" has that folder");
       }
     }

@@ -234,7 +234,8 @@ HttpReply HttpPoster::Client::TakeReply(CURLcode code) {
   reply.text = PrintableLine(body_.empty() ? Reason(status_line_) : body_);
   curl_header* location = nullptr;
   if (curl_easy_header(easy_.get(), "Location", 0, CURLH_HEADER, -1, &location) == CURLHE_OK) {
-    reply.location = PrintableLine(location->value);
+    // It often is the URL of the request, with its query.
+    reply.location = WithoutSecrets(PrintableLine(location->value));
   }
   curl_off_t wait = 0;
   curl_easy_getinfo(easy_.get(), CURLINFO_RETRY_AFTER, &wait);

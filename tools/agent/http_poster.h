@@ -17,7 +17,7 @@ struct HttpReply {
   std::string body;      // as it came, up to HttpPoster::kMaxReply
   std::string text;      // for people: of the body, cut, or the status; without a reply why there
                          // is none. One printable line
-  std::string location;  // of a redirect, printable
+  std::string location;  // of a redirect, printable, without user, password and query
   std::chrono::seconds wait{0};  // what the server asks for by Retry-After; 0 if it does not
 };
 
