@@ -250,6 +250,11 @@ TEST_F(OtlpTest, AddsUpWhatTheWireHasForOneInterval) {
                   "counts[6,9007199254740992] bounds[1] exported_le=x} temporality2}",
                   "t summary{{start1700000009 time1700000030 count12 sum150" + quantiles));
   EXPECT_EQ(numbers_.Dropped(ForwardDrop::kLate), 2u);
+  // Sums with other bounds have begun after the last ones.
+  Send({MakeBlock(6, "h", {"hist:b-5.0", "hist:sum", "hist:count"},
+                  {{0, {{"le", "x"}}, {}, {2, 3, 2}}}, 1700000050)});
+  EXPECT_THAT(Metrics(), ElementsAre("h histogram{{start1700000030 time1700000050 count2 sum3 "
+                                     "counts[2] exported_le=x} temporality2}"));
 }
 
 TEST_F(OtlpTest, KnowsSinceWhenATotalCounts) {

@@ -244,6 +244,13 @@ TEST_F(RemoteWriteTest, HoldsWhatAnEarlierPointMayPrecede) {
   Written();
   timer(3, 100);
   EXPECT_THAT(Written(), testing::Contains("t_count{} 3000 111"));
+
+  // With other columns a series goes on after the time that it had.
+  for (int64_t time : {4, 5}) {
+    Handle(PacketOf(7, "r", kTime + time, {}, {5, 6, 7}, {"x", "y", "z"}));
+  }
+  Wait(seconds(0), true);
+  EXPECT_THAT(Written(), ElementsAre("r_x{} 5000 5", "r_y{} 5000 6", "r_z{} 5000 7"));
 }
 
 TEST_F(RemoteWriteTest, KeepsItsLimitsAndForgetsSeries) {

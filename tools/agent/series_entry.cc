@@ -4,6 +4,8 @@
 #include <cmath>
 #include <vector>
 
+#include "agent/series_layout.h"
+
 namespace tidegate::agent {
 namespace {
 
@@ -48,6 +50,11 @@ void SeriesEntry::Keep(const KindRow& kind, const Series& record, int64_t timest
   for (size_t i = 0; i < values.size(); ++i) {
     KeepNewest(values[i], timestamp, &to[record.indexes.empty() ? i : record.indexes[i]]);
   }
+}
+
+void SeriesEntry::StartAfter(int64_t timestamp) {
+  newest = start = timestamp;
+  for (size_t i = 0; i < layout->columns.size(); ++i) cells()[i].timestamp = timestamp;
 }
 
 }  // namespace tidegate::agent

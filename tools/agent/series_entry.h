@@ -43,6 +43,8 @@ struct SeriesEntry {
               std::chrono::steady_clock::time_point now);
   // Changes the cells alone: each keeps its newest value, or adds up whatever comes.
   void Keep(const KindRow& kind, const Series& record, int64_t timestamp);
+  // Makes new cells go on after that time, without values.
+  void StartAfter(int64_t timestamp);
   bool IsOutdated(std::chrono::steady_clock::time_point now, std::chrono::seconds ttl) const {
     return !held && now - news > ttl;
   }

@@ -136,7 +136,9 @@ std::optional<Refusal> SeriesTable::AddOrMove(LayoutTable::Target* target, Keyed
   budget_.AddWork(layout->CellBytes());
   if (known) {
     if (recorder_ != nullptr) recorder_->Restart(*series);
+    const int64_t newest = (*series)->second.newest;
     series_.Move(*series, layout);
+    if (recorder_ != nullptr) (*series)->second.StartAfter(newest);
     if (!layout->shown_whole) CountSeriesOnce(Refusal::kCollision);
     return std::nullopt;
   }
