@@ -195,7 +195,7 @@ TEST_F(AgentCommandsTest, CheckSaysWhatAnAgentWouldFind) {
   test::LoopbackServer server;
   server.Serve("/(.*)", [](const httplib::Request& request, httplib::Response& response) {
     response.status = std::stoi(request.matches[1]);
-    if (response.status == 400) response.set_content("no points in it", "text/plain");
+    if (response.status == 400) response.set_content("no points\xc2\x9b", "text/plain");
   });
   const std::string spool = folder_ / "spool";
   mkdir((folder_ / "open").c_str(), 0777);
@@ -212,7 +212,8 @@ TEST_F(AgentCommandsTest, CheckSaysWhatAnAgentWouldFind) {
       {forward + "/401", 1, "/401: HTTP 401"},
       {forward + "/302", 1, "/302: HTTP 302"},
       {forward + "/503", 1, "/503: HTTP 503"},
-      {forward + "/400", 0, "warning  forward " + server.url() + "/400: HTTP 400: no points in it"},
+      {forward + "/400", 0,
+       "warning  forward " + server.url() + "/400: HTTP 400: no points\\xc2\\x9b"},
       {"--forward http://127.0.0.1:1/write", 1, "cannot connect"},
       {forward + "/204 --remote-write " + server.url() + "/404", 1, "/404: HTTP 404"},
       {forward + "/204 --spool " + spool, 0, "ok       spool " + spool},

@@ -189,7 +189,7 @@ TEST_F(HttpServerTest, AnswersHostileRequestsAndClosesThem) {
        {"HTTP/1.1 200 ", "ETag: \"21\"",
         "\r\n\r\na=A &" + std::string(1, '\0') + "b\xff;c=;a=d=e%zz;"}},
       {Request("/api/metrics?a=b", "If-None-Match: W/\"x\", W/\"4\"\r\n" + close),
-       {"HTTP/1.1 304 ", "ETag: \"4\"", "\r\n\r\n"}},
+       {"HTTP/1.1 304 ", "ETag: \"4\"", "Content-Length: 4\r\n\r\n"}},
       {Request("/", "If-None-Match: *\r\n" + close),
        {"HTTP/1.1 304 ", "Content-Security-Policy: default-src 'none'"}},
   };

@@ -195,6 +195,24 @@ TEST_F(PageApiTest, KeepsPointsForTheirTimeAndTheNewestOfAll) {
   EXPECT_EQ(Get("/api/points", {{"id", id}})["series"].size(), 0u);
 }
 
+TEST_F(PageApiTest, KeepsAnswersBelowTheirLimit) {
+  SeriesTable::Options options;
+  options.history = seconds(10000);
+  options.history_bytes = 4 * PointHistory::kMinBytes;
+  Make(options);
+  std::vector<std::string> columns;
+  for (char c = '0'; c < 'd'; ++c) columns.emplace_back(1, c);
+  const std::vector<double> values(columns.size(), -1.2345678901234567e-300);  // 24 bytes each
+  for (int i = 0; i < 7000; ++i) Handle(PacketOf(7, "r", {}, values, kTime - 7000 + i, columns));
+  EXPECT_GT(Points(IdOf("r"), 0).size(), 5000u);
+
+  for (char c = 'a'; c < 'e'; ++c) {
+    Handle(PacketOf(1, std::string(300000, '\x01') + c, {}, {1}));
+  }
+  EXPECT_EQ(Get("/api/metrics")["total"], 5);
+  EXPECT_LT(Ask("/api/status", {}).text.size(), size_t{5} << 20);
+}
+
 TEST_F(PageApiTest, TellsTheStateWithoutSecrets) {
   Make();
   status_->SetSettings(ShownSettings({{"ttl", "60"},

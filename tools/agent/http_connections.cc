@@ -106,14 +106,12 @@ bool HttpConnections::OpenFiles() {
   for (const PageFile& file : PageFiles()) {
     const std::string type(file.type);
     const std::string etag(file.etag);
-    files_.push_back(
-        {&file, MakeResponse(file.content.data(), file.content.size(), type.c_str(), etag.c_str()),
-         MakeResponse("", 0, nullptr, etag.c_str())});
-    for (const HttpResponse* response : {&files_.back().response, &files_.back().unchanged}) {
-      if (*response == nullptr) return false;
-      MHD_add_response_header(response->get(), "Content-Security-Policy", kPagePolicy);
-      MHD_add_response_header(response->get(), "Referrer-Policy", "no-referrer");
-    }
+    files_.push_back({&file, MakeResponse(file.content.data(), file.content.size(), type.c_str(),
+                                          etag.c_str())});
+    MHD_Response* const response = files_.back().response.get();
+    if (response == nullptr) return false;
+    MHD_add_response_header(response, "Content-Security-Policy", kPagePolicy);
+    MHD_add_response_header(response, "Referrer-Policy", "no-referrer");
   }
   return true;
 }
@@ -249,8 +247,9 @@ MHD_Result HttpConnections::Answer(Client* client, std::string_view path) {
 
 MHD_Result HttpConnections::AnswerWithFile(const Client& client, const File& file) {
   const bool unchanged = Has(client.connection, file.file->etag);
+  // With status 304 the library sends the head alone.
   return MHD_queue_response(client.connection, unchanged ? MHD_HTTP_NOT_MODIFIED : MHD_HTTP_OK,
-                            (unchanged ? file.unchanged : file.response).get());
+                            file.response.get());
 }
 
 MHD_Result HttpConnections::AskFor(Client* client, Made kind, std::string_view path) {
@@ -281,13 +280,9 @@ MHD_Result HttpConnections::AnswerWithMade(Client* client) {
     return MHD_queue_response(client->connection, MHD_HTTP_SERVICE_UNAVAILABLE, unavailable_.get());
   }
   const HttpAnswer& answer = *slot->answer;
-  if (answer.status != MHD_HTTP_OK || !Has(client->connection, answer.etag)) {
-    return MHD_queue_response(client->connection, answer.status, slot->response.get());
-  }
-  const HttpResponse unchanged = MakeResponse("", 0, nullptr, answer.etag.c_str());
-  Release(client);
-  if (unchanged == nullptr) return MHD_NO;
-  return MHD_queue_response(client->connection, MHD_HTTP_NOT_MODIFIED, unchanged.get());
+  const bool unchanged = answer.status == MHD_HTTP_OK && Has(client->connection, answer.etag);
+  return MHD_queue_response(client->connection, unchanged ? MHD_HTTP_NOT_MODIFIED : answer.status,
+                            slot->response.get());
 }
 
 HttpConnections::Clock::time_point HttpConnections::EndOf(const Client& client) const {

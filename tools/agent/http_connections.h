@@ -92,7 +92,6 @@ class HttpConnections {
   struct File {
     const PageFile* file;
     HttpResponse response;
-    HttpResponse unchanged;
   };
   struct Client {
     State state = State::kFree;

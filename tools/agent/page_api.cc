@@ -34,7 +34,7 @@ void AppendMetrics(SeriesTable* table, const ApiQuery& query, std::string* out) 
 void AppendError(const std::string& error, std::string* out) {
   JsonWriter json(out);
   json.Open('{');
-  json.Key("error").Text(error);
+  json.Key("error").Shown(error);
   json.Close('}');
 }
 

@@ -20,8 +20,9 @@ namespace {
 
 using Reading = SeriesTable::Reading;
 
-// Values of all points of an answer. Most have few digits.
-constexpr size_t kMaxValues = 500000;
+// Values of all points of an answer, with their times: none of them has more than 25 bytes, so what
+// the series are called has to be long for an answer to lack one.
+constexpr size_t kMaxValues = 300000;
 
 struct Found {
   const SeriesMetric* metric;

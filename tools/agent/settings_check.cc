@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <clocale>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -14,6 +15,7 @@
 #include "agent/http_poster.h"
 #include "agent/http_server.h"
 #include "agent/peer.h"
+#include "agent/shown_text.h"
 #include "agent/socket_file.h"
 #include "agent/spool_folder.h"
 #include "agent/unique_fd.h"
@@ -46,7 +48,8 @@ class Check {
   void Say(Finding finding, const std::string& what, const std::string& text) {
     constexpr const char* kWords[] = {"ok", "warning", "failed"};
     failed_ = failed_ || finding == Finding::kFailed;
-    std::printf("%-8s %s: %s\n", kWords[static_cast<int>(finding)], what.c_str(), text.c_str());
+    std::printf("%-8s %s: %s\n", kWords[static_cast<int>(finding)], Harmless(what).c_str(),
+                Harmless(text).c_str());
     std::fflush(stdout);  // what comes next can take its time
   }
 
@@ -155,6 +158,9 @@ class Check {
 
 }  // namespace
 
-int CheckSettings(const Options& options) { return Check(options).Run(); }
+int CheckSettings(const Options& options) {
+  std::setlocale(LC_CTYPE, "");  // of Harmless
+  return Check(options).Run();
+}
 
 }  // namespace tidegate::agent

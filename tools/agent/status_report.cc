@@ -8,6 +8,7 @@
 
 #include "agent/api_query.h"
 #include "agent/metric_list.h"
+#include "agent/series_list.h"
 
 namespace tidegate::agent {
 namespace {
@@ -88,7 +89,9 @@ void StatusReport::Append(std::string* out) {
   AppendDestinations(&json);
   AppendDrops(&json);
   json.Key("top_metrics").Open('[');
-  for (const MetricList::Row& row : TopMetrics(table_, kTopMetrics)) AppendMetric(row, &json);
+  for (const MetricList::Row& row : TopMetrics(table_, kTopMetrics)) {
+    if (!json.Item(kMaxAnswerBytes / 2, [&] { AppendMetric(row, &json); })) break;
+  }
   json.Close(']');
   AppendKept(&json);
   AppendRules(&json);
