@@ -120,7 +120,8 @@ void DecodeIntoRemoteWrite(benchmark::State& state) {
     output.Push();
   };
   round();
-  size_t sent = 0, packed = 0;
+  size_t sent = 0;
+  size_t packed = 0;
   for (auto _ : state) {
     round();
     queue.Flush();
