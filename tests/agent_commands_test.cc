@@ -22,7 +22,6 @@ namespace {
 
 using testing::AllOf;
 using testing::ContainsRegex;
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 namespace fs = std::filesystem;
