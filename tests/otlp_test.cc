@@ -160,7 +160,7 @@ class OtlpTest : public testing::Test {
     packet.tenant_tags = {{"project_id", "p1"}};
     packet.blocks = std::move(blocks);
     for (const Block& block : packet.blocks) {
-      writer_->StartBlock(packet, ClientId{42}, block);
+      writer_->StartBlock(packet, client_, block);
       for (const Series& record : block.series) EXPECT_TRUE(writer_->Write(record, &output_));
     }
     writer_->EndPacket(&output_);
@@ -185,6 +185,7 @@ class OtlpTest : public testing::Test {
     return metrics;
   }
 
+  const ClientId client_{42};
   const OtlpFormat format_{{{"service.name", "shop"}, {"zone", "\xe9"}}, "host-1", {}};
   Health health_;
   DestinationNumbers numbers_{&health_, "otlp"};
