@@ -172,7 +172,7 @@ TEST_F(RestartTest, LosesNothingWhileTheServiceManagerKeepsTheSocket) {
   Services services(path_);
   for (size_t i = 0; i <= kRestarts; ++i) {
     told += Read(notifications);
-    Start({"--forward", kNoDatabase, "--drain", i % 2 == 0 ? "1" : "0"}, environment, socket.get());
+    Start({"--forward", kNoDatabase, "--drain", i % 2 == 0 ? "2" : "0"}, environment, socket.get());
     std::this_thread::sleep_for(milliseconds(50));  // for some packets
     if (i < kRestarts) Terminate(&agents_.back());
   }
