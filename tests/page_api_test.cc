@@ -163,7 +163,7 @@ TEST_F(PageApiTest, KeepsPointsForTheirTimeAndTheNewestOfAll) {
   Make(options);
   for (int i = 0; i < 5; ++i) {
     Handle(PacketOf(3, "c", {}, {1.0 * i}, kTime - 4 + i));
-    Handle(PacketOf(7, "r", {}, {1.0 * i, 2.0 * i}, kTime - 200 + 50 * i, {"x", "y"}));
+    Handle(PacketOf(7, "r", {}, {1.0 * i, 2.0 * i}, kTime - 200 + 50L * i, {"x", "y"}));
   }
   const std::string id = IdOf("c");
   EXPECT_EQ(Points(id, (kTime - 1) * 1000).dump(), "[[1699999999000,3],[1700000000000,4]]");
