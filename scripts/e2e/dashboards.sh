@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The dashboards and alerts of share/, with real parts: Prometheus scrapes an agent, VictoriaMetrics gets its lines, and
 # each query of a panel and each selector of an alert has to have an answer there. So each metric in them is one that
-# the agent or the library has. promtool runs the tests of the alerts, in both forms.
+# the agent or the library has. promtool runs the tests of the alerts, in both forms. With --picture the picture of the
+# documents is made, with an outage of VictoriaMetrics in it, which takes three minutes more.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/parts.sh"
 
@@ -65,7 +66,17 @@ check_rules() {
   ((healthy == $(grep -c 'alert:' "$SHARE/alerts.yml"))) || die "only $healthy alerts can be evaluated"
 }
 
-need_packages "${BUILD_PACKAGES[@]}" "${E2E_PACKAGES[@]}" python3
+# What the panels show of three minutes, in which VictoriaMetrics is away for 20 s.
+draw_picture() {
+  sleep 70
+  stop victoria
+  sleep 20
+  start_database
+  sleep 70
+  "$ROOT/scripts/dashboard_picture.py" "$prometheus" 180 "$ROOT/docs/images/dashboard.png"
+}
+
+need_packages "${BUILD_PACKAGES[@]}" "${E2E_PACKAGES[@]}" python3 ${1:+python3-matplotlib}
 build release tidegate-agent demo_service process_metrics
 fetch_packages
 pick_port && vm_port=$port vm=http://127.0.0.1:$port
@@ -89,3 +100,7 @@ check_queries scraped "$prometheus"
 check_rules
 check_queries influx "$vm"
 step "dashboards: each query has an answer"
+if [[ ${1:-} == --picture ]]; then
+  step "drawing the panels"
+  draw_picture
+fi
