@@ -47,7 +47,7 @@ SeriesLayout::SeriesLayout(Kind kind, const Block& block, bool page) {
 }
 
 void SeriesLayout::Measure(Kind kind, const std::string& name) {
-  bytes = sizeof(SeriesLayout) + 2 * sizeof(this) + 4 * kHeapOverhead +
+  bytes = sizeof(SeriesLayout) + 2 * sizeof(void*) + 4 * kHeapOverhead +
           bounds.capacity() * sizeof(double) + parts.capacity() * sizeof(FamilyPart);
   for (const std::string& column : columns) bytes += sizeof(std::string) + HeapBytes(column);
   for (const FamilyPart& part : parts) {
