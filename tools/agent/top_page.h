@@ -22,6 +22,7 @@ class TopPage {
     enum class Look { kPlain, kBold, kRed } look = Look::kPlain;
   };
 
+  // NOLINTNEXTLINE(bugprone-exception-escape): what it sees is an assertion about JSON
   TopPage() = default;
   TopPage(const TopPage&) = delete;
   TopPage& operator=(const TopPage&) = delete;
