@@ -191,6 +191,9 @@ TEST_P(CollectorLimitTest, AForkedChildStartsAtZeroWhateverTheParentWasDoing) {
 #ifdef __SANITIZE_THREAD__
   GTEST_SKIP() << "its runtime starts no thread in the child of a process with several";
 #endif
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "a child waits for good for a lock of its allocator that another thread had";
+#endif
   Bench bench(GetParam());
   Metric& metric = bench.Make(Kind::kCoItemSuffix);
   Workers others;
