@@ -40,6 +40,8 @@ TEST_F(AgentHostTest, RefusesBadSettingsInOneLine) {
       {{"--forward", "http://h", "--forward", "http://i", "--header", "A: b"},
        "--header: and the other credentials are for one destination, and flags make 2; give them "
        "in the sections"},
+      {std::vector<std::string>(9, "--otlp=http://h"),
+       "--otlp: there are more than 8 destinations"},
       {section("s1", "type = carbon\n"), "s1:3: type: give one of influx"},
       {section("s2", "type = influx\ntimeuot = 3\n"),
        "s2:4: there is no setting \"timeuot\", the nearest is \"timeout\""},

@@ -26,6 +26,10 @@ std::chrono::milliseconds ToMilliseconds(double seconds) {
       std::chrono::duration<double>(seconds));
 }
 
+std::string TooMany() {
+  return "there are more than " + std::to_string(kMostDestinations) + " destinations";
+}
+
 std::string HostName() {
   char name[256] = {};
   if (gethostname(name, sizeof(name) - 1) != 0) return "unknown";
@@ -226,6 +230,9 @@ std::vector<ForwardOptions> ForwardFlags::ToOptions() const {
   } catch (const CredentialError& failure) {
     throw CLI::ValidationError("--" + failure.setting, failure.what());
   }
+  if (all.size() > kMostDestinations) {
+    throw CLI::ValidationError("--" + std::string(FactsOf(all.back().kind).flag), TooMany());
+  }
   const auto otlp = urls.find(DestinationKind::kOtlp);
   if (!settings.resource.empty() && (otlp == urls.end() || otlp->second.empty())) {
     throw CLI::ValidationError("--resource", "is for --otlp");
@@ -280,8 +287,7 @@ void CheckTogether(const std::vector<ForwardOptions>& destinations,
     const ForwardOptions& one = destinations[i];
     const SettingsSection& section = sections[i - of_flags];
     if (i >= kMostDestinations) {
-      section.Refuse(section.line,
-                     "there are more than " + std::to_string(kMostDestinations) + " destinations");
+      section.Refuse(section.line, TooMany());
     }
     for (size_t j = 0; j < i; ++j) {
       const ForwardOptions& other = destinations[j];
