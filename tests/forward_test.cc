@@ -261,6 +261,22 @@ TEST(BatchQueueTest, HoldsPointsForTheTimeOfTheSpreadWhileThereIsRoom) {
   EXPECT_EQ(queue.Size().points, 9U);
 }
 
+TEST(BatchQueueTest, IsWaitedForAfterFlushUntilItsEnd) {
+  BatchQueue queue{BatchLimits()};
+  queue.Flush();
+  const auto until = steady_clock::now() + milliseconds(20);
+  EXPECT_TRUE(queue.Take(until).empty());
+  EXPECT_GE(steady_clock::now(), until);
+  std::thread last([&queue] {
+    std::this_thread::sleep_for(milliseconds(20));
+    queue.Append("x", 1);
+    queue.End();
+  });
+  EXPECT_FALSE(queue.Take(until + seconds(3600)).empty());
+  EXPECT_TRUE(queue.Take(until + seconds(3600)).empty());
+  last.join();
+}
+
 TEST(CredentialsTest, AreReadAndRefusedWithoutBeingTold) {
   char folder[] = "/tmp/forward_XXXXXX";
   ASSERT_NE(mkdtemp(folder), nullptr);

@@ -74,7 +74,7 @@ Batches BatchQueue::Take(Clock::time_point until) {
       return Pop(&raw_, raw_.begin());
     }
     if (next == Next::kNothing && times_.is_open()) times_.Emptied(now, WallClock::now());
-    if (now >= until || (flushing_ && next == Next::kNothing)) return {};
+    if (now >= until || (ended_ && next == Next::kNothing)) return {};
     changed_.WaitUntil(mutex_, NextEvent(until, next));
   }
 }
@@ -164,6 +164,14 @@ void BatchQueue::Flush() {
     flushing_ = true;
   }
   SendNow();
+}
+
+void BatchQueue::End() {
+  {
+    const WriteGuard lock(mutex_);
+    ended_ = true;
+  }
+  Flush();
 }
 
 void BatchQueue::SendNow() {

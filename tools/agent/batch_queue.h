@@ -55,7 +55,7 @@ class BatchQueue {
 
   // The next batch, alone in its list: the oldest unpacked one while it is too early to send, else
   // the oldest packed one. It is too early before the time of a spread, unless the queue is more
-  // than a quarter full. Waits for a batch until `until`, after Flush only for the time to send.
+  // than a quarter full. Waits for a batch until `until`, after End only for the time to send.
   // Returns an empty list if there is none, or if it is time to send one of the spool.
   Batches Take(Clock::time_point until);
 
@@ -90,6 +90,9 @@ class BatchQueue {
   // From now on the open batch does not wait to become full or old, nor anything for its time to be
   // sent. It is no more too early to send.
   void Flush();
+
+  // As Flush, and nothing more comes: once all is sent, nobody waits for it any longer.
+  void End();
 
   // It is no more too early to send now.
   void SendNow();
@@ -134,6 +137,7 @@ class BatchQueue {
   QueueSize size_ METRICS_GUARDED_BY(mutex_);                // of packed_ and raw_
   SendTimes times_ METRICS_GUARDED_BY(mutex_);
   bool flushing_ METRICS_GUARDED_BY(mutex_) = false;
+  bool ended_ METRICS_GUARDED_BY(mutex_) = false;
   bool packing_ METRICS_GUARDED_BY(mutex_) = false;  // the one that sends has a batch to pack it
   bool spooling_ METRICS_GUARDED_BY(mutex_);         // the one that spools has a batch
   bool spooling_ended_ METRICS_GUARDED_BY(mutex_) = false;

@@ -70,7 +70,7 @@ void Forwarder::BeginStop(milliseconds drain) {
   drain_end_ = Clock::now() + drain;
   HandOut(true);
   draining_ = true;
-  queue_.Flush();
+  queue_.End();
 }
 
 void Forwarder::Stop(milliseconds drain) {
