@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "support/blocks.h"
 #include "support/counted_allocations.h"
 #include "support/failing_new.h"
 
@@ -28,10 +29,6 @@ using testing::StartsWith;
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
 constexpr int64_t kTime = 1700000000;
 
-using Columns = std::vector<std::string>;
-
-const Columns kTimer = {"min",   "max",   "avg",   "sum",   "counter",
-                        "pct50", "pct90", "pct95", "pct99", "pct999"};
 const Columns kDelta = {"counter", "rate", "delta"};
 const Columns kBounds = {"hist:b-0.000000", "hist:b-5.000000", "hist:sum", "hist:count"};
 
@@ -88,12 +85,8 @@ class MergeTest : public testing::Test {
     Packet packet;
     packet.tenant = tenant;
     for (const Point& point : points) {
-      Block& block = packet.blocks.emplace_back();
-      block.wire_type = point.type;
-      block.name = point.name;
-      block.timestamp = kTime + time;
-      for (const std::string& column : point.columns) block.fields.push_back({column});
-      block.series.push_back({0, tags, point.indexes, point.values});
+      packet.blocks.push_back(MakeBlock(point.type, point.name, point.columns,
+                                        {{0, tags, point.indexes, point.values}}, kTime + time));
       ++packet.series_count;
     }
     return packet;

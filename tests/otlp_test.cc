@@ -17,6 +17,7 @@
 #include "agent/formats.h"
 #include "agent/forwarder.h"
 #include "agent/otlp_format.h"
+#include "support/blocks.h"
 #include "support/counted_allocations.h"
 #include "support/failing_new.h"
 
@@ -143,17 +144,6 @@ class MessageReader {
 };
 // NOLINTEND(misc-no-recursion)
 
-Block MakeBlock(uint8_t type, const std::string& name, const std::vector<std::string>& columns,
-                std::vector<Series> series, int64_t timestamp = 1700000010) {
-  Block block;
-  block.wire_type = type;
-  block.timestamp = timestamp;
-  block.name = name;
-  for (const std::string& column : columns) block.fields.push_back({column, 0});
-  block.series = std::move(series);
-  return block;
-}
-
 class OtlpTest : public testing::Test {
  protected:
   void Send(std::vector<Block> blocks) {
@@ -211,13 +201,13 @@ TEST_F(OtlpTest, WritesEachKindAsTheMappingSays) {
         MakeBlock(5, "past", {}, {{0, {}, {}, {1}}}, INT64_MIN + 1)});
   EXPECT_THAT(
       Metrics(),
-      ElementsAre("\\x gauge{{time1700000010 1.5 \\x=\\xe9}}", "m.rate gauge{{time1700000010 2}}",
-                  "m.meter sum{{start1700000010 time1700000010 3} temporality2 monotonic1}",
-                  "m.meter.rate gauge{{time1700000010 4}}",
-                  "m.delta sum{{start1700000010 time1700000010 6} temporality2 monotonic1}",
-                  "m.delta.rate gauge{{time1700000010 7}}",
-                  "m.a gauge{{time1700000010 1} {time1700000010 1 k=v}}",
-                  "m.b gauge{{time1700000010 2 k=v}}", "m.c gauge{{time1700000010 3 k=v}}"));
+      ElementsAre("\\x gauge{{time1700000000 1.5 \\x=\\xe9}}", "m.rate gauge{{time1700000000 2}}",
+                  "m.meter sum{{start1700000000 time1700000000 3} temporality2 monotonic1}",
+                  "m.meter.rate gauge{{time1700000000 4}}",
+                  "m.delta sum{{start1700000000 time1700000000 6} temporality2 monotonic1}",
+                  "m.delta.rate gauge{{time1700000000 7}}",
+                  "m.a gauge{{time1700000000 1} {time1700000000 1 k=v}}",
+                  "m.b gauge{{time1700000000 2 k=v}}", "m.c gauge{{time1700000000 3 k=v}}"));
   EXPECT_THAT(resource_, EndsWith("resource{tenant=t1 project_id=p1 service.instance.id=host-1 "
                                   "host.name=host-1 service.name=shop zone=\\xe9} {scope{"
                                   "nametidegate-agent version" TIDEGATE_VERSION "}"));
@@ -226,14 +216,11 @@ TEST_F(OtlpTest, WritesEachKindAsTheMappingSays) {
 }
 
 TEST_F(OtlpTest, AddsUpWhatTheWireHasForOneInterval) {
-  const std::vector<std::string> bounds = {"hist:b-0.0", "hist:b-1.0", "hist:b-1.0", "hist:sum",
-                                           "hist:count"};
-  const std::vector<std::string> timer = {"min",   "max",   "avg",   "sum",   "counter",
-                                          "pct50", "pct90", "pct95", "pct99", "pct999"};
+  const Columns bounds = {"hist:b-0.0", "hist:b-1.0", "hist:b-1.0", "hist:sum", "hist:count"};
   const auto send = [&](int64_t time, std::vector<double> buckets, double sum) {
-    Send(
-        {MakeBlock(6, "h", bounds, {{0, {{"le", "x"}}, {}, std::move(buckets)}}, time),
-         MakeBlock(5, "t", timer, {{0, {}, {}, {1, 9, kNan, sum, 3, 5, kNan, kNan, 8, 9}}}, time)});
+    Send({MakeBlock(6, "h", bounds, {{0, {{"le", "x"}}, {}, std::move(buckets)}}, time),
+          MakeBlock(5, "t", kTimer, {{0, {}, {}, {1, 9, kNan, sum, 3, 5, kNan, kNan, 8, 9}}},
+                    time)});
   };
   send(1700000010, {2, 3, 4, 8, 77}, 10);
   send(1700000020, {1, -5, kNan, kNan, 1}, 20);

@@ -12,6 +12,7 @@
 
 #include "agent/api_query.h"
 #include "agent/shown_settings.h"
+#include "support/blocks.h"
 
 namespace tidegate::agent {
 namespace {
@@ -28,12 +29,8 @@ Packet PacketOf(uint8_t type, const std::string& name, std::vector<Tag> tags,
                 const std::vector<std::string>& columns = {}) {
   Packet packet;
   packet.tenant = "t1";
-  Block& block = packet.blocks.emplace_back();
-  block.wire_type = type;
-  block.name = name;
-  block.timestamp = time;
-  for (const std::string& column : columns) block.fields.push_back({column});
-  block.series.push_back({0, std::move(tags), {}, std::move(values)});
+  packet.blocks = {
+      MakeBlock(type, name, columns, {{0, std::move(tags), {}, std::move(values)}}, time)};
   return packet;
 }
 

@@ -12,6 +12,7 @@
 #include "agent/remote_write_body.h"
 #include "agent/remote_write_format.h"
 #include "agent/remote_write_writer.h"
+#include "support/blocks.h"
 
 namespace tidegate::agent {
 namespace {
@@ -84,9 +85,6 @@ std::string Unpacked(const std::string& body) {
   return request;
 }
 
-const std::vector<std::string> kTimer = {"min",   "max",   "avg",   "sum",   "counter",
-                                         "pct50", "pct90", "pct95", "pct99", "pct999"};
-
 class RemoteWriteTest : public testing::Test {
  protected:
   static constexpr SeriesTable::Options kOptions{1000, seconds(300), ProcessLabel::kNone, true,
@@ -102,12 +100,8 @@ class RemoteWriteTest : public testing::Test {
                          std::vector<uint32_t> indexes = {}) {
     Packet packet;
     packet.tenant = "t1";
-    Block& block = packet.blocks.emplace_back();
-    block.wire_type = type;
-    block.name = name;
-    block.timestamp = time;
-    for (const std::string& column : columns) block.fields.push_back({column});
-    block.series.push_back({0, std::move(tags), std::move(indexes), std::move(values)});
+    packet.blocks = {MakeBlock(
+        type, name, columns, {{0, std::move(tags), std::move(indexes), std::move(values)}}, time)};
     return packet;
   }
   void Handle(const Packet& packet) {

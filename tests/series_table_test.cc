@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "support/blocks.h"
 #include "support/counted_allocations.h"
 #include "support/failing_new.h"
 
@@ -28,8 +29,6 @@ using testing::StartsWith;
 constexpr int64_t kTime = 1700000000;
 constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
-
-using Columns = std::vector<std::string>;
 
 struct Point {
   uint8_t type;
@@ -53,12 +52,8 @@ class SeriesTableTest : public testing::Test {
   static Packet PacketOf(const Point& point) {
     Packet packet;
     packet.tenant = "t1";
-    Block& block = packet.blocks.emplace_back();
-    block.wire_type = point.type;
-    block.name = point.name;
-    block.timestamp = point.time;
-    for (const std::string& column : point.columns) block.fields.push_back({column});
-    block.series.push_back({0, point.tags, point.indexes, point.values});
+    packet.blocks = {MakeBlock(point.type, point.name, point.columns,
+                               {{0, point.tags, point.indexes, point.values}}, point.time)};
     return packet;
   }
   void Handle(const Point& point) { table_->Handle(PacketOf(point), {77}); }
@@ -93,9 +88,6 @@ class SeriesTableTest : public testing::Test {
   std::vector<std::string> reports_;
   std::unique_ptr<SeriesTable> table_;
 };
-
-const std::vector<std::string> kTimer = {"min",   "max",   "avg",   "sum",   "counter",
-                                         "pct50", "pct90", "pct95", "pct99", "pct999"};
 
 TEST_F(SeriesTableTest, ShowsEachKindInItsFamilies) {
   const Columns equal_bounds = {"hist:b--1.000000", "hist:b-0.500000", "hist:b-0.500000",

@@ -1,4 +1,3 @@
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -8,9 +7,9 @@
 #include <csignal>
 #include <iterator>
 
-#include "agent/unique_fd.h"
 #include "metrics/metric_tcp_sender.h"
 #include "support/environment.h"
+#include "support/tcp_port.h"
 #include "util/metric_data_util.h"
 
 namespace tidegate::test {
@@ -34,25 +33,6 @@ TEST(MetricProducerPacketTest, HeadTellsBothLengthsAndTheBodyGivesTheDataBack) {
     EXPECT_EQ(METRICS::decompress_string(packed.body), data);
   }
 }
-
-// A loopback port that refuses connections unless it is to `listen`.
-struct Port {
-  explicit Port(bool listen) : fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address);
-    auto* const raw = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(::bind(fd.get(), raw, size), 0);
-    EXPECT_EQ(listen ? ::listen(fd.get(), 1) : 0, 0);
-    EXPECT_EQ(::getsockname(fd.get(), raw, &size), 0);
-    number = ntohs(address.sin_port);
-  }
-  agent::UniqueFd Accept() const { return agent::UniqueFd(::accept(fd.get(), nullptr, nullptr)); }
-
-  const agent::UniqueFd fd;
-  int number = 0;
-};
 
 struct Discovery final : METRICS::DummyServiceDiscovery {
   explicit Discovery(Endpoint to) : DummyServiceDiscovery("test"), answer(std::move(to)) {}
