@@ -6,17 +6,15 @@
 #include <future>
 #include <memory>
 #include <optional>
-#include <random>
 #include <string>
 #include <thread>
 
 #include "agent/batch_queue.h"
+#include "agent/batch_sender.h"
 #include "agent/destination_numbers.h"
-#include "agent/destination_state.h"
 #include "agent/destination_status.h"
 #include "agent/forward_options.h"
 #include "agent/health.h"
-#include "agent/http_poster.h"
 #include "agent/packet_sink.h"
 #include "agent/point_format.h"
 #include "agent/point_output.h"
@@ -27,15 +25,9 @@
 
 namespace tidegate::agent {
 
-// Sends points to a database over HTTP, in the form that a PointFormat makes.
-//
-// Some batches cannot be delivered now: no connection, no reply, 429, 5xx, and 401 and 404 for
-// setup_time. They wait in a bounded queue, and in the spool if there is one. They are tried again,
-// oldest first, with pauses that grow and are cut at random. A batch that the server refuses
-// otherwise, redirects included, is split if the format can do that, and its parts are sent one
-// after the other; a part that is refused as well and cannot be split is dropped. So are the points
-// of which the server says that it has dropped them. Both are counted and reported, at
-// most once per log_interval each. If a reply gets lost, its batch arrives twice.
+// Sends points to a database over HTTP, in the form that a PointFormat makes: gathers them into
+// batches, which wait in a bounded queue, and in the spool if there is one, until a BatchSender has
+// delivered them, oldest first. The agent's own numbers go with them.
 //
 // Threads: Handle and Tick on the decoder's; a thread of its own packs and sends, one more feeds
 // the spool; the rest from the owner's. Each of them reports. Handle and Tick never wait. Borrows
@@ -57,7 +49,7 @@ class Forwarder : public PacketSink {
   void Stop(std::chrono::milliseconds drain);
 
   // From now on sends to `target`, also the points that wait, and at once. From any thread.
-  void Redirect(const ForwardTarget& target);
+  void Redirect(const ForwardTarget& target) { sender_.Redirect(target); }
 
   // From any thread.
   DestinationStatus Status() const;
@@ -77,37 +69,15 @@ class Forwarder : public PacketSink {
  private:
   using Clock = BatchQueue::Clock;
 
-  // A batch on its way.
-  struct Delivery {
-    Batches parts;  // in order; all of it at first
-    int splits = 0;
-  };
-
-  std::unique_ptr<HttpPoster> MakePoster(const ForwardTarget& target) const;
   void Write(const Packet& packet, const ClientId& client);
   void HandOut(bool all);
   void Run();
-  // Follows the last Redirect.
-  void TakeTarget();
   void DropWhatIsLeft();
-  void ReportRefused();
   void SendHealthIfDue();
   void DeliverSpooled();
   void Pack(Batches* batch);
   void DeliverQueued(Batches* batch);
-  // Sends the parts and takes out those that are done with. False if the first of the rest is to be
-  // tried again at retry_at_.
-  bool Deliver(Delivery* delivery);
-  bool Split(Delivery* delivery);
-  HttpReply Post(const Batch& batch);
-  void Settle(Batches* parts, const Verdict& verdict, const HttpReply& reply);
   void KeepSpooledParts();
-  void ReportOutage();
-  bool IsWorthRetrying(Verdict::Kind kind);
-  void ReportRefusal(const std::string& words);
-  bool IsDue(Clock::time_point* next_line) const;
-  std::chrono::milliseconds NextPause(std::chrono::milliseconds wanted);
-  std::chrono::milliseconds Timeout() const;
   void CountFull(uint64_t points);
   void CountLost(const Batches& batches);
   void PublishHeld();
@@ -122,21 +92,12 @@ class Forwarder : public PacketSink {
   BatchQueue queue_;
   METRICS::Mutex publishing_;          // one thread at a time tells the size of queue_
   std::optional<SpoolFeeder> feeder_;  // if there is a spool
-
-  METRICS::Mutex target_mutex_;
-  std::optional<ForwardTarget> next_target_ METRICS_GUARDED_BY(target_mutex_);
-  // Changed by the thread with target_mutex_ held; the thread alone uses it without.
-  std::unique_ptr<HttpPoster> poster_;
-
-  DestinationState state_;
+  BatchSender sender_;
 
   std::thread thread_;
   std::promise<void> end_;
   const std::future<void> ended_{end_.get_future()};
   std::atomic<uint64_t> sending_{0};  // points that are under way
-  std::atomic<bool> draining_{false};
-  Clock::time_point drain_end_;  // written before draining_, read after it
-
   std::atomic<bool> flushing_{false};
 
   // Of Handle and Tick.
@@ -145,19 +106,9 @@ class Forwarder : public PacketSink {
   uint64_t left_ = 0;  // points of the packet that the writer has not got yet
 
   // Of the thread.
-  Delivery spooled_;  // of the spool's oldest batch, once that was split
+  BatchSender::Delivery spooled_;  // of the spool's oldest batch, once that was split
   std::atomic<bool> has_spooled_parts_{false};
-  Clock::time_point retry_at_;
-  std::string failure_;  // the reason for it
-  ForwardTarget target_;
   Clock::time_point next_health_;
-  int failures_ = 0;  // since the last delivery
-  bool outage_reported_ = false;
-  Clock::time_point next_outage_line_;
-  Clock::time_point next_refusal_line_;
-  uint64_t refused_points_ = 0;                    // since the last line about them
-  std::optional<Clock::time_point> denied_since_;  // all answers have been 401 or 404 since then
-  std::minstd_rand random_;
 };
 
 }  // namespace tidegate::agent
