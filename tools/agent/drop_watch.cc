@@ -9,7 +9,6 @@ using METRICS::WriteGuard;
 
 constexpr std::string_view kTooMuch = "docs/agent.md#when-it-is-too-much";
 constexpr std::string_view kMerge = "docs/agent.md#one-series-for-all-processes";
-constexpr std::string_view kWire = "docs/wire_format.md";
 constexpr std::string_view kNames = "docs/agent.md#names-and-labels";
 constexpr std::string_view kProcesses = "docs/agent.md#processes";
 constexpr std::string_view kOutput = "docs/agent.md#standard-output-and-the-log";
@@ -27,10 +26,10 @@ struct Row {
 constexpr std::string_view kBegin = "tidegate_agent_";
 constexpr Row kRows[] = {
     {"decode_errors_total", "too_long", "A message was longer than 1 MiB.", kTooMuch},
-    {"decode_errors_total", "foreign", "Something that is no packet came on the socket.", kWire},
+    {"decode_errors_total", "foreign", "Something that is no packet came on the socket.", kTooMuch},
     {"decode_errors_total", "version", "A packet had a version that this agent does not know.",
-     kWire},
-    {"decode_errors_total", "malformed", "A packet did not agree with itself.", kWire},
+     kTooMuch},
+    {"decode_errors_total", "malformed", "A packet did not agree with itself.", kTooMuch},
     {"dropped_packets_total", "full",
      "Packets came faster than they were decoded: raise queue-bytes, or send less.", kTooMuch},
     {"dropped_packets_total", "shutdown", "Packets were left when the agent ended.", kTooMuch},

@@ -126,7 +126,7 @@ bool ParseForwardUrl(const std::string& text, ForwardUrl* url, std::string* erro
   // Most likely that was half of a password, which must go neither to a host nor into the log.
   if (rest.find('@') != std::string_view::npos) {
     *error =
-        "an @ behind the host has to be written as %40, and in a password /, ? and # as %2F, "
+        "an @ after the host has to be written as %40, and in a password /, ? and # as %2F, "
         "%3F and %23";
     return false;
   }

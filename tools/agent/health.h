@@ -138,7 +138,7 @@ class Health : public NumberList {
   Number series_bytes{this, kGauge, "tidegate_agent_series_bytes", "Bytes that they take."};
   Reasons<kRefusals> refused_points{this,
                                     "tidegate_agent_refused_points_total",
-                                    "Points that found no place in the table.",
+                                    "Points that the table did not take.",
                                     {"limit", "collision", "work", "ahead"}};
   // Of those reasons that are one of a series: kLimit and kCollision.
   Reasons<2> refused_series{this,
@@ -181,7 +181,7 @@ class Health : public NumberList {
   Number http_cut_slow{this, kCounter, kCut, kCutHelp, "slow"};
   Number http_cut_crowded{this, kCounter, kCut, kCutHelp, "crowded"};
   Number http_failed_pages{this, kCounter, "tidegate_agent_http_failed_pages_total",
-                           "Pages of metrics that could not be made."};
+                           "Pages and answers that could not be made."};
 };
 
 }  // namespace tidegate::agent

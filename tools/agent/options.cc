@@ -154,7 +154,7 @@ void Declare(CLI::App* app, Raw* raw) {
   app->add_flag("--timestamps", options.timestamps, "Write timestamps on /metrics");
   AddSeconds(app, "--ttl", 1, &raw->ttl, "Seconds after which a series without news is gone");
   AddSeconds(app, "--max-ahead", 1, &raw->max_ahead,
-             "Seconds that a point may be ahead of the host's clock to be shown on /metrics");
+             "Seconds that a point may be later than the host's clock to be shown on /metrics");
   app->add_option("--max-series", options.max_series, "Series that are kept at a time")
       ->check(CLI::Range(size_t{1}, size_t{1} << 32))
       ->capture_default_str();
