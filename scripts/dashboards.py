@@ -57,8 +57,9 @@ ROWS = [
               (f"tidegate_agent_queue_packets{AGENT}", f"{HOST} packets"),
               (f"tidegate_agent_merge_held_points{AGENT}", f"{HOST} points")),
         panel("Points merged", "short", "A second.", (agent_rate("merged_points_total"), HOST)),
-        panel("Memory in use", "bytes", "Of the table, of merging and of the queues.",
+        panel("Memory in use", "bytes", "Of the table, of its history, of merging and of the queues.",
               (f"tidegate_agent_series_bytes{AGENT}", f"{HOST} series"),
+              (f"tidegate_agent_history_bytes{AGENT}", f"{HOST} history"),
               (f"tidegate_agent_merge_bytes{AGENT}", f"{HOST} merging"),
               (f"tidegate_agent_queue_bytes{AGENT}", f"{HOST} packets")),
         panel("Uptime", "s", "Falls to zero when an agent is started again.",
@@ -99,9 +100,10 @@ ROWS = [
               (agent_rate("merge_refused_points_total", ", reason"), HOST + " {{reason}}")),
         panel("Memory that ran out", "short", "Times a second; each lost something.",
               (agent_rate("out_of_memory_total"), HOST)),
-        panel("Other trouble", "short", "A second: points not printed, series that processes share, packets without a "
-              "slot, HTTP clients cut off, pages that failed.",
+        panel("Other trouble", "short", "A second: points not printed, points not kept for --history, series that "
+              "processes share, packets without a slot, HTTP clients cut off, pages that failed.",
               (agent_rate("unprinted_points_total"), f"{HOST} not printed"),
+              (agent_rate("history_dropped_points_total"), f"{HOST} not kept"),
               (agent_rate("shared_series_total"), f"{HOST} shared series"),
               (agent_rate("slotless_packets_total"), f"{HOST} without a slot"),
               (agent_rate("http_cut_clients_total", ", reason"), HOST + " cut off {{reason}}"),
