@@ -4,7 +4,7 @@
 Simulates a fleet: each host has an agent that forwards to one database, which is away for a while.
 Discrete events, no real time, the same result on each run. It says how many requests reach the
 database in a second, how many points wait, how many are lost and when the last agent has caught up,
-with and without --spread, and with and without a bound of the rate after the outage.
+with --spread and with --no-spread, and with and without a bound of the rate after the outage.
 
 The agents are modelled by tools/agent: batches, queue, pauses after failures, times of sending. The
 costs of a request are those of docs/capacity.md. The database is a number of cores that serve
