@@ -63,7 +63,9 @@ class PacketQueueTest : public testing::Test {
     Message message;
     while (queue_.Pop(&message, milliseconds(0)) == PacketQueue::Result::kItem) {
       texts.emplace_back(message.data.get());
+      EXPECT_FALSE(queue_.IsIdle());
     }
+    EXPECT_TRUE(queue_.IsIdle());
     EXPECT_EQ(health_.queued_packets + health_.queued_bytes, 0U);
     return texts;
   }

@@ -117,9 +117,15 @@ TEST(BatchQueueTest, IsWaitedForAfterFlushUntilItsEnd) {
     queue.Append("x", 1);
     queue.End();
   });
-  EXPECT_FALSE(queue.Take(until + seconds(3600)).empty());
-  EXPECT_TRUE(queue.Take(until + seconds(3600)).empty());
+  Batches batch = queue.Take(until + seconds(3600));
   last.join();
+  ASSERT_FALSE(batch.empty());
+  batch.front().packed = true;
+  queue.ReturnPacked(std::move(batch));
+  EXPECT_FALSE(queue.Take(until + seconds(3600)).empty());
+  EXPECT_FALSE(queue.IsIdle());  // it is being sent
+  EXPECT_TRUE(queue.Take(until + seconds(3600)).empty());
+  EXPECT_TRUE(queue.IsIdle());
 }
 
 }  // namespace

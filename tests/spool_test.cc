@@ -141,6 +141,21 @@ TEST_F(SpoolTest, DamageCostsOneRecord) {
   for (size_t size = 0; size <= kSegmentMagic.size(); ++size) expect(whole.substr(0, size), {}, 0);
 }
 
+TEST_F(SpoolTest, WaitsForADescriptor) {
+  Restart();
+  Append("one");
+  Restart();  // now the file is not open
+  rlimit before = {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit none = {0, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  const Batches taken = spool_->Take();
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_THAT(taken, IsEmpty());
+  EXPECT_THAT(Rest(), ElementsAre("one"));
+  EXPECT_EQ(numbers_.spool_failures, 1U);
+}
+
 TEST_F(SpoolTest, DropsItsOldestSegmentAboveTheBound) {
   const std::string body(1000, 'b');  // more than a segment has, so that each is one
   const uint64_t size = kSegmentMagic.size() + kRecordHeadSize + body.size();

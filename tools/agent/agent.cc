@@ -21,8 +21,8 @@
 namespace tidegate::agent {
 namespace {
 
-constexpr std::chrono::seconds kLogDrain(2);
-constexpr std::chrono::seconds kHttpDrain(2);
+// At the end, for slow clients of the HTTP side and a slow reader of the log.
+constexpr std::chrono::seconds kReadersDrain(2);
 constexpr std::chrono::minutes kPrintingLineInterval(1);
 
 // For the last packets of the services, though the time of --drain may be over by then.
@@ -54,6 +54,12 @@ SeriesTable::Options ShownTableOptions(const Options& options) {
   shown.history = options.history;
   shown.history_bytes = options.history_bytes;
   return shown;
+}
+
+std::chrono::milliseconds Left(std::chrono::steady_clock::time_point end) {
+  const auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+  return std::max(left, std::chrono::milliseconds(0));
 }
 
 std::string Listed(const std::set<std::string>& names) {
@@ -182,7 +188,7 @@ bool Agent::Linger(Clock::time_point end) {
   destinations_.Flush();
   bool in_time = true;
   const auto done = [&] {
-    if (health_.queued_packets == 0 && destinations_.IsIdle()) return true;
+    if (queue_.IsIdle() && destinations_.IsIdle()) return true;  // points go from left to right
     in_time = Clock::now() < end;
     return !in_time;
   };
@@ -249,8 +255,9 @@ void Agent::ChangeTo(const Options& next) {
 }
 
 int Agent::End(int status) {
-  const bool http_ended = !http_ || http_->Stop(kHttpDrain);
-  log_.Finish(kLogDrain);
+  const Clock::time_point end = Clock::now() + kReadersDrain;
+  const bool http_ended = !http_ || http_->Stop(kReadersDrain);
+  log_.Finish(Left(end));
   // A slow client may not keep the process. Its thread still uses members that the destructors
   // would destroy.
   if (!http_ended) std::_Exit(status);
@@ -338,14 +345,10 @@ void Agent::AppendPage(std::string* page) {
 }
 
 bool Agent::FinishOutputs(Clock::time_point end) {
-  const auto left = [end] {
-    const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
-    return std::max(time, std::chrono::milliseconds(0));
-  };
-  destinations_.Stop(left());
+  destinations_.Stop(Left(end));
   if (!printer_) return true;
   // It has printed meanwhile.
-  printer_->Finish(left());
+  printer_->Finish(Left(end));
   // A reader that has seen enough is no failure.
   if (printer_->error() == 0 || printer_->error() == EPIPE) return true;
   log_.Report("cannot write points: " + std::generic_category().message(printer_->error()),

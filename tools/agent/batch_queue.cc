@@ -60,6 +60,7 @@ uint64_t BatchQueue::Append(std::string_view lines, uint64_t points) {
 
 Batches BatchQueue::Take(Clock::time_point until) {
   const WriteGuard lock(mutex_);
+  taken_points_ = 0;
   packing_ = false;
   while (true) {
     const Clock::time_point now = Clock::now();
@@ -67,11 +68,11 @@ Batches BatchQueue::Take(Clock::time_point until) {
     const Next next = WhatIsNext();
     if (next == Next::kSpooled) times_.CatchUp();
     if (IsSendable(next) && now >= times_.send_at()) {
-      return next == Next::kPacked ? Pop(&packed_, packed_.begin()) : Batches();
+      return next == Next::kPacked ? PopToSend(&packed_) : Batches();
     }
     if (!raw_.empty()) {
       packing_ = true;
-      return Pop(&raw_, raw_.begin());
+      return PopToSend(&raw_);
     }
     if (next == Next::kNothing && times_.is_open()) times_.Emptied(now, WallClock::now());
     if (now >= until || (ended_ && next == Next::kNothing)) return {};
@@ -198,7 +199,7 @@ QueueSize BatchQueue::Size() const {
 
 bool BatchQueue::IsIdle() const {
   const WriteGuard lock(mutex_);
-  return size_.points + OpenPoints() == 0 && !packing_;
+  return size_.points + OpenPoints() + taken_points_ == 0;
 }
 
 void BatchQueue::CloseOpen() {
@@ -218,6 +219,11 @@ Batches BatchQueue::Pop(Batches* batches, Batches::iterator at) {
   size_.points -= batch.front().points;
   size_.bytes -= batch.front().body.capacity();
   return batch;
+}
+
+Batches BatchQueue::PopToSend(Batches* batches) {
+  taken_points_ = batches->front().points;
+  return Pop(batches, batches->begin());
 }
 
 uint64_t BatchQueue::DropAboveLimits() {

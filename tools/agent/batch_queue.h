@@ -102,7 +102,8 @@ class BatchQueue {
 
   QueueSize Size() const;
 
-  // Whether no points wait, those of a batch included that is just being packed.
+  // Whether no points wait, those included that the one that sends has: it has dealt with them when
+  // it calls Take again.
   bool IsIdle() const;
 
  private:
@@ -115,6 +116,7 @@ class BatchQueue {
   }
   void Count(const Batch& batch) METRICS_REQUIRES(mutex_);
   Batches Pop(Batches* batches, Batches::iterator at) METRICS_REQUIRES(mutex_);
+  Batches PopToSend(Batches* batches) METRICS_REQUIRES(mutex_);
   uint64_t DropAboveLimits() METRICS_REQUIRES(mutex_);
   Next WhatIsNext() const METRICS_REQUIRES(mutex_);
   Batches::iterator FirstToSpool() METRICS_REQUIRES(mutex_);
@@ -138,8 +140,9 @@ class BatchQueue {
   SendTimes times_ METRICS_GUARDED_BY(mutex_);
   bool flushing_ METRICS_GUARDED_BY(mutex_) = false;
   bool ended_ METRICS_GUARDED_BY(mutex_) = false;
-  bool packing_ METRICS_GUARDED_BY(mutex_) = false;  // the one that sends has a batch to pack it
-  bool spooling_ METRICS_GUARDED_BY(mutex_);         // the one that spools has a batch
+  uint64_t taken_points_ METRICS_GUARDED_BY(mutex_) = 0;  // that the one that sends has
+  bool packing_ METRICS_GUARDED_BY(mutex_) = false;       // in a batch that it packs
+  bool spooling_ METRICS_GUARDED_BY(mutex_);              // the one that spools has a batch
   bool spooling_ended_ METRICS_GUARDED_BY(mutex_) = false;
 };
 

@@ -72,7 +72,7 @@ void Forwarder::Stop(milliseconds drain) {
 }
 
 void Forwarder::DropWhatIsLeft() {
-  const uint64_t left = queue_.Clear() + sending_;
+  const uint64_t left = queue_.Clear();
   PublishSize();
   numbers_->Dropped(ForwardDrop::kShutdown) += left;
   if (left == 0) return;
@@ -86,9 +86,7 @@ void Forwarder::Flush() {
   queue_.Flush();
 }
 
-bool Forwarder::IsIdle() const {
-  return numbers_->held_points == 0 && sending_ == 0 && queue_.IsIdle();
-}
+bool Forwarder::IsIdle() const { return numbers_->held_points == 0 && queue_.IsIdle(); }
 
 void Forwarder::Handle(const Packet& packet, const ClientId& client) {
   left_ = packet.series_count;
@@ -167,7 +165,8 @@ void Forwarder::SendHealthIfDue() {
 void Forwarder::DeliverSpooled() {
   if (spooled_.parts.empty()) {
     spooled_.splits = 0;
-    if (!Survives(health_, [&] { spooled_.parts = spool_.Take(); })) {
+    Survives(health_, [&] { spooled_.parts = spool_.Take(); });
+    if (spooled_.parts.empty() && !spool_.empty()) {  // there was no memory or no descriptor for it
       queue_.ReturnUnsent({}, Clock::now() + options_.first_pause);
     }
   }
@@ -199,7 +198,6 @@ void Forwarder::Pack(Batches* batch) {
 }
 
 void Forwarder::DeliverQueued(Batches* batch) {
-  sending_ = batch->front().points;
   BatchSender::Delivery delivery;
   delivery.parts.swap(*batch);
   const bool survived = Survives(health_, [&] {
@@ -209,7 +207,6 @@ void Forwarder::DeliverQueued(Batches* batch) {
     sender_.ReportOutage();
   });
   if (!survived) CountLost(delivery.parts);
-  sending_ = 0;
 }
 
 DestinationStatus Forwarder::Status() const {

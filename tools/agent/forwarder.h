@@ -97,7 +97,7 @@ class Forwarder : public PacketSink {
   std::thread thread_;
   std::promise<void> end_;
   const std::future<void> ended_{end_.get_future()};
-  std::atomic<uint64_t> sending_{0};  // points that are under way
+
   std::atomic<bool> flushing_{false};
 
   // Of Handle and Tick.

@@ -53,6 +53,7 @@ PacketQueue::Result PacketQueue::Pop(Message* message, std::chrono::milliseconds
   Senders late;
   const Clock::time_point until = Clock::now() + timeout;
   const WriteGuard lock(mutex_);
+  decoding_ = false;
   while (!closed_ && turns_.empty() && ready_.WaitUntil(mutex_, until)) {
   }
   if (closed_ && Clock::now() >= deadline_) DropAll(&late);
@@ -61,8 +62,14 @@ PacketQueue::Result PacketQueue::Pop(Message* message, std::chrono::milliseconds
   turns_.splice(turns_.end(), turns_, sender);
   TakeOldest(sender, &taken);
   UpdateHealth();
+  decoding_ = true;
   *message = std::move(taken.front());
   return Result::kItem;
+}
+
+bool PacketQueue::IsIdle() const {
+  const WriteGuard lock(mutex_);
+  return turns_.empty() && !decoding_;
 }
 
 bool PacketQueue::Holds(const ProcessId& sender) const {

@@ -22,8 +22,8 @@ namespace tidegate::agent {
 // sender that fills most of the queue loses its oldest message, which is counted. A sender is a
 // process with all its connections; where the kernel names none, a connection.
 //
-// Threads: Push from the reader, the others from the decoder; Close from any. No lock is held for
-// longer than it takes to move a few messages. Borrows `health`.
+// Threads: Push from the reader, the others from the decoder; IsIdle and Close from any. No lock is
+// held for longer than it takes to move a few messages. Borrows `health`.
 class PacketQueue {
  public:
   using Clock = std::chrono::steady_clock;
@@ -38,6 +38,9 @@ class PacketQueue {
 
   // Waits for a message. A closed queue still hands out what is in it, until its deadline.
   Result Pop(Message* message, std::chrono::milliseconds timeout);
+
+  // Whether no message waits, and the decoder, which waits in Pop, has none.
+  bool IsIdle() const;
 
   // Whether messages of that sender wait.
   bool Holds(const ProcessId& sender) const;
@@ -83,6 +86,7 @@ class PacketQueue {
   std::set<std::pair<size_t, ProcessId>> sizes_ METRICS_GUARDED_BY(mutex_);
   size_t bytes_ METRICS_GUARDED_BY(mutex_) = 0;  // of all
   size_t packets_ METRICS_GUARDED_BY(mutex_) = 0;
+  bool decoding_ METRICS_GUARDED_BY(mutex_) = false;  // the decoder has a message
   bool closed_ METRICS_GUARDED_BY(mutex_) = false;
   Clock::time_point deadline_ METRICS_GUARDED_BY(mutex_);  // once closed
 

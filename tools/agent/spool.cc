@@ -21,6 +21,8 @@ constexpr uint64_t kSegments = 16;
 
 std::string ErrorText(int error) { return std::generic_category().message(error); }
 
+bool IsShortage(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
+
 off_t AsOffset(uint64_t number) { return static_cast<off_t>(number); }
 
 bool ReadAll(const UniqueFd& file, uint64_t offset, char* bytes, size_t size) {
@@ -198,6 +200,10 @@ Batches Spool::Take() {
   const WriteGuard lock(mutex_);
   while (waiting_ > 0) {
     Segment& segment = segments_.front();
+    if (!FileOf(&segment).valid() && IsShortage(errno)) {  // the file itself may be good
+      ++numbers_->spool_failures;
+      return {};
+    }
     const SpoolRecord& record = segment.waiting.front();
     Batches batch(1);
     batch.front().points = record.points;

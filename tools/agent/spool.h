@@ -51,7 +51,8 @@ class Spool {
   // dropped and counted.
   bool Append(const Batch& batch);
 
-  // The oldest batch, which stays until Settle; an empty list if there is none.
+  // The oldest batch, which stays until Settle; an empty list if there is none, or as long as there
+  // is no descriptor for its file.
   // REQUIRES: the one before was settled.
   Batches Take();
 
