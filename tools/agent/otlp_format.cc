@@ -5,66 +5,11 @@
 #include <utility>
 
 #include "agent/gzip.h"
-#include "agent/ordered_writer.h"
+#include "agent/otlp_point_writer.h"
 #include "agent/otlp_reply.h"
 
 namespace tidegate::agent {
 namespace {
-
-constexpr size_t kPieceBytes = size_t{64} << 10;
-
-// The points of a packet share their resources.
-class OtlpPointWriter : public OrderedWriter {
- public:
-  OtlpPointWriter(const OtlpAttributes& attributes, const std::string& host,
-                  const SeriesTable::Options& table)
-      : OrderedWriter(table), writer_(attributes, host) {}
-
-  Held held() const override {
-    Held held = OrderedWriter::held();
-    held.points += points_;
-    held.bytes += writer_.bytes();
-    return held;
-  }
-
- protected:
-  size_t WritePoint(const KeyedSeries& series, const Series& record, int64_t timestamp,
-                    PointOutput* out) override {
-    // Before the point: it is not among those that are lost if this fails.
-    if (writer_.bytes() >= kPieceBytes) EndPoints(out);
-    try {
-      if (writer_.Append(series, record, timestamp)) {
-        ++points_;
-      } else {
-        out->Drop(ForwardDrop::kEmpty, 1);
-      }
-    } catch (...) {
-      Lose(out);
-      throw;
-    }
-    return writer_.tried_bytes();
-  }
-
-  void EndPoints(PointOutput* out) override {
-    if (points_ == 0) return;
-    try {
-      writer_.Take(out->bytes());
-    } catch (...) {
-      Lose(out);
-      throw;
-    }
-    out->End(std::exchange(points_, 0));
-  }
-
- private:
-  void Lose(PointOutput* out) {
-    writer_.Clear();
-    out->Drop(ForwardDrop::kMemory, std::exchange(points_, 0));
-  }
-
-  OtlpWriter writer_;
-  uint64_t points_ = 0;  // in writer_
-};
 
 // Names are sent as they are, so none can collide.
 SeriesTable::Options WithoutPage(SeriesTable::Options options) {
