@@ -128,20 +128,6 @@ TEST(AllocationTest, NoneOnAKnownSeries) {
   EXPECT_GT(allocations, 0) << "not counted at all";
 }
 
-// Whether `attempt` gets through with `left` allocations.
-template <class Attempt>
-bool Manages(long left, Attempt attempt) {
-  bool managed = true;
-  allocations_left = left;
-  try {
-    attempt();
-  } catch (const std::bad_alloc&) {
-    managed = false;
-  }
-  allocations_left = -1;
-  return managed;
-}
-
 TEST(AllocationTest, NoneInARoundOfSamplers) {
   tidegate::Options options;
   options.service = "s";

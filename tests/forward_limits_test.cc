@@ -50,9 +50,8 @@ TEST_F(ForwarderTest, CutsLongPacketsIntoBatches) {
 
 TEST_F(ForwarderTest, LimitsTheLinesOfOnePacket) {
   Make(Options("http://127.0.0.1:1"));
-  Packet packet;
-  packet.blocks.push_back(MakeBlock(1, std::string((256 << 10) - 100, 'm'), {},
-                                    std::vector<Series>(2000, {0, {}, {}, {1}})));
+  Packet packet = PacketWith(MakeBlock(1, std::string((256 << 10) - 100, 'm'), {},
+                                       std::vector<Series>(2000, {0, {}, {}, {1}})));
   forwarder_->Handle(packet, ClientId());
   EXPECT_NEAR(static_cast<double>(numbers_.Dropped(ForwardDrop::kEmpty)), 2000 - 1025, 10);
   // Lines that are too long take as much work, so that the next block is beyond the limit too.
@@ -96,8 +95,7 @@ TEST_F(ForwarderTest, ADestinationThatHangsHoldsNobodyUp) {
   all.AddSinks(&sinks);
   all.Start();
   constexpr uint64_t kPoints = 200;
-  Packet packet;
-  packet.blocks.push_back(MakeBlock(1, "m", {}, {{0, {}, {}, {1}}}));
+  const Packet packet = PacketWith(MakeBlock(1, "m", {}, {{0, {}, {}, {1}}}));
   for (uint64_t i = 0; i < kPoints; ++i) {
     for (PacketSink* sink : sinks) sink->Handle(packet, ClientId());
   }

@@ -18,8 +18,7 @@ constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 std::string Lines(const Block& block, ProcessLabel label = ProcessLabel::kNone) {
   LineWriter writer(label);
-  Packet packet;
-  packet.tenant = "t1";
+  const Packet packet = PacketWith(block);
   const ClientId client{42};
   writer.StartBlock(packet, client, block);
   std::string lines;

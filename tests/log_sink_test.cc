@@ -5,15 +5,12 @@
 #include "metrics/bound_series.h"
 #include "metrics/metric_collector_factory.h"
 #include "metrics/metric_factory.h"
-#include "support/counted_allocations.h"
 #include "support/environment.h"
-#include "support/failing_new.h"
+#include "support/limited_allocations.h"
 #include "tidegate/service_metrics.h"
 #include "util/log_sink.h"
 #include "util/metric_lock.h"
 #include "util/metric_log.h"
-
-static bool NextAllocationFails() { return IsOneTooMany(); }
 
 namespace METRICS {
 namespace {

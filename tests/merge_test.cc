@@ -12,10 +12,7 @@
 #include <vector>
 
 #include "support/blocks.h"
-#include "support/counted_allocations.h"
-#include "support/failing_new.h"
-
-static bool NextAllocationFails() { return IsOneTooMany(); }
+#include "support/limited_allocations.h"
 
 namespace tidegate::agent {
 namespace {
@@ -396,14 +393,10 @@ TEST_F(MergeTest, SurvivesALackOfMemoryAnywhere) {
     failed = false;
     for (const int64_t time : {0, 10, 0}) {
       Packet packet = PacketOf(time, points);
-      try {
-        allocations_left = n;
+      failed |= !Manages(n, [&] {
         stage_->Handle(packet, {static_cast<pid_t>(time + 1)});
         stage_->Flush();
-      } catch (const std::bad_alloc&) {
-        failed = true;
-      }
-      allocations_left = -1;
+      });
     }
     // What comes after that is as ever.
     Flush();
@@ -428,16 +421,9 @@ TEST_F(MergeTest, HoldsNoSeriesWithoutItsPoint) {
   bool failed = true;
   for (long n = 0; failed; ++n) {
     Make(options);
-    failed = false;
     Send(2, 0, {});  // is waited for
     const Packet packet = PacketOf(200, {{3, "c", {}, {4}}});
-    try {
-      allocations_left = n;
-      stage_->Handle(packet, {1});
-    } catch (const std::bad_alloc&) {
-      failed = true;
-    }
-    allocations_left = -1;
+    failed = !Manages(n, [&] { stage_->Handle(packet, {1}); });
     Until(40);
     EXPECT_EQ(health_.merge_held_points, health_.merge_series);
     Flush();

@@ -18,10 +18,7 @@
 #include "agent/forwarder.h"
 #include "agent/otlp_format.h"
 #include "support/blocks.h"
-#include "support/counted_allocations.h"
-#include "support/failing_new.h"
-
-static bool NextAllocationFails() { return IsOneTooMany(); }
+#include "support/limited_allocations.h"
 
 namespace tidegate::agent {
 namespace {

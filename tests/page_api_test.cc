@@ -27,11 +27,8 @@ constexpr int64_t kTime = 1700000000;
 Packet PacketOf(uint8_t type, const std::string& name, std::vector<Tag> tags,
                 std::vector<double> values, int64_t time = kTime,
                 const std::vector<std::string>& columns = {}) {
-  Packet packet;
-  packet.tenant = "t1";
-  packet.blocks = {
-      MakeBlock(type, name, columns, {{0, std::move(tags), {}, std::move(values)}}, time)};
-  return packet;
+  return PacketWith(
+      MakeBlock(type, name, columns, {{0, std::move(tags), {}, std::move(values)}}, time));
 }
 
 class PageApiTest : public testing::Test {

@@ -98,11 +98,8 @@ class RemoteWriteTest : public testing::Test {
   static Packet PacketOf(uint8_t type, const std::string& name, int64_t time, std::vector<Tag> tags,
                          std::vector<double> values, const std::vector<std::string>& columns = {},
                          std::vector<uint32_t> indexes = {}) {
-    Packet packet;
-    packet.tenant = "t1";
-    packet.blocks = {MakeBlock(
-        type, name, columns, {{0, std::move(tags), std::move(indexes), std::move(values)}}, time)};
-    return packet;
+    return PacketWith(MakeBlock(
+        type, name, columns, {{0, std::move(tags), std::move(indexes), std::move(values)}}, time));
   }
   void Handle(const Packet& packet) {
     writer_->StartBlock(packet, client_, packet.blocks[0]);

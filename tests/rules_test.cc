@@ -9,10 +9,7 @@
 #include <vector>
 
 #include "golden/golden_file.h"
-#include "support/counted_allocations.h"
-#include "support/failing_new.h"
-
-static bool NextAllocationFails() { return IsOneTooMany(); }
+#include "support/limited_allocations.h"
 
 namespace tidegate::agent {
 namespace {
@@ -406,17 +403,12 @@ TEST_F(RulesTest, SurviveALackOfMemoryAnywhere) {
     Make("", false);
     Packet packet = PacketOf(points);
     std::vector<Rule> rules = RulesFrom(settings);
-    failed = false;
-    try {
-      allocations_left = n;
+    failed = !Manages(n, [&] {
       rules_->Change(std::move(rules), {});
       rules_->Apply(&packet);
       rules_->HandOn(&packet, {});
       merge_->Flush();
-    } catch (const std::bad_alloc&) {
-      failed = true;
-    }
-    allocations_left = -1;
+    });
     Change(settings);
     Flush();
     Send(PacketOf(points, "t", 10));

@@ -11,10 +11,7 @@
 #include <vector>
 
 #include "support/blocks.h"
-#include "support/counted_allocations.h"
-#include "support/failing_new.h"
-
-static bool NextAllocationFails() { return IsOneTooMany(); }
+#include "support/limited_allocations.h"
 
 namespace tidegate::agent {
 namespace {
@@ -50,11 +47,8 @@ class SeriesTableTest : public testing::Test {
         });
   }
   static Packet PacketOf(const Point& point) {
-    Packet packet;
-    packet.tenant = "t1";
-    packet.blocks = {MakeBlock(point.type, point.name, point.columns,
-                               {{0, point.tags, point.indexes, point.values}}, point.time)};
-    return packet;
+    return PacketWith(MakeBlock(point.type, point.name, point.columns,
+                                {{0, point.tags, point.indexes, point.values}}, point.time));
   }
   void Handle(const Point& point) { table_->Handle(PacketOf(point), {77}); }
   std::string Page(bool timestamps = false) {
@@ -377,14 +371,10 @@ TEST_F(SeriesTableTest, OutlivesEveryFailingAllocation) {
       for (const Point& point : kPoints) {
         const Packet packet = PacketOf(point);
         std::string page;
-        allocations_left = failing ? n : -1;
-        try {
+        failed |= !Manages(failing ? n : -1, [&] {
           table_->Handle(packet, {77});
           table_->AppendPage(false, &page);
-        } catch (const std::bad_alloc&) {
-          failed = true;
-        }
-        allocations_left = -1;
+        });
       }
     };
     try_all(true);

@@ -106,13 +106,8 @@ TEST(ShortageTest, WithoutAThreadACallLeavesNothingAndTheNextOneTriesAgain) {
   METRICS::MetricRegistry* registry = nullptr;
   // A forked child would abandon a table of senders that is being changed.
   for (long left = 0; registry == nullptr; ++left) {
-    allocations_left = left;
-    try {
-      client.CreateRegistry(registry, {"p", {{"k", "v"}}, tenant});
-    } catch (const std::bad_alloc&) {
-      ++refused;
-    }
-    allocations_left = -1;
+    const auto create = [&] { client.CreateRegistry(registry, {"p", {{"k", "v"}}, tenant}); };
+    refused += Manages(left, create) ? 0 : 1;
     const size_t standing = registry == nullptr ? 1 : 2;
     EXPECT_EQ(client.metric_factory_->GetAllRegistryNames().size(), standing);
     client.sender_manager_->RepairAfterFork();
@@ -139,12 +134,7 @@ TEST(ShortageTest, AClientThatLacksAPartMakesNothing) {
   for (long left = 0; code != ReturnCode::kOk; ++left) {
     MetricClient client;
     auto configer = std::make_unique<TestConfiger>();
-    allocations_left = left;
-    try {
-      code = client.Init(configer.get(), nullptr, nullptr, {false, false});
-    } catch (const std::bad_alloc&) {
-    }
-    allocations_left = -1;
+    Manages(left, [&] { code = client.Init(configer.get(), nullptr, nullptr, {false, false}); });
     if (client.configer_ != nullptr && client.configer_->impl_ != nullptr) {
       static_cast<void>(configer.release());
     } else {

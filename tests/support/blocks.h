@@ -25,4 +25,11 @@ inline Block MakeBlock(uint8_t type, const std::string& name, const Columns& col
   return block;
 }
 
+inline Packet PacketWith(Block block) {
+  Packet packet;
+  packet.tenant = "t1";
+  packet.blocks.push_back(std::move(block));
+  return packet;
+}
+
 }  // namespace tidegate::agent

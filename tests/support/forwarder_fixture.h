@@ -100,14 +100,9 @@ class ForwarderTest : public testing::Test {
     forwarder_->Start();
   }
   void Handle(double value) { HandleBlock(MakeBlock(1, "m", {}, {{0, {}, {}, {value}}})); }
-  void HandleBlock(const Block& block) {
-    Packet packet;
-    packet.tenant = "t";
-    packet.blocks.push_back(block);
-    forwarder_->Handle(packet, ClientId());
-  }
+  void HandleBlock(const Block& block) { forwarder_->Handle(PacketWith(block), ClientId()); }
   static std::string LineOf(int value) {
-    return "m,tenant=t value=" + std::to_string(value) + " 1700000000000000000\n";
+    return "m,tenant=t1 value=" + std::to_string(value) + " 1700000000000000000\n";
   }
   // For what happens on other threads: 20 seconds at most.
   static bool Await(const std::function<bool()>& condition) {
