@@ -126,7 +126,8 @@ TopPage::Line TopPage::Head() const {
   text += ", process " + CountAt(agent, "pid");
   if (!TextAt(agent, "host").empty()) text += " on " + TextAt(agent, "host");
   text += ", up " + AgeText(NumberAt(agent, "uptime_s"));
-  text += ", " + std::to_string(At(status_, "services").size()) + " services, ";
+  const size_t services = At(status_, "services").size();
+  text += ", " + std::to_string(services) + (services == 1 ? " service, " : " services, ");
   text += RateText(rate) + " points/s";
   return {std::move(text), Line::Look::kBold};
 }
