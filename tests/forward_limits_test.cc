@@ -163,9 +163,9 @@ TEST_F(ForwarderTest, BoundsEveryReplyInBytesAndTime) {
   // And one connection for both of these.
   const UniqueFd client = port.Accept();
   for (uint64_t points = 1; points <= 2; ++points) {
+    if (points == 2) Handle(2);
     Answer(client.get(), {"HTTP/1.1 204 No Content\r\n\r\n", "", 0, ""});
     EXPECT_TRUE(Await([&] { return numbers_.forwarded_points == points; }));
-    Handle(2);
   }
   forwarder_->Stop(milliseconds(0));
   struct rusage after = {};
