@@ -61,7 +61,7 @@ class BatchSender {
   // Follows the last Redirect. To be called before a batch is waited for.
   void TakeTarget();
 
-  // From now on sends to `target`, and at once.
+  // From now on sends to `target`: at once, or after the request that is under way.
   void Redirect(const ForwardTarget& target);
 
   // From now on makes no long pauses, and no request lasts beyond `end`.

@@ -48,7 +48,8 @@ class Forwarder : public PacketSink {
   void BeginStop(std::chrono::milliseconds drain);
   void Stop(std::chrono::milliseconds drain);
 
-  // From now on sends to `target`, also the points that wait, and at once. From any thread.
+  // From now on sends to `target`, also the points that wait: at once, or after the request that is
+  // under way. From any thread.
   void Redirect(const ForwardTarget& target) { sender_.Redirect(target); }
 
   // From any thread.
